@@ -1,0 +1,36 @@
+// logclient/: the client of the logger daemon vtlogd: classes of events, their levels from the configuration
+// store, and delivery. A call returns when the daemon has answered; an event that can't be delivered is lost.
+#pragma once
+
+#include <cstdint>
+
+// Event kinds: the top 16 bits of an event word.
+inline constexpr std::uint32_t kEventVirus = 0x10000;
+inline constexpr std::uint32_t kEventWarning = 0x20000;
+inline constexpr std::uint32_t kEventError = 0x40000;
+inline constexpr std::uint32_t kEventUnclassed = 0x80000;
+inline constexpr std::uint32_t kEventInfo = 0x100000;
+inline constexpr std::uint32_t kEventOnDemand = 0x1000000;
+inline constexpr std::uint32_t kEventFileNotScanned = 0x2000000;
+inline constexpr std::uint32_t kEventRuleMatched = 0x4000000;
+inline constexpr std::uint32_t kEventUpdateInfo = 0x8000000;
+inline constexpr std::uint32_t kEventUpdateError = 0x10000000;
+inline constexpr std::uint32_t kEventProductUpdate = 0x20000000;
+inline constexpr std::uint32_t kEventReportGenerated = 0x40000000;
+
+// Levels: bits 8 to 11. A word without any of the first three takes the level of its class.
+inline constexpr std::uint32_t kLevelHigh = 0x100;
+inline constexpr std::uint32_t kLevelMedium = 0x200;
+inline constexpr std::uint32_t kLevelLow = 0x400;
+inline constexpr std::uint32_t kLevelNone = 0x800;
+
+// Opens the endpoint (no pipe), reads the levels and follows their changes. label: at most 31 characters are
+// kept. Counted. 0, or -1.
+int LogClientInit(const char* label, std::uint32_t store);
+void LogClientUninit();
+
+// Sends one event: the word, then as many arguments as its kind reads (const char*; argument 12 of a Virus
+// event is an int). Arguments 3 and 4 of a Virus event are char* that the call may cut at "(alert)". Any thread.
+// 0 if the daemon has answered; -15 if the level is none; -1 for an unknown kind or a missing required argument;
+// -13 if the message can't be built; else the status of the delivery.
+int LogClientEvent(std::uint32_t event, ...);

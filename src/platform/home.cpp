@@ -53,8 +53,10 @@ HomeState Prepare() {
     if (stat(path.c_str(), &info) != 0) return {"", path + ": " + std::strerror(errno)};
     if (!S_ISDIR(info.st_mode)) return {"", path + ": not a directory"};
     // Whoever can write here could put a socket or a spool file of their own in the place of ours.
-    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) return {"", path + ": refused, other users can write to it"};
-    if (info.st_uid != geteuid() && info.st_uid != 0) return {"", path + ": refused, owned by another user"};
+    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        return {"", path + ": refused, other users can write to it"};
+    if (info.st_uid != geteuid() && info.st_uid != 0)
+        return {"", path + ": refused, owned by another user"};
     for (const char* folder : {"pipes", "tmp", "services", "registry"}) {
         const std::string below = path + "/" + folder;
         if (mkdir(below.c_str(), 0700) != 0 && errno != EEXIST)

@@ -5,9 +5,10 @@
 
 namespace platform {
 
-// The directory of this process's instance: VANTREL_HOME, or the default for the user. Without a final slash.
-// Made when first asked for, with the folders pipes, tmp, services, registry and modes that let no other user
-// in. Empty if it can't be made, others can write to it, or it is owned by another user (HomeError says which).
+// The directory of this process's instance: VANTREL_HOME, or the default for the user. Without a
+// final slash. Made when first asked for, with the folders pipes, tmp, services, registry and modes
+// that let no other user in. Empty if it can't be made, others can write to it, or it is owned by
+// another user (HomeError says which).
 const std::string& Home();
 // Why Home is empty, for a person; empty text if it isn't.
 const std::string& HomeError();

@@ -1,4 +1,5 @@
-// Inside platform/ only: the objects behind handles, and the one wait that all waiting operations use.
+// Inside platform/ only: the objects behind handles, and the one wait that all waiting operations
+// use.
 #pragma once
 
 #include <poll.h>
@@ -11,7 +12,8 @@
 
 namespace platform {
 
-// What a HANDLE points to. Counted: one reference a handle, further ones for the layer's own tables.
+// What a HANDLE points to. Counted: one reference a handle, further ones for the layer's own
+// tables.
 class Object {
   public:
     Object() = default;
@@ -32,16 +34,18 @@ class Object {
 
 inline HANDLE ToHandle(Object* object) { return static_cast<HANDLE>(object); }
 inline Object* FromHandle(HANDLE handle) {
-    return handle == nullptr || handle == INVALID_HANDLE_VALUE ? nullptr : static_cast<Object*>(handle);
+    return handle == nullptr || handle == INVALID_HANDLE_VALUE ? nullptr
+                                                               : static_cast<Object*>(handle);
 }
 
-// An object that can be waited on: a count (events: 0 or 1) and, once somebody had to sleep, a descriptor that
-// is readable while the count is above 0 and somebody waits.
+// An object that can be waited on: a count (events: 0 or 1) and, once somebody had to sleep, a
+// descriptor that is readable while the count is above 0 and somebody waits.
 class Waitable : public Object {
   public:
     enum class Kind { kManualEvent, kAutoEvent, kSemaphore };
 
-    Waitable(Kind kind, LONG initial, LONG maximum) : kind_(kind), count_(initial), maximum_(maximum) {}
+    Waitable(Kind kind, LONG initial, LONG maximum)
+        : kind_(kind), count_(initial), maximum_(maximum) {}
     ~Waitable() override;
 
     // Raises the count by n; false (unchanged) if a semaphore's maximum would be passed.
@@ -49,8 +53,8 @@ class Waitable : public Object {
     void Reset();
     // If signalled: takes what one wait takes and gives true.
     bool TryConsume();
-    // Registers the calling thread as a waiter and gives the descriptor to poll for POLLIN; -1 on failure.
-    // Each successful call is followed by one EndWait.
+    // Registers the calling thread as a waiter and gives the descriptor to poll for POLLIN; -1 on
+    // failure. Each successful call is followed by one EndWait.
     int BeginWait();
     void EndWait();
     Kind kind() const { return kind_; }
@@ -60,16 +64,16 @@ class Waitable : public Object {
 
     const Kind kind_;
     std::mutex mutex_;
-    LONG count_;            // guarded by mutex_
+    LONG count_;  // guarded by mutex_
     const LONG maximum_;
-    int waiters_ = 0;       // guarded by mutex_
-    int descriptor_ = -1;   // guarded by mutex_
-    bool raised_ = false;   // guarded by mutex_: the descriptor is readable
+    int waiters_ = 0;      // guarded by mutex_
+    int descriptor_ = -1;  // guarded by mutex_
+    bool raised_ = false;  // guarded by mutex_: the descriptor is readable
 };
 
-// Waits until one of the objects is signalled (its index is given and it is consumed), one of the extra
-// descriptors shows an event (objects.size() is given, revents are filled in), or the time is over
-// (WAIT_TIMEOUT). WAIT_FAILED on failure. At most MAXIMUM_WAIT_OBJECTS of each.
+// Waits until one of the objects is signalled (its index is given and it is consumed), one of the
+// extra descriptors shows an event (objects.size() is given, revents are filled in), or the time is
+// over (WAIT_TIMEOUT). WAIT_FAILED on failure. At most MAXIMUM_WAIT_OBJECTS of each.
 DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD milliseconds);
 
 }  // namespace platform

@@ -1,10 +1,11 @@
 // Named pipes and completion queues.
 //
-// On Linux a pipe \\.\pipe\NAME is the Unix stream socket pipes/NAME of the instance's directory (home.h).
-// Reads and writes on a pipe that is bound to a completion queue are asynchronous: each started operation
-// gives exactly one completion on that queue, also one that completes at once or is cancelled. What would block
-// is finished by the thread that waits on the queue. At most one read, one write and one connect may be
-// outstanding on a pipe; the caller keeps buffer and OVERLAPPED alive until the completion has been taken.
+// On Linux a pipe \\.\pipe\NAME is the Unix stream socket pipes/NAME of the instance's directory
+// (home.h). Reads and writes on a pipe that is bound to a completion queue are asynchronous: each
+// started operation gives exactly one completion on that queue, also one that completes at once or
+// is cancelled. What would block is finished by the thread that waits on the queue. At most one
+// read, one write and one connect may be outstanding on a pipe; the caller keeps buffer and
+// OVERLAPPED alive until the completion has been taken.
 #pragma once
 
 #include "platform/types.h"
@@ -26,34 +27,36 @@ struct OVERLAPPED {
     HANDLE hEvent;
 };
 
-// Opens a pipe by its path \\.\pipe\NAME for reading and writing. INVALID_HANDLE_VALUE on failure, with the
-// last error ERROR_FILE_NOT_FOUND (no such pipe, or nobody behind it), ERROR_PIPE_BUSY (backlog full) or
-// another. Only pipes can be opened.
+// Opens a pipe by its path \\.\pipe\NAME for reading and writing. INVALID_HANDLE_VALUE on failure,
+// with the last error ERROR_FILE_NOT_FOUND (no such pipe, or nobody behind it), ERROR_PIPE_BUSY
+// (backlog full) or another. Only pipes can be opened.
 HANDLE CreateFileA(LPCSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD disposition,
                    DWORD flags, HANDLE templateFile);
 
-// A further instance of the pipe, on the serving side. The first instance of a name makes the socket; the last
-// one's close removes it. ERROR_ACCESS_DENIED if another process serves the name.
-HANDLE CreateNamedPipeA(LPCSTR path, DWORD openMode, DWORD pipeMode, DWORD maxInstances, DWORD outSize,
-                        DWORD inSize, DWORD defaultTimeout, LPSECURITY_ATTRIBUTES);
-// Starts waiting for a client: FALSE with ERROR_IO_PENDING when started; the completion comes to the queue.
+// A further instance of the pipe, on the serving side. The first instance of a name makes the
+// socket; the last one's close removes it. ERROR_ACCESS_DENIED if another process serves the name.
+HANDLE CreateNamedPipeA(LPCSTR path, DWORD openMode, DWORD pipeMode, DWORD maxInstances,
+                        DWORD outSize, DWORD inSize, DWORD defaultTimeout, LPSECURITY_ATTRIBUTES);
+// Starts waiting for a client: FALSE with ERROR_IO_PENDING when started; the completion comes to
+// the queue.
 BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED* overlapped);
 // Drops the instance's client, if any; the instance can be connected anew.
 BOOL DisconnectNamedPipe(HANDLE pipe);
 
-// With INVALID_HANDLE_VALUE and null: a new queue. With a pipe and a queue: binds the pipe; its completions
-// carry `key`. Null on failure.
+// With INVALID_HANDLE_VALUE and null: a new queue. With a pipe and a queue: binds the pipe; its
+// completions carry `key`. Null on failure.
 HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD threads);
-// Waits for the next completion, one waiting thread a queue. TRUE: success. FALSE with *overlapped not null: a
-// failed operation, its error the last error (ERROR_BROKEN_PIPE: the peer has gone; ERROR_OPERATION_ABORTED:
-// cancelled). FALSE with *overlapped null: WAIT_TIMEOUT or a failed wait.
+// Waits for the next completion, one waiting thread a queue. TRUE: success. FALSE with *overlapped
+// not null: a failed operation, its error the last error (ERROR_BROKEN_PIPE: the peer has gone;
+// ERROR_OPERATION_ABORTED: cancelled). FALSE with *overlapped null: WAIT_TIMEOUT or a failed wait.
 BOOL GetQueuedCompletionStatus(HANDLE port, DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped,
                                DWORD milliseconds);
 // Puts a completion of the caller's own into the queue. Any thread.
 BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped);
 
-// Start a read or write. TRUE when it completed at once, FALSE with ERROR_IO_PENDING when started: in both
-// cases the completion comes to the queue. FALSE with another error: not started, no completion.
+// Start a read or write. TRUE when it completed at once, FALSE with ERROR_IO_PENDING when started:
+// in both cases the completion comes to the queue. FALSE with another error: not started, no
+// completion.
 BOOL ReadFile(HANDLE pipe, LPVOID buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
 BOOL WriteFile(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
 // Cancels the I/O that the calling thread started on the pipe; its completions come with

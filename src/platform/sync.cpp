@@ -24,7 +24,8 @@ thread_local DWORD t_lastError = 0;
 std::atomic<DWORD> g_nextThreadId{1};
 thread_local DWORD t_threadId = 0;
 
-// Named events of this process. An entry holds no reference: the event takes itself out when it goes.
+// Named events of this process. An entry holds no reference: the event takes itself out when it
+// goes.
 struct NameTable {
     std::mutex mutex;
     std::map<std::string, Waitable*, std::less<>> events;  // guarded by mutex
@@ -38,7 +39,8 @@ class NamedEvent final : public Waitable {
   public:
     NamedEvent(Kind kind, LONG initial, std::string name)
         : Waitable(kind, initial, 1), name_(std::move(name)) {}
-    // The name goes with the last handle, under the table's lock, so that an open never meets a dying event.
+    // The name goes with the last handle, under the table's lock, so that an open never meets a
+    // dying event.
     void OnClose() override {
         const std::lock_guard lock(Names().mutex);
         if (--handles_ == 0) Names().events.erase(name_);
@@ -55,12 +57,14 @@ Waitable* ToWaitable(HANDLE handle) {
     return waitable;
 }
 
-int PollUntil(pollfd* descriptors, nfds_t count, bool limited, std::chrono::steady_clock::time_point end) {
+int PollUntil(pollfd* descriptors, nfds_t count, bool limited,
+              std::chrono::steady_clock::time_point end) {
     using std::chrono::milliseconds;
     for (;;) {
         int wait = -1;
         if (limited) {
-            const auto left = std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now()).count();
+            const auto left =
+                std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now()).count();
             wait = left <= 0 ? 0 : static_cast<int>(std::min<long long>(left, 1 << 30));
         }
         const int result = poll(descriptors, count, wait);
@@ -162,7 +166,8 @@ DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD
     if (milliseconds == 0 && extra.empty()) return WAIT_TIMEOUT;
 
     const bool limited = milliseconds != INFINITE;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limited ? milliseconds : 0);
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(limited ? milliseconds : 0);
 
     std::array<pollfd, 2 * MAXIMUM_WAIT_OBJECTS> descriptors;  // filled up to `total`
     std::size_t begun = 0;
@@ -183,7 +188,8 @@ DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD
                 SetLastError(ERROR_INVALID_PARAMETER);
                 break;
             }
-            // A signal may have been taken by another waiter since: then look at the others and poll again.
+            // A signal may have been taken by another waiter since: then look at the others and
+            // poll again.
             for (std::size_t i = 0; i < objects.size() && result == WAIT_FAILED; ++i) {
                 if (objects[i]->TryConsume()) result = static_cast<DWORD>(i);
             }
@@ -210,7 +216,8 @@ DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD
 }  // namespace platform
 
 HANDLE CreateEventA(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, LPCSTR name) {
-    const auto kind = manualReset != FALSE ? Waitable::Kind::kManualEvent : Waitable::Kind::kAutoEvent;
+    const auto kind =
+        manualReset != FALSE ? Waitable::Kind::kManualEvent : Waitable::Kind::kAutoEvent;
     const LONG initial = initialState != FALSE ? 1 : 0;
     if (name == nullptr) {
         auto* event = new (std::nothrow) Waitable(kind, initial, 1);
@@ -262,7 +269,8 @@ HANDLE CreateSemaphoreA(LPSECURITY_ATTRIBUTES, LONG initialCount, LONG maximumCo
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    auto* semaphore = new (std::nothrow) Waitable(Waitable::Kind::kSemaphore, initialCount, maximumCount);
+    auto* semaphore =
+        new (std::nothrow) Waitable(Waitable::Kind::kSemaphore, initialCount, maximumCount);
     if (semaphore == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return semaphore == nullptr ? nullptr : ToHandle(semaphore);
 }
@@ -286,7 +294,8 @@ HANDLE CreateThread(LPSECURITY_ATTRIBUTES, ULONG_PTR stackSize, LPTHREAD_START_R
         return nullptr;
     }
     auto* ended = new (std::nothrow) Waitable(Waitable::Kind::kManualEvent, 0, 1);
-    auto* start = new (std::nothrow) ThreadStart{procedure, argument, ended, g_nextThreadId.fetch_add(1)};
+    auto* start =
+        new (std::nothrow) ThreadStart{procedure, argument, ended, g_nextThreadId.fetch_add(1)};
     const DWORD id = start != nullptr ? start->id : 0;
     pthread_attr_t attributes;
     bool started = false;

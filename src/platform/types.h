@@ -1,6 +1,6 @@
-// platform/: the operations that Windows gives and POSIX lacks, under their own names and with their
-// documented results, so that the code above reads and builds the same on both systems. One header a family;
-// on Windows each includes the system's own. Only what is used is here.
+// platform/: the operations that Windows gives and POSIX lacks, under their own names and with
+// their documented results, so that the code above reads and builds the same on both systems. One
+// header a family; on Windows each includes the system's own. Only what is used is here.
 //
 // This header: the basic types, result constants and the calling thread's last error.
 #pragma once
@@ -26,7 +26,8 @@ using WPARAM = std::uintptr_t;
 using LPARAM = std::intptr_t;
 using LRESULT = std::intptr_t;
 
-// An owned reference to an event, semaphore, thread, pipe or completion queue. Closed with CloseHandle.
+// An owned reference to an event, semaphore, thread, pipe or completion queue. Closed with
+// CloseHandle.
 using HANDLE = void*;
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(-1)))
 

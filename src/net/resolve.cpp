@@ -1,0 +1,24 @@
+#include <cstring>
+
+#include "net/socket.h"
+
+SocketAddress ResolveHost(const char* name, std::uint16_t port) {
+    SocketAddress address{};
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (name == nullptr || getaddrinfo(name, nullptr, &hints, &found) != 0 || found == nullptr)
+        return address;
+    std::memcpy(&address, found->ai_addr, sizeof address);
+    address.sin_port = htons(port);
+    freeaddrinfo(found);
+    return address;
+}
+
+int StartThread(HANDLE* out, LPTHREAD_START_ROUTINE procedure, LPVOID argument) {
+    UniqueHandle thread(CreateThread(nullptr, 0, procedure, argument, 0, nullptr));
+    if (!thread) return -1;
+    if (out != nullptr) *out = thread.Release();
+    return 0;
+}

@@ -1,0 +1,68 @@
+// net/: the network primitives: CSocket with its timed waits, line reader and writer, name
+// resolution and the start of a thread. The only place above platform/ that touches TCP.
+//
+// No operation logs, throws or retries; a failed read or write leaves the socket open. Nothing is
+// locked: a CSocket is used by one thread at a time. Times are whole seconds; 0 makes a wait a
+// poll.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/socket.h"
+#include "platform/sync.h"
+
+// One socket handle, a plain value: its owner calls Shutdown, then Close. 0 means empty; a failed
+// Create or Accept leaves the invalid handle value.
+class CSocket {
+  public:
+    CSocket() = default;
+    explicit CSocket(SOCKET handle) : handle_(handle) {}
+
+    SOCKET Handle() const { return handle_; }
+    bool Empty() const { return handle_ == 0; }
+
+    // Opens a socket; type 1 is a stream.
+    bool Create(int type);
+    void Close();
+    void Shutdown();
+    bool Bind(const SocketAddress& address);
+    bool Listen();
+    // out holds the new socket, non-blocking. address may be null.
+    bool Accept(CSocket& out, SocketAddress* address);
+    // Waits as long as the system tries.
+    bool Connect(const SocketAddress& address);
+    // 0, or the platform's error value.
+    int GetPeerAddress(SocketAddress& address) const;
+
+    // Urgent data, a pending error or a reset connection. A half-closed connection is none. Never
+    // waits.
+    bool HasException() const;
+    // 1 ready, 0 time over or failure, -1 exception condition.
+    int WaitReadable(std::uint32_t seconds) const;
+    int WaitWritable(std::uint32_t seconds) const;
+
+    // One receive of up to length bytes: the count, 0 if the peer has closed, -1 on time-out or
+    // error.
+    int ReceiveTimed(void* buffer, int length, std::uint32_t seconds);
+    // Reads one line with its line end, zero-terminated; nothing behind it is taken from the
+    // socket. At most size - 2 bytes pass unchanged; a longer line is cut to size - 1 bytes that
+    // end in CR LF, and what has arrived behind it is thrown away. The time limit counts anew with
+    // each arrival. 1, or 0 on time-out, close, error, or size below 3.
+    int ReadLine(char* buffer, int& length, int size, std::uint32_t seconds);
+    // Reads exactly length bytes and adds a zero byte (length + 1 bytes of room). 1, or 0.
+    int ReadExact(char* buffer, int length, std::uint32_t seconds);
+    // Sends all; length 0 means a zero-terminated text. 1, or 0 on failure or after 300 s without
+    // progress.
+    int SendAll(const void* buffer, int length);
+    int SendAll(const char* text) { return SendAll(text, 0); }
+
+  private:
+    SOCKET handle_ = 0;
+};
+
+// The host's first IPv4 address and the port (host order); all zero if the name is unknown. Any
+// thread.
+SocketAddress ResolveHost(const char* name, std::uint16_t port);
+
+// Starts a thread at once. With an out handle the caller owns it. 0, or -1.
+int StartThread(HANDLE* out, LPTHREAD_START_ROUTINE procedure, LPVOID argument);

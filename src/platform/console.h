@@ -1,0 +1,24 @@
+// The console's interrupt, for the foreground mode.
+#pragma once
+
+#include "platform/types.h"
+
+#ifndef _WIN32
+inline constexpr DWORD CTRL_C_EVENT = 0;
+inline constexpr DWORD CTRL_BREAK_EVENT = 1;
+
+using PHANDLER_ROUTINE = BOOL (*)(DWORD controlType);
+// Calls the handler on a thread of its own for SIGINT (CTRL_C_EVENT) and SIGTERM
+// (CTRL_BREAK_EVENT), also several times. Both signals must have been held back with HoldSignals
+// before any thread was started.
+BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add);
+#endif
+
+namespace platform {
+
+// First thing in main: SIGPIPE is ignored, SIGINT and SIGTERM wait for SetConsoleCtrlHandler.
+void HoldSignals();
+// Ends the process at once, without destructors.
+[[noreturn]] void ExitNow(int code);
+
+}  // namespace platform

@@ -1,0 +1,138 @@
+#include "platform/file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "platform/home.h"
+
+DWORD GetTempPathA(DWORD size, LPSTR buffer) {
+    const std::string path = platform::HomePath("tmp/");
+    if (path.empty() || path.size() >= size) return 0;
+    std::memcpy(buffer, path.c_str(), path.size() + 1);
+    return static_cast<DWORD>(path.size());
+}
+
+BOOL CreateDirectoryA(LPCSTR path, LPSECURITY_ATTRIBUTES) {
+    if (mkdir(path, 0700) == 0) return TRUE;
+    SetLastError(errno == EEXIST ? ERROR_ALREADY_EXISTS : ERROR_PATH_NOT_FOUND);
+    return FALSE;
+}
+
+BOOL DeleteFileA(LPCSTR path) {
+    if (unlink(path) == 0) return TRUE;
+    SetLastError(errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
+    return FALSE;
+}
+
+DWORD GetModuleFileNameA(HANDLE, LPSTR buffer, DWORD size) {
+    if (size == 0) return 0;
+    const ssize_t length = readlink("/proc/self/exe", buffer, size);
+    if (length <= 0) return 0;
+    const auto count = static_cast<DWORD>(length);
+    buffer[count < size ? count : size - 1] = '\0';
+    return count;
+}
+
+namespace platform {
+
+File& File::operator=(File&& other) noexcept {
+    if (this != &other) {
+        Close();
+        descriptor_ = other.descriptor_;
+        other.descriptor_ = -1;
+    }
+    return *this;
+}
+
+File File::CreateExclusive(const char* path, int group) {
+    const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (descriptor >= 0 && group >= 0 &&
+        fchown(descriptor, static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0)
+        fchmod(descriptor, 0640);
+    return File(descriptor);
+}
+
+File File::OpenAppend(const char* path) {
+    return File(open(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
+}
+
+File File::OpenRead(const char* path) {
+    return File(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+long long File::Size() const {
+    struct stat info {};
+    return fstat(descriptor_, &info) == 0 ? static_cast<long long>(info.st_size) : -1;
+}
+
+bool File::Write(const void* data, std::size_t length) {
+    const char* at = static_cast<const char*>(data);
+    while (length > 0) {
+        const ssize_t done = write(descriptor_, at, length);
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        at += done;
+        length -= static_cast<std::size_t>(done);
+    }
+    return true;
+}
+
+long long File::Read(void* buffer, std::size_t length) {
+    ssize_t done = 0;
+    do {
+        done = read(descriptor_, buffer, length);
+    } while (done < 0 && errno == EINTR);
+    return done;
+}
+
+bool File::Close() {
+    const int descriptor = descriptor_;
+    descriptor_ = -1;
+    return descriptor < 0 || close(descriptor) == 0;
+}
+
+int GroupNumber(const char* name) {
+    const group* entry = name == nullptr || *name == '\0' ? nullptr : getgrnam(name);
+    return entry == nullptr ? -1 : static_cast<int>(entry->gr_gid);
+}
+
+void ShareDirectory(const char* path, int group) {
+    if (group >= 0 && chown(path, static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0)
+        chmod(path, 0750);
+}
+
+void RemoveFiles(const std::string& directory, const char* prefix) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(directory.c_str()), closedir);
+    if (listing == nullptr) return;
+    while (const dirent* entry = readdir(listing.get())) {
+        if (std::strncmp(entry->d_name, prefix, std::strlen(prefix)) == 0)
+            unlinkat(dirfd(listing.get()), entry->d_name, 0);
+    }
+}
+
+bool InstanceLock::Take(const char* name) {
+    if (Home().empty()) return false;
+    const std::string path = HomePath("services/") + name + ".lock";
+    file_ = File(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (file_ && flock(file_.Descriptor(), LOCK_EX | LOCK_NB) == 0) return true;
+    file_.Close();
+    return false;
+}
+
+void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace platform

@@ -1,0 +1,85 @@
+// Files of the instance that strangers' bytes go to: made exclusively, never through a link,
+// readable by their owner (and one configured group) alone. And the small path operations around
+// them.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "platform/types.h"
+
+#ifndef _WIN32
+// The directory for temporary files, with a final separator, zero-terminated: tmp/ of the instance.
+// Its length, or 0 if there is none or it doesn't fit.
+DWORD GetTempPathA(DWORD size, LPSTR buffer);
+// Makes one directory, for its owner alone. FALSE with ERROR_ALREADY_EXISTS if it exists.
+BOOL CreateDirectoryA(LPCSTR path, LPSECURITY_ATTRIBUTES);
+BOOL DeleteFileA(LPCSTR path);
+// The full path of the running program. Its length; 0 on failure; size if it was cut.
+DWORD GetModuleFileNameA(HANDLE module, LPSTR buffer, DWORD size);
+#endif
+
+namespace platform {
+
+#ifdef _WIN32
+inline constexpr char kSeparator = '\\';
+#else
+inline constexpr char kSeparator = '/';
+#endif
+
+// Owner of an open file. One thread at a time. Reads and writes are unbuffered.
+class File {
+  public:
+    File() = default;
+    File(File&& other) noexcept : descriptor_(other.descriptor_) { other.descriptor_ = -1; }
+    File& operator=(File&& other) noexcept;
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    ~File() { Close(); }
+
+    // A new file for writing; fails if anything of that name exists. With a group, the group may
+    // read it.
+    static File CreateExclusive(const char* path, int group);
+    static File OpenAppend(const char* path);
+    static File OpenRead(const char* path);
+
+    explicit operator bool() const { return descriptor_ >= 0; }
+    int Descriptor() const { return descriptor_; }
+    // The size in bytes, or -1.
+    long long Size() const;
+    // Writes all, or gives false (disk full, quota, I/O error).
+    bool Write(const void* data, std::size_t length);
+    // The count, 0 at the end, -1 on failure.
+    long long Read(void* buffer, std::size_t length);
+    // False if the system reports a late write error.
+    bool Close();
+
+    // Takes over a descriptor; -1: none.
+    explicit File(int descriptor) : descriptor_(descriptor) {}
+
+  private:
+    int descriptor_ = -1;
+};
+
+// The number of a group by its name, or -1.
+int GroupNumber(const char* name);
+// Lets the group read (and list) a directory of ours. Silent if it can't.
+void ShareDirectory(const char* path, int group);
+// Removes the plain files of a directory whose names begin with prefix. For leavings of an earlier
+// process.
+void RemoveFiles(const std::string& directory, const char* prefix);
+
+// Held while one process serves a name in this instance; the lock goes with the process.
+class InstanceLock {
+  public:
+    // Takes services/NAME.lock. False if another process holds it, or it can't be made.
+    bool Take(const char* name);
+
+  private:
+    File file_;
+};
+
+// Lets the process open as many descriptors as the system allows it.
+void RaiseDescriptorLimit();
+
+}  // namespace platform

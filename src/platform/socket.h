@@ -1,0 +1,60 @@
+// Sockets: the operations of the socket layer with their documented names, and the few that POSIX
+// and Windows spell differently. IPv4 only. No call here raises SIGPIPE, none is limited to low
+// descriptors, and none hands out descriptor 0, which is the empty marker of the layer above.
+#pragma once
+
+#include "platform/types.h"
+
+#ifdef _WIN32
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+using SOCKET = int;
+inline constexpr SOCKET INVALID_SOCKET = -1;
+inline constexpr int SD_BOTH = 2;
+
+struct WSADATA {
+    WORD wVersion;
+};
+// Counted start and end of the socket layer. 0 on success.
+int WSAStartup(WORD version, WSADATA* data);
+int WSACleanup();
+// Closes a socket; an accept notification of the calling thread for it ends.
+int closesocket(SOCKET socket);
+#endif
+
+// The 16-byte IPv4 address record; all numbers in network byte order.
+using SocketAddress = sockaddr_in;
+static_assert(sizeof(SocketAddress) == 16);
+
+// A new IPv4 socket, close-on-exec; INVALID_SOCKET on failure.
+SOCKET SocketCreate(int type);
+// Accepts from a listener, non-blocking and close-on-exec. INVALID_SOCKET if nothing waits or on
+// failure; a shortage of descriptors or memory then holds back this thread's accept notifications
+// for 100 ms.
+SOCKET SocketAccept(SOCKET listener, SocketAddress* address);
+// Receive and send what is possible at once, whatever the socket's mode. The count, 0 (receive:
+// peer closed), SOCKET_WOULD_BLOCK, or SOCKET_BROKEN.
+inline constexpr int SOCKET_WOULD_BLOCK = -2;
+inline constexpr int SOCKET_BROKEN = -1;
+int SocketReceiveNow(SOCKET socket, void* buffer, int length, bool peek);
+int SocketSendNow(SOCKET socket, const void* buffer, int length);
+// Sends file bytes from *offset on without copying them through the caller; advances *offset. As
+// SocketSendNow; 0 at the end of the file.
+int SocketSendFileNow(SOCKET socket, int file, long long* offset, int length);
+
+// What one look at a socket shows.
+struct SocketReadiness {
+    bool ready;      // readable, or writable, as asked for
+    bool exception;  // urgent data, a pending error, a reset or fully closed connection, or no
+                     // socket
+};
+enum class SocketWant { kRead, kWrite, kNothing };
+// Waits up to `seconds`; a signal restarts the wait with the time that is left. Both false: the
+// time is over.
+SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds);

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/sendfile.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,19 +68,6 @@ int SocketSendNow(SOCKET socket, const void* buffer, int length) {
         result =
             send(socket, buffer, static_cast<std::size_t>(length), MSG_DONTWAIT | MSG_NOSIGNAL);
     } while (result < 0 && errno == EINTR);
-    return Outcome(result);
-}
-
-int SocketSendFileNow(SOCKET socket, int file, long long* offset, int length) {
-    // sendfile has no flag for a single non-blocking call, so the socket's own mode has to be set.
-    const int flags = fcntl(socket, F_GETFL);
-    if (flags >= 0 && (flags & O_NONBLOCK) == 0) fcntl(socket, F_SETFL, flags | O_NONBLOCK);
-    off_t at = *offset;
-    ssize_t result = 0;
-    do {
-        result = sendfile(socket, file, &at, static_cast<std::size_t>(length));
-    } while (result < 0 && errno == EINTR);
-    if (result > 0) *offset = at;
     return Outcome(result);
 }
 

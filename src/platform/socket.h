@@ -44,10 +44,6 @@ inline constexpr int SOCKET_WOULD_BLOCK = -2;
 inline constexpr int SOCKET_BROKEN = -1;
 int SocketReceiveNow(SOCKET socket, void* buffer, int length, bool peek);
 int SocketSendNow(SOCKET socket, const void* buffer, int length);
-// Sends file bytes from *offset on without copying them through the caller; advances *offset. As
-// SocketSendNow; 0 at the end of the file.
-int SocketSendFileNow(SOCKET socket, int file, long long* offset, int length);
-
 // What one look at a socket shows.
 struct SocketReadiness {
     bool ready;      // readable, or writable, as asked for

@@ -44,10 +44,11 @@ struct MessageQueue {
     }
 };
 
+thread_local std::shared_ptr<MessageQueue> t_queue;
+
 std::shared_ptr<MessageQueue>& ThreadQueue() {
-    thread_local std::shared_ptr<MessageQueue> queue;
-    if (queue == nullptr) queue = std::make_shared<MessageQueue>();
-    return queue;
+    if (t_queue == nullptr) t_queue = std::make_shared<MessageQueue>();
+    return t_queue;
 }
 
 struct ClassTable {
@@ -170,13 +171,13 @@ int WSAAsyncSelect(SOCKET socket, HWND window, UINT message, long mask) {
 }
 
 void ForgetAsyncSocket(SOCKET socket) {
-    std::vector<AsyncSocket>& sockets = ThreadQueue()->sockets;
-    if (sockets.empty()) return;
-    std::erase_if(sockets, [socket](const AsyncSocket& entry) { return entry.socket == socket; });
+    if (t_queue == nullptr) return;  // a session's thread has no queue and needs none
+    std::erase_if(t_queue->sockets,
+                  [socket](const AsyncSocket& entry) { return entry.socket == socket; });
 }
 
 void HoldAsyncSockets() {
-    ThreadQueue()->heldUntil = Clock::now() + std::chrono::milliseconds(100);
+    if (t_queue != nullptr) t_queue->heldUntil = Clock::now() + std::chrono::milliseconds(100);
 }
 
 DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll,

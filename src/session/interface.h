@@ -1,0 +1,33 @@
+// One listening address with all that a session needs to know of it. The table of these belongs to
+// the host; a session copies what it needs when it is admitted.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "net/socket.h"
+
+// A client network that may relay. Both numbers in network byte order, the address as configured.
+struct RelayNetwork {
+    std::uint32_t address;
+    std::uint32_t mask;
+};
+
+// Widths of the texts, their zero byte included.
+inline constexpr int kGreetingNameSize = 64;
+inline constexpr int kIPAddressSize = 32;
+inline constexpr int kServerToForwardSize = 64;
+
+struct NetworkInterface {
+    std::string GreetingDomainName;           // the name in the proxy's own reply lines
+    std::string IPAddress;                    // dotted; empty: all addresses
+    int Port = 0;                             // host order
+    std::string ServerToForward;              // host, or host:port
+    std::vector<RelayNetwork> RelayNetworks;  // in the store's order
+    std::vector<std::string> MailDomains;     // in the store's order
+    int MaxThreads = 0;                       // 0: no limit
+    int TimeoutBetweenNOOPs = 180;            // seconds, 1 to 3600
+    int ConnectionTimeout = 600;              // seconds, 1 to 3600
+    CSocket listener;                         // empty if the entry is not in use
+};

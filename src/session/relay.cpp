@@ -1,0 +1,263 @@
+// The message phase: reception, scan, and what the verdict asks for. What is left in expectReply
+// says who answers the client: 1, a reply of the server is on its way; 0, the client has its
+// answer.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "logclient/logclient.h"
+#include "platform/resource.h"
+#include "scanclient/scanclient.h"
+#include "session/normalize.h"
+#include "session/session.h"
+
+namespace {
+
+constexpr int kReplySize = 300;
+constexpr char kRejected[] = "550 Rejected by Vantrel.\r\n";
+constexpr char kNotChecked[] = "451 4.3.0 Message could not be checked, try again later\r\n";
+constexpr char kEndOfData[] = "\r\n.\r\n";
+constexpr int kEndOfDataSize = sizeof kEndOfData - 1;
+
+constexpr std::int32_t kMaskForward = 1;
+constexpr std::int32_t kMaskDrop = 2;
+constexpr std::int32_t kMaskReject = 4;
+constexpr std::int32_t kMaskRejectToo = 8;
+
+bool IsRefusal(const char* reply) { return reply[0] == '5' || reply[0] == '4'; }
+
+// The texts of a record are the session's; what MailScan puts into it is freed here.
+struct ScanRecord {
+    MailScanRecord record{};
+    ScanRecord() = default;
+    ScanRecord(const ScanRecord&) = delete;
+    ScanRecord& operator=(const ScanRecord&) = delete;
+    ~ScanRecord() { MailScanFree(&record); }
+};
+
+void AppendRedirect(std::string& redirects, std::int32_t mask, std::int32_t bit,
+                    const char* addresses) {
+    if ((mask & bit) == 0 || addresses == nullptr) return;
+    const std::size_t length = std::strlen(addresses);
+    if (redirects.size() + length + 1 >= kSessionTextSize) return;
+    redirects.append(addresses, length).push_back(';');
+}
+
+Verdict ReduceMask(std::int32_t mask) {
+    Verdict verdict = VERDICT_REJECT;
+    if ((mask & kMaskForward) != 0) verdict = VERDICT_FORWARD;
+    if ((mask & kMaskDrop) != 0) verdict = VERDICT_DROP;
+    if ((mask & (kMaskReject | kMaskRejectToo)) != 0) verdict = VERDICT_REJECT;
+    return verdict;
+}
+
+TextList SplitAddresses(const std::string& text) {
+    TextList pieces;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find_first_of(";,", at), text.size());
+        if (end > at) pieces.emplace_back(text, at, end - at);
+        at = end + 1;
+    }
+    return pieces;
+}
+
+}  // namespace
+
+Verdict CSMTPProxy::ScanMessage(const std::string& path) {
+    redirectAddresses.clear();
+    char sender[kSessionTextSize] = "";
+    if (savedMailLine.has_value()) {
+        const std::size_t colon = savedMailLine->find(':');
+        NormalizeAddress(savedMailLine->c_str() + (colon == std::string::npos ? 0 : colon + 1),
+                         sender, kSessionTextSize - 1);
+    }
+    ScanRecord scan;
+    MailScanRecord& record = scan.record;
+    record.path = path.c_str();
+    record.sender = sender;
+    record.peerAddress = peerAddress.c_str();
+    record.agentId = 4;
+    record.timeoutSeconds = noopInterval;
+    record.cancelCallback = KeepAlive;
+    record.cancelContext = this;
+    record.scanSections = 15;
+    // An action list that could not be built is left out; the daemon then takes its own. A
+    // recipient that could not be added would hide from the scan, so that fails it.
+    MailScanSetObjectActions(&record, 11, nullptr);
+    MailScanSetMessageActions(&record, 4, nullptr);
+    for (const std::string& recipient : recipients) {
+        if (MailScanAddRecipient(&record, recipient.c_str()) != 0) return VERDICT_FAILED;
+    }
+    if (MailScan(&record) != 0) return VERDICT_FAILED;
+    if (const MailScanVerdict* verdict = record.verdict) {
+        AppendRedirect(redirectAddresses, verdict->antivirus.actionMask, 1,
+                       verdict->antivirus.recipients);
+        AppendRedirect(redirectAddresses, verdict->antispam.actionMask, 2,
+                       verdict->antispam.recipients);
+        AppendRedirect(redirectAddresses, verdict->attachFilter.actionMask, 2,
+                       verdict->attachFilter.recipients);
+        AppendRedirect(redirectAddresses, verdict->contentFilter.actionMask, 2,
+                       verdict->contentFilter.recipients);
+    }
+    return ReduceMask(record.actionMask);
+}
+
+// One run of RelayMessage behind the reception. Every step gives false for the failure exit.
+class MessageRelay {
+  public:
+    MessageRelay(CSMTPProxy& session, char* buffer) : session_(session), buffer_(buffer) {}
+
+    // 1 or 0, as RelayMessage.
+    int Run(int* expectReply);
+
+  private:
+    bool SendServer(const char* text) { return session_.serverSocket.SendAll(text) != 0; }
+    bool Reply() {
+        return ReadReply(session_.serverSocket, buffer_, kReplySize, session_.connectionTimeout) !=
+               0;
+    }
+    bool ClientFailed() const { return session_.clientSocket.HasException(); }
+
+    bool Deliver(int* expectReply);
+    bool OpenFreshEnvelope();
+    bool AddRedirects();
+    bool SendMessage();
+    bool SendAsData();
+    bool SendAsChunks();
+    bool AnswerFailedScan(int* expectReply);
+
+    CSMTPProxy& session_;
+    char* const
+        buffer_;  // kBlockSize bytes and room for the end marker: replies and blocks, in turn
+    Verdict verdict_ = VERDICT_FAILED;
+    platform::File file_;
+    long long remaining_ = 0;
+    TextList redirects_;
+    // The server's refusal of a chunk in the middle: the client's answer in place of one to the
+    // whole message.
+    std::string refusal_;
+};
+
+int CSMTPProxy::RelayMessage(int* expectReply) {
+    *expectReply = 1;
+    if (messagePhase == PHASE_DATA && ReceiveData() == 0) return 0;
+    const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBlockSize + kEndOfDataSize]);
+    if (buffer == nullptr) return 0;
+    return MessageRelay(*this, buffer.get()).Run(expectReply);
+}
+
+int MessageRelay::Run(int* expectReply) {
+    const std::string path = session_.SpoolPath();
+    verdict_ = session_.ScanMessage(path);
+    bool done = false;
+    if (verdict_ == VERDICT_FAILED) {
+        done = AnswerFailedScan(expectReply);
+    } else {
+        file_ = platform::File::OpenRead(path.c_str());
+        remaining_ = file_ ? file_.Size() : -1;
+        // Gone after the scan: the daemon has taken the message away, and the reply to the RSET is
+        // the client's.
+        done = remaining_ < 0 ? SendServer("RSET\r\n") : Deliver(expectReply);
+    }
+    file_.Close();
+    session_.RemoveSpoolFile();
+    return done ? 1 : 0;
+}
+
+// Nothing may be delivered unscanned, and nothing may be lost: the client keeps the message and is
+// told to come back.
+bool MessageRelay::AnswerFailedScan(int* expectReply) {
+    *expectReply = 0;
+    return SendServer("RSET\r\n") && Reply() && session_.clientSocket.SendAll(kNotChecked) != 0;
+}
+
+bool MessageRelay::Deliver(int* expectReply) {
+    const bool refused = verdict_ == VERDICT_REJECT || verdict_ == VERDICT_DROP;
+    if (refused) {
+        FreeTextList(session_.recipients);
+        if (!SendServer("RSET\r\n")) return false;
+    }
+    redirects_ = SplitAddresses(session_.redirectAddresses);
+    if (refused && !redirects_.empty() && !OpenFreshEnvelope()) return false;
+    if (!AddRedirects() || ClientFailed()) return false;
+    if ((!refused || !redirects_.empty()) && !SendMessage()) return false;
+    if (verdict_ == VERDICT_REJECT) {
+        if (refusal_.empty() && !Reply()) return false;
+        *expectReply = 0;
+        return session_.clientSocket.SendAll(kRejected) != 0;
+    }
+    if (refusal_.empty()) return true;
+    *expectReply = 0;
+    return session_.clientSocket.SendAll(refusal_.c_str()) != 0;
+}
+
+bool MessageRelay::OpenFreshEnvelope() {
+    if (!Reply() || !session_.savedMailLine.has_value()) return false;
+    const std::string& line = *session_.savedMailLine;
+    if (session_.serverSocket.SendAll(line.data(), static_cast<int>(line.size())) == 0)
+        return false;
+    return Reply() && !IsRefusal(buffer_);
+}
+
+bool MessageRelay::AddRedirects() {
+    for (const std::string& address : redirects_) {
+        const std::string line = "RCPT TO: " + address + "\r\n";
+        if (!SendServer(line.c_str()) || !Reply()) return false;
+        if (!IsRefusal(buffer_)) continue;
+        char format[128];
+        LoadStringA(nullptr, 5602, format, sizeof format);
+        // The text is our own format with one %s; the address only fills it.
+        std::string message(format);
+        if (const std::size_t at = message.find("%s"); at != std::string::npos)
+            message.replace(at, 2, address);
+        // Lost if the logger is down: the message is not held up for it.
+        LogClientEvent(kEventWarning, nullptr, nullptr, nullptr, session_.forwardHost.c_str(),
+                       nullptr, message.c_str());
+    }
+    return true;
+}
+
+bool MessageRelay::SendMessage() {
+    if (session_.messagePhase == PHASE_BDAT) return SendAsChunks();
+    if (!SendServer("DATA\r\n") || !Reply() || std::strncmp(buffer_, "354", 3) != 0) return false;
+    return SendAsData();
+}
+
+bool MessageRelay::SendAsData() {
+    for (;;) {
+        const long long count = remaining_ > 0 ? file_.Read(buffer_, kBlockSize) : 0;
+        if (count < 0 || ClientFailed()) return false;
+        remaining_ -= count;
+        int length = static_cast<int>(count);
+        // The end goes out with the last block: one segment less for each small message.
+        const bool last = remaining_ <= 0 || count == 0;
+        if (last) {
+            std::memcpy(buffer_ + length, kEndOfData, kEndOfDataSize);
+            length += kEndOfDataSize;
+        }
+        if (session_.serverSocket.SendAll(buffer_, length) == 0) return false;
+        if (last) return true;
+    }
+}
+
+bool MessageRelay::SendAsChunks() {
+    for (;;) {
+        const long long count = remaining_ > 0 ? file_.Read(buffer_, kBlockSize) : 0;
+        if (count < 0 || ClientFailed()) return false;
+        remaining_ -= count;
+        const bool last = remaining_ <= 0 || count == 0;
+        char line[512];
+        std::snprintf(line, sizeof line, "bdat %d %s \r\n", static_cast<int>(count),
+                      last ? "last" : "");
+        if (!SendServer(line) || ClientFailed()) return false;
+        if (count > 0 && session_.serverSocket.SendAll(buffer_, static_cast<int>(count)) == 0)
+            return false;
+        if (last) return true;  // its reply is the answer to the message
+        // Each chunk has a reply of its own; left unread, all later replies would be out of step.
+        if (!Reply()) return false;
+        if (!IsRefusal(buffer_)) continue;
+        refusal_ = buffer_;
+        return SendServer("RSET\r\n") && Reply();
+    }
+}

@@ -1,0 +1,60 @@
+#include <algorithm>
+
+#include "host/smtp.h"
+#include "platform/resource.h"
+#include "session/session.h"
+
+LRESULT SocketWindowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+    auto* host = reinterpret_cast<CSMTP*>(GetWindowLongPtrA(window, GWLP_USERDATA));
+    if (host == nullptr) return DefWindowProcA(window, message, wParam, lParam);
+    switch (message) {
+        case WM_CREATE:
+            return 0;
+        case WM_DESTROY:
+            PostQuitMessage(0);
+            return 0;
+        case AcceptMessage:
+            host->OnAcceptNotification(static_cast<SOCKET>(wParam), lParam);
+            return 0;
+        default:
+            return DefWindowProcA(window, message, wParam, lParam);
+    }
+}
+
+void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
+    if ((event & 0xFFFF) != FD_ACCEPT) return;
+    const auto entry = std::find_if(
+        interfaces_.begin(), interfaces_.end(), [socket](const NetworkInterface& each) {
+            return !each.listener.Empty() && each.listener.Handle() == socket;
+        });
+    if (entry == interfaces_.end()) return;  // left over from a listener that a reload has closed
+    const auto position = static_cast<std::size_t>(entry - interfaces_.begin());
+
+    CSocket client;
+    if (!entry->listener.Accept(client, nullptr)) return;
+    WSAAsyncSelect(client.Handle(), SocketWindow, 0, 0);
+    const auto drop = [&client] {
+        client.Shutdown();
+        client.Close();
+    };
+    if (entry->MaxThreads > 0 && ActiveConnectionCounts[position] >= entry->MaxThreads) {
+        char text[512];
+        LoadStringA(nullptr, 6000, text, sizeof text);
+        client.SendAll(text);
+        drop();
+        return;
+    }
+    std::unique_ptr<CSMTPProxy> session = CreateSession(client.Handle());
+    if (session == nullptr) {
+        drop();
+        return;
+    }
+    session->ApplyInterface(*entry);
+    session->SetConnectionCounter(&ActiveConnectionCounts[position]);
+    if (session->Start() == 0) {
+        [[maybe_unused]] CSMTPProxy* const handedOver =
+            session.release();  // its thread destroys it
+        return;
+    }
+    drop();
+}

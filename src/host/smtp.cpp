@@ -1,0 +1,161 @@
+#include "host/smtp.h"
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "asfilters/asfilters.h"
+#include "libstats/libstats.h"
+#include "logclient/logclient.h"
+#include "platform/home.h"
+#include "platform/memory.h"
+#include "platform/resource.h"
+#include "platform/socket.h"
+#include "scanclient/scanclient.h"
+#include "session/registry.h"
+#include "session/session.h"
+#include "trelis/trelis.h"
+
+namespace {
+
+constexpr char kServiceName[] = "VTSMTPPROXY";
+constexpr char kInterfacesKey[] = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces";
+constexpr char kActiveConnectionsKey[] = "/VTWIN/Agents/VTSMTPProxy/ActiveConnections";
+constexpr DWORD kStartHint = 3000;  // milliseconds, as all below
+constexpr DWORD kStopHint = 10000;
+constexpr DWORD kPublishInterval = 10000;
+constexpr std::chrono::milliseconds kMessageInHand{10000};
+constexpr std::chrono::milliseconds kCutSessions{3000};
+constexpr WORD kSocketVersion = 0x0202;
+
+std::string ResourceText(UINT number) {
+    char text[256];
+    LoadStringA(nullptr, number, text, sizeof text);
+    return text;
+}
+
+}  // namespace
+
+CSMTP::CSMTP()
+    : CNTService(kServiceName),
+      ActiveConnectionCounts(*new std::array<std::atomic<std::int32_t>, kInterfaceCount>{}) {
+    displayName = ResourceText(120);
+    description = ResourceText(121);
+}
+
+void CSMTP::Stop() {
+    ReportStatus(SERVICE_STOP_PENDING, kStopHint, 0);
+    // The flag is for a stop that comes before Run has made the event.
+    stopRequested_ = true;
+    if (HANDLE event = StopEvent) SetEvent(event);
+}
+
+bool CSMTP::CreateSocketWindow() {
+    const std::string name = "SMTP_SOCKETWND_" + std::to_string(GetCurrentThreadId());
+    WNDCLASSA windowClass{};
+    windowClass.lpfnWndProc = SocketWindowProcedure;
+    windowClass.hbrBackground = reinterpret_cast<void*>(static_cast<std::uintptr_t>(6));
+    windowClass.lpszClassName = name.c_str();
+    RegisterClassA(&windowClass);
+    SocketWindow =
+        CreateWindowExA(0, name.c_str(), name.c_str(), 0, CW_USEDEFAULT, CW_USEDEFAULT,
+                        CW_USEDEFAULT, CW_USEDEFAULT, nullptr, nullptr, nullptr, nullptr);
+    if (SocketWindow == nullptr) return false;
+    SetWindowLongPtrA(SocketWindow, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+    return true;
+}
+
+// In this order; a failure leaves what was started to the end of the process.
+bool CSMTP::StartClients() {
+    WSADATA data{};
+    if (WSAStartup(kSocketVersion, &data) != 0 || TrelisInit2() < 0) return false;
+    if (LogClientInit(displayName.c_str(), kLocalStore) < 0 || MailScanInit() < 0 ||
+        InitLibStats() < 0 || CreateASFilters() < 0)
+        return false;
+    if (asfilters::CASFilters* filters = GetASFilters()) filters->Reload();
+    return true;
+}
+
+void CSMTP::Run(int, char**) {
+    ReportStatus(SERVICE_START_PENDING, kStartHint, 0);
+    // Two proxies in one directory would give their spool files the same names.
+    if (!lock_.Take(kServiceName)) {
+        std::fprintf(stderr, "%s: %s\n", kServiceName,
+                     platform::HomeError().empty() ? "already running in this directory"
+                                                   : platform::HomeError().c_str());
+        return;
+    }
+    CleanSpoolDirectory();
+    const UniqueHandle stopEvent(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    StopEvent = stopEvent.Get();
+    if (stopRequested_) SetEvent(stopEvent.Get());
+    MSG message;
+    PeekMessageA(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
+    if (!CreateSocketWindow() || !StartClients()) return;
+    SessionRegistry::Instance().Reopen();
+    LoadInterfaces();
+    const TrelisNotify watch = TrelisPlaceNotify(kLocalStore, kInterfacesKey, 1);
+    const UniqueHandle notification(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch));
+    if (!notification) return;
+    ReportStatus(SERVICE_RUNNING, kStartHint, 0);
+
+    try {
+        RunLoop(notification.Get());
+    } catch (...) {  // leads to the same teardown as a stop
+    }
+
+    EndSessions();
+    DestroyASFilters();
+    ReleaseLibStats();
+    MailScanUninit();
+    LogClientUninit();
+    // A session that waited for one of those has been woken by their end.
+    sessionsLeft_ = !SessionRegistry::Instance().WaitEmpty(kCutSessions);
+    TrelisCancelNotify(kLocalStore, kInterfacesKey, 1, watch);
+    TrelisUninit();
+    ReleaseInterfaces();
+    WSACleanup();
+    StopEvent = nullptr;
+}
+
+void CSMTP::RunLoop(HANDLE notification) {
+    const HANDLE handles[] = {StopEvent, notification};
+    for (;;) {
+        switch (MsgWaitForMultipleObjects(2, handles, FALSE, kPublishInterval, QS_ALLINPUT)) {
+            case WAIT_OBJECT_0 + 1:
+                // Reset first, so that a change during the reload wakes the loop again.
+                ResetEvent(notification);
+                LoadInterfaces();
+                break;
+            case WAIT_OBJECT_0 + 2: {
+                MSG message;
+                while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) != FALSE) {
+                    TranslateMessage(&message);
+                    DispatchMessageA(&message);
+                }
+                break;
+            }
+            case WAIT_TIMEOUT:
+                PublishActiveConnections();
+                break;
+            default:
+                return;
+        }
+    }
+}
+
+void CSMTP::PublishActiveConnections() {
+    int sum = 0;
+    for (const std::atomic<std::int32_t>& count : ActiveConnectionCounts) sum += count;
+    TrelisSetValue(kLocalStore, kActiveConnectionsKey, std::to_string(sum).c_str());
+    // A quiet moment: what a burst of sessions has freed goes back to the system.
+    platform::TrimAllocator();
+}
+
+// Sessions that wait for a command end at once; those with a message in hand may finish within what
+// Stop announced.
+void CSMTP::EndSessions() {
+    SessionRegistry& sessions = SessionRegistry::Instance();
+    sessions.BeginStop();
+    if (!sessions.WaitEmpty(kMessageInHand)) sessions.CutAll();
+}

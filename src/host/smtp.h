@@ -1,0 +1,63 @@
+// host/: the service object CSMTP: its run loop, the table of interfaces with their listeners, the
+// admission of connections, and the program's main.
+//
+// All of the host's work is done by one thread, the one in Run: it alone touches the table, the
+// listeners and the hidden window, so none of them has a lock. Sessions run on threads of their
+// own.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+#include "ntservice/ntservice.h"
+#include "platform/file.h"
+#include "platform/sync.h"
+#include "platform/window.h"
+#include "session/interface.h"
+
+inline constexpr int kInterfaceCount = 16;
+// Posted to SocketWindow when a connection waits on a listener; wParam the socket, lParam's low 16
+// bits the event.
+inline constexpr UINT AcceptMessage = 1124;
+
+class CSMTP : public CNTService {
+  public:
+    CSMTP();
+
+    void Run(int argc, char** argv) override;
+    void Stop() override;
+    void Shutdown() override { Stop(); }
+
+    // Rebuilds the table and all listeners from the store. Always 0. Run's thread.
+    int LoadInterfaces();
+    // One connection waits on the listener. Run's thread.
+    void OnAcceptNotification(SOCKET socket, LPARAM event);
+
+    // Sessions were still running when Run returned: the process must end without destroying what
+    // they use.
+    bool SessionsLeft() const { return sessionsLeft_; }
+
+  private:
+    bool CreateSocketWindow();
+    bool StartClients();
+    void RunLoop(HANDLE notification);
+    void PublishActiveConnections();
+    void EndSessions();
+    void ReleaseInterfaces();
+    void LoadInterface(int position, const char* name);
+
+    std::atomic<HANDLE> StopEvent{nullptr};
+    HWND SocketWindow = nullptr;
+    std::array<NetworkInterface, kInterfaceCount> interfaces_;
+    // Running sessions by table position. Sessions hold pointers into it, so it is never freed.
+    std::array<std::atomic<std::int32_t>, kInterfaceCount>& ActiveConnectionCounts;
+    std::atomic<bool> stopRequested_{false};
+    bool sessionsLeft_ = false;
+    platform::InstanceLock lock_;
+};
+
+LRESULT SocketWindowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
+
+// Attaches an outside crash reporter if one is installed. 1 if it is active, else 0; says nothing.
+int LoadCrashHandler(const char* label);

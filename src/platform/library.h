@@ -1,0 +1,12 @@
+// Shared libraries that are found at run time.
+#pragma once
+
+#include "platform/types.h"
+
+#ifndef _WIN32
+using HMODULE = void*;
+// By full path only: a bare name would search where others may write. Null on failure.
+HMODULE LoadLibraryA(LPCSTR path);
+void* GetProcAddress(HMODULE library, LPCSTR name);
+BOOL FreeLibrary(HMODULE library);
+#endif

@@ -1,5 +1,5 @@
-// Reads that leave an empty text in the buffer when they fail, so that a caller that ignores the result sees an
-// empty value. All readers of the configuration but the log client use these.
+// Reads that leave an empty text in the buffer when they fail, so that a caller that ignores the
+// result sees an empty value. All readers of the configuration but the log client use these.
 #pragma once
 
 #include <cstdint>

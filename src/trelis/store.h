@@ -1,0 +1,70 @@
+// Inside trelis/: the store file. One object a process, shared by all holders of TrelisInit2.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace trelis {
+
+// A full path stays below this, its zero byte included.
+inline constexpr std::size_t kPathSize = 512;
+
+// Whether the text is an absolute path without empty components and short enough. "/" is the root.
+bool ValidPath(const std::string& path, bool allowRoot);
+// Whether a change at `changed` concerns one who watches `watched`: at it, below it, or a deletion
+// above it.
+bool Concerns(const std::string& changed, const std::string& watched);
+
+struct CloseDatabase {
+    void operator()(sqlite3* database) const { sqlite3_close_v2(database); }
+};
+struct FinalizeStatement {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Database = std::unique_ptr<sqlite3, CloseDatabase>;
+using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
+
+// Opens the file and makes its tables. Null on failure.
+Database OpenDatabase();
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+// Any thread; one at a time inside. False or nothing on failure.
+class Store {
+  public:
+    static std::unique_ptr<Store> Open();
+
+    // Nothing: no such key. A key made only as a parent gives an empty text.
+    std::optional<std::string> Get(const std::string& key);
+    // All or none.
+    bool Set(const Pairs& values);
+    bool Delete(const std::string& key);
+    std::optional<std::vector<std::string>> Children(const std::string& key);
+    // Keys that were given a value, at and below key, in byte order.
+    std::optional<Pairs> Dump(const std::string& key);
+    // Marks this process's rows among the changes.
+    std::int64_t Origin() const { return origin_; }
+
+  private:
+    explicit Store(Database database);
+    bool Execute(const char* sql);
+    Statement Prepare(const char* sql);
+    bool SetOne(const std::string& key, const std::string& value);
+    bool NoteChange(const std::string& key);
+    bool Commit(bool good);
+
+    std::mutex mutex_;  // guards all below
+    Database database_;
+    Statement get_;
+    const std::int64_t origin_;
+};
+
+}  // namespace trelis

@@ -1,0 +1,179 @@
+#include "trelis/trelis.h"
+
+#include <cstring>
+#include <new>
+
+#include "trelis/admin.h"
+#include "trelis/buffered.h"
+#include "trelis/store.h"
+#include "trelis/watches.h"
+
+using trelis::Store;
+using trelis::Watch;
+using trelis::Watches;
+
+struct TrelisEnumState {
+    std::vector<std::string> names;
+    std::size_t next = 0;
+};
+
+namespace {
+
+constexpr int kFailed = -1;
+
+struct Shared {
+    std::mutex mutex;
+    int references = 0;            // guarded by mutex
+    std::shared_ptr<Store> store;  // guarded by mutex
+};
+Shared& State() {
+    static Shared& state = *new Shared;  // never destroyed: threads may outlive the statics
+    return state;
+}
+
+// The store, kept alive for one operation; null if it isn't open, or another host's is meant.
+std::shared_ptr<Store> Opened(std::uint32_t store) {
+    if ((store >> 24) != 127) return nullptr;
+    const std::lock_guard lock(State().mutex);
+    return State().store;
+}
+
+// Runs an operation on the open store; without one, and whatever fails inside, the result is
+// `failed`.
+template <typename Result, typename Operation>
+Result With(std::uint32_t store, Result failed, Operation operation) {
+    try {
+        const std::shared_ptr<Store> opened = Opened(store);
+        return opened == nullptr ? failed : operation(*opened);
+    } catch (const std::exception&) {
+        return failed;
+    }
+}
+
+int CopyOut(const std::string& text, char* buffer, int size) {
+    if (buffer == nullptr || size < 1) return kFailed;
+    const std::size_t length = std::min(text.size(), static_cast<std::size_t>(size) - 1);
+    std::memcpy(buffer, text.data(), length);
+    buffer[length] = '\0';
+    return 0;
+}
+
+}  // namespace
+
+int TrelisInit2() {
+    try {
+        const std::lock_guard lock(State().mutex);
+        if (State().store == nullptr) State().store = Store::Open();
+        if (State().store == nullptr) return kFailed;
+        ++State().references;
+        return 0;
+    } catch (const std::exception&) {
+        return kFailed;
+    }
+}
+
+void TrelisUninit() {
+    const std::lock_guard lock(State().mutex);
+    if (State().references > 0 && --State().references == 0) State().store.reset();
+}
+
+int TrelisGetValue(std::uint32_t store, const char* key, char* buffer, int size) {
+    if (key == nullptr) return kFailed;
+    return With(store, kFailed, [&](Store& opened) {
+        const std::optional<std::string> value = opened.Get(key);
+        return value ? CopyOut(*value, buffer, size) : kFailed;
+    });
+}
+
+int TrelisSetValue(std::uint32_t store, const char* key, const char* value) {
+    if (key == nullptr || value == nullptr) return kFailed;
+    return With(store, kFailed, [&](Store& opened) {
+        if (!opened.Set({{key, value}})) return kFailed;
+        Watches::Instance().Fire(key);
+        return 0;
+    });
+}
+
+int TrelisDelKey(std::uint32_t store, const char* key) {
+    if (key == nullptr) return kFailed;
+    return With(store, kFailed, [&](Store& opened) {
+        const bool existed = opened.Get(key).has_value();
+        if (!opened.Delete(key)) return kFailed;
+        if (existed) Watches::Instance().Fire(key);
+        return 0;
+    });
+}
+
+TrelisEnum TrelisEnumOpen(std::uint32_t store, const char* key) {
+    if (key == nullptr) return nullptr;
+    return With(store, static_cast<TrelisEnum>(nullptr), [&](Store& opened) {
+        auto names = opened.Children(key);
+        return names ? new TrelisEnumState{std::move(*names)} : nullptr;
+    });
+}
+
+int TrelisEnumRead(std::uint32_t, TrelisEnum walk, char* buffer, int size) {
+    if (walk == nullptr || walk->next >= walk->names.size()) return kFailed;
+    const std::string& name = walk->names[walk->next++];
+    if (size < 1 || name.size() >= static_cast<std::size_t>(size)) return kFailed;
+    return CopyOut(name, buffer, size);
+}
+
+void TrelisEnumClose(std::uint32_t, TrelisEnum walk) { delete walk; }
+
+TrelisNotify TrelisPlaceNotify(std::uint32_t store, const char* key, int) {
+    if (key == nullptr || !trelis::ValidPath(key, true)) return nullptr;
+    return With(store, static_cast<TrelisNotify>(nullptr), [&](Store& opened) -> TrelisNotify {
+        const Watch* watch = Watches::Instance().Place(key, opened.Origin());
+        return watch == nullptr ? nullptr : watch->name;
+    });
+}
+
+int TrelisWaitNotify(std::uint32_t, TrelisNotify watch, int) {
+    if (watch == nullptr) return kFailed;
+    static_assert(offsetof(Watch, name) == 0);
+    auto* record = reinterpret_cast<Watch*>(const_cast<char*>(watch));
+    if (!record->changed.load(std::memory_order_acquire)) return 0;
+    return record->changed.exchange(false) ? 1 : 0;
+}
+
+void TrelisCancelNotify(std::uint32_t, const char*, int, TrelisNotify watch) {
+    if (watch != nullptr) Watches::Instance().Cancel(watch);
+}
+
+int BufferedGetValue(std::uint32_t store, const char* key, char* buffer, int size) {
+    buffer[0] = '\0';
+    return TrelisGetValue(store, key, buffer, size);
+}
+
+int BufferedEnumRead(std::uint32_t store, TrelisEnum walk, char* buffer, int size) {
+    buffer[0] = '\0';
+    return TrelisEnumRead(store, walk, buffer, size);
+}
+
+namespace trelis {
+
+std::optional<Values> DumpTree(const std::string& key) {
+    return With(kLocalStore, std::optional<Values>(),
+                [&](Store& opened) { return opened.Dump(key); });
+}
+
+bool LoadValues(const Values& values) {
+    return With(kLocalStore, false, [&](Store& opened) {
+        if (!opened.Set(values)) return false;
+        for (const auto& [key, value] : values) Watches::Instance().Fire(key);
+        return true;
+    });
+}
+
+std::optional<std::vector<std::string>> ListChildren(const std::string& key) {
+    return With(kLocalStore, std::optional<std::vector<std::string>>(),
+                [&](Store& opened) { return opened.Children(key); });
+}
+
+bool FollowChanges(std::function<void(const std::string& path)> use) {
+    Watches::Instance().SetListener(std::move(use));
+    return TrelisPlaceNotify(kLocalStore, "/", 1) != nullptr;
+}
+
+}  // namespace trelis

@@ -1,5 +1,6 @@
-// logclient/: the client of the logger daemon vtlogd: classes of events, their levels from the configuration
-// store, and delivery. A call returns when the daemon has answered; an event that can't be delivered is lost.
+// logclient/: the client of the logger daemon vtlogd: classes of events, their levels from the
+// configuration store, and delivery. A call returns when the daemon has answered; an event that
+// can't be delivered is lost.
 #pragma once
 
 #include <cstdint>
@@ -24,13 +25,14 @@ inline constexpr std::uint32_t kLevelMedium = 0x200;
 inline constexpr std::uint32_t kLevelLow = 0x400;
 inline constexpr std::uint32_t kLevelNone = 0x800;
 
-// Opens the endpoint (no pipe), reads the levels and follows their changes. label: at most 31 characters are
-// kept. Counted. 0, or -1.
+// Opens the endpoint (no pipe), reads the levels and follows their changes. label: at most 31
+// characters are kept. Counted. 0, or -1.
 int LogClientInit(const char* label, std::uint32_t store);
 void LogClientUninit();
 
-// Sends one event: the word, then as many arguments as its kind reads (const char*; argument 12 of a Virus
-// event is an int). Arguments 3 and 4 of a Virus event are char* that the call may cut at "(alert)". Any thread.
-// 0 if the daemon has answered; -15 if the level is none; -1 for an unknown kind or a missing required argument;
-// -13 if the message can't be built; else the status of the delivery.
+// Sends one event: the word, then as many arguments as its kind reads (const char*; argument 12 of
+// a Virus event is an int). Arguments 3 and 4 of a Virus event are char* that the call may cut at
+// "(alert)". Any thread. 0 if the daemon has answered; -15 if the level is none; -1 for an unknown
+// kind or a missing required argument; -13 if the message can't be built; else the status of the
+// delivery.
 int LogClientEvent(std::uint32_t event, ...);

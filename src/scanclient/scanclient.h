@@ -1,6 +1,6 @@
-// scanclient/: the client of the mail-scanning daemon vtmaild. A session fills in a record for a spooled
-// message; MailScan sends it, keeps the session alive while it waits, and writes the answer into the record.
-// The message itself does not travel: the daemon reads the spool file by its path.
+// scanclient/: the client of the mail-scanning daemon vtmaild. A session fills in a record for a
+// spooled message; MailScan sends it, keeps the session alive while it waits, and writes the answer
+// into the record. The message itself does not travel: the daemon reads the spool file by its path.
 //
 // Order of calls: fill in the fields, both action lists, each recipient, MailScan, read the answer,
 // MailScanFree (also after a failure). Any number of threads, each with its own record.
@@ -56,9 +56,10 @@ struct MailScanRecord {
     const char* peerAddress;  // caller
     char extraText[256];
     std::int32_t agentId;
-    std::int32_t actionMask;               // answer
-    std::uint32_t timeoutSeconds;          // one wait slice; 0: 5 s
-    int (*cancelCallback)(void* context);  // asked after each slice, on the calling thread; 0: go on
+    std::int32_t actionMask;       // answer
+    std::uint32_t timeoutSeconds;  // one wait slice; 0: 5 s
+    int (*cancelCallback)(
+        void* context);  // asked after each slice, on the calling thread; 0: go on
     void* cancelContext;
     char* objectActions;
     char* messageActions;
@@ -70,7 +71,8 @@ struct MailScanRecord {
     MailScanEntry* entries;    // answer
 };
 
-// Bit of actionMask: before reading the children, that there are some; in the record's answer, entries.
+// Bit of actionMask: before reading the children, that there are some; in the record's answer,
+// entries.
 inline constexpr std::int32_t kScanMaskEntries = 0x10;
 
 // Opens the endpoint (no pipe): 0, or -1. Counted; MailScanUninit gives it back.
@@ -81,6 +83,7 @@ int MailScanAddRecipient(MailScanRecord* record, const char* recipient);
 // Build the action lists from a mask. 0, -5 for a null record, -3 without memory.
 int MailScanSetObjectActions(MailScanRecord* record, std::uint32_t mask, const char* fallback);
 int MailScanSetMessageActions(MailScanRecord* record, std::uint32_t mask, const char* fallback);
-// 0 with the answer in the record, or a negative status. Blocks until the answer has come or the scan is given up.
+// 0 with the answer in the record, or a negative status. Blocks until the answer has come or the
+// scan is given up.
 int MailScan(MailScanRecord* record);
 void MailScanFree(MailScanRecord* record);

@@ -1,22 +1,23 @@
-// tagmsg/: tagged messages, the payload of all traffic with the local daemons: a tree of nodes with attributes,
-// each a 32-bit tag and a text or a 32-bit integer, and its flat byte form (flat form: flat.h).
+// tagmsg/: tagged messages, the payload of all traffic with the local daemons: a tree of nodes with
+// attributes, each a 32-bit tag and a text or a 32-bit integer, and its flat byte form (flat form:
+// flat.h).
 //
-// Plain records and free functions, no global state. A tree belongs to one thread: even two reading walks must
-// not overlap. Results are 0 or a negative status unless said otherwise.
+// Plain records and free functions, no global state. A tree belongs to one thread: even two reading
+// walks must not overlap. Results are 0 or a negative status unless said otherwise.
 #pragma once
 
 #include <cstdint>
 
 inline constexpr int TAGMSG_OK = 0;
 inline constexpr int TAGMSG_NO_MEMORY = -3;
-inline constexpr int TAGMSG_BAD = -5;         // a null argument, a bad type, a bad index, a bad flat form
+inline constexpr int TAGMSG_BAD = -5;  // a null argument, a bad type, a bad index, a bad flat form
 inline constexpr int TAGMSG_NOT_FOUND = -11;  // no such attribute; a negative index
 
 inline constexpr std::uint32_t kTagTypeText = 0;
 inline constexpr std::uint32_t kTagTypeInteger = 1;
 
-// One attribute. Type (low byte of tag) 1: `number`; type 0: `text`, an owned heap copy, null if a flat form
-// gave none.
+// One attribute. Type (low byte of tag) 1: `number`; type 0: `text`, an owned heap copy, null if a
+// flat form gave none.
 struct TagMsgAttr {
     std::uint32_t tag;
     union {
@@ -36,18 +37,19 @@ struct TagMsgNode {
     TagMsgNode* root;
     TagMsgNode* firstChild;
     TagMsgNode* nextSibling;
-    TagMsgNode* lastChild;  // held by a first child: tail of the list that it heads; null while it is alone
+    TagMsgNode*
+        lastChild;  // held by a first child: tail of the list that it heads; null while it is alone
     std::uintptr_t cursor;  // 0 at rest; a walk's place or the parser's state
 };
 
 int TagMsgCreate(TagMsgNode** root);
-// Adds an attribute at the head. value: the text for type 0 (copied), a std::int32_t for type 1. A null value
-// adds nothing and gives 0.
+// Adds an attribute at the head. value: the text for type 0 (copied), a std::int32_t for type 1. A
+// null value adds nothing and gives 0.
 int TagMsgAddAttr(TagMsgNode* node, std::uint32_t tag, const void* value);
 // Appends a node that is not yet attached; the tree owns it from then on.
 int TagMsgAddChild(TagMsgNode* parent, TagMsgNode* child);
-// Copies the first attribute of that tag: a text without terminator, at most size characters; an integer as
-// min(4, size) bytes.
+// Copies the first attribute of that tag: a text without terminator, at most size characters; an
+// integer as min(4, size) bytes.
 int TagMsgCopyAttr(TagMsgNode* node, std::uint32_t tag, void* buffer, std::uint32_t size);
 // *value points into the message: to the text, or to the integer. Valid as long as the node.
 int TagMsgPeekAttr(TagMsgNode* node, std::uint32_t tag, const void** value);

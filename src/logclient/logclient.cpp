@@ -1,0 +1,253 @@
+#include "logclient/logclient.h"
+
+#include <strings.h>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "lipc/lipc.h"
+#include "logclient/levels.h"
+#include "tagmsg/tagmsg.h"
+#include "tagmsg/tags.h"
+#include "trelis/trelis.h"
+
+namespace {
+
+constexpr char kEndpointName[] = "vtlogd";
+constexpr char kLevelsKey[] = "/VTUX/LoggerDaemon/LogLevel";
+constexpr char kAlertMark[] = "(alert)";
+constexpr std::uint32_t kKindBits = 0xFFFF0000;
+constexpr std::uint32_t kOpenLevelBits = 0x700;
+constexpr int kFailed = -1;
+constexpr int kNotBuilt = -13;
+constexpr int kNotWanted = -15;
+constexpr std::chrono::milliseconds kBusyPause{250};
+constexpr int kArguments = 13;  // by their numbers: 2 to 12
+
+std::atomic<int> g_users{0};
+std::atomic<LIPCEndpoint*> g_endpoint{nullptr};
+std::atomic<TrelisNotify> g_watch{nullptr};
+char g_label[32];  // written by the first LogClientInit, before any event
+std::array<std::atomic<std::uint32_t>, std::size(kLogClasses)> g_levels{
+    kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh,
+    kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh};
+
+void ReadLevels(bool createMissing) {
+    for (std::size_t i = 0; i < std::size(kLogClasses); ++i) {
+        const std::string key = std::string(kLevelsKey) + "/" + kLogClasses[i].name;
+        char word[32] = "";
+        if (TrelisGetValue(kLocalStore, key.c_str(), word, 31) == 0) {
+            for (const LogLevel& level : kLogLevels) {
+                if (strcasecmp(word, level.word) == 0) g_levels[i] = level.bit;
+            }
+        } else {
+            g_levels[i] = kLevelHigh;
+            if (createMissing) TrelisSetValue(kLocalStore, key.c_str(), "high");
+        }
+    }
+}
+
+std::uint32_t LevelOf(std::uint32_t kind) {
+    for (std::size_t i = 0; i < std::size(kLogClasses); ++i) {
+        if (kLogClasses[i].kind == kind) return g_levels[i];
+    }
+    return kLevelHigh;
+}
+
+// One attribute of a kind: the tag and the number of the argument that fills it.
+struct Field {
+    std::uint32_t tag;
+    int argument;
+};
+struct Kind {
+    std::uint32_t bit;
+    int arguments;           // the last one that the kind reads
+    std::uint32_t required;  // bit n: argument n
+    std::array<Field, 12> fields;
+};
+
+constexpr std::uint32_t Bits(std::initializer_list<int> numbers) {
+    std::uint32_t bits = 0;
+    for (const int number : numbers) bits |= 1U << number;
+    return bits;
+}
+
+constexpr int kNone = 0;
+constexpr int kNumberArgument = 12;  // the only one that is a number
+
+constexpr Kind kKinds[] = {
+    {kEventVirus,
+     12,
+     Bits({2, 5, 6, 8, 9}),
+     {{{TagDetails, 2},
+       {TagFrom, 3},
+       {TagRecipients, 4},
+       {TagPath, 5},
+       {TagEventTextC, 6},
+       {TagHost, 7},
+       {TagEventTextA, 8},
+       {TagStatusText, 9},
+       {TagHostDetail, 10},
+       {TagNumberText, kNumberArgument},
+       {TagLabel, 11},
+       {0, kNone}}}},
+    {kEventWarning,
+     7,
+     Bits({7}),
+     {{{TagFrom, 2},
+       {TagRecipients, 3},
+       {TagPath, 4},
+       {TagHost, 5},
+       {TagHostDetail, 6},
+       {TagMessage, 7}}}},
+    {kEventError,
+     7,
+     Bits({4, 7}),
+     {{{TagFrom, 2},
+       {TagRecipients, 3},
+       {TagPath, 4},
+       {TagHost, 5},
+       {TagHostDetail, 6},
+       {TagMessage, 7}}}},
+    {kEventUnclassed, 4, Bits({2, 3, 4}), {{{TagEventTextB, 2}, {TagHost, 3}, {TagMessage, 4}}}},
+    {kEventInfo, 3, Bits({3}), {{{TagMessage, 3}, {TagInfoText, 2}}}},
+    {kEventOnDemand, 3, Bits({3}), {{{TagMessage, 3}, {TagInfoText, 2}}}},
+    {kEventFileNotScanned, 3, Bits({2, 3}), {{{TagPath, 2}, {TagMessage, 3}}}},
+    {kEventRuleMatched,
+     8,
+     Bits({2, 3, 4, 5, 6, 7, 8}),
+     {{{TagMessage, 2},
+       {TagSender, 3},
+       {TagRecipients, 4},
+       {TagHost, 5},
+       {TagEventTextA, 6},
+       {TagLabel, 7},
+       {TagEventTextC, 8}}}},
+    {kEventUpdateInfo, 2, Bits({2}), {{{TagMessage, 2}}}},
+    {kEventUpdateError, 2, Bits({2}), {{{TagMessage, 2}}}},
+    {kEventProductUpdate, 2, Bits({2}), {{{TagMessage, 2}}}},
+    {kEventReportGenerated, 2, Bits({2}), {{{TagMessage, 2}}}},
+};
+
+struct Message {
+    TagMsgNode* root = nullptr;
+    Message() = default;
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+    ~Message() { TagMsgFree(root, 1, 1); }
+};
+
+// Cuts the text at the mark, in the caller's buffer. Whether it was there.
+bool CutAtAlert(const char* text) {
+    char* mark = text == nullptr ? nullptr : std::strstr(const_cast<char*>(text), kAlertMark);
+    if (mark == nullptr) return false;
+    *mark = '\0';
+    return true;
+}
+
+int AddFields(TagMsgNode* root, const Kind& kind,
+              const std::array<const char*, kArguments>& arguments, int number) {
+    for (int i = 2; i < kNumberArgument; ++i) {
+        if ((kind.required & (1U << i)) != 0 && arguments[static_cast<std::size_t>(i)] == nullptr)
+            return kFailed;
+    }
+    bool alertFrom = false;
+    bool alertTo = false;
+    if (kind.bit == kEventVirus) {
+        alertFrom = CutAtAlert(arguments[3]);
+        alertTo = CutAtAlert(arguments[4]);
+    }
+    char numberText[20];
+    std::snprintf(numberText, sizeof numberText, "%d", number);
+    for (const Field& field : kind.fields) {
+        if (field.argument == kNone) break;
+        const char* value = field.argument == kNumberArgument
+                                ? numberText
+                                : arguments[static_cast<std::size_t>(field.argument)];
+        if (TagMsgAddAttr(root, field.tag, value) != TAGMSG_OK) return kNotBuilt;
+    }
+    if (kind.bit == kEventVirus &&
+        (arguments[3] != nullptr || arguments[4] != nullptr || arguments[11] != nullptr)) {
+        const char label[] = {'M', 'a', 'i', 'l', alertFrom ? '1' : '0', alertTo ? '1' : '0', '\0'};
+        if (TagMsgAddAttr(root, TagAlertLabel, label) != TAGMSG_OK) return kNotBuilt;
+    }
+    return TAGMSG_OK;
+}
+
+int Deliver(TagMsgNode* root) {
+    void* flat = nullptr;
+    std::uint32_t length = 0;
+    int result = TagMsgSerialize(root, &flat, &length);
+    if (result != TAGMSG_OK) return result;
+    LIPCEndpoint* endpoint = g_endpoint;
+    LIPCConnection* connection = nullptr;
+    const void* reply = nullptr;
+    std::uint32_t replyLength = 0;
+    while ((result = LIPCRequest(endpoint, &connection, flat, length, &reply, &replyLength, -1)) ==
+           LIPC_BUSY)
+        std::this_thread::sleep_for(kBusyPause);
+    std::free(flat);
+    if (result == LIPC_OK) LIPCRelease(endpoint, connection);
+    return result;
+}
+
+}  // namespace
+
+int LogClientInit(const char* label, std::uint32_t) {
+    if (++g_users != 1) return 0;
+    LIPCEndpoint* endpoint = nullptr;
+    if (LIPCOpenClient(&endpoint, kEndpointName) != LIPC_OK) return kFailed;
+    g_endpoint = endpoint;
+    std::snprintf(g_label, sizeof g_label, "%s", label != nullptr ? label : "");
+    ReadLevels(true);
+    g_watch = TrelisPlaceNotify(kLocalStore, kLevelsKey, 1);
+    return 0;
+}
+
+void LogClientUninit() {
+    if (--g_users != 0) return;
+    LIPCClose(g_endpoint.exchange(nullptr));
+    if (TrelisNotify watch = g_watch.exchange(nullptr))
+        TrelisCancelNotify(kLocalStore, kLevelsKey, 1, watch);
+}
+
+int LogClientEvent(std::uint32_t event, ...) {
+    if ((event & kOpenLevelBits) == 0) {
+        TrelisNotify watch = g_watch;
+        if (watch != nullptr && TrelisWaitNotify(kLocalStore, watch, 0) > 0) ReadLevels(false);
+        event |= LevelOf(event & kKindBits);
+    }
+    if ((event & kLevelNone) != 0) return kNotWanted;
+
+    Message message;
+    const auto word = static_cast<std::int32_t>(event);
+    if (TagMsgCreate(&message.root) != TAGMSG_OK ||
+        TagMsgAddAttr(message.root, TagSource, g_label) != TAGMSG_OK ||
+        TagMsgAddAttr(message.root, TagEventWord, &word) != TAGMSG_OK)
+        return kNotBuilt;
+    for (const Kind& kind : kKinds) {
+        if (kind.bit != (event & kKindBits)) continue;
+        // A caller passes as many arguments as the kind reads, and no more are taken.
+        std::array<const char*, kArguments> arguments{};
+        int number = 0;
+        va_list list;
+        va_start(list, event);
+        for (int i = 2; i <= kind.arguments; ++i) {
+            if (i == kNumberArgument) {
+                number = va_arg(list, int);
+            } else {
+                arguments[static_cast<std::size_t>(i)] = va_arg(list, const char*);
+            }
+        }
+        va_end(list);
+        const int status = AddFields(message.root, kind, arguments, number);
+        return status == TAGMSG_OK ? Deliver(message.root) : status;
+    }
+    return kFailed;
+}

@@ -1,0 +1,154 @@
+#include "scanclient/scanclient.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "lipc/lipc.h"
+#include "scanclient/reply.h"
+#include "tagmsg/tagmsg.h"
+#include "tagmsg/tags.h"
+
+namespace {
+
+constexpr char kEndpointName[] = "vtmaild";
+constexpr std::uint32_t kDefaultSliceMs = 5000;
+constexpr std::uint32_t kMaxSliceSeconds = 0x7FFFFFFF / 1000;
+constexpr std::chrono::milliseconds kBusyPause{250};
+constexpr int kFailed = -1;
+
+enum State { kDown, kComingUp, kUp };
+std::atomic<int> g_state{kDown};
+std::atomic<int> g_users{0};
+std::atomic<LIPCEndpoint*> g_endpoint{nullptr};
+
+// Frees a message at the end of its scope.
+struct Message {
+    TagMsgNode* root = nullptr;
+    Message() = default;
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+    ~Message() { TagMsgFree(root, 1, 1); }
+};
+
+struct FlatForm {
+    void* data = nullptr;
+    std::uint32_t length = 0;
+    FlatForm() = default;
+    FlatForm(const FlatForm&) = delete;
+    FlatForm& operator=(const FlatForm&) = delete;
+    ~FlatForm() { std::free(data); }
+};
+
+int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, FlatForm& flat) {
+    Message message;
+    if (const int status = TagMsgCreate(&message.root); status != TAGMSG_OK) return status;
+    const auto slice = static_cast<std::int32_t>(sliceMs);
+    // In the order of adding; a null value adds nothing.
+    const struct {
+        std::uint32_t tag;
+        const void* value;
+    } attributes[] = {
+        {TagPath, record.path},
+        {TagSender, record.sender},
+        {TagRecipients, record.recipients},
+        {TagPeerAddress, record.peerAddress},
+        {TagAgentId, &record.agentId},
+        {TagObjectActions, record.objectActions},
+        {TagMessageActions, record.messageActions},
+        {TagNumberText, record.numberText},
+        {TagScanParamA, &record.paramA},
+        {TagScanParamB, &record.paramB},
+        {TagScanSections, &record.scanSections},
+        {TagPollInterval, record.cancelCallback != nullptr ? &slice : nullptr},
+        {TagExtraText, record.extraText[0] != '\0' ? record.extraText : nullptr},
+    };
+    for (const auto& attribute : attributes) {
+        const int status = TagMsgAddAttr(message.root, attribute.tag, attribute.value);
+        if (status != TAGMSG_OK) return status;
+    }
+    return TagMsgSerialize(message.root, &flat.data, &flat.length);
+}
+
+// Sends the request and waits for its reply, which becomes a message. Gives the connection back in
+// every case.
+int Exchange(const MailScanRecord& record, const FlatForm& flat, std::uint32_t sliceMs,
+             Message& reply) {
+    LIPCEndpoint* endpoint = g_endpoint;
+    LIPCConnection* connection = nullptr;
+    const void* data = nullptr;
+    std::uint32_t length = 0;
+    const auto limit = static_cast<std::int32_t>(sliceMs);
+    int result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &data, &length, limit);
+    while (result == LIPC_BUSY) {
+        std::this_thread::sleep_for(kBusyPause);
+        result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &data, &length, limit);
+    }
+    bool cancelled = false;
+    while (result == LIPC_TIMED_OUT && !cancelled) {
+        cancelled =
+            record.cancelCallback != nullptr && record.cancelCallback(record.cancelContext) != 0;
+        if (!cancelled) result = LIPCWaitReply(endpoint, connection, &data, &length, limit);
+    }
+    int status = kFailed;
+    if (result == LIPC_OK)
+        status = length > 0x7FFFFFFF
+                     ? TAGMSG_BAD
+                     : TagMsgParse(&reply.root, data, static_cast<std::int32_t>(length));
+    if (connection != nullptr) LIPCRelease(endpoint, connection);
+    return status;
+}
+
+}  // namespace
+
+int MailScanInit() {
+    int expected = kDown;
+    if (!g_state.compare_exchange_strong(expected, kComingUp)) {
+        while (g_state == kComingUp) std::this_thread::yield();
+        if (g_state == kUp) ++g_users;
+        return 0;
+    }
+    LIPCEndpoint* endpoint = nullptr;
+    if (LIPCOpenClient(&endpoint, kEndpointName) != LIPC_OK) {
+        g_users = 0;
+        g_state = kDown;
+        return kFailed;
+    }
+    g_endpoint = endpoint;
+    ++g_users;
+    g_state = kUp;
+    return 0;
+}
+
+void MailScanUninit() {
+    if (--g_users != 0 || g_state != kUp) return;
+    g_state = kDown;
+    // Scans that still run are woken by the close and fail; later ones find no endpoint.
+    LIPCClose(g_endpoint.exchange(nullptr));
+}
+
+int MailScanAddRecipient(MailScanRecord* record, const char* recipient) {
+    const std::size_t old = record->recipients == nullptr ? 0 : std::strlen(record->recipients);
+    const std::size_t added = std::strlen(recipient);
+    auto* grown = static_cast<char*>(std::realloc(record->recipients, old + added + 2));
+    if (grown == nullptr) return TAGMSG_NO_MEMORY;
+    char* at = grown + old;
+    if (record->recipients != nullptr) *at++ = ';';
+    std::memcpy(at, recipient, added + 1);
+    record->recipients = grown;
+    return 0;
+}
+
+int MailScan(MailScanRecord* record) {
+    const std::uint32_t seconds =
+        record->timeoutSeconds < kMaxSliceSeconds ? record->timeoutSeconds : kMaxSliceSeconds;
+    const std::uint32_t sliceMs = seconds == 0 ? kDefaultSliceMs : seconds * 1000;
+    FlatForm flat;
+    if (const int status = BuildRequest(*record, sliceMs, flat); status != TAGMSG_OK) return status;
+    Message reply;
+    if (const int status = Exchange(*record, flat, sliceMs, reply); status != TAGMSG_OK)
+        return status;
+    return MailScanReadReply(*record, reply.root);
+}

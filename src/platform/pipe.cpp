@@ -1,0 +1,637 @@
+#include "platform/pipe.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+
+#include "platform/home.h"
+#include "platform/object.h"
+#include "platform/sync.h"
+
+namespace {
+
+using platform::FromHandle;
+using platform::Object;
+using platform::ToHandle;
+
+constexpr char kPipePrefix[] = "\\\\.\\pipe\\";
+constexpr int kBacklog = 128;
+
+// What an epoll entry leads to. The queue holds a reference to each, which its waiting thread alone
+// gives back: so no entry of a batch that it has fetched can be gone.
+class PollTarget : public Object {
+  public:
+    virtual void OnReady(std::uint32_t events) = 0;
+};
+
+class CompletionQueue final : public Object {
+  public:
+    CompletionQueue()
+        : epoll_(epoll_create1(EPOLL_CLOEXEC)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLET;  // each write is an edge: never read back
+        event.data.ptr = nullptr;
+        epoll_ctl(epoll_, EPOLL_CTL_ADD, wake_, &event);
+    }
+    ~CompletionQueue() override {
+        for (const Completion& entry : posted_) {
+            if (entry.released != nullptr) entry.released->Release();
+        }
+        if (epoll_ >= 0) close(epoll_);
+        if (wake_ >= 0) close(wake_);
+    }
+    bool Ready() const { return epoll_ >= 0 && wake_ >= 0; }
+
+    bool Watch(int descriptor, PollTarget* target) {
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+        event.data.ptr = target;
+        target->AddRef();
+        if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) == 0) return true;
+        target->Release();
+        return false;
+    }
+    // Ends a Watch; the descriptor is still open.
+    void Unwatch(int descriptor, PollTarget* target) {
+        epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
+        Push({0, 0, nullptr, 0, target});
+    }
+    void Post(DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped, DWORD error) {
+        Push({bytes, key, overlapped, error, nullptr});
+    }
+    BOOL Take(DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped, DWORD milliseconds) {
+        *overlapped = nullptr;
+        for (;;) {
+            {
+                const std::lock_guard lock(mutex_);
+                while (!posted_.empty()) {
+                    const Completion entry = posted_.front();
+                    posted_.pop_front();
+                    if (entry.released != nullptr) {
+                        entry.released->Release();
+                        continue;
+                    }
+                    *bytes = entry.bytes;
+                    *key = entry.key;
+                    *overlapped = entry.overlapped;
+                    if (entry.error == 0) return TRUE;
+                    SetLastError(entry.error);
+                    return FALSE;
+                }
+                sleeping_ = true;
+            }
+            std::array<epoll_event, 64> events;
+            const int limit = milliseconds == INFINITE
+                                  ? -1
+                                  : static_cast<int>(std::min<DWORD>(milliseconds, 1U << 30));
+            const int count =
+                epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), limit);
+            {
+                const std::lock_guard lock(mutex_);
+                sleeping_ = false;
+            }
+            for (int i = 0; i < count; ++i) {
+                const epoll_event& event = events[static_cast<std::size_t>(i)];
+                if (event.data.ptr != nullptr)
+                    static_cast<PollTarget*>(event.data.ptr)->OnReady(event.events);
+            }
+            if (count > 0 || (count < 0 && errno == EINTR)) continue;
+            SetLastError(count == 0 ? WAIT_TIMEOUT : ERROR_INVALID_HANDLE);
+            return FALSE;
+        }
+    }
+
+  private:
+    struct Completion {
+        DWORD bytes;
+        ULONG_PTR key;
+        OVERLAPPED* overlapped;
+        DWORD error;
+        PollTarget* released;  // not null: a reference to give back, no completion
+    };
+    void Push(const Completion& entry) {
+        const std::lock_guard lock(mutex_);
+        posted_.push_back(entry);
+        if (!sleeping_) return;
+        sleeping_ = false;
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
+    }
+
+    const int epoll_;
+    const int wake_;
+    std::mutex mutex_;
+    std::deque<Completion> posted_;  // guarded by mutex_
+    bool sleeping_ = false;  // guarded by mutex_: a thread is in epoll_wait, or on its way there
+};
+
+// Owner of a queue's reference.
+struct QueueReference {
+    CompletionQueue* queue = nullptr;
+    QueueReference() = default;
+    QueueReference(const QueueReference&) = delete;
+    QueueReference& operator=(const QueueReference&) = delete;
+    ~QueueReference() {
+        if (queue != nullptr) queue->Release();
+    }
+    void Set(CompletionQueue* value) {
+        queue = value;
+        queue->AddRef();
+    }
+};
+
+class PipeServer;
+
+class Pipe final : public PollTarget {
+  public:
+    explicit Pipe(int descriptor, std::shared_ptr<PipeServer> server)
+        : descriptor_(descriptor), server_(std::move(server)) {}
+    ~Pipe() override {
+        if (descriptor_ >= 0) close(descriptor_);
+    }
+    void OnClose() override;
+    void OnReady(std::uint32_t events) override;
+
+    bool Bind(CompletionQueue* queue, ULONG_PTR key);
+    BOOL Read(void* buffer, DWORD size, OVERLAPPED* overlapped);
+    BOOL Write(const void* buffer, DWORD size, OVERLAPPED* overlapped);
+    BOOL Connect(OVERLAPPED* overlapped);
+    void Cancel();
+    bool Disconnect();
+    // A client for an instance that waits for one. Called by the server, under its lock.
+    void Adopt(int descriptor);
+
+  private:
+    struct Operation {
+        OVERLAPPED* overlapped = nullptr;  // null: none outstanding
+        char* buffer = nullptr;
+        DWORD size = 0;
+        DWORD done = 0;
+        DWORD thread = 0;
+    };
+    bool TryRead();
+    bool TryWrite();
+    void Complete(Operation& operation, DWORD bytes, DWORD error);
+    void Drop();
+
+    std::mutex mutex_;  // guards all below; inside the server's lock
+    int descriptor_;
+    QueueReference queue_;
+    ULONG_PTR key_ = 0;
+    Operation read_;
+    Operation write_;
+    Operation connect_;
+    // A short read has emptied the socket and nothing has arrived since: a further read would only
+    // say so.
+    bool drained_ = false;
+    const std::shared_ptr<PipeServer> server_;
+};
+
+// One served name: the listening socket that all instances share.
+class PipeServer : public std::enable_shared_from_this<PipeServer> {
+  public:
+    PipeServer() = default;
+    PipeServer(const PipeServer&) = delete;
+    PipeServer& operator=(const PipeServer&) = delete;
+    ~PipeServer();
+    static std::shared_ptr<PipeServer> Get(const std::string& name);
+
+    bool Watch(CompletionQueue* queue);
+    // The next client for the instance, now or later.
+    void Wait(Pipe* pipe);
+    bool StopWaiting(Pipe* pipe);
+    void AcceptWaiting();
+
+  private:
+    class Listener final : public PollTarget {
+      public:
+        explicit Listener(std::weak_ptr<PipeServer> server) : server_(std::move(server)) {}
+        void OnReady(std::uint32_t) override {
+            if (const auto server = server_.lock()) server->AcceptWaiting();
+        }
+
+      private:
+        const std::weak_ptr<PipeServer> server_;
+    };
+    bool Open(const std::string& name);
+
+    std::string path_;
+    int lock_ = -1;
+    int listener_ = -1;
+    std::mutex mutex_;  // guards all below
+    std::deque<Pipe*>
+        waiting_;  // instances in the order of their waits; each leaves before it is closed
+    QueueReference queue_;
+    Listener* target_ = nullptr;
+};
+
+struct ServerTable {
+    std::mutex mutex;
+    std::map<std::string, std::weak_ptr<PipeServer>> servers;  // guarded by mutex
+};
+ServerTable& Servers() {
+    static ServerTable& table = *new ServerTable;
+    return table;
+}
+
+// The name behind the prefix; empty if it can't be one of a socket in one directory.
+std::string NameOf(LPCSTR path) {
+    const std::size_t prefix = sizeof kPipePrefix - 1;
+    if (path == nullptr || std::strncmp(path, kPipePrefix, prefix) != 0) return {};
+    const std::string name = path + prefix;
+    return name == "." || name == ".." || name.find('/') != std::string::npos ? std::string()
+                                                                              : name;
+}
+
+// The address of a socket in the instance's pipe directory. A path too long for the address goes by
+// way of an open directory, which has to stay open until the address has been used.
+struct PipeAddress {
+    sockaddr_un address{};
+    int directory = -1;
+    bool valid = false;
+
+    explicit PipeAddress(const std::string& name) {
+        std::string path = platform::HomePath("pipes/") + name;
+        if (path.size() >= sizeof address.sun_path) {
+            directory = open(platform::HomePath("pipes").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+            path = "/proc/self/fd/" + std::to_string(directory) + "/" + name;
+        }
+        if (path.size() >= sizeof address.sun_path) return;
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        valid = true;
+    }
+    PipeAddress(const PipeAddress&) = delete;
+    PipeAddress& operator=(const PipeAddress&) = delete;
+    ~PipeAddress() {
+        if (directory >= 0) close(directory);
+    }
+    const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&address); }
+};
+
+DWORD IoError() {
+    return errno == EPIPE || errno == ECONNRESET ? ERROR_BROKEN_PIPE : ERROR_INVALID_HANDLE;
+}
+
+void Pipe::Complete(Operation& operation, DWORD bytes, DWORD error) {
+    OVERLAPPED* overlapped = operation.overlapped;
+    operation.overlapped = nullptr;
+    queue_.queue->Post(bytes, key_, overlapped, error);
+}
+
+bool Pipe::Bind(CompletionQueue* queue, ULONG_PTR key) {
+    const std::lock_guard lock(mutex_);
+    if (queue_.queue != nullptr) return false;
+    queue_.Set(queue);
+    key_ = key;
+    if (server_ != nullptr && !server_->Watch(queue)) return false;
+    return descriptor_ < 0 || queue->Watch(descriptor_, this);
+}
+
+bool Pipe::TryRead() {
+    ssize_t count = 0;
+    do {
+        count = recv(descriptor_, read_.buffer, read_.size, MSG_DONTWAIT);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        drained_ = true;
+        return false;
+    }
+    drained_ = count > 0 && static_cast<DWORD>(count) < read_.size;
+    if (count > 0) {
+        Complete(read_, static_cast<DWORD>(count), 0);
+    } else {
+        Complete(read_, 0, count == 0 ? ERROR_BROKEN_PIPE : IoError());
+    }
+    return true;
+}
+
+bool Pipe::TryWrite() {
+    while (write_.done < write_.size) {
+        const ssize_t count = send(descriptor_, write_.buffer + write_.done,
+                                   write_.size - write_.done, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return false;
+        if (count < 0) {
+            Complete(write_, write_.done, IoError());
+            return true;
+        }
+        write_.done += static_cast<DWORD>(count);
+    }
+    Complete(write_, write_.done, 0);
+    return true;
+}
+
+BOOL Pipe::Read(void* buffer, DWORD size, OVERLAPPED* overlapped) {
+    const std::lock_guard lock(mutex_);
+    if (descriptor_ < 0 || queue_.queue == nullptr || overlapped == nullptr ||
+        read_.overlapped != nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    read_ = {overlapped, static_cast<char*>(buffer), size, 0, GetCurrentThreadId()};
+    if (!drained_ && TryRead()) return TRUE;
+    SetLastError(ERROR_IO_PENDING);
+    return FALSE;
+}
+
+BOOL Pipe::Write(const void* buffer, DWORD size, OVERLAPPED* overlapped) {
+    const std::lock_guard lock(mutex_);
+    if (descriptor_ < 0 || queue_.queue == nullptr || overlapped == nullptr ||
+        write_.overlapped != nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    write_ = {overlapped, static_cast<char*>(const_cast<void*>(buffer)), size, 0,
+              GetCurrentThreadId()};
+    if (TryWrite()) return TRUE;
+    SetLastError(ERROR_IO_PENDING);
+    return FALSE;
+}
+
+BOOL Pipe::Connect(OVERLAPPED* overlapped) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (server_ == nullptr || queue_.queue == nullptr || overlapped == nullptr ||
+            connect_.overlapped != nullptr) {
+            SetLastError(ERROR_INVALID_HANDLE);
+            return FALSE;
+        }
+        if (descriptor_ >= 0) {
+            SetLastError(ERROR_PIPE_CONNECTED);
+            return FALSE;
+        }
+        connect_ = {overlapped, nullptr, 0, 0, GetCurrentThreadId()};
+    }
+    server_->Wait(this);
+    SetLastError(ERROR_IO_PENDING);
+    return FALSE;
+}
+
+void Pipe::Adopt(int descriptor) {
+    const std::lock_guard lock(mutex_);
+    descriptor_ = descriptor;
+    drained_ = false;
+    const bool watched = queue_.queue->Watch(descriptor_, this);
+    Complete(connect_, 0, watched ? 0 : ERROR_NOT_ENOUGH_MEMORY);
+}
+
+void Pipe::OnReady(std::uint32_t events) {
+    const std::lock_guard lock(mutex_);
+    if (descriptor_ < 0) return;
+    if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+        drained_ = false;
+        if (read_.overlapped != nullptr) TryRead();
+    }
+    if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && write_.overlapped != nullptr)
+        TryWrite();
+}
+
+void Pipe::Cancel() {
+    const bool waited = server_ != nullptr && server_->StopWaiting(this);
+    const std::lock_guard lock(mutex_);
+    const DWORD thread = GetCurrentThreadId();
+    for (Operation* operation : {&read_, &write_}) {
+        if (operation->overlapped != nullptr && operation->thread == thread)
+            Complete(*operation, operation->done, ERROR_OPERATION_ABORTED);
+    }
+    // Whoever cancels first ends the wait for a client: nothing else could.
+    if (waited && connect_.overlapped != nullptr) Complete(connect_, 0, ERROR_OPERATION_ABORTED);
+}
+
+void Pipe::Drop() {
+    if (descriptor_ < 0) return;
+    if (queue_.queue != nullptr) queue_.queue->Unwatch(descriptor_, this);
+    close(descriptor_);
+    descriptor_ = -1;
+}
+
+bool Pipe::Disconnect() {
+    const std::lock_guard lock(mutex_);
+    if (server_ == nullptr) return false;
+    Drop();
+    return true;
+}
+
+void Pipe::OnClose() {
+    if (server_ != nullptr) server_->StopWaiting(this);
+    const std::lock_guard lock(mutex_);
+    for (Operation* operation : {&read_, &write_, &connect_}) {
+        if (operation->overlapped != nullptr)
+            Complete(*operation, operation->done, ERROR_OPERATION_ABORTED);
+    }
+    Drop();
+}
+
+std::shared_ptr<PipeServer> PipeServer::Get(const std::string& name) {
+    const std::lock_guard lock(Servers().mutex);
+    std::weak_ptr<PipeServer>& known = Servers().servers[name];
+    if (auto server = known.lock()) return server;
+    auto server = std::make_shared<PipeServer>();
+    if (!server->Open(name)) return nullptr;
+    known = server;
+    return server;
+}
+
+bool PipeServer::Open(const std::string& name) {
+    const PipeAddress address(name);
+    const std::string path = platform::HomePath("pipes/") + name;
+    if (!address.valid) return false;
+    // While the lock is held nobody else serves the name, and a socket that is there belongs to a
+    // dead process.
+    lock_ = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (lock_ < 0 || flock(lock_, LOCK_EX | LOCK_NB) != 0) return false;
+    path_ = path;
+    unlink(path_.c_str());
+    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    return listener_ >= 0 && bind(listener_, address.Get(), sizeof address.address) == 0 &&
+           listen(listener_, kBacklog) == 0;
+}
+
+PipeServer::~PipeServer() {
+    if (target_ != nullptr) {
+        queue_.queue->Unwatch(listener_, target_);
+        target_->Release();
+    }
+    if (listener_ >= 0) {
+        unlink(path_.c_str());
+        close(listener_);
+    }
+    if (lock_ >= 0) close(lock_);
+}
+
+bool PipeServer::Watch(CompletionQueue* queue) {
+    const std::lock_guard lock(mutex_);
+    if (target_ != nullptr) return true;
+    // All instances of a name use one queue: the first one's.
+    auto* target = new (std::nothrow) Listener(weak_from_this());
+    if (target == nullptr) return false;
+    if (!queue->Watch(listener_, target)) {
+        target->Release();
+        return false;
+    }
+    queue_.Set(queue);
+    target_ = target;
+    return true;
+}
+
+void PipeServer::Wait(Pipe* pipe) {
+    {
+        const std::lock_guard lock(mutex_);
+        waiting_.push_back(pipe);
+    }
+    AcceptWaiting();
+}
+
+bool PipeServer::StopWaiting(Pipe* pipe) {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::find(waiting_.begin(), waiting_.end(), pipe);
+    if (found == waiting_.end()) return false;
+    waiting_.erase(found);
+    return true;
+}
+
+// Takes connections as long as there are instances for them. What is left in the backlog is taken
+// by the next Wait.
+void PipeServer::AcceptWaiting() {
+    const std::lock_guard lock(mutex_);
+    while (!waiting_.empty()) {
+        const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (client < 0 && (errno == EINTR || errno == ECONNABORTED)) continue;
+        if (client < 0) return;
+        Pipe* pipe = waiting_.front();
+        waiting_.pop_front();
+        pipe->Adopt(client);
+    }
+}
+
+Pipe* ToPipe(HANDLE handle) {
+    auto* pipe = dynamic_cast<Pipe*>(FromHandle(handle));
+    if (pipe == nullptr) SetLastError(ERROR_INVALID_HANDLE);
+    return pipe;
+}
+
+CompletionQueue* ToQueue(HANDLE handle) {
+    auto* queue = dynamic_cast<CompletionQueue*>(FromHandle(handle));
+    if (queue == nullptr) SetLastError(ERROR_INVALID_HANDLE);
+    return queue;
+}
+
+}  // namespace
+
+HANDLE CreateFileA(LPCSTR path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+    const std::string name = NameOf(path);
+    if (name.empty() || platform::Home().empty()) {
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+    }
+    const PipeAddress address(name);
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (descriptor < 0 || !address.valid) {
+        if (descriptor >= 0) close(descriptor);
+        SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (connect(descriptor, address.Get(), sizeof address.address) != 0) {
+        const int error = errno;
+        close(descriptor);
+        SetLastError(error == ENOENT || error == ECONNREFUSED ? ERROR_FILE_NOT_FOUND
+                     : error == EAGAIN                        ? ERROR_PIPE_BUSY
+                                                              : ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+    }
+    auto* pipe = new (std::nothrow) Pipe(descriptor, nullptr);
+    if (pipe != nullptr) return ToHandle(pipe);
+    close(descriptor);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return INVALID_HANDLE_VALUE;
+}
+
+HANDLE CreateNamedPipeA(LPCSTR path, DWORD, DWORD, DWORD, DWORD, DWORD, DWORD,
+                        LPSECURITY_ATTRIBUTES) {
+    const std::string name = NameOf(path);
+    if (name.empty() || platform::Home().empty()) {
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+    }
+    std::shared_ptr<PipeServer> server = PipeServer::Get(name);
+    if (server == nullptr) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+    }
+    auto* pipe = new (std::nothrow) Pipe(-1, std::move(server));
+    if (pipe == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return pipe == nullptr ? INVALID_HANDLE_VALUE : ToHandle(pipe);
+}
+
+BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED* overlapped) {
+    Pipe* object = ToPipe(pipe);
+    return object == nullptr ? FALSE : object->Connect(overlapped);
+}
+
+BOOL DisconnectNamedPipe(HANDLE pipe) {
+    Pipe* object = ToPipe(pipe);
+    return object != nullptr && object->Disconnect() ? TRUE : FALSE;
+}
+
+HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD) {
+    if (pipe == INVALID_HANDLE_VALUE && existingPort == nullptr) {
+        auto* queue = new (std::nothrow) CompletionQueue;
+        if (queue != nullptr && queue->Ready()) return ToHandle(queue);
+        if (queue != nullptr) queue->Release();
+        SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+        return nullptr;
+    }
+    Pipe* object = ToPipe(pipe);
+    CompletionQueue* queue = ToQueue(existingPort);
+    if (object == nullptr || queue == nullptr) return nullptr;
+    if (object->Bind(queue, key)) return existingPort;
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+}
+
+BOOL GetQueuedCompletionStatus(HANDLE port, DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped,
+                               DWORD milliseconds) {
+    *overlapped = nullptr;
+    CompletionQueue* queue = ToQueue(port);
+    return queue == nullptr ? FALSE : queue->Take(bytes, key, overlapped, milliseconds);
+}
+
+BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped) {
+    CompletionQueue* queue = ToQueue(port);
+    if (queue == nullptr) return FALSE;
+    queue->Post(bytes, key, overlapped, 0);
+    return TRUE;
+}
+
+BOOL ReadFile(HANDLE pipe, LPVOID buffer, DWORD size, DWORD*, OVERLAPPED* overlapped) {
+    Pipe* object = ToPipe(pipe);
+    return object == nullptr ? FALSE : object->Read(buffer, size, overlapped);
+}
+
+BOOL WriteFile(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD*, OVERLAPPED* overlapped) {
+    Pipe* object = ToPipe(pipe);
+    return object == nullptr ? FALSE : object->Write(buffer, size, overlapped);
+}
+
+BOOL CancelIo(HANDLE pipe) {
+    Pipe* object = ToPipe(pipe);
+    if (object == nullptr) return FALSE;
+    object->Cancel();
+    return TRUE;
+}

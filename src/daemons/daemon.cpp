@@ -1,0 +1,80 @@
+#include "daemons/daemon.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "platform/console.h"
+#include "platform/home.h"
+#include "trelis/trelis.h"
+
+Daemon::Daemon(const char* name, const char* display, const char* endpointName)
+    : CNTService(name),
+      endpointName_(endpointName),
+      stopEvent_(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
+    displayName = display;
+}
+
+void Daemon::Stop() {
+    ReportStatus(SERVICE_STOP_PENDING, 10000, 0);
+    SetEvent(stopEvent_.Get());
+}
+
+DWORD Daemon::Serve(LPVOID argument) {
+    auto& daemon = *static_cast<Daemon*>(argument);
+    for (;;) {
+        LIPCConnection* connection = nullptr;
+        const void* data = nullptr;
+        std::uint32_t length = 0;
+        const int status = LIPCReceive(daemon.endpoint_, &connection, &data, &length, -1);
+        if (status == LIPC_CLOSING) return 0;
+        if (status != LIPC_OK) continue;
+        void* reply = nullptr;
+        std::uint32_t replyLength = 0;
+        try {
+            daemon.Answer(data, length, &reply, &replyLength);
+        } catch (const std::exception&) {  // memory ran out: the client still gets its one reply
+        }
+        LIPCReply(daemon.endpoint_, connection, reply, replyLength);
+        std::free(reply);
+    }
+}
+
+void Daemon::Run(int argc, char** argv) {
+    if (!lock_.Take(serviceName.c_str())) {
+        std::fprintf(stderr, "%s: %s\n", serviceName.c_str(),
+                     platform::HomeError().empty() ? "already running in this directory"
+                                                   : platform::HomeError().c_str());
+        return;
+    }
+    if (TrelisInit2() < 0) {
+        std::fprintf(stderr, "%s: can't open the store\n", serviceName.c_str());
+        return;
+    }
+    if (Start(argc, argv)) {
+        if (LIPCOpenServer(&endpoint_, endpointName_) == LIPC_OK) {
+            std::vector<UniqueHandle> threads;
+            for (int i = 0; i < Threads(); ++i)
+                threads.emplace_back(CreateThread(nullptr, 0, Serve, this, 0, nullptr));
+            exitCode_ = 0;
+            ReportStatus(SERVICE_RUNNING, 3000, 0);
+            WaitForSingleObject(stopEvent_.Get(), INFINITE);
+            // Requests in hand are answered; the threads leave with the endpoint.
+            LIPCClose(endpoint_);
+            for (const UniqueHandle& thread : threads) {
+                if (thread) WaitForSingleObject(thread.Get(), INFINITE);
+            }
+        } else {
+            std::fprintf(stderr, "%s: can't serve the pipe %s\n", serviceName.c_str(),
+                         endpointName_);
+        }
+        End();
+    }
+    TrelisUninit();
+}
+
+int RunDaemon(Daemon& daemon, int argc, char** argv) {
+    platform::HoldSignals();
+    platform::RaiseDescriptorLimit();
+    const int code = daemon.ProcessCommandLine(argc, argv);
+    return daemon.InForeground() ? daemon.ExitCode() : code;
+}

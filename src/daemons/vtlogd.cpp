@@ -1,0 +1,163 @@
+// The logger daemon: one line for each event, to log/vtlogd.log below the instance's directory and
+// to syslog.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <mutex>
+#include <string>
+
+#include "daemons/daemon.h"
+#include "logclient/levels.h"
+#include "platform/home.h"
+#include "tagmsg/tagmsg.h"
+#include "tagmsg/tags.h"
+
+namespace {
+
+struct FieldName {
+    std::uint32_t tag;
+    const char* name;
+};
+constexpr FieldName kFields[] = {
+    {TagSource, "source"},
+    {TagMessage, "message"},
+    {TagFrom, "from"},
+    {TagSender, "sender"},
+    {TagRecipients, "recipients"},
+    {TagPath, "path"},
+    {TagHost, "host"},
+    {TagHostDetail, "host_detail"},
+    {TagDetails, "details"},
+    {TagStatusText, "status"},
+    {TagLabel, "label"},
+    {TagAlertLabel, "alert"},
+    {TagNumberText, "number"},
+    {TagInfoText, "info"},
+    {TagEventTextA, "text_a"},
+    {TagEventTextB, "text_b"},
+    {TagEventTextC, "text_c"},
+};
+
+// Neither a line end nor a quote of a stranger's text may look like one of ours.
+void AppendQuoted(std::string& line, const char* text) {
+    line += '"';
+    for (; *text != '\0'; ++text) {
+        const auto byte = static_cast<unsigned char>(*text);
+        if (byte == '"' || byte == '\\') {
+            line += '\\';
+            line += *text;
+        } else if (byte < 0x20 || byte == 0x7F) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+            line += escaped;
+        } else {
+            line += *text;
+        }
+    }
+    line += '"';
+}
+
+std::string Now() {
+    const std::time_t seconds = std::time(nullptr);
+    std::tm parts{};
+    gmtime_r(&seconds, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text;
+}
+
+const char* KindName(std::uint32_t word) {
+    for (const LogClass& each : kLogClasses) {
+        if (each.kind == (word & 0xFFFF0000)) return each.name;
+    }
+    return (word & 0xFFFF0000) == kEventUnclassed ? "Unclassed" : "Unknown";
+}
+
+const char* LevelName(std::uint32_t word) {
+    for (const LogLevel& level : kLogLevels) {
+        if ((word & level.bit) != 0) return level.word;
+    }
+    return "high";
+}
+
+std::string Describe(TagMsgNode* event) {
+    std::uint32_t word = 0;
+    TagMsgCopyAttr(event, TagEventWord, &word, sizeof word);
+    std::string line = std::string(LevelName(word)) + ' ' + KindName(word);
+    for (const FieldName& field : kFields) {
+        const void* text = nullptr;
+        if (TagMsgPeekAttr(event, field.tag, &text) != TAGMSG_OK || text == nullptr) continue;
+        line += ' ';
+        line += field.name;
+        line += '=';
+        AppendQuoted(line, static_cast<const char*>(text));
+    }
+    return line;
+}
+
+class LogDaemon final : public Daemon {
+  public:
+    LogDaemon() : Daemon("VTLOGD", "Vantrel Logger", "vtlogd") {}
+    ~LogDaemon() override {
+        if (file_ >= 0) close(file_);
+    }
+
+  protected:
+    bool Start(int, char**) override {
+        mkdir(platform::HomePath("log").c_str(), 0700);
+        path_ = platform::HomePath("log/vtlogd.log");
+        toSyslog_ = access("/dev/log", W_OK) == 0;
+        if (toSyslog_) openlog("vantrel", LOG_PID, LOG_MAIL);
+        if (Reopen()) return true;
+        std::fprintf(stderr, "VTLOGD: can't open %s\n", path_.c_str());
+        return false;
+    }
+    int Threads() const override { return 2; }
+    void Answer(const void* data, std::uint32_t length, void**, std::uint32_t*) override {
+        TagMsgNode* event = nullptr;
+        if (data != nullptr && length <= 0x7FFFFFFF &&
+            TagMsgParse(&event, data, static_cast<std::int32_t>(length)) == TAGMSG_OK) {
+            Write(Describe(event));
+            TagMsgFree(event, 1, 1);
+        } else {
+            Write("high Warning message=\"an event that could not be read\"");
+        }
+    }
+
+  private:
+    bool Reopen() {
+        if (file_ >= 0) close(file_);
+        file_ = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        return file_ >= 0;
+    }
+    void Write(const std::string& text) {
+        const std::string line = Now() + ' ' + text + '\n';
+        const std::lock_guard lock(mutex_);
+        // Moved away or removed: a new one is begun.
+        struct stat there {};
+        struct stat mine {};
+        if (stat(path_.c_str(), &there) != 0 || fstat(file_, &mine) != 0 ||
+            there.st_ino != mine.st_ino)
+            Reopen();
+        if (write(file_, line.data(), line.size()) < 0)
+            std::fprintf(stderr, "VTLOGD: %s", line.c_str());
+        if (toSyslog_) syslog(LOG_NOTICE, "%s", text.c_str());
+    }
+
+    std::mutex mutex_;
+    std::string path_;
+    int file_ = -1;  // guarded by mutex_
+    bool toSyslog_ = false;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    LogDaemon daemon;
+    return RunDaemon(daemon, argc, argv);
+}

@@ -1,0 +1,321 @@
+#include "lipc/lipc.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lipc/pipe.h"
+#include "support/instance.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A peer that speaks the bytes itself, on the pipe's socket.
+class RawServer {
+  public:
+    explicit RawServer(const std::string& name) : listener_(socket(AF_UNIX, SOCK_STREAM, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        const std::string path = platform_path(name);
+        std::memcpy(address.sun_path, path.c_str(), path.size());
+        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(listener_, 16), 0);
+        path_ = path;
+    }
+    ~RawServer() {
+        close(listener_);
+        unlink(path_.c_str());
+    }
+    int Accept() const { return accept(listener_, nullptr, nullptr); }
+    static std::string platform_path(const std::string& name) {
+        return g_instance.Path() + "/pipes/" + name;
+    }
+
+  private:
+    int listener_;
+    std::string path_;
+};
+
+std::string ReadBytes(int descriptor, std::size_t count) {
+    std::string bytes(count, '\0');
+    std::size_t have = 0;
+    while (have < count) {
+        pollfd entry{descriptor, POLLIN, 0};
+        if (poll(&entry, 1, 5000) != 1) break;
+        const ssize_t n = read(descriptor, bytes.data() + have, count - have);
+        if (n <= 0) break;
+        have += static_cast<std::size_t>(n);
+    }
+    bytes.resize(have);
+    return bytes;
+}
+
+std::string Frame(const std::string& payload) {
+    std::string frame("VTIPC\0\0\0", 8);
+    for (int twice = 0; twice < 2; ++twice) {
+        for (unsigned i = 0; i < 4; ++i) frame += static_cast<char>(payload.size() >> (8 * i));
+    }
+    return frame + std::string(4, '\0') + payload;
+}
+
+void Write(int descriptor, const std::string& bytes) {
+    ASSERT_EQ(write(descriptor, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    std::this_thread::sleep_for(5ms);  // so that the next piece is a read of its own
+}
+
+struct Exchange {
+    int status = 1;
+    std::string reply;
+    bool null = false;
+};
+Exchange Ask(LIPCEndpoint* endpoint, const std::string& request, std::int32_t timeoutMs) {
+    Exchange result;
+    LIPCConnection* connection = nullptr;
+    const void* reply = nullptr;
+    std::uint32_t length = 0;
+    result.status =
+        LIPCRequest(endpoint, &connection, request.data(),
+                    static_cast<std::uint32_t>(request.size()), &reply, &length, timeoutMs);
+    if (reply != nullptr) result.reply.assign(static_cast<const char*>(reply), length);
+    result.null = reply == nullptr;
+    if (connection != nullptr) LIPCRelease(endpoint, connection);
+    return result;
+}
+
+class Client : public testing::Test {
+  protected:
+    Client() { EXPECT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK); }
+    ~Client() override { LIPCClose(endpoint_); }
+    LIPCEndpoint* endpoint_ = nullptr;
+};
+
+TEST_F(Client, NobodyThere) { EXPECT_EQ(Ask(endpoint_, "x", 100).status, LIPC_NOT_THERE); }
+
+TEST_F(Client, FramesToTheByteHoweverTheReplyIsCut) {
+    const RawServer server("raw");
+    const std::string marker("2.0LIPCNOREPLY\0", 15);
+    const std::string big(10000, 'b');
+    const struct {
+        std::string reply;
+        std::vector<std::size_t> cuts;
+        bool null;
+    } cases[] = {{"whole", {}, false},
+                 {"header in two pieces", {7}, false},
+                 {"header alone", {20}, false},
+                 {"header and a part", {23}, false},
+                 {marker, {}, true},
+                 {std::string("2.0LIPCNOREPLX\0", 15), {}, false},
+                 {marker.substr(0, 14), {}, false},
+                 {big, {4096, 5000}, false}};
+    std::thread peer([&] {
+        const int client = server.Accept();
+        for (const auto& each : cases) {
+            EXPECT_EQ(ReadBytes(client, 20 + 4097), Frame(std::string(4097, 'q')));
+            const std::string frame = Frame(each.reply);
+            std::size_t done = 0;
+            for (const std::size_t cut : each.cuts) {
+                Write(client, frame.substr(done, cut - done));
+                done = cut;
+            }
+            Write(client, frame.substr(done));
+        }
+        close(client);
+    });
+    for (const auto& each : cases) {
+        const Exchange result = Ask(endpoint_, std::string(4097, 'q'), 5000);
+        EXPECT_EQ(result.status, LIPC_OK);
+        EXPECT_EQ(result.null, each.null);
+        if (!each.null) {
+            EXPECT_EQ(result.reply, each.reply);
+        }
+    }
+    peer.join();
+}
+
+TEST_F(Client, ABadFrameCostsItsReadOnly) {
+    const RawServer server("raw");
+    std::thread peer([&] {
+        const int client = server.Accept();
+        ReadBytes(client, 21);
+        Write(client, "this is no frame at all");
+        Write(client, Frame("good"));
+        ReadBytes(client, 1);
+        close(client);
+    });
+    EXPECT_EQ(Ask(endpoint_, "q", 5000).reply, "good");
+    LIPCClose(endpoint_);
+    peer.join();
+    ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
+}
+
+TEST_F(Client, AnInsaneLengthBreaksTheChannel) {
+    const RawServer server("raw");
+    std::thread peer([&] {
+        const int client = server.Accept();
+        ReadBytes(client, 21);
+        std::string frame = Frame("x");
+        frame[15] = '\x7F';
+        Write(client, frame);
+        ReadBytes(client, 1);
+        close(client);
+    });
+    EXPECT_EQ(Ask(endpoint_, "q", 5000).status, LIPC_FAILED);
+    peer.join();
+}
+
+TEST_F(Client, ALateReplyReachesNoOtherRequest) {
+    const RawServer server("raw");
+    std::atomic<int> connections{0};
+    std::thread peer([&] {
+        const int first = server.Accept();
+        ++connections;
+        ReadBytes(first, 21);
+        const int second = server.Accept();
+        ++connections;
+        [[maybe_unused]] const ssize_t late = send(first, Frame("late").data(), 24, MSG_NOSIGNAL);
+        ReadBytes(second, 21);
+        Write(second, Frame("right"));
+        close(first);
+        ReadBytes(second, 1);
+        close(second);
+    });
+    EXPECT_EQ(Ask(endpoint_, "1", 50).status, LIPC_TIMED_OUT);
+    EXPECT_EQ(Ask(endpoint_, "2", 5000).reply, "right");
+    LIPCClose(endpoint_);
+    peer.join();
+    EXPECT_EQ(connections, 2);
+    ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
+}
+
+TEST_F(Client, APeerThatClosesCostsItsConnectionOnly) {
+    const RawServer server("raw");
+    std::thread peer([&] {
+        const int first = server.Accept();
+        ReadBytes(first, 21);
+        close(first);
+        const int second = server.Accept();
+        ReadBytes(second, 21);
+        Write(second, Frame("again"));
+        ReadBytes(second, 1);
+        close(second);
+    });
+    EXPECT_EQ(Ask(endpoint_, "1", 5000).status, LIPC_PEER_CLOSED);
+    EXPECT_EQ(Ask(endpoint_, "2", 5000).reply, "again");
+    LIPCClose(endpoint_);
+    peer.join();
+    ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
+}
+
+TEST_F(Client, CloseWakesThoseWhoWait) {
+    const RawServer server("raw");
+    std::thread waiter([this] { EXPECT_EQ(Ask(endpoint_, "1", -1).status, LIPC_FAILED); });
+    const int client = server.Accept();
+    ReadBytes(client, 21);
+    const auto start = std::chrono::steady_clock::now();
+    LIPCClose(endpoint_);
+    waiter.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    close(client);
+    ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
+}
+
+TEST(LIPC, NullArguments) {
+    EXPECT_EQ(LIPCRelease(nullptr, nullptr), LIPC_BAD_ARGUMENT);
+    EXPECT_EQ(LIPCClose(nullptr), LIPC_BAD_ARGUMENT);
+    EXPECT_EQ(PipeClose(kPipeTableSize), LIPC_BAD_ARGUMENT);
+    EXPECT_EQ(PipeSetTimeout(3, 1), LIPC_BAD_ARGUMENT);
+}
+
+void Echo(LIPCEndpoint* server) {
+    for (;;) {
+        LIPCConnection* connection = nullptr;
+        const void* data = nullptr;
+        std::uint32_t length = 0;
+        const int status = LIPCReceive(server, &connection, &data, &length, -1);
+        if (status == LIPC_CLOSING) return;
+        if (status == LIPC_OK) LIPCReply(server, connection, data, length);
+    }
+}
+
+TEST(LIPC, ManyThreadsThroughAServerThatRestarts) {
+    LIPCEndpoint* client = nullptr;
+    ASSERT_EQ(LIPCOpenClient(&client, "echo"), LIPC_OK);
+    std::atomic<bool> stop{false};
+    std::atomic<int> good{0};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; !stop; ++n) {
+                const std::string text = std::to_string(i) + ":" + std::to_string(n) +
+                                         std::string(static_cast<std::size_t>(n % 9000), 'x');
+                const Exchange result = Ask(client, text, 5000);
+                if (result.status == LIPC_OK) ++(result.reply == text ? good : wrong);
+                if (result.status == LIPC_NOT_THERE) std::this_thread::sleep_for(1ms);
+            }
+        });
+    }
+    for (int round = 0; round < 3; ++round) {
+        LIPCEndpoint* server = nullptr;
+        ASSERT_EQ(LIPCOpenServer(&server, "echo"), LIPC_OK);
+        LIPCEndpoint* second = nullptr;
+        EXPECT_EQ(round == 0 ? LIPCOpenServer(&second, "other") : LIPC_OK, LIPC_OK);
+        if (second != nullptr) LIPCClose(second);
+        std::thread a(Echo, server);
+        std::thread b(Echo, server);
+        const int before = good;
+        const auto end = std::chrono::steady_clock::now() + 20s;
+        while (good < before + 500 && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(1ms);
+        EXPECT_GE(good, before + 500);
+        LIPCClose(server);
+        a.join();
+        b.join();
+    }
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(wrong, 0);
+    LIPCClose(client);
+}
+
+TEST(LIPC, AServerSurvivesJunkAndHalfFrames) {
+    LIPCEndpoint* server = nullptr;
+    ASSERT_EQ(LIPCOpenServer(&server, "junk"), LIPC_OK);
+    std::thread worker(Echo, server);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = RawServer::platform_path("junk");
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    std::vector<int> open;
+    for (int i = 0; i < 400; ++i) {  // more than the server has connections
+        const int peer = socket(AF_UNIX, SOCK_STREAM, 0);
+        ASSERT_EQ(connect(peer, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const std::string bytes =
+            i % 3 == 0 ? "junk" : Frame("half").substr(0, static_cast<std::size_t>(i % 23));
+        [[maybe_unused]] const ssize_t sent = send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (i % 40 == 1) {
+            open.push_back(peer);
+        } else {
+            close(peer);
+        }
+    }
+    LIPCEndpoint* client = nullptr;
+    ASSERT_EQ(LIPCOpenClient(&client, "junk"), LIPC_OK);
+    EXPECT_EQ(Ask(client, "still here", 5000).reply, "still here");
+    LIPCClose(client);
+    LIPCClose(server);
+    worker.join();
+    for (const int peer : open) close(peer);
+}
+
+}  // namespace

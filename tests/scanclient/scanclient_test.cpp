@@ -1,0 +1,282 @@
+#include "scanclient/scanclient.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "lipc/lipc.h"
+#include "logclient/logclient.h"
+#include "support/instance.h"
+#include "tagmsg/tagmsg.h"
+#include "tagmsg/tags.h"
+#include "trelis/trelis.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Build = std::function<void(TagMsgNode* reply)>;
+
+// Answers one request as the daemon would; the request stays for a look.
+class FakeDaemon {
+  public:
+    FakeDaemon(const char* name, Build build, std::chrono::milliseconds delay = 0ms) {
+        EXPECT_EQ(LIPCOpenServer(&server_, name), LIPC_OK);
+        thread_ = std::thread([this, build = std::move(build), delay] {
+            LIPCConnection* connection = nullptr;
+            const void* data = nullptr;
+            std::uint32_t length = 0;
+            if (LIPCReceive(server_, &connection, &data, &length, 10000) != LIPC_OK) return;
+            TagMsgParse(&request, data, static_cast<std::int32_t>(length));
+            std::this_thread::sleep_for(delay);
+            void* flat = nullptr;
+            std::uint32_t size = 0;
+            if (build) {
+                TagMsgNode* reply = nullptr;
+                TagMsgCreate(&reply);
+                build(reply);
+                TagMsgSerialize(reply, &flat, &size);
+                TagMsgFree(reply, 1, 1);
+            }
+            LIPCReply(server_, connection, flat, size);
+            std::free(flat);
+        });
+    }
+    ~FakeDaemon() {
+        Join();
+        LIPCClose(server_);
+        TagMsgFree(request, 1, 1);
+    }
+    void Join() {
+        if (thread_.joinable()) thread_.join();
+    }
+    std::string Text(std::uint32_t tag) {
+        Join();
+        const void* text = nullptr;
+        return TagMsgPeekAttr(request, tag, &text) == TAGMSG_OK ? static_cast<const char*>(text)
+                                                                : "(none)";
+    }
+    TagMsgNode* request = nullptr;
+
+  private:
+    LIPCEndpoint* server_ = nullptr;
+    std::thread thread_;
+};
+
+void Number(TagMsgNode* node, std::uint32_t tag, std::int32_t value) {
+    TagMsgAddAttr(node, tag, &value);
+}
+TagMsgNode* Child(TagMsgNode* parent) {
+    TagMsgNode* child = nullptr;
+    TagMsgCreate(&child);
+    TagMsgAddChild(parent, child);
+    return child;
+}
+
+class Scan : public testing::Test {
+  protected:
+    Scan() { EXPECT_EQ(MailScanInit(), 0); }
+    ~Scan() override {
+        MailScanFree(&record_);
+        MailScanUninit();
+    }
+    MailScanRecord record_{};
+};
+
+TEST_F(Scan, ActionLists) {
+    const struct {
+        std::uint32_t mask;
+        const char* objects;
+        const char* messages;
+    } cases[] = {{11, "disinfect;delete;drop", "drop"},
+                 {4, "ignore", "ignore"},
+                 {0x2F, "disinfect;delete;quarantine;ignore", "quarantine;ignore"},
+                 {0x18, "drop", "drop"},
+                 {0x10, "reject", "reject"},
+                 {0x40, "ignore", "ignore"},
+                 {3, "disinfect;delete", "ignore"}};
+    for (const auto& each : cases) {
+        MailScanSetObjectActions(&record_, each.mask, nullptr);
+        MailScanSetMessageActions(&record_, each.mask, nullptr);
+        EXPECT_STREQ(record_.objectActions, each.objects);
+        EXPECT_STREQ(record_.messageActions, each.messages);
+    }
+    MailScanSetObjectActions(&record_, 0, "fallback");
+    EXPECT_STREQ(record_.objectActions, "fallback");
+    EXPECT_EQ(MailScanSetObjectActions(nullptr, 1, nullptr), -5);
+}
+
+TEST_F(Scan, RequestAndVerdict) {
+    FakeDaemon daemon("vtmaild", [](TagMsgNode* reply) {
+        Number(reply, TagActionMask, 0x12);
+        TagMsgNode* virus = Child(reply);
+        TagMsgAddAttr(virus, TagSection, "Antivirus");
+        Number(virus, TagActionMask, 3);
+        TagMsgAddAttr(virus, TagRecipients, std::string(3000, 'r').c_str());
+        TagMsgAddAttr(Child(virus), TagObjectName, "first");
+        TagMsgAddAttr(Child(virus), TagObjectName, "second");
+        TagMsgAddAttr(Child(reply), TagSection, "antispam");
+        TagMsgNode* spam = Child(reply);
+        TagMsgAddAttr(spam, TagSection, "Antispam");
+        Number(spam, TagFilterValue, 9);
+    });
+    record_.path = "/spool/x1";
+    record_.sender = "s@example.org";
+    record_.peerAddress = "192.0.2.1";
+    record_.agentId = 4;
+    record_.timeoutSeconds = 3;
+    record_.cancelCallback = [](void*) { return 0; };
+    for (const char* recipient : {"a", "b", "c"}) MailScanAddRecipient(&record_, recipient);
+    ASSERT_EQ(MailScan(&record_), 0);
+    EXPECT_EQ(daemon.Text(TagRecipients), "a;b;c");
+    EXPECT_EQ(daemon.Text(TagPath), "/spool/x1");
+    EXPECT_EQ(daemon.Text(TagNumberText), "");
+    EXPECT_EQ(daemon.Text(TagExtraText), "(none)");
+    std::int32_t slice = 0;
+    TagMsgCopyAttr(daemon.request, TagPollInterval, &slice, sizeof slice);
+    EXPECT_EQ(slice, 3000);
+    EXPECT_EQ(daemon.request->attrs->tag, TagPath)
+        << "parsed oldest first: the flat form began with the newest";
+    EXPECT_EQ(record_.actionMask, 2) << "without entries the bit goes";
+    ASSERT_NE(record_.verdict, nullptr);
+    EXPECT_EQ(record_.verdict->antivirus.actionMask, 3);
+    EXPECT_EQ(std::string(record_.verdict->antivirus.recipients).size(), 3000U);
+    ASSERT_NE(record_.verdict->antivirus.objects, nullptr);
+    EXPECT_STREQ(record_.verdict->antivirus.objects[1]->objectName, "second");
+    EXPECT_EQ(record_.verdict->antivirus.objects[2], nullptr);
+    EXPECT_EQ(record_.verdict->antispam.filterValue, 9);
+}
+
+TEST_F(Scan, EntriesAreCutAndKeepTheirBit) {
+    FakeDaemon daemon("vtmaild", [](TagMsgNode* reply) {
+        Number(reply, TagActionMask, 0x11);
+        TagMsgNode* entry = Child(reply);
+        Number(entry, TagEntryCode, 5);
+        Number(entry, TagFilterValue, 6);
+        TagMsgAddAttr(entry, TagObjectName, "name");
+        TagMsgAddAttr(entry, TagMessage, std::string(3000, 'm').c_str());
+    });
+    ASSERT_EQ(MailScan(&record_), 0);
+    EXPECT_EQ(record_.actionMask, 0x11);
+    EXPECT_EQ(record_.verdict, nullptr);
+    ASSERT_NE(record_.entries, nullptr);
+    EXPECT_EQ(std::string(record_.entries->message).size(), 2047U);
+}
+
+struct ReplyCase {
+    const char* name;
+    Build build;
+    int status;
+};
+class Replies : public Scan, public testing::WithParamInterface<ReplyCase> {};
+TEST_P(Replies, HaveTheirStatus) {
+    FakeDaemon daemon("vtmaild", GetParam().build);
+    EXPECT_EQ(MailScan(&record_), GetParam().status);
+    EXPECT_EQ(record_.entries, nullptr);
+    EXPECT_EQ(record_.verdict, nullptr);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Cases, Replies,
+    testing::Values(ReplyCase{"NoData", nullptr, -5}, ReplyCase{"NoMask", [](TagMsgNode*) {}, -11},
+                    ReplyCase{"BitWithoutChildren",
+                              [](TagMsgNode* reply) { Number(reply, TagActionMask, 0x11); }, 0},
+                    ReplyCase{"ChildrenWithoutBit",
+                              [](TagMsgNode* reply) {
+                                  Number(reply, TagActionMask, 1);
+                                  TagMsgAddAttr(Child(reply), TagSection, "Antivirus");
+                              },
+                              0},
+                    ReplyCase{"EntryWithATagMissing",
+                              [](TagMsgNode* reply) {
+                                  Number(reply, TagActionMask, 0x11);
+                                  Number(Child(reply), TagEntryCode, 1);
+                              },
+                              -11}),
+    [](const auto& each) { return each.param.name; });
+
+TEST_F(Scan, AsksTheCallbackAfterEachSliceAndGivesUpWhenTold) {
+    static int calls;
+    calls = 0;
+    record_.timeoutSeconds = 1;
+    record_.cancelCallback = [](void*) { return ++calls >= 2 ? 1 : 0; };
+    FakeDaemon daemon("vtmaild", nullptr, 2500ms);
+    EXPECT_EQ(MailScan(&record_), -1);
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(Scan, WithoutADaemonFailsAtOnce) { EXPECT_EQ(MailScan(&record_), -1); }
+
+class Log : public testing::Test {
+  protected:
+    Log() {
+        EXPECT_EQ(TrelisInit2(), 0);
+        TrelisDelKey(kLocalStore, "/VTUX");
+        TrelisSetValue(kLocalStore, "/VTUX/LoggerDaemon/LogLevel/Error", "MEDIUM");
+        TrelisSetValue(kLocalStore, "/VTUX/LoggerDaemon/LogLevel/Info", "verbose");
+        EXPECT_EQ(LogClientInit("a label that is longer than thirty-one characters", kLocalStore),
+                  0);
+    }
+    ~Log() override {
+        LogClientUninit();
+        TrelisUninit();
+    }
+    static std::uint32_t Word(FakeDaemon& daemon) {
+        daemon.Join();
+        std::uint32_t word = 0;
+        TagMsgCopyAttr(daemon.request, TagEventWord, &word, sizeof word);
+        return word;
+    }
+};
+
+TEST_F(Log, LevelsFollowTheStore) {
+    char value[32] = "";
+    EXPECT_EQ(
+        TrelisGetValue(kLocalStore, "/VTUX/LoggerDaemon/LogLevel/Warning", value, sizeof value), 0);
+    EXPECT_STREQ(value, "high") << "a missing key is made";
+    {
+        FakeDaemon daemon("vtlogd", nullptr);
+        EXPECT_EQ(LogClientEvent(kEventError, nullptr, nullptr, "path", nullptr, nullptr, "text"),
+                  0);
+        EXPECT_EQ(Word(daemon), kEventError | kLevelMedium);
+        EXPECT_EQ(daemon.Text(TagSource), "a label that is longer than thi");
+        EXPECT_EQ(daemon.Text(TagMessage), "text");
+        EXPECT_EQ(daemon.Text(TagFrom), "(none)");
+    }
+    TrelisSetValue(kLocalStore, "/VTUX/LoggerDaemon/LogLevel/Warning", "none");
+    EXPECT_EQ(
+        LogClientEvent(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, "unwanted"),
+        -15);
+    FakeDaemon daemon("vtlogd", nullptr);
+    EXPECT_EQ(LogClientEvent(kEventWarning | kLevelHigh, nullptr, nullptr, nullptr, "h", nullptr,
+                             "wanted"),
+              0);
+    EXPECT_EQ(Word(daemon), kEventWarning | kLevelHigh);
+}
+
+TEST_F(Log, RefusesWhatIsNoEvent) {
+    EXPECT_EQ(LogClientEvent(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+              -1);
+    EXPECT_EQ(
+        LogClientEvent(kEventError, nullptr, nullptr, nullptr, nullptr, nullptr, "path missing"),
+        -1);
+    EXPECT_EQ(LogClientEvent(kEventVirus | kEventWarning, nullptr), -1);
+    EXPECT_EQ(LogClientEvent(kEventUpdateInfo, "nobody listens"), LIPC_NOT_THERE);
+}
+
+TEST_F(Log, VirusAlertMarksAreCutAndCounted) {
+    char from[] = "joe(alert) and more";
+    char to[] = "ann";
+    FakeDaemon daemon("vtlogd", nullptr);
+    EXPECT_EQ(LogClientEvent(kEventVirus, "details", from, to, "path", "c", nullptr, "a", "status",
+                             nullptr, nullptr, 17),
+              0);
+    EXPECT_STREQ(from, "joe");
+    EXPECT_EQ(daemon.Text(TagFrom), "joe");
+    EXPECT_EQ(daemon.Text(TagAlertLabel), "Mail10");
+    EXPECT_EQ(daemon.Text(TagNumberText), "17");
+}
+
+}  // namespace

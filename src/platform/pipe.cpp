@@ -49,8 +49,10 @@ class CompletionQueue final : public Object {
         epoll_ctl(epoll_, EPOLL_CTL_ADD, wake_, &event);
     }
     ~CompletionQueue() override {
-        for (const Completion& entry : posted_) {
-            if (entry.released != nullptr) entry.released->Release();
+        while (!posted_.empty()) {
+            PollTarget* released = posted_.front().released;
+            posted_.pop_front();
+            if (released != nullptr) released->Release();
         }
         if (epoll_ >= 0) close(epoll_);
         if (wake_ >= 0) close(wake_);
@@ -77,23 +79,30 @@ class CompletionQueue final : public Object {
     BOOL Take(DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped, DWORD milliseconds) {
         *overlapped = nullptr;
         for (;;) {
+            Completion entry{};
+            bool found = false;
             {
                 const std::lock_guard lock(mutex_);
-                while (!posted_.empty()) {
-                    const Completion entry = posted_.front();
+                found = !posted_.empty();
+                if (found) {
+                    entry = posted_.front();
                     posted_.pop_front();
-                    if (entry.released != nullptr) {
-                        entry.released->Release();
-                        continue;
-                    }
-                    *bytes = entry.bytes;
-                    *key = entry.key;
-                    *overlapped = entry.overlapped;
-                    if (entry.error == 0) return TRUE;
-                    SetLastError(entry.error);
-                    return FALSE;
+                } else {
+                    sleeping_ = true;
                 }
-                sleeping_ = true;
+            }
+            if (found && entry.released != nullptr) {
+                // With no lock held: the end of a pipe may end its server, which posts again.
+                entry.released->Release();
+                continue;
+            }
+            if (found) {
+                *bytes = entry.bytes;
+                *key = entry.key;
+                *overlapped = entry.overlapped;
+                if (entry.error == 0) return TRUE;
+                SetLastError(entry.error);
+                return FALSE;
             }
             std::array<epoll_event, 64> events;
             const int limit = milliseconds == INFINITE

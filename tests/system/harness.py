@@ -1,0 +1,272 @@
+"""Whole programs on loopback: an instance in a directory of its own, a mail server and a scan daemon whose faults a
+test chooses, and a client that speaks raw bytes."""
+
+import json
+import os
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+
+BIN = os.environ["VANTREL_BIN"]
+NET = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces/net"
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def wait_until(check, seconds=10):
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        if check():
+            return True
+        time.sleep(0.01)
+    return False
+
+
+class MailServer:
+    """Answers each command line with the rule for its verb: bytes, or a function of the line; None closes."""
+
+    def __init__(self, **rules):
+        self.rules = {"GREETING": b"220 real.example ESMTP\r\n", "EHLO": b"250-real.example\r\n250-SIZE 1000000\r\n"
+                      b"250-PIPELINING\r\n250-STARTTLS\r\n250-CHUNKING\r\n250 8BITMIME\r\n",
+                      "DATA": b"354 go on\r\n", "QUIT": b"221 bye\r\n", "END": b"250 queued\r\n", "": b"250 ok\r\n"}
+        self.rules.update(rules)
+        self.lines = []
+        self.messages = []
+        self.connections = 0
+        self.listener = socket.create_server(("127.0.0.1", 0), backlog=200)
+        self.port = self.listener.getsockname()[1]
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            try:
+                client, _ = self.listener.accept()
+            except OSError:
+                return
+            self.connections += 1
+            threading.Thread(target=self._serve, args=(client,), daemon=True).start()
+
+    def _serve(self, client):
+        with client, client.makefile("rb") as stream:
+            try:
+                client.sendall(self.rules["GREETING"])
+                for line in stream:
+                    self.lines.append(line)
+                    words = line.split() or [b""]
+                    verb = words[0].decode("latin-1").upper()
+                    rule = self.rules.get(verb, self.rules[""])
+                    if verb == "BDAT":
+                        self.messages.append(stream.read(int(words[1])))
+                    reply = rule(line) if callable(rule) else rule
+                    if reply is None:
+                        return
+                    client.sendall(reply)
+                    if verb == "DATA" and reply.startswith(b"354"):
+                        body = b""
+                        for text in stream:
+                            if text == b".\r\n":
+                                break
+                            body += text
+                        else:
+                            return
+                        self.messages.append(body)
+                        if self.rules["END"] is None:
+                            return
+                        client.sendall(self.rules["END"])
+            except OSError:
+                pass
+
+    def close(self):
+        self.listener.close()
+
+
+def flat(attributes, children=()):
+    """The nodes of a tagged message, without the leading length."""
+    def node(attrs, kids, sibling):
+        out = struct.pack("<III", len(kids), len(attrs), sibling)
+        for tag, value in attrs:
+            if tag & 0xFF == 1:
+                out += struct.pack("<Ii", tag, value)
+            else:
+                text = value.encode() + b"\0"
+                out += struct.pack("<II", tag, len(text)) + text
+        for i, (kid_attrs, kid_kids) in enumerate(kids):
+            out += node(kid_attrs, kid_kids, 1 if i + 1 < len(kids) else 0)
+        return out
+    body = node(attributes, children, 0)
+    return struct.pack("<I", len(body) + 4) + body
+
+
+def clean():
+    return flat([(0x1401, 1)])
+
+
+def verdict(mask, section="Antivirus", section_mask=0, recipients=None):
+    attrs = [(0x3800, section), (0x1401, section_mask)]
+    if recipients is not None:
+        attrs.append((0x0F00, recipients))
+    return flat([(0x1401, mask | 0x10)], [(attrs, [])])
+
+
+class ScanDaemon:
+    """Speaks the frames on the pipe vtmaild; answer gets the request and gives the reply, None closes."""
+
+    def __init__(self, home, answer=lambda request: clean()):
+        self.answer = answer
+        self.requests = []
+        self.path = os.path.join(home, "pipes", "vtmaild")
+        if os.path.exists(self.path):
+            os.unlink(self.path)
+        self.listener = socket.socket(socket.AF_UNIX)
+        self.listener.bind(self.path)
+        self.listener.listen(64)
+        self.clients = []
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            try:
+                client, _ = self.listener.accept()
+            except OSError:
+                return
+            self.clients.append(client)
+            threading.Thread(target=self._serve, args=(client,), daemon=True).start()
+
+    def _serve(self, client):
+        with client, client.makefile("rb") as stream:
+            try:
+                while header := stream.read(20):
+                    assert header[:8] == b"VTIPC\0\0\0", header
+                    length, remaining, reserved = struct.unpack("<III", header[8:])
+                    assert length == remaining and reserved == 0
+                    request = stream.read(length)
+                    self.requests.append(request)
+                    reply = self.answer(request)
+                    if reply is None:
+                        return
+                    client.sendall(b"VTIPC\0\0\0" + struct.pack("<III", len(reply), len(reply), 0) + reply)
+            except OSError:
+                pass
+
+    def close(self):
+        self.listener.close()
+        os.unlink(self.path)
+        for client in self.clients:
+            try:
+                client.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+
+class Client:
+    def __init__(self, port, timeout=15):
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout)
+        self.stream = self.socket.makefile("rb")
+
+    def send(self, data):
+        self.socket.sendall(data)
+
+    def reply(self):
+        """One whole reply; empty when the connection is closed."""
+        out = b""
+        while True:
+            try:
+                line = self.stream.readline()
+            except ConnectionError:
+                return out
+            out += line
+            if not line or line[3:4] != b"-":
+                return out
+
+    def ask(self, line):
+        self.send(line + b"\r\n")
+        return self.reply()
+
+    def envelope(self, sender=b"s@example.org", recipients=(b"r@example.org",)):
+        assert self.reply().startswith(b"220"), "greeting"
+        assert self.ask(b"EHLO me").startswith(b"250")
+        assert self.ask(b"MAIL FROM:<" + sender + b">").startswith(b"250")
+        for recipient in recipients:
+            assert self.ask(b"RCPT TO:<" + recipient + b">").startswith(b"250")
+
+    def data(self, body):
+        assert self.ask(b"DATA").startswith(b"354")
+        self.send(body)
+        return self.reply()
+
+    def reset(self):
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.stream.close()
+        self.socket.close()
+
+    def close(self):
+        self.stream.close()
+        self.socket.close()
+
+
+class Proxy:
+    """vtsmtpproxy in its own instance."""
+
+    def __init__(self, server_port, keys=None, start=True):
+        self.home = tempfile.mkdtemp(prefix="vantrel-system.")
+        self.env = dict(os.environ, VANTREL_HOME=self.home)
+        self.port = free_port()
+        values = {NET + "/Port": str(self.port), NET + "/IPAddress": "127.0.0.1",
+                  NET + "/ServerToForward": "127.0.0.1:%d" % server_port, NET + "/GreetingDomainName": "proxy.example",
+                  NET + "/MailDomains/a": "example.org", NET + "/TimeoutBetweenNOOPs": "1", NET + "/ConnectionTimeout": "5"}
+        values.update(keys or {})
+        self.load(values)
+        self.process = None
+        if start:
+            self.start()
+
+    def load(self, values):
+        subprocess.run([BIN + "/vtregistry", "load"], input=json.dumps(values), text=True, env=self.env, check=True)
+
+    def tool(self, *words):
+        return subprocess.run([BIN + "/vtregistry", *words], env=self.env, text=True, capture_output=True)
+
+    def start(self):
+        self.process = subprocess.Popen([BIN + "/vtsmtpproxy", "debug"], env=self.env, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT)
+        assert wait_until(self.listening, 20), "the proxy does not listen"
+
+    def listening(self):
+        try:
+            socket.create_connection(("127.0.0.1", self.port), 1).close()
+            return True
+        except OSError:
+            return False
+
+    def alive(self):
+        return self.process.poll() is None
+
+    def spool(self):
+        folder = os.path.join(self.home, "tmp", "VTNP")
+        return os.listdir(folder) if os.path.isdir(folder) else []
+
+    def descriptors(self):
+        return len(os.listdir("/proc/%d/fd" % self.process.pid))
+
+    def threads(self):
+        return len(os.listdir("/proc/%d/task" % self.process.pid))
+
+    def stop(self):
+        if self.process is not None and self.alive():
+            self.process.send_signal(signal.SIGTERM)
+            self.process.wait(30)
+        code = self.process.returncode if self.process is not None else None
+        output = self.process.stdout.read() if self.process is not None else b""
+        if self.process is not None:
+            self.process.stdout.close()
+        shutil.rmtree(self.home, ignore_errors=True)
+        return code, output

@@ -1,0 +1,371 @@
+"""The proxy as its users meet it: dialogue, messages, verdicts, faults of every side, stop and reload."""
+
+import os
+import signal
+import threading
+import time
+import unittest
+
+from harness import NET, Client, MailServer, Proxy, ScanDaemon, clean, free_port, verdict, wait_until
+
+REJECTED = b"550 Rejected by Vantrel.\r\n"
+NOT_CHECKED = b"451 4.3.0 Message could not be checked, try again later\r\n"
+
+
+class System(unittest.TestCase):
+    keys = {}
+
+    def setUp(self):
+        self.server = MailServer()
+        self.proxy = Proxy(self.server.port, self.keys)
+        self.scan = ScanDaemon(self.proxy.home)
+
+    def tearDown(self):
+        self.assertTrue(self.proxy.alive(), "the proxy has died")
+        self.assertTrue(wait_until(lambda: not self.proxy.spool()), self.proxy.spool())
+        self.scan.close()
+        code, output = self.proxy.stop()
+        self.server.close()
+        self.assertEqual(code, 1, output)
+        self.assertNotIn(b"Sanitizer", output)
+
+    def client(self):
+        client = Client(self.proxy.port)
+        self.addCleanup(client.close)
+        return client
+
+
+class Dialogue(System):
+    def test_replies_are_rewritten_and_filtered(self):
+        c = self.client()
+        self.assertEqual(c.reply(), b"220 proxy.example ESMTP Vantrel Proxy\r\n")
+        self.assertEqual(c.ask(b"EHLO me"), b"250-proxy.example\r\n250-SIZE 1000000\r\n250-CHUNKING\r\n250 8BITMIME\r\n")
+        self.assertEqual(c.ask(b"HELO me"), b"250 proxy.example ESMTP Vantrel Proxy, pleased to meet you\r\n")
+        self.assertEqual(c.ask(b"NOOP"), b"250 ok\r\n")
+        self.assertEqual(c.ask(b"QUIT"), b"221 proxy.example ESMTP Vantrel Proxy closing connection\r\n")
+        self.assertEqual(c.reply(), b"")
+
+    def test_replies_of_several_lines_stay_in_step(self):
+        self.server.rules.update(GREETING=b"220-one\r\n220-two\r\n220 three\r\n", HELO=b"250-a\r\n250 b\r\n",
+                                 MAIL=b"250-x\r\n250 y\r\n", RCPT=b"250-x\r\n250 y\r\n",
+                                 EHLO=b"250-real\r\n250-SIZE\r\n250 PIPELINING\r\n", QUIT=b"221-a\r\n221 b\r\n")
+        c = self.client()
+        self.assertEqual(c.reply(), b"220 proxy.example ESMTP Vantrel Proxy\r\n")
+        self.assertEqual(c.ask(b"EHLO me"), b"250-proxy.example\r\n250-SIZE\r\n250 EHLO\r\n")
+        self.assertTrue(c.ask(b"HELO me").startswith(b"250 proxy.example"))
+        self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>"), b"250-x\r\n250 y\r\n")
+        self.assertEqual(c.ask(b"RCPT TO:<r@example.org>"), b"250-x\r\n250 y\r\n")
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
+        self.assertEqual(self.scan.requests[0].count(b"r@example.org"), 1, "confirmed once")
+        self.assertTrue(c.ask(b"QUIT").startswith(b"221 proxy.example"))
+
+    def test_commands_answered_here_never_reach_the_server(self):
+        c = self.client()
+        c.reply()
+        for line, reply in ((b"DATA", b"503 Bad sequence of commands\r\n"), (b"DATA now", b"501 Unknown command\r\n"),
+                            (b"BDAT x", b"501 Unknown command\r\n"), (b"BDAT 12345678901", b"501 Unknown command\r\n"),
+                            (b"RCPT TO:<u@elsewhere.example>", b"550 Unable to relay\r\n"),
+                            (b"RCPT TO:<u%elsewhere.example@example.org>", b"550 Unable to relay\r\n"),
+                            (b"NO\0OP", b"501 Unknown command\r\n")):
+            self.assertEqual(c.ask(line), reply, line)
+            self.assertEqual(self.server.lines[-1], b"NOOP\r\n")
+        before = len(self.server.lines)
+        c.send(b"\r\n\n")
+        self.assertEqual(c.ask(b"VRFY x"), b"250 ok\r\n")
+        self.assertEqual(self.server.lines[before:], [b"VRFY x\r\n"], "blank lines go nowhere")
+
+    def test_long_line_is_cut(self):
+        c = self.client()
+        c.reply()
+        self.assertEqual(c.ask(b"NOOP " + b"x" * 5000), b"250 ok\r\n")
+        self.assertEqual(len(self.server.lines[-1]), 1022)
+        self.assertTrue(self.server.lines[-1].endswith(b"\r\n"))
+
+
+class Messages(System):
+    def deliver(self, body, pieces=None):
+        c = self.client()
+        c.envelope()
+        self.assertTrue(c.ask(b"DATA").startswith(b'354 Enter mail, end with "." on a line by itself'))
+        for piece in pieces or [body]:
+            c.send(piece)
+            time.sleep(0.02)
+        return c
+
+    def test_bodies(self):
+        cases = {"plain": (b"a\r\n.\r\n", b"a\r\n\r\n"), "stuffed": (b"..x\r\n.\r\n", b"..x\r\n\r\n"),
+                 "zero": (b"a\0b\r\n.\r\n", b"a\0b\r\n\r\n"), "alone": (b".\r\n", b"\r\n"), "lf": (b"a\n.\n", b"a\n\r\n")}
+        for name, (sent, got) in cases.items():
+            with self.subTest(name):
+                c = self.deliver(sent)
+                self.assertEqual(c.reply(), b"250 queued\r\n")
+                self.assertEqual(self.server.messages[-1], got)
+
+    def test_marker_in_pieces(self):
+        body = b"text that is long enough\r\n.\r\n"
+        for cut in range(len(body) - 5, len(body)):
+            c = self.deliver(body, [body[:cut], body[cut:]])
+            self.assertEqual(c.reply(), b"250 queued\r\n")
+            self.assertEqual(self.server.messages[-1], b"text that is long enough\r\n\r\n")
+
+    def test_marker_with_more_behind_is_text(self):
+        c = self.deliver(b"a\r\n.\r\nMAIL FROM:<evil@x.example>\r\n")
+        c.send(b".\r\n")
+        self.assertEqual(c.reply(), b"250 queued\r\n")
+        self.assertEqual(self.server.messages, [b"a\r\n..\r\nMAIL FROM:<evil@x.example>\r\n\r\n"])
+
+    def test_large_and_many_in_one_session(self):
+        c = self.client()
+        c.envelope()
+        for size in (32767, 32768, 65536, 3000000):
+            body = (b"0123456789" * 7 + b"\r\n") * (size // 72)
+            self.assertEqual(c.data(body + b".\r\n"), b"250 queued\r\n")
+            self.assertEqual(self.server.messages[-1], body + b"\r\n")
+            c.ask(b"MAIL FROM:<s@example.org>")
+            c.ask(b"RCPT TO:<r@example.org>")
+
+    def test_chunks(self):
+        c = self.client()
+        c.envelope()
+        c.send(b"BDAT 5\r\nab\0.\n")
+        self.assertEqual(c.reply(), b"250 chunk received ok\r\n")
+        self.assertEqual(c.ask(b"DATA"), b"503 Bad sequence of commands\r\n")
+        rest = b"z" * 70000
+        c.send(b"BDAT 70000 LAST\r\n" + rest)
+        self.assertEqual(c.reply(), b"250 ok\r\n")
+        self.assertEqual(b"".join(self.server.messages), b"ab\0.\n" + rest)
+        bdats = [line for line in self.server.lines if line.startswith(b"bdat")]
+        self.assertEqual(bdats, [b"bdat 32768  \r\n", b"bdat 32768  \r\n", b"bdat 4469 last \r\n"])
+        self.assertEqual(c.ask(b"NOOP"), b"250 ok\r\n", "replies are in step")
+
+    def test_chunk_before_the_envelope_is_read_and_refused(self):
+        c = self.client()
+        c.reply()
+        c.send(b"BDAT 6 LAST\r\nQUIT\r\n")
+        self.assertEqual(c.reply(), b"503 Bad sequence of commands\r\n")
+        c.close()
+
+
+class Verdicts(System):
+    def test_table(self):
+        redirect = dict(section_mask=1, recipients="one@x.example;two@x.example")
+        cases = [  # name, reply of the daemon, the client's answer, what the server got
+            ("forward", clean(), b"250 queued\r\n", 1, []),
+            ("reject", verdict(4), REJECTED, 0, [b"RSET\r\n"]),
+            ("no bit", verdict(0), REJECTED, 0, [b"RSET\r\n"]),
+            ("drop", verdict(2), b"250 ok\r\n", 0, [b"RSET\r\n"]),
+            ("forward and reject", verdict(5), REJECTED, 0, [b"RSET\r\n"]),
+            ("redirect", verdict(2, **redirect), b"250 queued\r\n", 1,
+             [b"RSET\r\n", b"MAIL FROM:<s@example.org>\r\n", b"RCPT TO: one@x.example\r\n", b"RCPT TO: two@x.example\r\n"]),
+            ("reject to redirects", verdict(4, **redirect), REJECTED, 1,
+             [b"RSET\r\n", b"MAIL FROM:<s@example.org>\r\n", b"RCPT TO: one@x.example\r\n", b"RCPT TO: two@x.example\r\n"]),
+            ("copy", verdict(1, section="Antispam", section_mask=2, recipients=";c@x.example,"), b"250 queued\r\n", 1,
+             [b"RCPT TO: c@x.example\r\n"]),
+            ("wrong bit", verdict(1, section="Antispam", section_mask=1, recipients="c@x.example"), b"250 queued\r\n", 1, []),
+        ]
+        for name, reply, answer, delivered, lines in cases:
+            with self.subTest(name):
+                self.scan.answer = lambda request, reply=reply: reply
+                c = self.client()
+                c.envelope()
+                mark, messages = len(self.server.lines), len(self.server.messages)
+                self.assertEqual(c.data(b"hello\r\n.\r\n"), answer)
+                self.assertEqual(len(self.server.messages) - messages, delivered)
+                self.assertEqual(self.server.lines[mark:], lines + ([b"DATA\r\n"] if delivered else []))
+                self.assertEqual(c.ask(b"NOOP"), b"250 ok\r\n", "replies are in step")
+
+    def test_failed_scans_are_put_off_and_the_session_goes_on(self):
+        answers = {"no data": b"2.0LIPCNOREPLY\0", "junk": b"junk", "no mask": b"\x10" + b"\0" * 15, "closed": None}
+        for name, reply in answers.items():
+            with self.subTest(name):
+                self.scan.answer = lambda request, reply=reply: reply
+                c = self.client()
+                c.envelope()
+                self.assertEqual(c.data(b"hello\r\n.\r\n"), NOT_CHECKED)
+                self.assertEqual(self.server.messages, [])
+                self.scan.answer = lambda request: clean()
+                c.ask(b"MAIL FROM:<s@example.org>")
+                c.ask(b"RCPT TO:<r@example.org>")
+                self.assertEqual(c.data(b"again\r\n.\r\n"), b"250 queued\r\n")
+                self.server.messages.clear()
+
+    def test_slow_scan_keeps_the_server_alive(self):
+        self.scan.answer = lambda request: time.sleep(2.5) or clean()
+        c = self.client()
+        c.envelope()
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
+        self.assertGreaterEqual(self.server.lines.count(b"NOOP\r\n"), 2)
+
+    def test_changed_and_missing_files(self):
+        def path(request):
+            at = request.index(b"/tmp/VTNP/")
+            return request[request.rindex(b"\0", 0, at) + 1:request.index(b"\0", at)].decode()
+
+        def change(request):
+            with open(path(request), "wb") as f:
+                f.write(b"disinfected\r\n")
+            return clean()
+
+        self.scan.answer = change
+        c = self.client()
+        c.envelope()
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
+        self.assertEqual(self.server.messages, [b"disinfected\r\n\r\n"])
+        self.scan.answer = lambda request: os.unlink(path(request)) or clean()
+        c.ask(b"MAIL FROM:<s@example.org>")
+        c.ask(b"RCPT TO:<r@example.org>")
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 ok\r\n")
+        self.assertEqual(self.server.lines[-1], b"RSET\r\n")
+
+
+class Faults(System):
+    def test_clients_that_vanish_at_each_point_leave_nothing(self):
+        steps = [b"EHLO me\r\n", b"MAIL FROM:<s@example.org>\r\n", b"RCPT TO:<r@example.org>\r\n", b"DATA\r\n",
+                 b"half a message\r\n", b"and more" * 5000]
+        warm = self.client()
+        warm.envelope()
+        self.assertEqual(warm.data(b"x\r\n.\r\n"), b"250 queued\r\n")
+        before, threads = self.proxy.descriptors(), self.proxy.threads()
+        for count in range(len(steps) + 1):
+            for hard in (False, True):
+                c = Client(self.proxy.port)
+                c.reply()
+                for step in steps[:count]:
+                    c.send(step)
+                    if step[-2:] == b"\r\n" and not step.startswith(b"half"):
+                        c.reply()
+                c.reset() if hard else c.close()
+        self.assertTrue(wait_until(lambda: self.proxy.threads() <= threads), self.proxy.threads())
+        self.assertTrue(wait_until(lambda: self.proxy.descriptors() <= before), self.proxy.descriptors())
+        self.assertEqual(len(self.server.messages), 1)
+        self.assertEqual(warm.ask(b"NOOP"), b"250 ok\r\n", "another session is unaffected")
+
+    def test_servers_that_fail_at_each_point(self):
+        for verb, failure in (("GREETING", b""), ("MAIL", None), ("RCPT", None), ("DATA", None), ("END", None), ("NOOP", None),
+                              ("DATA", b"421 no\r\n")):
+            with self.subTest(verb + str(failure)):
+                kept = dict(self.server.rules)
+                self.server.rules[verb] = failure
+                c = Client(self.proxy.port, 20)
+                try:
+                    c.reply()
+                    for line in (b"MAIL FROM:<s@example.org>", b"RCPT TO:<r@elsewhere.example>", b"RCPT TO:<r@example.org>", b"DATA"):
+                        if not c.ask(line):
+                            break
+                    else:
+                        c.send(b"text\r\n.\r\n")
+                        self.assertEqual(c.reply(), b"")
+                except OSError:
+                    pass
+                c.close()
+                self.server.rules = kept
+        other = self.client()
+        other.envelope()
+        self.assertEqual(other.data(b"x\r\n.\r\n"), b"250 queued\r\n")
+
+    def test_junk(self):
+        for junk in (b"\0" * 100000, bytes(range(256)) * 400, b"x" * 10000000, b"\r" * 1000 + b"\n" * 1000, b"\xff\xfe\n" * 500):
+            c = Client(self.proxy.port, 5)
+            try:
+                c.reply()
+                c.send(junk)
+                c.socket.settimeout(0.3)
+                c.socket.recv(65536)
+            except OSError:
+                pass
+            c.reset()
+
+    def test_no_scan_daemon_then_one(self):
+        self.scan.close()
+        c = self.client()
+        c.envelope()
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), NOT_CHECKED)
+        self.scan = ScanDaemon(self.proxy.home)
+        c.ask(b"MAIL FROM:<s@example.org>")
+        c.ask(b"RCPT TO:<r@example.org>")
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
+
+    def test_silent_client_is_given_up(self):
+        c = self.client()
+        c.envelope()
+        c.ask(b"DATA")
+        c.send(b"begun\r\n")
+        start = time.monotonic()
+        self.assertEqual(c.reply(), b"")
+        self.assertGreater(time.monotonic() - start, 3)
+
+
+class Host(System):
+    keys = {NET + "/MaxThreads": "2"}
+
+    def test_limit_of_sessions(self):
+        held = [self.client(), self.client()]
+        for c in held:
+            self.assertTrue(c.reply().startswith(b"220"))
+        c = self.client()
+        self.assertEqual(c.reply(), b"421 The server has reached the maximum number of threads allowed\r\n")
+        held[0].close()
+
+        def admitted():
+            c = self.client()
+            return c.reply().startswith(b"220")
+        self.assertTrue(wait_until(admitted))
+
+    def test_reload_keeps_running_sessions(self):
+        c = self.client()
+        c.reply()
+        port = free_port()
+        other = MailServer(GREETING=b"554 other\r\n")
+        self.proxy.load({NET + "/Port": str(port), NET + "/ServerToForward": "127.0.0.1:%d" % other.port})
+        self.proxy.port = port
+        self.assertTrue(wait_until(self.proxy.listening))
+        self.assertEqual(c.ask(b"NOOP"), b"250 ok\r\n")
+        c.close()
+        self.assertTrue(wait_until(lambda: self.client().reply() == b"554 other\r\n"))
+        other.close()
+
+
+class Stop(unittest.TestCase):
+    def test_idle_sessions_end_and_a_message_in_hand_is_finished(self):
+        server = MailServer()
+        proxy = Proxy(server.port)
+        started = threading.Event()
+        scan = ScanDaemon(proxy.home, lambda request: started.set() or time.sleep(1.5) or clean())
+        idle, busy = Client(proxy.port), Client(proxy.port)
+        idle.reply()
+        busy.envelope()
+        busy.ask(b"DATA")
+        busy.send(b"in hand\r\n.\r\n")
+        self.assertTrue(started.wait(5))
+        proxy.process.send_signal(signal.SIGTERM)
+        start = time.monotonic()
+        self.assertEqual(idle.reply(), b"")
+        self.assertLess(time.monotonic() - start, 1)
+        self.assertEqual(busy.reply(), b"250 queued\r\n")
+        self.assertEqual(proxy.process.wait(10), 1)
+        code, output = proxy.stop()
+        self.assertEqual(output, b"Debugging Vantrel SMTP Proxy.\nStopping Vantrel SMTP Proxy.\n")
+        for each in (idle, busy, scan, server):
+            each.close()
+
+    def test_second_signal_ends_at_once(self):
+        server = MailServer()
+        proxy = Proxy(server.port)
+        scan = ScanDaemon(proxy.home, lambda request: time.sleep(8) or clean())
+        busy = Client(proxy.port)
+        busy.envelope()
+        busy.ask(b"DATA")
+        busy.send(b"in hand\r\n.\r\n")
+        wait_until(lambda: scan.requests)
+        proxy.process.send_signal(signal.SIGINT)
+        time.sleep(0.3)
+        self.assertTrue(proxy.alive())
+        proxy.process.send_signal(signal.SIGINT)
+        self.assertEqual(proxy.process.wait(2), 1)
+        proxy.stop()
+        for each in (busy, scan, server):
+            each.close()
+
+
+if __name__ == "__main__":
+    unittest.main()

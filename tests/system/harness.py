@@ -71,14 +71,14 @@ class MailServer:
                         return
                     client.sendall(reply)
                     if verb == "DATA" and reply.startswith(b"354"):
-                        body = b""
+                        body = bytearray()
                         for text in stream:
                             if text == b".\r\n":
                                 break
                             body += text
                         else:
                             return
-                        self.messages.append(body)
+                        self.messages.append(bytes(body))
                         if self.rules["END"] is None:
                             return
                         client.sendall(self.rules["END"])
@@ -159,7 +159,8 @@ class ScanDaemon:
 
     def close(self):
         self.listener.close()
-        os.unlink(self.path)
+        if os.path.exists(self.path):
+            os.unlink(self.path)
         for client in self.clients:
             try:
                 client.shutdown(socket.SHUT_RDWR)

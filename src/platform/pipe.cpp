@@ -304,11 +304,12 @@ void Pipe::Complete(Operation& operation, DWORD bytes, DWORD error) {
 }
 
 bool Pipe::Bind(CompletionQueue* queue, ULONG_PTR key) {
+    // The server's lock comes before a pipe's.
+    if (server_ != nullptr && !server_->Watch(queue)) return false;
     const std::lock_guard lock(mutex_);
     if (queue_.queue != nullptr) return false;
     queue_.Set(queue);
     key_ = key;
-    if (server_ != nullptr && !server_->Watch(queue)) return false;
     return descriptor_ < 0 || queue->Watch(descriptor_, this);
 }
 

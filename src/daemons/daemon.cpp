@@ -53,6 +53,7 @@ void Daemon::Run(int argc, char** argv) {
     if (Start(argc, argv)) {
         if (LIPCOpenServer(&endpoint_, endpointName_) == LIPC_OK) {
             std::vector<UniqueHandle> threads;
+            threads.reserve(static_cast<std::size_t>(Threads()));
             for (int i = 0; i < Threads(); ++i)
                 threads.emplace_back(CreateThread(nullptr, 0, Serve, this, 0, nullptr));
             exitCode_ = 0;

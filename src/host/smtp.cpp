@@ -28,6 +28,9 @@ constexpr std::chrono::milliseconds kMessageInHand{10000};
 constexpr std::chrono::milliseconds kCutSessions{3000};
 constexpr WORD kSocketVersion = 0x0202;
 
+// Sessions hold pointers into it and may outlive the host: static, with nothing to destroy.
+std::array<std::atomic<std::int32_t>, kInterfaceCount> g_activeConnectionCounts{};
+
 std::string ResourceText(UINT number) {
     char text[256];
     LoadStringA(nullptr, number, text, sizeof text);
@@ -36,9 +39,7 @@ std::string ResourceText(UINT number) {
 
 }  // namespace
 
-CSMTP::CSMTP()
-    : CNTService(kServiceName),
-      ActiveConnectionCounts(*new std::array<std::atomic<std::int32_t>, kInterfaceCount>{}) {
+CSMTP::CSMTP() : CNTService(kServiceName), ActiveConnectionCounts(g_activeConnectionCounts) {
     displayName = ResourceText(120);
     description = ResourceText(121);
 }

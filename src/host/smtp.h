@@ -50,7 +50,7 @@ class CSMTP : public CNTService {
     std::atomic<HANDLE> StopEvent{nullptr};
     HWND SocketWindow = nullptr;
     std::array<NetworkInterface, kInterfaceCount> interfaces_;
-    // Running sessions by table position. Sessions hold pointers into it, so it is never freed.
+    // Running sessions by table position. Sessions hold pointers into it, so it outlives the host.
     std::array<std::atomic<std::int32_t>, kInterfaceCount>& ActiveConnectionCounts;
     std::atomic<bool> stopRequested_{false};
     bool sessionsLeft_ = false;

@@ -39,7 +39,8 @@ TEST(Reception, QuickLookAgreesWithTheReplacement) {
     std::mt19937 random(7);
     for (int i = 0; i < 200000; ++i) {
         std::string text;
-        for (unsigned n = static_cast<unsigned>(random() % 12); n > 0; --n) text += "\r\n.a"[random() % 4];
+        for (unsigned n = static_cast<unsigned>(random() % 12); n > 0; --n)
+            text += "\r\n.a"[random() % 4];
         ASSERT_EQ(HasLoneDot(text), GuardLoneDots(text) != text) << testing::PrintToString(text);
     }
 }

@@ -73,9 +73,9 @@ int SocketSendNow(SOCKET socket, const void* buffer, int length) {
 
 SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds) {
     using Clock = std::chrono::steady_clock;
-    const short wanted = want == SocketWant::kRead    ? POLLIN
-                         : want == SocketWant::kWrite ? POLLOUT
-                                                      : 0;
+    const int wanted = want == SocketWant::kRead    ? POLLIN
+                       : want == SocketWant::kWrite ? POLLOUT
+                                                    : 0;
     pollfd entry{socket, static_cast<short>(wanted | POLLPRI), 0};
     const auto end = Clock::now() + std::chrono::seconds(seconds);
     long long left = static_cast<long long>(seconds) * 1000;

@@ -169,7 +169,7 @@ DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD
     const auto end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(limited ? milliseconds : 0);
 
-    std::array<pollfd, 2 * MAXIMUM_WAIT_OBJECTS> descriptors;  // filled up to `total`
+    std::array<pollfd, std::size_t{2} * MAXIMUM_WAIT_OBJECTS> descriptors;  // filled up to `total`
     std::size_t begun = 0;
     DWORD result = WAIT_FAILED;
     for (; begun < objects.size(); ++begun) {

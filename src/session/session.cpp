@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "asfilters/asfilters.h"
@@ -22,6 +23,12 @@ std::string SpoolDirectory() {
     char path[4096];
     return GetTempPathA(sizeof path, path) == 0 ? std::string()
                                                 : std::string(path) + kSpoolDirectory;
+}
+
+void MakeSpoolDirectory() {
+    const std::string directory = SpoolDirectory();
+    if (CreateDirectoryA(directory.c_str(), nullptr) != FALSE)
+        platform::ShareDirectory(directory.c_str(), g_spoolGroup);
 }
 
 // Raised to what bulk reception wants, never lowered: a fixed size below the system's would stop
@@ -83,9 +90,10 @@ CSMTPProxy::~CSMTPProxy() {
 bool CSMTPProxy::PrepareSpool() {
     const std::string directory = SpoolDirectory();
     if (directory.empty()) return false;
-    // That it exists is no failure; one that can't be made shows when a file is opened in it.
-    if (CreateDirectoryA(directory.c_str(), nullptr) != FALSE)
-        platform::ShareDirectory(directory.c_str(), g_spoolGroup);
+    // Made by the first session; one that is missing later, or can't be made, shows when a file is
+    // opened in it.
+    static std::once_flag made;
+    std::call_once(made, MakeSpoolDirectory);
     spoolStem =
         directory + platform::kSeparator + kSpoolPrefix + std::to_string(clientSocket.Handle());
     return spoolStem.size() < kSpoolStemSize;
@@ -251,12 +259,17 @@ void CSMTPProxy::ClearEnvelope() {
 std::string CSMTPProxy::SpoolPath() const { return spoolStem + "x" + std::to_string(spoolNumber); }
 
 platform::File CSMTPProxy::OpenNextSpoolFile() {
-    DeleteFileA(SpoolPath().c_str());
+    RemoveSpoolFile();
     ++spoolNumber;
-    // The instance's lock makes this process the only one here: whatever has the new name is a
-    // leaving.
-    DeleteFileA(SpoolPath().c_str());
-    platform::File file = platform::File::CreateExclusive(SpoolPath().c_str(), g_spoolGroup);
+    const std::string path = SpoolPath();
+    platform::File file = platform::File::CreateExclusive(path.c_str(), g_spoolGroup);
+    if (!file) {
+        // The instance's lock makes this process the only one here: whatever has the name is a
+        // leaving. Or the directory has been cleared away.
+        DeleteFileA(path.c_str());
+        MakeSpoolDirectory();
+        file = platform::File::CreateExclusive(path.c_str(), g_spoolGroup);
+    }
     spoolFilePresent_ = static_cast<bool>(file);
     return file;
 }

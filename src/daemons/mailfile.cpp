@@ -50,7 +50,8 @@ bool ScannableAsItIs(int spool) {
     }
 }
 
-platform::File MakeScanCopy(int spool) {
+platform::File MakeScanCopy(int spool, bool& unstuffed) {
+    unstuffed = false;
     platform::File copy(memfd_create("scan", MFD_CLOEXEC));
     if (!copy || !copy.Write(kHeader.data(), kHeader.size())) return {};
     std::vector<char> block(kBlock);
@@ -63,8 +64,10 @@ platform::File MakeScanCopy(int spool) {
         if (count == 0) break;
         out.clear();
         for (ssize_t i = 0; i < count;) {
-            if (lineStart && block[static_cast<std::size_t>(i)] == '.')
+            if (lineStart && block[static_cast<std::size_t>(i)] == '.') {
                 ++i;  // the dot that a client put in front
+                unstuffed = true;
+            }
             lineStart = false;
             if (i == count) break;
             const char* from = block.data() + i;

@@ -5,7 +5,8 @@
 
 // The message without dot-stuffing, in a nameless file in memory, with a header in front by which
 // the engine knows a message for what it is. Empty on failure. The descriptor is at the start.
-platform::File MakeScanCopy(int spool);
+// `unstuffed` says whether a dot was taken out: if not, the copy holds all that the file holds.
+platform::File MakeScanCopy(int spool, bool& unstuffed);
 // Whether the engine would take the file as it stands for a message, and no line of it is
 // dot-stuffed: then it can be scanned without a copy. False on doubt.
 bool ScannableAsItIs(int spool);

@@ -243,12 +243,13 @@ class MailDaemon final : public Daemon {
         if (info.st_size == 0) return {ScanOutcome::kClean, ""};
         if (ScannableAsItIs(file.Descriptor()))
             return ScanWithClamd(settings.clamd, file.Descriptor());
-        const platform::File copy = MakeScanCopy(file.Descriptor());
+        bool unstuffed = false;
+        const platform::File copy = MakeScanCopy(file.Descriptor(), unstuffed);
         if (!copy) return {ScanOutcome::kFailed, "can't copy the message"};
         ScanResult result = ScanWithClamd(settings.clamd, copy.Descriptor());
         // Bytes that only make a pattern as they stand in the wire form, dots doubled, are found in
         // the file itself.
-        if (result.outcome == ScanOutcome::kClean)
+        if (unstuffed && result.outcome == ScanOutcome::kClean)
             result = ScanWithClamd(settings.clamd, file.Descriptor());
         return result;
     }

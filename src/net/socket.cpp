@@ -6,7 +6,14 @@
 
 namespace {
 
+// Where a full backlog refuses, five are enough: the client tries again at once. Here the system
+// drops the attempt without a word, and the client waits a second or more: so a burst of
+// connections must find room.
+#ifdef _WIN32
 constexpr int kBacklog = 5;
+#else
+constexpr int kBacklog = 512;
+#endif
 constexpr std::uint32_t kSendSeconds = 300;
 constexpr char kLineFeed = '\n';
 constexpr char kCarriageReturn = '\r';

@@ -20,6 +20,10 @@ using platform::Waitable;
 
 namespace {
 
+// Half of what the platform's own default is; small enough that the C library keeps the stacks of
+// ended threads for the next ones instead of giving each back to the system.
+constexpr ULONG_PTR kDefaultStack = 512 * 1024;
+
 thread_local DWORD t_lastError = 0;
 std::atomic<DWORD> g_nextThreadId{1};
 thread_local DWORD t_threadId = 0;
@@ -302,7 +306,7 @@ HANDLE CreateThread(LPSECURITY_ATTRIBUTES, ULONG_PTR stackSize, LPTHREAD_START_R
     if (ended != nullptr && start != nullptr && pthread_attr_init(&attributes) == 0) {
         ended->AddRef();  // the thread's own
         pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-        if (stackSize != 0) pthread_attr_setstacksize(&attributes, stackSize);
+        pthread_attr_setstacksize(&attributes, stackSize != 0 ? stackSize : kDefaultStack);
         pthread_t thread;
         started = pthread_create(&thread, &attributes, ThreadMain, start) == 0;
         pthread_attr_destroy(&attributes);

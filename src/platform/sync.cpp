@@ -22,7 +22,7 @@ namespace {
 
 // Half of what the platform's own default is; small enough that the C library keeps the stacks of
 // ended threads for the next ones instead of giving each back to the system.
-constexpr ULONG_PTR kDefaultStack = 512 * 1024;
+constexpr ULONG_PTR kDefaultStack = ULONG_PTR{512} * 1024;
 
 thread_local DWORD t_lastError = 0;
 std::atomic<DWORD> g_nextThreadId{1};

@@ -7,12 +7,19 @@
 #include "platform/home.h"
 #include "trelis/trelis.h"
 
-Daemon::Daemon(const char* name, const char* display, const char* endpointName)
+Daemon::Daemon(const char* name, const char* display, const char* descriptionText,
+               const char* endpointName)
     : CNTService(name),
       endpointName_(endpointName),
       stopEvent_(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
     displayName = display;
+    description = descriptionText;
+    acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
 }
+
+int Daemon::RegisterDefaults() { return WriteDaemonKeys(Keys(), displayName); }
+
+int Daemon::UnregisterDefaults() { return DeleteDaemonKeys(Keys()); }
 
 void Daemon::Stop() {
     ReportStatus(SERVICE_STOP_PENDING, 10000, 0);
@@ -40,6 +47,7 @@ DWORD Daemon::Serve(LPVOID argument) {
 }
 
 void Daemon::Run(int argc, char** argv) {
+    ReportStatus(SERVICE_START_PENDING, 3000, 0);
     if (!lock_.Take(serviceName.c_str())) {
         std::fprintf(stderr, "%s: %s\n", serviceName.c_str(),
                      platform::HomeError().empty() ? "already running in this directory"
@@ -56,7 +64,6 @@ void Daemon::Run(int argc, char** argv) {
             threads.reserve(static_cast<std::size_t>(Threads()));
             for (int i = 0; i < Threads(); ++i)
                 threads.emplace_back(CreateThread(nullptr, 0, Serve, this, 0, nullptr));
-            exitCode_ = 0;
             ReportStatus(SERVICE_RUNNING, 3000, 0);
             WaitForSingleObject(stopEvent_.Get(), INFINITE);
             // Requests in hand are answered; the threads leave with the endpoint.
@@ -73,9 +80,8 @@ void Daemon::Run(int argc, char** argv) {
     TrelisUninit();
 }
 
-int RunDaemon(Daemon& daemon, int argc, char** argv) {
+int RunDaemon(CNTService& daemon, int argc, char** argv) {
     platform::HoldSignals();
     platform::RaiseDescriptorLimit();
-    const int code = daemon.ProcessCommandLine(argc, argv);
-    return daemon.InForeground() ? daemon.ExitCode() : code;
+    return daemon.ProcessCommandLine(argc, argv);
 }

@@ -1,8 +1,8 @@
-// daemons/: the companions of the proxy: vtregistry, the store's tool; vtmaild, which scans;
-// vtlogd, which logs.
+// daemons/: the companions of the proxy: vtregistry, the store's tool and service; vtmaild, which
+// scans; vtlogd, which logs; vtstatd, which keeps statistics; vtreport, which shows them.
 //
 // This header: the frame that the daemons share, a service that answers requests on one LIPC
-// endpoint with a number of threads, in the foreground (the word debug) until SIGINT or SIGTERM.
+// endpoint with a number of threads.
 #pragma once
 
 #include <atomic>
@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "daemons/keys.h"
 #include "lipc/lipc.h"
 #include "ntservice/ntservice.h"
 #include "platform/file.h"
@@ -19,16 +20,18 @@
 class Daemon : public CNTService {
   public:
     // endpointName is the pipe's name; the service's name is its own.
-    Daemon(const char* serviceName, const char* displayName, const char* endpointName);
+    Daemon(const char* serviceName, const char* displayName, const char* descriptionText,
+           const char* endpointName);
 
     void Run(int argc, char** argv) override;
     void Stop() override;
     void Shutdown() override { Stop(); }
-
-    // 0 after an ordinary end, 1 if it could not start.
-    int ExitCode() const { return exitCode_; }
+    int RegisterDefaults() override;
+    int UnregisterDefaults() override;
 
   protected:
+    // The keys that register writes and unregister deletes.
+    virtual DaemonKeys Keys() const = 0;
     // Before the endpoint is opened. False (with a word on standard error) ends the start.
     virtual bool Start(int argc, char** argv) = 0;
     virtual int Threads() const = 0;
@@ -45,8 +48,7 @@ class Daemon : public CNTService {
     LIPCEndpoint* endpoint_ = nullptr;
     UniqueHandle stopEvent_;
     platform::InstanceLock lock_;
-    int exitCode_ = 1;
 };
 
 // What each daemon's main does: signals, limits, options. The exit code.
-int RunDaemon(Daemon& daemon, int argc, char** argv);
+int RunDaemon(CNTService& daemon, int argc, char** argv);

@@ -102,12 +102,20 @@ std::string Describe(TagMsgNode* event) {
 
 class LogDaemon final : public Daemon {
   public:
-    LogDaemon() : Daemon("VTLOGD", "Vantrel Logger", "vtlogd") {}
+    LogDaemon()
+        : Daemon("VTLOGD", "Vantrel Logger", "Keeps the log of the Vantrel programs", "vtlogd") {}
     ~LogDaemon() override {
         if (file_ >= 0) close(file_);
     }
 
   protected:
+    DaemonKeys Keys() const override {
+        DaemonKeys keys{"/VTWIN/Daemons/LoggerDaemon", "/VTWIN/Versions/VTLOGD", {}};
+        for (const LogClass& each : kLogClasses)
+            keys.values.push_back(
+                {std::string("/VTUX/LoggerDaemon/LogLevel/") + each.name, "high"});
+        return keys;
+    }
     bool Start(int, char**) override {
         mkdir(platform::HomePath("log").c_str(), 0700);
         path_ = platform::HomePath("log/vtlogd.log");

@@ -176,9 +176,28 @@ bool BuildInfected(TagMsgNode* root, const Settings& settings, const std::string
 
 class MailDaemon final : public Daemon {
   public:
-    MailDaemon() : Daemon("VTMAILD", "Vantrel Mail Scanner", "vtmaild") {}
+    MailDaemon()
+        : Daemon("VTMAILD", "Vantrel Mail Scanner",
+                 "Scans the messages that the Vantrel SMTP proxy hands to it", "vtmaild") {}
 
   protected:
+    DaemonKeys Keys() const override {
+        // An empty text leaves the choice to the daemon.
+        return {kKey,
+                "/VTWIN/Versions/VTMAILD",
+                {{"ClamdSocket", ""},
+                 {"ClamdConf", ""},
+                 {"MaxFileSize", "26214400"},
+                 {"ConnectTimeout", "5"},
+                 {"ScanTimeout", "120"},
+                 {"Threads", "16"},
+                 {"VirusAction", "reject"},
+                 {"RedirectAddress", ""},
+                 {"PassWhenDown", "N"},
+                 {"PassWhenBusy", "N"},
+                 {"PassWhenTimedOut", "N"},
+                 {"PassWhenTooBig", "N"}}};
+    }
     bool Start(int argc, char** argv) override {
         for (int i = 0; i < argc; ++i) null_ = null_ || std::strcmp(argv[i], "--null") == 0;
         if (null_)

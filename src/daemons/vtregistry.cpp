@@ -1,4 +1,6 @@
-// The store's tool: reads, changes, lists and follows the configuration.
+// The store's tool: reads, changes, lists and follows the configuration. With one of the options of
+// a service, or started by a service manager, it is the service VTREGISTRY.
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -7,7 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "daemons/daemon.h"
+#include "daemons/keys.h"
+#include "ntservice/ntservice.h"
 #include "platform/console.h"
+#include "platform/file.h"
 #include "platform/home.h"
 #include "platform/sync.h"
 #include "trelis/admin.h"
@@ -105,6 +111,55 @@ int WatchKey(const Arguments& arguments) {
     return 0;
 }
 
+// Local programs open the store themselves and need no service; it keeps the store open, so that
+// others find it ready, and is what their services depend on.
+class StoreService final : public CNTService {
+  public:
+    StoreService()
+        : CNTService("VTREGISTRY"), stopEvent_(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
+        displayName = "Vantrel Configuration Store";
+        description = "Keeps the configuration of the Vantrel programs";
+        acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
+    }
+    void Run(int, char**) override {
+        ReportStatus(SERVICE_START_PENDING, 3000, 0);
+        if (!lock_.Take(serviceName.c_str()) || TrelisInit2() != 0) {
+            std::cerr << "VTREGISTRY: "
+                      << (platform::HomeError().empty()
+                              ? "can't open the store, or already running in this directory"
+                              : platform::HomeError())
+                      << '\n';
+            return;
+        }
+        ReportStatus(SERVICE_RUNNING, 3000, 0);
+        WaitForSingleObject(stopEvent_.Get(), INFINITE);
+        TrelisUninit();
+    }
+    void Stop() override {
+        ReportStatus(SERVICE_STOP_PENDING, 10000, 0);
+        SetEvent(stopEvent_.Get());
+    }
+    void Shutdown() override { Stop(); }
+    int RegisterDefaults() override { return WriteDaemonKeys(Keys(), displayName); }
+    int UnregisterDefaults() override { return DeleteDaemonKeys(Keys()); }
+
+  private:
+    static DaemonKeys Keys() {
+        return {"/VTWIN/Daemons/StoreDaemon",
+                "/VTWIN/Versions/VTREGISTRY",
+                {{"RemoteReads", "N"}, {"Address", ""}, {"Port", "8485"}}};
+    }
+
+    UniqueHandle stopEvent_;
+    platform::InstanceLock lock_;
+};
+
+bool IsServiceOption(const std::string& word) {
+    static constexpr const char* kWords[] = {"install", "uninstall", "start",     "stop",
+                                             "debug",   "register",  "unregister"};
+    return std::find(std::begin(kWords), std::end(kWords), word) != std::end(kWords);
+}
+
 struct Command {
     const char* word;
     std::size_t least;
@@ -119,6 +174,8 @@ constexpr Command kCommands[] = {
 int Usage() {
     std::cerr << "usage: vtregistry get KEY | set KEY VALUE | del KEY | list KEY | dump [KEY] | "
                  "load [FILE] | watch KEY\n"
+                 "       vtregistry install | uninstall | start | stop | debug | register | "
+                 "unregister\n"
                  "Keys are absolute paths, such as /VTWIN/Agents/VTSMTPProxy.\n";
     return kExitUsage;
 }
@@ -126,8 +183,12 @@ int Usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    platform::HoldSignals();
     const Arguments words(argv + 1, argv + argc);
+    if (words.empty() ? platform::StartedByServiceManager() : IsServiceOption(words[0])) {
+        StoreService service;
+        return RunDaemon(service, argc, argv);
+    }
+    platform::HoldSignals();
     for (const Command& command : kCommands) {
         if (words.empty() || words[0] != command.word) continue;
         const Arguments arguments(words.begin() + 1, words.end());

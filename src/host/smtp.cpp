@@ -42,6 +42,9 @@ std::string ResourceText(UINT number) {
 CSMTP::CSMTP() : CNTService(kServiceName), ActiveConnectionCounts(g_activeConnectionCounts) {
     displayName = ResourceText(120);
     description = ResourceText(121);
+    acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
+    // The store, and the daemon without which every message would be put off.
+    dependencies = {"VTREGISTRY", "VTMAILD"};
 }
 
 void CSMTP::Stop() {

@@ -28,6 +28,9 @@ class CSMTP : public CNTService {
     void Run(int argc, char** argv) override;
     void Stop() override;
     void Shutdown() override { Stop(); }
+    // The installed keys: register writes them anew, unregister deletes them with all below.
+    int RegisterDefaults() override;
+    int UnregisterDefaults() override;
 
     // Rebuilds the table and all listeners from the store. Always 0. Run's thread.
     int LoadInterfaces();

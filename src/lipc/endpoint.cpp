@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "lipc/frame.h"
 #include "lipc/pipe.h"
@@ -192,6 +195,50 @@ int LIPCCreateEndpoint(LIPCEndpoint** endpoint, const char* name, EndpointMode m
     return LIPC_OK;
 }
 
+namespace {
+
+// Drops all connections. One that a caller still holds keeps its record and its reply, which the
+// caller may be reading; only its pipe goes.
+void CloseConnections(LIPCEndpoint& endpoint) {
+    for (;;) {
+        LIPCConnection* next = nullptr;
+        int channel = -1;
+        bool held = false;
+        {
+            const std::lock_guard lock(endpoint.lock);
+            for (const auto& each : endpoint.connections) {
+                held = endpoint.mode == kClientMode && each->inUse;
+                if (held && each->channel < 0) continue;
+                next = each.get();
+                channel = std::exchange(next->channel, held ? -1 : next->channel);
+                break;
+            }
+        }
+        if (next == nullptr) return;
+        if (held) {
+            PipeClose(channel);
+        } else {
+            LIPCDropConnection(endpoint, next);
+        }
+    }
+}
+
+// A closed endpoint's record stays to the end of the process, without its pipes: a thread that was
+// between two calls when it was closed comes to a record that says so.
+void Bury(LIPCEndpoint* endpoint) {
+    static std::mutex& mutex = *new std::mutex;
+    static auto& graves = *new std::vector<std::unique_ptr<LIPCEndpoint>>;
+    {
+        // The last one to leave may still be inside the lock.
+        const std::lock_guard lock(endpoint->lock);
+        endpoint->queue.clear();
+    }
+    const std::lock_guard lock(mutex);
+    graves.emplace_back(endpoint);
+}
+
+}  // namespace
+
 int LIPCClose(LIPCEndpoint* endpoint) {
     if (endpoint == nullptr) return LIPC_BAD_ARGUMENT;
     {
@@ -205,20 +252,8 @@ int LIPCClose(LIPCEndpoint* endpoint) {
             std::this_thread::sleep_for(pause);
     };
     waitForUsers();
-    for (;;) {
-        LIPCConnection* next = nullptr;
-        {
-            const std::lock_guard lock(endpoint->lock);
-            if (!endpoint->connections.empty()) next = endpoint->connections.front().get();
-        }
-        if (next == nullptr) break;
-        LIPCDropConnection(*endpoint, next);
-    }
+    CloseConnections(*endpoint);
     waitForUsers();
-    {
-        // The last one to leave may still be inside the lock.
-        const std::lock_guard lock(endpoint->lock);
-    }
-    delete endpoint;
+    Bury(endpoint);
     return LIPC_OK;
 }

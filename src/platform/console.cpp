@@ -4,6 +4,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <initializer_list>
+
 #include "platform/sync.h"
 
 namespace {
@@ -36,7 +39,13 @@ BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add) {
     return thread ? TRUE : FALSE;
 }
 
+BOOL AllocConsole() { return TRUE; }
+
 namespace platform {
+
+void BindConsoleStreams() {
+    for (FILE* stream : {stdout, stderr, stdin}) std::setvbuf(stream, nullptr, _IONBF, 0);
+}
 
 void HoldSignals() {
     signal(SIGPIPE, SIG_IGN);

@@ -1,4 +1,4 @@
-// The console's interrupt, for the foreground mode.
+// The console: its interrupt and its streams, for the foreground mode.
 #pragma once
 
 #include "platform/types.h"
@@ -12,11 +12,16 @@ using PHANDLER_ROUTINE = BOOL (*)(DWORD controlType);
 // (CTRL_BREAK_EVENT), also several times. Both signals must have been held back with HoldSignals
 // before any thread was started.
 BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add);
+// A process here has its streams from the start: nothing is to be done, and that is TRUE.
+BOOL AllocConsole();
 #endif
 
 namespace platform {
 
-// First thing in main: SIGPIPE is ignored, SIGINT and SIGTERM wait for SetConsoleCtrlHandler.
+// Binds the standard streams to the console, each unbuffered.
+void BindConsoleStreams();
+// First thing in main: SIGPIPE is ignored, SIGINT and SIGTERM wait for SetConsoleCtrlHandler or the
+// service dispatcher.
 void HoldSignals();
 // Ends the process at once, without destructors.
 [[noreturn]] void ExitNow(int code);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -100,6 +101,34 @@ bool File::Close() {
     return descriptor < 0 || close(descriptor) == 0;
 }
 
+bool ReadWholeFile(const std::string& path, std::string& text) {
+    constexpr std::size_t kLimit = 1 << 20;
+    text.clear();
+    File file = File::OpenRead(path.c_str());
+    if (!file) return false;
+    for (char buffer[4096]; text.size() < kLimit;) {
+        const long long count = file.Read(buffer, sizeof buffer);
+        if (count < 0) return false;
+        if (count == 0) return true;
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    return false;
+}
+
+bool PutFile(const std::string& path, const std::string& text, bool onlyNew) {
+    const std::string fresh = path + ".new" + std::to_string(getpid());
+    unlink(fresh.c_str());
+    File file = File::CreateExclusive(fresh.c_str(), -1);
+    const bool written = file && file.Write(text.data(), text.size()) && file.Close() &&
+                         renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path.c_str(),
+                                   onlyNew ? RENAME_NOREPLACE : 0) == 0;
+    if (written) return true;
+    const int error = errno;
+    unlink(fresh.c_str());
+    errno = error;
+    return false;
+}
+
 int GroupNumber(const char* name) {
     const group* entry = name == nullptr || *name == '\0' ? nullptr : getgrnam(name);
     return entry == nullptr ? -1 : static_cast<int>(entry->gr_gid);
@@ -117,6 +146,19 @@ void RemoveFiles(const std::string& directory, const char* prefix) {
         if (std::strncmp(entry->d_name, prefix, std::strlen(prefix)) == 0)
             unlinkat(dirfd(listing.get()), entry->d_name, 0);
     }
+}
+
+bool HasSubdirectory(const std::string& directory) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(directory.c_str()), closedir);
+    if (listing == nullptr) return false;
+    while (const dirent* entry = readdir(listing.get())) {
+        struct stat info {};
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0 &&
+            fstatat(dirfd(listing.get()), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISDIR(info.st_mode))
+            return true;
+    }
+    return false;
 }
 
 bool InstanceLock::Take(const char* name) {

@@ -61,6 +61,12 @@ class File {
     int descriptor_ = -1;
 };
 
+// Reads a small file of the instance whole (1 MiB at most). False if it can't be read.
+bool ReadWholeFile(const std::string& path, std::string& text);
+// Puts a new file, for its owner alone, in the place of an old one; readers see the one or the
+// other, whole. With onlyNew it fails with EEXIST if there is one. False with errno.
+bool PutFile(const std::string& path, const std::string& text, bool onlyNew);
+
 // The number of a group by its name, or -1.
 int GroupNumber(const char* name);
 // Lets the group read (and list) a directory of ours. Silent if it can't.
@@ -68,6 +74,7 @@ void ShareDirectory(const char* path, int group);
 // Removes the plain files of a directory whose names begin with prefix. For leavings of an earlier
 // process.
 void RemoveFiles(const std::string& directory, const char* prefix);
+bool HasSubdirectory(const std::string& directory);
 
 // Held while one process serves a name in this instance; the lock goes with the process.
 class InstanceLock {

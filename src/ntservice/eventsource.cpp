@@ -1,0 +1,117 @@
+// The program as a source of the system's event log.
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ntservice/ntservice.h"
+#include "platform/registry.h"
+#include "platform/sync.h"
+
+namespace {
+
+constexpr char kApplicationLog[] = "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
+constexpr char kSources[] = "Sources";
+
+struct CloseKey {
+    void operator()(HKEY key) const { RegCloseKey(key); }
+};
+using Key = std::unique_ptr<RegistryKey, CloseKey>;
+
+Key OpenApplicationLog() {
+    HKEY key = nullptr;
+    RegOpenKeyExA(HKEY_LOCAL_MACHINE, kApplicationLog, 0, KEY_ALL_ACCESS, &key);
+    return Key(key);
+}
+
+// The list of sources as it is stored: texts, each with its zero byte, and one more at the end.
+// Empty if it can't be read.
+std::vector<char> ReadSources(const Key& log, DWORD& type) {
+    DWORD size = 0;
+    if (log == nullptr ||
+        RegQueryValueExA(log.get(), kSources, nullptr, &type, nullptr, &size) != 0 || size == 0)
+        return {};
+    std::vector<char> list(size);
+    if (RegQueryValueExA(log.get(), kSources, nullptr, &type, reinterpret_cast<BYTE*>(list.data()),
+                         &size) != 0)
+        return {};
+    list.resize(size);
+    return list;
+}
+
+void WriteSources(const Key& log, DWORD type, const std::vector<char>& list) {
+    RegSetValueExA(log.get(), kSources, 0, type, reinterpret_cast<const BYTE*>(list.data()),
+                   static_cast<DWORD>(list.size()));
+}
+
+std::vector<std::string> Split(const std::vector<char>& list) {
+    std::vector<std::string> names;
+    for (auto at = list.begin(); at != list.end() && *at != '\0';) {
+        const auto end = std::find(at, list.end(), '\0');
+        names.emplace_back(at, end);
+        at = end == list.end() ? end : end + 1;
+    }
+    return names;
+}
+
+std::vector<char> Join(const std::vector<std::string>& names) {
+    std::vector<char> list;
+    for (const std::string& name : names) {
+        list.insert(list.end(), name.begin(), name.end());
+        list.push_back('\0');
+    }
+    list.push_back('\0');
+    return list;
+}
+
+}  // namespace
+
+void CNTService::InstallEventSource(const char* messageFile, unsigned types) {
+    HKEY made = nullptr;
+    if (RegCreateKeyA(HKEY_LOCAL_MACHINE, (kApplicationLog + serviceName).c_str(), &made) == 0) {
+        const Key source(made);
+        const DWORD number = types;
+        RegSetValueExA(made, "EventMessageFile", 0, REG_EXPAND_SZ,
+                       reinterpret_cast<const BYTE*>(messageFile),
+                       static_cast<DWORD>(std::strlen(messageFile) + 1));
+        RegSetValueExA(made, "TypesSupported", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number),
+                       sizeof number);
+    }
+    DWORD type = REG_MULTI_SZ;
+    const Key log = OpenApplicationLog();
+    const std::vector<char> list = ReadSources(log, type);
+    if (list.empty()) return;
+    std::vector<std::string> names = Split(list);
+    if (std::find(names.begin(), names.end(), serviceName) != names.end()) return;
+    names.push_back(serviceName);
+    WriteSources(log, type, Join(names));
+}
+
+void CNTService::RemoveEventSource() {
+    RegDeleteKeyA(HKEY_LOCAL_MACHINE, (kApplicationLog + serviceName).c_str());
+    DWORD type = REG_MULTI_SZ;
+    const Key log = OpenApplicationLog();
+    const std::vector<char> list = ReadSources(log, type);
+    std::vector<std::string> names = Split(list);
+    if (std::erase(names, serviceName) > 0) WriteSources(log, type, Join(names));
+}
+
+void CNTService::LogEvent(const char* text, int type, unsigned eventId) {
+    lastError_ = GetLastError();
+    WriteEvent(serviceName.c_str(), text, type, eventId);
+}
+
+void CNTService::WriteEvent(const char* source, const char* text, int type, unsigned eventId) {
+    if (eventId == static_cast<unsigned>(-1)) {
+        eventId = type == EVENTLOG_ERROR_TYPE     ? 0xC0000002
+                  : type == EVENTLOG_WARNING_TYPE ? 0x80000001
+                                                  : 0x40000000;
+    }
+    HANDLE log = RegisterEventSourceA(nullptr, source);
+    if (log == nullptr) return;
+    const char* texts[] = {text};
+    ReportEventA(log, static_cast<WORD>(type), 0, eventId,
+                 userIdentity_.empty() ? nullptr : userIdentity_.data(), 1, 0, texts, nullptr);
+    DeregisterEventSource(log);
+}

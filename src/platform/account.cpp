@@ -1,0 +1,92 @@
+#include "platform/account.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace {
+
+// An identifier as it lies in memory: revision, count of sub-authorities, authority (big-endian),
+// sub-authorities.
+struct Identifier {
+    BYTE revision;
+    BYTE count;
+    BYTE authority[6];
+    DWORD parts[2];
+};
+constexpr BYTE kAuthorityOfUsers = 22;
+static_assert(sizeof(Identifier) == 16);
+
+}  // namespace
+
+BOOL GetVersionExA(OSVERSIONINFOA* info) {
+    if (info == nullptr || info->dwOSVersionInfoSize != sizeof *info) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    info->dwPlatformId = VER_PLATFORM_WIN32_NT;
+    return TRUE;
+}
+
+BOOL GetUserNameA(LPSTR buffer, DWORD* size) {
+    const passwd* entry = getpwuid(geteuid());
+    const std::string name = entry != nullptr ? entry->pw_name : std::to_string(geteuid());
+    const DWORD room = *size;
+    *size = static_cast<DWORD>(name.size() + 1);
+    if (buffer == nullptr || room < *size) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return FALSE;
+    }
+    std::memcpy(buffer, name.c_str(), *size);
+    return TRUE;
+}
+
+BOOL LookupAccountNameA(LPCSTR, LPCSTR name, PSID identifier, DWORD* identifierSize, LPSTR domain,
+                        DWORD* domainSize, int* use) {
+    const passwd* entry = getpwnam(name);
+    if (entry == nullptr) {
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return FALSE;
+    }
+    const bool fits = *identifierSize >= sizeof(Identifier) && *domainSize >= 1;
+    *identifierSize = sizeof(Identifier);
+    if (!fits) {
+        *domainSize = 1;
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return FALSE;
+    }
+    const Identifier made{1, 2, {0, 0, 0, 0, 0, kAuthorityOfUsers}, {1, entry->pw_uid}};
+    std::memcpy(identifier, &made, sizeof made);
+    domain[0] = '\0';
+    *domainSize = 0;
+    *use = 1;
+    return TRUE;
+}
+
+BOOL IsValidSid(PSID identifier) {
+    if (identifier == nullptr) return FALSE;
+    Identifier read{};
+    std::memcpy(&read, identifier, sizeof read);
+    return read.revision == 1 && read.count == 2 ? TRUE : FALSE;
+}
+
+DWORD GetLengthSid(PSID) { return sizeof(Identifier); }
+
+BOOL CopySid(DWORD size, PSID to, PSID from) {
+    if (size < sizeof(Identifier)) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return FALSE;
+    }
+    std::memcpy(to, from, sizeof(Identifier));
+    return TRUE;
+}
+
+std::string platform::SidText(PSID identifier) {
+    if (IsValidSid(identifier) == FALSE) return "-";
+    Identifier read{};
+    std::memcpy(&read, identifier, sizeof read);
+    std::string text = "S-1-" + std::to_string(read.authority[5]);
+    for (const DWORD part : read.parts) text += '-' + std::to_string(part);
+    return text;
+}

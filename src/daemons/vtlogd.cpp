@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
 #include <string>
@@ -16,6 +17,7 @@
 #include "platform/home.h"
 #include "tagmsg/tagmsg.h"
 #include "tagmsg/tags.h"
+#include "trelis/buffered.h"
 
 namespace {
 
@@ -100,6 +102,11 @@ std::string Describe(TagMsgNode* event) {
     return line;
 }
 
+// Bytes of one log file; read at the start.
+constexpr char kMaxLogSizeKey[] = "/VTWIN/Daemons/LoggerDaemon/MaxLogSize";
+constexpr long long kDefaultLogSize = 10 << 20;
+constexpr int kOlderLogs = 4;
+
 class LogDaemon final : public Daemon {
   public:
     LogDaemon()
@@ -110,7 +117,9 @@ class LogDaemon final : public Daemon {
 
   protected:
     DaemonKeys Keys() const override {
-        DaemonKeys keys{"/VTWIN/Daemons/LoggerDaemon", "/VTWIN/Versions/VTLOGD", {}};
+        DaemonKeys keys{"/VTWIN/Daemons/LoggerDaemon",
+                        "/VTWIN/Versions/VTLOGD",
+                        {{"MaxLogSize", std::to_string(kDefaultLogSize)}}};
         for (const LogClass& each : kLogClasses)
             keys.values.push_back(
                 {std::string("/VTUX/LoggerDaemon/LogLevel/") + each.name, "high"});
@@ -119,6 +128,9 @@ class LogDaemon final : public Daemon {
     bool Start(int, char**) override {
         mkdir(platform::HomePath("log").c_str(), 0700);
         path_ = platform::HomePath("log/vtlogd.log");
+        char size[32];
+        BufferedGetValue(kLocalStore, kMaxLogSizeKey, size, sizeof size);
+        if (const long long bytes = std::strtoll(size, nullptr, 10); bytes > 0) maxSize_ = bytes;
         toSyslog_ = access("/dev/log", W_OK) == 0;
         if (toSyslog_) openlog("vantrel", LOG_PID, LOG_MAIL);
         if (Reopen()) return true;
@@ -143,6 +155,15 @@ class LogDaemon final : public Daemon {
         file_ = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         return file_ >= 0;
     }
+    // The log looks after its own size: vtlogd.log, then .1 the newest of the older ones, to .4.
+    void Rotate() {
+        for (int number = kOlderLogs; number > 0; --number) {
+            const std::string older = path_ + '.' + std::to_string(number);
+            const std::string newer = number > 1 ? path_ + '.' + std::to_string(number - 1) : path_;
+            rename(newer.c_str(), older.c_str());
+        }
+        Reopen();
+    }
     void Write(const std::string& text) {
         const std::string line = Now() + ' ' + text + '\n';
         const std::lock_guard lock(mutex_);
@@ -154,12 +175,14 @@ class LogDaemon final : public Daemon {
             Reopen();
         if (write(file_, line.data(), line.size()) < 0)
             std::fprintf(stderr, "VTLOGD: %s", line.c_str());
+        if (mine.st_size + static_cast<off_t>(line.size()) >= maxSize_) Rotate();
         if (toSyslog_) syslog(LOG_NOTICE, "%s", text.c_str());
     }
 
     std::mutex mutex_;
     std::string path_;
     int file_ = -1;  // guarded by mutex_
+    off_t maxSize_ = kDefaultLogSize;
     bool toSyslog_ = false;
 };
 

@@ -1,8 +1,12 @@
 #include "platform/home.h"
 
 #include <fcntl.h>
+#include <grp.h>
+#include <linux/capability.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -40,6 +44,23 @@ std::string ChoosePath() {
     return std::string(home) + "/.local/state/vantrel";
 }
 
+// What root does in another user's instance is done as that user: files of root's in it would lock
+// the instance's own programs out. Of root's powers one is kept, that of serving a low port.
+bool BecomeOwner(uid_t user, gid_t group) {
+    const passwd* entry = getpwuid(user);
+    const bool groups = entry != nullptr ? initgroups(entry->pw_name, entry->pw_gid) == 0
+                                         : setgroups(0, nullptr) == 0;
+    if (!groups || setgid(entry != nullptr ? entry->pw_gid : group) != 0 ||
+        prctl(PR_SET_KEEPCAPS, 1) != 0 || setuid(user) != 0)
+        return false;
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
+    data[0].effective = data[0].permitted = 1U << CAP_NET_BIND_SERVICE;
+    if (syscall(SYS_capset, &header, data) != 0) return false;
+    prctl(PR_SET_DUMPABLE, 1);
+    return true;
+}
+
 HomeState Prepare() {
     std::string path = ChoosePath();
     if (!path.empty() && path.front() != '/') {
@@ -55,7 +76,8 @@ HomeState Prepare() {
     // Whoever can write here could put a socket or a spool file of their own in the place of ours.
     if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
         return {"", path + ": refused, other users can write to it"};
-    if (info.st_uid != geteuid() && info.st_uid != 0)
+    const bool foreign = info.st_uid != geteuid();
+    if (foreign && (geteuid() != 0 || !BecomeOwner(info.st_uid, info.st_gid)))
         return {"", path + ": refused, owned by another user"};
     for (const char* folder : {"pipes", "tmp", "services", "registry"}) {
         const std::string below = path + "/" + folder;

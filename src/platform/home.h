@@ -8,7 +8,8 @@ namespace platform {
 // The directory of this process's instance: VANTREL_HOME, or the default for the user. Without a
 // final slash. Made when first asked for, with the folders pipes, tmp, services, registry and modes
 // that let no other user in. Empty if it can't be made, others can write to it, or it is owned by
-// another user (HomeError says which).
+// another user (HomeError says which); but root becomes that user, with the power to serve low
+// ports as all that is left of its own. So a program asks for it before it starts a thread.
 const std::string& Home();
 // Why Home is empty, for a person; empty text if it isn't.
 const std::string& HomeError();

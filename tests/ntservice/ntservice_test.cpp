@@ -1,6 +1,5 @@
 #include "ntservice/ntservice.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -150,7 +149,7 @@ TEST(Recovery, SaysWhoHoldsTheDatabase) {
     ASSERT_NE(lock, nullptr);
     testing::internal::CaptureStdout();
     service.ConfigureRecovery("");
-    EXPECT_THAT(testing::internal::GetCapturedStdout().c_str(), testing::StartsWith("Locked by: "));
+    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("Locked by: ", 0), 0U);
     UnlockServiceDatabase(lock);
     testing::internal::CaptureStdout();
     service.ConfigureRecovery("");

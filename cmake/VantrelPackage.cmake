@@ -1,0 +1,63 @@
+# Installation and the Debian package: cpack --preset release (or: cd build/release && cpack).
+# The programs live in one directory, beside the supervisor that starts them; /usr/bin has links.
+
+set(VANTREL_PROGRAM_DIR lib/vantrel)
+set(VANTREL_PROGRAMS vtsmtpproxy vtmaild vtlogd vtstatd vtregistry vtreport)
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/links ${CMAKE_BINARY_DIR}/man)
+foreach(program ${VANTREL_PROGRAMS})
+  if(NOT TARGET ${program})
+    continue()
+  endif()
+  install(TARGETS ${program} RUNTIME DESTINATION ${VANTREL_PROGRAM_DIR})
+  file(CREATE_LINK ../${VANTREL_PROGRAM_DIR}/${program} ${CMAKE_BINARY_DIR}/links/${program} SYMBOLIC)
+  install(FILES ${CMAKE_BINARY_DIR}/links/${program} DESTINATION bin)
+endforeach()
+install(TARGETS vtservice RUNTIME DESTINATION ${VANTREL_PROGRAM_DIR})
+
+file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/systemd/*.service)
+install(FILES ${units} DESTINATION lib/systemd/system)
+install(FILES packaging/completion/vtregistry DESTINATION share/bash-completion/completions)
+install(FILES README.md docs/configuration.md DESTINATION share/doc/vantrel)
+foreach(section 1 5 8)
+  file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.${section})
+  foreach(page ${pages})
+    get_filename_component(name ${page} NAME)
+    set(packed ${CMAKE_BINARY_DIR}/man/${name}.gz)
+    add_custom_command(OUTPUT ${packed} COMMAND gzip -9nc ${page} > ${packed} DEPENDS ${page})
+    list(APPEND packed_pages ${packed})
+    install(FILES ${packed} DESTINATION share/man/man${section})
+  endforeach()
+endforeach()
+# The page of the configuration keys is made from their reference.
+set(keys_page ${CMAKE_BINARY_DIR}/man/vantrel-keys.5.gz)
+set(keys_source ${PROJECT_SOURCE_DIR}/docs/configuration.md)
+set(keys_script ${PROJECT_SOURCE_DIR}/packaging/keys-page)
+add_custom_command(OUTPUT ${keys_page}
+  COMMAND ${keys_script} ${keys_source} | gzip -9nc > ${keys_page}
+  DEPENDS ${keys_source} ${keys_script})
+list(APPEND packed_pages ${keys_page})
+install(FILES ${keys_page} DESTINATION share/man/man5)
+add_custom_target(man ALL DEPENDS ${packed_pages})
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME vantrel)
+set(CPACK_PACKAGE_VENDOR Vantrel)
+set(CPACK_PACKAGE_CONTACT "Vantrel <root@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Mail security proxy: scans mail before it reaches the mail server")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+  "Stands in front of a mail server and speaks SMTP on its behalf: takes each
+ message, has it scanned, and only then hands it on, refuses it, drops it or
+ redirects it.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION mail)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, clamav-daemon")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "clamav-freshclam")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
+  ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
+  ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
+set(CPACK_STRIP_FILES ON)
+include(CPack)

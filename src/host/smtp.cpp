@@ -109,12 +109,14 @@ void CSMTP::Run(int, char**) {
     }
 
     EndSessions();
-    DestroyASFilters();
+    // A session that is left may still be inside a filter: then they stay to the process's end.
+    if (SessionRegistry::Instance().Empty()) DestroyASFilters();
     ReleaseLibStats();
     MailScanUninit();
     LogClientUninit();
     // A session that waited for one of those has been woken by their end.
-    sessionsLeft_ = !SessionRegistry::Instance().WaitEmpty(kCutSessions);
+    SessionRegistry::Instance().WaitIdle(kCutSessions);
+    sessionsLeft_ = !SessionRegistry::Instance().Empty();
     TrelisCancelNotify(kLocalStore, kInterfacesKey, 1, watch);
     TrelisUninit();
     ReleaseInterfaces();
@@ -161,5 +163,5 @@ void CSMTP::PublishActiveConnections() {
 void CSMTP::EndSessions() {
     SessionRegistry& sessions = SessionRegistry::Instance();
     sessions.BeginStop();
-    if (!sessions.WaitEmpty(kMessageInHand)) sessions.CutAll();
+    if (!sessions.WaitIdle(kMessageInHand)) sessions.CutAll();
 }

@@ -22,7 +22,13 @@ void SessionRegistry::Leave(CSMTPProxy* session) {
 
 void SessionRegistry::Done() {
     const std::lock_guard lock(mutex_);
-    if (--running_ == 0) left_.notify_all();
+    if (--running_ == delayed_) left_.notify_all();
+}
+
+void SessionRegistry::CountDelayed(int change) {
+    const std::lock_guard lock(mutex_);
+    delayed_ += change;
+    if (running_ == delayed_) left_.notify_all();
 }
 
 void SessionRegistry::BeginStop() {
@@ -36,9 +42,14 @@ void SessionRegistry::CutAll() {
     for (CSMTPProxy* session : sessions_) session->Cut();
 }
 
-bool SessionRegistry::WaitEmpty(std::chrono::milliseconds limit) {
+bool SessionRegistry::WaitIdle(std::chrono::milliseconds limit) {
     std::unique_lock lock(mutex_);
-    return left_.wait_for(lock, limit, [this] { return running_ == 0; });
+    return left_.wait_for(lock, limit, [this] { return running_ == delayed_; });
+}
+
+bool SessionRegistry::Empty() {
+    const std::lock_guard lock(mutex_);
+    return running_ == 0;
 }
 
 void SessionRegistry::Reopen() {

@@ -26,15 +26,29 @@ class SessionRegistry {
     void BeginStop();
     // Cuts the connections of all sessions that are left.
     void CutAll();
-    // Waits until no session's thread is left. False if the time was not enough.
-    bool WaitEmpty(std::chrono::milliseconds limit);
+    // Waits until no session's thread is at work. False if the time was not enough.
+    bool WaitIdle(std::chrono::milliseconds limit);
+    // Whether no session's thread is left at all, at work or not.
+    bool Empty();
+    // While one lives, its session's thread only sleeps, with nothing in hand: a stop doesn't wait
+    // for it.
+    class Delay {
+      public:
+        Delay() { Instance().CountDelayed(1); }
+        Delay(const Delay&) = delete;
+        Delay& operator=(const Delay&) = delete;
+        ~Delay() { Instance().CountDelayed(-1); }
+    };
     // For a host that starts anew in the same process.
     void Reopen();
 
   private:
+    void CountDelayed(int change);
+
     std::mutex mutex_;
     std::condition_variable left_;
     std::unordered_set<CSMTPProxy*> sessions_;  // guarded by mutex_
     int running_ = 0;                           // guarded by mutex_: entered and not done
+    int delayed_ = 0;                           // guarded by mutex_: of these, those that sleep
     bool stopping_ = false;                     // guarded by mutex_
 };

@@ -6,6 +6,7 @@
 #include "asfilters/asfilters.h"
 #include "session/dialogue.h"
 #include "session/normalize.h"
+#include "session/registry.h"
 
 namespace {
 
@@ -49,6 +50,7 @@ bool Dialogue::RelayReply() {
 
 void Dialogue::GuardAgainstHarvesting() {
     if (!Begins(reply_, "550") || filters_ == nullptr || inFlight_ != CMD_RCPT) return;
+    const SessionRegistry::Delay delay;
     for (const std::string& domain : session_.mailDomains) {
         const int result =
             filters_->CheckRecipient(recipientText_, domain.c_str(), denyText_, kSessionTextSize);

@@ -32,7 +32,9 @@ def wait_until(check, seconds=10):
 
 
 class MailServer:
-    """Answers each command line with the rule for its verb: bytes, or a function of the line; None closes."""
+    """Answers each command line with the rule for its verb: bytes, or a function of the line; None closes, RESET does so
+    hard."""
+    RESET = b"reset"
 
     def __init__(self, **rules):
         self.rules = {"GREETING": b"220 real.example ESMTP\r\n", "EHLO": b"250-real.example\r\n250-SIZE 1000000\r\n"
@@ -67,7 +69,9 @@ class MailServer:
                     if verb == "BDAT":
                         self.messages.append(stream.read(int(words[1])))
                     reply = rule(line) if callable(rule) else rule
-                    if reply is None:
+                    if reply == self.RESET:
+                        client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                    if reply is None or reply == self.RESET:
                         return
                     client.sendall(reply)
                     if verb == "DATA" and reply.startswith(b"354"):

@@ -6,7 +6,9 @@ import glob
 import io
 import os
 import signal
+import socket
 import subprocess
+import threading
 import unittest
 import zipfile
 
@@ -52,9 +54,18 @@ class Engine(unittest.TestCase):
         assert wait_until(lambda: os.path.exists(home + "/clamd/clamd.sock"), 60), "clamd"
         cls.spawn(BIN + "/vtlogd", "debug")
         assert wait_until(lambda: os.path.exists(home + "/pipes/vtlogd"), 20)
-        cls.spawn(BIN + "/vtmaild", "debug")
-        assert wait_until(lambda: os.path.exists(home + "/pipes/vtmaild"), 20)
+        cls.start_scanner()
         cls.proxy.start()
+
+    @classmethod
+    def start_scanner(cls):
+        cls.maild = cls.spawn(BIN + "/vtmaild", "debug")
+        assert wait_until(lambda: cls.serves("vtmaild"), 20)
+
+    @classmethod
+    def serves(cls, pipe):
+        with socket.socket(socket.AF_UNIX) as probe:
+            return probe.connect_ex(cls.proxy.home + "/pipes/" + pipe) == 0
 
     @classmethod
     def spawn(cls, *words):
@@ -130,6 +141,27 @@ class Engine(unittest.TestCase):
         self.settings(PassWhenDown="Y")
         self.assertEqual(self.send(body(b"down")), b"250 queued\r\n")
         self.assertIn("could not be scanned", self.log())
+
+    def test_scan_daemon_killed_in_the_middle(self):
+        replies = []
+        count = len(self.server.messages)
+        self.clamd.send_signal(signal.SIGSTOP)
+        try:
+            threads = [threading.Thread(target=lambda: replies.append(self.send(body(b"in hand")))) for _ in range(4)]
+            for thread in threads:
+                thread.start()
+            self.assertTrue(wait_until(lambda: len(self.proxy.spool()) == 4))
+            self.maild.kill()
+            for thread in threads:
+                thread.join()
+            self.assertEqual(replies, [NOT_CHECKED] * 4)
+        finally:
+            self.clamd.send_signal(signal.SIGCONT)
+        self.maild.wait()
+        self.start_scanner()
+        self.assertEqual(len(self.server.messages), count)
+        self.assertEqual(self.send(body(b"again")), b"250 queued\r\n")
+        self.assertEqual(self.proxy.spool(), [])
 
     def test_limits_of_the_engine_are_compared(self):
         self.settings(MaxFileSize="999999999")

@@ -243,7 +243,8 @@ class Faults(System):
 
     def test_servers_that_fail_at_each_point(self):
         for verb, failure in (("GREETING", b""), ("MAIL", None), ("RCPT", None), ("DATA", None), ("END", None), ("NOOP", None),
-                              ("DATA", b"421 no\r\n")):
+                              ("DATA", b"421 no\r\n"), ("MAIL", MailServer.RESET), ("RCPT", MailServer.RESET),
+                              ("DATA", MailServer.RESET), ("NOOP", MailServer.RESET)):
             with self.subTest(verb + str(failure)):
                 kept = dict(self.server.rules)
                 self.server.rules[verb] = failure
@@ -285,6 +286,19 @@ class Faults(System):
         c.ask(b"MAIL FROM:<s@example.org>")
         c.ask(b"RCPT TO:<r@example.org>")
         self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
+
+    def test_a_byte_a_second_holds_nobody_else_up(self):
+        slow = self.client()
+        slow.reply()
+        before = time.monotonic()
+        for byte in b"NOOP\r\n":
+            slow.send(bytes([byte]))
+            time.sleep(1)
+            other = self.client()
+            other.envelope()
+            self.assertEqual(other.data(b"x\r\n.\r\n"), b"250 queued\r\n")
+        self.assertEqual(slow.reply(), b"250 ok\r\n")
+        self.assertGreater(time.monotonic() - before, 5, "longer than the limit of one wait")
 
     def test_silent_client_is_given_up(self):
         c = self.client()

@@ -36,8 +36,9 @@ void WriteDenyReply(bool wanted, const std::string& text, char* out, unsigned si
     std::memset(out, 0, size);
     if (!wanted || size < kSmallestReply) return;
     const std::size_t length = std::min<std::size_t>(text.size(), size - 3);
-    std::memcpy(out, text.data(), length);
-    std::memcpy(out + length, "\r\n", 3);
+    char* const end = std::copy_n(text.data(), length, out);
+    end[0] = '\r';
+    end[1] = '\n';
 }
 
 }  // namespace asfilters

@@ -109,8 +109,7 @@ void CSMTP::Run(int, char**) {
     }
 
     EndSessions();
-    // A session that is left may still be inside a filter: then they stay to the process's end.
-    if (SessionRegistry::Instance().Empty()) DestroyASFilters();
+    DestroyASFilters();
     ReleaseLibStats();
     MailScanUninit();
     LogClientUninit();

@@ -4,7 +4,7 @@
 
 #include "asfilters/asfilters.h"
 
-Dialogue::Dialogue(CSMTPProxy& session) : session_(session), filters_(GetASFilters()) {
+Dialogue::Dialogue(CSMTPProxy& session) : session_(session), filters_(ShareASFilters()) {
     // The texts start empty; of the lines only what was read is looked at.
     reply_[0] = line_[0] = copy_[0] = senderText_[0] = recipientText_[0] = denyText_[0] = '\0';
 }

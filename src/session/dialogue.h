@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <memory>
 
 #include "session/session.h"
 
@@ -67,7 +68,7 @@ class Dialogue {
     static constexpr int kTokenSize = 12;
 
     CSMTPProxy& session_;
-    asfilters::CASFilters* const filters_;
+    const std::shared_ptr<asfilters::CASFilters> filters_;  // may be null
     int inFlight_ = CMD_OTHER;
     bool haveMail_ = false;
     bool haveRecipient_ = false;

@@ -19,6 +19,9 @@ constexpr char kRejected[] = "550 Rejected by Vantrel.\r\n";
 constexpr char kNotChecked[] = "451 4.3.0 Message could not be checked, try again later\r\n";
 constexpr char kEndOfData[] = "\r\n.\r\n";
 constexpr int kEndOfDataSize = sizeof kEndOfData - 1;
+// Room in front of a block for its bdat command.
+constexpr int kCommandRoom = 32;
+constexpr int kRelayBuffer = kCommandRoom + kBlockSize + kEndOfDataSize;
 
 constexpr std::int32_t kMaskForward = 1;
 constexpr std::int32_t kMaskDrop = 2;
@@ -126,23 +129,22 @@ class MessageRelay {
     bool SendAsData();
     bool SendAsChunks();
     bool AnswerFailedScan(int* expectReply);
+    bool AnswerRefusedChunk(int* expectReply);
 
     CSMTPProxy& session_;
-    char* const
-        buffer_;  // kBlockSize bytes and room for the end marker: replies and blocks, in turn
+    char* const buffer_;  // kRelayBuffer bytes: replies and blocks, in turn
     Verdict verdict_ = VERDICT_FAILED;
     platform::File file_;
     long long remaining_ = 0;
     TextList redirects_;
-    // The server's refusal of a chunk in the middle: the client's answer in place of one to the
-    // whole message.
+    // The server's refusal of a chunk before the last: the client's answer to the whole message.
     std::string refusal_;
 };
 
 int CSMTPProxy::RelayMessage(int* expectReply) {
     *expectReply = 1;
     if (messagePhase == PHASE_DATA && ReceiveData() == 0) return 0;
-    const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBlockSize + kEndOfDataSize]);
+    const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kRelayBuffer]);
     if (buffer == nullptr) return 0;
     return MessageRelay(*this, buffer.get()).Run(expectReply);
 }
@@ -182,14 +184,19 @@ bool MessageRelay::Deliver(int* expectReply) {
     if (refused && !redirects_.empty() && !OpenFreshEnvelope()) return false;
     if (!AddRedirects() || ClientFailed()) return false;
     if ((!refused || !redirects_.empty()) && !SendMessage()) return false;
-    if (verdict_ == VERDICT_REJECT) {
-        if (refusal_.empty() && !Reply()) return false;
-        *expectReply = 0;
-        return session_.clientSocket.SendAll(kRejected) != 0;
-    }
-    if (refusal_.empty()) return true;
+    if (!refusal_.empty()) return AnswerRefusedChunk(expectReply);
+    if (verdict_ != VERDICT_REJECT) return true;
     *expectReply = 0;
-    return session_.clientSocket.SendAll(refusal_.c_str()) != 0;
+    return Reply() && session_.clientSocket.SendAll(kRejected) != 0;
+}
+
+// The server forgets what it has of the message. A server that has gone ends the session, but not
+// before the client knows what became of its message.
+bool MessageRelay::AnswerRefusedChunk(int* expectReply) {
+    *expectReply = 0;
+    const bool inStep = SendServer("RSET\r\n") && Reply();
+    const char* answer = verdict_ == VERDICT_REJECT ? kRejected : refusal_.c_str();
+    return session_.clientSocket.SendAll(answer) != 0 && inStep;
 }
 
 bool MessageRelay::OpenFreshEnvelope() {
@@ -241,23 +248,26 @@ bool MessageRelay::SendAsData() {
     }
 }
 
+// Each chunk's command goes out with its block in one piece: sent alone, the block would wait for
+// the command to be acknowledged, which a server may put off for tens of milliseconds.
 bool MessageRelay::SendAsChunks() {
+    char* const block = buffer_ + kCommandRoom;
     for (;;) {
-        const long long count = remaining_ > 0 ? file_.Read(buffer_, kBlockSize) : 0;
+        const long long count = remaining_ > 0 ? file_.Read(block, kBlockSize) : 0;
         if (count < 0 || ClientFailed()) return false;
         remaining_ -= count;
         const bool last = remaining_ <= 0 || count == 0;
-        char line[512];
-        std::snprintf(line, sizeof line, "bdat %d %s \r\n", static_cast<int>(count),
-                      last ? "last" : "");
-        if (!SendServer(line) || ClientFailed()) return false;
-        if (count > 0 && session_.serverSocket.SendAll(buffer_, static_cast<int>(count)) == 0)
-            return false;
+        const auto size = static_cast<int>(count);
+        char line[kCommandRoom];
+        const int length =
+            std::snprintf(line, sizeof line, "bdat %d %s \r\n", size, last ? "last" : "");
+        std::memcpy(block - length, line, static_cast<std::size_t>(length));
+        if (session_.serverSocket.SendAll(block - length, length + size) == 0) return false;
         if (last) return true;  // its reply is the answer to the message
         // Each chunk has a reply of its own; left unread, all later replies would be out of step.
         if (!Reply()) return false;
         if (!IsRefusal(buffer_)) continue;
         refusal_ = buffer_;
-        return SendServer("RSET\r\n") && Reply();
+        return true;
     }
 }

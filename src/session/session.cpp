@@ -162,7 +162,7 @@ int CSMTPProxy::RunSession() {
     bool denied = false;
     if (inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text) != nullptr) {
         peerAddress = text;
-        asfilters::CASFilters* filters = GetASFilters();
+        const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
         denied = filters != nullptr && filters->CheckIP(peerAddress.c_str()) == 2;
         if (denied) SendStatEvent(80, nullptr, nullptr);
     } else {

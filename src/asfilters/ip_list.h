@@ -1,0 +1,34 @@
+// Inside asfilters/: the IP allow/deny list, which judges a peer before it gets the greeting.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "asfilters/followed.h"
+
+struct IPEntry {
+    std::uint32_t IP = 0;    // network byte order
+    std::uint32_t Mask = 0;  // network byte order; 0 if there is none
+    int Action = 0;          // kAllow or kDeny
+    int HasMask = 0;         // 0: the whole address is compared
+
+    static constexpr int kAllow = 1;
+    static constexpr int kDeny = 2;
+};
+
+class CAllowDenyIPList {
+  public:
+    // Always 0.
+    int Load();
+    // As CASFilters::CheckIP. An allow entry that matches wins over any deny entry, wherever it
+    // stands.
+    int CheckIP(const char* peer);
+
+  private:
+    struct Set {
+        std::vector<IPEntry> entries;  // in the store's order
+        static Set Read();
+    };
+
+    asfilters::Followed<Set> configuration_{"/VTWIN/Filters/AS/AllowDenyIPList"};
+};

@@ -1,0 +1,236 @@
+#include <chrono>
+#include <thread>
+
+#include "asfilters/store.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr char kDefault[] = "550 5.7.1 Message Rejected\r\n";
+
+class IPList : public FilterStore {
+  protected:
+    static void Entry(const std::string& name, const char* ip, const char* mask,
+                      const char* action) {
+        const std::string key = "/AllowDenyIPList/Addresses/" + name;
+        if (ip != nullptr) Set(key + "/IP", ip);
+        if (mask != nullptr) Set(key + "/Mask", mask);
+        if (action != nullptr) Set(key + "/Action", action);
+    }
+};
+
+TEST_F(IPList, AnyAllowEntryBeatsAnyDenyEntry) {
+    for (const bool allowFirst : {true, false}) {
+        TrelisDelKey(kLocalStore, kFilterRoot.c_str());
+        Set("/AllowDenyIPList/Enabled", "Y");
+        Entry(allowFirst ? "b" : "a", "10.0.0.0", "255.0.0.0", "2");
+        Entry(allowFirst ? "a" : "b", "10.1.2.3", nullptr, "1");
+        CASFiltersCore filters;
+        EXPECT_EQ(filters.CheckIP("10.1.2.4"), 3) << "not loaded yet";
+        EXPECT_EQ(filters.Reload(), 0);
+        EXPECT_EQ(filters.CheckIP("10.1.2.3"), 0);
+        EXPECT_EQ(filters.CheckIP("10.1.2.4"), 2);
+        EXPECT_EQ(filters.CheckIP("11.1.2.4"), 0);
+    }
+}
+
+TEST_F(IPList, Entries) {
+    const std::string longName(420, 'n');
+    const struct {
+        const char* name;
+        const char *ip, *mask, *action;
+        int peer1234, peerAllOnes;
+    } cases[] = {{"whole address", "1.2.3.4", nullptr, "2", 2, 0},
+                 {"empty mask", "1.2.3.4", "", "2", 2, 0},
+                 {"zero mask", "9.9.9.9", "0.0.0.0", "2", 2, 2},
+                 {"address with host bits", "1.2.3.99", "255.255.255.0", "2", 2, 0},
+                 {"unknown action", "1.2.3.4", nullptr, "3", 0, 0},
+                 {"action with text behind", "1.2.3.4", nullptr, " 2x", 2, 0},
+                 {"action beyond an int", "1.2.3.4", nullptr, "4294967298", 0, 0},
+                 {"empty action", "1.2.3.4", nullptr, "", 0, 0},
+                 {"no action", "1.2.3.4", nullptr, nullptr, 0, 0},
+                 {"no address", nullptr, "0.0.0.0", "2", 0, 0},
+                 {"address that is none", "nonsense", nullptr, "2", 0, 2},
+                 {"mask that is none", "1.2.3.4", "nonsense", "2", 2, 0},
+                 {"long name", "1.2.3.4", nullptr, "2", 2, 0}};
+    for (const auto& each : cases) {
+        TrelisDelKey(kLocalStore, kFilterRoot.c_str());
+        Set("/AllowDenyIPList/Enabled", "y");
+        Entry(each.name == std::string("long name") ? longName : "m", each.ip, each.mask,
+              each.action);
+        Entry("z", "5.6.7.8", nullptr, "2");  // entries behind a skipped one stay in force
+        CASFiltersCore filters;
+        filters.Reload();
+        EXPECT_EQ(filters.CheckIP("1.2.3.4"), each.peer1234) << each.name;
+        EXPECT_EQ(filters.CheckIP("255.255.255.255"), each.peerAllOnes) << each.name;
+        EXPECT_EQ(filters.CheckIP("5.6.7.8"), 2) << each.name;
+    }
+}
+
+TEST_F(IPList, ChildrenWhosePathDoesNotFitAreSkipped) {
+    Set("/AllowDenyIPList/Enabled", "Y");
+    const std::size_t room = 511 - (kFilterRoot + "/AllowDenyIPList/Addresses/").size();
+    Set("/AllowDenyIPList/Addresses/" + std::string(room, 'a'), "");
+    Entry("b", "1.2.3.4", nullptr, "2");
+    CASFiltersCore filters;
+    filters.Reload();
+    EXPECT_EQ(filters.CheckIP("1.2.3.4"), 2);
+}
+
+class SenderList : public FilterStore {};
+
+TEST_F(SenderList, VerdictsAndDenyTexts) {
+    const struct {
+        const char* name;
+        const char *send, *drop, *text;
+        unsigned size;
+        std::string verdict;
+    } cases[] = {
+        {"refused", "Y", "N", "550 go away", 512, "1 bad@x.example|550 go away\r\n"},
+        {"dropped", "yes", "Yes", "550 go away", 512, "2 bad@x.example|550 go away\r\n"},
+        {"no text", "N", "N", "550 go away", 512, "1 bad@x.example|"},
+        {"dropped, no text", "", "y", "550 go away", 512, "2 bad@x.example|"},
+        {"flags missing", nullptr, nullptr, nullptr, 512, "1 bad@x.example|"},
+        {"text missing", "Y", "N", nullptr, 512, "1 bad@x.example|" + std::string(kDefault)},
+        {"text empty", "Y", "N", "", 512, "1 bad@x.example|" + std::string(kDefault)},
+        {"small buffer", "Y", "N", "550 go away", 5, "1 bad@x.example|"},
+        {"least buffer", "Y", "N", "550 go away", 6, "1 bad@x.example|550\r\n"}};
+    for (const auto& each : cases) {
+        TrelisDelKey(kLocalStore, kFilterRoot.c_str());
+        Set({{"/SenderBlackList/Enabled", "Y"}, {"/SenderBlackList/UsersList/1", "Bad@X.example"}});
+        if (each.send) Set("/SenderBlackList/EnabledSendDenyMessage", each.send);
+        if (each.drop) Set("/SenderBlackList/EnabledDropConnection", each.drop);
+        if (each.text) Set("/SenderBlackList/DenyMessage", each.text);
+        CASFiltersCore filters;
+        filters.Reload();
+        EXPECT_EQ(Sender(filters, "BAD@x.Example", each.size), each.verdict) << each.name;
+        EXPECT_EQ(Sender(filters, "GOOD@x.example", each.size), "0 good@x.example|") << each.name;
+    }
+}
+
+TEST_F(SenderList, DenyTextsOfMoreThan255BytesAreCut) {
+    Set({{"/SenderBlackList/Enabled", "Y"},
+         {"/SenderBlackList/EnabledSendDenyMessage", "Y"},
+         {"/SenderBlackList/DenyMessage", "550 " + std::string(300, 'x')},
+         {"/SenderBlackList/WildcardsList/1", "*"}});
+    CASFiltersCore filters;
+    filters.Reload();
+    EXPECT_EQ(Sender(filters, "a"), "1 a|550 " + std::string(251, 'x') + "\r\n");
+}
+
+TEST_F(SenderList, BothListsAndTheirOddEntries) {
+    const std::string longName(300, 'n');
+    Set({{"/SenderBlackList/Enabled", "Y"},
+         {"/SenderBlackList/WildcardsList/1", "*@SPAM.example"},
+         {"/SenderBlackList/WildcardsList/2/child", "*"},  // only a child of an empty entry
+         {"/SenderBlackList/UsersList/" + longName, "long@x.example"},
+         {"/SenderBlackList/UsersList/z", "Last@X.example"}});
+    CASFiltersCore filters;
+    filters.Reload();
+    EXPECT_EQ(Sender(filters, "u@spam.EXAMPLE"), "1 u@spam.example|");
+    EXPECT_EQ(Sender(filters, "long@x.example"), "1 long@x.example|");
+    EXPECT_EQ(Sender(filters, "last@x.example"), "1 last@x.example|") << "behind the long name";
+    EXPECT_EQ(Sender(filters, "other@x.example"), "0 other@x.example|");
+    EXPECT_EQ(Sender(filters, ""), "1 |") << "an empty entry matches the empty sender";
+    Delete("/SenderBlackList/WildcardsList");
+    EXPECT_EQ(Sender(filters, ""), "0 |");
+    Set("/SenderBlackList/UsersList/empty", "");
+    EXPECT_EQ(Sender(filters, ""), "1 |");
+    char deny[8] = "keep";
+    EXPECT_EQ(filters.CheckSender(nullptr, deny, sizeof deny), -1);
+    EXPECT_STREQ(deny, "keep");
+}
+
+class Harvesting : public FilterStore {
+  protected:
+    // Result, deny text and whole seconds of a check.
+    static std::string Check(asfilters::CASFilters& filters, const char* recipient,
+                             const char* domain, unsigned size = 512) {
+        std::string deny(512, '#');
+        const auto start = Clock::now();
+        const int result = filters.CheckRecipient(recipient, domain, deny.data(), size);
+        const auto seconds =
+            std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
+        return std::to_string(result) + " " + (deny[0] == '#' ? "untouched" : deny.c_str()) + " " +
+               std::to_string(seconds);
+    }
+};
+
+TEST_F(Harvesting, Verdicts) {
+    Set({{"/DirectoryHarvesting/Enabled", "Y"},
+         {"/DirectoryHarvesting/EnabledSendDenyMessage", "Y"},
+         {"/DirectoryHarvesting/DenyMessage", "550 slow"},
+         {"/DirectoryHarvesting/ResponseTimeout", "1"}});
+    CASFiltersCore filters;
+    filters.Reload();
+    EXPECT_EQ(Check(filters, "a@x.example", "X.Example"), "2 550 slow\r\n 1");
+    EXPECT_EQ(Check(filters, "nobody", "x.example"), "2 550 slow\r\n 1");
+    EXPECT_EQ(Check(filters, "a@b@x.example", "x.example"), "-1 untouched 0") << "the first @";
+    EXPECT_EQ(Check(filters, "a@y.example", "x.example"), "-1 untouched 0");
+    EXPECT_EQ(Check(filters, "a@x.example.org", "x.example"), "-1 untouched 0");
+    EXPECT_EQ(Check(filters, "a@x.example", "x.example", 5), "2  1");
+    Set("/DirectoryHarvesting/EnabledSendDenyMessage", "N");
+    EXPECT_EQ(Check(filters, "a@x.example", "x.example"), "2  1");
+    Set("/DirectoryHarvesting/Enabled", "N");
+    EXPECT_EQ(Check(filters, "a@x.example", "x.example"), "3 untouched 0");
+}
+
+TEST_F(Harvesting, DelaysWithoutASoundNumberAreTheDefault) {
+    // Each delay on a thread of its own: that none is over soon is all that is looked at, so the
+    // threads are left to the end of the process.
+    for (const char* value : {"0", "-5", "soon", "99999999999999999999"}) {
+        TrelisDelKey(kLocalStore, kFilterRoot.c_str());
+        Set({{"/DirectoryHarvesting/Enabled", "Y"},
+             {"/DirectoryHarvesting/ResponseTimeout", value}});
+        auto over = std::make_shared<std::atomic<bool>>(false);
+        ASSERT_EQ(CreateASFilters(), 0);
+        ASSERT_EQ(GetASFilters()->Reload(), 0);
+        std::thread([over, filters = GetASFilters()] {
+            char deny[64];
+            filters->CheckRecipient("a@x.example", "x.example", deny, sizeof deny);
+            *over = true;
+        }).detach();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1300));
+        EXPECT_FALSE(*over) << value;
+        EXPECT_EQ(DestroyASFilters(), 0);
+    }
+}
+
+TEST_F(Harvesting, DelaysRunSideBySideAndOutliveTheInstance) {
+    Set({{"/DirectoryHarvesting/Enabled", "Y"}, {"/DirectoryHarvesting/ResponseTimeout", "1"}});
+    ASSERT_EQ(CreateASFilters(), 0);
+    asfilters::CASFilters* filters = GetASFilters();
+    ASSERT_EQ(filters->Reload(), 0);
+    const auto start = Clock::now();
+    std::atomic<int> applied = 0;
+    std::vector<std::thread> sessions;
+    for (int i = 0; i < 20; ++i) {
+        sessions.emplace_back([filters, &applied] {
+            char deny[64];
+            if (filters->CheckRecipient("a@x.example", "x.example", deny, sizeof deny) == 2)
+                ++applied;
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_EQ(DestroyASFilters(), 0);
+    for (std::thread& session : sessions) session.join();
+    EXPECT_EQ(applied, 20);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+}
+
+TEST_F(FilterStore, OneInstanceWhoseLastUserDeletesIt) {
+    EXPECT_EQ(GetASFilters(), nullptr);
+    EXPECT_EQ(ShareASFilters(), nullptr);
+    EXPECT_EQ(DestroyASFilters(), 0);
+    EXPECT_EQ(CreateASFilters(), 0);
+    asfilters::CASFilters* const first = GetASFilters();
+    EXPECT_EQ(CreateASFilters(), 0);
+    EXPECT_EQ(GetASFilters(), first);
+    const auto shared = ShareASFilters();
+    EXPECT_EQ(DestroyASFilters(), 0);
+    EXPECT_EQ(GetASFilters(), nullptr);
+    EXPECT_EQ(shared->CheckIP("1.2.3.4"), 3);
+    EXPECT_EQ(shared.use_count(), 1);
+}
+
+}  // namespace

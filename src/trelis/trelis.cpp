@@ -89,7 +89,7 @@ int TrelisSetValue(std::uint32_t store, const char* key, const char* value) {
     if (key == nullptr || value == nullptr) return kFailed;
     return With(store, kFailed, [&](Store& opened) {
         if (!opened.Set({{key, value}})) return kFailed;
-        Watches::Instance().Fire(key);
+        Watches::Instance().Announce({key});
         return 0;
     });
 }
@@ -99,7 +99,7 @@ int TrelisDelKey(std::uint32_t store, const char* key) {
     return With(store, kFailed, [&](Store& opened) {
         const bool existed = opened.Get(key).has_value();
         if (!opened.Delete(key)) return kFailed;
-        if (existed) Watches::Instance().Fire(key);
+        if (existed) Watches::Instance().Announce({key});
         return 0;
     });
 }
@@ -133,8 +133,7 @@ int TrelisWaitNotify(std::uint32_t, TrelisNotify watch, int) {
     if (watch == nullptr) return kFailed;
     static_assert(offsetof(Watch, name) == 0);
     auto* record = reinterpret_cast<Watch*>(const_cast<char*>(watch));
-    if (!record->changed.load(std::memory_order_acquire)) return 0;
-    return record->changed.exchange(false) ? 1 : 0;
+    return Watches::Instance().Look(*record) ? 1 : 0;
 }
 
 void TrelisCancelNotify(std::uint32_t, const char*, int, TrelisNotify watch) {
@@ -161,7 +160,9 @@ std::optional<Values> DumpTree(const std::string& key) {
 bool LoadValues(const Values& values) {
     return With(kLocalStore, false, [&](Store& opened) {
         if (!opened.Set(values)) return false;
-        for (const auto& [key, value] : values) Watches::Instance().Fire(key);
+        std::vector<std::string> paths;
+        for (const auto& [key, value] : values) paths.push_back(key);
+        Watches::Instance().Announce(paths);
         return true;
     });
 }

@@ -41,11 +41,11 @@ int TrelisEnumRead(std::uint32_t store, TrelisEnum walk, char* buffer, int size)
 void TrelisEnumClose(std::uint32_t store, TrelisEnum walk);
 
 // Starts watching the key and everything below it; flag is always 1. A change made by any process
-// reaches the watch, and its event, within 100 ms; one made by this process before TrelisSetValue
-// returns.
+// is seen by a look at the watch as soon as the writer's TrelisSetValue has returned, and sets the
+// event within a few milliseconds (this process's own change at once).
 TrelisNotify TrelisPlaceNotify(std::uint32_t store, const char* key, int flag);
 // 1 if a change has come since the last look, else 0; negative for a null watch. Costs one atomic
-// load. `time` is always 0.
+// load as long as nothing changes in the store. `time` is always 0.
 int TrelisWaitNotify(std::uint32_t store, TrelisNotify watch, int time);
 // Ends the watch. Nobody may look at it any more. Null is accepted.
 void TrelisCancelNotify(std::uint32_t store, const char* key, int flag, TrelisNotify watch);

@@ -1,25 +1,13 @@
 #include "trelis/watches.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
-#include <cstring>
 
-#include "platform/home.h"
+#include "trelis/sequence.h"
 
 namespace trelis {
-namespace {
-
-// The journal is written before a change becomes visible: after a sign of life it is looked at
-// several times. The last interval goes on for the case that a writer was killed in between, or a
-// sign was lost.
-constexpr std::array<int, 6> kLooks{0, 2, 5, 10, 20, 40};
-constexpr int kIdleLook = 1000;
 
 // Finds the rows that other processes have written since the last look.
 class ChangeReader {
@@ -78,39 +66,7 @@ class ChangeReader {
     std::int64_t last_ = 0;
 };
 
-bool TouchesStore(int inotify) {
-    alignas(inotify_event) char buffer[4096];
-    bool touched = false;
-    for (ssize_t length = 0; (length = read(inotify, buffer, sizeof buffer)) > 0;) {
-        for (ssize_t at = 0; at < length;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-            touched = touched || event->len == 0 || std::strncmp(event->name, "store.db", 8) == 0;
-            at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-        }
-    }
-    return touched;
-}
-
-void WatchStore(int stop, const std::shared_ptr<ChangeReader>& reader,
-                const std::function<void(const std::string&)>& use) {
-    const int inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    inotify_add_watch(inotify, platform::Home().c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO);
-    std::size_t look = kLooks.size();
-    for (;;) {
-        pollfd descriptors[] = {{stop, POLLIN, 0}, {inotify, POLLIN, 0}};
-        const int wait = look < kLooks.size() ? kLooks[look] : kIdleLook;
-        const int ready = poll(descriptors, 2, wait);
-        if (descriptors[0].revents != 0) break;
-        const bool signs = ready > 0 && (descriptors[1].revents & POLLIN) != 0;
-        if (signs && !TouchesStore(inotify)) continue;
-        look = signs ? 1 : std::min(look + 1, kLooks.size());
-        reader->Look(use);
-    }
-    close(inotify);
-    close(stop);
-}
-
-}  // namespace
+Watches::Watches() = default;
 
 Watches& Watches::Instance() {
     static Watches& watches = *new Watches;
@@ -119,30 +75,64 @@ Watches& Watches::Instance() {
 
 bool Watches::StartWatcher(std::int64_t origin) {
     if (thread_.joinable()) return true;
-    auto reader = std::make_shared<ChangeReader>(origin);
-    stopDescriptor_ = eventfd(0, EFD_CLOEXEC);
-    const int stop = stopDescriptor_ < 0 ? -1 : dup(stopDescriptor_);
-    if (!reader->Ready() || stop < 0) {
-        if (stopDescriptor_ >= 0) close(stopDescriptor_);
-        stopDescriptor_ = -1;
-        return false;
+    auto reader = std::make_unique<ChangeReader>(origin);
+    if (!reader->Ready()) return false;
+    {
+        const std::lock_guard lock(readerMutex_);
+        reader_ = std::move(reader);
     }
-    thread_ = std::thread([this, stop, reader] {
-        WatchStore(stop, reader, [this](const std::string& path) {
-            Fire(path);
-            if (listener_) listener_(path);
-        });
-    });
+    stop_ = false;
+    thread_ = std::thread([this] { WatchStore(); });
     return true;
 }
 
 void Watches::StopWatcher() {
     if (!thread_.joinable()) return;
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(stopDescriptor_, &one, sizeof one);
+    stop_ = true;
+    Sequence::Instance().Raise();
     thread_.join();
-    close(stopDescriptor_);
-    stopDescriptor_ = -1;
+    const std::lock_guard lock(readerMutex_);
+    reader_.reset();
+}
+
+// For those who wait on a watch's event; who only looks catches up by itself.
+void Watches::WatchStore() {
+    Sequence& sequence = Sequence::Instance();
+    while (!stop_) {
+        const std::uint32_t seen = sequence.Now();
+        const bool found = CatchUp();
+        // A writer that was killed before it could tell: its change is told in its place, so that
+        // those who look go by the count alone.
+        if (found && sequence.Now() == told_) sequence.Raise();
+        told_ = seen;
+        sequence.WaitForChange(seen);
+    }
+}
+
+bool Watches::CatchUp() {
+    const std::lock_guard lock(readerMutex_);
+    bool found = false;
+    if (reader_ == nullptr) return found;
+    reader_->Look([this, &found](const std::string& path) {
+        found = true;
+        Fire(path);
+        if (listener_) listener_(path);
+    });
+    return found;
+}
+
+bool Watches::Look(Watch& watch) {
+    const std::uint32_t now = Sequence::Instance().Now();
+    if (watch.seen.load(std::memory_order_relaxed) == now) return false;
+    CatchUp();
+    // In this order: a change that comes in between raises the count again.
+    watch.seen.store(now, std::memory_order_relaxed);
+    return watch.changed.exchange(false);
+}
+
+void Watches::Announce(const std::vector<std::string>& paths) {
+    for (const std::string& path : paths) Fire(path);
+    Sequence::Instance().Raise();
 }
 
 Watch* Watches::Place(const std::string& key, std::int64_t origin) {
@@ -155,6 +145,7 @@ Watch* Watches::Place(const std::string& key, std::int64_t origin) {
     watch->key = key;
     watch->event.Reset(CreateEventA(nullptr, TRUE, FALSE, watch->name));
     if (!watch->event) return nullptr;
+    watch->seen = Sequence::Instance().Now();
     watches_.push_back(std::move(watch));
     return watches_.back().get();
 }

@@ -179,7 +179,6 @@ std::optional<std::string> AskFor(const char* prompt, bool echo) {
         [[maybe_unused]] const ssize_t done = write(g_terminal, text, std::strlen(text));
     };
     if (tcgetattr(g_terminal, &g_before) != 0) return std::nullopt;
-    say(prompt);
     constexpr int kEnds[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
     termios silent = g_before;
     if (!echo) {
@@ -187,6 +186,7 @@ std::optional<std::string> AskFor(const char* prompt, bool echo) {
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         tcsetattr(g_terminal, TCSAFLUSH, &silent);
     }
+    say(prompt);  // only now: a fast answer would be shown, and thrown away
     char line[1024];
     const ssize_t count = read(g_terminal, line, sizeof line);
     if (!echo) {

@@ -13,6 +13,7 @@
 
 #include "libstats/libstats.h"
 #include "lipc/lipc.h"
+#include "platform/home.h"
 #include "support/instance.h"
 #include "tagmsg/tagmsg.h"
 #include "tagmsg/tags.h"
@@ -234,8 +235,8 @@ TEST(StatsRelease, MeetsSendersAtAnyPoint) {
 TEST_F(StatsClient, ABusyDaemonIsTriedAgain) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s/pipes/VTSTATD",
-                  g_instance.Path().c_str());
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s",
+                  platform::HomePath("pipes/VTSTATD").c_str());
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
     const int busy = socket(AF_UNIX, SOCK_STREAM, 0);
     unlink(address.sun_path);

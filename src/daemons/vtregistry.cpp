@@ -11,6 +11,7 @@
 
 #include "daemons/daemon.h"
 #include "daemons/keys.h"
+#include "daemons/storeserver.h"
 #include "ntservice/ntservice.h"
 #include "platform/console.h"
 #include "platform/file.h"
@@ -111,8 +112,8 @@ int WatchKey(const Arguments& arguments) {
     return 0;
 }
 
-// Local programs open the store themselves and need no service; it keeps the store open, so that
-// others find it ready, and is what their services depend on.
+// Local programs open the store themselves and need no service for that; it answers the reads of
+// other hosts, where that is switched on.
 class StoreService final : public CNTService {
   public:
     StoreService()
@@ -131,8 +132,10 @@ class StoreService final : public CNTService {
                       << '\n';
             return;
         }
+        if (!server_.Start()) std::cerr << "VTREGISTRY: can't serve other hosts\n";
         ReportStatus(SERVICE_RUNNING, 3000, 0);
         WaitForSingleObject(stopEvent_.Get(), INFINITE);
+        server_.Stop();
         TrelisUninit();
     }
     void Stop() override {
@@ -152,6 +155,7 @@ class StoreService final : public CNTService {
 
     UniqueHandle stopEvent_;
     platform::InstanceLock lock_;
+    StoreServer server_;
 };
 
 bool IsServiceOption(const std::string& word) {

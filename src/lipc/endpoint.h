@@ -51,8 +51,6 @@ struct LIPCEndpoint {
     std::atomic<int> users{0};  // calls and callbacks inside the endpoint; raised under lock
 };
 
-bool LIPCEnter(LIPCEndpoint& endpoint);
-void LIPCLeave(LIPCEndpoint& endpoint);
 int LIPCCreateEndpoint(LIPCEndpoint** endpoint, const char* name, EndpointMode mode);
 // A new connection, held by the caller (client) or listening (server).
 int LIPCNewConnection(LIPCEndpoint& endpoint, LIPCConnection** connection);

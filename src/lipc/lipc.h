@@ -46,6 +46,12 @@ int LIPCRelease(LIPCEndpoint* endpoint, LIPCConnection* connection);
 // Wakes all who wait in the endpoint, waits until they have left, and frees it.
 int LIPCClose(LIPCEndpoint* endpoint);
 
+// Frame every operation but LIPCClose. A caller that shares an endpoint with others, of whom one
+// may close it at any time, puts them around its own run of calls: LIPCEnter gives false once
+// LIPCClose has begun; after true the endpoint stays until LIPCLeave.
+bool LIPCEnter(LIPCEndpoint& endpoint);
+void LIPCLeave(LIPCEndpoint& endpoint);
+
 // Makes a serving endpoint with 256 listening connections. LIPC_FAILED if the name is served
 // already.
 int LIPCOpenServer(LIPCEndpoint** endpoint, const char* name);

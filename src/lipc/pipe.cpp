@@ -95,6 +95,10 @@ void WaitForPendingIo(const PipeChannel& channel) {
 
 void EndIo(PipeChannel& channel) {
     if (!channel.pipe) return;
+    // A completion that the worker finds behind the cancel below must start no further operation:
+    // nobody would end that one.
+    for (PipeIoRecord* record : {&channel.connectIo, &channel.readIo, &channel.writeIo})
+        record->cancelled = true;
     ++channel.pendingIo;
     if (PostQueuedCompletionStatus(channel.port, 0, kKeyCancel, &channel.connectIo.overlapped) ==
         FALSE)

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "ntservice/messages.h"
 #include "platform/account.h"
@@ -25,6 +26,7 @@ constexpr unsigned kTypesOwnId = 0xFFFFFFFF;
 constexpr UINT kQueryEndSession = 17;
 constexpr UINT kEndSession = 22;
 constexpr char kHiddenWindowName[] = "VTSERVICE_HIDDENWND";
+HWND g_hiddenWindow = nullptr;  // Run's thread alone
 
 struct Option {
     const char* word;
@@ -42,7 +44,7 @@ LRESULT HiddenWindowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM l
     const bool end = message == WM_QUIT ||
                      ((message == kQueryEndSession || message == kEndSession) && lParam == 0);
     if (!end) return DefWindowProcA(window, message, wParam, lParam);
-    DestroyWindow(window);
+    DestroyWindow(std::exchange(g_hiddenWindow, nullptr));
     if (CNTService* service = g_service) service->Stop();
     return 1;
 }
@@ -52,7 +54,8 @@ void MakeHiddenWindow() {
     windowClass.lpfnWndProc = HiddenWindowProcedure;
     windowClass.lpszClassName = kHiddenWindowName;
     RegisterClassA(&windowClass);
-    CreateWindowExA(0, kHiddenWindowName, "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    g_hiddenWindow = CreateWindowExA(0, kHiddenWindowName, "", 0, 0, 0, 0, 0, nullptr, nullptr,
+                                     nullptr, nullptr);
 }
 
 }  // namespace
@@ -230,6 +233,7 @@ int CNTService::RunInForeground(int argc, char** argv, int hidden) {
     }
     Run(argc, argv);
     if (registerProcess != nullptr) registerProcess(0, 0);
+    if (g_hiddenWindow != nullptr) DestroyWindow(std::exchange(g_hiddenWindow, nullptr));
     return kForegroundExitCode;
 }
 

@@ -1,10 +1,12 @@
 #include "trelis/trelis.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include "trelis/admin.h"
 #include "trelis/buffered.h"
+#include "trelis/remote.h"
 #include "trelis/store.h"
 #include "trelis/watches.h"
 
@@ -33,7 +35,7 @@ Shared& State() {
 
 // The store, kept alive for one operation; null if it isn't open, or another host's is meant.
 std::shared_ptr<Store> Opened(std::uint32_t store) {
-    if ((store >> 24) != 127) return nullptr;
+    if (store != kLocalStore) return nullptr;
     const std::lock_guard lock(State().mutex);
     return State().store;
 }
@@ -58,6 +60,22 @@ int CopyOut(const std::string& text, char* buffer, int size) {
     return 0;
 }
 
+std::uint16_t RemotePort() {
+    char text[16] = "";
+    TrelisGetValue(kLocalStore, trelis::kRemotePortKey, text, sizeof text);
+    const long port = std::strtol(text, nullptr, 10);
+    return port < 1 || port > 0xFFFF ? trelis::kRemotePort : static_cast<std::uint16_t>(port);
+}
+
+int GetRemote(std::uint32_t store, const char* key, char* buffer, int size) {
+    try {
+        const std::optional<std::string> value = trelis::RemoteGetValue(store, RemotePort(), key);
+        return value ? CopyOut(*value, buffer, size) : kFailed;
+    } catch (const std::exception&) {
+        return kFailed;
+    }
+}
+
 }  // namespace
 
 int TrelisInit2() {
@@ -79,6 +97,7 @@ void TrelisUninit() {
 
 int TrelisGetValue(std::uint32_t store, const char* key, char* buffer, int size) {
     if (key == nullptr) return kFailed;
+    if (store != kLocalStore) return GetRemote(store, key, buffer, size);
     return With(store, kFailed, [&](Store& opened) {
         const std::optional<std::string> value = opened.Get(key);
         return value ? CopyOut(*value, buffer, size) : kFailed;

@@ -4,9 +4,10 @@
 //
 // A key is an absolute path of components joined by '/', below 512 bytes. It can hold a value and
 // have children at the same time; a key made only as a parent reads as an empty value. `store` is
-// the IPv4 address of the machine whose store is meant, in host byte order; stores of other
-// machines give a negative result. All operations may be called from any thread. On a store that
-// can't be opened all fail harmlessly.
+// the IPv4 address of the machine whose store is meant, in host byte order: kLocalStore is this
+// instance's, any other address another host's, of which TrelisGetValue reads what that host lets
+// others read (trelis/remote.h); all else on it gives a negative result. All operations may be
+// called from any thread. On a store that can't be opened all fail harmlessly.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +27,7 @@ int TrelisInit2();
 void TrelisUninit();
 
 // Copies the value, zero-terminated and cut to size, into buffer. 0, or negative (missing key):
-// buffer as it was.
+// buffer as it was. A read of another host's store ends after 2 s.
 int TrelisGetValue(std::uint32_t store, const char* key, char* buffer, int size);
 // Stores the value, making the key and its parents. 0, or negative.
 int TrelisSetValue(std::uint32_t store, const char* key, const char* value);

@@ -1,0 +1,172 @@
+// The one instance, its life, and the way of a record to the daemon.
+//
+// A stop releases the client while sessions still run: one may be waiting in SendRequest, another
+// may have got the instance a moment before. So the object itself is made once and stays until the
+// process ends; a release only empties it, and whoever comes late finds no endpoint. Whoever is
+// inside holds the endpoint open until it leaves; LIPCClose wakes it and waits for it.
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <thread>
+
+#include "libstats/core.h"
+#include "libstats/servers.h"
+#include "net/socket.h"
+#include "tagmsg/tagmsg.h"
+#include "tagmsg/tags.h"
+
+namespace {
+
+constexpr char kEndpointName[] = "VTSTATD";
+constexpr std::chrono::milliseconds kBusyPause{250};
+constexpr WORD kSocketVersion = 0x0202;
+constexpr int kFailed = -1;
+
+std::mutex g_moduleLock;          // one InitLibStats or ReleaseLibStats at a time
+CLibStatsCore* g_core = nullptr;  // guarded by g_moduleLock; never deleted
+std::atomic<libstats::CLibStats*> g_instance{nullptr};  // g_core while it has references
+
+struct Message {
+    TagMsgNode* root = nullptr;
+    Message() = default;
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+    ~Message() { TagMsgFree(root, 1, 1); }
+};
+
+struct FlatForm {
+    void* data = nullptr;
+    std::uint32_t length = 0;
+    FlatForm() = default;
+    FlatForm(const FlatForm&) = delete;
+    FlatForm& operator=(const FlatForm&) = delete;
+    ~FlatForm() { std::free(data); }
+};
+
+int Flatten(const libstats::CStatsRequest& record, FlatForm& flat) {
+    Message message;
+    if (const int status = TagMsgCreate(&message.root); status != TAGMSG_OK) return status;
+    char stamp[16];
+    std::snprintf(stamp, sizeof stamp, "%d", static_cast<std::int32_t>(record.GetStamp()));
+    const auto resolve = [](const char* host) {
+        return host == nullptr ? 0 : static_cast<std::int32_t>(ResolveAddress(host));
+    };
+    const std::int32_t source = resolve(record.GetSourceHost());
+    const std::int32_t target = resolve(record.GetTargetHost());
+    const auto agent = static_cast<std::int32_t>(record.GetAgentId());
+    const std::int32_t service = record.GetServiceId();
+    const std::int32_t count = record.GetCount();
+    const std::int32_t event = record.GetEventCode();
+    const std::int32_t value = record.GetValue();
+    const std::int32_t actions = record.GetActionMask();
+    const std::int32_t status = record.GetObjectStatus();
+    // In the order of adding; a null value adds nothing.
+    const struct {
+        std::uint32_t tag;
+        const void* value;
+    } attributes[] = {
+        {TagStamp, stamp},
+        {TagSourceHost, record.GetSourceHost() != nullptr ? &source : nullptr},
+        {TagTargetHost, record.GetTargetHost() != nullptr ? &target : nullptr},
+        {TagAgentId, &agent},
+        {TagServiceId, &service},
+        {TagSender, record.GetSender()},
+        {TagStatRecipients, record.GetRecipients()},
+        {TagLabel, record.GetLabel()},
+        {TagCount, &count},
+        {TagTextA, record.GetTextA()},
+        {TagTextB, record.GetTextB()},
+        {TagEventCode, &event},
+        {TagValue, &value},
+        {TagActionMask, &actions},
+        {TagObjectStatus, &status},
+        {TagDetails, record.GetDetails()},
+    };
+    for (const auto& attribute : attributes) {
+        const int added = TagMsgAddAttr(message.root, attribute.tag, attribute.value);
+        if (added != TAGMSG_OK) return added;
+    }
+    return TagMsgSerialize(message.root, &flat.data, &flat.length);
+}
+
+// What the daemon answers means nothing, only that it has answered.
+int Exchange(LIPCEndpoint* endpoint, const FlatForm& flat) {
+    LIPCConnection* connection = nullptr;
+    const void* reply = nullptr;
+    std::uint32_t length = 0;
+    int result = LIPC_BUSY;
+    for (;;) {
+        result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &reply, &length, -1);
+        if (result != LIPC_BUSY) break;
+        std::this_thread::sleep_for(kBusyPause);
+    }
+    LIPCRelease(endpoint, connection);  // null if there is none, which it accepts
+    return result == LIPC_OK ? 0 : kFailed;
+}
+
+}  // namespace
+
+LIPCEndpoint* CLibStatsCore::EnterEndpoint() {
+    const std::lock_guard lock(lock_);
+    return endpoint_ != nullptr && LIPCEnter(*endpoint_) ? endpoint_ : nullptr;
+}
+
+int CLibStatsCore::SendRequest(libstats::CStatsRequest* record) {
+    if (record == nullptr) return kFailed;
+    FlatForm flat;
+    if (const int status = Flatten(*record, flat); status != TAGMSG_OK) return status;
+    LIPCEndpoint* endpoint = EnterEndpoint();
+    if (endpoint == nullptr) return kFailed;
+    const int result = Exchange(endpoint, flat);
+    LIPCLeave(*endpoint);
+    return result;
+}
+
+int CLibStatsCore::AddReference() {
+    if (references_ == 0) {
+        WSADATA data;
+        if (WSAStartup(kSocketVersion, &data) != 0) return kFailed;
+        LIPCEndpoint* opened = nullptr;
+        if (LIPCOpenClient(&opened, kEndpointName) != LIPC_OK) {
+            WSACleanup();
+            return kFailed;
+        }
+        const std::lock_guard lock(lock_);
+        endpoint_ = opened;
+    }
+    ++references_;
+    return 0;
+}
+
+void CLibStatsCore::Empty() {
+    LIPCEndpoint* closed = nullptr;
+    {
+        const std::lock_guard lock(lock_);
+        std::swap(closed, endpoint_);
+        clients_.clear();
+    }
+    LIPCClose(closed);
+    WSACleanup();
+    servers_.clear();
+    port_ = kStatsPort;
+}
+
+int InitLibStats() {
+    const std::lock_guard lock(g_moduleLock);
+    if (g_core == nullptr) g_core = new (std::nothrow) CLibStatsCore;
+    if (g_core == nullptr || g_core->AddReference() != 0) return kFailed;
+    g_instance = g_core;
+    return 0;
+}
+
+libstats::CLibStats* GetLibStats() { return g_instance; }
+
+int ReleaseLibStats() {
+    const std::lock_guard lock(g_moduleLock);
+    if (g_instance == nullptr || !g_core->DropReference()) return 0;
+    g_instance = nullptr;
+    g_core->Empty();
+    return 0;
+}

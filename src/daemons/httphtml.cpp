@@ -43,13 +43,14 @@ svg.plot line.base { stroke: var(--dim); }
 .s0 { fill: var(--s0); } .s1 { fill: var(--s1); } .s2 { fill: var(--s2); } .s3 { fill: var(--s3); }
 .s4 { fill: var(--s4); } .s5 { fill: var(--s5); } .s6 { fill: var(--s6); } .s7 { fill: var(--s7); }
 .scroll { overflow-x: auto; }
+.glance .scroll { max-width: 720px; }
 table { border-collapse: collapse; width: 100%; font-size: .9rem; }
 th, td { padding: 4px 8px; border-bottom: 1px solid var(--line); text-align: right;
   font-variant-numeric: tabular-nums; vertical-align: top; }
 th { font-weight: 600; color: var(--dim); white-space: nowrap; }
 tbody th { color: var(--ink); font-weight: 400; white-space: normal; }
 th:first-child { text-align: left; padding-left: 0; overflow-wrap: anywhere; }
-.report th:first-child { min-width: 9rem; }
+.report th:first-child { min-width: 9rem; position: sticky; left: 0; background: var(--card); }
 tr:last-child > * { border-bottom: 0; }
 td:last-child, th:last-child { padding-right: 0; }
 dl { display: grid; grid-template-columns: repeat(auto-fit, minmax(130px, 1fr)); gap: 8px 16px;
@@ -63,7 +64,9 @@ select, button { font: inherit; font-size: .95rem; color: inherit; background: v
   border: 1px solid var(--line); border-radius: 6px; padding: 6px 10px; }
 .empty { text-align: center; padding: 48px 12px; }
 @media (max-width: 480px) { main { padding: 8px; } section { padding: 10px; }
-  th, td { padding: 4px 5px; } }
+  table { font-size: .8125rem; } th, td { padding: 4px; } thead th { font-size: .7rem; }
+  th:first-child { min-width: 5.6rem; } .glance th:first-child { min-width: 5rem; }
+  .report th:first-child { min-width: 6rem; } }
 )css";
 
 bool IsNumber(const std::string& text) {
@@ -97,7 +100,7 @@ std::string HtmlPage(const std::string& title, const std::string& nonce, const s
 
 std::string HtmlTable(const Table& table) {
     if (table.rows.empty()) return "<p class=\"dim\">None in this period.</p>\n";
-    std::string out = "<div class=\"scroll\"><table>\n<thead><tr>";
+    std::string out = "<div class=\"scroll\" tabindex=\"0\"><table>\n<thead><tr>";
     for (const std::string& heading : table.headings)
         out += "<th scope=\"col\">" + EscapeHtml(heading) + "</th>";
     out += "</tr></thead>\n<tbody>\n";

@@ -91,7 +91,7 @@ std::string Glance(const std::vector<Counts>& hours) {
     for (std::size_t group = 0; group < kStatGroups; ++group)
         add(StatGroupName(group), [&](const Counts& counts) { return counts.events[group]; });
     add("Megabytes", [](const Counts& counts) { return counts.Bytes() / 1000000; });
-    return "<section><h2>At a glance</h2>\n" + HtmlTable(table) + "</section>\n";
+    return "<section class=\"glance\"><h2>At a glance</h2>\n" + HtmlTable(table) + "</section>\n";
 }
 
 // Bars of a day each up to today, from counts by the hour that end with the present hour.

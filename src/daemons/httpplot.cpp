@@ -20,7 +20,8 @@ constexpr double kBarsWidth = kWidth - kLeft - kRight;
 constexpr double kBarsHeight = kHeight - kTop - kBottom;
 // A few among thousands can still be seen.
 constexpr double kLeastHeight = 1.5;
-constexpr std::size_t kMostLabels = 8;
+constexpr double kCharacter = 6;
+constexpr double kLabelGap = 7;
 
 std::string Coordinate(double value) {
     char text[32];
@@ -50,7 +51,11 @@ std::string Axes(const Plot& plot, std::int64_t top, std::int64_t step) {
                TextAt(kLeft - 4, y + 4, "end", ShortNumber(mark));
     }
     const std::size_t bars = plot.labels.size();
-    const std::size_t every = (bars + kMostLabels - 1) / kMostLabels;
+    const std::size_t fit = std::max<std::size_t>(
+        1, static_cast<std::size_t>(
+               kBarsWidth /
+               (static_cast<double>(plot.labels.back().size()) * kCharacter + kLabelGap)));
+    const std::size_t every = (bars + fit - 1) / fit;
     for (std::size_t i = 0; i < bars; i += every) {
         const double x =
             kLeft + kBarsWidth * (static_cast<double>(i) + 0.5) / static_cast<double>(bars);

@@ -96,7 +96,7 @@ std::string ReadToken(const std::string& path) {
 
 bool ValidAccountName(std::string_view name) {
     constexpr std::string_view kExtra = "._-@";
-    return !name.empty() && name.size() <= kNameMost && name != kOwnerName &&
+    return !name.empty() && name.size() <= kNameMost && name[0] != '-' && name != kOwnerName &&
            std::all_of(name.begin(), name.end(), [&](char c) {
                return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                       kExtra.find(c) != std::string_view::npos;

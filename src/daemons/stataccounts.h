@@ -18,7 +18,7 @@ inline constexpr char kAccountsKey[] = "/VTWIN/Daemons/StatsDaemon/Accounts";
 inline constexpr char kOwnerName[] = "local";
 inline constexpr std::size_t kPasswordLimit = 256;
 
-// 1 to 64 letters, digits, '.', '_', '-' and '@', and not the owner's name.
+// 1 to 64 letters, digits, '.', '_', '-' and '@', no '-' first, and not the owner's name.
 bool ValidAccountName(std::string_view name);
 // Between TrelisInit2 and TrelisUninit. False on failure.
 bool StoreAccount(const std::string& name, const std::string& password);

@@ -22,7 +22,7 @@ constexpr int kWrongUsage = 2;
 int Usage() {
     std::cerr << "usage: vtstatd passwd NAME       (the password is one line of standard input)\n"
                  "       vtstatd passwd -d NAME    (deletes the account)\n"
-                 "A name has 1 to 64 letters, digits and . _ - @; \""
+                 "A name has 1 to 64 letters, digits and . _ - @, no - first; \""
               << kOwnerName << "\" is taken.\n";
     return kWrongUsage;
 }

@@ -74,7 +74,7 @@ struct Span {
     const char* title;
     std::size_t hours;
 };
-constexpr Span kSpans[] = {{"Last 24 hours", 24}, {"Last 7 days", 7 * 24}, {"Last 30 days", 720}};
+constexpr Span kSpans[] = {{"Last 24 hours", 24}, {"Last 7 days", 168}, {"Last 30 days", 720}};
 
 std::string Glance(const std::vector<Counts>& hours) {
     std::vector<Counts> sums;

@@ -32,7 +32,7 @@ constexpr std::chrono::seconds kWaitLimit{3};
 std::string Hash(const std::string& text, const std::string& setting) {
     const auto data = std::make_unique<crypt_data>();
     const char* const hash = crypt_r(text.c_str(), setting.c_str(), data.get());
-    const std::string result = hash == nullptr || hash[0] == '*' ? "" : hash;
+    std::string result = hash == nullptr || hash[0] == '*' ? "" : hash;
     explicit_bzero(data.get(), sizeof *data);
     return result;
 }

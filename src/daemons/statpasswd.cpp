@@ -65,7 +65,7 @@ std::optional<std::string> AskLine(const char* prompt, bool terminal) {
 
 std::optional<std::string> AskPassword() {
     const NoEcho quiet;
-    const auto password = AskLine("Password: ", quiet.Active());
+    auto password = AskLine("Password: ", quiet.Active());
     // A slip that nobody saw would lock its author out.
     if (password && quiet.Active() && AskLine("Once more: ", true) != password) {
         Failed("the two are not the same");

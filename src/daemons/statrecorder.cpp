@@ -70,6 +70,16 @@ bool Recorder::Push(Record&& record) {
     return true;
 }
 
+void Recorder::SetKeepDays(int days) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (days == keepDays_) return;
+        keepDays_ = days;
+        keepNow_ = true;
+    }
+    filled_.notify_all();
+}
+
 void Recorder::CountUnreadable() {
     const std::lock_guard lock(mutex_);
     ++live_.lost;
@@ -104,15 +114,18 @@ void Recorder::Work() {
     std::unique_lock lock(mutex_);
     while (!stopping_ || !queue_.empty() || !batch_.empty()) {
         // Also under a steady stream of records the upkeep gets its turn between two batches.
-        if (!stopping_ && !failing_ && std::chrono::steady_clock::now() >= keepAt) {
+        if (!stopping_ && !failing_ && (keepNow_ || std::chrono::steady_clock::now() >= keepAt)) {
+            keepNow_ = false;
+            const int days = keepDays_;
             lock.unlock();
-            const bool more = Keep();
+            const bool more = Keep(days);
             keepAt = std::chrono::steady_clock::now() +
                      (more ? kKeepStepPause : std::chrono::duration_cast<milliseconds>(kKeepPause));
             lock.lock();
         }
         if (queue_.empty() && batch_.empty()) {
-            filled_.wait_until(lock, keepAt, [&] { return stopping_ || !queue_.empty(); });
+            filled_.wait_until(lock, keepAt,
+                               [&] { return stopping_ || keepNow_ || !queue_.empty(); });
             continue;
         }
         if (batch_.empty())
@@ -156,9 +169,8 @@ void Recorder::Failed(std::unique_lock<std::mutex>& lock, const std::string& why
     filled_.wait_for(lock, kRetry, [&] { return stopping_; });
 }
 
-bool Recorder::Keep() {
+bool Recorder::Keep(int days) {
     const std::int64_t today = DayOf(Now());
-    const int days = keepDays_;
     const bool deleted = days > 0 && DeleteOldStep(*database_, today - days);
     return TrimNamesStep(*database_, today) || deleted;
 }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -52,8 +51,8 @@ class Recorder {
     // A request that was no record.
     void CountUnreadable();
 
-    // Days of records that are kept; 0: all. Any thread.
-    void SetKeepDays(int days) { keepDays_ = days; }
+    // Days of records that are kept; 0, as without a call: all. Acts at once. Any thread.
+    void SetKeepDays(int days);
     LiveNumbers Live();
     // The newest trouble with writing that nobody has taken yet, else empty. Any thread.
     std::string TakeTrouble();
@@ -66,7 +65,7 @@ class Recorder {
     void WriteBatch(std::unique_lock<std::mutex>& lock);
     void Failed(std::unique_lock<std::mutex>& lock, const std::string& why);
     // One step of the upkeep. True if there is more to do.
-    bool Keep();
+    bool Keep(int days);
     bool HasRoom(std::size_t size) const {
         return queue_.size() + batch_.size() < kQueueRecords && bytes_ + size <= kQueueBytes;
     }
@@ -75,7 +74,6 @@ class Recorder {
     std::unique_ptr<Database> database_;  // the thread's, and Start's
     std::unique_ptr<Writer> writer_;
     std::thread thread_;
-    std::atomic<int> keepDays_{400};
 
     std::mutex mutex_;  // guards all below
     std::condition_variable filled_;
@@ -83,6 +81,8 @@ class Recorder {
     std::deque<Record> queue_;
     std::vector<Record> batch_;  // being written; changed under the lock, read by the thread
     std::size_t bytes_ = 0;      // of queue_ and batch_
+    int keepDays_ = 0;
+    bool keepNow_ = false;  // the days have changed
     bool stopping_ = false;
     bool failing_ = false;
     std::string trouble_;

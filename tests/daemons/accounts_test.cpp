@@ -102,6 +102,7 @@ TEST_F(AccountsTest, GuessesAreFewAtATime) {
     std::atomic<bool> done{false};
     std::atomic<int> busy{0};
     std::vector<std::thread> guessers;
+    guessers.reserve(8);
     for (int i = 0; i < 8; ++i)
         guessers.emplace_back([&] {
             while (!done) {

@@ -102,6 +102,7 @@ TEST_F(Written, SignaturesOfInfectedMessagesOnly) {
 
 TEST_F(Written, NamesOfADayHaveAnEnd) {
     std::vector<Record> records;
+    records.reserve(2501);
     for (int i = 0; i < 20; ++i)
         records.push_back(MakeRecord(kNoon, 100, "u@d" + std::to_string(i % 10)));
     Write(records, 4);
@@ -112,6 +113,7 @@ TEST_F(Written, NamesOfADayHaveAnEnd) {
 
 TEST_F(Written, PastDaysAreTrimmedWithoutLosingCounts) {
     std::vector<Record> records;
+    records.reserve(2501);
     for (int day = 0; day < 2; ++day) {
         for (int i = 0; i < 30; ++i)
             records.push_back(MakeRecord(kNoon + day * kDaySeconds, i % 2 == 0 ? 100 : 101,
@@ -131,6 +133,7 @@ TEST_F(Written, PastDaysAreTrimmedWithoutLosingCounts) {
 
 TEST_F(Written, OldRecordsGoInSteps) {
     std::vector<Record> records;
+    records.reserve(2501);
     for (int i = 0; i < 2500; ++i) records.push_back(MakeRecord(kNoon, 100, "u@d"));
     records.push_back(MakeRecord(kNoon + kDaySeconds, 100, "u@d"));
     Write(records);
@@ -170,6 +173,7 @@ TEST_F(Written, AStopWritesWhatIsQueued) {
         Recorder recorder;
         ASSERT_TRUE(recorder.Start(path_, note)) << note;
         std::vector<std::thread> senders;
+        senders.reserve(4);
         for (int i = 0; i < 4; ++i)
             senders.emplace_back([&] {
                 for (int n = 0; n < 1500; ++n) EXPECT_TRUE(recorder.Push(MakeRecord(0, 100)));

@@ -28,6 +28,7 @@ constexpr char kDefaultAddress[] = "127.0.0.1";
 constexpr int kDefaultKeepDays = 400;
 constexpr std::chrono::milliseconds kLook{500};
 constexpr std::chrono::seconds kBindAgain{30};
+constexpr std::chrono::seconds kStopLimit{5};
 
 std::string ReadText(const char* name) {
     char value[512];
@@ -68,7 +69,7 @@ class StatsDaemon final : public Daemon {
         const std::string path = platform::HomePath("stats.db");
         std::string note;
         const bool started = recorder_.Start(path, note);
-        if (!note.empty()) std::fprintf(stderr, "VTSTATD: %s\n", note.c_str());
+        if (!started) std::fprintf(stderr, "VTSTATD: %s\n", note.c_str());
         if (started) reader_ = stats::ReportReader::Open(path);
         if (reader_ == nullptr) {
             recorder_.Stop();
@@ -92,28 +93,34 @@ class StatsDaemon final : public Daemon {
     }
 
     void End() override {
+        bool ended = false;
         {
-            const std::lock_guard lock(mutex_);
+            std::unique_lock lock(mutex_);
             ending_ = true;
+            end_.notify_all();
+            ended = end_.wait_for(lock, kStopLimit, [this] { return ended_; });
         }
-        end_.notify_all();
+        // A logger that took an event and doesn't answer would hold the thread for good: the end of
+        // the log client wakes it.
+        if (!ended) LogClientUninit();
         keeper_.join();
+        if (ended) LogClientUninit();
         recorder_.Stop();
-        if (const std::string trouble = recorder_.TakeTrouble(); !trouble.empty()) Warn(trouble);
+        if (const std::string trouble = recorder_.TakeTrouble(); !trouble.empty())
+            std::fprintf(stderr, "VTSTATD: %s\n", trouble.c_str());
         if (watch_ != nullptr) TrelisCancelNotify(kLocalStore, kKey, 1, watch_);
-        LogClientUninit();
     }
 
   private:
     // Keeps the HTTP server up as the settings say, and tells of trouble. The records don't depend
     // on any of it.
     void Keep(const std::string& note) {
-        if (!note.empty()) Warn(note);
         const std::string pair = stats::OwnerPair(platform::HomePath("report.token"));
         if (pair.empty()) Warn("can't make report.token: reports need an account");
         stats::Accounts accounts(pair);
         stats::HttpSite site(recorder_, *reader_, accounts);
         server_ = Serve(site);
+        if (!note.empty()) Warn(note);
         auto bindAt = std::chrono::steady_clock::now() + kBindAgain;
         std::unique_lock lock(mutex_);
         while (!end_.wait_for(lock, kLook, [this] { return ending_; })) {
@@ -128,7 +135,11 @@ class StatsDaemon final : public Daemon {
                 Warn(trouble);
             lock.lock();
         }
+        lock.unlock();
         server_.reset();
+        lock.lock();
+        ended_ = true;
+        end_.notify_all();
     }
 
     // The server for the present settings: the one that runs, or a new one in its place.
@@ -158,6 +169,7 @@ class StatsDaemon final : public Daemon {
     std::mutex mutex_;
     std::condition_variable end_;
     bool ending_ = false;  // guarded by mutex_
+    bool ended_ = false;   // guarded by mutex_: keeper_ has nothing more to do
 };
 
 }  // namespace

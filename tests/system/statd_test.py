@@ -398,6 +398,23 @@ class StatFaults(Statd):
         self.assertEqual(self.rows("SELECT count(*) FROM records"), [(1,)])
         self.start()
 
+    def test_a_logger_that_does_not_answer_holds_up_no_stop(self):
+        self.stop()
+        logger = socket.socket(socket.AF_UNIX)
+        self.addCleanup(logger.close)
+        logger.bind(os.path.join(self.home, "pipes", "vtlogd"))
+        logger.listen(8)
+        with socket.create_server(("127.0.0.1", self.port)):
+            self.start()
+            connection, _ = logger.accept()  # the warning that the port is taken
+            self.addCleanup(connection.close)
+            self.pipe().record(100)
+            begin = time.monotonic()
+            self.stop()
+            self.assertLess(time.monotonic() - begin, 20)
+        self.assertEqual(self.rows("SELECT count(*) FROM records"), [(1,)])
+        self.start()
+
     def test_guesses_hold_nobody_up(self):
         done = threading.Event()
 

@@ -16,6 +16,8 @@
 #include "daemons/clamd.h"
 #include "daemons/daemon.h"
 #include "daemons/mailfile.h"
+#include "daemons/statcodes.h"
+#include "daemons/verdictstats.h"
 #include "logclient/logclient.h"
 #include "platform/home.h"
 #include "tagmsg/tagmsg.h"
@@ -156,8 +158,12 @@ TagMsgNode* AddChild(TagMsgNode* parent) {
     return child;
 }
 
+bool Redirects(const Settings& settings) {
+    return settings.virusAction == "redirect" && !settings.redirectAddress.empty();
+}
+
 bool BuildInfected(TagMsgNode* root, const Settings& settings, const std::string& signature) {
-    const bool redirect = settings.virusAction == "redirect" && !settings.redirectAddress.empty();
+    const bool redirect = Redirects(settings);
     const bool drop = redirect || settings.virusAction == "drop";
     const std::int32_t mask = drop ? kMaskDrop : kMaskReject;
     if (!Add(root, TagActionMask, mask | kMaskChildren)) return false;
@@ -207,11 +213,14 @@ class MailDaemon final : public Daemon {
         LogClientInit("Vantrel Mail Scanner", kLocalStore);
         watch_ = TrelisPlaceNotify(kLocalStore, kKey, 1);
         settings_ = LoadSettings();
-        if (!null_) CompareLimits(*settings_);
+        if (null_) return true;
+        CompareLimits(*settings_);
+        if (!stats_.Start()) Warn("can't send statistics");
         return true;
     }
     int Threads() const override { return threads_; }
     void End() override {
+        stats_.Stop();
         LogClientUninit();
         if (watch_ != nullptr) TrelisCancelNotify(kLocalStore, kKey, 1, watch_);
     }
@@ -229,12 +238,16 @@ class MailDaemon final : public Daemon {
         Node answer;
         if (TagMsgCreate(&answer.root) != TAGMSG_OK) return;
         bool good = false;
+        std::int32_t event = kStatNotScanned;
         if (result.outcome == ScanOutcome::kInfected) {
             good = BuildInfected(answer.root, *settings, result.text);
+            event = InfectedEvent(*settings);
             ReportVirus(request.root, result.text);
         } else if (result.outcome == ScanOutcome::kClean || MayPass(*settings, result)) {
             good = Add(answer.root, TagActionMask, kMaskForward);
+            event = kStatClean;
         }
+        if (!null_) Count(request.root, static_cast<const char*>(path), event, result);
         // Without a reply tree the client gets a reply without data: the scan has failed, and the
         // message is put off.
         if (good) TagMsgSerialize(answer.root, reply, replyLength);
@@ -271,6 +284,25 @@ class MailDaemon final : public Daemon {
         if (unstuffed && result.outcome == ScanOutcome::kClean)
             result = ScanWithClamd(settings.clamd, file.Descriptor());
         return result;
+    }
+
+    static std::int32_t InfectedEvent(const Settings& settings) {
+        if (Redirects(settings)) return kStatInfectedRedirected;
+        return settings.virusAction == "drop" ? kStatInfectedDropped : kStatInfectedRefused;
+    }
+
+    void Count(TagMsgNode* request, const char* path, std::int32_t event,
+               const ScanResult& result) {
+        const auto text = [request](std::uint32_t tag) {
+            const void* found = nullptr;
+            return TagMsgPeekAttr(request, tag, &found) == TAGMSG_OK && found != nullptr
+                       ? std::string(static_cast<const char*>(found))
+                       : std::string();
+        };
+        struct stat info {};
+        stats_.Add({event, text(TagPeerAddress), text(TagSender), text(TagRecipients),
+                    result.outcome == ScanOutcome::kInfected ? result.text : std::string(),
+                    stat(path, &info) == 0 ? static_cast<long long>(info.st_size) : 0});
     }
 
     static bool MayPass(const Settings& settings, const ScanResult& result) {
@@ -314,6 +346,7 @@ class MailDaemon final : public Daemon {
     }
 
     bool null_ = false;
+    VerdictStats stats_;
     int threads_ = 16;
     TrelisNotify watch_ = nullptr;
     std::mutex mutex_;

@@ -1,0 +1,56 @@
+// What statistics records say: the event codes, who reports them, and how reports group them.
+// Senders (the proxy, vtmaild) and the statistics daemon include it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// Event codes. The proxy's filters:
+inline constexpr std::int32_t kStatPeerDenied = 80;
+inline constexpr std::int32_t kStatSenderDropped = 81;
+inline constexpr std::int32_t kStatRecipientHarvest = 82;
+// One for each message that was to be scanned. Sender and recipients are the envelope's, the source
+// host is the SMTP client, the value is the message's size in bytes, the label the signature.
+inline constexpr std::int32_t kStatClean = 100;
+inline constexpr std::int32_t kStatInfectedRefused = 101;
+inline constexpr std::int32_t kStatInfectedDropped = 102;
+inline constexpr std::int32_t kStatInfectedRedirected = 103;
+inline constexpr std::int32_t kStatNotScanned = 104;  // the message was put off
+
+// Agent numbers of the reporters.
+inline constexpr std::uint32_t kStatAgentProxy = 4;
+inline constexpr std::uint32_t kStatAgentScanner = 5;
+
+struct StatEvent {
+    std::int32_t code;
+    const char* name;    // in lists of events
+    const char* column;  // heading of a narrow column
+};
+// In the order of the reports' columns.
+inline constexpr StatEvent kStatEvents[] = {
+    {kStatClean, "Clean", "Clean"},
+    {kStatInfectedRefused, "Infected, refused", "Refused"},
+    {kStatInfectedDropped, "Infected, dropped", "Dropped"},
+    {kStatInfectedRedirected, "Infected, redirected", "Redirected"},
+    {kStatNotScanned, "Not scanned, put off", "Put off"},
+    {kStatPeerDenied, "Peer denied", "Denied"},
+    {kStatSenderDropped, "Sender dropped", "Senders"},
+    {kStatRecipientHarvest, "Recipient harvest", "Harvest"},
+};
+// Groups of a report: one for each known event, and one for all other codes behind them.
+inline constexpr std::size_t kStatVerdicts = 5;  // the first groups: what became of a message
+inline constexpr std::size_t kStatOtherGroup = sizeof kStatEvents / sizeof kStatEvents[0];
+inline constexpr std::size_t kStatGroups = kStatOtherGroup + 1;
+
+constexpr std::size_t StatGroup(std::int64_t code) {
+    for (std::size_t i = 0; i < kStatOtherGroup; ++i) {
+        if (kStatEvents[i].code == code) return i;
+    }
+    return kStatOtherGroup;
+}
+constexpr const char* StatGroupName(std::size_t group) {
+    return group < kStatOtherGroup ? kStatEvents[group].name : "Other";
+}
+constexpr const char* StatGroupColumn(std::size_t group) {
+    return group < kStatOtherGroup ? kStatEvents[group].column : "Other";
+}

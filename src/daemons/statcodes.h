@@ -15,7 +15,8 @@ inline constexpr std::int32_t kStatClean = 100;
 inline constexpr std::int32_t kStatInfectedRefused = 101;
 inline constexpr std::int32_t kStatInfectedDropped = 102;
 inline constexpr std::int32_t kStatInfectedRedirected = 103;
-inline constexpr std::int32_t kStatNotScanned = 104;  // the message was put off
+inline constexpr std::int32_t kStatNotScanned = 104;       // the message was put off
+inline constexpr std::int32_t kStatPassedUnscanned = 105;  // delivered, as a setting allows
 
 // Agent numbers of the reporters.
 inline constexpr std::uint32_t kStatAgentProxy = 4;
@@ -33,12 +34,13 @@ inline constexpr StatEvent kStatEvents[] = {
     {kStatInfectedDropped, "Infected, dropped", "Dropped"},
     {kStatInfectedRedirected, "Infected, redirected", "Redirected"},
     {kStatNotScanned, "Not scanned, put off", "Put off"},
+    {kStatPassedUnscanned, "Not scanned, passed", "Unscanned"},
     {kStatPeerDenied, "Peer denied", "Denied"},
     {kStatSenderDropped, "Sender dropped", "Senders"},
     {kStatRecipientHarvest, "Recipient harvest", "Harvest"},
 };
 // Groups of a report: one for each known event, and one for all other codes behind them.
-inline constexpr std::size_t kStatVerdicts = 5;  // the first groups: what became of a message
+inline constexpr std::size_t kStatVerdicts = 6;  // the first groups: what became of a message
 inline constexpr std::size_t kStatOtherGroup = sizeof kStatEvents / sizeof kStatEvents[0];
 inline constexpr std::size_t kStatGroups = kStatOtherGroup + 1;
 

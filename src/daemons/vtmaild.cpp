@@ -245,7 +245,7 @@ class MailDaemon final : public Daemon {
             ReportVirus(request.root, result.text);
         } else if (result.outcome == ScanOutcome::kClean || MayPass(*settings, result)) {
             good = Add(answer.root, TagActionMask, kMaskForward);
-            event = kStatClean;
+            event = result.outcome == ScanOutcome::kClean ? kStatClean : kStatPassedUnscanned;
         }
         if (!null_) Count(request.root, static_cast<const char*>(path), event, result);
         // Without a reply tree the client gets a reply without data: the scan has failed, and the

@@ -1,9 +1,13 @@
 """The pre-filters in the running proxy: who is refused and how, and that a change is judged by at once."""
 
+import contextlib
+import os
+import sqlite3
+import subprocess
 import time
 import unittest
 
-from harness import NET, Client, MailServer, Proxy, wait_until
+from harness import BIN, NET, Client, MailServer, Proxy, free_port, wait_until
 from system_test import System
 
 AS = "/VTWIN/Filters/AS"
@@ -165,6 +169,44 @@ class GuardAndStop(unittest.TestCase):
         self.assertNotIn(b"Sanitizer", output)
         for each in (c, server):
             each.close()
+
+
+class Events(unittest.TestCase):
+    def test_each_refusal_is_in_the_statistics(self):
+        server = MailServer(RCPT=b"550 no\r\n")
+        proxy = Proxy(server.port, {
+            AS + "/AllowDenyIPList/Enabled": "Y", AS + "/SenderBlackList/Enabled": "Y",
+            AS + "/SenderBlackList/EnabledDropConnection": "Y", AS + "/SenderBlackList/UsersList/1": "bad@x.example",
+            AS + "/DirectoryHarvesting/Enabled": "Y", AS + "/DirectoryHarvesting/ResponseTimeout": "1",
+            "/VTWIN/Daemons/StatsDaemon/HTTPPort": str(free_port())}, start=False)
+        daemon = subprocess.Popen([BIN + "/vtstatd", "debug"], env=proxy.env, stdout=subprocess.DEVNULL)
+        self.assertTrue(wait_until(lambda: os.path.exists(proxy.home + "/pipes/VTSTATD"), 20))
+        proxy.start()
+        c = Client(proxy.port)
+        c.reply()
+        self.assertEqual(c.ask(b"MAIL FROM:<Bad@x.example>"), b"")
+        c.close()
+        c = Client(proxy.port)
+        c.reply()
+        c.ask(b"MAIL FROM:<s@x.example>")
+        c.ask(b"RCPT TO:<Who@example.org>")
+        c.close()
+        for name, value in (("IP", "127.0.0.1"), ("Action", "2")):
+            proxy.tool("set", AS + "/AllowDenyIPList/Addresses/a/" + name, value)
+        self.assertEqual(Client(proxy.port).reply(), b"")
+
+        def rows():
+            with contextlib.closing(sqlite3.connect("file:%s/stats.db?mode=ro" % proxy.home, uri=True)) as database:
+                return database.execute("SELECT event_code, source_host, agent_id, service_id, action_mask, object_status, sender,"
+                                        " recipients FROM records ORDER BY event_code").fetchall()
+        self.assertTrue(wait_until(lambda: len(rows()) == 3), rows())
+        same = (0x0100007F, 4, 22, 62, 30)
+        self.assertEqual(rows(), [(80, *same, None, None), (81, *same, "bad@x.example", None),
+                                  (82, *same, "s@x.example", "Who@example.org")])
+        proxy.stop()
+        daemon.terminate()
+        daemon.wait(20)
+        server.close()
 
 
 if __name__ == "__main__":

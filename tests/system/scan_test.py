@@ -2,17 +2,20 @@
 can't be scanned."""
 
 import base64
+import contextlib
 import glob
 import io
 import os
 import signal
 import socket
+import sqlite3
 import subprocess
 import threading
+import time
 import unittest
 import zipfile
 
-from harness import BIN, Client, MailServer, Proxy, wait_until
+from harness import BIN, Client, MailServer, Proxy, free_port, wait_until
 
 # The standard test pattern for scanners, in two pieces so that this file is none itself.
 EICAR = rb"X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-" + b"ANTIVIRUS-TEST-FILE!" + b"$H+H*"
@@ -54,6 +57,9 @@ class Engine(unittest.TestCase):
         assert wait_until(lambda: os.path.exists(home + "/clamd/clamd.sock"), 60), "clamd"
         cls.spawn(BIN + "/vtlogd", "debug")
         assert wait_until(lambda: os.path.exists(home + "/pipes/vtlogd"), 20)
+        cls.proxy.tool("set", "/VTWIN/Daemons/StatsDaemon/HTTPPort", str(free_port()))
+        cls.spawn(BIN + "/vtstatd", "debug")
+        assert wait_until(lambda: os.path.exists(home + "/pipes/VTSTATD"), 20)
         cls.start_scanner()
         cls.proxy.start()
 
@@ -162,6 +168,26 @@ class Engine(unittest.TestCase):
         self.assertEqual(len(self.server.messages), count)
         self.assertEqual(self.send(body(b"again")), b"250 queued\r\n")
         self.assertEqual(self.proxy.spool(), [])
+
+    def test_verdicts_are_in_the_statistics(self):
+        def events():
+            with contextlib.closing(sqlite3.connect("file:%s/stats.db?mode=ro" % self.proxy.home, uri=True)) as database:
+                return database.execute("SELECT event_code, label, sender, recipients, value FROM records WHERE agent_id = 5"
+                                        " AND id > ? ORDER BY id", (first,)).fetchall()
+        first = 0
+        time.sleep(1)  # of the other cases' messages
+        first = len(events())
+        self.send(body(b"clean"))
+        self.send(body(EICAR))
+        self.settings(ClamdSocket=self.proxy.home + "/nothing")
+        self.send(body(b"down"))
+        self.settings(PassWhenDown="Y")
+        self.send(body(b"down"))
+        self.assertTrue(wait_until(lambda: len(events()) == 4), events())
+        found = events()
+        self.assertEqual([row[0] for row in found], [100, 101, 104, 105])
+        self.assertIn("Eicar", found[1][1])
+        self.assertEqual(found[0][2:], ("s@example.org", "r@example.org", len(body(b"clean"))))
 
     def test_limits_of_the_engine_are_compared(self):
         self.settings(MaxFileSize="999999999")

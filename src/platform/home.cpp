@@ -55,8 +55,10 @@ bool BecomeOwner(uid_t user, gid_t group) {
         return false;
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
-    data[0].effective = data[0].permitted = 1U << CAP_NET_BIND_SERVICE;
+    data[0].effective = data[0].permitted = data[0].inheritable = 1U << CAP_NET_BIND_SERVICE;
     if (syscall(SYS_capset, &header, data) != 0) return false;
+    // The programs that it starts as services keep it too.
+    prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, CAP_NET_BIND_SERVICE, 0, 0);
     prctl(PR_SET_DUMPABLE, 1);
     return true;
 }

@@ -3,9 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <string>
 #include <string_view>
@@ -106,7 +105,7 @@ LSTATUS RegQueryValueExA(HKEY key, LPCSTR name, DWORD*, DWORD* type, BYTE* data,
     if (size != nullptr) *size = length;
     if (data == nullptr) return kSuccess;
     if (room < length) return Error(ERROR_MORE_DATA);
-    std::memcpy(data, text.data() + line + 1, length);
+    std::copy_n(text.data() + line + 1, length, data);
     return kSuccess;
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -30,7 +31,7 @@ class RawServer {
         const std::string path = platform_path(name);
         std::memcpy(address.sun_path, path.c_str(), path.size());
         EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(listener_, 16), 0);
+        EXPECT_EQ(listen(listener_, 2000), 0);
         path_ = path;
     }
     ~RawServer() {
@@ -324,6 +325,77 @@ TEST(LIPC, AServerSurvivesJunkAndHalfFrames) {
     LIPCClose(server);
     worker.join();
     for (const int peer : open) close(peer);
+}
+
+// A server that takes connections and never answers.
+class Limits : public testing::Test {
+  protected:
+    Limits() : server_("limits") {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    RawServer server_;
+};
+
+TEST_F(Limits, RequestsInFlight) {
+    LIPCEndpoint* endpoint = nullptr;
+    ASSERT_EQ(LIPCOpenClient(&endpoint, "limits"), LIPC_OK);
+    std::vector<LIPCConnection*> held;
+    const void* reply = nullptr;
+    std::uint32_t length = 0;
+    const auto ask = [&](LIPCConnection** connection) {
+        return LIPCRequest(endpoint, connection, "x", 1, &reply, &length, 1);
+    };
+    for (int i = 0; i < 257; ++i) {
+        LIPCConnection* connection = nullptr;
+        ASSERT_EQ(ask(&connection), LIPC_TIMED_OUT) << i;
+        held.push_back(connection);
+    }
+    LIPCConnection* more = nullptr;
+    EXPECT_EQ(ask(&more), LIPC_NOT_THERE);
+    EXPECT_EQ(more, nullptr);
+    EXPECT_EQ(LIPCRelease(endpoint, held.back()), LIPC_OK);
+    EXPECT_EQ(ask(&held.back()), LIPC_TIMED_OUT) << "one has become free";
+    for (LIPCConnection* connection : held) LIPCRelease(endpoint, connection);
+    EXPECT_EQ(LIPCClose(endpoint), LIPC_OK);
+}
+
+TEST_F(Limits, ChannelsOfTheProcess) {
+    std::vector<int> channels;
+    for (int i = 0; i < kPipeTableSize; ++i) channels.push_back(PipeOpen("limits", 0));
+    for (int i = 0; i < kPipeTableSize; ++i) ASSERT_EQ(channels[static_cast<std::size_t>(i)], i);
+    EXPECT_EQ(PipeOpen("limits", 0), LIPC_TABLE_FULL);
+    EXPECT_EQ(PipeClose(kPipeTableSize), LIPC_BAD_ARGUMENT);
+    EXPECT_EQ(PipeClose(channels[500]), LIPC_OK);
+    EXPECT_EQ(PipeSetTimeout(500, 1), LIPC_BAD_ARGUMENT) << "closed";
+    EXPECT_EQ(PipeOpen("limits", 0), 500) << "the first empty slot";
+    for (const int channel : channels) EXPECT_EQ(PipeClose(channel), LIPC_OK);
+}
+
+// A caller that holds a reply when the endpoint goes may read it to the end, and hears that it has
+// gone.
+TEST(Closing, LeavesAHeldReplyAlone) {
+    RawServer server("held");
+    LIPCEndpoint* endpoint = nullptr;
+    ASSERT_EQ(LIPCOpenClient(&endpoint, "held"), LIPC_OK);
+    std::thread peer([&server] {
+        const int client = server.Accept();
+        ReadBytes(client, 21);
+        Write(client, Frame("answer"));
+        ReadBytes(client, 1);
+        close(client);
+    });
+    LIPCConnection* connection = nullptr;
+    const void* reply = nullptr;
+    std::uint32_t length = 0;
+    ASSERT_EQ(LIPCRequest(endpoint, &connection, "x", 1, &reply, &length, -1), LIPC_OK);
+    EXPECT_EQ(LIPCClose(endpoint), LIPC_OK);
+    peer.join();
+    EXPECT_EQ(std::string(static_cast<const char*>(reply), length), "answer");
+    EXPECT_EQ(LIPCRelease(endpoint, connection), LIPC_CLOSING);
+    EXPECT_EQ(LIPCRequest(endpoint, &connection, "x", 1, &reply, &length, -1), LIPC_CLOSING);
 }
 
 }  // namespace

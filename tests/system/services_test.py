@@ -219,5 +219,25 @@ class Defaults(Instance):
         self.assertEqual(self.dump(), {})
 
 
+class CrashHandler(Instance):
+    def test_library_is_taken_from_beside_the_tool_alone(self):
+        output = self.home + "/called"
+        self.env["VTCH_OUTPUT"] = output
+        library = os.path.join(BIN, "crash", "vtch.dll")
+        cases = ((os.path.dirname(library) + "/tool", True), (self.home + "/tool", False), ("tool", False))
+        for path, attached in cases:
+            with self.subTest(path):
+                self.run_program("vtregistry", "set", "/VTWIN/VTSUBMIT/AppPath", path)
+                # A library that only a search would find is never loaded.
+                done = subprocess.run([BIN + "/vtsmtpproxy", "unregister"], env=dict(self.env, LD_LIBRARY_PATH=os.path.dirname(library)),
+                                      cwd=os.path.dirname(library))
+                self.assertEqual(done.returncode, 0)
+                self.assertEqual(os.path.exists(output), attached)
+                if attached:
+                    with open(output) as file:
+                        self.assertEqual(file.read(), os.path.dirname(library) + "/ VTSTATD 2 0 0 0")
+                    os.unlink(output)
+
+
 if __name__ == "__main__":
     unittest.main()

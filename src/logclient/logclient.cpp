@@ -1,6 +1,6 @@
 #include "logclient/logclient.h"
 
-#include <strings.h>
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "lipc/lipc.h"
@@ -38,13 +39,19 @@ std::array<std::atomic<std::uint32_t>, std::size(kLogClasses)> g_levels{
     kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh,
     kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh};
 
+bool SameWord(std::string_view a, std::string_view b) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c; };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [lower](char x, char y) { return lower(x) == lower(y); });
+}
+
 void ReadLevels(bool createMissing) {
     for (std::size_t i = 0; i < std::size(kLogClasses); ++i) {
         const std::string key = std::string(kLevelsKey) + "/" + kLogClasses[i].name;
         char word[32] = "";
         if (TrelisGetValue(kLocalStore, key.c_str(), word, 31) == 0) {
             for (const LogLevel& level : kLogLevels) {
-                if (strcasecmp(word, level.word) == 0) g_levels[i] = level.bit;
+                if (SameWord(word, level.word)) g_levels[i] = level.bit;
             }
         } else {
             g_levels[i] = kLevelHigh;

@@ -48,5 +48,5 @@ TrelisNotify TrelisPlaceNotify(std::uint32_t store, const char* key, int flag);
 // 1 if a change has come since the last look, else 0; negative for a null watch. Costs one atomic
 // load as long as nothing changes in the store. `time` is always 0.
 int TrelisWaitNotify(std::uint32_t store, TrelisNotify watch, int time);
-// Ends the watch. Nobody may look at it any more. Null is accepted.
+// Ends the watch; a late look finds no change. Null is accepted.
 void TrelisCancelNotify(std::uint32_t store, const char* key, int flag, TrelisNotify watch);

@@ -155,8 +155,13 @@ void Watches::Cancel(const char* name) {
     bool last = false;
     {
         const std::lock_guard lock(mutex_);
-        std::erase_if(watches_,
-                      [name](const std::unique_ptr<Watch>& watch) { return watch->name == name; });
+        const auto found = std::find_if(
+            watches_.begin(), watches_.end(),
+            [name](const std::unique_ptr<Watch>& watch) { return watch->name == name; });
+        if (found == watches_.end()) return;
+        (*found)->event.Reset();
+        cancelled_.push_back(std::move(*found));
+        watches_.erase(found);
         last = watches_.empty();
     }
     if (last) StopWatcher();

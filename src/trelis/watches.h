@@ -58,7 +58,9 @@ class Watches {
 
     std::mutex mutex_;
     std::vector<std::unique_ptr<Watch>> watches_;  // guarded by mutex_
-    int nextName_ = 0;                             // guarded by mutex_
+    // Ended ones stay, silent: a thread may be about to look at one.
+    std::vector<std::unique_ptr<Watch>> cancelled_;  // guarded by mutex_
+    int nextName_ = 0;                               // guarded by mutex_
     std::mutex readerMutex_;                       // taken before mutex_
     std::unique_ptr<ChangeReader> reader_;         // guarded by readerMutex_
     std::mutex threadMutex_;  // guards the thread's start and end; taken before the other two

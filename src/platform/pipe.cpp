@@ -19,150 +19,23 @@
 #include <new>
 #include <string>
 
+#include "platform/completion_queue.h"
 #include "platform/home.h"
+#include "platform/local_address.h"
 #include "platform/object.h"
 #include "platform/sync.h"
 
 namespace {
 
+using platform::CompletionQueue;
 using platform::FromHandle;
-using platform::Object;
+using platform::LocalAddress;
+using platform::PollTarget;
+using platform::QueueReference;
 using platform::ToHandle;
 
 constexpr char kPipePrefix[] = "\\\\.\\pipe\\";
 constexpr int kBacklog = 128;
-
-// What an epoll entry leads to. The queue holds a reference to each, which its waiting thread alone
-// gives back: so no entry of a batch that it has fetched can be gone.
-class PollTarget : public Object {
-  public:
-    virtual void OnReady(std::uint32_t events) = 0;
-};
-
-class CompletionQueue final : public Object {
-  public:
-    CompletionQueue()
-        : epoll_(epoll_create1(EPOLL_CLOEXEC)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        epoll_event event{};
-        event.events = EPOLLIN | EPOLLET;  // each write is an edge: never read back
-        event.data.ptr = nullptr;
-        epoll_ctl(epoll_, EPOLL_CTL_ADD, wake_, &event);
-    }
-    ~CompletionQueue() override {
-        while (!posted_.empty()) {
-            PollTarget* released = posted_.front().released;
-            posted_.pop_front();
-            if (released != nullptr) released->Release();
-        }
-        if (epoll_ >= 0) close(epoll_);
-        if (wake_ >= 0) close(wake_);
-    }
-    bool Ready() const { return epoll_ >= 0 && wake_ >= 0; }
-
-    bool Watch(int descriptor, PollTarget* target) {
-        epoll_event event{};
-        event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
-        event.data.ptr = target;
-        target->AddRef();
-        if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) == 0) return true;
-        target->Release();
-        return false;
-    }
-    // Ends a Watch; the descriptor is still open.
-    void Unwatch(int descriptor, PollTarget* target) {
-        epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
-        Push({0, 0, nullptr, 0, target});
-    }
-    void Post(DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped, DWORD error) {
-        Push({bytes, key, overlapped, error, nullptr});
-    }
-    BOOL Take(DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped, DWORD milliseconds) {
-        *overlapped = nullptr;
-        for (;;) {
-            Completion entry{};
-            bool found = false;
-            {
-                const std::lock_guard lock(mutex_);
-                found = !posted_.empty();
-                if (found) {
-                    entry = posted_.front();
-                    posted_.pop_front();
-                } else {
-                    sleeping_ = true;
-                }
-            }
-            if (found && entry.released != nullptr) {
-                // With no lock held: the end of a pipe may end its server, which posts again.
-                entry.released->Release();
-                continue;
-            }
-            if (found) {
-                *bytes = entry.bytes;
-                *key = entry.key;
-                *overlapped = entry.overlapped;
-                if (entry.error == 0) return TRUE;
-                SetLastError(entry.error);
-                return FALSE;
-            }
-            std::array<epoll_event, 64> events;
-            const int limit = milliseconds == INFINITE
-                                  ? -1
-                                  : static_cast<int>(std::min<DWORD>(milliseconds, 1U << 30));
-            const int count =
-                epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), limit);
-            {
-                const std::lock_guard lock(mutex_);
-                sleeping_ = false;
-            }
-            for (int i = 0; i < count; ++i) {
-                const epoll_event& event = events[static_cast<std::size_t>(i)];
-                if (event.data.ptr != nullptr)
-                    static_cast<PollTarget*>(event.data.ptr)->OnReady(event.events);
-            }
-            if (count > 0 || (count < 0 && errno == EINTR)) continue;
-            SetLastError(count == 0 ? WAIT_TIMEOUT : ERROR_INVALID_HANDLE);
-            return FALSE;
-        }
-    }
-
-  private:
-    struct Completion {
-        DWORD bytes;
-        ULONG_PTR key;
-        OVERLAPPED* overlapped;
-        DWORD error;
-        PollTarget* released;  // not null: a reference to give back, no completion
-    };
-    void Push(const Completion& entry) {
-        const std::lock_guard lock(mutex_);
-        posted_.push_back(entry);
-        if (!sleeping_) return;
-        sleeping_ = false;
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
-    }
-
-    const int epoll_;
-    const int wake_;
-    std::mutex mutex_;
-    std::deque<Completion> posted_;  // guarded by mutex_
-    bool sleeping_ = false;  // guarded by mutex_: a thread is in epoll_wait, or on its way there
-};
-
-// Owner of a queue's reference.
-struct QueueReference {
-    CompletionQueue* queue = nullptr;
-    QueueReference() = default;
-    QueueReference(const QueueReference&) = delete;
-    QueueReference& operator=(const QueueReference&) = delete;
-    ~QueueReference() {
-        if (queue != nullptr) queue->Release();
-    }
-    void Set(CompletionQueue* value) {
-        queue = value;
-        queue->AddRef();
-    }
-};
 
 class PipeServer;
 
@@ -266,32 +139,6 @@ std::string NameOf(LPCSTR path) {
     return name == "." || name == ".." || name.find('/') != std::string::npos ? std::string()
                                                                               : name;
 }
-
-// The address of a socket in the instance's pipe directory. A path too long for the address goes by
-// way of an open directory, which has to stay open until the address has been used.
-struct PipeAddress {
-    sockaddr_un address{};
-    int directory = -1;
-    bool valid = false;
-
-    explicit PipeAddress(const std::string& name) {
-        std::string path = platform::HomePath("pipes/") + name;
-        if (path.size() >= sizeof address.sun_path) {
-            directory = open(platform::HomePath("pipes").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-            path = "/proc/self/fd/" + std::to_string(directory) + "/" + name;
-        }
-        if (path.size() >= sizeof address.sun_path) return;
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        valid = true;
-    }
-    PipeAddress(const PipeAddress&) = delete;
-    PipeAddress& operator=(const PipeAddress&) = delete;
-    ~PipeAddress() {
-        if (directory >= 0) close(directory);
-    }
-    const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&address); }
-};
 
 DWORD IoError() {
     return errno == EPIPE || errno == ECONNRESET ? ERROR_BROKEN_PIPE : ERROR_INVALID_HANDLE;
@@ -459,9 +306,9 @@ std::shared_ptr<PipeServer> PipeServer::Get(const std::string& name) {
 }
 
 bool PipeServer::Open(const std::string& name) {
-    const PipeAddress address(name);
+    const LocalAddress address("pipes", name);
     const std::string path = platform::HomePath("pipes/") + name;
-    if (!address.valid) return false;
+    if (!address.Valid()) return false;
     // While the lock is held nobody else serves the name, and a socket that is there belongs to a
     // dead process.
     lock_ = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
@@ -469,7 +316,7 @@ bool PipeServer::Open(const std::string& name) {
     path_ = path;
     unlink(path_.c_str());
     listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    return listener_ >= 0 && bind(listener_, address.Get(), sizeof address.address) == 0 &&
+    return listener_ >= 0 && bind(listener_, address.Get(), LocalAddress::Size()) == 0 &&
            listen(listener_, kBacklog) == 0;
 }
 
@@ -550,14 +397,14 @@ HANDLE CreateFileA(LPCSTR path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWOR
         SetLastError(ERROR_PATH_NOT_FOUND);
         return INVALID_HANDLE_VALUE;
     }
-    const PipeAddress address(name);
+    const LocalAddress address("pipes", name);
     const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (descriptor < 0 || !address.valid) {
+    if (descriptor < 0 || !address.Valid()) {
         if (descriptor >= 0) close(descriptor);
         SetLastError(ERROR_TOO_MANY_OPEN_FILES);
         return INVALID_HANDLE_VALUE;
     }
-    if (connect(descriptor, address.Get(), sizeof address.address) != 0) {
+    if (connect(descriptor, address.Get(), LocalAddress::Size()) != 0) {
         const int error = errno;
         close(descriptor);
         SetLastError(error == ENOENT || error == ECONNREFUSED ? ERROR_FILE_NOT_FOUND

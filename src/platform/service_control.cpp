@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 
 #include "platform/file.h"
 #include "platform/home.h"
+#include "platform/local_address.h"
 #include "platform/service_handle.h"
 #include "platform/service_record.h"
 
@@ -195,9 +197,9 @@ void platform::UniqueDescriptor::Reset(int descriptor) {
 }
 
 UniqueDescriptor platform::ConnectSupervisor(const std::string& service) {
-    const ServiceAddress address(service);
+    const LocalAddress address("services", ServiceSocketName(service));
     UniqueDescriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (connection && connect(connection.Get(), address.Get(), ServiceAddress::Size()) != 0)
+    if (connection && connect(connection.Get(), address.Get(), LocalAddress::Size()) != 0)
         connection.Reset(-1);
     return connection;
 }

@@ -1,8 +1,8 @@
 #include "platform/service_record.h"
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -130,21 +130,6 @@ bool ReceiveServiceMessage(int socket, ServiceMessage& message) {
     if (count == static_cast<ssize_t>(sizeof message)) return true;
     if (count >= 0) errno = EPIPE;
     return false;
-}
-
-ServiceAddress::ServiceAddress(const std::string& name) {
-    std::string path = ServiceFile(name, ".sock");
-    if (path.size() >= sizeof address_.sun_path) {
-        directory_ = open(HomePath("services").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-        path = "/proc/self/fd/" + std::to_string(directory_) + "/" + name + ".sock";
-    }
-    address_.sun_family = AF_UNIX;
-    std::memcpy(address_.sun_path, path.c_str(),
-                std::min(path.size(), sizeof address_.sun_path - 1));
-}
-
-ServiceAddress::~ServiceAddress() {
-    if (directory_ >= 0) close(directory_);
 }
 
 SERVICE_STATUS ReadStoppedStatus(const std::string& name) {

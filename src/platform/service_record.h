@@ -11,9 +11,6 @@
 // one ServiceMessage as it lies in memory: both ends are of one build on one machine.
 #pragma once
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <optional>
 #include <string>
 #include <vector>
@@ -47,6 +44,8 @@ struct ServiceRecord {
 // Letters, digits, '-', '_'; at most 64.
 bool ValidServiceName(const char* name);
 std::string ServiceFile(const std::string& name, const char* suffix);
+// In the folder services/.
+inline std::string ServiceSocketName(const std::string& name) { return name + ".sock"; }
 std::optional<ServiceRecord> ReadServiceRecord(const std::string& name);
 // With onlyNew a record that exists stays as it is (ERROR_SERVICE_EXISTS). False: the last error
 // says why.
@@ -70,21 +69,6 @@ bool SendServiceMessage(int socket, const ServiceMessage& message);
 // Takes one packet without waiting. False with errno EAGAIN if there is none, else because it is no
 // message or the peer has gone.
 bool ReceiveServiceMessage(int socket, ServiceMessage& message);
-
-// The address of a control socket. A path too long for one goes by way of the open directory.
-class ServiceAddress {
-  public:
-    explicit ServiceAddress(const std::string& name);
-    ServiceAddress(const ServiceAddress&) = delete;
-    ServiceAddress& operator=(const ServiceAddress&) = delete;
-    ~ServiceAddress();
-    const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&address_); }
-    static socklen_t Size() { return sizeof(sockaddr_un); }
-
-  private:
-    sockaddr_un address_{};
-    int directory_ = -1;
-};
 
 // The status of a service that does not run, from its status file.
 SERVICE_STATUS ReadStoppedStatus(const std::string& name);

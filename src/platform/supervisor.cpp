@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include "platform/account.h"
 #include "platform/eventlog.h"
 #include "platform/home.h"
+#include "platform/local_address.h"
 #include "platform/service_handle.h"
 #include "platform/service_record.h"
 
@@ -107,10 +109,10 @@ bool Supervision::Prepare() {
     signals_.Reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     // The lock makes this the only supervisor of the name: an old socket is a leaving.
     unlink(platform::ServiceFile(record_.name, ".sock").c_str());
-    const platform::ServiceAddress address(record_.name);
+    const platform::LocalAddress address("services", platform::ServiceSocketName(record_.name));
     listener_.Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return signals_ && listener_ &&
-           bind(listener_.Get(), address.Get(), platform::ServiceAddress::Size()) == 0 &&
+           bind(listener_.Get(), address.Get(), platform::LocalAddress::Size()) == 0 &&
            listen(listener_.Get(), SOMAXCONN) == 0;
 }
 

@@ -35,6 +35,7 @@ struct MessageQueue {
     platform::Waitable filled{platform::Waitable::Kind::kManualEvent, 0,
                               1};      // set while messages isn't empty
     std::vector<AsyncSocket> sockets;  // the owning thread alone
+    std::vector<HWND> windows;         // the owning thread alone: its own, deleted at its end
     Clock::time_point heldUntil{};     // the owning thread alone
 
     void Post(const MSG& message) {
@@ -44,11 +45,19 @@ struct MessageQueue {
     }
 };
 
-thread_local std::shared_ptr<MessageQueue> t_queue;
+// A thread's windows go with it, as its queue does.
+struct QueueOfThread {
+    std::shared_ptr<MessageQueue> queue;
+    QueueOfThread() = default;
+    QueueOfThread(const QueueOfThread&) = delete;
+    QueueOfThread& operator=(const QueueOfThread&) = delete;
+    ~QueueOfThread();
+};
+thread_local QueueOfThread t_thread;
 
 std::shared_ptr<MessageQueue>& ThreadQueue() {
-    if (t_queue == nullptr) t_queue = std::make_shared<MessageQueue>();
-    return t_queue;
+    if (t_thread.queue == nullptr) t_thread.queue = std::make_shared<MessageQueue>();
+    return t_thread.queue;
 }
 
 struct ClassTable {
@@ -67,6 +76,11 @@ struct WindowRecord {
     std::shared_ptr<MessageQueue> queue;
     LONG_PTR userValue;
 };
+
+QueueOfThread::~QueueOfThread() {
+    if (queue == nullptr) return;
+    for (HWND window : std::exchange(queue->windows, {})) delete window;
+}
 
 ATOM RegisterClassA(const WNDCLASSA* windowClass) {
     if (windowClass == nullptr || windowClass->lpszClassName == nullptr ||
@@ -89,7 +103,9 @@ HWND CreateWindowExA(DWORD, LPCSTR className, LPCSTR, DWORD, int, int, int, int,
         procedure = found->second;
     }
     HWND window = new (std::nothrow) WindowRecord{procedure, ThreadQueue(), 0};
-    if (window != nullptr) procedure(window, WM_CREATE, 0, 0);
+    if (window == nullptr) return nullptr;
+    window->queue->windows.push_back(window);
+    procedure(window, WM_CREATE, 0, 0);
     return window;
 }
 
@@ -105,6 +121,7 @@ BOOL DestroyWindow(HWND window) {
                       [window](const MSG& message) { return message.hwnd == window; });
         if (queue.messages.empty()) queue.filled.Reset();
     }
+    std::erase(queue.windows, window);
     delete window;
     return TRUE;
 }
@@ -171,13 +188,15 @@ int WSAAsyncSelect(SOCKET socket, HWND window, UINT message, long mask) {
 }
 
 void ForgetAsyncSocket(SOCKET socket) {
-    if (t_queue == nullptr) return;  // a session's thread has no queue and needs none
-    std::erase_if(t_queue->sockets,
+    const auto& queue = t_thread.queue;
+    if (queue == nullptr) return;  // a session's thread has no queue and needs none
+    std::erase_if(queue->sockets,
                   [socket](const AsyncSocket& entry) { return entry.socket == socket; });
 }
 
 void HoldAsyncSockets() {
-    if (t_queue != nullptr) t_queue->heldUntil = Clock::now() + std::chrono::milliseconds(100);
+    if (t_thread.queue != nullptr)
+        t_thread.queue->heldUntil = Clock::now() + std::chrono::milliseconds(100);
 }
 
 DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll,

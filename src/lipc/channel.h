@@ -79,6 +79,8 @@ struct PipeChannel {
 // 0, or a status: the failure then takes the road of a completion, unless even that can't be
 // posted.
 int PipeStartRead(PipeChannel& channel);
-int PipeStartWrite(PipeChannel& channel);
+// Starts the write of writeCount bytes of writeBuffer and, as long as each one is done at once, of
+// what is left of the frame. *finished: the whole frame is written; otherwise the worker goes on.
+int PipeWriteOn(PipeChannel& channel, bool* finished);
 // The worker's thread; the argument is its queue.
 DWORD PipeWorker(LPVOID port);

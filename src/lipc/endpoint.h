@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -49,6 +50,11 @@ struct LIPCEndpoint {
     std::recursive_mutex lock;
     std::list<std::unique_ptr<LIPCConnection>> connections;  // guarded by lock
     std::atomic<int> users{0};  // calls and callbacks inside the endpoint; raised under lock
+    // Server: one thread at a time waits for the next request, the others for their turn. Were all
+    // to wait for the request, each would wake them all.
+    std::mutex turnMutex;
+    std::condition_variable turn;
+    bool turnTaken = false;  // guarded by turnMutex
 };
 
 int LIPCCreateEndpoint(LIPCEndpoint** endpoint, const char* name, EndpointMode mode);

@@ -125,12 +125,18 @@ int WaitConnected(PipeChannel& channel) {
     }
 }
 
+// What is done at once is dealt with by the thread that started it, without a turn of the worker.
+bool BindToWorker(PipeChannel& channel) {
+    const HANDLE pipe = channel.pipe.Get();
+    return CreateIoCompletionPort(pipe, channel.port, kKeyIo, 0) != nullptr &&
+           SetFileCompletionNotificationModes(pipe, FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) != FALSE;
+}
+
 int Connect(PipeChannel& channel, const char* path) {
     channel.pipe.Reset(CreateFileA(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                    FILE_FLAG_OVERLAPPED, nullptr));
     if (!channel.pipe) return StatusOfOpen(GetLastError());
-    if (CreateIoCompletionPort(channel.pipe.Get(), channel.port, kKeyIo, 0) == nullptr)
-        return LIPC_FAILED;
+    if (!BindToWorker(channel)) return LIPC_FAILED;
     ++channel.pendingIo;
     if (PostQueuedCompletionStatus(channel.port, 0, kKeyIo, &channel.connectIo.overlapped) ==
         FALSE) {
@@ -143,9 +149,7 @@ int Connect(PipeChannel& channel, const char* path) {
 int Listen(PipeChannel& channel, const char* path) {
     channel.pipe.Reset(CreateNamedPipeA(path, kListenAccess, PIPE_TYPE_BYTE, kPipeInstances,
                                         kPipeBufferSize, kPipeBufferSize, INFINITE, nullptr));
-    if (!channel.pipe ||
-        CreateIoCompletionPort(channel.pipe.Get(), channel.port, kKeyIo, 0) == nullptr)
-        return LIPC_FAILED;
+    if (!channel.pipe || !BindToWorker(channel)) return LIPC_FAILED;
     channel.connectIo.cancelled = true;
     CancelIo(channel.pipe.Get());
     DisconnectNamedPipe(channel.pipe.Get());
@@ -275,12 +279,21 @@ int PipeSend(int number, const void* data, std::uint32_t length) {
         }
         channel->sendLeft = length;
         channel->writeCount = kFrameHeaderSize;
-        const int status = PipeStartWrite(*channel);
-        if (status != LIPC_OK) return status;
     } catch (const std::bad_alloc&) {
         return LIPC_NO_MEMORY;
     }
-    const int status = WaitFor(*channel, channel->writeDoneEvent.Get(), channel->writeState);
+    bool finished = false;
+    int status = PipeWriteOn(*channel, &finished);
+    if (status != LIPC_OK) return status;
+    if (finished) {
+        // All of it went out at once, as a rule: the worker has nothing to do with it. A channel
+        // that has failed meanwhile stays so.
+        int busy = kBusy;
+        channel->writeState.compare_exchange_strong(busy, kIdle);
+        channel->Call(kPipeWritten);
+        return static_cast<int>(length);
+    }
+    status = WaitFor(*channel, channel->writeDoneEvent.Get(), channel->writeState);
     return status == LIPC_OK ? static_cast<int>(length) : status;
 }
 

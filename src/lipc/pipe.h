@@ -12,8 +12,8 @@ inline constexpr unsigned kPipeListen = 0x100;    // make a listening channel in
 inline constexpr unsigned kPipeCallback = 0x400;  // followed by the callback and its context
 inline constexpr unsigned kPipeTimeout = 0x1000;  // followed by the time-out in milliseconds (int)
 
-// Events of the callback. It runs on the worker thread with no lock of the channel held, and must
-// not close a channel.
+// Events of the callback. It runs on the worker thread (kPipeWritten also on the sender's) with no
+// lock of the channel held, and must not close a channel.
 enum PipeEvent { kPipeMessage = 0, kPipeWritten = 1, kPipeFailed = 2, kPipePeerClosed = 3 };
 using PipeCallback = void (*)(void* context, int event);
 

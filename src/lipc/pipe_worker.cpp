@@ -12,8 +12,8 @@ std::uint32_t ReadNumber(const unsigned char* at) {
            static_cast<std::uint32_t>(at[2]) << 16 | static_cast<std::uint32_t>(at[3]) << 24;
 }
 
-int Started(PipeChannel& channel, PipeIoRecord& record, BOOL done) {
-    if (done != FALSE || GetLastError() == ERROR_IO_PENDING) return LIPC_OK;
+// A failed start goes the road of a completion.
+int StartFailed(PipeChannel& channel, PipeIoRecord& record) {
     record.lastError = GetLastError();
     if (PostQueuedCompletionStatus(channel.port, 0, kKeyFailedStart, &record.overlapped) != FALSE)
         return LIPC_BROKEN;
@@ -78,17 +78,22 @@ void OnRead(PipeChannel& channel, std::uint32_t count) {
     PipeStartRead(channel);
 }
 
-void OnWritten(PipeChannel& channel) {
-    if (channel.sendLeft > 0) {
-        {
-            const std::lock_guard lock(channel.lock);
-            channel.writeCount =
-                ChunkTake(channel.sendQueue, channel.writeBuffer.data(), kPipeBufferSize);
-        }
-        channel.sendLeft -= channel.writeCount;
-        PipeStartWrite(channel);
-        return;
+// The next piece of the frame into the write buffer. False if there is none.
+bool TakePiece(PipeChannel& channel) {
+    if (channel.sendLeft == 0) return false;
+    {
+        const std::lock_guard lock(channel.lock);
+        channel.writeCount =
+            ChunkTake(channel.sendQueue, channel.writeBuffer.data(), kPipeBufferSize);
     }
+    channel.sendLeft -= channel.writeCount;
+    return true;
+}
+
+void OnWritten(PipeChannel& channel) {
+    bool finished = true;
+    if (TakePiece(channel) && PipeWriteOn(channel, &finished) != LIPC_OK) return;
+    if (!finished) return;
     channel.writeState = kIdle;
     SetEvent(channel.writeDoneEvent.Get());
     channel.Call(kPipeWritten);
@@ -116,16 +121,30 @@ void OnCompletion(PipeIoRecord& record, DWORD error, DWORD bytes) {
 
 int PipeStartRead(PipeChannel& channel) {
     ++channel.pendingIo;
-    return Started(channel, channel.readIo,
-                   ReadFile(channel.pipe.Get(), channel.readBuffer.data(), kPipeBufferSize, nullptr,
-                            &channel.readIo.overlapped));
+    DWORD count = 0;
+    if (ReadFile(channel.pipe.Get(), channel.readBuffer.data(), kPipeBufferSize, &count,
+                 &channel.readIo.overlapped) == FALSE)
+        return GetLastError() == ERROR_IO_PENDING ? LIPC_OK : StartFailed(channel, channel.readIo);
+    // Behind what waits in the queue already: a peer that sends without end holds up no other.
+    if (PostQueuedCompletionStatus(channel.port, count, kKeyIo, &channel.readIo.overlapped) !=
+        FALSE)
+        return LIPC_OK;
+    --channel.pendingIo;
+    return LIPC_FAILED;
 }
 
-int PipeStartWrite(PipeChannel& channel) {
-    ++channel.pendingIo;
-    return Started(channel, channel.writeIo,
-                   WriteFile(channel.pipe.Get(), channel.writeBuffer.data(), channel.writeCount,
-                             nullptr, &channel.writeIo.overlapped));
+int PipeWriteOn(PipeChannel& channel, bool* finished) {
+    *finished = false;
+    do {
+        ++channel.pendingIo;
+        if (WriteFile(channel.pipe.Get(), channel.writeBuffer.data(), channel.writeCount, nullptr,
+                      &channel.writeIo.overlapped) == FALSE)
+            return GetLastError() == ERROR_IO_PENDING ? LIPC_OK
+                                                      : StartFailed(channel, channel.writeIo);
+        --channel.pendingIo;
+    } while (TakePiece(channel));
+    *finished = true;
+    return LIPC_OK;
 }
 
 DWORD PipeWorker(LPVOID port) {

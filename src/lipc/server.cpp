@@ -1,3 +1,5 @@
+#include <chrono>
+
 #include "lipc/endpoint.h"
 
 namespace {
@@ -18,6 +20,59 @@ LIPCQueueItem TakeItem(LIPCEndpoint& endpoint) {
     return item;
 }
 
+// The one thread's turn to wait for a request.
+class Turn {
+  public:
+    // Waits for it, up to the limit and not beyond the endpoint's end.
+    Turn(LIPCEndpoint& endpoint, std::int32_t timeoutMs) : endpoint_(endpoint) {
+        std::unique_lock lock(endpoint_.turnMutex);
+        const auto free = [this] { return !endpoint_.turnTaken; };
+        if (timeoutMs < 0) {
+            endpoint_.turn.wait(lock, free);
+            taken_ = true;
+        } else {
+            taken_ = endpoint_.turn.wait_for(lock, std::chrono::milliseconds(timeoutMs), free);
+        }
+        if (taken_) endpoint_.turnTaken = true;
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn() {
+        if (!taken_) return;
+        {
+            const std::lock_guard lock(endpoint_.turnMutex);
+            endpoint_.turnTaken = false;
+        }
+        endpoint_.turn.notify_one();
+    }
+    bool Taken() const { return taken_; }
+
+  private:
+    LIPCEndpoint& endpoint_;
+    bool taken_ = false;
+};
+
+// The next message of any connection, which the caller holds then.
+int NextMessage(LIPCEndpoint& endpoint, LIPCConnection** connection, std::int32_t timeoutMs) {
+    const Turn turn(endpoint, timeoutMs);
+    if (!turn.Taken()) return LIPC_TIMED_OUT;
+    const HANDLE handles[] = {endpoint.semaphore.Get(), endpoint.stopEvent.Get()};
+    for (;;) {
+        const DWORD result = WaitForMultipleObjects(2, handles, FALSE, WaitLimit(timeoutMs));
+        if (result == WAIT_TIMEOUT) return LIPC_TIMED_OUT;
+        if (result != WAIT_OBJECT_0)
+            return result == WAIT_OBJECT_0 + 1 ? LIPC_CLOSING : LIPC_FAILED;
+        const LIPCQueueItem item = TakeItem(endpoint);
+        if (item.value == nullptr) continue;
+        if (item.code == kCodeLost) {
+            LIPCRecycle(endpoint, item.value);
+        } else if (item.code == kCodeMessage) {
+            *connection = item.value;
+            return LIPC_OK;
+        }
+    }
+}
+
 }  // namespace
 
 int LIPCOpenServer(LIPCEndpoint** endpoint, const char* name) {
@@ -29,34 +84,18 @@ int LIPCReceive(LIPCEndpoint* endpoint, LIPCConnection** connection, const void*
     if (endpoint == nullptr || connection == nullptr || data == nullptr || length == nullptr)
         return LIPC_BAD_ARGUMENT;
     if (!LIPCEnter(*endpoint)) return LIPC_CLOSING;
-    const HANDLE handles[] = {endpoint->semaphore.Get(), endpoint->stopEvent.Get()};
-    int status = LIPC_FAILED;
-    for (;;) {
-        const DWORD result = WaitForMultipleObjects(2, handles, FALSE, WaitLimit(timeoutMs));
-        if (result != WAIT_OBJECT_0) {
-            status = result == WAIT_TIMEOUT        ? LIPC_TIMED_OUT
-                     : result == WAIT_OBJECT_0 + 1 ? LIPC_CLOSING
-                                                   : LIPC_FAILED;
-            break;
-        }
-        const LIPCQueueItem item = TakeItem(*endpoint);
-        if (item.value == nullptr) continue;
-        if (item.code == kCodeLost) {
-            LIPCRecycle(*endpoint, item.value);
-            continue;
-        }
-        if (item.code != kCodeMessage) continue;
-        if (LIPCReadMessage(*item.value) != LIPC_OK) {
-            LIPCRecycle(*endpoint, item.value);
-            continue;
-        }
-        const auto size = static_cast<std::uint32_t>(item.value->reply.size());
-        const bool empty = IsNoReply(item.value->reply.data(), size);
-        *connection = item.value;
-        *data = empty ? nullptr : item.value->reply.data();
+    int status = LIPC_OK;
+    LIPCConnection* held = nullptr;
+    while ((status = NextMessage(*endpoint, &held, timeoutMs)) == LIPC_OK) {
+        if (LIPCReadMessage(*held) == LIPC_OK) break;
+        LIPCRecycle(*endpoint, held);
+    }
+    if (status == LIPC_OK) {
+        const auto size = static_cast<std::uint32_t>(held->reply.size());
+        const bool empty = IsNoReply(held->reply.data(), size);
+        *connection = held;
+        *data = empty ? nullptr : held->reply.data();
         *length = empty ? 0 : size;
-        status = LIPC_OK;
-        break;
     }
     LIPCLeave(*endpoint);
     return status;

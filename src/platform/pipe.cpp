@@ -50,8 +50,9 @@ class Pipe final : public PollTarget {
     void OnReady(std::uint32_t events) override;
 
     bool Bind(CompletionQueue* queue, ULONG_PTR key);
-    BOOL Read(void* buffer, DWORD size, OVERLAPPED* overlapped);
-    BOOL Write(const void* buffer, DWORD size, OVERLAPPED* overlapped);
+    BOOL Read(void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
+    BOOL Write(const void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
+    void SkipCompletionsOnSuccess();
     BOOL Connect(OVERLAPPED* overlapped);
     void Cancel();
     bool Disconnect();
@@ -66,8 +67,13 @@ class Pipe final : public PollTarget {
         DWORD done = 0;
         DWORD thread = 0;
     };
-    bool TryRead();
-    bool TryWrite();
+    enum class Tried { kWouldBlock, kDone, kFailed };
+    // Each leaves its count in the operation's `done`, and a failure in `error`.
+    Tried TryRead(DWORD& error);
+    Tried TryWrite(DWORD& error);
+    // What a call that was tried at once gives: see ReadFile.
+    BOOL Result(Operation& operation, Tried tried, DWORD error, DWORD* done);
+    void Finish(Operation& operation, Tried tried, DWORD error);
     void Complete(Operation& operation, DWORD bytes, DWORD error);
     void Drop();
 
@@ -81,6 +87,7 @@ class Pipe final : public PollTarget {
     // A short read has emptied the socket and nothing has arrived since: a further read would only
     // say so.
     bool drained_ = false;
+    bool skipOnSuccess_ = false;
     const std::shared_ptr<PipeServer> server_;
 };
 
@@ -160,41 +167,60 @@ bool Pipe::Bind(CompletionQueue* queue, ULONG_PTR key) {
     return descriptor_ < 0 || queue->Watch(descriptor_, this);
 }
 
-bool Pipe::TryRead() {
+Pipe::Tried Pipe::TryRead(DWORD& error) {
     ssize_t count = 0;
     do {
         count = recv(descriptor_, read_.buffer, read_.size, MSG_DONTWAIT);
     } while (count < 0 && errno == EINTR);
     if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
         drained_ = true;
-        return false;
+        return Tried::kWouldBlock;
     }
     drained_ = count > 0 && static_cast<DWORD>(count) < read_.size;
-    if (count > 0) {
-        Complete(read_, static_cast<DWORD>(count), 0);
-    } else {
-        Complete(read_, 0, count == 0 ? ERROR_BROKEN_PIPE : IoError());
+    if (count <= 0) {
+        error = count == 0 ? ERROR_BROKEN_PIPE : IoError();
+        return Tried::kFailed;
     }
-    return true;
+    read_.done = static_cast<DWORD>(count);
+    return Tried::kDone;
 }
 
-bool Pipe::TryWrite() {
+Pipe::Tried Pipe::TryWrite(DWORD& error) {
     while (write_.done < write_.size) {
         const ssize_t count = send(descriptor_, write_.buffer + write_.done,
                                    write_.size - write_.done, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return false;
+        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Tried::kWouldBlock;
         if (count < 0) {
-            Complete(write_, write_.done, IoError());
-            return true;
+            error = IoError();
+            return Tried::kFailed;
         }
         write_.done += static_cast<DWORD>(count);
     }
-    Complete(write_, write_.done, 0);
-    return true;
+    return Tried::kDone;
 }
 
-BOOL Pipe::Read(void* buffer, DWORD size, OVERLAPPED* overlapped) {
+void Pipe::Finish(Operation& operation, Tried tried, DWORD error) {
+    if (tried != Tried::kWouldBlock)
+        Complete(operation, operation.done, tried == Tried::kDone ? 0 : error);
+}
+
+BOOL Pipe::Result(Operation& operation, Tried tried, DWORD error, DWORD* done) {
+    if (tried == Tried::kDone && skipOnSuccess_) {
+        operation.overlapped = nullptr;
+    } else {
+        Finish(operation, tried, error);
+    }
+    if (tried == Tried::kDone) {
+        if (done != nullptr) *done = operation.done;
+        return TRUE;
+    }
+    // A failure comes as a completion too.
+    SetLastError(ERROR_IO_PENDING);
+    return FALSE;
+}
+
+BOOL Pipe::Read(void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
     const std::lock_guard lock(mutex_);
     if (descriptor_ < 0 || queue_.queue == nullptr || overlapped == nullptr ||
         read_.overlapped != nullptr) {
@@ -202,12 +228,12 @@ BOOL Pipe::Read(void* buffer, DWORD size, OVERLAPPED* overlapped) {
         return FALSE;
     }
     read_ = {overlapped, static_cast<char*>(buffer), size, 0, GetCurrentThreadId()};
-    if (!drained_ && TryRead()) return TRUE;
-    SetLastError(ERROR_IO_PENDING);
-    return FALSE;
+    DWORD error = 0;
+    const Tried tried = drained_ ? Tried::kWouldBlock : TryRead(error);
+    return Result(read_, tried, error, done);
 }
 
-BOOL Pipe::Write(const void* buffer, DWORD size, OVERLAPPED* overlapped) {
+BOOL Pipe::Write(const void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
     const std::lock_guard lock(mutex_);
     if (descriptor_ < 0 || queue_.queue == nullptr || overlapped == nullptr ||
         write_.overlapped != nullptr) {
@@ -216,9 +242,14 @@ BOOL Pipe::Write(const void* buffer, DWORD size, OVERLAPPED* overlapped) {
     }
     write_ = {overlapped, static_cast<char*>(const_cast<void*>(buffer)), size, 0,
               GetCurrentThreadId()};
-    if (TryWrite()) return TRUE;
-    SetLastError(ERROR_IO_PENDING);
-    return FALSE;
+    DWORD error = 0;
+    const Tried tried = TryWrite(error);
+    return Result(write_, tried, error, done);
+}
+
+void Pipe::SkipCompletionsOnSuccess() {
+    const std::lock_guard lock(mutex_);
+    skipOnSuccess_ = true;
 }
 
 BOOL Pipe::Connect(OVERLAPPED* overlapped) {
@@ -250,13 +281,19 @@ void Pipe::Adopt(int descriptor) {
 
 void Pipe::OnReady(std::uint32_t events) {
     const std::lock_guard lock(mutex_);
+    DWORD error = 0;
     if (descriptor_ < 0) return;
     if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
         drained_ = false;
-        if (read_.overlapped != nullptr) TryRead();
+        if (read_.overlapped != nullptr) {
+            const Tried tried = TryRead(error);
+            Finish(read_, tried, error);
+        }
     }
-    if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && write_.overlapped != nullptr)
-        TryWrite();
+    if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && write_.overlapped != nullptr) {
+        const Tried tried = TryWrite(error);
+        Finish(write_, tried, error);
+    }
 }
 
 void Pipe::Cancel() {
@@ -476,14 +513,21 @@ BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key, OVERLAP
     return TRUE;
 }
 
-BOOL ReadFile(HANDLE pipe, LPVOID buffer, DWORD size, DWORD*, OVERLAPPED* overlapped) {
+BOOL ReadFile(HANDLE pipe, LPVOID buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
     Pipe* object = ToPipe(pipe);
-    return object == nullptr ? FALSE : object->Read(buffer, size, overlapped);
+    return object == nullptr ? FALSE : object->Read(buffer, size, done, overlapped);
 }
 
-BOOL WriteFile(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD*, OVERLAPPED* overlapped) {
+BOOL WriteFile(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
     Pipe* object = ToPipe(pipe);
-    return object == nullptr ? FALSE : object->Write(buffer, size, overlapped);
+    return object == nullptr ? FALSE : object->Write(buffer, size, done, overlapped);
+}
+
+BOOL SetFileCompletionNotificationModes(HANDLE pipe, BYTE flags) {
+    Pipe* object = ToPipe(pipe);
+    if (object == nullptr || flags != FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) return FALSE;
+    object->SkipCompletionsOnSuccess();
+    return TRUE;
 }
 
 BOOL CancelIo(HANDLE pipe) {

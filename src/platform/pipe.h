@@ -54,11 +54,15 @@ BOOL GetQueuedCompletionStatus(HANDLE port, DWORD* bytes, ULONG_PTR* key, OVERLA
 // Puts a completion of the caller's own into the queue. Any thread.
 BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped);
 
-// Start a read or write. TRUE when it completed at once, FALSE with ERROR_IO_PENDING when started:
-// in both cases the completion comes to the queue. FALSE with another error: not started, no
-// completion.
+// Start a read or write. TRUE when it completed at once (*done bytes), FALSE with ERROR_IO_PENDING
+// when started: in both cases the completion comes to the queue, but see
+// SetFileCompletionNotificationModes. FALSE with another error: not started, no completion.
 BOOL ReadFile(HANDLE pipe, LPVOID buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
 BOOL WriteFile(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
+// With FILE_SKIP_COMPLETION_PORT_ON_SUCCESS: an operation that gave TRUE has no completion any
+// more; the caller goes on by itself. The only flag, and it stays.
+inline constexpr BYTE FILE_SKIP_COMPLETION_PORT_ON_SUCCESS = 1;
+BOOL SetFileCompletionNotificationModes(HANDLE pipe, BYTE flags);
 // Cancels the I/O that the calling thread started on the pipe; its completions come with
 // ERROR_OPERATION_ABORTED.
 BOOL CancelIo(HANDLE pipe);

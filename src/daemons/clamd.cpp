@@ -17,15 +17,18 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kStreamBlock = 65536;
 constexpr std::size_t kMaxReply = 4096;
 
-// One conversation with the engine, within one limit of time.
+// A connection to the engine. What is done on it has a limit of time, set by Extend.
 class Connection {
   public:
-    explicit Connection(int seconds) : end_(Clock::now() + std::chrono::seconds(seconds)) {}
+    Connection() = default;
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    ~Connection() {
+    ~Connection() { Close(); }
+    void Close() {
         if (socket_ >= 0) close(socket_);
+        socket_ = -1;
     }
+    bool IsOpen() const { return socket_ >= 0; }
 
     ScanOutcome Open(const std::string& path) {
         sockaddr_un address{};
@@ -43,7 +46,10 @@ class Connection {
         }
         return ScanOutcome::kDown;
     }
-    void Extend(int seconds) { end_ = Clock::now() + std::chrono::seconds(seconds); }
+    void Extend(int seconds) {
+        end_ = Clock::now() + std::chrono::seconds(seconds);
+        timedOut_ = false;
+    }
     bool TimedOut() const { return timedOut_; }
 
     bool Send(const void* data, std::size_t length) {
@@ -137,7 +143,8 @@ ScanResult Lost(const Connection& connection) {
 }
 
 ScanResult ScanAsStream(const ClamdSettings& settings, int file) {
-    Connection connection(settings.connectSeconds);
+    Connection connection;
+    connection.Extend(settings.connectSeconds);
     if (const ScanOutcome outcome = connection.Open(settings.socketPath);
         outcome != ScanOutcome::kClean)
         return {outcome, "can't connect"};
@@ -159,21 +166,70 @@ ScanResult ScanAsStream(const ClamdSettings& settings, int file) {
     return connection.Receive(reply) ? Judge(reply) : Lost(connection);
 }
 
+// A session that a thread keeps open from one scan to the next: a connection for each would cost
+// the engine a fifth of what a small message does. It answers each command with the command's
+// number in front.
+class Session {
+  public:
+    // Whether there is one for this engine that has not been idle for long: then it closes it.
+    bool Usable(const std::string& path) const {
+        return connection_.IsOpen() && path == path_ && Clock::now() - lastUse_ < kLongestIdle;
+    }
+    ScanOutcome Open(const ClamdSettings& settings) {
+        connection_.Close();
+        connection_.Extend(settings.connectSeconds);
+        const ScanOutcome outcome = connection_.Open(settings.socketPath);
+        static constexpr char kCommand[] = "zIDSESSION";
+        if (outcome != ScanOutcome::kClean) return outcome;
+        path_ = settings.socketPath;
+        commands_ = 0;
+        return connection_.Send(kCommand, sizeof kCommand) ? outcome : ScanOutcome::kDown;
+    }
+    // False if there was no answer to this command: the session is over.
+    bool Scan(int seconds, int file, std::string& reply) {
+        connection_.Extend(seconds);
+        static constexpr char kCommand[] = "zFILDES";
+        const std::string number = std::to_string(++commands_) + ": ";
+        const bool answered = connection_.SendFile(kCommand, sizeof kCommand, file) &&
+                              connection_.Receive(reply) && reply.starts_with(number);
+        lastUse_ = Clock::now();
+        if (!answered) {
+            connection_.Close();
+            return false;
+        }
+        reply.erase(0, number.size());
+        return true;
+    }
+    const Connection& GetConnection() const { return connection_; }
+
+  private:
+    static constexpr std::chrono::seconds kLongestIdle{10};
+
+    Connection connection_;
+    std::string path_;
+    int commands_ = 0;
+    Clock::time_point lastUse_;
+};
+
+ScanResult ScanAsDescriptor(const ClamdSettings& settings, int file) {
+    thread_local Session session;
+    std::string reply;
+    // One that was kept may have been ended by the engine meanwhile, as when it was started anew;
+    // but one that takes too long to answer is not asked again.
+    if (session.Usable(settings.socketPath)) {
+        if (session.Scan(settings.scanSeconds, file, reply)) return Judge(reply);
+        if (session.GetConnection().TimedOut()) return Lost(session.GetConnection());
+    }
+    if (const ScanOutcome outcome = session.Open(settings); outcome != ScanOutcome::kClean)
+        return {outcome, "can't connect"};
+    return session.Scan(settings.scanSeconds, file, reply) ? Judge(reply)
+                                                           : Lost(session.GetConnection());
+}
+
 }  // namespace
 
 ScanResult ScanWithClamd(const ClamdSettings& settings, int file) {
-    std::string reply;
-    {
-        Connection connection(settings.connectSeconds);
-        if (const ScanOutcome outcome = connection.Open(settings.socketPath);
-            outcome != ScanOutcome::kClean)
-            return {outcome, "can't connect"};
-        connection.Extend(settings.scanSeconds);
-        static constexpr char kCommand[] = "zFILDES";
-        if (!connection.SendFile(kCommand, sizeof kCommand, file) || !connection.Receive(reply))
-            return Lost(connection);
-    }
-    const ScanResult result = Judge(reply);
+    const ScanResult result = ScanAsDescriptor(settings, file);
     // A build without descriptor passing, or one that may not read it: the bytes are streamed
     // instead.
     return result.outcome == ScanOutcome::kFailed ? ScanAsStream(settings, file) : result;

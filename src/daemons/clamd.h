@@ -1,4 +1,4 @@
-// The scanning engine: clamd over its Unix socket, one connection a scan.
+// The scanning engine: clamd over its Unix socket, in a session that each thread keeps open.
 #pragma once
 
 #include <string>

@@ -53,8 +53,7 @@ class Engine(unittest.TestCase):
         with open(home + "/clamd/clamd.conf", "w") as conf:
             conf.write("LocalSocket %s/clamd/clamd.sock\nDatabaseDirectory %s/clamd/db\nForeground yes\nMaxThreads 2\n" % (home, home))
         cls.processes = []
-        cls.clamd = cls.spawn("clamd", "--config-file=" + home + "/clamd/clamd.conf")
-        assert wait_until(lambda: os.path.exists(home + "/clamd/clamd.sock"), 60), "clamd"
+        cls.start_engine()
         cls.spawn(BIN + "/vtlogd", "debug")
         assert wait_until(lambda: os.path.exists(home + "/pipes/vtlogd"), 20)
         cls.proxy.tool("set", "/VTWIN/Daemons/StatsDaemon/HTTPPort", str(free_port()))
@@ -62,6 +61,11 @@ class Engine(unittest.TestCase):
         assert wait_until(lambda: os.path.exists(home + "/pipes/VTSTATD"), 20)
         cls.start_scanner()
         cls.proxy.start()
+
+    @classmethod
+    def start_engine(cls):
+        cls.clamd = cls.spawn("clamd", "--config-file=" + cls.proxy.home + "/clamd/clamd.conf")
+        assert wait_until(lambda: os.path.exists(cls.proxy.home + "/clamd/clamd.sock"), 60), "clamd"
 
     @classmethod
     def start_scanner(cls):
@@ -168,6 +172,15 @@ class Engine(unittest.TestCase):
         self.assertEqual(len(self.server.messages), count)
         self.assertEqual(self.send(body(b"again")), b"250 queued\r\n")
         self.assertEqual(self.proxy.spool(), [])
+
+    def test_engine_started_anew(self):
+        for _ in range(2):
+            self.assertEqual(self.send(body(b"before")), b"250 queued\r\n")
+            self.clamd.terminate()
+            self.clamd.wait(30)
+            self.assertEqual(self.send(body(b"meanwhile")), NOT_CHECKED)
+            self.start_engine()
+            self.assertEqual(self.send(body(EICAR)), REJECTED, "the kept session is of no use any more")
 
     def test_verdicts_are_in_the_statistics(self):
         def events():

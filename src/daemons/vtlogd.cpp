@@ -8,12 +8,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <mutex>
 #include <string>
 
 #include "daemons/daemon.h"
 #include "logclient/levels.h"
+#include "platform/clock.h"
 #include "platform/home.h"
 #include "tagmsg/tagmsg.h"
 #include "tagmsg/tags.h"
@@ -62,15 +62,6 @@ void AppendQuoted(std::string& line, const char* text) {
         }
     }
     line += '"';
-}
-
-std::string Now() {
-    const std::time_t seconds = std::time(nullptr);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
 }
 
 const char* KindName(std::uint32_t word) {
@@ -165,7 +156,7 @@ class LogDaemon final : public Daemon {
         Reopen();
     }
     void Write(const std::string& text) {
-        const std::string line = Now() + ' ' + text + '\n';
+        const std::string line = platform::UtcTimeText() + ' ' + text + '\n';
         const std::lock_guard lock(mutex_);
         // Moved away or removed: a new one is begun.
         struct stat there {};

@@ -20,7 +20,7 @@
 #include "daemons/verdictstats.h"
 #include "logclient/logclient.h"
 #include "platform/home.h"
-#include "tagmsg/tagmsg.h"
+#include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 #include "trelis/buffered.h"
 
@@ -136,14 +136,6 @@ void CompareLimits(const Settings& settings) {
     }
 }
 
-struct Node {
-    TagMsgNode* root = nullptr;
-    Node() = default;
-    Node(const Node&) = delete;
-    Node& operator=(const Node&) = delete;
-    ~Node() { TagMsgFree(root, 1, 1); }
-};
-
 bool Add(TagMsgNode* node, std::uint32_t tag, std::int32_t number) {
     return TagMsgAddAttr(node, tag, &number) == TAGMSG_OK;
 }
@@ -226,7 +218,7 @@ class MailDaemon final : public Daemon {
     }
     void Answer(const void* data, std::uint32_t length, void** reply,
                 std::uint32_t* replyLength) override {
-        Node request;
+        OwnedMessage request;
         if (data == nullptr || length > 0x7FFFFFFF ||
             TagMsgParse(&request.root, data, static_cast<std::int32_t>(length)) != TAGMSG_OK)
             return;
@@ -235,7 +227,7 @@ class MailDaemon final : public Daemon {
         const std::shared_ptr<const Settings> settings = CurrentSettings();
         const ScanResult result = null_ ? ScanResult{ScanOutcome::kClean, ""}
                                         : Scan(*settings, static_cast<const char*>(path));
-        Node answer;
+        OwnedMessage answer;
         if (TagMsgCreate(&answer.root) != TAGMSG_OK) return;
         bool good = false;
         std::int32_t event = kStatNotScanned;

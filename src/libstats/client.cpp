@@ -14,7 +14,7 @@
 #include "libstats/core.h"
 #include "libstats/servers.h"
 #include "net/socket.h"
-#include "tagmsg/tagmsg.h"
+#include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 
 namespace {
@@ -28,25 +28,8 @@ std::mutex g_moduleLock;          // one InitLibStats or ReleaseLibStats at a ti
 CLibStatsCore* g_core = nullptr;  // guarded by g_moduleLock; never deleted
 std::atomic<libstats::CLibStats*> g_instance{nullptr};  // g_core while it has references
 
-struct Message {
-    TagMsgNode* root = nullptr;
-    Message() = default;
-    Message(const Message&) = delete;
-    Message& operator=(const Message&) = delete;
-    ~Message() { TagMsgFree(root, 1, 1); }
-};
-
-struct FlatForm {
-    void* data = nullptr;
-    std::uint32_t length = 0;
-    FlatForm() = default;
-    FlatForm(const FlatForm&) = delete;
-    FlatForm& operator=(const FlatForm&) = delete;
-    ~FlatForm() { std::free(data); }
-};
-
-int Flatten(const libstats::CStatsRequest& record, FlatForm& flat) {
-    Message message;
+int Flatten(const libstats::CStatsRequest& record, OwnedFlatForm& flat) {
+    OwnedMessage message;
     if (const int status = TagMsgCreate(&message.root); status != TAGMSG_OK) return status;
     char stamp[16];
     std::snprintf(stamp, sizeof stamp, "%d", static_cast<std::int32_t>(record.GetStamp()));
@@ -92,7 +75,7 @@ int Flatten(const libstats::CStatsRequest& record, FlatForm& flat) {
 }
 
 // What the daemon answers means nothing, only that it has answered.
-int Exchange(LIPCEndpoint* endpoint, const FlatForm& flat) {
+int Exchange(LIPCEndpoint* endpoint, const OwnedFlatForm& flat) {
     LIPCConnection* connection = nullptr;
     const void* reply = nullptr;
     std::uint32_t length = 0;
@@ -115,7 +98,7 @@ LIPCEndpoint* CLibStatsCore::EnterEndpoint() {
 
 int CLibStatsCore::SendRequest(libstats::CStatsRequest* record) {
     if (record == nullptr) return kFailed;
-    FlatForm flat;
+    OwnedFlatForm flat;
     if (const int status = Flatten(*record, flat); status != TAGMSG_OK) return status;
     LIPCEndpoint* endpoint = EnterEndpoint();
     if (endpoint == nullptr) return kFailed;

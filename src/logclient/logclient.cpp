@@ -14,7 +14,7 @@
 
 #include "lipc/lipc.h"
 #include "logclient/levels.h"
-#include "tagmsg/tagmsg.h"
+#include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 #include "trelis/trelis.h"
 
@@ -142,14 +142,6 @@ constexpr Kind kKinds[] = {
     {kEventReportGenerated, 2, Bits({2}), {{{TagMessage, 2}}}},
 };
 
-struct Message {
-    TagMsgNode* root = nullptr;
-    Message() = default;
-    Message(const Message&) = delete;
-    Message& operator=(const Message&) = delete;
-    ~Message() { TagMsgFree(root, 1, 1); }
-};
-
 // Cuts the text at the mark, in the caller's buffer. Whether it was there.
 bool CutAtAlert(const char* text) {
     char* mark = text == nullptr ? nullptr : std::strstr(const_cast<char*>(text), kAlertMark);
@@ -232,7 +224,7 @@ int LogClientEvent(std::uint32_t event, ...) {
     }
     if ((event & kLevelNone) != 0) return kNotWanted;
 
-    Message message;
+    OwnedMessage message;
     const auto word = static_cast<std::int32_t>(event);
     if (TagMsgCreate(&message.root) != TAGMSG_OK ||
         TagMsgAddAttr(message.root, TagSource, g_label) != TAGMSG_OK ||

@@ -6,11 +6,11 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <ctime>
 #include <new>
 #include <string>
 
 #include "platform/account.h"
+#include "platform/clock.h"
 #include "platform/file.h"
 #include "platform/home.h"
 #include "platform/object.h"
@@ -29,15 +29,6 @@ class EventSource final : public platform::Object {
   private:
     const std::string name_;
 };
-
-std::string Now() {
-    const std::time_t seconds = std::time(nullptr);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
 
 const char* TypeName(WORD type) {
     switch (type) {
@@ -104,8 +95,8 @@ BOOL ReportEventA(HANDLE source, WORD type, WORD, DWORD eventId, PSID user, WORD
         if (i > 0) text += ' ';
         AppendPrintable(text, texts[i]);
     }
-    std::string line = Now() + ' ' + from->Name() + ' ' + TypeName(type) + ' ' + id + ' ' +
-                       platform::SidText(user) + ' ' + text + '\n';
+    std::string line = platform::UtcTimeText() + ' ' + from->Name() + ' ' + TypeName(type) + ' ' +
+                       id + ' ' + platform::SidText(user) + ' ' + text + '\n';
     if (access("/dev/log", W_OK) == 0)
         syslog(LOG_DAEMON | Priority(type), "%s: %s", from->Name().c_str(), text.c_str());
     if (AppendToLog(line)) return TRUE;

@@ -8,7 +8,7 @@
 
 #include "lipc/lipc.h"
 #include "scanclient/reply.h"
-#include "tagmsg/tagmsg.h"
+#include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 
 namespace {
@@ -24,26 +24,8 @@ std::atomic<int> g_state{kDown};
 std::atomic<int> g_users{0};
 std::atomic<LIPCEndpoint*> g_endpoint{nullptr};
 
-// Frees a message at the end of its scope.
-struct Message {
-    TagMsgNode* root = nullptr;
-    Message() = default;
-    Message(const Message&) = delete;
-    Message& operator=(const Message&) = delete;
-    ~Message() { TagMsgFree(root, 1, 1); }
-};
-
-struct FlatForm {
-    void* data = nullptr;
-    std::uint32_t length = 0;
-    FlatForm() = default;
-    FlatForm(const FlatForm&) = delete;
-    FlatForm& operator=(const FlatForm&) = delete;
-    ~FlatForm() { std::free(data); }
-};
-
-int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, FlatForm& flat) {
-    Message message;
+int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, OwnedFlatForm& flat) {
+    OwnedMessage message;
     if (const int status = TagMsgCreate(&message.root); status != TAGMSG_OK) return status;
     const auto slice = static_cast<std::int32_t>(sliceMs);
     // In the order of adding; a null value adds nothing.
@@ -74,8 +56,8 @@ int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, FlatForm& 
 
 // Sends the request and waits for its reply, which becomes a message. Gives the connection back in
 // every case.
-int Exchange(const MailScanRecord& record, const FlatForm& flat, std::uint32_t sliceMs,
-             Message& reply) {
+int Exchange(const MailScanRecord& record, const OwnedFlatForm& flat, std::uint32_t sliceMs,
+             OwnedMessage& reply) {
     LIPCEndpoint* endpoint = g_endpoint;
     LIPCConnection* connection = nullptr;
     const void* data = nullptr;
@@ -145,9 +127,9 @@ int MailScan(MailScanRecord* record) {
     const std::uint32_t seconds =
         record->timeoutSeconds < kMaxSliceSeconds ? record->timeoutSeconds : kMaxSliceSeconds;
     const std::uint32_t sliceMs = seconds == 0 ? kDefaultSliceMs : seconds * 1000;
-    FlatForm flat;
+    OwnedFlatForm flat;
     if (const int status = BuildRequest(*record, sliceMs, flat); status != TAGMSG_OK) return status;
-    Message reply;
+    OwnedMessage reply;
     if (const int status = Exchange(*record, flat, sliceMs, reply); status != TAGMSG_OK)
         return status;
     return MailScanReadReply(*record, reply.root);

@@ -48,7 +48,7 @@ constexpr char kUsage[] =
     "directory and prints its path. HOST is 127.0.0.1 if not given. Days are YYYY-MM-DD, UTC,\n"
     "both included; without them the last 30 days.\n"
     "User and password: VANTREL_REPORT_USER and VANTREL_REPORT_PASSWORD, else for 127.0.0.1\n"
-    "the file report.token of the instance, else asked for.\n";
+    "the file report.token of the instance, else asked for in a terminal.\n";
 
 int Fail(const std::string& what) {
     std::fprintf(stderr, "vtreport: %s\n", what.c_str());
@@ -208,13 +208,15 @@ std::optional<Credentials> FromTerminal() {
     return Credentials{*user, *password};
 }
 
-std::optional<Credentials> FindCredentials(const std::string& address) {
+// Without any the server is asked all the same: whether it wants some is its affair.
+Credentials FindCredentials(const std::string& address) {
     const char* user = std::getenv(kUserVariable);
     const char* password = std::getenv(kPasswordVariable);
     if (user != nullptr && password != nullptr) return Credentials{user, password};
     std::optional<Credentials> found;
     if (address == kLocalAddress) found = FromTokenFile();
-    return found ? found : FromTerminal();
+    if (!found) found = FromTerminal();
+    return found.value_or(Credentials{});
 }
 
 // Output
@@ -307,9 +309,13 @@ int Report(const Options& options, const std::string& address, const Credentials
     query.TimePeriod = kNoPeriod;
     std::snprintf(query.DateStart, sizeof query.DateStart, "%s", DayText(*options.from).c_str());
     std::snprintf(query.DateEnd, sizeof query.DateEnd, "%s", DayText(*options.to).c_str());
-    const std::string failure = "no report from " + options.host +
-                                ": the statistics daemon doesn't answer there, or it refuses user "
-                                "and password";
+    const std::string failure =
+        "no report from " + options.host +
+        ": the statistics daemon doesn't answer there, or it refuses " +
+        (credentials.user.empty()
+             ? std::string("to answer without user and password: set ") + kUserVariable + " and " +
+                   kPasswordVariable + ", or run it in a terminal"
+             : std::string("user and password"));
     const int code = options.format == 0 ? ShowTables(stats, client, query, failure)
                                          : MakeFile(stats, client, query, failure);
     stats.ReleaseHTTPClient(&client);
@@ -326,12 +332,9 @@ int main(int argc, char** argv) {
     char address[INET_ADDRSTRLEN];
     if (inet_ntop(AF_INET, &resolved.sin_addr, address, sizeof address) == nullptr)
         return Fail("unknown host: " + options.host);
-    const std::optional<Credentials> credentials = FindCredentials(address);
-    if (!credentials)
-        return Fail(std::string("no user and password: set ") + kUserVariable + " and " +
-                    kPasswordVariable + ", or run it in a terminal");
+    const Credentials credentials = FindCredentials(address);
     if (InitLibStats() != 0) return Fail("can't start the statistics client");
-    const int code = Report(options, address, *credentials);
+    const int code = Report(options, address, credentials);
     ReleaseLibStats();
     return code;
 }

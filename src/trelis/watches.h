@@ -61,8 +61,8 @@ class Watches {
     // Ended ones stay, silent: a thread may be about to look at one.
     std::vector<std::unique_ptr<Watch>> cancelled_;  // guarded by mutex_
     int nextName_ = 0;                               // guarded by mutex_
-    std::mutex readerMutex_;                       // taken before mutex_
-    std::unique_ptr<ChangeReader> reader_;         // guarded by readerMutex_
+    std::mutex readerMutex_;                         // taken before mutex_
+    std::unique_ptr<ChangeReader> reader_;           // guarded by readerMutex_
     std::mutex threadMutex_;  // guards the thread's start and end; taken before the other two
     std::thread thread_;      // guarded by threadMutex_
     std::uint32_t told_ = 0;  // the thread alone: the count at its last look

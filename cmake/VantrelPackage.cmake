@@ -17,7 +17,8 @@ install(TARGETS vtservice RUNTIME DESTINATION ${VANTREL_PROGRAM_DIR})
 file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/systemd/*.service)
 install(FILES ${units} DESTINATION lib/systemd/system)
 install(FILES packaging/completion/vtregistry DESTINATION share/bash-completion/completions)
-install(FILES README.md docs/configuration.md DESTINATION share/doc/vantrel)
+install(FILES README.md ARCHITECTURE.md DESTINATION share/doc/vantrel)
+install(DIRECTORY docs DESTINATION share/doc/vantrel)
 foreach(section 1 5 8)
   file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.${section})
   foreach(page ${pages})
@@ -46,8 +47,8 @@ set(CPACK_PACKAGE_CONTACT "Vantrel <root@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Mail security proxy: scans mail before it reaches the mail server")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
   "Stands in front of a mail server and speaks SMTP on its behalf: takes each
- message, has it scanned, and only then hands it on, refuses it, drops it or
- redirects it.")
+message, has it scanned, and only then hands it on, refuses it, drops it or
+redirects it.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION mail)

@@ -122,7 +122,8 @@ int IsLocalRoute(const std::string& text, const std::vector<std::string>& mailDo
         const char* domain = at + 1;
         std::ptrdiff_t step = 0;
         for (const std::string& node : mailDomains) {
-            if (std::strncmp(domain, node.c_str(), node.size()) == 0)
+            // An empty text, as of a key without value, names no domain: every one begins with it.
+            if (!node.empty() && std::strncmp(domain, node.c_str(), node.size()) == 0)
                 step = (domain - place) + static_cast<std::ptrdiff_t>(node.size()) + 1;
         }
         if (step == 0) return 0;

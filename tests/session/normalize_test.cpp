@@ -63,6 +63,7 @@ TEST(Normalize, Address) {
 TEST(Normalize, LocalRecipient) {
     const std::vector<std::string> one{"example.org"};
     const std::vector<std::string> none;
+    const std::vector<std::string> empty{""};
     const struct {
         const char* text;
         const std::vector<std::string>& domains;
@@ -80,6 +81,7 @@ TEST(Normalize, LocalRecipient) {
         {"<u@example.org>\r\n", none, 0},
         {"a@b\r\n", one, 1},
         {"<@example.org:u@evil.example>\r\n", one, 0},
+        {"<@evil.example:u@evil.example>\r\n", empty, 0},
     };
     for (const auto& each : cases)
         EXPECT_EQ(IsLocalRecipientOf(each.text, each.domains), each.local) << each.text;

@@ -86,7 +86,7 @@ class Senders(Filters):
         self.assertEqual(self.greeted().ask(b"MAIL FROM:<bad@x.example>"), b"")
 
     def test_running_sessions_judge_by_a_change_at_once(self):
-        sessions = [self.greeted() for _ in range(8)]
+        sessions = [self.greeted() for _ in range(50)]
         for round_ in range(4):
             on = round_ % 2 == 0
             self.change("/SenderBlackList/UsersList/new", "new@x.example" if on else "gone@x.example")

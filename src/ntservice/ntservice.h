@@ -6,6 +6,7 @@
 // runs on its own; ReportStatus may be called from both.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -89,8 +90,8 @@ class CNTService {
     DWORD serviceType_ = SERVICE_WIN32_OWN_PROCESS;
     DWORD startType_ = SERVICE_AUTO_START;
     DWORD errorControl_ = SERVICE_ERROR_NORMAL;
-    std::vector<BYTE> userIdentity_;  // empty: records go out without a user
-    DWORD lastError_ = 0;
+    std::vector<BYTE> userIdentity_;   // empty: records go out without a user
+    std::atomic<DWORD> lastError_{0};  // of the platform, at the last LogEvent
     bool foreground_ = false;
     bool consoleAttached_ = false;
 

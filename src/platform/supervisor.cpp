@@ -43,6 +43,9 @@ using std::chrono::milliseconds;
 constexpr milliseconds kEndLimit{20000};
 constexpr milliseconds kRequestLimit{platform::kServiceRequestLimit};
 constexpr std::size_t kMostClients = 32;
+// What a program prints is kept for a look at what went wrong, not as a log.
+constexpr off_t kMostOutput = 1 << 20;
+constexpr std::chrono::seconds kOutputLook{60};
 constexpr DWORD kServiceDiedEvent = 0xC0001B77;
 
 class Supervision {
@@ -71,6 +74,7 @@ class Supervision {
     void AnswerWaiting(DWORD error);
     void ShutDown();
     void Finish();
+    void CutOutput();
 
     ServiceRecord record_;
     UniqueDescriptor report_;  // open until the first start is decided
@@ -87,6 +91,7 @@ class Supervision {
     std::optional<Clock::time_point> restartAt_;
     std::optional<Clock::time_point> requestEnd_;  // of a start or a control
     std::optional<Clock::time_point> killAt_;
+    std::optional<Clock::time_point> outputLook_{Clock::now() + kOutputLook};
 };
 
 void LogDeath(const ServiceRecord& record, bool again) {
@@ -141,12 +146,14 @@ bool Supervision::Launch() {
     setenv(platform::kServiceSocketVariable, std::to_string(platform::kServiceSocket).c_str(), 1);
     std::string path = record_.path;
     char* arguments[] = {path.data(), nullptr};
-    errno = posix_spawn(&process_, path.c_str(), &files, &attributes, arguments, environ);
+    const int error = posix_spawn(&process_, path.c_str(), &files, &attributes, arguments, environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&files);
     greeted_ = false;
-    if (errno != 0) process_ = 0;
-    return process_ != 0;
+    if (error == 0) return true;
+    process_ = 0;
+    errno = error;
+    return false;
 }
 
 void Supervision::ReportFirstStart(DWORD error) {
@@ -184,7 +191,7 @@ int Supervision::Run() {
 
 int Supervision::NextWait() const {
     auto first = Clock::time_point::max();
-    for (const auto& each : {restartAt_, requestEnd_, killAt_}) {
+    for (const auto& each : {restartAt_, requestEnd_, killAt_, outputLook_}) {
         if (each) first = std::min(first, *each);
     }
     if (first == Clock::time_point::max()) return -1;
@@ -291,10 +298,23 @@ void Supervision::OnTimers() {
         AnswerWaiting(ERROR_SERVICE_REQUEST_TIMEOUT);
         if (!greeted_ && process_ != 0) kill(process_, SIGKILL);
     }
+    if (outputLook_ && now >= *outputLook_) {
+        outputLook_ = now + kOutputLook;
+        CutOutput();
+    }
     if (killAt_ && now >= *killAt_) {
         killAt_.reset();
         if (process_ != 0) kill(process_, SIGKILL);
     }
+}
+
+// The program appends: what it prints next stands at the start again.
+void Supervision::CutOutput() {
+    const std::string path = platform::ServiceFile(record_.name, ".out");
+    struct stat info {};
+    if (stat(path.c_str(), &info) == 0 && info.st_size > kMostOutput &&
+        truncate(path.c_str(), 0) != 0)
+        std::perror("vtservice");
 }
 
 void Supervision::Answer(int client, DWORD error) {

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <memory>
+#include <new>
 #include <thread>
 
 #include "ntservice/messages.h"
@@ -128,10 +130,11 @@ void CNTService::ConfigureRecovery(const char*) {
     SC_LOCK lock = LockServiceDatabase(manager.get());
     if (lock == nullptr) {
         if (GetLastError() != ERROR_SERVICE_DATABASE_LOCKED) return PrintError(kLockFailed);
-        alignas(QUERY_SERVICE_LOCK_STATUSA) std::array<char, kLockStatusSize> block;
-        auto* holder = reinterpret_cast<QUERY_SERVICE_LOCK_STATUSA*>(block.data());
+        const std::unique_ptr<char[]> block(new (std::nothrow) char[kLockStatusSize]);
+        if (block == nullptr) return PrintError(kAllocFailed);
+        auto* holder = reinterpret_cast<QUERY_SERVICE_LOCK_STATUSA*>(block.get());
         DWORD needed = 0;
-        if (QueryServiceLockStatusA(manager.get(), holder, block.size(), &needed) == FALSE)
+        if (QueryServiceLockStatusA(manager.get(), holder, kLockStatusSize, &needed) == FALSE)
             return PrintError(kQueryLockFailed);
         if (holder->fIsLocked != 0) {
             std::printf(kLockedBy, holder->lpLockOwner, static_cast<int>(holder->dwLockDuration));

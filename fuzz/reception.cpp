@@ -9,10 +9,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string_view text(reinterpret_cast<const char*>(data), size);
     const EndMarker marker = FindEndMarker(text);
     text.remove_suffix(EndMarkerLength(marker));
-    const std::string guarded = GuardLoneDots(text);
-    if (HasLoneDot(guarded) || guarded.find("\r\n.\r\n") != std::string::npos ||
+    const std::string guarded = GuardLoneDots(text, true);
+    if (HasLoneDot(guarded, true) || guarded.find("\n.\r\n") != std::string::npos ||
         guarded.find("\n.\n") != std::string::npos)
         __builtin_trap();
-    if (!HasLoneDot(text) && guarded != text) __builtin_trap();
+    if (!HasLoneDot(text, true) && guarded != text) __builtin_trap();
     return 0;
 }

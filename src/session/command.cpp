@@ -20,6 +20,15 @@ bool IsWord(const char* token, const char* word) {
            EqualIgnoringCase(token, word, std::strlen(word));
 }
 
+// A zero byte, or a CR that isn't the line's end: a server might read a command behind it that the
+// checks here don't see.
+bool HidesText(const char* line, int length) {
+    const auto size = static_cast<std::size_t>(length);
+    if (std::memchr(line, '\0', size) != nullptr) return true;
+    const void* cr = std::memchr(line, '\r', size);
+    return cr != nullptr && static_cast<const char*>(cr) + 2 != line + size;
+}
+
 const char* BehindColon(const char* text) {
     const char* colon = std::strchr(text, ':');
     return colon == nullptr ? "" : colon + 1;
@@ -33,9 +42,7 @@ Dialogue::Outcome Dialogue::Answer(const char* text) {
 }
 
 Dialogue::Outcome Dialogue::Dispatch() {
-    // A zero byte hides from the checks here what a server might read behind it.
-    if (std::memchr(line_, '\0', static_cast<std::size_t>(lineLength_)) != nullptr)
-        return Answer(kUnknownCommand);
+    if (HidesText(line_, lineLength_)) return Answer(kUnknownCommand);
     std::memcpy(copy_, line_, static_cast<std::size_t>(lineLength_) + 1);
     NormalizeCommand(copy_);
     for (auto& token : tokens_) token[0] = '\0';

@@ -21,19 +21,25 @@ constexpr char kDiskFull[] = "452 Requested action not taken: insufficient syste
 
 using Clock = std::chrono::steady_clock;
 
-bool ReplaceAll(std::string& text, std::string_view from, std::string_view to) {
-    std::size_t at = text.find(from);
-    if (at == std::string::npos) return false;
-    std::string result;
-    result.reserve(text.size() + 64);
-    std::size_t done = 0;
-    for (; at != std::string::npos; at = text.find(from, done)) {
-        result.append(text, done, at - done).append(to);
-        done = at + from.size();
+// Whether a line that begins here is one dot.
+bool IsLoneDot(const char* at, const char* end) {
+    if (end - at < 2 || at[0] != '.') return false;
+    return at[1] == '\n' || (end - at >= 3 && at[1] == '\r' && at[2] == '\n');
+}
+
+// Calls use(at) for each lone dot, from the first to the last, until it gives false.
+template <typename Use>
+void ForEachLoneDot(std::string_view text, bool fromStart, Use use) {
+    // Line by line: the system's search for one byte is many times faster than one for a pattern.
+    const char* const end = text.data() + text.size();
+    const char* at = text.data();
+    if (fromStart && IsLoneDot(at, end) && !use(at)) return;
+    while (at < end) {
+        at = static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at)));
+        if (at == nullptr) return;
+        ++at;
+        if (IsLoneDot(at, end) && !use(at)) return;
     }
-    result.append(text, done);
-    text.swap(result);
-    return true;
 }
 
 }  // namespace
@@ -61,32 +67,25 @@ std::size_t EndMarkerLength(EndMarker marker) {
     return 0;
 }
 
-bool HasLoneDot(std::string_view text) {
-    // Line by line: the system's search for one byte is many times faster than one for a pattern.
-    const char* at = text.data();
-    const char* const end = at + text.size();
-    while (at < end) {
-        at = static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at)));
-        if (at == nullptr) return false;
-        ++at;
-        if (end - at < 2) return false;
-        if (at[0] != '.') continue;
-        if (at[1] == '\n') return true;
-        if (end - at >= 3 && at[1] == '\r' && at[2] == '\n' && at - text.data() >= 2 &&
-            at[-2] == '\r')
-            return true;
-    }
-    return false;
+bool HasLoneDot(std::string_view text, bool fromStart) {
+    bool found = false;
+    ForEachLoneDot(text, fromStart, [&found](const char*) {
+        found = true;
+        return false;
+    });
+    return found;
 }
 
-std::string GuardLoneDots(std::string_view text) {
-    std::string guarded(text);
-    // Two lone dots on neighbouring lines share a line end: the first pass takes only every other
-    // one.
-    if (ReplaceAll(guarded, "\r\n.\r\n", "\r\n..\r\n"))
-        ReplaceAll(guarded, "\r\n.\r\n", "\r\n..\r\n");
-    if (ReplaceAll(guarded, "\n.\n", "\n..\n")) ReplaceAll(guarded, "\n.\n", "\n..\n");
-    return guarded;
+std::string GuardLoneDots(std::string_view text, bool fromStart) {
+    std::string guarded;
+    guarded.reserve(text.size() + 64);
+    const char* copied = text.data();
+    ForEachLoneDot(text, fromStart, [&guarded, &copied](const char* dot) {
+        guarded.append(copied, dot).push_back('.');
+        copied = dot;
+        return true;
+    });
+    return guarded.append(copied, text.data() + text.size());
 }
 
 int CSMTPProxy::Abandon(platform::File& file) {
@@ -105,6 +104,7 @@ int CSMTPProxy::ReceiveData() {
     if (!file) return 0;
 
     std::size_t tail = 0;  // bytes at the start of the block that are not written yet
+    bool nothingWritten = true;
     int idleReads = 0;
     for (;;) {
         if (serverSocket.HasException()) return Abandon(file);
@@ -122,8 +122,8 @@ int CSMTPProxy::ReceiveData() {
         const EndMarker marker = FindEndMarker(text);
         text.remove_suffix(EndMarkerLength(marker));
         std::string guarded;
-        if (HasLoneDot(text)) {
-            guarded = GuardLoneDots(text);
+        if (HasLoneDot(text, nothingWritten)) {
+            guarded = GuardLoneDots(text, nothingWritten);
             text = guarded;
         }
         std::string_view rest;
@@ -138,6 +138,7 @@ int CSMTPProxy::ReceiveData() {
                 clientSocket.SendAll(kDiskFull);
                 return 0;
             }
+            nothingWritten = nothingWritten && text.empty();
             const auto now = Clock::now();
             if (now - lastKeepAlive >= std::chrono::seconds(noopInterval)) {
                 if (KeepAlive(this) != 0) return Abandon(file);

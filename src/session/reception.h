@@ -13,7 +13,10 @@ enum class EndMarker { kNone, kCrLf, kLf, kAloneCrLf, kAloneLf };
 EndMarker FindEndMarker(std::string_view text);
 // The bytes that belong to the marker and not to the message.
 std::size_t EndMarkerLength(EndMarker marker);
-// Whether the text holds a lone dot on a line ("\r\n.\r\n" or "\n.\n").
-bool HasLoneDot(std::string_view text);
-// The text with each lone dot doubled, so that no reader takes it for the end.
-std::string GuardLoneDots(std::string_view text);
+// A line of one dot in the middle of a message, which a server behind could take for its end: what
+// follows would then be commands to it, and a message among them would reach it unscanned. Each of
+// its line ends may be CR LF or a bare LF, in any mixture, for servers differ in what they take for
+// one. fromStart: the text is the beginning of the message, so that its first line counts too.
+bool HasLoneDot(std::string_view text, bool fromStart);
+// The text with each lone dot doubled.
+std::string GuardLoneDots(std::string_view text, bool fromStart);

@@ -66,7 +66,8 @@ class Dialogue(System):
                             (b"BDAT x", b"501 Unknown command\r\n"), (b"BDAT 12345678901", b"501 Unknown command\r\n"),
                             (b"RCPT TO:<u@elsewhere.example>", b"550 Unable to relay\r\n"),
                             (b"RCPT TO:<u%elsewhere.example@example.org>", b"550 Unable to relay\r\n"),
-                            (b"NO\0OP", b"501 Unknown command\r\n")):
+                            (b"NO\0OP", b"501 Unknown command\r\n"),
+                            (b"NOOP\rRCPT TO:<u@elsewhere.example>", b"501 Unknown command\r\n")):
             self.assertEqual(c.ask(line), reply, line)
             self.assertTrue(wait_until(lambda: self.server.lines[-1:] == [b"NOOP\r\n"]), line)
             self.server.lines.clear()
@@ -114,6 +115,19 @@ class Messages(System):
         c.send(b".\r\n")
         self.assertEqual(c.reply(), b"250 queued\r\n")
         self.assertEqual(self.server.messages, [b"a\r\n..\r\nMAIL FROM:<evil@x.example>\r\n\r\n"])
+
+    def test_no_message_hides_in_another(self):
+        """Whatever a server takes for the end of a message: nothing behind it becomes a command there."""
+        hidden = b"MAIL FROM:<evil@example.org>\r\nRCPT TO:<victim@example.org>\r\nDATA\r\nhidden\r\n"
+        for sent, got in ((b".\r\n", b"..\r\n"), (b".\n", b"..\n"), (b"a\r\n.\r\n", b"a\r\n..\r\n"), (b"a\n.\r\n", b"a\n..\r\n"),
+                          (b"a\r\n.\n", b"a\r\n..\n"), (b"a\n.\n", b"a\n..\n")):
+            with self.subTest(sent):
+                count = len(self.server.messages)
+                c = self.deliver(sent + hidden + b"\r\n.\r\n")
+                self.assertEqual(c.reply(), b"250 queued\r\n")
+                self.assertEqual(self.server.messages[count:], [got + hidden + b"\r\n\r\n"])
+                self.assertEqual(c.ask(b"VRFY step"), b"250 ok\r\n")
+                self.assertEqual(self.server.lines[-1], b"VRFY step\r\n")
 
     def test_large_and_many_in_one_session(self):
         c = self.client()

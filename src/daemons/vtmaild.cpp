@@ -109,6 +109,11 @@ long long ParseSize(const std::string& text) {
     }
 }
 
+// As clamd.conf has it.
+bool IsYes(const std::string& value) {
+    return value == "yes" || value == "Yes" || value == "true" || value == "True" || value == "1";
+}
+
 // Behind its own limits clamd calls a file clean: mail between its limits and ours would pass
 // unscanned.
 void CompareLimits(const Settings& settings) {
@@ -118,11 +123,13 @@ void CompareLimits(const Settings& settings) {
     if (!file)
         Warn("can't read " + settings.clamdConf +
              ": clamd's size limits are taken to be its defaults");
+    bool tellsOfLimits = !file;
     for (std::string line; std::getline(file, line);) {
         std::istringstream words(line);
         std::string word;
         std::string value;
         if (!(words >> word >> value)) continue;
+        if (word == "AlertExceedsMax") tellsOfLimits = IsYes(value);
         for (std::size_t i = 0; i < std::size(names); ++i) {
             // 0 means no limit.
             if (word == names[i]) limits[i] = value == "0" ? 1LL << 62 : ParseSize(value);
@@ -134,6 +141,10 @@ void CompareLimits(const Settings& settings) {
              std::to_string(limits[i]) + " bytes, below MaxFileSize of " +
              std::to_string(settings.maxFileSize));
     }
+    if (!tellsOfLimits)
+        Warn(
+            "mail could pass unscanned: without AlertExceedsMax clamd calls an archive clean that "
+            "unpacks to more than its limits");
 }
 
 bool Add(TagMsgNode* node, std::uint32_t tag, std::int32_t number) {

@@ -93,6 +93,8 @@ Dialogue::Outcome Dialogue::SenderRule() {
     return Outcome::kForward;
 }
 
+Dialogue::Outcome Dialogue::UnscannableRule() { return Answer(kUnknownCommand); }
+
 Dialogue::Outcome Dialogue::DataRule() {
     if (tokenCount_ >= 2) return Answer(kUnknownCommand);
     if (!haveRecipient_ || !haveMail_ || session_.messagePhase == PHASE_BDAT || binaryMime_)
@@ -124,10 +126,17 @@ Dialogue::Outcome Dialogue::ChunkRule() {
 
 // A verb without a rule of its own goes to the server; its code says what its reply means.
 const Dialogue::Verb Dialogue::kVerbs[] = {
-    {"EHLO", CMD_EHLO, &Dialogue::ForwardRule},    {"HELO", CMD_HELO, &Dialogue::ForwardRule},
-    {"QUIT", CMD_QUIT, &Dialogue::ForwardRule},    {"RSET", CMD_RSET, &Dialogue::ForwardRule},
-    {"RCPT", CMD_OTHER, &Dialogue::RecipientRule}, {"MAIL", CMD_OTHER, &Dialogue::SenderRule},
-    {"SEND", CMD_OTHER, &Dialogue::SenderRule},    {"SOML", CMD_OTHER, &Dialogue::SenderRule},
-    {"SAML", CMD_OTHER, &Dialogue::SenderRule},    {"DATA", CMD_OTHER, &Dialogue::DataRule},
-    {"BDAT", CMD_OTHER, &Dialogue::ChunkRule},     {nullptr, CMD_OTHER, nullptr},
+    {"EHLO", CMD_EHLO, &Dialogue::ForwardRule},
+    {"HELO", CMD_HELO, &Dialogue::ForwardRule},
+    {"QUIT", CMD_QUIT, &Dialogue::ForwardRule},
+    {"RSET", CMD_RSET, &Dialogue::ForwardRule},
+    {"RCPT", CMD_OTHER, &Dialogue::RecipientRule},
+    {"MAIL", CMD_OTHER, &Dialogue::SenderRule},
+    {"SEND", CMD_OTHER, &Dialogue::SenderRule},
+    {"SOML", CMD_OTHER, &Dialogue::SenderRule},
+    {"SAML", CMD_OTHER, &Dialogue::SenderRule},
+    {"DATA", CMD_OTHER, &Dialogue::DataRule},
+    {"BDAT", CMD_OTHER, &Dialogue::ChunkRule},
+    {"BURL", CMD_OTHER, &Dialogue::UnscannableRule},
+    {nullptr, CMD_OTHER, nullptr},
 };

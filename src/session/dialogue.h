@@ -57,6 +57,8 @@ class Dialogue {
     Outcome Dispatch();
     Outcome Answer(const char* text);
     Outcome ForwardRule() { return Outcome::kForward; }
+    // A message that the server would fetch itself never passes here.
+    Outcome UnscannableRule();
     Outcome RecipientRule();
     Outcome SenderRule();
     Outcome DataRule();

@@ -203,6 +203,7 @@ class Engine(unittest.TestCase):
         self.assertEqual(found[0][2:], ("s@example.org", "r@example.org", len(body(b"clean"))))
 
     def test_limits_of_the_engine_are_compared(self):
+        self.assertIn("AlertExceedsMax", self.log())
         self.settings(MaxFileSize="999999999")
         self.send(body(b"x"))
         self.assertTrue(wait_until(lambda: "could pass unscanned" in self.log()))

@@ -66,7 +66,7 @@ class Dialogue(System):
                             (b"BDAT x", b"501 Unknown command\r\n"), (b"BDAT 12345678901", b"501 Unknown command\r\n"),
                             (b"RCPT TO:<u@elsewhere.example>", b"550 Unable to relay\r\n"),
                             (b"RCPT TO:<u%elsewhere.example@example.org>", b"550 Unable to relay\r\n"),
-                            (b"NO\0OP", b"501 Unknown command\r\n"),
+                            (b"NO\0OP", b"501 Unknown command\r\n"), (b"BURL imap://x LAST", b"501 Unknown command\r\n"),
                             (b"NOOP\rRCPT TO:<u@elsewhere.example>", b"501 Unknown command\r\n")):
             self.assertEqual(c.ask(line), reply, line)
             self.assertTrue(wait_until(lambda: self.server.lines[-1:] == [b"NOOP\r\n"]), line)

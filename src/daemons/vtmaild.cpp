@@ -257,15 +257,19 @@ class MailDaemon final : public Daemon {
     }
 
   private:
+    // Change and reading under one lock: no request is judged by settings that another thread knows
+    // to be old, and no older reading replaces a newer one.
     std::shared_ptr<const Settings> CurrentSettings() {
-        if (watch_ != nullptr && TrelisWaitNotify(kLocalStore, watch_, 0) > 0) {
-            auto fresh = LoadSettings();
-            if (!null_) CompareLimits(*fresh);
+        std::shared_ptr<const Settings> current;
+        bool changed = false;
+        {
             const std::lock_guard lock(mutex_);
-            settings_ = std::move(fresh);
+            changed = watch_ != nullptr && TrelisWaitNotify(kLocalStore, watch_, 0) > 0;
+            if (changed) settings_ = LoadSettings();
+            current = settings_;
         }
-        const std::lock_guard lock(mutex_);
-        return settings_;
+        if (changed && !null_) CompareLimits(*current);
+        return current;
     }
 
     static ScanResult Scan(const Settings& settings, const char* path) {

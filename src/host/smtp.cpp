@@ -97,8 +97,9 @@ void CSMTP::Run(int, char**) {
     PeekMessageA(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
     if (!CreateSocketWindow() || !StartClients()) return;
     SessionRegistry::Instance().Reopen();
-    LoadInterfaces();
+    // The watch comes first: a change during the reading is told of, not missed.
     const TrelisNotify watch = TrelisPlaceNotify(kLocalStore, kInterfacesKey, 1);
+    LoadInterfaces();
     const UniqueHandle notification(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch));
     if (!notification) return;
     ReportStatus(SERVICE_RUNNING, kStartHint, 0);

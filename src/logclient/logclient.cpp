@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -58,6 +59,15 @@ void ReadLevels(bool createMissing) {
             if (createMissing) TrelisSetValue(kLocalStore, key.c_str(), "high");
         }
     }
+}
+
+// The store tells of a change once, to whoever asks first. Asking and reading are one step, so that
+// no other thread's event goes by the old levels meanwhile, and no older reading outlives a newer.
+void FollowLevels() {
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
+    TrelisNotify watch = g_watch;
+    if (watch != nullptr && TrelisWaitNotify(kLocalStore, watch, 0) > 0) ReadLevels(false);
 }
 
 std::uint32_t LevelOf(std::uint32_t kind) {
@@ -204,8 +214,9 @@ int LogClientInit(const char* label, std::uint32_t) {
     if (LIPCOpenClient(&endpoint, kEndpointName) != LIPC_OK) return kFailed;
     g_endpoint = endpoint;
     std::snprintf(g_label, sizeof g_label, "%s", label != nullptr ? label : "");
-    ReadLevels(true);
+    // The watch comes first: a change during the reading is told of, not missed.
     g_watch = TrelisPlaceNotify(kLocalStore, kLevelsKey, 1);
+    ReadLevels(true);
     return 0;
 }
 
@@ -218,8 +229,7 @@ void LogClientUninit() {
 
 int LogClientEvent(std::uint32_t event, ...) {
     if ((event & kOpenLevelBits) == 0) {
-        TrelisNotify watch = g_watch;
-        if (watch != nullptr && TrelisWaitNotify(kLocalStore, watch, 0) > 0) ReadLevels(false);
+        FollowLevels();
         event |= LevelOf(event & kKindBits);
     }
     if ((event & kLevelNone) != 0) return kNotWanted;

@@ -109,7 +109,7 @@ bool ReportReader::ReadDays(Report& report) {
         report.days.push_back({FormatDay(days.Number(0)), ReadCounts(days, 1)});
         report.totals.Add(report.days.back().counts);
     }
-    return true;
+    return !days.Failed();
 }
 
 bool ReportReader::ReadCodes(Report& report) {
@@ -129,7 +129,7 @@ bool ReportReader::ReadCodes(Report& report) {
         if (StatGroup(codes.Number(0)) == kStatOtherGroup)
             report.codes.push_back({codes.Number(0), codes.Number(1), codes.Number(2)});
     }
-    return true;
+    return !codes.Failed();
 }
 
 bool ReportReader::ReadNames(const Report& report, std::int64_t names, NameList& list) {
@@ -155,7 +155,7 @@ bool ReportReader::ReadNames(const Report& report, std::int64_t names, NameList&
         }
     }
     if (rest.Total() > 0) list.rows.push_back({kOtherName, rest});
-    return true;
+    return !top.Failed();
 }
 
 bool ReportReader::ReadHours(std::int64_t firstHour, std::int64_t lastHour,
@@ -170,7 +170,7 @@ bool ReportReader::ReadHours(std::int64_t firstHour, std::int64_t lastHour,
     while (rows.Row())
         AddTo(hours[static_cast<std::size_t>(rows.Number(0) - firstHour)], rows.Number(1),
               rows.Number(2), rows.Number(3));
-    return true;
+    return !rows.Failed();
 }
 
 std::int64_t ReportReader::Records() {

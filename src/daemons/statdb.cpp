@@ -53,7 +53,11 @@ void Statement::Bind(int index, std::string_view text) {
                       SQLITE_TRANSIENT);
 }
 void Statement::BindNull(int index) { sqlite3_bind_null(statement_.get(), index); }
-bool Statement::Row() { return sqlite3_step(statement_.get()) == SQLITE_ROW; }
+bool Statement::Row() {
+    const int result = sqlite3_step(statement_.get());
+    failed_ = result != SQLITE_ROW && result != SQLITE_DONE;
+    return result == SQLITE_ROW;
+}
 bool Statement::Run() {
     const bool good = sqlite3_step(statement_.get()) == SQLITE_DONE;
     Reset();

@@ -35,8 +35,9 @@ class Statement {
     void Bind(int index, std::int64_t number);
     void Bind(int index, std::string_view text);
     void BindNull(int index);
-    // True if there is a row to read.
+    // True if there is a row to read; false at the end, and on a failure, which Failed tells.
     bool Row();
+    bool Failed() const { return failed_; }
     // Runs a statement without rows and makes it ready for the next values. False on failure.
     bool Run();
     void Reset();
@@ -48,6 +49,7 @@ class Statement {
         void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
     };
     std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+    bool failed_ = false;
 };
 
 // One connection. One thread at a time.

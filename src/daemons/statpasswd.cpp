@@ -1,6 +1,5 @@
 #include "daemons/statpasswd.h"
 
-#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "daemons/quietterminal.h"
 #include "daemons/stataccounts.h"
 #include "platform/home.h"
 #include "trelis/trelis.h"
@@ -32,27 +32,6 @@ int Failed(const std::string& what) {
     return kFailed;
 }
 
-// While it lives a terminal on standard input shows nothing of what is typed.
-class NoEcho {
-  public:
-    NoEcho() : active_(tcgetattr(STDIN_FILENO, &before_) == 0) {
-        if (!active_) return;
-        termios silent = before_;
-        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
-    }
-    NoEcho(const NoEcho&) = delete;
-    NoEcho& operator=(const NoEcho&) = delete;
-    ~NoEcho() {
-        if (active_) tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
-    }
-    bool Active() const { return active_; }
-
-  private:
-    termios before_{};
-    bool active_;
-};
-
 std::optional<std::string> AskLine(const char* prompt, bool terminal) {
     if (terminal) std::cerr << prompt;
     std::string line;
@@ -64,7 +43,7 @@ std::optional<std::string> AskLine(const char* prompt, bool terminal) {
 }
 
 std::optional<std::string> AskPassword() {
-    const NoEcho quiet;
+    const QuietTerminal quiet(STDIN_FILENO);
     auto password = AskLine("Password: ", quiet.Active());
     // A slip that nobody saw would lock its author out.
     if (password && quiet.Active() && AskLine("Once more: ", true) != password) {

@@ -193,6 +193,7 @@ int main(int argc, char** argv) {
         return RunDaemon(service, argc, argv);
     }
     platform::HoldSignals();
+    if (words.empty() || words[0] != "watch") platform::ReleaseSignals();
     for (const Command& command : kCommands) {
         if (words.empty() || words[0] != command.word) continue;
         const Arguments arguments(words.begin() + 1, words.end());

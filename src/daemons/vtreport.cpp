@@ -3,8 +3,6 @@
 // host.
 #include <fcntl.h>
 #include <getopt.h>
-#include <signal.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "daemons/quietterminal.h"
 #include "libstats/libstats.h"
 #include "net/socket.h"
 #include "platform/commandline.h"
@@ -164,46 +163,28 @@ std::optional<Credentials> FromTokenFile() {
     return Credentials{line.substr(0, colon), line.substr(colon + 1)};
 }
 
-int g_terminal = -1;
-termios g_before;  // the terminal as it was, while a password is asked for
-
-// An interrupt must not leave the terminal without echo.
-void RestoreAndEnd(int number) {
-    tcsetattr(g_terminal, TCSAFLUSH, &g_before);
-    signal(number, SIG_DFL);
-    raise(number);
-}
-
-std::optional<std::string> AskFor(const char* prompt, bool echo) {
-    const auto say = [](const char* text) {
-        [[maybe_unused]] const ssize_t done = write(g_terminal, text, std::strlen(text));
+std::optional<std::string> AskFor(int terminal, const char* prompt, bool echo) {
+    const auto say = [terminal](const char* text) {
+        [[maybe_unused]] const ssize_t done = write(terminal, text, std::strlen(text));
     };
-    if (tcgetattr(g_terminal, &g_before) != 0) return std::nullopt;
-    constexpr int kEnds[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-    termios silent = g_before;
-    if (!echo) {
-        for (const int number : kEnds) signal(number, RestoreAndEnd);
-        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(g_terminal, TCSAFLUSH, &silent);
-    }
+    std::optional<stats::QuietTerminal> quiet;
+    if (!echo) quiet.emplace(terminal);
     say(prompt);  // only now: a fast answer would be shown, and thrown away
     char line[1024];
-    const ssize_t count = read(g_terminal, line, sizeof line);
-    if (!echo) {
-        tcsetattr(g_terminal, TCSAFLUSH, &g_before);
-        for (const int number : kEnds) signal(number, SIG_DFL);
-        say("\n");
-    }
+    const ssize_t count = read(terminal, line, sizeof line);
+    quiet.reset();
+    if (!echo) say("\n");
     if (count <= 0 || line[count - 1] != '\n') return std::nullopt;
     return std::string(line, static_cast<std::size_t>(count) - 1);
 }
 
 std::optional<Credentials> FromTerminal() {
-    g_terminal = open("/dev/tty", O_RDWR | O_CLOEXEC);
-    if (g_terminal < 0) return std::nullopt;
-    const std::optional<std::string> user = AskFor("User: ", true);
-    const std::optional<std::string> password = user ? AskFor("Password: ", false) : std::nullopt;
-    close(g_terminal);
+    const int terminal = open("/dev/tty", O_RDWR | O_CLOEXEC);
+    if (terminal < 0) return std::nullopt;
+    const std::optional<std::string> user = AskFor(terminal, "User: ", true);
+    const std::optional<std::string> password =
+        user ? AskFor(terminal, "Password: ", false) : std::nullopt;
+    close(terminal);
     if (!password) return std::nullopt;
     return Credentials{*user, *password};
 }
@@ -262,11 +243,15 @@ void PrintTable(ReportTable table) {
 
 int ShowTables(libstats::CLibStats& stats, CHTTPClient* client, const ReportQuery& query,
                const std::string& failure) {
-    // The tables come by way of a file, which needs a place that a person can write to.
+    // The tables come by way of a file, which needs a place that a person can write to, and which
+    // stays there where the exchange fails.
     std::error_code error;
-    const std::filesystem::path place = std::filesystem::temp_directory_path(error);
-    if (!error) platform::SetCommandLineArguments({"vtreport", (place / "").string()});
+    std::string place = (std::filesystem::temp_directory_path(error) / "vtreport.XXXXXX").string();
+    if (error || mkdtemp(place.data()) == nullptr)
+        return Fail("can't make a temporary directory, " + place);
+    platform::SetCommandLineArguments({"vtreport", place + "/"});
     const std::unique_ptr<ReportTables> tables = stats.GetReportTables(client, &query);
+    std::filesystem::remove_all(place, error);
     if (tables == nullptr) return Fail(failure);
     bool first = true;
     for (ReportTable& table : *tables) {

@@ -34,6 +34,12 @@ void ForEachChild(const std::string& key, Use use) {
     TrelisEnumClose(kLocalStore, walk);
 }
 
+// The system would listen on a broadcast address and on one of "this network", where no client ever
+// comes, and would keep the port from a good entry.
+bool CanListenOn(in_addr_t address) {
+    return address == INADDR_ANY || (address != INADDR_NONE && ntohl(address) >> 24 != 0);
+}
+
 struct Value {
     bool found;
     std::string text;
@@ -93,7 +99,7 @@ void CSMTP::LoadInterface(int position, const char* name) {
     const Value greeting = Read(key + "/GreetingDomainName", kGreetingNameSize);
     entry.GreetingDomainName = greeting.found ? greeting.text : kDefaultGreetingName;
     entry.IPAddress = Read(key + "/IPAddress", kIPAddressSize).text;
-    // A text that is no address gives all ones, on which the bind fails.
+    // A text that is no address gives all ones.
     address.sin_addr.s_addr = entry.IPAddress.empty() ? 0 : inet_addr(entry.IPAddress.c_str());
     entry.Port =
         Read(key + "/Port", kNameSize).text.empty() ? kDefaultPort : ReadNumber(key + "/Port");
@@ -102,7 +108,7 @@ void CSMTP::LoadInterface(int position, const char* name) {
     entry.ServerToForward = server.text.empty() ? kDefaultServer : server.text;
 
     if (entry.listener.Create(SOCK_STREAM)) AllowAddressReuse(entry.listener.Handle());
-    if (entry.listener.Bind(address)) {
+    if (CanListenOn(address.sin_addr.s_addr) && entry.listener.Bind(address)) {
         entry.listener.Listen();
         WSAAsyncSelect(entry.listener.Handle(), SocketWindow, AcceptMessage, FD_ACCEPT);
     }

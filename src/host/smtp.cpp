@@ -48,6 +48,8 @@ CSMTP::CSMTP() : CNTService(kServiceName), ActiveConnectionCounts(g_activeConnec
 }
 
 void CSMTP::Stop() {
+    // A second wish changes nothing: its report could overtake that of the end.
+    if (stopRequested_) return;
     ReportStatus(SERVICE_STOP_PENDING, kStopHint, 0);
     // The flag is for a stop that comes before Run has made the event.
     stopRequested_ = true;
@@ -90,9 +92,9 @@ void CSMTP::Run(int, char**) {
         return;
     }
     CleanSpoolDirectory();
-    const UniqueHandle stopEvent(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    StopEvent = stopEvent.Get();
-    if (stopRequested_) SetEvent(stopEvent.Get());
+    stopEvent_.Reset(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    StopEvent = stopEvent_.Get();
+    if (stopRequested_) SetEvent(stopEvent_.Get());
     MSG message;
     PeekMessageA(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
     if (!CreateSocketWindow() || !StartClients()) return;
@@ -109,6 +111,8 @@ void CSMTP::Run(int, char**) {
     } catch (...) {  // leads to the same teardown as a stop
     }
 
+    // Nobody accepts any more: a client is better refused at once than left without a greeting.
+    ReleaseInterfaces();
     EndSessions();
     DestroyASFilters();
     ReleaseLibStats();
@@ -119,7 +123,6 @@ void CSMTP::Run(int, char**) {
     sessionsLeft_ = !SessionRegistry::Instance().Empty();
     TrelisCancelNotify(kLocalStore, kInterfacesKey, 1, watch);
     TrelisUninit();
-    ReleaseInterfaces();
     WSACleanup();
     StopEvent = nullptr;
 }

@@ -50,6 +50,8 @@ class CSMTP : public CNTService {
     void ReleaseInterfaces();
     void LoadInterface(int position, const char* name);
 
+    // Lives as long as the host: a late signal may still come to it.
+    UniqueHandle stopEvent_;
     std::atomic<HANDLE> StopEvent{nullptr};
     HWND SocketWindow = nullptr;
     std::array<NetworkInterface, kInterfaceCount> interfaces_;

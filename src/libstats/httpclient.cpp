@@ -12,8 +12,7 @@ constexpr std::uint32_t kWaitSeconds = 300;
 constexpr int kFormatSize = 10000;
 constexpr std::size_t kLineSize = 10000;
 // A server that sends headers without end must not fill the memory, nor hold the reader for ever.
-constexpr int kMostHeaderLines = 100;
-constexpr std::size_t kMostHeaderBytes = std::size_t{64} * 1024;
+constexpr std::size_t kMostHeaderBytes = std::size_t{256} * 1024;
 
 std::string LowerCase(std::string_view text) {
     std::string lower(text);
@@ -88,14 +87,13 @@ int CHTTPClient::ReadBody(char* buffer, int length) {
 int CHTTPClient::ReadHeaders() {
     char buffer[kLineSize];
     std::size_t bytes = 0;
-    int lines = 0;
     try {
         while (ReadResponseLine(buffer, sizeof buffer) == 1) {
             const std::string_view received(buffer);
             const std::string_view line = StripLineEnd(received);
             if (line.find_first_not_of('\r') == std::string_view::npos) return 0;
             bytes += received.size();
-            if (++lines > kMostHeaderLines || bytes > kMostHeaderBytes) break;
+            if (bytes > kMostHeaderBytes) break;
             const std::size_t colon = line.find(':');
             if (colon == std::string_view::npos) continue;
             const std::size_t start = line.find_first_not_of(" \t", colon + 1);
@@ -106,7 +104,7 @@ int CHTTPClient::ReadHeaders() {
         bytes = kMostHeaderBytes + 1;
     }
     // The exchange must not go on with half of the headers, as if these were all.
-    if (lines > kMostHeaderLines || bytes > kMostHeaderBytes) CloseConnection();
+    if (bytes > kMostHeaderBytes) CloseConnection();
     return 0;
 }
 

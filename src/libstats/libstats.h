@@ -107,8 +107,8 @@ class CLibStats {
     virtual CHTTPClient* CreateHTTPClient() = 0;
     // Deletes *client and sets it to null.
     virtual void ReleaseHTTPClient(CHTTPClient** client) = 0;
-    // Fetch a report; null on any failure, and then no file is left. They take as long as the
-    // server makes progress: each wait has 300 s of its own. The file belongs to the caller.
+    // Fetch a report; null on any failure; what came by then stays on the disk. They take as long
+    // as the server makes progress: each wait has 300 s of its own. The file belongs to the caller.
     virtual std::unique_ptr<ReportTables> GetReportTables(CHTTPClient* client,
                                                           const ReportQuery* query) = 0;
     virtual ReportPath GetReportFile(CHTTPClient* client, const ReportQuery* query) = 0;

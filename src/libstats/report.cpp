@@ -47,9 +47,9 @@ std::string RequestBody(const ReportQuery& query, int type, int format) {
         number("request_id", query.RequestId),
         number("request_format", format),
         number("agent_id", query.AgentId),
+        number("time_period", query.TimePeriod),
         "date_start=" + Bounded(query.DateStart),
         "date_end=" + Bounded(query.DateEnd),
-        number("time_period", query.TimePeriod),
     };
     std::string body;
     for (const std::string& item : items) {
@@ -108,10 +108,8 @@ ReportPath ReceiveReport(CHTTPClient& client, const char* extension) {
         received = ReceiveBody(client, length, path.get());
     } catch (const std::exception&) {  // no memory: as any failure
     }
-    if (received) return path;
-    // Half a report is of no use to anybody, and nobody else knows its name.
-    DeleteFileA(path.get());
-    return nullptr;
+    // What came of a report that was cut short stays, for whoever wants to see how far it got.
+    return received ? std::move(path) : nullptr;
 }
 
 // The whole text, or an empty one. What stands behind a zero byte in a piece is dropped.

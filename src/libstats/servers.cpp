@@ -21,10 +21,11 @@ int ReadPort(std::uint32_t address) {
     if (TrelisInit2() == 0) {
         char text[kPortTextSize];
         if (BufferedGetValue(ntohl(address), kPortKey, text, sizeof text) >= 0)
-            port = static_cast<int>(std::strtol(text, nullptr, 10));
+            port = static_cast<int>(std::clamp(std::strtol(text, nullptr, 10), 0L, 0x7FFFFFFFL));
         TrelisUninit();
     }
-    return port < 1 || port > 0xFFFF ? kStatsPort : port;
+    // One that is no port fails at the connecting: another place is not asked in its stead.
+    return port < 1 ? kStatsPort : port;
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ int LIPCAcquire(LIPCEndpoint& endpoint, LIPCConnection** connection) {
         }
         if (broken == nullptr) return LIPCNewConnection(endpoint, connection);
         LIPCRecycle(endpoint, broken);
-        busy = 0;
+        busy = 0;  // the walk begins anew
     }
 }
 

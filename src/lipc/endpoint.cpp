@@ -84,8 +84,14 @@ int LIPCNewConnection(LIPCEndpoint& endpoint, LIPCConnection** connection) {
         raw->semaphore.Reset(CreateSemaphoreA(nullptr, 0, kQueueLimit, nullptr));
         if (!raw->semaphore) return LIPC_FAILED;
         {
-            // In the list before its first event, which may come before PipeOpen returns.
+            // In the list before its first event, which may come before PipeOpen returns. Counted
+            // where it is added: threads that found nothing free at once don't exceed the limit
+            // together.
             const std::lock_guard lock(endpoint.lock);
+            const auto busy =
+                std::count_if(endpoint.connections.begin(), endpoint.connections.end(),
+                              [](const auto& each) { return each->inUse; });
+            if (endpoint.mode == kClientMode && busy > kMaxBusyConnections) return LIPC_NOT_THERE;
             endpoint.connections.push_back(std::move(made));
         }
         const int channel = endpoint.mode == kClientMode
@@ -139,6 +145,8 @@ void LIPCRecycle(LIPCEndpoint& endpoint, LIPCConnection* connection) {
             endpoint.connections.splice(endpoint.connections.end(), endpoint.connections, found);
             for (; !connection->queue.empty(); connection->queue.pop_front()) {
                 WaitForSingleObject(connection->semaphore.Get(), 0);
+                // A client's endpoint has no reader.
+                if (endpoint.mode == kClientMode) continue;
                 endpoint.queue.push_back({connection->queue.front().code, connection});
                 ReleaseSemaphore(endpoint.semaphore.Get(), 1, nullptr);
             }

@@ -103,7 +103,8 @@ void EndIo(PipeChannel& channel) {
     if (PostQueuedCompletionStatus(channel.port, 0, kKeyCancel, &channel.connectIo.overlapped) ==
         FALSE)
         --channel.pendingIo;
-    CancelIo(channel.pipe.Get());
+    // Also a write that a sender had begun when its time ran out.
+    CancelIoEx(channel.pipe.Get(), nullptr);
     WaitForPendingIo(channel);
     channel.pendingIo = 0;
 }
@@ -308,13 +309,20 @@ int PipeBytesWaiting(int number, std::uint32_t* count) {
 int PipeReceive(int number, void* buffer, std::uint32_t size) {
     const std::shared_ptr<PipeChannel> channel = Find(number);
     if (channel == nullptr || buffer == nullptr) return LIPC_BAD_ARGUMENT;
-    if (channel->readState == kFailedState) return LIPC_BROKEN;
     if (channel->readState == kNotConnected) return LIPC_BUSY;
+    // What came whole before the peer closed is still good: a close costs the connection only.
+    const auto take = [&channel, buffer, size] {
+        const std::lock_guard lock(channel->lock);
+        return ChunkTake(channel->readyBytes, buffer, size);
+    };
+    if (channel->readState == kFailedState) {
+        const std::uint32_t left = take();
+        return left > 0 ? static_cast<int>(left) : LIPC_BROKEN;
+    }
     const int status = WaitFor(*channel, channel->messageEvent.Get(), channel->readState);
-    if (status != LIPC_OK) return status;
+    const std::uint32_t count = status == LIPC_OK || status == LIPC_BROKEN ? take() : 0;
+    if (count == 0) return status == LIPC_OK ? LIPC_FAILED : status;
     const std::lock_guard lock(channel->lock);
-    const std::uint32_t count = ChunkTake(channel->readyBytes, buffer, size);
-    if (count == 0) return LIPC_FAILED;
     if (!channel->readyBytes.empty()) SetEvent(channel->messageEvent.Get());
     return static_cast<int>(count);
 }

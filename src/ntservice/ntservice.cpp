@@ -110,6 +110,7 @@ int CNTService::ProcessCommandLine(int argc, char** argv) {
         foreground_ = true;
         return RunInForeground(argc, argv, 1);
     }
+    if (!dispatch) platform::ReleaseSignals();
     return (this->*chosen)() != 0 ? 0 : -1;
 }
 

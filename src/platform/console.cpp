@@ -49,8 +49,14 @@ void BindConsoleStreams() {
 
 void HoldSignals() {
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);  // a file at its size limit is a failed write like any other
     const sigset_t set = StopSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void ReleaseSignals() {
+    const sigset_t set = StopSignals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
 void ExitNow(int code) { _exit(code); }

@@ -23,6 +23,8 @@ void BindConsoleStreams();
 // First thing in main: SIGPIPE is ignored, SIGINT and SIGTERM wait for SetConsoleCtrlHandler or the
 // service dispatcher.
 void HoldSignals();
+// Undoes the waiting: for a command that nobody but these signals could end.
+void ReleaseSignals();
 // Ends the process at once, without destructors.
 [[noreturn]] void ExitNow(int code);
 

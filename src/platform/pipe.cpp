@@ -54,7 +54,7 @@ class Pipe final : public PollTarget {
     BOOL Write(const void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
     void SkipCompletionsOnSuccess();
     BOOL Connect(OVERLAPPED* overlapped);
-    void Cancel();
+    void Cancel(bool ofAnyThread);
     bool Disconnect();
     // A client for an instance that waits for one. Called by the server, under its lock.
     void Adopt(int descriptor);
@@ -87,6 +87,7 @@ class Pipe final : public PollTarget {
     // A short read has emptied the socket and nothing has arrived since: a further read would only
     // say so.
     bool drained_ = false;
+    bool hungUp_ = false;  // the peer has closed, whatever is still to be read
     bool skipOnSuccess_ = false;
     const std::shared_ptr<PipeServer> server_;
 };
@@ -176,7 +177,8 @@ Pipe::Tried Pipe::TryRead(DWORD& error) {
         drained_ = true;
         return Tried::kWouldBlock;
     }
-    drained_ = count > 0 && static_cast<DWORD>(count) < read_.size;
+    // A hang-up is told once only: behind it the end is still to be read, whatever came before.
+    drained_ = !hungUp_ && count > 0 && static_cast<DWORD>(count) < read_.size;
     if (count <= 0) {
         error = count == 0 ? ERROR_BROKEN_PIPE : IoError();
         return Tried::kFailed;
@@ -275,6 +277,7 @@ void Pipe::Adopt(int descriptor) {
     const std::lock_guard lock(mutex_);
     descriptor_ = descriptor;
     drained_ = false;
+    hungUp_ = false;
     const bool watched = queue_.queue->Watch(descriptor_, this);
     Complete(connect_, 0, watched ? 0 : ERROR_NOT_ENOUGH_MEMORY);
 }
@@ -285,6 +288,7 @@ void Pipe::OnReady(std::uint32_t events) {
     if (descriptor_ < 0) return;
     if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
         drained_ = false;
+        hungUp_ = hungUp_ || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
         if (read_.overlapped != nullptr) {
             const Tried tried = TryRead(error);
             Finish(read_, tried, error);
@@ -296,12 +300,12 @@ void Pipe::OnReady(std::uint32_t events) {
     }
 }
 
-void Pipe::Cancel() {
+void Pipe::Cancel(bool ofAnyThread) {
     const bool waited = server_ != nullptr && server_->StopWaiting(this);
     const std::lock_guard lock(mutex_);
     const DWORD thread = GetCurrentThreadId();
     for (Operation* operation : {&read_, &write_}) {
-        if (operation->overlapped != nullptr && operation->thread == thread)
+        if (operation->overlapped != nullptr && (ofAnyThread || operation->thread == thread))
             Complete(*operation, operation->done, ERROR_OPERATION_ABORTED);
     }
     // Whoever cancels first ends the wait for a client: nothing else could.
@@ -533,6 +537,13 @@ BOOL SetFileCompletionNotificationModes(HANDLE pipe, BYTE flags) {
 BOOL CancelIo(HANDLE pipe) {
     Pipe* object = ToPipe(pipe);
     if (object == nullptr) return FALSE;
-    object->Cancel();
+    object->Cancel(false);
+    return TRUE;
+}
+
+BOOL CancelIoEx(HANDLE pipe, OVERLAPPED* overlapped) {
+    Pipe* object = ToPipe(pipe);
+    if (object == nullptr || overlapped != nullptr) return FALSE;
+    object->Cancel(true);
     return TRUE;
 }

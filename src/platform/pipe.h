@@ -66,4 +66,6 @@ BOOL SetFileCompletionNotificationModes(HANDLE pipe, BYTE flags);
 // Cancels the I/O that the calling thread started on the pipe; its completions come with
 // ERROR_OPERATION_ABORTED.
 BOOL CancelIo(HANDLE pipe);
+// As CancelIo, for what any thread has started. The record must be null: all operations.
+BOOL CancelIoEx(HANDLE pipe, OVERLAPPED* overlapped);
 #endif

@@ -142,7 +142,7 @@ int CSMTPProxy::ReceiveData() {
             const auto now = Clock::now();
             if (now - lastKeepAlive >= std::chrono::seconds(noopInterval)) {
                 if (KeepAlive(this) != 0) return Abandon(file);
-                lastKeepAlive = now;
+                lastKeepAlive = Clock::now();  // a slow answer counts as well
             }
         }
         if (marker != EndMarker::kNone) {

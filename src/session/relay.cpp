@@ -1,6 +1,7 @@
 // The message phase: reception, scan, and what the verdict asks for. What is left in expectReply
 // says who answers the client: 1, a reply of the server is on its way; 0, the client has its
 // answer.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -157,10 +158,15 @@ int MessageRelay::Run(int* expectReply) {
         done = AnswerFailedScan(expectReply);
     } else {
         file_ = platform::File::OpenRead(path.c_str());
+        const bool gone = !file_ && errno == ENOENT;
         remaining_ = file_ ? file_.Size() : -1;
         // Gone after the scan: the daemon has taken the message away, and the reply to the RSET is
-        // the client's.
-        done = remaining_ < 0 ? SendServer("RSET\r\n") : Deliver(expectReply);
+        // the client's. A file that is there and can't be read must not be called accepted.
+        if (gone) {
+            done = SendServer("RSET\r\n");
+        } else {
+            done = remaining_ < 0 ? AnswerFailedScan(expectReply) : Deliver(expectReply);
+        }
     }
     file_.Close();
     session_.RemoveSpoolFile();
@@ -171,6 +177,9 @@ int MessageRelay::Run(int* expectReply) {
 // told to come back.
 bool MessageRelay::AnswerFailedScan(int* expectReply) {
     *expectReply = 0;
+    // A server that didn't answer a NOOP in time may do so yet: its replies would be one behind
+    // from now on, and one recipient's pass for another's.
+    if (session_.peersLost) return false;
     return SendServer("RSET\r\n") && Reply() && session_.clientSocket.SendAll(kNotChecked) != 0;
 }
 
@@ -252,6 +261,15 @@ bool MessageRelay::SendAsData() {
 // the command to be acknowledged, which a server may put off for tens of milliseconds.
 bool MessageRelay::SendAsChunks() {
     char* const block = buffer_ + kCommandRoom;
+    // A server that knows no BDAT would take the message's lines for commands, and could be given
+    // another message among them. Where it hasn't said that it knows it, an empty chunk asks.
+    if (!session_.serverTakesChunks) {
+        if (!SendServer("bdat 0  \r\n") || !Reply()) return false;
+        if (IsRefusal(buffer_)) {
+            refusal_ = buffer_;
+            return true;
+        }
+    }
     for (;;) {
         const long long count = remaining_ > 0 ? file_.Read(block, kBlockSize) : 0;
         if (count < 0 || ClientFailed()) return false;

@@ -145,6 +145,7 @@ Dialogue::Line Dialogue::FilterEhloLine() {
     std::sscanf(reply_, "%d%c%31s", &number, &separator, keyword);
     if (SameWord(keyword, "chunking")) {
         chunkingState_ = CHUNKING_OFFERED;
+        session_.serverTakesChunks = true;
         return Line::kPass;
     }
     if (!SameWord(keyword, "pipelining") && !SameWord(keyword, "starttls")) return Line::kPass;

@@ -82,11 +82,6 @@ void CleanSpoolDirectory() {
     if (!directory.empty()) platform::RemoveFiles(directory, kSpoolPrefix);
 }
 
-CSMTPProxy::~CSMTPProxy() {
-    // A message that was abandoned between two chunks, or by an exception.
-    RemoveSpoolFile();
-}
-
 bool CSMTPProxy::PrepareSpool() {
     const std::string directory = SpoolDirectory();
     if (directory.empty()) return false;
@@ -151,6 +146,19 @@ int CSMTPProxy::ReadCommand(char* line, int& length, int size) {
     return result;
 }
 
+bool CSMTPProxy::IsPeerDenied(const SocketAddress& peer) {
+    char text[INET_ADDRSTRLEN];
+    if (inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text) == nullptr) {
+        peerAddress = "Unknown";
+        return false;
+    }
+    peerAddress = text;
+    const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
+    if (filters == nullptr || filters->CheckIP(peerAddress.c_str()) != 2) return false;
+    SendStatEvent(80, nullptr, nullptr);
+    return true;
+}
+
 int CSMTPProxy::RunSession() {
     SocketAddress peer{};
     clientSocket.GetPeerAddress(peer);
@@ -158,28 +166,23 @@ int CSMTPProxy::RunSession() {
                                [&peer](const RelayNetwork& network) {
                                    return network.address == (network.mask & peer.sin_addr.s_addr);
                                });
-    char text[INET_ADDRSTRLEN];
-    bool denied = false;
-    if (inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text) != nullptr) {
-        peerAddress = text;
-        const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
-        denied = filters != nullptr && filters->CheckIP(peerAddress.c_str()) == 2;
-        if (denied) SendStatEvent(80, nullptr, nullptr);
-    } else {
-        peerAddress = "Unknown";
-    }
-    if (!denied) {
-        ++*connectionCounter;
-        try {
+    bool counted = false;
+    try {
+        if (!IsPeerDenied(peer)) {
+            ++*connectionCounter;
+            counted = true;
             if (ConnectToServer() != 0) {
                 int expectReply = 1;
                 while (CommandDialogue(&expectReply) != 0 && RelayMessage(&expectReply) != 0) {
                 }
             }
-        } catch (...) {  // memory ran out: an ordinary end
         }
-        --*connectionCounter;
+    } catch (...) {  // memory ran out: an ordinary end
     }
+    if (counted) --*connectionCounter;
+    // A message that was abandoned between two chunks, or by an exception. The file has its name
+    // from the client's socket, whose number the next session may get.
+    RemoveSpoolFile();
     // From here on the sockets' numbers may soon be others'.
     SessionRegistry::Instance().Leave(this);
     clientSocket.Shutdown();
@@ -212,20 +215,23 @@ int ReadReply(CSocket& server, char* buffer, int size, std::uint32_t seconds) {
     int length = 0;
     do {
         if (server.ReadLine(buffer, length, size, seconds) == 0) return 0;
-    } while (length > 3 && buffer[3] == '-');
+        // A line too short for a code belongs to what comes.
+    } while (length < 3 || (length > 3 && buffer[3] == '-'));
     return 1;
 }
 
 int KeepAlive(void* context) {
     auto* session = static_cast<CSMTPProxy*>(context);
     if (session == nullptr) return 255;
-    if (session->serverSocket.SendAll("NOOP\r\n") == 0) return 255;
     // What it answers doesn't matter, but all of it has to be taken, or later replies would be one
     // behind.
     char reply[kNoopReplySize + 1];
-    if (ReadReply(session->serverSocket, reply, kNoopReplySize, session->connectionTimeout) == 0)
-        return 255;
-    return session->clientSocket.HasException() ? 255 : 0;
+    const bool alive =
+        session->serverSocket.SendAll("NOOP\r\n") != 0 &&
+        ReadReply(session->serverSocket, reply, kNoopReplySize, session->connectionTimeout) != 0 &&
+        !session->clientSocket.HasException();
+    session->peersLost = session->peersLost || !alive;
+    return alive ? 0 : 255;
 }
 
 int CSMTPProxy::SendStatEvent(int eventCode, const char* sender, const char* recipient) {

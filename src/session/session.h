@@ -36,7 +36,7 @@ class CSMTPProxy {
     explicit CSMTPProxy(SOCKET client) : clientSocket(client) {}
     CSMTPProxy(const CSMTPProxy&) = delete;
     CSMTPProxy& operator=(const CSMTPProxy&) = delete;
-    virtual ~CSMTPProxy();
+    virtual ~CSMTPProxy() = default;
 
     // Copies the settings of the interface; no pointer into it is kept.
     void ApplyInterface(const NetworkInterface& interface);
@@ -88,6 +88,10 @@ class CSMTPProxy {
     std::string peerAddress;  // dotted, or "Unknown"
     TextList recipients;
     std::optional<std::string> savedMailLine;  // the client's sender command, line end included
+    // A keep-alive has failed: a peer has gone, or the server is out of step. The session ends.
+    bool peersLost = false;
+    // Whether an EHLO reply of the server has ever offered CHUNKING in this session.
+    bool serverTakesChunks = false;
 
   private:
     friend class MessageRelay;
@@ -100,6 +104,8 @@ class CSMTPProxy {
     platform::File OpenNextSpoolFile();
     void RemoveSpoolFile();
     Verdict ScanMessage(const std::string& path);
+    // Judges the client's address, and notes it as text.
+    bool IsPeerDenied(const SocketAddress& peer);
 
     bool spoolFilePresent_ = false;
     bool started_ = false;

@@ -2,7 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <random>
+#include <thread>
 
 #include "platform/home.h"
 
@@ -10,6 +12,7 @@ namespace trelis {
 namespace {
 
 constexpr int kBusyMilliseconds = 5000;
+constexpr int kTurnMilliseconds = 10;
 // How many changes are kept for the other processes to see.
 constexpr int kChangesKept = 4096;
 
@@ -64,6 +67,17 @@ bool Concerns(const std::string& changed, const std::string& watched) {
            (longer.size() == shorter.size() || longer[shorter.size()] == '/' || shorter == "/");
 }
 
+// The change to a log of its own and the making of tables begin with a read, whose upgrade to a
+// write SQLite refuses at once, without its own wait, where another process does the same.
+bool ExecuteInTurn(sqlite3* database, const char* sql) {
+    for (int waited = 0;; waited += kTurnMilliseconds) {
+        const int result = sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
+        if ((result & 0xFF) != SQLITE_BUSY || waited >= kBusyMilliseconds)
+            return result == SQLITE_OK;
+        std::this_thread::sleep_for(std::chrono::milliseconds(kTurnMilliseconds));
+    }
+}
+
 Database OpenDatabase() {
     const std::string path = platform::HomePath("store.db");
     if (path.empty()) return nullptr;
@@ -75,9 +89,9 @@ Database OpenDatabase() {
     Database database(raw);
     if (opened == SQLITE_OK) {
         sqlite3_busy_timeout(raw, kBusyMilliseconds);
-        const bool ready = sqlite3_exec(raw, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;",
-                                        nullptr, nullptr, nullptr) == SQLITE_OK &&
-                           sqlite3_exec(raw, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK;
+        const bool ready =
+            ExecuteInTurn(raw, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;") &&
+            ExecuteInTurn(raw, kSchema);
         if (!ready) database.reset();
     } else {
         database.reset();

@@ -32,7 +32,7 @@ class ChangeReader {
         std::int64_t first = 0;
         std::int64_t newest = 0;
         if (!Range(first, newest) || newest <= last_) return;
-        if (first > last_ + 1 && last_ != 0) {
+        if (first > last_ + 1) {
             use(std::string("/"));  // some were dropped before this process saw them
             last_ = newest;
             return;

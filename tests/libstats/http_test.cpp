@@ -69,10 +69,9 @@ INSTANTIATE_TEST_SUITE_P(
                    std::string(9994, 'x'), "(failed)"},
         HeaderCase{"AsManyAsAllowed", Repeat(99, "a: 1\r\n") + "z: 2\r\n\r\nbody\n", "z", "2",
                    "body\n"},
-        HeaderCase{"TooMany", Repeat(100, "a: 1\r\n") + "z: 2\r\n\r\nbody\n", "a", "(none)",
-                   "(failed)"},
-        HeaderCase{"TooManyWithoutColon", Repeat(5000, "a\r\n"), "a", "(none)", "(failed)"},
-        HeaderCase{"TooLarge", Repeat(8, "a: " + std::string(9000, 'x') + "\r\n") + "\r\nbody\n",
+        HeaderCase{"Many", Repeat(2000, "a: 1\r\n") + "z: 2\r\n\r\nbody\n", "z", "2", "body\n"},
+        HeaderCase{"TooManyWithoutColon", Repeat(100000, "a\r\n"), "a", "(none)", "(failed)"},
+        HeaderCase{"TooLarge", Repeat(30, "a: " + std::string(9000, 'x') + "\r\n") + "\r\nbody\n",
                    "a", "(none)", "(failed)"}),
     [](const auto& each) { return each.param.name; });
 

@@ -218,6 +218,48 @@ TEST_F(Client, APeerThatClosesCostsItsConnectionOnly) {
     ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
 }
 
+TEST_F(Client, AReplyIsGoodThoughThePeerClosesBehindIt) {
+    constexpr int kRounds = 100;
+    const RawServer server("raw");
+    std::thread peer([&] {
+        const std::string frame = Frame("done");
+        for (int i = 0; i < kRounds; ++i) {
+            const int client = server.Accept();
+            ReadBytes(client, 21);
+            EXPECT_EQ(write(client, frame.data(), frame.size()),
+                      static_cast<ssize_t>(frame.size()));
+            if (i % 2 == 1) std::this_thread::yield();
+            close(client);
+        }
+    });
+    for (int i = 0; i < kRounds; ++i) {
+        const Exchange answer = Ask(endpoint_, "1", 5000);
+        EXPECT_EQ(answer.status, LIPC_OK) << i;
+        EXPECT_EQ(answer.reply, "done") << i;
+        std::this_thread::sleep_for(2ms);  // the close is to be seen before the next request
+    }
+    peer.join();
+}
+
+TEST_F(Client, ManyAtOnceOpenNoMoreThanTheLimit) {
+    const RawServer server("raw");
+    std::vector<std::thread> askers;
+    std::atomic<int> refused{0};
+    for (int i = 0; i < 300; ++i) {
+        askers.emplace_back([this, &refused] {
+            if (Ask(endpoint_, "1", -1).status == LIPC_NOT_THERE) ++refused;
+        });
+    }
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (refused < 300 - 257 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(refused, 300 - 257);
+    LIPCClose(endpoint_);
+    for (std::thread& asker : askers) asker.join();
+    EXPECT_EQ(refused, 300 - 257);
+    ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
+}
+
 TEST_F(Client, CloseWakesThoseWhoWait) {
     const RawServer server("raw");
     std::thread waiter([this] { EXPECT_EQ(Ask(endpoint_, "1", -1).status, LIPC_FAILED); });

@@ -3,7 +3,6 @@
 import itertools
 import os
 import resource
-import subprocess
 import time
 import unittest
 
@@ -142,7 +141,7 @@ class Chunks(Chunked):
         c.ask(b"RCPT TO:<r@example.org>")
         self.assertEqual(c.ask(b"DATA"), SEQUENCE)
         self.assertEqual(self.chunk(c, ODD, last=True), b"250 ok\r\n")
-        self.assertEqual(self.server.messages, [ODD])
+        self.assertEqual(self.server.messages, [b"", ODD], "without EHLO the server is asked whether it takes chunks")
 
     def test_slow_chunk_keeps_the_server_alive(self):
         c = self.begun()
@@ -212,6 +211,23 @@ class ChunkFaults(Chunked):
                 self.again(c)
                 self.assertEqual(self.chunk(c, b"next", last=True), b"250 ok\r\n")
 
+    def test_server_that_has_not_offered_chunks_is_asked_first(self):
+        # A server without BDAT would take the lines of the message for commands.
+        def bdat(line):
+            return b"500 what?\r\n"
+        self.server.rules["BDAT"] = bdat
+        inner = b"DATA\r\nSubject: hidden\r\n\r\nx\r\n.\r\n"
+        c = Client(self.proxy.port)
+        self.addCleanup(c.close)
+        self.assertTrue(c.reply().startswith(b"220"))
+        for line in (b"HELO me", b"MAIL FROM:<s@example.org>", b"RCPT TO:<r@example.org>"):
+            self.assertTrue(c.ask(line).startswith(b"250"))
+        c.send(b"BDAT %d LAST\r\n" % len(inner) + inner)
+        self.assertEqual(c.reply(), b"500 what?\r\n")
+        self.assertEqual(self.server.lines[-2:], [b"bdat 0  \r\n", b"RSET\r\n"])
+        self.assertEqual(c.ask(b"VRFY x"), b"250 ok\r\n")
+        self.assertEqual(self.server.messages, [b""])
+
     def test_server_refuses_and_goes(self):
         def answer(line):
             self.server.rules["RSET"] = None
@@ -275,10 +291,7 @@ class DiskFull(unittest.TestCase):
         full = b"452 Requested action not taken: insufficient system storage\r\n"
         server = MailServer()
         proxy = Proxy(server.port, start=False)
-        # Python ignores SIGXFSZ, and so does its child: the write fails instead.
-        proxy.process = subprocess.Popen([BIN + "/vtsmtpproxy", "debug"], env=proxy.env, stdout=subprocess.PIPE,
-                                         stderr=subprocess.STDOUT, restore_signals=False)
-        self.assertTrue(wait_until(proxy.listening, 20))
+        proxy.start()
         scan = ScanDaemon(proxy.home)
         resource.prlimit(proxy.process.pid, resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))
         for begin, body in ((b"BDAT 3000000 LAST\r\n", b"x" * 3000000), (b"BDAT 900000\r\n", b"x" * 900000)):
@@ -292,6 +305,11 @@ class DiskFull(unittest.TestCase):
             self.assertEqual(c.reply(), b"", "the session ends")
             c.close()
             self.assertTrue(wait_until(lambda: not proxy.spool()))
+        c = Client(proxy.port)
+        c.envelope()
+        self.assertEqual(c.data((b"x" * 70 + b"\r\n") * 30000 + b".\r\n"), full)
+        c.close()
+        self.assertTrue(wait_until(lambda: not proxy.spool()))
         self.assertEqual(server.messages, [])
         self.assertEqual(scan.requests, [])
         proxy.stop()

@@ -2,6 +2,7 @@
 
 import base64
 import datetime
+import glob
 import os
 import pty
 import re
@@ -77,11 +78,11 @@ class Report(unittest.TestCase):
         return subprocess.run([BIN + "/vtreport", *words], env=self.env, cwd=self.out, capture_output=True, timeout=30,
                               start_new_session=True)
 
-    def fails(self, result, word):
+    def fails(self, result, word, left=()):
         self.assertEqual(result.returncode, 1, result)
         self.assertEqual(result.stdout, b"")
         self.assertRegex(result.stderr.decode(), "^vtreport: .*" + word + ".*\n$")
-        self.assertEqual(os.listdir(self.out), [])
+        self.assertEqual([os.path.getsize(os.path.join(self.out, name)) for name in os.listdir(self.out)], list(left))
 
     def test_tables_are_aligned_and_cannot_steer_the_terminal(self):
         self.serve(ok(TABLES))
@@ -93,8 +94,8 @@ class Report(unittest.TestCase):
         self.assertEqual(self.server.requests, [
             b"POST / HTTP/1.1\r\nContent-Type: application/x-www-form-urlencoded\r\nContent-Length: 111\r\n"
             b"Authorization: basic " + token + b"\r\n\r\n"
-            b"request_type=3&request_id=1&request_format=0&agent_id=4&date_start=2024-01-31&date_end=2024-02-29&"
-            b"time_period=0"])
+            b"request_type=3&request_id=1&request_format=0&agent_id=4&time_period=0&"
+            b"date_start=2024-01-31&date_end=2024-02-29"])
         self.assertEqual(os.listdir(self.out), [], "no file is left")
 
     def test_formats(self):
@@ -117,10 +118,10 @@ class Report(unittest.TestCase):
         today = datetime.datetime.now(datetime.timezone.utc).date()
         if before == today:
             start = today - datetime.timedelta(29)
-            self.assertIn(b"date_start=%s&date_end=%s&" % (start.isoformat().encode(), today.isoformat().encode()),
+            self.assertIn(b"date_start=%s&date_end=%s" % (start.isoformat().encode(), today.isoformat().encode()),
                           self.server.requests[0])
         self.run_it("--to", "2024-03-01")
-        self.assertIn(b"date_start=2024-02-01&date_end=2024-03-01&", self.server.requests[1])
+        self.assertIn(b"date_start=2024-02-01&date_end=2024-03-01", self.server.requests[1])
 
     def test_an_empty_report(self):
         self.serve(ok(b"0"))
@@ -130,8 +131,14 @@ class Report(unittest.TestCase):
     def test_failures(self):
         self.serve(b"HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n\r\n")
         self.fails(self.run_it(), "no report from 127.0.0.1")
-        self.serve(ok(b"a" * 100)[:-1])
-        self.fails(self.run_it("--format", "csv"), "no report")
+        self.serve(ok(b"a" * 10000)[:-1])
+        self.fails(self.run_it("--format", "csv"), "no report", [8192])
+        os.unlink(os.path.join(self.out, os.listdir(self.out)[0]))
+        self.env["TMPDIR"] = self.home
+        self.fails(self.run_it(), "no report")
+        self.assertEqual(glob.glob(self.home + "/vtreport*"), [], "of the tables nothing stays")
+        self.env["TMPDIR"] = "/nowhere"
+        self.fails(self.run_it(), "temporary directory")
         self.serve(ok(b"x"))
         self.server.close()
         self.fails(self.run_it("--format", "csv"), "no report")

@@ -2,11 +2,14 @@
 
 import os
 import signal
+import socket
+import subprocess
+import tempfile
 import threading
 import time
 import unittest
 
-from harness import NET, Client, MailServer, Proxy, ScanDaemon, clean, free_port, verdict, wait_until
+from harness import BIN, NET, Client, MailServer, Proxy, ScanDaemon, clean, free_port, verdict, wait_until
 
 REJECTED = b"550 Rejected by Vantrel.\r\n"
 NOT_CHECKED = b"451 4.3.0 Message could not be checked, try again later\r\n"
@@ -211,6 +214,18 @@ class Verdicts(System):
         self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
         self.assertGreaterEqual(self.server.lines.count(b"NOOP\r\n"), 2)
 
+    def test_late_server_is_not_read_one_reply_behind(self):
+        def noop(_):
+            time.sleep(6.5)  # beyond the limit of a reply
+            return b"250 late\r\n"
+        self.server.rules["NOOP"] = noop
+        self.scan.answer = lambda request: time.sleep(3) or clean()
+        c = self.client()
+        c.envelope()
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), b"", "the session ends; the client keeps its message")
+        self.assertNotIn(b"RSET\r\n", self.server.lines)
+        self.assertEqual(self.server.messages, [])
+
     def test_changed_and_missing_files(self):
         def path(request):
             at = request.index(b"/tmp/VTNP/")
@@ -344,6 +359,39 @@ class Host(System):
             c = self.client()
             return c.reply().startswith(b"220")
         self.assertTrue(wait_until(admitted))
+
+    def test_an_interface_without_a_proper_address_takes_no_port(self):
+        for text in ("rubbish", "255.255.255.255", "5"):
+            with self.subTest(text):
+                port = free_port()
+                other = NET[:NET.rindex("/")]
+                self.proxy.load({other + "/a/IPAddress": text, other + "/a/Port": str(port),
+                                 other + "/zz/IPAddress": "", other + "/zz/Port": str(port),
+                                 other + "/zz/ServerToForward": "127.0.0.1:%d" % self.server.port})
+                def greeted():
+                    try:
+                        with socket.create_connection(("127.0.0.1", port), 2) as client:
+                            return client.recv(3) == b"220"
+                    except OSError:
+                        return False
+                self.assertTrue(wait_until(greeted))
+                self.proxy.tool("del", other + "/zz")
+
+    def test_a_new_store_is_opened_by_many_at_once(self):
+        for _ in range(5):
+            with tempfile.TemporaryDirectory() as home:
+                env = dict(os.environ, VANTREL_HOME=home)
+                tools = [subprocess.Popen([BIN + "/vtregistry", "set", "/a/%d" % i, "x"], env=env, stderr=subprocess.PIPE)
+                         for i in range(12)]
+                self.assertEqual([tool.communicate()[1] for tool in tools], [b""] * len(tools))
+
+    def test_a_command_that_waits_is_ended_by_a_signal(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            tool = subprocess.Popen([BIN + "/vtregistry", "load"], env=self.proxy.env, stdin=subprocess.PIPE)
+            time.sleep(0.3)
+            tool.send_signal(number)
+            self.assertEqual(tool.wait(10), -number)
+            tool.stdin.close()
 
     def test_reload_keeps_running_sessions(self):
         c = self.client()

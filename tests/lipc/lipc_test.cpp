@@ -39,6 +39,7 @@ class RawServer {
         unlink(path_.c_str());
     }
     int Accept() const { return accept(listener_, nullptr, nullptr); }
+    int Listener() const { return listener_; }
     static std::string platform_path(const std::string& name) {
         return platform::HomePath("pipes/") + name;
     }
@@ -218,26 +219,37 @@ TEST_F(Client, APeerThatClosesCostsItsConnectionOnly) {
     ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
 }
 
+// Answers each connection's one request and closes behind the reply, until it is closed itself.
+void AnswerAndClose(const RawServer& server, const std::atomic<bool>& ended) {
+    const std::string frame = Frame("done");
+    while (!ended) {
+        pollfd entry{server.Listener(), POLLIN, 0};
+        if (poll(&entry, 1, 20) != 1) continue;
+        const int client = server.Accept();
+        ReadBytes(client, 21);
+        EXPECT_EQ(write(client, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+        close(client);
+    }
+}
+
 TEST_F(Client, AReplyIsGoodThoughThePeerClosesBehindIt) {
-    constexpr int kRounds = 100;
     const RawServer server("raw");
-    std::thread peer([&] {
-        const std::string frame = Frame("done");
-        for (int i = 0; i < kRounds; ++i) {
-            const int client = server.Accept();
-            ReadBytes(client, 21);
-            EXPECT_EQ(write(client, frame.data(), frame.size()),
-                      static_cast<ssize_t>(frame.size()));
-            if (i % 2 == 1) std::this_thread::yield();
-            close(client);
-        }
-    });
-    for (int i = 0; i < kRounds; ++i) {
-        const Exchange answer = Ask(endpoint_, "1", 5000);
+    std::atomic<bool> ended{false};
+    std::thread peer([&] { AnswerAndClose(server, ended); });
+    for (int i = 0; i < 50; ++i) {
+        LIPCEndpoint* endpoint = nullptr;
+        ASSERT_EQ(LIPCOpenClient(&endpoint, "raw"), LIPC_OK);
+        const Exchange answer = Ask(endpoint, "1", 5000);
         EXPECT_EQ(answer.status, LIPC_OK) << i;
         EXPECT_EQ(answer.reply, "done") << i;
-        std::this_thread::sleep_for(2ms);  // the close is to be seen before the next request
+        LIPCClose(endpoint);
     }
+    // A close that has been seen costs the next request nothing.
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Ask(endpoint_, "1", 5000).reply, "done") << i;
+        std::this_thread::sleep_for(500ms);
+    }
+    ended = true;
     peer.join();
 }
 

@@ -6,6 +6,7 @@
 #include "host/smtp.h"
 #include "session/session.h"
 #include "trelis/buffered.h"
+#include "trelis/size.h"
 
 namespace {
 
@@ -127,6 +128,7 @@ void CSMTP::LoadInterface(int position, const char* name) {
 
     entry.MaxThreads = ReadNumber(key + "/MaxThreads");
     if (entry.MaxThreads < 0 || entry.MaxThreads > kMaxSessions) entry.MaxThreads = kMaxSessions;
+    entry.MaxMessageSize = ParseSize(Read(key + "/MaxMessageSize", kNameSize).text);
     entry.TimeoutBetweenNOOPs = ReadSeconds(key + "/TimeoutBetweenNOOPs", kDefaultNoopSeconds);
     entry.ConnectionTimeout = ReadSeconds(key + "/ConnectionTimeout", kDefaultConnectionSeconds);
 }

@@ -101,6 +101,7 @@ void CSMTP::Run(int, char**) {
     SessionRegistry::Instance().Reopen();
     // The watch comes first: a change during the reading is told of, not missed.
     const TrelisNotify watch = TrelisPlaceNotify(kLocalStore, kInterfacesKey, 1);
+    scanLimit_.Watch();
     LoadInterfaces();
     const UniqueHandle notification(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch));
     if (!notification) return;
@@ -121,6 +122,7 @@ void CSMTP::Run(int, char**) {
     // A session that waited for one of those has been woken by their end.
     SessionRegistry::Instance().WaitIdle(kCutSessions);
     sessionsLeft_ = !SessionRegistry::Instance().Empty();
+    scanLimit_.Unwatch();
     TrelisCancelNotify(kLocalStore, kInterfacesKey, 1, watch);
     TrelisUninit();
     WSACleanup();

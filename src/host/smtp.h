@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "host/scan_limit.h"
 #include "ntservice/ntservice.h"
 #include "platform/file.h"
 #include "platform/sync.h"
@@ -59,6 +60,7 @@ class CSMTP : public CNTService {
     std::array<std::atomic<std::int32_t>, kInterfaceCount>& ActiveConnectionCounts;
     std::atomic<bool> stopRequested_{false};
     bool sessionsLeft_ = false;
+    ScanLimit scanLimit_;
     platform::InstanceLock lock_;
 };
 

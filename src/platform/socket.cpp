@@ -1,10 +1,12 @@
 #include "platform/socket.h"
 
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 
@@ -71,25 +73,51 @@ int SocketSendNow(SOCKET socket, const void* buffer, int length) {
     return Outcome(result);
 }
 
-SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds) {
+bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit) {
     using Clock = std::chrono::steady_clock;
-    const int wanted = want == SocketWant::kRead    ? POLLIN
-                       : want == SocketWant::kWrite ? POLLOUT
-                                                    : 0;
-    pollfd entry{socket, static_cast<short>(wanted | POLLPRI), 0};
-    const auto end = Clock::now() + std::chrono::seconds(seconds);
-    long long left = static_cast<long long>(seconds) * 1000;
-    for (;;) {
-        const int result = poll(&entry, 1, static_cast<int>(std::min<long long>(left, 1 << 30)));
-        if (result > 0) break;
-        if (result < 0 && errno != EINTR) return {false, true};
-        left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0) return {false, false};
+    std::array<pollfd, kMostWatches> entries{};
+    count = std::min(count, kMostWatches);
+    const auto wanted = [](SocketWant want) {
+        return want == SocketWant::kRead ? POLLIN : want == SocketWant::kWrite ? POLLOUT : 0;
+    };
+    for (std::size_t i = 0; i < count; ++i) {
+        watches[i].found = {false, false};
+        entries[i] = {watches[i].socket, static_cast<short>(wanted(watches[i].want) | POLLPRI), 0};
     }
-    // A half-closed connection shows as readable, not as hung up. With a wait for readiness an
-    // error or a reset is told by the call that follows; asked for nothing, it is the answer.
-    const bool urgent = (entry.revents & (POLLPRI | POLLNVAL)) != 0;
-    const bool dead = (entry.revents & (POLLERR | POLLHUP)) != 0;
-    return {(entry.revents & wanted) != 0 || dead,
-            urgent || (dead && want == SocketWant::kNothing)};
+    const auto end = Clock::now() + limit;
+    long long left = limit.count();
+    for (;;) {
+        const int result = poll(entries.data(), static_cast<nfds_t>(count),
+                                static_cast<int>(std::clamp<long long>(left, 0, 1 << 30)));
+        if (result > 0) break;
+        if (result < 0 && errno != EINTR) {
+            for (std::size_t i = 0; i < count; ++i) watches[i].found.exception = true;
+            return true;
+        }
+        left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (left <= 0) return false;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        // A half-closed connection shows as readable, not as hung up. With a wait for readiness an
+        // error or a reset is told by the call that follows; asked for nothing, it is the answer.
+        const int seen = entries[i].revents;
+        const bool urgent = (seen & (POLLPRI | POLLNVAL)) != 0;
+        const bool dead = (seen & (POLLERR | POLLHUP)) != 0;
+        watches[i].found = {(seen & wanted(watches[i].want)) != 0 || dead,
+                            urgent || (dead && watches[i].want == SocketWant::kNothing)};
+    }
+    return true;
 }
+
+SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds) {
+    SocketWatch watch{socket, want, {}};
+    SocketWaitAny(&watch, 1, std::chrono::seconds(seconds));
+    return watch.found;
+}
+
+void SocketSendAtOnce(SOCKET socket) {
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+void SocketEndSending(SOCKET socket) { shutdown(socket, SHUT_WR); }

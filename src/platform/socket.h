@@ -3,6 +3,9 @@
 // descriptors, and none hands out descriptor 0, which is the empty marker of the layer above.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
+
 #include "platform/types.h"
 
 #ifdef _WIN32
@@ -51,6 +54,21 @@ struct SocketReadiness {
                      // socket
 };
 enum class SocketWant { kRead, kWrite, kNothing };
+// One of several sockets to wait for, and what was found.
+struct SocketWatch {
+    SOCKET socket = INVALID_SOCKET;
+    SocketWant want = SocketWant::kNothing;
+    SocketReadiness found{};
+};
+inline constexpr std::size_t kMostWatches = 2;
+// Waits until one of `count` sockets (kMostWatches at most) shows something, or for the time; a
+// signal restarts the wait with the time that is left. False: the time is over.
+bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit);
 // Waits up to `seconds`; a signal restarts the wait with the time that is left. Both false: the
 // time is over.
 SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds);
+// From now on what is sent goes out at once, and does not wait for what went before to be
+// acknowledged. For a writer that puts together itself what belongs together.
+void SocketSendAtOnce(SOCKET socket);
+// Tells the other side that nothing more comes; it can still send.
+void SocketEndSending(SOCKET socket);

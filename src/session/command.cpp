@@ -1,60 +1,75 @@
 // The client's side of the dialogue: what its commands come to. The table of verbs is at the end.
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
 #include "asfilters/asfilters.h"
 #include "session/dialogue.h"
 #include "session/normalize.h"
+#include "session/path.h"
 
 namespace {
 
-constexpr char kUnknownCommand[] = "501 Unknown command\r\n";
-constexpr char kBadSequence[] = "503 Bad sequence of commands\r\n";
-constexpr char kUnableToRelay[] = "550 Unable to relay\r\n";
-constexpr char kChunkReceived[] = "250 chunk received ok\r\n";
+constexpr std::string_view kUnknownCommand = "501 Unknown command\r\n";
+constexpr std::string_view kBadSequence = "503 Bad sequence of commands\r\n";
+constexpr std::string_view kUnableToRelay = "550 Unable to relay\r\n";
+constexpr std::string_view kChunkReceived = "250 chunk received ok\r\n";
+constexpr std::string_view kTooLong = "500 5.5.2 Line too long\r\n";
 // For a refused sender without a deny text: a client always gets exactly one reply to a command.
-constexpr char kDefaultDeny[] = "550 5.7.1 Message Rejected\r\n";
+constexpr std::string_view kDefaultDeny = "550 5.7.1 Message Rejected\r\n";
 
-bool IsWord(const char* token, const char* word) {
-    return std::strlen(token) == std::strlen(word) &&
-           EqualIgnoringCase(token, word, std::strlen(word));
+bool IsWord(std::string_view token, std::string_view word) {
+    return token.size() == word.size() && EqualIgnoringCase(token.data(), word.data(), word.size());
 }
 
-// A zero byte, or a CR that isn't the line's end: a server might read a command behind it that the
-// checks here don't see.
-bool HidesText(const char* line, int length) {
-    const auto size = static_cast<std::size_t>(length);
-    if (std::memchr(line, '\0', size) != nullptr) return true;
-    const void* cr = std::memchr(line, '\r', size);
-    return cr != nullptr && static_cast<const char*>(cr) + 2 != line + size;
+std::string_view BehindColon(std::string_view text) {
+    const std::size_t colon = text.find(':');
+    return colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
 }
 
-const char* BehindColon(const char* text) {
-    const char* colon = std::strchr(text, ':');
-    return colon == nullptr ? "" : colon + 1;
+// The number of the parameter SIZE=number, or 0.
+unsigned long long DeclaredSize(std::string_view parameters) {
+    constexpr std::string_view kBlanks = " \t\r\n";
+    constexpr std::string_view kKey = "SIZE=";
+    while (!parameters.empty()) {
+        const std::size_t end = std::min(parameters.find_first_of(kBlanks), parameters.size());
+        const std::string_view word = parameters.substr(0, end);
+        parameters.remove_prefix(std::min(end + 1, parameters.size()));
+        if (word.size() <= kKey.size() || !IsWord(word.substr(0, kKey.size()), kKey)) continue;
+        const std::string_view digits = word.substr(kKey.size());
+        unsigned long long size = 0;
+        const auto [rest, error] =
+            std::from_chars(digits.data(), digits.data() + digits.size(), size);
+        // More than fits is more than any limit; what is no number is the server's to refuse.
+        if (error == std::errc::result_out_of_range) return ~0ULL;
+        if (error == std::errc() && rest == digits.data() + digits.size()) return size;
+    }
+    return 0;
 }
 
 }  // namespace
 
-Dialogue::Outcome Dialogue::Answer(const char* text) {
-    if (session_.clientSocket.SendAll(text) == 0) return Outcome::kEndSession;
-    return KeepAlive(&session_) == 0 ? Outcome::kAnswered : Outcome::kEndSession;
+Dialogue::Outcome Dialogue::Answer(std::string_view text) {
+    if (!peers_.client.Send(text)) return Outcome::kEndSession;
+    const bool alive = peers_.server.KeepAliveAfterAnswer() && !peers_.client.PeerGone();
+    return alive ? Outcome::kAnswered : Outcome::kEndSession;
 }
 
-Dialogue::Outcome Dialogue::Dispatch() {
-    if (HidesText(line_, lineLength_)) return Answer(kUnknownCommand);
-    std::memcpy(copy_, line_, static_cast<std::size_t>(lineLength_) + 1);
-    NormalizeCommand(copy_);
+Dialogue::Outcome Dialogue::Dispatch(bool whole) {
+    copy_ = line_;
+    NormalizeCommand(copy_.data());
+    copy_.resize(std::strlen(copy_.c_str()));
     for (auto& token : tokens_) token[0] = '\0';
-    tokenCount_ =
-        std::sscanf(copy_, "%10s %10s %10s %10s", tokens_[0], tokens_[1], tokens_[2], tokens_[3]);
-    if (tokenCount_ < 0) tokenCount_ = 0;
-    for (const Verb* verb = kVerbs; verb->word != nullptr; ++verb) {
-        if (!IsWord(tokens_[0], verb->word)) continue;
-        inFlight_ = verb->code;
-        return (this->*verb->rule)();
-    }
-    return Outcome::kForward;
+    tokenCount_ = std::max(0, std::sscanf(copy_.c_str(), "%10s %10s %10s %10s", tokens_[0],
+                                          tokens_[1], tokens_[2], tokens_[3]));
+    const Verb* verb = kVerbs;
+    while (verb->word != nullptr && !IsWord(tokens_[0], verb->word)) ++verb;
+    const bool tooLong = verb->code != CMD_AUTH && line_.size() > kLongestCommand;
+    if (!whole || tooLong) return Answer(kTooLong);
+    if (HidesText(line_)) return Answer(kUnknownCommand);
+    inFlight_ = verb->code;
+    return (this->*verb->rule)();
 }
 
 // Whether the second token begins with "KEYWORD:", or is KEYWORD and the third begins with ':'.
@@ -67,39 +82,59 @@ bool Dialogue::NamesPath(const char* keyword) const {
 
 Dialogue::Outcome Dialogue::RecipientRule() {
     if (!NamesPath("to")) return Outcome::kForward;  // the server judges the syntax
-    const char* path = BehindColon(copy_);
-    if (session_.IsLocalRecipient(path) == 0 && session_.relayAllowed == 0)
+    const std::string_view text = BehindColon(copy_);
+    if (!peers_.relayAllowed &&
+        (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
+         !StaysInside(text, peers_.settings.mailDomains)))
         return Answer(kUnableToRelay);
-    NormalizeAddress(path, recipientText_, kSessionTextSize - 1);
+    recipientText_ = ReadPath(text).address;
     inFlight_ = CMD_RCPT;
     return Outcome::kForward;
 }
 
+int Dialogue::JudgeSender(const std::vector<std::string>& readings) {
+    int worst = 0;
+    for (const std::string& reading : readings) {
+        std::array<char, kTextSize> sender{};
+        std::array<char, kTextSize> text{};
+        reading.copy(sender.data(), sender.size() - 1);
+        const int result = filters_->CheckSender(sender.data(), text.data(), kTextSize);
+        if (&reading == &readings.front()) senderText_ = sender.data();
+        if ((result != 1 && result != 2) || result <= worst) continue;
+        worst = result;
+        denyText_ = text;
+    }
+    return worst;
+}
+
 Dialogue::Outcome Dialogue::SenderRule() {
     if (!NamesPath("from")) return Outcome::kForward;
-    NormalizeAddress(BehindColon(copy_), senderText_, kSessionTextSize - 1);
-    if (filters_ != nullptr) {
-        const int result = filters_->CheckSender(senderText_, denyText_, kSessionTextSize);
-        if (result == 1) return Answer(denyText_[0] != '\0' ? denyText_ : kDefaultDeny);
-        if (result == 2) {
-            session_.SendStatEvent(81, senderText_, nullptr);
-            session_.clientSocket.SendAll(denyText_);  // the session ends either way
-            return Outcome::kEndSession;
-        }
+    const MailPath path = ReadPath(BehindColon(copy_));
+    senderText_ = path.address;
+    const int judgement = filters_ == nullptr ? 0 : JudgeSender(path.readings);
+    if (judgement == 1) return Answer(denyText_[0] != '\0' ? denyText_.data() : kDefaultDeny);
+    if (judgement == 2) {
+        peers_.SendStatEvent(81, senderText_.c_str(), nullptr);
+        peers_.client.Send(denyText_.data());  // the session ends either way
+        return Outcome::kEndSession;
     }
+    const long long limit = peers_.settings.maxMessageSize;
+    if (limit > 0 && DeclaredSize(path.parameters) > static_cast<unsigned long long>(limit))
+        return Answer(kMessageTooLarge);
     inFlight_ = IsWord(tokens_[0], "soml")   ? CMD_SOML
                 : IsWord(tokens_[0], "saml") ? CMD_SAML
                                              : CMD_MAIL;
     return Outcome::kForward;
 }
 
-Dialogue::Outcome Dialogue::UnscannableRule() { return Answer(kUnknownCommand); }
+Dialogue::Outcome Dialogue::RefusedRule() { return Answer(kUnknownCommand); }
 
 Dialogue::Outcome Dialogue::DataRule() {
     if (tokenCount_ >= 2) return Answer(kUnknownCommand);
-    if (!haveRecipient_ || !haveMail_ || session_.messagePhase == PHASE_BDAT || binaryMime_)
+    if (!envelope_.haveRecipient || !envelope_.haveMail || envelope_.messagePhase == PHASE_BDAT ||
+        envelope_.binaryMime)
         return Answer(kBadSequence);
-    session_.messagePhase = PHASE_DATA;
+    envelope_.messagePhase = PHASE_DATA;
     return Outcome::kMessage;
 }
 
@@ -109,19 +144,24 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     if (std::sscanf(tokens_[1], "%lld", &size) != 1 || size > 0x7FFFFFFF) size = -1;
     if (chunkingState_ == CHUNKING_ABSENT || (tokenCount_ != 2 && tokenCount_ != 3) || size < 0)
         return Answer(kUnknownCommand);
-    session_.lastChunkSeen = 0;
-    if (tokenCount_ == 3) {
-        if (!IsWord(tokens_[2], "last")) return Answer(kUnknownCommand);
-        session_.lastChunkSeen = 1;
-    }
+    if (tokenCount_ == 3 && !IsWord(tokens_[2], "last")) return Answer(kUnknownCommand);
+    const bool last = tokenCount_ == 3;
     // The chunk is read before the envelope is looked at, or its bytes would be taken for commands.
-    if (session_.ReceiveChunk(session_.messagePhase != PHASE_BDAT ? 1 : 0,
-                              static_cast<int>(size)) == 0)
-        return Outcome::kEndSession;
-    if (!haveRecipient_ || !haveMail_) return Answer(kBadSequence);
-    session_.messagePhase = PHASE_BDAT;
+    const bool first = envelope_.messagePhase != PHASE_BDAT;
+    switch (reception_.ReceiveChunk(first, size)) {
+        case Received::kWhole:
+            break;
+        case Received::kTooLarge:
+            envelope_.Clear();
+            return peers_.AnswerInsteadOfServer(kMessageTooLarge) ? Outcome::kAnswered
+                                                                  : Outcome::kEndSession;
+        case Received::kFailed:
+            return Outcome::kEndSession;
+    }
+    if (!envelope_.haveRecipient || !envelope_.haveMail) return Answer(kBadSequence);
+    envelope_.messagePhase = PHASE_BDAT;
     inFlight_ = CMD_BDAT;
-    return session_.lastChunkSeen != 0 ? Outcome::kMessage : Answer(kChunkReceived);
+    return last ? Outcome::kMessage : Answer(kChunkReceived);
 }
 
 // A verb without a rule of its own goes to the server; its code says what its reply means.
@@ -137,6 +177,11 @@ const Dialogue::Verb Dialogue::kVerbs[] = {
     {"SAML", CMD_OTHER, &Dialogue::SenderRule},
     {"DATA", CMD_OTHER, &Dialogue::DataRule},
     {"BDAT", CMD_OTHER, &Dialogue::ChunkRule},
-    {"BURL", CMD_OTHER, &Dialogue::UnscannableRule},
-    {nullptr, CMD_OTHER, nullptr},
+    {"AUTH", CMD_AUTH, &Dialogue::ForwardRule},
+    {"STARTTLS", CMD_STARTTLS, &Dialogue::ForwardRule},
+    {"BURL", CMD_OTHER, &Dialogue::RefusedRule},
+    {"XCLIENT", CMD_OTHER, &Dialogue::RefusedRule},
+    {"XFORWARD", CMD_OTHER, &Dialogue::RefusedRule},
+    {"PIPECONNEC", CMD_OTHER, &Dialogue::RefusedRule},  // tokens end after ten bytes
+    {nullptr, CMD_OTHER, &Dialogue::ForwardRule},
 };

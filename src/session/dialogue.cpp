@@ -1,35 +1,42 @@
 #include "session/dialogue.h"
 
-#include <cstring>
-
 #include "asfilters/asfilters.h"
 
-Dialogue::Dialogue(CSMTPProxy& session) : session_(session), filters_(ShareASFilters()) {
-    // The texts start empty; of the lines only what was read is looked at.
-    reply_[0] = line_[0] = copy_[0] = senderText_[0] = recipientText_[0] = denyText_[0] = '\0';
+namespace {
+
+constexpr std::string_view kCancelAuth = "*\r\n";
+
+bool IsLetter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+
+}  // namespace
+
+bool Dialogue::HidesText(std::string_view line) {
+    if (line.find('\0') != std::string_view::npos) return true;
+    const std::size_t cr = line.find('\r');
+    return cr != std::string_view::npos && cr + 2 != line.size();
 }
 
-int CSMTPProxy::CommandDialogue(const int* expectReply) {
-    messagePhase = PHASE_NONE;
-    lastChunkSeen = 0;
-    FreeTextList(recipients);
-    return Dialogue(*this).Run(*expectReply != 0);
+Dialogue::Dialogue(Peers& peers, Envelope& envelope, Reception& reception, CommandSource& commands)
+    : peers_(peers),
+      envelope_(envelope),
+      reception_(reception),
+      commands_(commands),
+      filters_(ShareASFilters()) {
+    envelope_.BeginRun();
+    for (auto& token : tokens_) token[0] = '\0';
 }
 
 int Dialogue::Run(bool readReply) {
     for (;;) {
         if (readReply && !RelayReply()) return 0;
         if (closing_) return 0;
-        inFlight_ = CMD_OTHER;
-        if (session_.ReadCommand(line_, lineLength_, kClientLineSize) == 0) return 0;
-        readReply = false;
-        if (std::strcmp(line_, "\r\n") == 0 || std::strcmp(line_, "\n") == 0) continue;
-        switch (Dispatch()) {
+        switch (TakeCommand()) {
             case Outcome::kForward:
-                if (session_.serverSocket.SendAll(line_, lineLength_) == 0) return 0;
+                if (!peers_.server.Send(line_)) return 0;
                 readReply = true;
                 break;
             case Outcome::kAnswered:
+                readReply = false;
                 break;
             case Outcome::kEndSession:
                 return 0;
@@ -37,4 +44,27 @@ int Dialogue::Run(bool readReply) {
                 return 1;
         }
     }
+}
+
+Dialogue::Outcome Dialogue::TakeCommand() {
+    std::string_view line;
+    const Stream::Line outcome = commands_.ReadCommand(line, kLongestAuthLine);
+    if (outcome == Stream::Line::kFailed) return Outcome::kEndSession;
+    line_ = line;
+    const bool whole = outcome == Stream::Line::kWhole;
+    if (authAnswer_) return TakeAuthAnswer(whole);
+    inFlight_ = CMD_OTHER;
+    if (line_ == "\r\n" || line_ == "\n") return Outcome::kAnswered;
+    // A server that waits for a handshake would take what follows for one, and everything behind it
+    // would pass unseen. Its client sends one; a command begins with a letter.
+    if (startedTls_ && !IsLetter(line_[0])) return Outcome::kEndSession;
+    return Dispatch(whole);
+}
+
+// What answers a challenge goes to the server whatever it looks like; it is nobody's business here.
+// An answer that can't be sent on, or that a server could take for two lines, gives the exchange up
+// instead; the reply to that is the client's.
+Dialogue::Outcome Dialogue::TakeAuthAnswer(bool whole) {
+    if (!whole || HidesText(line_)) line_ = kCancelAuth;
+    return Outcome::kForward;
 }

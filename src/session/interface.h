@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@ struct NetworkInterface {
     std::vector<RelayNetwork> RelayNetworks;  // in the store's order
     std::vector<std::string> MailDomains;     // in the store's order
     int MaxThreads = 0;                       // 0: no limit
+    std::optional<long long> MaxMessageSize;  // bytes; 0: no limit; none: what the scan takes
     int TimeoutBetweenNOOPs = 180;            // seconds, 1 to 3600
     int ConnectionTimeout = 600;              // seconds, 1 to 3600
     CSocket listener;                         // empty if the entry is not in use

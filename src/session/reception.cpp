@@ -1,189 +1,151 @@
 #include "session/reception.h"
 
-#include <chrono>
-#include <cstring>
+#include <algorithm>
 #include <memory>
-#include <new>
-
-#include "session/session.h"
+#include <string>
 
 namespace {
 
-// What is held back between two reads: longer than any marker, so that one that has begun in one
-// read is whole in the next.
-constexpr std::size_t kTailSize = 10;
-// Room in front of a read for the tail and the dots that guarding added to it.
-constexpr std::size_t kTailRoom = 64;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr int kBlockSize = 32768;
 constexpr int kReadSize = kBlockSize - 1;
-constexpr int kMaxIdleReads = 10;
-constexpr char kStartMail[] = "354 Enter mail, end with \".\" on a line by itself\r\n";
-constexpr char kDiskFull[] = "452 Requested action not taken: insufficient system storage\r\n";
-
-using Clock = std::chrono::steady_clock;
-
-// Whether a line that begins here is one dot.
-bool IsLoneDot(const char* at, const char* end) {
-    if (end - at < 2 || at[0] != '.') return false;
-    return at[1] == '\n' || (end - at >= 3 && at[1] == '\r' && at[2] == '\n');
-}
-
-// Calls use(at) for each lone dot, from the first to the last, until it gives false.
-template <typename Use>
-void ForEachLoneDot(std::string_view text, bool fromStart, Use use) {
-    // Line by line: the system's search for one byte is many times faster than one for a pattern.
-    const char* const end = text.data() + text.size();
-    const char* at = text.data();
-    if (fromStart && IsLoneDot(at, end) && !use(at)) return;
-    while (at < end) {
-        at = static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at)));
-        if (at == nullptr) return;
-        ++at;
-        if (IsLoneDot(at, end) && !use(at)) return;
-    }
-}
+// What is held back between two reads: longer than any end, so that one that has begun in one read
+// is whole in the next.
+constexpr std::size_t kTailSize = 10;
+// After a dot between bare line feeds: how long nothing may come for it to be the end.
+constexpr milliseconds kSilence{1000};
+// What is read of a message that won't be stored, so that its client hears why, instead of finding
+// the connection cut while it sends.
+constexpr long long kMostDrained = 256LL << 20;
+constexpr std::string_view kStartMail = "354 Enter mail, end with \".\" on a line by itself\r\n";
+constexpr std::string_view kDiskFull =
+    "452 Requested action not taken: insufficient system storage\r\n";
 
 }  // namespace
 
-EndMarker FindEndMarker(std::string_view text) {
-    if (text.ends_with("\r\n.\r\n")) return EndMarker::kCrLf;
-    if (text.ends_with("\n.\n")) return EndMarker::kLf;
-    if (text == ".\r\n") return EndMarker::kAloneCrLf;
-    if (text == ".\n") return EndMarker::kAloneLf;
-    return EndMarker::kNone;
+void Reception::Begin() {
+    refusal_ = Refusal::kNone;
+    drained_ = 0;
+    lastKeepAlive_ = std::chrono::steady_clock::now();
 }
 
-std::size_t EndMarkerLength(EndMarker marker) {
-    // A message of the marker alone is an empty message: nothing of the marker is stored.
-    switch (marker) {
-        case EndMarker::kCrLf:
-        case EndMarker::kAloneCrLf:
-            return 3;
-        case EndMarker::kLf:
-        case EndMarker::kAloneLf:
-            return 2;
-        case EndMarker::kNone:
+int Reception::Read(char* block, int size, milliseconds limit) {
+    if (refusal_ != Refusal::kNone) limit = std::min(limit, drainUntil_.Left());
+    return peers_.client.Read(block, size, limit, &peers_.server.Socket());
+}
+
+void Reception::Store(std::string_view bytes) {
+    const auto length = static_cast<long long>(bytes.size());
+    if (refusal_ != Refusal::kNone) {
+        drained_ += length;
+        return;
+    }
+    const long long limit = peers_.settings.maxMessageSize;
+    if (limit > 0 && spool_.Size() + length > limit) {
+        Refuse(Refusal::kTooLarge);
+    } else if (!spool_.Write(bytes.data(), bytes.size())) {
+        Refuse(Refusal::kDiskFull);
+    }
+}
+
+void Reception::Refuse(Refusal refusal) {
+    refusal_ = refusal;
+    spool_.Remove();
+    drainUntil_ = Deadline(peers_.settings.connectionTimeout);
+}
+
+bool Reception::DrainedEnough() const {
+    return refusal_ != Refusal::kNone && (drained_ > kMostDrained || drainUntil_.Over());
+}
+
+bool Reception::IntervalOver() const {
+    return std::chrono::steady_clock::now() - lastKeepAlive_ >=
+           seconds(peers_.settings.noopInterval);
+}
+
+Received Reception::Abandon() {
+    spool_.Remove();
+    return Received::kFailed;
+}
+
+Received Reception::AnswerAndEnd() {
+    spool_.Remove();
+    peers_.client.Send(refusal_ == Refusal::kTooLarge ? kMessageTooLarge : kDiskFull);
+    peers_.client.EndSending();
+    return Received::kFailed;
+}
+
+Received Reception::Finish() {
+    if (refusal_ == Refusal::kTooLarge) return Received::kTooLarge;
+    // A close that fails tells of a write that did: the message is not whole on the disk.
+    if (refusal_ == Refusal::kNone && spool_.Close()) return Received::kWhole;
+    return AnswerAndEnd();
+}
+
+bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {
+    switch (scanner.Ending()) {
+        case DataScanner::End::kNow:
+            // With more behind it, it would be text.
+            return !moreMayBeThere ||
+                   peers_.client.WaitReadable(milliseconds(0)) != Stream::Wait::kReady ||
+                   peers_.client.PeerGone();
+        case DataScanner::End::kIfSilent:
+            return peers_.client.WaitReadable(kSilence, &peers_.server.Socket()) ==
+                   Stream::Wait::kTimeOver;
+        case DataScanner::End::kNone:
             break;
     }
-    return 0;
+    return false;
 }
 
-bool HasLoneDot(std::string_view text, bool fromStart) {
-    bool found = false;
-    ForEachLoneDot(text, fromStart, [&found](const char*) {
-        found = true;
-        return false;
-    });
-    return found;
-}
-
-std::string GuardLoneDots(std::string_view text, bool fromStart) {
-    std::string guarded;
-    guarded.reserve(text.size() + 64);
-    const char* copied = text.data();
-    ForEachLoneDot(text, fromStart, [&guarded, &copied](const char* dot) {
-        guarded.append(copied, dot).push_back('.');
-        copied = dot;
-        return true;
-    });
-    return guarded.append(copied, text.data() + text.size());
-}
-
-int CSMTPProxy::Abandon(platform::File& file) {
-    file.Close();
-    RemoveSpoolFile();
-    return 0;
-}
-
-int CSMTPProxy::ReceiveData() {
-    auto lastKeepAlive = Clock::now();
-    // Not cleared: bytes are counted, never taken for a terminated text.
-    const std::unique_ptr<char[]> block(new (std::nothrow) char[kTailRoom + kBlockSize]);
-    if (block == nullptr) return 0;
-    if (clientSocket.SendAll(kStartMail) == 0) return 0;
-    platform::File file = OpenNextSpoolFile();
-    if (!file) return 0;
-
-    std::size_t tail = 0;  // bytes at the start of the block that are not written yet
-    bool nothingWritten = true;
-    int idleReads = 0;
+Received Reception::ReceiveData() {
+    Begin();
+    const auto block = std::make_unique_for_overwrite<char[]>(kBlockSize);
+    if (!peers_.client.Send(kStartMail)) return Received::kFailed;
+    if (!spool_.OpenNext()) Refuse(Refusal::kDiskFull);
+    DataScanner scanner(false);
+    std::string text;  // what is not in the file yet
+    text.reserve(kBlockSize + kTailSize);
     for (;;) {
-        if (serverSocket.HasException()) return Abandon(file);
-        const int count =
-            clientSocket.ReceiveTimed(block.get() + tail, kReadSize, connectionTimeout);
-        if (count < 0) return Abandon(file);
-        if (count == 0) {
-            if (idleReads > kMaxIdleReads) return Abandon(file);
-            ++idleReads;
-        } else {
-            idleReads = 0;
-        }
-        const std::size_t have = tail + static_cast<std::size_t>(count);
-        std::string_view text(block.get(), have);
-        const EndMarker marker = FindEndMarker(text);
-        text.remove_suffix(EndMarkerLength(marker));
-        std::string guarded;
-        if (HasLoneDot(text, nothingWritten)) {
-            guarded = GuardLoneDots(text, nothingWritten);
-            text = guarded;
-        }
-        std::string_view rest;
-        if (marker == EndMarker::kNone) {
-            const std::size_t keep = have > kTailSize ? kTailSize : text.size();
-            rest = text.substr(text.size() - keep);
-            text.remove_suffix(keep);
-        }
-        if (marker != EndMarker::kNone || have > kTailSize) {
-            if (!file.Write(text.data(), text.size())) {
-                Abandon(file);
-                clientSocket.SendAll(kDiskFull);
-                return 0;
-            }
-            nothingWritten = nothingWritten && text.empty();
-            const auto now = Clock::now();
-            if (now - lastKeepAlive >= std::chrono::seconds(noopInterval)) {
-                if (KeepAlive(this) != 0) return Abandon(file);
-                lastKeepAlive = Clock::now();  // a slow answer counts as well
+        const bool ahead = peers_.client.HasReadAhead();
+        const int count = Read(block.get(), kReadSize, seconds(peers_.settings.connectionTimeout));
+        if (DrainedEnough()) return AnswerAndEnd();
+        if (count < 1) return Abandon();
+        scanner.Feed({block.get(), static_cast<std::size_t>(count)}, text);
+        const bool ended = Ended(scanner, ahead || count == kReadSize);
+        const std::size_t held = scanner.HeldBack();
+        if (ended || text.size() + held > kTailSize) {
+            const std::size_t keep = ended ? 0 : std::min(kTailSize - held, text.size());
+            const std::size_t ready = text.size() - keep;
+            Store(std::string_view(text).substr(0, ready));
+            text.erase(0, ready);
+            if (IntervalOver()) {
+                if (KeepAlive(&peers_) != 0) return Abandon();
+                lastKeepAlive_ = std::chrono::steady_clock::now();  // a slow answer counts as well
             }
         }
-        if (marker != EndMarker::kNone) {
-            if (file.Close()) return 1;
-            // The system held back a write error until now: the message is not whole on the disk.
-            Abandon(file);
-            clientSocket.SendAll(kDiskFull);
-            return 0;
-        }
-        tail = rest.size();
-        std::memmove(block.get(), rest.data(), tail);
+        if (ended) return Finish();
     }
 }
 
-int CSMTPProxy::ReceiveChunk(int first, int size) {
-    const auto start = Clock::now();
+Received Reception::ReceiveChunk(bool first, long long size) {
+    Begin();
     // The chunk goes to the file in blocks as it comes: the memory of a session doesn't follow the
     // chunk's size.
-    const std::unique_ptr<char[]> block(new (std::nothrow) char[kBlockSize]);
-    if (block == nullptr) return 0;
-    platform::File file =
-        first != 0 ? OpenNextSpoolFile() : platform::File::OpenAppend(SpoolPath().c_str());
-    if (!file) return 0;
-    bool stored = true;
-    for (int missing = size; missing > 0;) {
-        if (serverSocket.HasException()) return Abandon(file);
-        const int count = clientSocket.ReceiveTimed(
-            block.get(), missing < kBlockSize ? missing : kBlockSize, noopInterval);
-        if (count < 1)
-            return Abandon(file);  // also a client that has closed: nothing more will come
+    const auto block = std::make_unique_for_overwrite<char[]>(kBlockSize);
+    if (!(first ? spool_.OpenNext() : spool_.OpenAgain())) Refuse(Refusal::kDiskFull);
+    const long long limit = peers_.settings.maxMessageSize;
+    if (limit > 0 && spool_.Size() + size > limit) Refuse(Refusal::kTooLarge);
+    for (long long missing = size; missing > 0;) {
+        const int most = static_cast<int>(std::min<long long>(missing, kBlockSize));
+        const int count = Read(block.get(), most, seconds(peers_.settings.noopInterval));
+        if (DrainedEnough()) return AnswerAndEnd();
+        if (count < 1) return Abandon();  // also a client that has closed: nothing more will come
         missing -= count;
-        // After a failure the chunk is read to its end all the same, so that the client sees its
-        // reply.
-        stored = stored && file.Write(block.get(), static_cast<std::size_t>(count));
+        Store({block.get(), static_cast<std::size_t>(count)});
     }
-    if (stored && Clock::now() - start >= std::chrono::seconds(noopInterval) &&
-        KeepAlive(this) != 0)
-        return Abandon(file);
-    stored = file.Close() && stored;
-    if (stored) return 1;
-    Abandon(file);
-    clientSocket.SendAll(kDiskFull);
-    return 0;
+    if (refusal_ == Refusal::kNone && IntervalOver() && KeepAlive(&peers_) != 0) return Abandon();
+    return Finish();
 }

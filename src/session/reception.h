@@ -1,22 +1,53 @@
-// The text handling of message reception, apart from sockets and files.
+// The reception of a message into its spool file, in the form in which it comes: with the dots that
+// a client puts in front of dots after DATA, as plain bytes in chunks.
 #pragma once
 
-#include <cstddef>
-#include <string>
+#include <chrono>
 #include <string_view>
 
-// How what has arrived ends. The number of bytes is the marker's, to be cut off; for kAlone* the
-// marker is all.
-enum class EndMarker { kNone, kCrLf, kLf, kAloneCrLf, kAloneLf };
+#include "session/data_scanner.h"
+#include "session/peers.h"
+#include "session/spool_file.h"
 
-// Looks for the end of the message at the very end of the text.
-EndMarker FindEndMarker(std::string_view text);
-// The bytes that belong to the marker and not to the message.
-std::size_t EndMarkerLength(EndMarker marker);
-// A line of one dot in the middle of a message, which a server behind could take for its end: what
-// follows would then be commands to it, and a message among them would reach it unscanned. Each of
-// its line ends may be CR LF or a bare LF, in any mixture, for servers differ in what they take for
-// one. fromStart: the text is the beginning of the message, so that its first line counts too.
-bool HasLoneDot(std::string_view text, bool fromStart);
-// The text with each lone dot doubled.
-std::string GuardLoneDots(std::string_view text, bool fromStart);
+inline constexpr std::string_view kMessageTooLarge =
+    "552 5.3.4 Message size exceeds fixed limit\r\n";
+
+// What became of a message, or of a chunk.
+enum class Received {
+    kWhole,     // it is in the file, which is closed
+    kTooLarge,  // all of it has been read; the file is gone, and the client waits for its answer
+    kFailed     // the session ends; the file is gone, and the client has had what answer it gets
+};
+
+class Reception {
+  public:
+    Reception(Peers& peers, SpoolFile& spool) : peers_(peers), spool_(spool) {}
+
+    // From the 354 to the end of the message.
+    Received ReceiveData();
+    // One chunk of `size` bytes; `first`: of a message.
+    Received ReceiveChunk(bool first, long long size);
+
+  private:
+    // Why the message in hand can't be stored any more; the rest of it is only read.
+    enum class Refusal { kNone, kDiskFull, kTooLarge };
+
+    void Begin();
+    bool Ended(const DataScanner& scanner, bool moreMayBeThere);
+    void Store(std::string_view bytes);
+    void Refuse(Refusal refusal);
+    bool DrainedEnough() const;
+    // The next bytes of the message: the count, or below 1.
+    int Read(char* block, int size, std::chrono::milliseconds limit);
+    bool IntervalOver() const;
+    Received Finish();
+    Received Abandon();
+    Received AnswerAndEnd();
+
+    Peers& peers_;
+    SpoolFile& spool_;
+    Refusal refusal_ = Refusal::kNone;
+    std::chrono::steady_clock::time_point lastKeepAlive_;
+    Deadline drainUntil_{0U};
+    long long drained_ = 0;
+};

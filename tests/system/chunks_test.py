@@ -80,12 +80,12 @@ class Chunks(Chunked):
         self.assertEqual(b"".join(self.server.messages), b"abc\0\0zzzz\nend")
 
     def test_commands(self):
-        c = self.begun()
         for line in (b"BDAT", b"BDAT x", b"BDAT -1", b"BDAT -1 LAST", b"BDAT 5 FIRST", b"BDAT 5 LAST now", b"BDAT 00000000005",
                      b"BDAT 00000000005 LAST", b"BDAT 2147483648", b"BDAT 9999999999 LAST"):
+            c = self.begun()
+            self.server.lines.clear()
             self.assertEqual(c.ask(line), UNKNOWN, line)
             self.assertTrue(wait_until(lambda: self.server.lines == [b"NOOP\r\n"]), line)
-            self.server.lines.clear()
         self.assertEqual(self.chunk(c, b"12345", size=b"0000000005"), OK)
         c.send(b"bdat 2 last\r\n67")
         self.assertEqual(c.reply(), b"250 ok\r\n")
@@ -198,7 +198,7 @@ class ChunkFaults(Chunked):
     def test_server_refuses_a_chunk(self):
         data = b"z" * 100000  # four blocks
         for name, number, reply, answer in (("middle", 2, b"552 too big\r\n", b"552 too big\r\n"),
-                                            ("first", 1, b"452-later\r\n452 full\r\n", b"452 full\r\n"),
+                                            ("first", 1, b"452-later\r\n452 full\r\n", b"452-later\r\n452 full\r\n"),
                                             ("last", 4, b"554-no\r\n554 never\r\n", b"554-no\r\n554 never\r\n")):
             with self.subTest(name):
                 self.refusing(number, reply)

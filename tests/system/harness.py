@@ -44,6 +44,7 @@ class MailServer:
         self.lines = []
         self.messages = []
         self.connections = 0
+        self.clients = []
         self.listener = socket.create_server(("127.0.0.1", 0), backlog=200)
         self.port = self.listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
@@ -55,6 +56,7 @@ class MailServer:
             except OSError:
                 return
             self.connections += 1
+            self.clients.append(client)
             threading.Thread(target=self._serve, args=(client,), daemon=True).start()
 
     def _serve(self, client):

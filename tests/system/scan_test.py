@@ -135,7 +135,7 @@ class Engine(unittest.TestCase):
 
     def test_mail_that_cannot_be_scanned(self):
         big = body(b"x" * 70 + b"\r\n" * 100000)
-        self.assertEqual(self.send(big), NOT_CHECKED)
+        self.assertEqual(self.send(big), b"552 5.3.4 Message size exceeds fixed limit\r\n")
         self.settings(PassWhenTooBig="Y")
         self.assertEqual(self.send(big), b"250 queued\r\n")
         self.settings(ScanTimeout="1")

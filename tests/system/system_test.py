@@ -63,28 +63,21 @@ class Dialogue(System):
         self.assertTrue(c.ask(b"QUIT").startswith(b"221 proxy.example"))
 
     def test_commands_answered_here_never_reach_the_server(self):
-        c = self.client()
-        c.reply()
         for line, reply in ((b"DATA", b"503 Bad sequence of commands\r\n"), (b"DATA now", b"501 Unknown command\r\n"),
                             (b"BDAT x", b"501 Unknown command\r\n"), (b"BDAT 12345678901", b"501 Unknown command\r\n"),
                             (b"RCPT TO:<u@elsewhere.example>", b"550 Unable to relay\r\n"),
                             (b"RCPT TO:<u%elsewhere.example@example.org>", b"550 Unable to relay\r\n"),
                             (b"NO\0OP", b"501 Unknown command\r\n"), (b"BURL imap://x LAST", b"501 Unknown command\r\n"),
                             (b"NOOP\rRCPT TO:<u@elsewhere.example>", b"501 Unknown command\r\n")):
-            self.assertEqual(c.ask(line), reply, line)
-            self.assertTrue(wait_until(lambda: self.server.lines[-1:] == [b"NOOP\r\n"]), line)
+            c = self.client()
+            c.reply()
             self.server.lines.clear()
+            self.assertEqual(c.ask(line), reply, line)
+            self.assertTrue(wait_until(lambda: self.server.lines == [b"NOOP\r\n"]), line)
         before = len(self.server.lines)
         c.send(b"\r\n\n")
         self.assertEqual(c.ask(b"VRFY x"), b"250 ok\r\n")
         self.assertEqual(self.server.lines[before:], [b"VRFY x\r\n"], "blank lines go nowhere")
-
-    def test_long_line_is_cut(self):
-        c = self.client()
-        c.reply()
-        self.assertEqual(c.ask(b"NOOP " + b"x" * 5000), b"250 ok\r\n")
-        self.assertEqual(len(self.server.lines[-1]), 1022)
-        self.assertTrue(self.server.lines[-1].endswith(b"\r\n"))
 
 
 class Messages(System):
@@ -272,7 +265,7 @@ class Faults(System):
 
     def test_servers_that_fail_at_each_point(self):
         for verb, failure in (("GREETING", b""), ("MAIL", None), ("RCPT", None), ("DATA", None), ("END", None), ("NOOP", None),
-                              ("DATA", b"421 no\r\n"), ("MAIL", MailServer.RESET), ("RCPT", MailServer.RESET),
+                              ("MAIL", MailServer.RESET), ("RCPT", MailServer.RESET),
                               ("DATA", MailServer.RESET), ("NOOP", MailServer.RESET)):
             with self.subTest(verb + str(failure)):
                 kept = dict(self.server.rules)

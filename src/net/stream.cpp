@@ -1,0 +1,151 @@
+#include "net/stream.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace {
+
+// What one look for lines takes at most, beyond what is read ahead already.
+constexpr std::size_t kLineRead = 2048;
+// Beyond this an empty read-ahead gives its memory back before a wait.
+constexpr std::size_t kKeptAhead = 4096;
+// One call's share of what is sent.
+constexpr std::size_t kMostSent = std::size_t{1} << 30;
+// What a peer may still send behind our last word.
+constexpr int kMostLingering = 1 << 20;
+constexpr std::chrono::milliseconds kLongestLingering{2000};
+
+}  // namespace
+
+std::chrono::milliseconds Deadline::Left() const {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now());
+    return std::max(left, std::chrono::milliseconds(0));
+}
+
+void Stream::Attach(const CSocket& socket) {
+    socket_ = socket;
+    ahead_.clear();
+    at_ = looked_ = 0;
+    // Replies and commands are put together here; waiting for acknowledgements would only cost the
+    // other side's delay, some 40 ms a piece.
+    SocketSendAtOnce(socket_.Handle());
+}
+
+bool Stream::FindLine(std::string_view& line) {
+    const std::size_t end = ahead_.find('\n', looked_);
+    looked_ = end == std::string::npos ? ahead_.size() : end + 1;
+    line = std::string_view(ahead_).substr(at_, looked_ - at_);
+    return end != std::string::npos;
+}
+
+int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
+                           const CSocket* other) {
+    if (socket_.Empty()) return -1;
+    for (;;) {
+        const int count = SocketReceiveNow(socket_.Handle(), buffer, size, false);
+        if (count != SOCKET_WOULD_BLOCK) return count;
+        if (WaitReadable(limit, other) != Wait::kReady) return -1;
+    }
+}
+
+Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole) {
+    bool tooLong = false;
+    for (;;) {
+        const bool found = FindLine(line);
+        tooLong = tooLong || line.size() > limit;
+        if (found) {
+            line = line.substr(0, limit);
+            at_ = looked_;
+            return tooLong ? Line::kTooLong : Line::kWhole;
+        }
+        ahead_.erase(0, at_);
+        at_ = 0;
+        // Of a line that is too long only the beginning is kept.
+        if (tooLong) ahead_.resize(limit);
+        looked_ = ahead_.size();
+        if (ahead_.empty() && ahead_.capacity() > kKeptAhead) std::string().swap(ahead_);
+        std::array<char, kLineRead> block;
+        const int count = ReceiveWaiting(
+            block.data(), static_cast<int>(block.size()),
+            whole != nullptr ? whole->Left() : std::chrono::seconds(seconds_), nullptr);
+        if (count < 1) return Line::kFailed;
+        ahead_.append(block.data(), static_cast<std::size_t>(count));
+    }
+}
+
+Stream::Wait Stream::WaitReadable(std::chrono::milliseconds limit, const CSocket* other) {
+    if (HasReadAhead()) return Wait::kReady;
+    if (socket_.Empty()) return Wait::kFailed;
+    std::array<SocketWatch, kMostWatches> watches;
+    watches[0] = {socket_.Handle(), SocketWant::kRead, {}};
+    const bool two = other != nullptr && !other->Empty();
+    if (two) watches[1] = {other->Handle(), SocketWant::kNothing, {}};
+    if (!SocketWaitAny(watches.data(), two ? 2 : 1, limit)) return Wait::kTimeOver;
+    if (watches[0].found.exception || (two && watches[1].found.exception)) return Wait::kFailed;
+    return Wait::kReady;
+}
+
+int Stream::TakeAhead(char* buffer, int size) {
+    const std::size_t count = std::min(ahead_.size() - at_, static_cast<std::size_t>(size));
+    std::memcpy(buffer, ahead_.data() + at_, count);
+    at_ += count;
+    if (at_ == ahead_.size()) {
+        ahead_.clear();
+        at_ = 0;
+    }
+    looked_ = at_;
+    return static_cast<int>(count);
+}
+
+int Stream::Read(char* buffer, int size, std::chrono::milliseconds limit, const CSocket* other) {
+    return HasReadAhead() ? TakeAhead(buffer, size) : ReceiveWaiting(buffer, size, limit, other);
+}
+
+int Stream::ReadNow(char* buffer, int size) {
+    if (HasReadAhead()) return TakeAhead(buffer, size);
+    return socket_.Empty() ? -1 : SocketReceiveNow(socket_.Handle(), buffer, size, false);
+}
+
+void Stream::PutBack(std::string_view bytes) {
+    ahead_.replace(0, at_, bytes);
+    at_ = looked_ = 0;
+}
+
+bool Stream::Send(std::string_view bytes) {
+    const Deadline deadline(seconds_);
+    while (!bytes.empty()) {
+        if (socket_.Empty()) return false;
+        const int count = SocketSendNow(socket_.Handle(), bytes.data(),
+                                        static_cast<int>(std::min(bytes.size(), kMostSent)));
+        if (count == SOCKET_WOULD_BLOCK) {
+            SocketWatch watch{socket_.Handle(), SocketWant::kWrite, {}};
+            if (!SocketWaitAny(&watch, 1, deadline.Left()) || watch.found.exception) return false;
+            continue;
+        }
+        if (count < 1) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+bool Stream::PeerGone() const {
+    if (socket_.HasException()) return true;
+    if (HasReadAhead()) return false;
+    char byte;
+    const int seen = SocketReceiveNow(socket_.Handle(), &byte, 1, true);
+    return seen == 0 || seen == SOCKET_BROKEN;
+}
+
+void Stream::EndSending() {
+    if (socket_.Empty()) return;
+    SocketEndSending(socket_.Handle());
+    const Deadline deadline(kLongestLingering);
+    std::array<char, kLineRead> block;
+    for (int taken = 0; taken < kMostLingering;) {
+        const int count =
+            ReceiveWaiting(block.data(), static_cast<int>(block.size()), deadline.Left(), nullptr);
+        if (count < 1) return;
+        taken += count;
+    }
+}

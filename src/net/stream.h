@@ -1,0 +1,86 @@
+// One connection as its user sees it: lines and blocks in, whole pieces out. What has been read and
+// not yet asked for stays here, so that a line reader and a block reader can take turns on one
+// connection, and nothing that has come is ever lost between them.
+//
+// The socket stays its owner's, who closes it. One thread at a time. Nothing throws but a failed
+// allocation. A failed read or write leaves the socket open: what follows is the owner's decision.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "net/socket.h"
+
+// The end of a time that several waits share.
+class Deadline {
+  public:
+    explicit Deadline(std::chrono::milliseconds limit) : end_(Clock::now() + limit) {}
+    explicit Deadline(std::uint32_t seconds) : Deadline(std::chrono::seconds(seconds)) {}
+    // Not below zero.
+    std::chrono::milliseconds Left() const;
+    bool Over() const { return Left().count() == 0; }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point end_;
+};
+
+class Stream {
+  public:
+    // From now on the socket's bytes pass here. What an earlier socket left is forgotten.
+    void Attach(const CSocket& socket);
+
+    // The limit of one write, and the one that each arrival gets where a read has none of its own.
+    void SetLimit(std::uint32_t seconds) { seconds_ = seconds; }
+
+    enum class Line {
+        kWhole,    // with its line end, LF or CR LF
+        kTooLong,  // read to its end, wherever that was; `line` holds its beginning
+        kFailed    // time over, closed or broken
+    };
+    // The next line, of at most `limit` bytes with its end. The time counts anew with each arrival;
+    // with `whole` it is that for all of it. The view holds until the next read.
+    Line ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole = nullptr);
+
+    enum class Wait { kReady, kTimeOver, kFailed };
+    // Waits until there is something to read, or the end of the connection. With `other`, a broken
+    // connection there ends the wait with kFailed.
+    Wait WaitReadable(std::chrono::milliseconds limit, const CSocket* other = nullptr);
+
+    // Up to `size` bytes, at once where some are there: the count, 0 once the peer has closed, -1
+    // on failure or when the time is over. Bytes that were read ahead come first and alone.
+    int Read(char* buffer, int size, std::chrono::milliseconds limit,
+             const CSocket* other = nullptr);
+    // As Read, but never waits: kNothingYet where nothing has come.
+    static constexpr int kNothingYet = SOCKET_WOULD_BLOCK;
+    int ReadNow(char* buffer, int size);
+    // Puts back what the last read gave and its user had no use for: the next read finds it.
+    void PutBack(std::string_view bytes);
+    bool HasReadAhead() const { return at_ < ahead_.size(); }
+
+    // Sends all of it. False on failure, or when the limit is over before the last byte is out.
+    bool Send(std::string_view bytes);
+
+    // Whether the peer has closed, with nothing that it sent left to read, or the connection is
+    // broken. Never waits.
+    bool PeerGone() const;
+    // Urgent data, a pending error or a reset.
+    bool HasException() const { return socket_.HasException(); }
+    // Closes in such a way that the last reply reaches a peer that is still sending: says that
+    // nothing more comes, and takes what is on its way, up to a bound in bytes and time.
+    void EndSending();
+
+  private:
+    bool FindLine(std::string_view& line);
+    int TakeAhead(char* buffer, int size);
+    int ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
+                       const CSocket* other);
+
+    CSocket socket_;  // a copy: not closed here
+    std::uint32_t seconds_ = 0;
+    std::string ahead_;       // what has come and was not asked for yet, from at_ on
+    std::size_t at_ = 0;      // everything in front of it has been given out
+    std::size_t looked_ = 0;  // no line end between at_ and it
+};

@@ -1,0 +1,44 @@
+// The envelope of the message in hand, as the server has confirmed it: nothing that a client only
+// asked for stands here.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+enum MessagePhase { PHASE_NONE = 0, PHASE_DATA = 1, PHASE_BDAT = 2 };
+
+using TextList = std::vector<std::string>;
+inline void FreeTextList(TextList& list) { TextList().swap(list); }
+
+struct Envelope {
+    std::optional<std::string> savedMailLine;  // the sender command as it came, line end included
+    TextList recipients;                       // in the order of acceptance
+    bool haveMail = false;
+    bool haveRecipient = false;
+    bool binaryMime = false;  // the sender command carries BODY=BINARYMIME
+    int messagePhase = PHASE_NONE;
+
+    // A new sender takes the place of all that was.
+    void AcceptSender(const std::string& line, bool binary) {
+        Clear();
+        savedMailLine = line;
+        haveMail = true;
+        binaryMime = binary;
+    }
+    void AcceptRecipient(const std::string& address) {
+        recipients.push_back(address);
+        haveRecipient = true;
+    }
+    void Clear() {
+        savedMailLine.reset();
+        BeginRun();
+    }
+    // A run of the dialogue begins with a clean envelope; only the sender's line stays until the
+    // next one takes its place.
+    void BeginRun() {
+        FreeTextList(recipients);
+        haveMail = haveRecipient = binaryMime = false;
+        messagePhase = PHASE_NONE;
+    }
+};

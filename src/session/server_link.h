@@ -1,0 +1,74 @@
+// The session's connection to the real server: commands out, whole replies in, and the NOOPs that
+// keep it while the session is busy with something else.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "net/stream.h"
+#include "session/settings.h"
+
+// One reply, its lines as they go to the client.
+struct ServerReply {
+    std::string text;
+    std::string_view Last() const;  // the last line
+    bool Is(std::string_view code) const { return Last().starts_with(code); }
+    bool Refuses() const { return Is("4") || Is("5"); }
+};
+
+class ServerLink {
+  public:
+    explicit ServerLink(const SessionSettings& settings) : settings_(settings) {}
+
+    // The socket is the session's, connected.
+    void Attach(const CSocket& socket);
+
+    // False if the server takes no more.
+    bool Send(std::string_view bytes);
+    bool Ask(std::string_view command, ServerReply& reply) {
+        return Send(command) && ReadReply(reply);
+    }
+
+    // Reads one reply line by line: Begin, then Next until it gives false; Failed tells whether the
+    // reply came to its end. All of it has to come within the connection's time-out.
+    class ReplyReader {
+      public:
+        explicit ReplyReader(ServerLink& link);
+        // A line with its end, made shorter where it is longer than a client has to take. Lines
+        // without the room for a code are no part of any reply and are passed over.
+        bool Next(std::string_view& line);
+        bool Failed() const { return failed_; }
+
+      private:
+        ServerLink& link_;
+        Deadline deadline_;
+        int lines_ = 0;
+        bool done_ = false;
+        bool failed_ = false;
+        std::string shortened_;
+    };
+    bool ReadReply(ServerReply& reply);
+
+    // A NOOP and its reply, whatever that says; but a server that answers 421 is about to close.
+    bool Noop();
+    // After an answer of the proxy's own. The first few get a NOOP each; then one goes only to a
+    // server that has heard nothing for the interval, for servers count commands that move no mail
+    // and hang up on a client with too many of them. False if a NOOP failed.
+    bool KeepAliveAfterAnswer();
+    bool SilentFor(std::chrono::seconds time) const { return Clock::now() - lastSent_ >= time; }
+
+    const CSocket& Socket() const { return socket_; }
+    // Whether the server has ever offered CHUNKING in this session.
+    bool takesChunks = false;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    const SessionSettings& settings_;
+    CSocket socket_;  // a copy: closed by the session
+    Stream stream_;
+    Clock::time_point lastSent_;
+    int ownAnswers_ = 0;
+};

@@ -1,0 +1,25 @@
+// What a session took from its interface when it was admitted; it keeps it, however the
+// configuration changes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "session/interface.h"
+
+struct SessionSettings {
+    std::string greetingName;
+    std::string forwardHost;
+    std::uint16_t forwardPort = 0;        // host order
+    std::uint32_t noopInterval = 0;       // seconds
+    std::uint32_t connectionTimeout = 0;  // seconds
+    long long maxMessageSize = 0;         // bytes, as a client sends them; 0: no limit
+    std::vector<RelayNetwork> relayNetworks;
+    std::vector<std::string> mailDomains;
+
+    // defaultMaxSize: for an interface that has no limit of its own.
+    static SessionSettings Of(const NetworkInterface& interface, long long defaultMaxSize);
+    // Whether a client of this address (network byte order) may send anywhere.
+    bool MayRelay(std::uint32_t address) const;
+};

@@ -14,8 +14,6 @@ constexpr int kReadSize = kBlockSize - 1;
 // What is held back between two reads: longer than any end, so that one that has begun in one read
 // is whole in the next.
 constexpr std::size_t kTailSize = 10;
-// After a dot between bare line feeds: how long nothing may come for it to be the end.
-constexpr milliseconds kSilence{1000};
 // What is read of a message that won't be stored, so that its client hears why, instead of finding
 // the connection cut while it sends.
 constexpr long long kMostDrained = 256LL << 20;
@@ -92,7 +90,7 @@ bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {
                    peers_.client.WaitReadable(milliseconds(0)) != Stream::Wait::kReady ||
                    peers_.client.PeerGone();
         case DataScanner::End::kIfSilent:
-            return peers_.client.WaitReadable(kSilence, &peers_.server.Socket()) ==
+            return peers_.client.WaitReadable(peers_.settings.silence, &peers_.server.Socket()) ==
                    Stream::Wait::kTimeOver;
         case DataScanner::End::kNone:
             break;

@@ -4,9 +4,7 @@
 #include <new>
 
 #include "asfilters/asfilters.h"
-#include "session/dialogue.h"
 #include "session/registry.h"
-#include "session/relay.h"
 
 namespace {
 
@@ -113,7 +111,7 @@ int CSMTPProxy::RunSession() {
         if (!IsPeerDenied(peer)) {
             ++*connectionCounter_;
             counted = true;
-            if (ConnectToServer()) Converse();
+            if (ConnectToServer()) conversation_.Run(*this);
         }
     } catch (...) {  // memory ran out: an ordinary end
     }
@@ -134,32 +132,6 @@ int CSMTPProxy::RunSession() {
     return 0;
 }
 
-void CSMTPProxy::Converse() {
-    client_.Attach(clientSocket_);
-    client_.SetLimit(settings_.connectionTimeout);
-    int expectReply = 1;
-    do {
-        Dialogue dialogue(peers_, envelope_, reception_, *this);
-        if (dialogue.Run(expectReply != 0) == 0) return;
-    } while (RelayMessage(&expectReply) != 0);
-}
-
-int CSMTPProxy::RelayMessage(int* expectReply) {
-    *expectReply = 1;
-    if (envelope_.messagePhase == PHASE_DATA) {
-        switch (reception_.ReceiveData()) {
-            case Received::kWhole:
-                break;
-            case Received::kTooLarge:
-                *expectReply = 0;
-                return peers_.AnswerInsteadOfServer(kMessageTooLarge) ? 1 : 0;
-            case Received::kFailed:
-                return 0;
-        }
-    }
-    return MessageRelay(peers_, envelope_, spool_).Run(expectReply);
-}
-
 bool CSMTPProxy::ConnectToServer() {
     if (!configured_) return false;
     SocketAddress address{};
@@ -177,5 +149,7 @@ bool CSMTPProxy::ConnectToServer() {
     }
     if (!serverSocket_.Connect(address)) return false;  // closed at the session's end
     server_.Attach(serverSocket_);
+    client_.Attach(clientSocket_);
+    client_.SetLimit(settings_.connectionTimeout);
     return true;
 }

@@ -1,6 +1,6 @@
 // session/: one CSMTPProxy and one thread a client connection. Read it along a message's road:
-// dialogue.h (commands and replies), reception.h (into the spool file), relay.h (scan, and on to
-// the server); what these share is in peers.h, envelope.h and spool_file.h.
+// conversation.h, dialogue.h (commands and replies), reception.h (into the spool file), relay.h
+// (scan, and on to the server); what these share is in peers.h, envelope.h and spool_file.h.
 //
 // A session is made on the host's thread (CreateSession, ApplyInterface, SetConnectionCounter,
 // Start) and belongs to its own thread from Start on, which destroys it. Results of the phases: 1
@@ -13,8 +13,7 @@
 #include <mutex>
 
 #include "net/stream.h"
-#include "session/dialogue.h"
-#include "session/envelope.h"
+#include "session/conversation.h"
 #include "session/interface.h"
 #include "session/peers.h"
 #include "session/settings.h"
@@ -46,8 +45,6 @@ class CSMTPProxy : private CommandSource {
 
     Stream::Line ReadCommand(std::string_view& line, std::size_t limit) override;
     bool ConnectToServer();
-    void Converse();
-    int RelayMessage(int* expectReply);
     // Judges the client's address, and notes it as text.
     bool IsPeerDenied(const SocketAddress& peer);
 
@@ -60,9 +57,8 @@ class CSMTPProxy : private CommandSource {
     Stream client_;
     ServerLink server_{settings_};
     Peers peers_{settings_, client_, server_};
-    Envelope envelope_;
     SpoolFile spool_;
-    Reception reception_{peers_, spool_};
+    Conversation conversation_{peers_, spool_};
 
     // For the registry: whether the thread waits for a command, whether it shall end, and the
     // sockets to cut. A socket is closed only after its handle has been taken out of here.

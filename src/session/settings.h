@@ -2,6 +2,7 @@
 // configuration changes.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,6 +16,8 @@ struct SessionSettings {
     std::uint32_t noopInterval = 0;       // seconds
     std::uint32_t connectionTimeout = 0;  // seconds
     long long maxMessageSize = 0;         // bytes, as a client sends them; 0: no limit
+    // After a dot between bare line feeds: how long nothing may come for it to end the message.
+    std::chrono::milliseconds silence{1000};
     std::vector<RelayNetwork> relayNetworks;
     std::vector<std::string> mailDomains;
 

@@ -1,0 +1,27 @@
+#include "session/conversation.h"
+
+#include "session/relay.h"
+
+void Conversation::Run(CommandSource& commands) {
+    int expectReply = 1;
+    do {
+        Dialogue dialogue(peers_, envelope_, reception_, commands);
+        if (dialogue.Run(expectReply != 0) == 0) return;
+    } while (RelayMessage(&expectReply) != 0);
+}
+
+int Conversation::RelayMessage(int* expectReply) {
+    *expectReply = 1;
+    if (envelope_.messagePhase == PHASE_DATA) {
+        switch (reception_.ReceiveData()) {
+            case Received::kWhole:
+                break;
+            case Received::kTooLarge:
+                *expectReply = 0;
+                return peers_.AnswerInsteadOfServer(kMessageTooLarge) ? 1 : 0;
+            case Received::kFailed:
+                return 0;
+        }
+    }
+    return MessageRelay(peers_, envelope_, spool_).Run(expectReply);
+}

@@ -1,0 +1,27 @@
+// A session from the server's greeting to its end: the dialogue and the message phase in turn.
+#pragma once
+
+#include "session/dialogue.h"
+#include "session/envelope.h"
+#include "session/peers.h"
+#include "session/reception.h"
+#include "session/spool_file.h"
+
+class Conversation {
+  public:
+    // The spool file has its name.
+    Conversation(Peers& peers, SpoolFile& spool) : peers_(peers), spool_(spool) {}
+
+    // Both connections stand. Returns when the session is over; nothing is closed.
+    void Run(CommandSource& commands);
+
+  private:
+    // 1: back to the dialogue, 0: end the session. expectReply: whether the client's answer is a
+    // reply of the server's that is still to come.
+    int RelayMessage(int* expectReply);
+
+    Peers& peers_;
+    SpoolFile& spool_;
+    Envelope envelope_;
+    Reception reception_{peers_, spool_};
+};

@@ -5,6 +5,8 @@
 #include "asfilters/asfilters.h"
 #include "session/dialogue.h"
 #include "session/normalize.h"
+#include "session/path.h"
+#include "session/sender_check.h"
 
 namespace {
 
@@ -32,6 +34,10 @@ bool HidesText(const char* line, int length) {
 const char* BehindColon(const char* text) {
     const char* colon = std::strchr(text, ':');
     return colon == nullptr ? "" : colon + 1;
+}
+
+void Store(const std::string& address, char (&target)[kSessionTextSize]) {
+    std::snprintf(target, sizeof target, "%s", address.c_str());
 }
 
 }  // namespace
@@ -66,20 +72,27 @@ bool Dialogue::NamesPath(const char* keyword) const {
 }
 
 Dialogue::Outcome Dialogue::RecipientRule() {
-    if (!NamesPath("to")) return Outcome::kForward;  // the server judges the syntax
+    const bool stranger = session_.relayAllowed == 0;
+    if (!NamesPath("to")) {  // the server judges the syntax, and may judge mildly
+        return stranger && !UnreadStaysInside(copy_, session_.mailDomains) ? Answer(kUnableToRelay)
+                                                                           : Outcome::kForward;
+    }
     const char* path = BehindColon(copy_);
-    if (session_.IsLocalRecipient(path) == 0 && session_.relayAllowed == 0)
+    if (stranger &&
+        (session_.IsLocalRecipient(path) == 0 || !StaysInside(path, session_.mailDomains)))
         return Answer(kUnableToRelay);
-    NormalizeAddress(path, recipientText_, kSessionTextSize - 1);
+    Store(ReadPath(path).address, recipientText_);
     inFlight_ = CMD_RCPT;
     return Outcome::kForward;
 }
 
 Dialogue::Outcome Dialogue::SenderRule() {
     if (!NamesPath("from")) return Outcome::kForward;
-    NormalizeAddress(BehindColon(copy_), senderText_, kSessionTextSize - 1);
+    MailPath sender = ReadPath(BehindColon(copy_));
+    Store(sender.address, senderText_);
     if (filters_ != nullptr) {
-        const int result = filters_->CheckSender(senderText_, denyText_, kSessionTextSize);
+        const int result = CheckSenderReadings(*filters_, sender, denyText_, kSessionTextSize);
+        Store(sender.address, senderText_);
         if (result == 1) return Answer(denyText_[0] != '\0' ? denyText_ : kDefaultDeny);
         if (result == 2) {
             session_.SendStatEvent(81, senderText_, nullptr);

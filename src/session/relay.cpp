@@ -10,7 +10,7 @@
 #include "logclient/logclient.h"
 #include "platform/resource.h"
 #include "scanclient/scanclient.h"
-#include "session/normalize.h"
+#include "session/path.h"
 #include "session/session.h"
 
 namespace {
@@ -70,16 +70,15 @@ TextList SplitAddresses(const std::string& text) {
 
 Verdict CSMTPProxy::ScanMessage(const std::string& path) {
     redirectAddresses.clear();
-    char sender[kSessionTextSize] = "";
+    std::string sender;
     if (savedMailLine.has_value()) {
-        const std::size_t colon = savedMailLine->find(':');
-        NormalizeAddress(savedMailLine->c_str() + (colon == std::string::npos ? 0 : colon + 1),
-                         sender, kSessionTextSize - 1);
+        const std::string_view line = *savedMailLine;
+        sender = ReadPath(line.substr(line.find(':') + 1)).address;
     }
     ScanRecord scan;
     MailScanRecord& record = scan.record;
     record.path = path.c_str();
-    record.sender = sender;
+    record.sender = sender.c_str();
     record.peerAddress = peerAddress.c_str();
     record.agentId = 4;
     record.timeoutSeconds = noopInterval;

@@ -8,6 +8,7 @@
 #include "session/dialogue.h"
 #include "session/normalize.h"
 #include "session/path.h"
+#include "session/sender_check.h"
 
 namespace {
 
@@ -81,37 +82,27 @@ bool Dialogue::NamesPath(const char* keyword) const {
 }
 
 Dialogue::Outcome Dialogue::RecipientRule() {
-    if (!NamesPath("to")) return Outcome::kForward;  // the server judges the syntax
+    const bool stranger = !peers_.relayAllowed;
+    if (!NamesPath("to")) {  // the server judges the syntax, and may judge mildly
+        return stranger && !UnreadStaysInside(copy_, peers_.settings.mailDomains)
+                   ? Answer(kUnableToRelay)
+                   : Outcome::kForward;
+    }
     const std::string_view text = BehindColon(copy_);
-    if (!peers_.relayAllowed &&
-        (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
-         !StaysInside(text, peers_.settings.mailDomains)))
+    if (stranger && (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
+                     !StaysInside(text, peers_.settings.mailDomains)))
         return Answer(kUnableToRelay);
-    recipientText_ = ReadPath(text).address;
+    recipientText_ = ReadPath(text).address.substr(0, kLongestAddress);
     inFlight_ = CMD_RCPT;
     return Outcome::kForward;
 }
 
-int Dialogue::JudgeSender(const std::vector<std::string>& readings) {
-    int worst = 0;
-    for (const std::string& reading : readings) {
-        std::array<char, kTextSize> sender{};
-        std::array<char, kTextSize> text{};
-        reading.copy(sender.data(), sender.size() - 1);
-        const int result = filters_->CheckSender(sender.data(), text.data(), kTextSize);
-        if (&reading == &readings.front()) senderText_ = sender.data();
-        if ((result != 1 && result != 2) || result <= worst) continue;
-        worst = result;
-        denyText_ = text;
-    }
-    return worst;
-}
-
 Dialogue::Outcome Dialogue::SenderRule() {
     if (!NamesPath("from")) return Outcome::kForward;
-    const MailPath path = ReadPath(BehindColon(copy_));
-    senderText_ = path.address;
-    const int judgement = filters_ == nullptr ? 0 : JudgeSender(path.readings);
+    MailPath path = ReadPath(BehindColon(copy_));
+    const int judgement =
+        filters_ == nullptr ? 0 : CheckSenderReadings(*filters_, path, denyText_.data(), kTextSize);
+    senderText_ = path.address.substr(0, kLongestAddress);
     if (judgement == 1) return Answer(denyText_[0] != '\0' ? denyText_.data() : kDefaultDeny);
     if (judgement == 2) {
         peers_.SendStatEvent(81, senderText_.c_str(), nullptr);

@@ -87,14 +87,13 @@ class Dialogue {
     // A zero byte, or a CR that isn't the line's end: a server might read a command behind it that
     // the checks here don't see.
     static bool HidesText(std::string_view line);
-    // The filter's judgement of the sender in all its readings: 0, 1 refuse, 2 drop.
-    int JudgeSender(const std::vector<std::string>& readings);
 
     // With their line ends. Only an authentication exchange has long ones.
     static constexpr std::size_t kLongestCommand = 2048;
     static constexpr std::size_t kLongestAuthLine = 12288;
     static constexpr std::size_t kTokenSize = 12;
     static constexpr int kTextSize = 512;  // of a filter's answer
+    static constexpr std::size_t kLongestAddress = 511;
 
     Peers& peers_;
     Envelope& envelope_;

@@ -1,8 +1,10 @@
-"""The packaged Postfix as a private instance on loopback: own configuration, queue and mailbox in a directory of its own.
-Needs root; no other instance, and nothing below /etc/postfix or /var, is touched."""
+"""The packaged Postfix and Exim as private instances on loopback: own configuration, queue, log and mailbox in a directory
+of their own, which goes with them. Each trusts its clients on loopback, takes example.org for its own and delivers that
+into a Maildir. Needs root; no other instance, and nothing below /etc or /var, is touched."""
 
 import os
 import pwd
+import re
 import shutil
 import socket
 import subprocess
@@ -10,6 +12,8 @@ import tempfile
 
 from harness import free_port, wait_until
 
+EXIM = os.environ.get("VANTREL_TOOLS", "/var/cache/vantrel-tools") + "/exim/usr/sbin/exim4"
+EXIM_USER = "Debian-exim"
 MASTER = "/usr/lib/postfix/sbin/master"
 MAIN = """compatibility_level = 3.6
 queue_directory = {dir}/queue
@@ -47,8 +51,48 @@ proxymap unix - n n - - proxymap
 anvil unix - - n - 1 anvil
 virtual unix - n n - - virtual
 error unix - - n - - error
+discard unix - - n - - discard
 retry unix - - n - - error
 postlog unix-dgram n - n - 1 postlogd
+"""
+
+# Everything that isn't said here is Exim's default, its limits among them. A recipient elsewhere is logged as routed by
+# "elsewhere" and thrown away: nothing leaves the machine.
+EXIM_CONFIGURATION = """primary_hostname = real.example
+qualify_domain = example.org
+domainlist ours = example.org
+hostlist relay_from_hosts = 127.0.0.1
+local_interfaces = 127.0.0.1
+daemon_smtp_ports = {port}
+spool_directory = {dir}/queue
+log_file_path = {dir}/log-%s
+pid_file_path = {dir}/pid
+keep_environment =
+deliver_drop_privilege = true
+tls_advertise_hosts =
+message_size_limit = {limit}
+acl_smtp_rcpt = recipient
+{settings}
+begin acl
+recipient:
+  accept hosts = +relay_from_hosts
+begin routers
+ours:
+  driver = accept
+  domains = +ours
+  transport = mailbox
+elsewhere:
+  driver = accept
+  transport = nowhere
+begin transports
+mailbox:
+  driver = appendfile
+  directory = {dir}/mail
+  maildir_format
+  batch_max = 100
+nowhere:
+  driver = appendfile
+  file = /dev/null
 """
 
 
@@ -56,25 +100,23 @@ def available():
     return os.geteuid() == 0 and os.access(MASTER, os.X_OK)
 
 
-class Postfix:
-    def __init__(self, limit=0):
-        self.dir = tempfile.mkdtemp(prefix="vantrel-postfix.")
+def exim_available():
+    return os.geteuid() == 0 and os.access(EXIM, os.X_OK)
+
+
+class RealServer:
+    """What the servers have in common: port, dir, the Maildir `mailbox`, the log file `log`."""
+
+    def __init__(self, name):
+        self.dir = tempfile.mkdtemp(prefix="vantrel-%s." % name)
         os.chmod(self.dir, 0o755)
         self.port = free_port()
-        nobody = pwd.getpwnam("nobody")
-        for name in ("etc", "queue", "data", "mail"):
-            os.mkdir(os.path.join(self.dir, name))
-        os.chown(self.dir + "/data", pwd.getpwnam("postfix").pw_uid, -1)
-        os.chown(self.dir + "/mail", nobody.pw_uid, nobody.pw_gid)
-        with open(self.dir + "/etc/main.cf", "w") as f:
-            f.write(MAIN.format(dir=self.dir, uid=nobody.pw_uid, gid=nobody.pw_gid, limit=limit))
-        with open(self.dir + "/etc/master.cf", "w") as f:
-            f.write(SERVICES.format(port=self.port))
-        subprocess.run(["postfix", "-c", self.dir + "/etc", "check"], check=True, capture_output=True)
+
+    def start(self, command, **options):
         # A session of its own: it signals its whole process group when it ends.
-        self.process = subprocess.Popen([MASTER, "-c", self.dir + "/etc", "-d"], start_new_session=True,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        assert wait_until(self._listening, 20), "Postfix does not listen"
+        self.process = subprocess.Popen(command, start_new_session=True, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL, **options)
+        assert wait_until(self._listening, 20), command[0] + " does not listen"
 
     def _listening(self):
         try:
@@ -83,8 +125,15 @@ class Postfix:
         except OSError:
             return False
 
+    def logged(self):
+        """All that the server has logged so far."""
+        if not os.path.exists(self.log):
+            return ""
+        with open(self.log, encoding="utf-8", errors="replace") as f:
+            return f.read()
+
     def delivered(self):
-        folder = self.dir + "/mail/r/new"
+        folder = self.mailbox + "/new"
         return sorted(os.path.join(folder, name) for name in os.listdir(folder)) if os.path.isdir(folder) else []
 
     def next_message(self, seconds=20):
@@ -96,3 +145,41 @@ class Postfix:
         self.process.terminate()
         self.process.wait(10)
         shutil.rmtree(self.dir, ignore_errors=True)
+
+
+class Exim(RealServer):
+    """settings: further lines of the main configuration."""
+
+    def __init__(self, limit=0, settings=""):
+        super().__init__("exim")
+        self.mailbox = self.dir + "/mail"
+        self.log = self.dir + "/log-main"
+        user = pwd.getpwnam(EXIM_USER)
+        with open(self.dir + "/configuration", "w") as f:
+            f.write(EXIM_CONFIGURATION.format(dir=self.dir, port=self.port, limit=limit, settings=settings))
+        os.chown(self.dir, user.pw_uid, user.pw_gid)
+        # All of it runs as that user, so it needs no other one's rights.
+        self.start([EXIM, "-C", self.dir + "/configuration", "-bdf"], user=user.pw_uid, group=user.pw_gid, extra_groups=[])
+
+
+class Postfix(RealServer):
+    """settings: parameters of main.cf, which may replace those above."""
+
+    def __init__(self, limit=0, settings=None):
+        super().__init__("postfix")
+        self.mailbox = self.dir + "/mail/r"
+        self.log = self.dir + "/log"
+        nobody = pwd.getpwnam("nobody")
+        for name in ("etc", "queue", "data", "mail"):
+            os.mkdir(os.path.join(self.dir, name))
+        os.chown(self.dir + "/data", pwd.getpwnam("postfix").pw_uid, -1)
+        os.chown(self.dir + "/mail", nobody.pw_uid, nobody.pw_gid)
+        text = MAIN.format(dir=self.dir, uid=nobody.pw_uid, gid=nobody.pw_gid, limit=limit)
+        parameters = dict(re.split(" *= *", line, maxsplit=1) for line in text.splitlines())
+        parameters.update(settings or {})
+        with open(self.dir + "/etc/main.cf", "w") as f:
+            f.write("".join("%s = %s\n" % each for each in parameters.items()))
+        with open(self.dir + "/etc/master.cf", "w") as f:
+            f.write(SERVICES.format(port=self.port))
+        subprocess.run(["postfix", "-c", self.dir + "/etc", "check"], check=True, capture_output=True)
+        self.start([MASTER, "-c", self.dir + "/etc", "-d"])

@@ -253,8 +253,8 @@ void AddOtherPlaces(std::string_view text, const Place& place, Readings& reading
         if (IsIn('=', next) || (!open && next.find_first_of("@%!.") == kNone)) break;
         word.append(next);
         rest = Trim(rest.substr(end));
-        AddPath(word, readings);
     }
+    AddPath(word, readings);
 }
 
 }  // namespace

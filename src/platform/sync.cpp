@@ -39,6 +39,39 @@ NameTable& Names() {
     return table;
 }
 
+// Eventfds of 0 that no object has at the moment: an object takes one when somebody begins to sleep
+// on it, and gives it back behind the last sleeper.
+class SpareDescriptors {
+  public:
+    // -1 on failure.
+    int Take() {
+        {
+            const std::lock_guard lock(mutex_);
+            if (count_ > 0) return spare_[--count_];
+        }
+        return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
+    void Give(int descriptor) {
+        {
+            const std::lock_guard lock(mutex_);
+            if (count_ < spare_.size()) {
+                spare_[count_++] = descriptor;
+                return;
+            }
+        }
+        close(descriptor);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::array<int, 32> spare_{};  // guarded by mutex_, as count_; filled up to count_
+    std::size_t count_ = 0;
+};
+SpareDescriptors& Spares() {
+    static SpareDescriptors& spares = *new SpareDescriptors;
+    return spares;
+}
+
 class NamedEvent final : public Waitable {
   public:
     NamedEvent(Kind kind, LONG initial, std::string name)
@@ -104,7 +137,7 @@ void SetLastError(DWORD error) { t_lastError = error; }
 namespace platform {
 
 Waitable::~Waitable() {
-    if (descriptor_ >= 0) close(descriptor_);
+    if (descriptor_ >= 0) close(descriptor_);  // closed under a waiter, against the rules
 }
 
 void Waitable::SyncDescriptor() {
@@ -146,7 +179,7 @@ bool Waitable::TryConsume() {
 int Waitable::BeginWait() {
     const std::lock_guard lock(mutex_);
     if (descriptor_ < 0) {
-        descriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        descriptor_ = Spares().Take();
         if (descriptor_ < 0) return -1;
     }
     ++waiters_;
@@ -156,7 +189,14 @@ int Waitable::BeginWait() {
 
 void Waitable::EndWait() {
     const std::lock_guard lock(mutex_);
-    --waiters_;
+    if (--waiters_ > 0) return;
+    std::uint64_t value = 0;
+    if (raised_) {
+        [[maybe_unused]] const ssize_t done = read(descriptor_, &value, sizeof value);
+    }
+    raised_ = false;
+    Spares().Give(descriptor_);
+    descriptor_ = -1;
 }
 
 DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD milliseconds) {

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "lipc/lipc.h"
+#include "lipc/outbox.h"
 #include "logclient/levels.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
@@ -30,6 +31,8 @@ constexpr int kFailed = -1;
 constexpr int kNotBuilt = -13;
 constexpr int kNotWanted = -15;
 constexpr std::chrono::milliseconds kBusyPause{250};
+// What a logger that answers takes at the end; one that hangs holds nobody up for longer.
+constexpr std::chrono::milliseconds kStopLimit{2000};
 constexpr int kArguments = 13;  // by their numbers: 2 to 12
 
 std::atomic<int> g_users{0};
@@ -189,51 +192,31 @@ int AddFields(TagMsgNode* root, const Kind& kind,
     return TAGMSG_OK;
 }
 
-int Deliver(TagMsgNode* root) {
-    void* flat = nullptr;
-    std::uint32_t length = 0;
-    int result = TagMsgSerialize(root, &flat, &length);
-    if (result != TAGMSG_OK) return result;
+int Deliver(const OwnedFlatForm& flat) {
     LIPCEndpoint* endpoint = g_endpoint;
     LIPCConnection* connection = nullptr;
     const void* reply = nullptr;
     std::uint32_t replyLength = 0;
-    while ((result = LIPCRequest(endpoint, &connection, flat, length, &reply, &replyLength, -1)) ==
-           LIPC_BUSY)
+    int result = LIPC_OK;
+    while ((result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &reply,
+                                 &replyLength, -1)) == LIPC_BUSY)
         std::this_thread::sleep_for(kBusyPause);
-    std::free(flat);
     if (result == LIPC_OK) LIPCRelease(endpoint, connection);
     return result;
 }
 
-}  // namespace
-
-int LogClientInit(const char* label, std::uint32_t) {
-    if (++g_users != 1) return 0;
-    LIPCEndpoint* endpoint = nullptr;
-    if (LIPCOpenClient(&endpoint, kEndpointName) != LIPC_OK) return kFailed;
-    g_endpoint = endpoint;
-    std::snprintf(g_label, sizeof g_label, "%s", label != nullptr ? label : "");
-    // The watch comes first: a change during the reading is told of, not missed.
-    g_watch = TrelisPlaceNotify(kLocalStore, kLevelsKey, 1);
-    ReadLevels(true);
-    return 0;
-}
-
-void LogClientUninit() {
-    if (--g_users != 0) return;
-    LIPCClose(g_endpoint.exchange(nullptr));
-    if (TrelisNotify watch = g_watch.exchange(nullptr))
-        TrelisCancelNotify(kLocalStore, kLevelsKey, 1, watch);
-}
-
-int LogClientEvent(std::uint32_t event, ...) {
+// Whether an event is wanted, by the word's own level or its class's, which is put into the word.
+bool Wanted(std::uint32_t& event) {
     if ((event & kOpenLevelBits) == 0) {
         FollowLevels();
         event |= LevelOf(event & kKindBits);
     }
-    if ((event & kLevelNone) != 0) return kNotWanted;
+    return (event & kLevelNone) == 0;
+}
 
+// The event's flat form, from the word with its level and the arguments behind it. Marks of an
+// alert are cut in the caller's texts if cutMarks, else in copies.
+int Build(std::uint32_t event, std::va_list list, bool cutMarks, OwnedFlatForm& flat) {
     OwnedMessage message;
     const auto word = static_cast<std::int32_t>(event);
     if (TagMsgCreate(&message.root) != TAGMSG_OK ||
@@ -245,8 +228,6 @@ int LogClientEvent(std::uint32_t event, ...) {
         // A caller passes as many arguments as the kind reads, and no more are taken.
         std::array<const char*, kArguments> arguments{};
         int number = 0;
-        va_list list;
-        va_start(list, event);
         for (int i = 2; i <= kind.arguments; ++i) {
             if (i == kNumberArgument) {
                 number = va_arg(list, int);
@@ -254,9 +235,84 @@ int LogClientEvent(std::uint32_t event, ...) {
                 arguments[static_cast<std::size_t>(i)] = va_arg(list, const char*);
             }
         }
-        va_end(list);
+        std::array<std::string, kArguments> copies;
+        for (const std::size_t i : {std::size_t{3}, std::size_t{4}}) {
+            if (cutMarks || kind.bit != kEventVirus || arguments[i] == nullptr) continue;
+            copies[i] = arguments[i];
+            arguments[i] = copies[i].c_str();
+        }
         const int status = AddFields(message.root, kind, arguments, number);
-        return status == TAGMSG_OK ? Deliver(message.root) : status;
+        return status == TAGMSG_OK ? TagMsgSerialize(message.root, &flat.data, &flat.length)
+                                   : status;
     }
     return kFailed;
+}
+
+int BuildOwn(std::uint32_t event, OwnedFlatForm* flat, ...) {
+    std::va_list list;
+    va_start(list, flat);
+    const int status = Build(event, list, false, *flat);
+    va_end(list);
+    return status;
+}
+
+// A Warning, at the level of its class.
+LIPCOutbox::Request TellLost(std::uint64_t lost) {
+    std::uint32_t event = kEventWarning;
+    OwnedFlatForm flat;
+    const std::string text = std::to_string(lost) + " events lost";
+    if (!Wanted(event) || BuildOwn(event, &flat, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                   text.c_str()) != TAGMSG_OK)
+        return {};
+    const char* data = static_cast<const char*>(flat.data);
+    return {data, data + flat.length};
+}
+
+// Made once and never destroyed: a session may post when the client has gone.
+LIPCOutbox& Outbox() {
+    static LIPCOutbox& outbox = *new LIPCOutbox;
+    return outbox;
+}
+
+}  // namespace
+
+int LogClientInit(const char* label, std::uint32_t) {
+    if (++g_users != 1) return 0;
+    LIPCEndpoint* endpoint = nullptr;
+    if (LIPCOpenClient(&endpoint, kEndpointName) != LIPC_OK) return kFailed;
+    g_endpoint = endpoint;
+    Outbox().Open(endpoint, TellLost);
+    std::snprintf(g_label, sizeof g_label, "%s", label != nullptr ? label : "");
+    // The watch comes first: a change during the reading is told of, not missed.
+    g_watch = TrelisPlaceNotify(kLocalStore, kLevelsKey, 1);
+    ReadLevels(true);
+    return 0;
+}
+
+void LogClientUninit() {
+    if (--g_users != 0) return;
+    g_endpoint = nullptr;
+    Outbox().Close(kStopLimit);
+    if (TrelisNotify watch = g_watch.exchange(nullptr))
+        TrelisCancelNotify(kLocalStore, kLevelsKey, 1, watch);
+}
+
+int LogClientEvent(std::uint32_t event, ...) {
+    if (!Wanted(event)) return kNotWanted;
+    OwnedFlatForm flat;
+    std::va_list list;
+    va_start(list, event);
+    const int status = Build(event, list, true, flat);
+    va_end(list);
+    return status == TAGMSG_OK ? Deliver(flat) : status;
+}
+
+int LogClientPost(std::uint32_t event, ...) {
+    if (!Wanted(event)) return kNotWanted;
+    OwnedFlatForm flat;
+    std::va_list list;
+    va_start(list, event);
+    const int status = Build(event, list, false, flat);
+    va_end(list);
+    return status == TAGMSG_OK ? Outbox().Post(flat.data, flat.length) : status;
 }

@@ -247,7 +247,7 @@ int CSMTPProxy::SendStatEvent(int eventCode, const char* sender, const char* rec
     record->SetActionMask(62);
     if (sender != nullptr) record->SetSender(sender);
     if (recipient != nullptr) record->AddRecipient(recipient);
-    client->SendRequest(record);
+    client->PostRequest(record);
     FreeStatsRequest(record);
     return 0;
 }

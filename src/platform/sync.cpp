@@ -64,7 +64,7 @@ class SpareDescriptors {
 
   private:
     std::mutex mutex_;
-    std::array<int, 32> spare_{};  // guarded by mutex_, as count_; filled up to count_
+    std::array<int, 16> spare_{};  // guarded by mutex_, as count_; filled up to count_
     std::size_t count_ = 0;
 };
 SpareDescriptors& Spares() {

@@ -16,6 +16,7 @@
 #include "lipc/lipc.h"
 #include "lipc/outbox.h"
 #include "logclient/levels.h"
+#include "platform/clock.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 #include "trelis/trelis.h"
@@ -214,14 +215,20 @@ bool Wanted(std::uint32_t& event) {
     return (event & kLevelNone) == 0;
 }
 
-// The event's flat form, from the word with its level and the arguments behind it. Marks of an
-// alert are cut in the caller's texts if cutMarks, else in copies.
-int Build(std::uint32_t event, std::va_list list, bool cutMarks, OwnedFlatForm& flat) {
+// When the event was: a posted one may come late.
+int AddStamp(TagMsgNode* root) {
+    return TagMsgAddAttr(root, TagStamp, std::to_string(platform::UtcSeconds()).c_str());
+}
+
+// The event's flat form, from the word with its level and the arguments behind it. A posted one
+// says when it was, and marks of an alert are cut in copies, not in the caller's texts.
+int Build(std::uint32_t event, std::va_list list, bool posted, OwnedFlatForm& flat) {
     OwnedMessage message;
     const auto word = static_cast<std::int32_t>(event);
     if (TagMsgCreate(&message.root) != TAGMSG_OK ||
         TagMsgAddAttr(message.root, TagSource, g_label) != TAGMSG_OK ||
-        TagMsgAddAttr(message.root, TagEventWord, &word) != TAGMSG_OK)
+        TagMsgAddAttr(message.root, TagEventWord, &word) != TAGMSG_OK ||
+        (posted && AddStamp(message.root) != TAGMSG_OK))
         return kNotBuilt;
     for (const Kind& kind : kKinds) {
         if (kind.bit != (event & kKindBits)) continue;
@@ -237,7 +244,7 @@ int Build(std::uint32_t event, std::va_list list, bool cutMarks, OwnedFlatForm& 
         }
         std::array<std::string, kArguments> copies;
         for (const std::size_t i : {std::size_t{3}, std::size_t{4}}) {
-            if (cutMarks || kind.bit != kEventVirus || arguments[i] == nullptr) continue;
+            if (!posted || kind.bit != kEventVirus || arguments[i] == nullptr) continue;
             copies[i] = arguments[i];
             arguments[i] = copies[i].c_str();
         }
@@ -251,7 +258,7 @@ int Build(std::uint32_t event, std::va_list list, bool cutMarks, OwnedFlatForm& 
 int BuildOwn(std::uint32_t event, OwnedFlatForm* flat, ...) {
     std::va_list list;
     va_start(list, flat);
-    const int status = Build(event, list, false, *flat);
+    const int status = Build(event, list, true, *flat);
     va_end(list);
     return status;
 }
@@ -302,7 +309,7 @@ int LogClientEvent(std::uint32_t event, ...) {
     OwnedFlatForm flat;
     std::va_list list;
     va_start(list, event);
-    const int status = Build(event, list, true, flat);
+    const int status = Build(event, list, false, flat);
     va_end(list);
     return status == TAGMSG_OK ? Deliver(flat) : status;
 }
@@ -312,7 +319,7 @@ int LogClientPost(std::uint32_t event, ...) {
     OwnedFlatForm flat;
     std::va_list list;
     va_start(list, event);
-    const int status = Build(event, list, false, flat);
+    const int status = Build(event, list, true, flat);
     va_end(list);
     return status == TAGMSG_OK ? Outbox().Post(flat.data, flat.length) : status;
 }

@@ -42,6 +42,7 @@ int LogClientEvent(std::uint32_t event, ...);
 // Takes one event for delivery by a thread of the client's own: the arguments of LogClientEvent,
 // all copied, none changed. Events arrive in the order of their posts. While the daemon isn't there
 // or hangs they wait for it, up to 10,000 and 4 MiB; later ones are lost, and counted in one
-// Warning when the daemon takes events again. Any thread. 0 if it waits for delivery; -15, -1 and
+// Warning when the daemon takes events again. Each carries the time of its post (TagStamp, seconds
+// since 1970). Any thread. 0 if it waits for delivery; -15, -1 and
 // -13 as above; -6 if it is lost; -15 also when the client is down.
 int LogClientPost(std::uint32_t event, ...);

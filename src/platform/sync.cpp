@@ -1,7 +1,6 @@
 #include "platform/sync.h"
 
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,6 +11,7 @@
 #include <string>
 
 #include "platform/object.h"
+#include "platform/spare_descriptors.h"
 
 using platform::FromHandle;
 using platform::Object;
@@ -37,39 +37,6 @@ struct NameTable {
 NameTable& Names() {
     static NameTable& table = *new NameTable;  // never destroyed: threads may outlive the statics
     return table;
-}
-
-// Eventfds of 0 that no object has at the moment: an object takes one when somebody begins to sleep
-// on it, and gives it back behind the last sleeper.
-class SpareDescriptors {
-  public:
-    // -1 on failure.
-    int Take() {
-        {
-            const std::lock_guard lock(mutex_);
-            if (count_ > 0) return spare_[--count_];
-        }
-        return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    }
-    void Give(int descriptor) {
-        {
-            const std::lock_guard lock(mutex_);
-            if (count_ < spare_.size()) {
-                spare_[count_++] = descriptor;
-                return;
-            }
-        }
-        close(descriptor);
-    }
-
-  private:
-    std::mutex mutex_;
-    std::array<int, 16> spare_{};  // guarded by mutex_, as count_; filled up to count_
-    std::size_t count_ = 0;
-};
-SpareDescriptors& Spares() {
-    static SpareDescriptors& spares = *new SpareDescriptors;
-    return spares;
 }
 
 class NamedEvent final : public Waitable {
@@ -179,7 +146,7 @@ bool Waitable::TryConsume() {
 int Waitable::BeginWait() {
     const std::lock_guard lock(mutex_);
     if (descriptor_ < 0) {
-        descriptor_ = Spares().Take();
+        descriptor_ = SpareDescriptors::Instance().Take();
         if (descriptor_ < 0) return -1;
     }
     ++waiters_;
@@ -195,7 +162,7 @@ void Waitable::EndWait() {
         [[maybe_unused]] const ssize_t done = read(descriptor_, &value, sizeof value);
     }
     raised_ = false;
-    Spares().Give(descriptor_);
+    SpareDescriptors::Instance().Give(descriptor_);
     descriptor_ = -1;
 }
 

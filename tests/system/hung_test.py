@@ -76,9 +76,11 @@ class HungDaemons(Instance):
         statistics.send_signal(signal.SIGSTOP)
         # Each message is an event and a record of the scanner's.
         self.assertLess(self.send(50), 3 * healthy + 2)
-        before = self.log().count("passes unscanned")
+        self.assertNotIn("posted=", self.log())
+        time.sleep(2.5)
         logger.send_signal(signal.SIGCONT)
-        self.assertTrue(wait_until(lambda: self.log().count("passes unscanned") >= 100), before)
+        self.assertTrue(wait_until(lambda: self.log().count("passes unscanned") >= 100))
+        self.assertIn('posted="20', self.log(), "a late event says when it was")
         logger.send_signal(signal.SIGSTOP)
         self.send(5)
         self.stop_in_time(scanner, 8)

@@ -138,7 +138,7 @@ LIPCConnection* LIPCAddConnection(LIPCEndpoint& endpoint) {
     try {
         auto made = std::make_unique<LIPCConnection>();
         made->owner = &endpoint;
-        made->inUse = endpoint.mode == kClientMode;
+        made->inUse = true;
         made->semaphore.Reset(CreateSemaphoreA(nullptr, 0, kQueueLimit, nullptr));
         if (!made->semaphore) return nullptr;
         endpoint.connections.push_back(std::move(made));
@@ -163,7 +163,11 @@ int LIPCOpenConnection(LIPCEndpoint& endpoint, LIPCConnection* connection) {
         LIPCDropConnection(endpoint, connection);
         return channel;
     }
-    if (endpoint.mode == kServerMode) PipeSetTimeout(channel, -1);
+    if (endpoint.mode == kServerMode) {
+        PipeSetTimeout(channel, -1);
+        // What has come by now, from a client that was waiting already, is served from here on.
+        LIPCRecycle(endpoint, connection);
+    }
     return LIPC_OK;
 }
 

@@ -86,11 +86,12 @@ struct LIPCEndpoint {
 };
 
 int LIPCCreateEndpoint(LIPCEndpoint** endpoint, const char* name, EndpointMode mode);
-// A new record at the end of the list, without a pipe; held by the caller in client mode. Under the
-// endpoint's lock. Null without memory.
+// A new record at the end of the list, without a pipe, held by the caller. Under the endpoint's
+// lock. Null without memory.
 LIPCConnection* LIPCAddConnection(LIPCEndpoint& endpoint);
-// Opens the record's pipe: connects (client) or listens (server). On failure the record is dropped.
-// With no lock held.
+// Opens the pipe of a held record: connects (client), or listens (server) and lets go of it: before
+// its channel is known nobody could read a request. On failure the record is dropped. With no lock
+// held.
 int LIPCOpenConnection(LIPCEndpoint& endpoint, LIPCConnection* connection);
 // A further listening connection.
 int LIPCListen(LIPCEndpoint& endpoint);

@@ -78,6 +78,17 @@ const char* LevelName(std::uint32_t word) {
     return "high";
 }
 
+// The line has the time at which it is written; an event that had to wait for that says when it
+// was.
+constexpr std::int64_t kLate = 2;  // seconds
+void AppendStamp(std::string& line, TagMsgNode* event) {
+    const void* text = nullptr;
+    if (TagMsgPeekAttr(event, TagStamp, &text) != TAGMSG_OK || text == nullptr) return;
+    const std::int64_t stamp = std::strtoll(static_cast<const char*>(text), nullptr, 10);
+    if (stamp > 0 && platform::UtcSeconds() - stamp >= kLate)
+        line += " posted=\"" + platform::UtcTimeText(stamp) + '"';
+}
+
 std::string Describe(TagMsgNode* event) {
     std::uint32_t word = 0;
     TagMsgCopyAttr(event, TagEventWord, &word, sizeof word);
@@ -90,6 +101,7 @@ std::string Describe(TagMsgNode* event) {
         line += '=';
         AppendQuoted(line, static_cast<const char*>(text));
     }
+    AppendStamp(line, event);
     return line;
 }
 

@@ -87,7 +87,7 @@ std::shared_ptr<const Settings> LoadSettings() {
 
 void Warn(const std::string& text) {
     std::fprintf(stderr, "VTMAILD: %s\n", text.c_str());
-    LogClientEvent(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
+    LogClientPost(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
 }
 
 // A size as clamd.conf has it: a number with K, M or G behind it.
@@ -347,9 +347,9 @@ class MailDaemon final : public Daemon {
         TagMsgPeekAttr(request, TagPath, &path);
         const auto* from = static_cast<const char*>(sender);
         const auto* to = static_cast<const char*>(recipients);
-        LogClientEvent(kEventWarning, from, to, static_cast<const char*>(path),
-                       static_cast<const char*>(peer), nullptr,
-                       ("virus found: " + signature).c_str());
+        LogClientPost(kEventWarning, from, to, static_cast<const char*>(path),
+                      static_cast<const char*>(peer), nullptr,
+                      ("virus found: " + signature).c_str());
     }
 
     bool null_ = false;

@@ -28,7 +28,6 @@ constexpr char kDefaultAddress[] = "127.0.0.1";
 constexpr int kDefaultKeepDays = 400;
 constexpr std::chrono::milliseconds kLook{500};
 constexpr std::chrono::seconds kBindAgain{30};
-constexpr std::chrono::seconds kStopLimit{5};
 
 std::string ReadText(const char* name) {
     char value[512];
@@ -57,7 +56,7 @@ Settings LoadSettings() {
 
 void Warn(const std::string& text) {
     std::fprintf(stderr, "VTSTATD: %s\n", text.c_str());
-    LogClientEvent(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
+    LogClientPost(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
 }
 
 class StatsDaemon final : public Daemon {
@@ -102,18 +101,13 @@ class StatsDaemon final : public Daemon {
     }
 
     void End() override {
-        bool ended = false;
         {
-            std::unique_lock lock(mutex_);
+            const std::lock_guard lock(mutex_);
             ending_ = true;
-            end_.notify_all();
-            ended = end_.wait_for(lock, kStopLimit, [this] { return ended_; });
         }
-        // A logger that took an event and doesn't answer would hold the thread for good: the end of
-        // the log client wakes it.
-        if (!ended) LogClientUninit();
+        end_.notify_all();
         keeper_.join();
-        if (ended) LogClientUninit();
+        LogClientUninit();
         recorder_.Stop();
         if (const std::string trouble = recorder_.TakeTrouble(); !trouble.empty())
             std::fprintf(stderr, "VTSTATD: %s\n", trouble.c_str());
@@ -146,9 +140,6 @@ class StatsDaemon final : public Daemon {
         }
         lock.unlock();
         server_.reset();
-        lock.lock();
-        ended_ = true;
-        end_.notify_all();
     }
 
     // The server for the present settings: the one that runs, or a new one in its place.
@@ -178,7 +169,6 @@ class StatsDaemon final : public Daemon {
     std::mutex mutex_;
     std::condition_variable end_;
     bool ending_ = false;  // guarded by mutex_
-    bool ended_ = false;   // guarded by mutex_: keeper_ has nothing more to do
 };
 
 }  // namespace

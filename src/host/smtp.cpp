@@ -37,6 +37,12 @@ std::string ResourceText(UINT number) {
     return text;
 }
 
+// On the statistics client's thread.
+void TellStatsLost(std::uint64_t lost) {
+    const std::string text = std::to_string(lost) + " statistics records lost";
+    LogClientPost(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
+}
+
 }  // namespace
 
 CSMTP::CSMTP() : CNTService(kServiceName), ActiveConnectionCounts(g_activeConnectionCounts) {
@@ -75,6 +81,7 @@ bool CSMTP::CreateSocketWindow() {
 bool CSMTP::StartClients() {
     WSADATA data{};
     if (WSAStartup(kSocketVersion, &data) != 0 || TrelisInit2() < 0) return false;
+    OnStatsLost(TellStatsLost);
     if (LogClientInit(displayName.c_str(), kLocalStore) < 0 || MailScanInit() < 0 ||
         InitLibStats() < 0 || CreateASFilters() < 0)
         return false;

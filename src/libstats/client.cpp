@@ -23,10 +23,19 @@ constexpr char kEndpointName[] = "VTSTATD";
 constexpr std::chrono::milliseconds kBusyPause{250};
 constexpr WORD kSocketVersion = 0x0202;
 constexpr int kFailed = -1;
+// What a daemon that answers takes at the end; one that hangs holds nobody up for longer.
+constexpr std::chrono::milliseconds kStopLimit{2000};
 
 std::mutex g_moduleLock;          // one InitLibStats or ReleaseLibStats at a time
 CLibStatsCore* g_core = nullptr;  // guarded by g_moduleLock; never deleted
 std::atomic<libstats::CLibStats*> g_instance{nullptr};  // g_core while it has references
+std::atomic<void (*)(std::uint64_t)> g_tellLost{nullptr};
+
+// The daemon itself has no use for the number.
+LIPCOutbox::Request TellLost(std::uint64_t lost) {
+    if (const auto tell = g_tellLost.load()) tell(lost);
+    return {};
+}
 
 int Flatten(const libstats::CStatsRequest& record, OwnedFlatForm& flat) {
     OwnedMessage message;
@@ -107,6 +116,13 @@ int CLibStatsCore::SendRequest(libstats::CStatsRequest* record) {
     return result;
 }
 
+int CLibStatsCore::PostRequest(libstats::CStatsRequest* record) {
+    if (record == nullptr) return kFailed;
+    OwnedFlatForm flat;
+    if (const int status = Flatten(*record, flat); status != TAGMSG_OK) return status;
+    return outbox_.Post(flat.data, flat.length);
+}
+
 int CLibStatsCore::AddReference() {
     if (references_ == 0) {
         WSADATA data;
@@ -118,19 +134,19 @@ int CLibStatsCore::AddReference() {
         }
         const std::lock_guard lock(lock_);
         endpoint_ = opened;
+        outbox_.Open(opened, TellLost);
     }
     ++references_;
     return 0;
 }
 
 void CLibStatsCore::Empty() {
-    LIPCEndpoint* closed = nullptr;
     {
         const std::lock_guard lock(lock_);
-        std::swap(closed, endpoint_);
+        endpoint_ = nullptr;
         clients_.clear();
     }
-    LIPCClose(closed);
+    outbox_.Close(kStopLimit);  // and the endpoint with it
     WSACleanup();
     servers_.clear();
     port_ = kStatsPort;
@@ -153,3 +169,5 @@ int ReleaseLibStats() {
     g_core->Empty();
     return 0;
 }
+
+void OnStatsLost(void (*tell)(std::uint64_t lost)) { g_tellLost = tell; }

@@ -12,6 +12,7 @@
 #include "libstats/libstats.h"
 #include "libstats/servers.h"
 #include "lipc/lipc.h"
+#include "lipc/outbox.h"
 
 class CLibStatsCore final : public libstats::CLibStats {
   public:
@@ -28,6 +29,7 @@ class CLibStatsCore final : public libstats::CLibStats {
     int AddServer(const char* host, const char* user, const char* password) override;
     int RemoveServer(const char* host) override;
     int SendRequest(libstats::CStatsRequest* record) override;
+    int PostRequest(libstats::CStatsRequest* record) override;
     CHTTPClient* CreateHTTPClient() override;
     void ReleaseHTTPClient(CHTTPClient** client) override;
     std::unique_ptr<ReportTables> GetReportTables(CHTTPClient* client,
@@ -41,7 +43,8 @@ class CLibStatsCore final : public libstats::CLibStats {
     // The endpoint, held open until LIPCLeave; null if there is none (any more).
     LIPCEndpoint* EnterEndpoint();
 
-    LIPCEndpoint* endpoint_ = nullptr;                 // guarded by lock_
+    LIPCEndpoint* endpoint_ = nullptr;  // guarded by lock_
+    LIPCOutbox outbox_;
     std::map<std::uint32_t, std::string> servers_;     // address as resolved, token
     std::list<std::unique_ptr<CHTTPClient>> clients_;  // guarded by lock_
     std::mutex lock_;

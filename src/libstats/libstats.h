@@ -103,6 +103,11 @@ class CLibStats {
     // 0 when the daemon has answered, or negative: not there, lost, or the client has been released
     // meanwhile. Blocks until then.
     virtual int SendRequest(CStatsRequest* record) = 0;
+    // Takes the record for delivery by a thread of the client's own, without waiting for the
+    // daemon, for threads that have mail to serve: 0, or negative if it is lost. The record stays
+    // the caller's. While the daemon isn't there or hangs records wait for it, up to 10,000 and 4
+    // MiB; later ones are lost (see OnStatsLost). Hosts should be dotted: a name is looked up here.
+    virtual int PostRequest(CStatsRequest* record) = 0;
     // A client that this object owns, or null. One exchange at a time.
     virtual CHTTPClient* CreateHTTPClient() = 0;
     // Deletes *client and sets it to null.
@@ -131,5 +136,10 @@ int InitLibStats();
 // The instance, or null: then nothing is sent. Takes no reference; a call through a pointer that
 // was taken before the last ReleaseLibStats fails harmlessly.
 libstats::CLibStats* GetLibStats();
-// Gives a reference back: always 0. The last one ends the requests that are under way.
+// Gives a reference back: always 0. The last one delivers what has been posted if the daemon takes
+// it at once, waiting no more than two seconds for one that hangs, and ends the requests under way.
 int ReleaseLibStats();
+// What is to be told of posted records that are lost: called, on a thread of the client's own, with
+// their number when the daemon takes records again. Null: nothing, as at the start. Before the
+// first PostRequest.
+void OnStatsLost(void (*tell)(std::uint64_t lost));

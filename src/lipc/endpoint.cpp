@@ -5,17 +5,45 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <system_error>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "lipc/frame.h"
 #include "lipc/pipe.h"
 
 namespace {
 
-constexpr std::chrono::milliseconds kLongestPoll{250};
 constexpr unsigned kServerFlags = kPipeListen | kPipeCallback | kPipeTimeout;
+
+// For the connection's holder, or the endpoint. Under both locks.
+void QueueEvent(LIPCEndpoint& endpoint, LIPCConnection& connection, int code) {
+    if (connection.inUse) {
+        connection.queue.push_back({code, nullptr});
+        ReleaseSemaphore(connection.semaphore.Get(), 1, nullptr);
+    } else {
+        endpoint.queue.push_back({code, &connection});
+        ReleaseSemaphore(endpoint.semaphore.Get(), 1, nullptr);
+    }
+}
+
+// The event of a server's connection. Under both locks. Whoever holds a connection, or takes its
+// request out of the queue, sees by itself that it is lost.
+void QueueForServer(LIPCEndpoint& endpoint, LIPCConnection& connection, int code) {
+    if (code == kCodeMessage) {
+        if (!connection.met) {
+            connection.met = true;
+            ++endpoint.met;
+            endpoint.keep.notify_one();
+        }
+        connection.queued = !connection.inUse;
+        QueueEvent(endpoint, connection, code);
+    } else if (code == kCodeLost && !connection.inUse && !connection.queued) {
+        connection.inUse = true;
+        endpoint.lost.push_back(&connection);
+        endpoint.keep.notify_one();
+    }
+}
 
 // Called by a pipe's worker; see PipeEvent.
 void LIPCOnPipeEvent(void* context, int event) {
@@ -30,14 +58,10 @@ void LIPCOnPipeEvent(void* context, int event) {
         const int code = event == kPipeMessage   ? kCodeMessage
                          : event == kPipeWritten ? kCodeSent
                                                  : kCodeLost;
-        // A server waits for no sent frame: telling it would only wake a thread.
-        if (code == kCodeSent && endpoint.mode == kServerMode) {
-        } else if (connection.inUse) {
-            connection.queue.push_back({code, nullptr});
-            ReleaseSemaphore(connection.semaphore.Get(), 1, nullptr);
+        if (endpoint.mode == kServerMode) {
+            QueueForServer(endpoint, connection, code);
         } else {
-            endpoint.queue.push_back({code, &connection});
-            ReleaseSemaphore(endpoint.semaphore.Get(), 1, nullptr);
+            QueueEvent(endpoint, connection, code);
         }
     }
     LIPCLeave(endpoint);
@@ -51,6 +75,41 @@ void LIPCQueuePurge(LIPCEndpoint& endpoint, const LIPCConnection* connection) {
         return item.value == connection;
     });
     for (std::size_t i = 0; i < removed; ++i) WaitForSingleObject(endpoint.semaphore.Get(), 0);
+}
+
+auto FindConnection(LIPCEndpoint& endpoint, const LIPCConnection* connection) {
+    return std::find_if(endpoint.connections.begin(), endpoint.connections.end(),
+                        [connection](const auto& each) { return each.get() == connection; });
+}
+
+// Whether the pool has all the free connections that it keeps. Under the endpoint's lock.
+bool IsSurplus(const LIPCEndpoint& endpoint) {
+    return endpoint.mode == kClientMode &&
+           std::count_if(endpoint.connections.begin(), endpoint.connections.end(),
+                         [](const auto& each) { return !each->inUse; }) >= kIdleConnections;
+}
+
+// Whether a server has too few connections left for new clients. Under the endpoint's lock.
+bool NeedsListener(const LIPCEndpoint& endpoint) {
+    const std::size_t count = endpoint.connections.size();
+    return count < kServerConnections ||
+           (count < kServerLimit && count - endpoint.met < kServerSpare);
+}
+
+// Puts a held connection at the end of the pool. Under the endpoint's lock.
+void Free(LIPCEndpoint& endpoint, LIPCConnection& connection) {
+    const std::lock_guard inner(connection.lock);
+    endpoint.connections.splice(endpoint.connections.end(), endpoint.connections,
+                                FindConnection(endpoint, &connection));
+    for (; !connection.queue.empty(); connection.queue.pop_front()) {
+        WaitForSingleObject(connection.semaphore.Get(), 0);
+        // A client's endpoint has no reader.
+        if (endpoint.mode == kClientMode) continue;
+        connection.queued = true;
+        endpoint.queue.push_back({connection.queue.front().code, &connection});
+        ReleaseSemaphore(endpoint.semaphore.Get(), 1, nullptr);
+    }
+    connection.inUse = false;
 }
 
 }  // namespace
@@ -75,87 +134,113 @@ void LIPCLeave(LIPCEndpoint& endpoint) {
     --endpoint.users;
 }
 
-int LIPCNewConnection(LIPCEndpoint& endpoint, LIPCConnection** connection) {
+LIPCConnection* LIPCAddConnection(LIPCEndpoint& endpoint) {
     try {
         auto made = std::make_unique<LIPCConnection>();
-        LIPCConnection* raw = made.get();
-        raw->owner = &endpoint;
-        raw->inUse = endpoint.mode == kClientMode;
-        raw->semaphore.Reset(CreateSemaphoreA(nullptr, 0, kQueueLimit, nullptr));
-        if (!raw->semaphore) return LIPC_FAILED;
-        {
-            // In the list before its first event, which may come before PipeOpen returns. Counted
-            // where it is added: threads that found nothing free at once don't exceed the limit
-            // together.
-            const std::lock_guard lock(endpoint.lock);
-            const auto busy =
-                std::count_if(endpoint.connections.begin(), endpoint.connections.end(),
-                              [](const auto& each) { return each->inUse; });
-            if (endpoint.mode == kClientMode && busy > kMaxBusyConnections) return LIPC_NOT_THERE;
-            endpoint.connections.push_back(std::move(made));
-        }
-        const int channel = endpoint.mode == kClientMode
-                                ? PipeOpen(endpoint.name.c_str(), kPipeCallback, LIPCOnPipeEvent,
-                                           static_cast<void*>(raw))
-                                : PipeOpen(endpoint.name.c_str(), kServerFlags, LIPCOnPipeEvent,
-                                           static_cast<void*>(raw), 0);
-        {
-            const std::lock_guard lock(endpoint.lock);
-            raw->channel = channel;
-        }
-        if (channel < 0) {
-            LIPCDropConnection(endpoint, raw);
-            return channel;
-        }
-        if (endpoint.mode == kServerMode) PipeSetTimeout(channel, -1);
-        if (connection != nullptr) *connection = raw;
-        return LIPC_OK;
+        made->owner = &endpoint;
+        made->inUse = true;
+        made->semaphore.Reset(CreateSemaphoreA(nullptr, 0, kQueueLimit, nullptr));
+        if (!made->semaphore) return nullptr;
+        endpoint.connections.push_back(std::move(made));
+        return endpoint.connections.back().get();
     } catch (const std::bad_alloc&) {
-        return LIPC_NO_MEMORY;
+        return nullptr;
     }
+}
+
+int LIPCOpenConnection(LIPCEndpoint& endpoint, LIPCConnection* connection) {
+    // The record is in the list before its first event, which may come before PipeOpen returns.
+    const char* name = endpoint.name.c_str();
+    const int channel =
+        endpoint.mode == kClientMode
+            ? PipeOpen(name, kPipeCallback, LIPCOnPipeEvent, static_cast<void*>(connection))
+            : PipeOpen(name, kServerFlags, LIPCOnPipeEvent, static_cast<void*>(connection), 0);
+    {
+        const std::lock_guard lock(endpoint.lock);
+        connection->channel = channel;
+    }
+    if (channel < 0) {
+        LIPCDropConnection(endpoint, connection);
+        return channel;
+    }
+    if (endpoint.mode == kServerMode) {
+        PipeSetTimeout(channel, -1);
+        // What has come by now, from a client that was waiting already, is served from here on.
+        LIPCRecycle(endpoint, connection);
+    }
+    return LIPC_OK;
+}
+
+int LIPCListen(LIPCEndpoint& endpoint) {
+    LIPCConnection* made = nullptr;
+    {
+        const std::lock_guard lock(endpoint.lock);
+        made = LIPCAddConnection(endpoint);
+    }
+    return made == nullptr ? LIPC_NO_MEMORY : LIPCOpenConnection(endpoint, made);
+}
+
+void LIPCKeepListening(LIPCEndpoint& endpoint) {
+    constexpr std::chrono::seconds kPauseAfterFailure{1};
+    std::unique_lock lock(endpoint.lock);
+    while (!endpoint.closing) {
+        if (NeedsListener(endpoint)) {
+            lock.unlock();
+            const int status = LIPCListen(endpoint);
+            lock.lock();
+            if (status != LIPC_OK) endpoint.keep.wait_for(lock, kPauseAfterFailure);
+        } else if (!endpoint.lost.empty()) {
+            LIPCConnection* lost = endpoint.lost.front();
+            endpoint.lost.pop_front();
+            lock.unlock();
+            LIPCDropConnection(endpoint, lost);
+            lock.lock();
+        } else {
+            endpoint.keep.wait(lock);
+        }
+    }
+}
+
+void LIPCWakeNext(LIPCEndpoint& endpoint) {
+    if (!endpoint.waiting.empty()) endpoint.waiting.begin()->second->wake.notify_one();
 }
 
 void LIPCDropConnection(LIPCEndpoint& endpoint, LIPCConnection* connection) {
     std::unique_ptr<LIPCConnection> dropped;
     {
         const std::lock_guard lock(endpoint.lock);
-        const auto found =
-            std::find_if(endpoint.connections.begin(), endpoint.connections.end(),
-                         [connection](const auto& each) { return each.get() == connection; });
+        const auto found = FindConnection(endpoint, connection);
         if (found == endpoint.connections.end()) return;
         dropped = std::move(*found);
         endpoint.connections.erase(found);
+        if (dropped->met) --endpoint.met;
+        LIPCWakeNext(endpoint);
     }
+    LIPCDiscard(endpoint, std::move(dropped));
+}
+
+void LIPCDiscard(LIPCEndpoint& endpoint, std::unique_ptr<LIPCConnection> dropped) {
     // With no lock held: closing waits for the worker, which may wait for these locks in the
     // callback.
     if (dropped->channel >= 0) PipeClose(dropped->channel);
-    LIPCQueuePurge(endpoint, connection);
+    LIPCQueuePurge(endpoint, dropped.get());
 }
 
 void LIPCRecycle(LIPCEndpoint& endpoint, LIPCConnection* connection) {
-    bool broken = false;
     {
         const std::lock_guard lock(endpoint.lock);
-        broken = connection->broken;
-        if (!broken) {
-            const std::lock_guard inner(connection->lock);
-            const auto found =
-                std::find_if(endpoint.connections.begin(), endpoint.connections.end(),
-                             [connection](const auto& each) { return each.get() == connection; });
-            endpoint.connections.splice(endpoint.connections.end(), endpoint.connections, found);
-            for (; !connection->queue.empty(); connection->queue.pop_front()) {
-                WaitForSingleObject(connection->semaphore.Get(), 0);
-                // A client's endpoint has no reader.
-                if (endpoint.mode == kClientMode) continue;
-                endpoint.queue.push_back({connection->queue.front().code, connection});
-                ReleaseSemaphore(endpoint.semaphore.Get(), 1, nullptr);
-            }
-            connection->inUse = false;
+        if (connection->broken && endpoint.mode == kServerMode) {
+            endpoint.lost.push_back(connection);
+            endpoint.keep.notify_one();
+            return;
+        }
+        if (!connection->broken && !IsSurplus(endpoint)) {
+            Free(endpoint, *connection);
+            LIPCWakeNext(endpoint);
+            return;
         }
     }
-    if (!broken) return;
     LIPCDropConnection(endpoint, connection);
-    if (endpoint.mode == kServerMode) LIPCNewConnection(endpoint, nullptr);
 }
 
 int LIPCSend(LIPCConnection& connection, const void* data, std::uint32_t length,
@@ -194,74 +279,19 @@ int LIPCCreateEndpoint(LIPCEndpoint** endpoint, const char* name, EndpointMode m
     made->stopEvent.Reset(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     if (!made->semaphore || !made->stopEvent) return LIPC_FAILED;
     LIPCEndpoint* raw = made.release();
-    for (int i = 0; mode == kServerMode && i < kServerConnections; ++i) {
-        if (LIPCNewConnection(*raw, nullptr) == LIPC_OK) continue;
+    for (std::size_t i = 0; mode == kServerMode && i < kServerConnections; ++i) {
+        if (LIPCListen(*raw) == LIPC_OK) continue;
         LIPCClose(raw);
         return LIPC_FAILED;
     }
+    if (mode == kServerMode) {
+        try {
+            raw->keeper = std::thread([raw] { LIPCKeepListening(*raw); });
+        } catch (const std::system_error&) {
+            LIPCClose(raw);
+            return LIPC_FAILED;
+        }
+    }
     *endpoint = raw;
-    return LIPC_OK;
-}
-
-namespace {
-
-// Drops all connections. One that a caller still holds keeps its record and its reply, which the
-// caller may be reading; only its pipe goes.
-void CloseConnections(LIPCEndpoint& endpoint) {
-    for (;;) {
-        LIPCConnection* next = nullptr;
-        int channel = -1;
-        bool held = false;
-        {
-            const std::lock_guard lock(endpoint.lock);
-            for (const auto& each : endpoint.connections) {
-                held = endpoint.mode == kClientMode && each->inUse;
-                if (held && each->channel < 0) continue;
-                next = each.get();
-                channel = std::exchange(next->channel, held ? -1 : next->channel);
-                break;
-            }
-        }
-        if (next == nullptr) return;
-        if (held) {
-            PipeClose(channel);
-        } else {
-            LIPCDropConnection(endpoint, next);
-        }
-    }
-}
-
-// A closed endpoint's record stays to the end of the process, without its pipes: a thread that was
-// between two calls when it was closed comes to a record that says so.
-void Bury(LIPCEndpoint* endpoint) {
-    static std::mutex& mutex = *new std::mutex;
-    static auto& graves = *new std::vector<std::unique_ptr<LIPCEndpoint>>;
-    {
-        // The last one to leave may still be inside the lock.
-        const std::lock_guard lock(endpoint->lock);
-        endpoint->queue.clear();
-    }
-    const std::lock_guard lock(mutex);
-    graves.emplace_back(endpoint);
-}
-
-}  // namespace
-
-int LIPCClose(LIPCEndpoint* endpoint) {
-    if (endpoint == nullptr) return LIPC_BAD_ARGUMENT;
-    {
-        const std::lock_guard lock(endpoint->lock);
-        endpoint->closing = true;
-    }
-    SetEvent(endpoint->stopEvent.Get());
-    const auto waitForUsers = [endpoint] {
-        for (auto pause = std::chrono::milliseconds(1); endpoint->users > 0;
-             pause = std::min(pause * 2, kLongestPoll))
-            std::this_thread::sleep_for(pause);
-    };
-    waitForUsers();
-    CloseConnections(*endpoint);
-    waitForUsers();
-    Bury(endpoint);
     return LIPC_OK;
 }

@@ -37,13 +37,24 @@ int LIPCOpenClient(LIPCEndpoint** endpoint, const char* name);
 int LIPCRequest(LIPCEndpoint* endpoint, LIPCConnection** connection, const void* data,
                 std::uint32_t length, const void** reply, std::uint32_t* replyLength,
                 std::int32_t timeoutMs);
+// As LIPCRequest, for callers who would rather wait than hear LIPC_NOT_THERE while all connections
+// that the endpoint may open are held: it waits for one to come free, up to timeoutMs, and then
+// gives LIPC_BUSY, as when the daemon's instances are. The reply is waited for as long as is left
+// of timeoutMs. LIPC_NOT_THERE means here that the daemon isn't there. Those who wait take their
+// turns: *turn is 0 before the first attempt, and kept for the further ones it keeps the caller's
+// place.
+int LIPCRequestInTurn(LIPCEndpoint* endpoint, LIPCConnection** connection, const void* data,
+                      std::uint32_t length, const void** reply, std::uint32_t* replyLength,
+                      std::int32_t timeoutMs, std::uint64_t* turn);
 // Goes on waiting after LIPC_TIMED_OUT. The connection stays held whatever the result.
 int LIPCWaitReply(LIPCEndpoint* endpoint, LIPCConnection* connection, const void** reply,
                   std::uint32_t* replyLength, std::int32_t timeoutMs);
 // Frees the reply and gives the connection back to the pool; one whose reply has not come is
-// dropped, so that a late reply can't meet another request. Null: LIPC_BAD_ARGUMENT.
+// dropped, so that a late reply can't meet another request, as is one more than the pool keeps.
+// Null: LIPC_BAD_ARGUMENT.
 int LIPCRelease(LIPCEndpoint* endpoint, LIPCConnection* connection);
-// Wakes all who wait in the endpoint, waits until they have left, and frees it.
+// Wakes all who wait in the endpoint, also for a daemon that takes no bytes, waits until they have
+// left, and frees it.
 int LIPCClose(LIPCEndpoint* endpoint);
 
 // Frame every operation but LIPCClose. A caller that shares an endpoint with others, of whom one
@@ -52,8 +63,8 @@ int LIPCClose(LIPCEndpoint* endpoint);
 bool LIPCEnter(LIPCEndpoint& endpoint);
 void LIPCLeave(LIPCEndpoint& endpoint);
 
-// Makes a serving endpoint with 256 listening connections. LIPC_FAILED if the name is served
-// already.
+// Makes a serving endpoint with 256 listening connections, and more as clients take them.
+// LIPC_FAILED if the name is served already.
 int LIPCOpenServer(LIPCEndpoint** endpoint, const char* name);
 // Waits for the next request of any client, up to timeoutMs. On 0 the caller holds *connection
 // until LIPCReply; the request's bytes are valid as long. LIPC_CLOSING once LIPCClose has begun.

@@ -333,3 +333,11 @@ int PipeSetTimeout(int number, std::int32_t timeoutMs) {
     channel->timeout = timeoutMs;
     return LIPC_OK;
 }
+
+int PipeAbandonSend(int number) {
+    const std::shared_ptr<PipeChannel> channel = Find(number);
+    if (channel == nullptr) return LIPC_BAD_ARGUMENT;
+    channel->writeState = kFailedState;
+    SetEvent(channel->failedEvent.Get());
+    return LIPC_OK;
+}

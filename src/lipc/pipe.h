@@ -30,3 +30,6 @@ int PipeBytesWaiting(int channel, std::uint32_t* count);
 int PipeReceive(int channel, void* buffer, std::uint32_t size);
 // Milliseconds; -1: no limit.
 int PipeSetTimeout(int channel, std::int32_t timeoutMs);
+// Ends the channel for its sender: a PipeSend that waits returns LIPC_BROKEN, as later ones do.
+// What has begun goes on until PipeClose. Any thread but after PipeClose.
+int PipeAbandonSend(int channel);

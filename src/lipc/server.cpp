@@ -4,20 +4,18 @@
 
 namespace {
 
-// Takes the next event of a connection that nobody holds. For a message the connection is held from
-// here on.
-LIPCQueueItem TakeItem(LIPCEndpoint& endpoint) {
+// Takes the next connection that has a request: it is held from here on. Null if there is none.
+LIPCConnection* TakeRequest(LIPCEndpoint& endpoint) {
     const std::lock_guard lock(endpoint.lock);
-    if (endpoint.queue.empty()) return {0, nullptr};
-    const LIPCQueueItem item = endpoint.queue.front();
+    if (endpoint.queue.empty()) return nullptr;
+    LIPCConnection* connection = endpoint.queue.front().value;
     endpoint.queue.pop_front();
-    if (item.value != nullptr) {
-        // Two events of one connection may be met by two threads: the second one is the holder's
-        // affair.
-        if (item.value->inUse) return {0, nullptr};
-        item.value->inUse = item.code == kCodeMessage || item.code == kCodeLost;
-    }
-    return item;
+    // A peer that sent two requests at once: the second one is the holder's affair, or that of the
+    // thread that ends the connection.
+    if (connection->inUse) return nullptr;
+    connection->queued = false;
+    connection->inUse = true;
+    return connection;
 }
 
 // The one thread's turn to wait for a request.
@@ -62,14 +60,8 @@ int NextMessage(LIPCEndpoint& endpoint, LIPCConnection** connection, std::int32_
         if (result == WAIT_TIMEOUT) return LIPC_TIMED_OUT;
         if (result != WAIT_OBJECT_0)
             return result == WAIT_OBJECT_0 + 1 ? LIPC_CLOSING : LIPC_FAILED;
-        const LIPCQueueItem item = TakeItem(endpoint);
-        if (item.value == nullptr) continue;
-        if (item.code == kCodeLost) {
-            LIPCRecycle(endpoint, item.value);
-        } else if (item.code == kCodeMessage) {
-            *connection = item.value;
-            return LIPC_OK;
-        }
+        *connection = TakeRequest(endpoint);
+        if (*connection != nullptr) return LIPC_OK;
     }
 }
 

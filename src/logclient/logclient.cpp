@@ -14,7 +14,9 @@
 #include <thread>
 
 #include "lipc/lipc.h"
+#include "lipc/outbox.h"
 #include "logclient/levels.h"
+#include "platform/clock.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 #include "trelis/trelis.h"
@@ -30,6 +32,8 @@ constexpr int kFailed = -1;
 constexpr int kNotBuilt = -13;
 constexpr int kNotWanted = -15;
 constexpr std::chrono::milliseconds kBusyPause{250};
+// What a logger that answers takes at the end; one that hangs holds nobody up for longer.
+constexpr std::chrono::milliseconds kStopLimit{2000};
 constexpr int kArguments = 13;  // by their numbers: 2 to 12
 
 std::atomic<int> g_users{0};
@@ -189,21 +193,92 @@ int AddFields(TagMsgNode* root, const Kind& kind,
     return TAGMSG_OK;
 }
 
-int Deliver(TagMsgNode* root) {
-    void* flat = nullptr;
-    std::uint32_t length = 0;
-    int result = TagMsgSerialize(root, &flat, &length);
-    if (result != TAGMSG_OK) return result;
+int Deliver(const OwnedFlatForm& flat) {
     LIPCEndpoint* endpoint = g_endpoint;
     LIPCConnection* connection = nullptr;
     const void* reply = nullptr;
     std::uint32_t replyLength = 0;
-    while ((result = LIPCRequest(endpoint, &connection, flat, length, &reply, &replyLength, -1)) ==
-           LIPC_BUSY)
+    int result = LIPC_OK;
+    while ((result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &reply,
+                                 &replyLength, -1)) == LIPC_BUSY)
         std::this_thread::sleep_for(kBusyPause);
-    std::free(flat);
     if (result == LIPC_OK) LIPCRelease(endpoint, connection);
     return result;
+}
+
+// Whether an event is wanted, by the word's own level or its class's, which is put into the word.
+bool Wanted(std::uint32_t& event) {
+    if ((event & kOpenLevelBits) == 0) {
+        FollowLevels();
+        event |= LevelOf(event & kKindBits);
+    }
+    return (event & kLevelNone) == 0;
+}
+
+// When the event was: a posted one may come late.
+int AddStamp(TagMsgNode* root) {
+    return TagMsgAddAttr(root, TagStamp, std::to_string(platform::UtcSeconds()).c_str());
+}
+
+// The event's flat form, from the word with its level and the arguments behind it. A posted one
+// says when it was, and marks of an alert are cut in copies, not in the caller's texts.
+int Build(std::uint32_t event, std::va_list list, bool posted, OwnedFlatForm& flat) {
+    OwnedMessage message;
+    const auto word = static_cast<std::int32_t>(event);
+    if (TagMsgCreate(&message.root) != TAGMSG_OK ||
+        TagMsgAddAttr(message.root, TagSource, g_label) != TAGMSG_OK ||
+        TagMsgAddAttr(message.root, TagEventWord, &word) != TAGMSG_OK ||
+        (posted && AddStamp(message.root) != TAGMSG_OK))
+        return kNotBuilt;
+    for (const Kind& kind : kKinds) {
+        if (kind.bit != (event & kKindBits)) continue;
+        // A caller passes as many arguments as the kind reads, and no more are taken.
+        std::array<const char*, kArguments> arguments{};
+        int number = 0;
+        for (int i = 2; i <= kind.arguments; ++i) {
+            if (i == kNumberArgument) {
+                number = va_arg(list, int);
+            } else {
+                arguments[static_cast<std::size_t>(i)] = va_arg(list, const char*);
+            }
+        }
+        std::array<std::string, kArguments> copies;
+        for (const std::size_t i : {std::size_t{3}, std::size_t{4}}) {
+            if (!posted || kind.bit != kEventVirus || arguments[i] == nullptr) continue;
+            copies[i] = arguments[i];
+            arguments[i] = copies[i].c_str();
+        }
+        const int status = AddFields(message.root, kind, arguments, number);
+        return status == TAGMSG_OK ? TagMsgSerialize(message.root, &flat.data, &flat.length)
+                                   : status;
+    }
+    return kFailed;
+}
+
+int BuildOwn(std::uint32_t event, OwnedFlatForm* flat, ...) {
+    std::va_list list;
+    va_start(list, flat);
+    const int status = Build(event, list, true, *flat);
+    va_end(list);
+    return status;
+}
+
+// A Warning, at the level of its class.
+LIPCOutbox::Request TellLost(std::uint64_t lost) {
+    std::uint32_t event = kEventWarning;
+    OwnedFlatForm flat;
+    const std::string text = std::to_string(lost) + " events lost";
+    if (!Wanted(event) || BuildOwn(event, &flat, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                   text.c_str()) != TAGMSG_OK)
+        return {};
+    const char* data = static_cast<const char*>(flat.data);
+    return {data, data + flat.length};
+}
+
+// Made once and never destroyed: a session may post when the client has gone.
+LIPCOutbox& Outbox() {
+    static LIPCOutbox& outbox = *new LIPCOutbox;
+    return outbox;
 }
 
 }  // namespace
@@ -213,6 +288,7 @@ int LogClientInit(const char* label, std::uint32_t) {
     LIPCEndpoint* endpoint = nullptr;
     if (LIPCOpenClient(&endpoint, kEndpointName) != LIPC_OK) return kFailed;
     g_endpoint = endpoint;
+    Outbox().Open(endpoint, TellLost);
     std::snprintf(g_label, sizeof g_label, "%s", label != nullptr ? label : "");
     // The watch comes first: a change during the reading is told of, not missed.
     g_watch = TrelisPlaceNotify(kLocalStore, kLevelsKey, 1);
@@ -222,41 +298,28 @@ int LogClientInit(const char* label, std::uint32_t) {
 
 void LogClientUninit() {
     if (--g_users != 0) return;
-    LIPCClose(g_endpoint.exchange(nullptr));
+    g_endpoint = nullptr;
+    Outbox().Close(kStopLimit);
     if (TrelisNotify watch = g_watch.exchange(nullptr))
         TrelisCancelNotify(kLocalStore, kLevelsKey, 1, watch);
 }
 
 int LogClientEvent(std::uint32_t event, ...) {
-    if ((event & kOpenLevelBits) == 0) {
-        FollowLevels();
-        event |= LevelOf(event & kKindBits);
-    }
-    if ((event & kLevelNone) != 0) return kNotWanted;
+    if (!Wanted(event)) return kNotWanted;
+    OwnedFlatForm flat;
+    std::va_list list;
+    va_start(list, event);
+    const int status = Build(event, list, false, flat);
+    va_end(list);
+    return status == TAGMSG_OK ? Deliver(flat) : status;
+}
 
-    OwnedMessage message;
-    const auto word = static_cast<std::int32_t>(event);
-    if (TagMsgCreate(&message.root) != TAGMSG_OK ||
-        TagMsgAddAttr(message.root, TagSource, g_label) != TAGMSG_OK ||
-        TagMsgAddAttr(message.root, TagEventWord, &word) != TAGMSG_OK)
-        return kNotBuilt;
-    for (const Kind& kind : kKinds) {
-        if (kind.bit != (event & kKindBits)) continue;
-        // A caller passes as many arguments as the kind reads, and no more are taken.
-        std::array<const char*, kArguments> arguments{};
-        int number = 0;
-        va_list list;
-        va_start(list, event);
-        for (int i = 2; i <= kind.arguments; ++i) {
-            if (i == kNumberArgument) {
-                number = va_arg(list, int);
-            } else {
-                arguments[static_cast<std::size_t>(i)] = va_arg(list, const char*);
-            }
-        }
-        va_end(list);
-        const int status = AddFields(message.root, kind, arguments, number);
-        return status == TAGMSG_OK ? Deliver(message.root) : status;
-    }
-    return kFailed;
+int LogClientPost(std::uint32_t event, ...) {
+    if (!Wanted(event)) return kNotWanted;
+    OwnedFlatForm flat;
+    std::va_list list;
+    va_start(list, event);
+    const int status = Build(event, list, true, flat);
+    va_end(list);
+    return status == TAGMSG_OK ? Outbox().Post(flat.data, flat.length) : status;
 }

@@ -1,6 +1,6 @@
 // logclient/: the client of the logger daemon vtlogd: classes of events, their levels from the
-// configuration store, and delivery. A call returns when the daemon has answered; an event that
-// can't be delivered is lost.
+// configuration store, and delivery. LogClientEvent returns when the daemon has answered;
+// LogClientPost, for threads that have mail to serve, never waits for it.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +28,8 @@ inline constexpr std::uint32_t kLevelNone = 0x800;
 // Opens the endpoint (no pipe), reads the levels and follows their changes. label: at most 31
 // characters are kept. Counted. 0, or -1.
 int LogClientInit(const char* label, std::uint32_t store);
+// The last one delivers what has been posted if the daemon takes it at once, and waits no more than
+// two seconds for a daemon that hangs.
 void LogClientUninit();
 
 // Sends one event: the word, then as many arguments as its kind reads (const char*; argument 12 of
@@ -36,3 +38,11 @@ void LogClientUninit();
 // kind or a missing required argument; -13 if the message can't be built; else the status of the
 // delivery.
 int LogClientEvent(std::uint32_t event, ...);
+
+// Takes one event for delivery by a thread of the client's own: the arguments of LogClientEvent,
+// all copied, none changed. Events arrive in the order of their posts. While the daemon isn't there
+// or hangs they wait for it, up to 10,000 and 4 MiB; later ones are lost, and counted in one
+// Warning when the daemon takes events again. Each carries the time of its post (TagStamp, seconds
+// since 1970). Any thread. 0 if it waits for delivery; -15, -1 and
+// -13 as above; -6 if it is lost; -15 also when the client is down.
+int LogClientPost(std::uint32_t event, ...);

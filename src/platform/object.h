@@ -38,8 +38,8 @@ inline Object* FromHandle(HANDLE handle) {
                                                                : static_cast<Object*>(handle);
 }
 
-// An object that can be waited on: a count (events: 0 or 1) and, once somebody had to sleep, a
-// descriptor that is readable while the count is above 0 and somebody waits.
+// An object that can be waited on: a count (events: 0 or 1) and, while somebody sleeps on it, a
+// descriptor that is readable while the count is above 0.
 class Waitable : public Object {
   public:
     enum class Kind { kManualEvent, kAutoEvent, kSemaphore };
@@ -67,7 +67,7 @@ class Waitable : public Object {
     LONG count_;  // guarded by mutex_
     const LONG maximum_;
     int waiters_ = 0;      // guarded by mutex_
-    int descriptor_ = -1;  // guarded by mutex_
+    int descriptor_ = -1;  // guarded by mutex_; -1 while there are no waiters
     bool raised_ = false;  // guarded by mutex_: the descriptor is readable
 };
 

@@ -1,7 +1,6 @@
 #include "platform/sync.h"
 
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,6 +11,7 @@
 #include <string>
 
 #include "platform/object.h"
+#include "platform/spare_descriptors.h"
 
 using platform::FromHandle;
 using platform::Object;
@@ -104,7 +104,7 @@ void SetLastError(DWORD error) { t_lastError = error; }
 namespace platform {
 
 Waitable::~Waitable() {
-    if (descriptor_ >= 0) close(descriptor_);
+    if (descriptor_ >= 0) close(descriptor_);  // closed under a waiter, against the rules
 }
 
 void Waitable::SyncDescriptor() {
@@ -146,7 +146,7 @@ bool Waitable::TryConsume() {
 int Waitable::BeginWait() {
     const std::lock_guard lock(mutex_);
     if (descriptor_ < 0) {
-        descriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        descriptor_ = SpareDescriptors::Instance().Take();
         if (descriptor_ < 0) return -1;
     }
     ++waiters_;
@@ -156,7 +156,14 @@ int Waitable::BeginWait() {
 
 void Waitable::EndWait() {
     const std::lock_guard lock(mutex_);
-    --waiters_;
+    if (--waiters_ > 0) return;
+    std::uint64_t value = 0;
+    if (raised_) {
+        [[maybe_unused]] const ssize_t done = read(descriptor_, &value, sizeof value);
+    }
+    raised_ = false;
+    SpareDescriptors::Instance().Give(descriptor_);
+    descriptor_ = -1;
 }
 
 DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD milliseconds) {

@@ -1,9 +1,9 @@
 // Events, counting semaphores, threads, and the waits on them.
 //
 // Any thread may use any handle. A handle must not be closed while another thread waits on it.
-// On Linux an object's state lives in the process; it gets a descriptor (eventfd) when a thread
-// first has to sleep on it, so that every wait is one poll(), also together with sockets, and
-// signals that nobody waits for cost no system call.
+// On Linux an object's state lives in the process; it has a descriptor (eventfd) while a thread
+// sleeps on it, so that every wait is one poll(), also together with sockets, signals that nobody
+// waits for cost no system call, and descriptors are as many as there are sleepers, not objects.
 #pragma once
 
 #include "platform/types.h"

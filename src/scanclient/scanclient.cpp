@@ -1,5 +1,6 @@
 #include "scanclient/scanclient.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -54,6 +55,36 @@ int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, OwnedFlatF
     return TagMsgSerialize(message.root, &flat.data, &flat.length);
 }
 
+using Clock = std::chrono::steady_clock;
+
+bool Cancelled(const MailScanRecord& record) {
+    return record.cancelCallback != nullptr && record.cancelCallback(record.cancelContext) != 0;
+}
+
+// Tries until the daemon has the request: all its instances may be busy, or all connections that
+// may be open to it. The session is kept alive meanwhile, once a slice; when it has gone the result
+// is LIPC_BUSY. What is left of a slice is the limit for the reply.
+int SendWhenFree(const MailScanRecord& record, const OwnedFlatForm& flat,
+                 std::chrono::milliseconds slice, LIPCConnection** connection, const void** data,
+                 std::uint32_t* length) {
+    LIPCEndpoint* endpoint = g_endpoint;
+    std::uint64_t turn = 0;
+    for (Clock::time_point end = Clock::now() + slice;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        const auto limit = static_cast<std::int32_t>(std::max<std::int64_t>(left.count(), 1));
+        const int result = LIPCRequestInTurn(endpoint, connection, flat.data, flat.length, data,
+                                             length, limit, &turn);
+        if (result != LIPC_BUSY) return result;
+        const Clock::time_point now = Clock::now();
+        if (now < end) {
+            std::this_thread::sleep_for(std::min<Clock::duration>(kBusyPause, end - now));
+        } else {
+            if (Cancelled(record)) return result;
+            end = Clock::now() + slice;
+        }
+    }
+}
+
 // Sends the request and waits for its reply, which becomes a message. Gives the connection back in
 // every case.
 int Exchange(const MailScanRecord& record, const OwnedFlatForm& flat, std::uint32_t sliceMs,
@@ -63,17 +94,10 @@ int Exchange(const MailScanRecord& record, const OwnedFlatForm& flat, std::uint3
     const void* data = nullptr;
     std::uint32_t length = 0;
     const auto limit = static_cast<std::int32_t>(sliceMs);
-    int result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &data, &length, limit);
-    while (result == LIPC_BUSY) {
-        std::this_thread::sleep_for(kBusyPause);
-        result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &data, &length, limit);
-    }
-    bool cancelled = false;
-    while (result == LIPC_TIMED_OUT && !cancelled) {
-        cancelled =
-            record.cancelCallback != nullptr && record.cancelCallback(record.cancelContext) != 0;
-        if (!cancelled) result = LIPCWaitReply(endpoint, connection, &data, &length, limit);
-    }
+    int result =
+        SendWhenFree(record, flat, std::chrono::milliseconds(sliceMs), &connection, &data, &length);
+    while (result == LIPC_TIMED_OUT && !Cancelled(record))
+        result = LIPCWaitReply(endpoint, connection, &data, &length, limit);
     int status = kFailed;
     if (result == LIPC_OK)
         status = length > 0x7FFFFFFF

@@ -84,6 +84,7 @@ int MailScanAddRecipient(MailScanRecord* record, const char* recipient);
 int MailScanSetObjectActions(MailScanRecord* record, std::uint32_t mask, const char* fallback);
 int MailScanSetMessageActions(MailScanRecord* record, std::uint32_t mask, const char* fallback);
 // 0 with the answer in the record, or a negative status. Blocks until the answer has come or the
-// scan is given up.
+// scan is given up. A daemon whose connections are all taken is waited for as its answer is, with
+// the callback asked after each slice.
 int MailScan(MailScanRecord* record);
 void MailScanFree(MailScanRecord* record);

@@ -42,6 +42,6 @@ void Peers::SendStatEvent(int eventCode, const char* sender, const char* recipie
     record->SetActionMask(kActionMask);
     if (sender != nullptr) record->SetSender(sender);
     if (recipient != nullptr) record->AddRecipient(recipient);
-    statistics->SendRequest(record);
+    statistics->PostRequest(record);
     FreeStatsRequest(record);
 }

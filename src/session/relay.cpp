@@ -115,8 +115,8 @@ void MessageRelay::TellRefusedRedirect(const std::string& address) const {
     if (const std::size_t at = message.find("%s"); at != std::string::npos)
         message.replace(at, 2, address);
     // Lost if the logger is down: the message is not held up for it.
-    LogClientEvent(kEventWarning, nullptr, nullptr, nullptr, peers_.settings.forwardHost.c_str(),
-                   nullptr, message.c_str());
+    LogClientPost(kEventWarning, nullptr, nullptr, nullptr, peers_.settings.forwardHost.c_str(),
+                  nullptr, message.c_str());
 }
 
 bool MessageRelay::SendMessage() {

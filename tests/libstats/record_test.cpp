@@ -206,6 +206,50 @@ TEST_F(StatsClient, ReleaseEndsARequestThatWaits) {
     EXPECT_LT(client->SendRequest(record.get()), 0) << "one that comes late";
 }
 
+TEST_F(StatsClient, PostedRecordsArriveBeforeTheEnd) {
+    FakeDaemon daemon;
+    const Record record(CreateStatsRequest());
+    record->SetEventCode(80);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(GetLibStats()->PostRequest(record.get()), 0);
+    libstats::CLibStats* client = GetLibStats();
+    ReleaseLibStats();
+    EXPECT_EQ(daemon.requests, 100);
+    EXPECT_LT(client->PostRequest(record.get()), 0) << "one that comes late";
+    EXPECT_LT(client->PostRequest(nullptr), 0);
+    daemon.End();
+    EXPECT_NE(Lines(daemon.flat).find("4801 80\n"), std::string::npos);
+}
+
+TEST_F(StatsClient, PostsDoNotWaitForADaemonThatHangs) {
+    FakeDaemon daemon(false);
+    const Record record(CreateStatsRequest());
+    const auto start = std::chrono::steady_clock::now();
+    int lost = 0;
+    for (int i = 0; i < 11000; ++i) lost += GetLibStats()->PostRequest(record.get()) < 0 ? 1 : 0;
+    EXPECT_GE(lost, 999) << "all but those that wait and the one in the daemon's hands";
+    EXPECT_LE(lost, 1000);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    const auto end = std::chrono::steady_clock::now();
+    ReleaseLibStats();
+    EXPECT_LT(std::chrono::steady_clock::now() - end, 4s);
+}
+
+TEST_F(StatsClient, LostRecordsAreTold) {
+    static std::atomic<std::uint64_t> told{0};
+    told = 0;
+    OnStatsLost([](std::uint64_t lost) { told += lost; });
+    const Record record(CreateStatsRequest());
+    int lost = 0;
+    for (int i = 0; i < 10100; ++i) lost += GetLibStats()->PostRequest(record.get()) < 0 ? 1 : 0;
+    EXPECT_GE(lost, 99);
+    const FakeDaemon daemon;
+    const auto end = std::chrono::steady_clock::now() + 20s;
+    while (told == 0 && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(told, static_cast<std::uint64_t>(lost));
+    EXPECT_EQ(daemon.requests, 10100 - lost);
+    OnStatsLost(nullptr);
+}
+
 TEST(StatsRelease, MeetsSendersAtAnyPoint) {
     const FakeDaemon daemon;
     std::atomic<bool> stop{false};

@@ -86,6 +86,7 @@ Verdict CSMTPProxy::ScanMessage(const std::string& path) {
     record.cancelCallback = KeepAlive;
     record.cancelContext = this;
     record.scanSections = 15;
+    record.transferForm = messagePhase == PHASE_BDAT ? 2 : 1;
     // An action list that could not be built is left out; the daemon then takes its own. A
     // recipient that could not be added would hide from the scan, so that fails it.
     MailScanSetObjectActions(&record, 11, nullptr);

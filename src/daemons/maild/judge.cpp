@@ -30,9 +30,9 @@ bool EngineIsAway(ScanOutcome outcome) {
 }
 
 // The file with the text of these parts replaced by 'A', which stands for zeros.
-platform::File WithoutParts(int file, const std::vector<EncryptedPart>& parts) {
+platform::File WithoutParts(int file, long long size, const std::vector<EncryptedPart>& parts) {
     platform::File copy = MakeForm(file, Form{});
-    const long long shift = copy ? copy.Size() - lseek(file, 0, SEEK_END) : 0;
+    const long long shift = copy ? copy.Size() - size : 0;
     std::vector<char> block(65536);
     for (const EncryptedPart& part : parts) {
         if (!part.whole) continue;
@@ -59,35 +59,35 @@ class Judge {
           settings_(settings),
           end_(Clock::now() + std::chrono::seconds(settings.scanSeconds)) {}
 
-    ScanResult Look(int file) {
-        const ScanResult result = Believed(file);
+    ScanResult Look(int file, long long size) {
+        const ScanResult result = Believed(file, size);
         if (result.outcome != ScanOutcome::kEncrypted) return result;
         encrypted_ = result.text;
-        return settings_.whenEncrypted == WhenEncrypted::kPass ? LookBehind(file, result) : result;
+        return settings_.whenEncrypted == WhenEncrypted::kPass ? LookBehind(file, size, result)
+                                                               : result;
     }
     const std::string& Encrypted() const { return encrypted_; }
 
   private:
     // The engine's word, but for a "clean" about what it may not have looked at to the end.
-    ScanResult Believed(int file) {
+    ScanResult Believed(int file, long long size) {
         std::shared_ptr<const EngineProof> proof;
         ScanResult result = engine_.Scan(file, end_, proof);
         if (result.outcome != ScanOutcome::kClean && result.outcome != ScanOutcome::kEncrypted)
             return result;
-        if (proof->plainBytes < lseek(file, 0, SEEK_END) ||
-            (!proof->tellsOfLimits && CouldUnpack(file)))
+        if (proof->plainBytes < size || (!proof->tellsOfLimits && CouldUnpack(file)))
             return {ScanOutcome::kTooBig,
                     "the engine calls it clean, but not that it looked at all of it"};
         return result;
     }
     // The engine gives one finding for a message: "encrypted" may stand for an archive beyond its
     // limits beside it. So it looks again, without what is known to be encrypted.
-    ScanResult LookBehind(int file, const ScanResult& first) {
+    ScanResult LookBehind(int file, long long size, const ScanResult& first) {
         std::vector<EncryptedPart> parts;
         if (!FindEncrypted(file, 0, parts)) return {ScanOutcome::kFailed, "can't read the message"};
-        const platform::File rest = WithoutParts(file, parts);
+        const platform::File rest = WithoutParts(file, size, parts);
         if (!rest) return {ScanOutcome::kFailed, "can't copy the message"};
-        ScanResult result = Believed(rest.Descriptor());
+        ScanResult result = Believed(rest.Descriptor(), rest.Size());
         if (result.outcome == ScanOutcome::kClean) return first;
         if (result.outcome == ScanOutcome::kEncrypted)
             return {ScanOutcome::kTooBig,
@@ -109,14 +109,15 @@ std::string OwnFinding(int file, const Survey& survey) {
     return found == parts.end() ? std::string() : "Encrypted." + found->kind;
 }
 
-ScanResult LookAtForms(Judge& judge, int file, const Survey& survey, Transfer transfer) {
+ScanResult LookAtForms(Judge& judge, int file, long long size, const Survey& survey,
+                       Transfer transfer) {
     ScanResult worst{ScanOutcome::kClean, ""};
     for (const Form& form : FormsOf(survey, transfer)) {
         ScanResult result;
         if (form.AsStored() && survey.known) {
-            result = judge.Look(file);
+            result = judge.Look(file, size);
         } else if (const platform::File copy = MakeForm(file, form)) {
-            result = judge.Look(copy.Descriptor());
+            result = judge.Look(copy.Descriptor(), copy.Size());
         } else {
             result = {ScanOutcome::kFailed, "can't copy the message"};
         }
@@ -151,7 +152,7 @@ Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* pat
         return judgement;
     }
     Judge judge(engine, settings);
-    judgement.scan = LookAtForms(judge, file.Descriptor(), survey, transfer);
+    judgement.scan = LookAtForms(judge, file.Descriptor(), info.st_size, survey, transfer);
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement;
     judgement.encrypted = judge.Encrypted();
     if (judgement.encrypted.empty()) judgement.encrypted = OwnFinding(file.Descriptor(), survey);

@@ -16,6 +16,7 @@ install(TARGETS vtservice RUNTIME DESTINATION ${VANTREL_PROGRAM_DIR})
 
 file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/systemd/*.service)
 install(FILES ${units} DESTINATION lib/systemd/system)
+install(PROGRAMS packaging/clamd-settings DESTINATION ${VANTREL_PROGRAM_DIR})
 install(FILES packaging/completion/vtregistry DESTINATION share/bash-completion/completions)
 install(FILES README.md ARCHITECTURE.md DESTINATION share/doc/vantrel)
 install(DIRECTORY docs DESTINATION share/doc/vantrel)

@@ -1,5 +1,6 @@
 #include "daemons/daemon.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
@@ -22,7 +23,7 @@ int Daemon::RegisterDefaults() { return WriteDaemonKeys(Keys(), displayName); }
 int Daemon::UnregisterDefaults() { return DeleteDaemonKeys(Keys()); }
 
 void Daemon::Stop() {
-    ReportStatus(SERVICE_STOP_PENDING, 10000, 0);
+    ReportStatus(SERVICE_STOP_PENDING, static_cast<DWORD>(StopSeconds() + 5) * 1000, 0);
     SetEvent(stopEvent_.Get());
 }
 
@@ -37,13 +38,35 @@ DWORD Daemon::Serve(LPVOID argument) {
         if (status != LIPC_OK) continue;
         void* reply = nullptr;
         std::uint32_t replyLength = 0;
+        // One that comes during a stop gets a reply without data at once: it counts as failed.
+        const bool begun = daemon.Begin();
         try {
-            daemon.Answer(data, length, &reply, &replyLength);
+            if (begun) daemon.Answer(data, length, &reply, &replyLength);
         } catch (const std::exception&) {  // memory ran out: the client still gets its one reply
         }
         LIPCReply(daemon.endpoint_, connection, reply, replyLength);
         std::free(reply);
+        if (begun) daemon.Finish();
     }
+}
+
+bool Daemon::Begin() {
+    const std::lock_guard lock(mutex_);
+    if (stopping_) return false;
+    ++inHand_;
+    return true;
+}
+
+void Daemon::Finish() {
+    const std::lock_guard lock(mutex_);
+    if (--inHand_ == 0) finished_.notify_all();
+}
+
+// The endpoint stays open until the requests in hand are answered, or their time is over.
+void Daemon::Drain() {
+    std::unique_lock lock(mutex_);
+    stopping_ = true;
+    finished_.wait_for(lock, std::chrono::seconds(StopSeconds()), [this] { return inHand_ == 0; });
 }
 
 void Daemon::Run(int argc, char** argv) {
@@ -66,7 +89,8 @@ void Daemon::Run(int argc, char** argv) {
                 threads.emplace_back(CreateThread(nullptr, 0, Serve, this, 0, nullptr));
             ReportStatus(SERVICE_RUNNING, 3000, 0);
             WaitForSingleObject(stopEvent_.Get(), INFINITE);
-            // Requests in hand are answered; the threads leave with the endpoint.
+            Drain();
+            // The threads leave with the endpoint.
             LIPCClose(endpoint_);
             for (const UniqueHandle& thread : threads) {
                 if (thread) WaitForSingleObject(thread.Get(), INFINITE);

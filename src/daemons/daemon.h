@@ -6,9 +6,11 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "daemons/keys.h"
@@ -40,14 +42,24 @@ class Daemon : public CNTService {
     virtual void Answer(const void* data, std::uint32_t length, void** reply,
                         std::uint32_t* replyLength) = 0;
     virtual void End() {}
+    // Seconds that a stop waits for the requests in hand, at most: below what the service manager
+    // gives a program to end.
+    virtual int StopSeconds() const { return 5; }
 
   private:
     static DWORD Serve(LPVOID daemon);
+    bool Begin();
+    void Finish();
+    void Drain();
 
     const char* const endpointName_;
     LIPCEndpoint* endpoint_ = nullptr;
     UniqueHandle stopEvent_;
     platform::InstanceLock lock_;
+    std::mutex mutex_;
+    std::condition_variable finished_;
+    int inHand_ = 0;         // guarded by mutex_: requests that are being answered
+    bool stopping_ = false;  // guarded by mutex_
 };
 
 // What each daemon's main does: signals, limits, options. The exit code.

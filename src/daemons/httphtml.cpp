@@ -11,11 +11,13 @@ namespace {
 constexpr char kStyle[] = R"css(
 :root { color-scheme: light dark; --back: #f6f7f9; --card: #fff; --ink: #1b1f26; --dim: #5b6472;
   --line: #d9dde3; --s0: #2a78d6; --s1: #d0353b; --s2: #d97706; --s3: #8250df; --s4: #6b7280;
-  --s5: #84602a; --s6: #0f766e; --s7: #a16207; --s8: #be185d; }
+  --s5: #84602a; --s6: #0f766e; --s7: #a16207; --s8: #be185d;
+  --s9: #4d7c0f; --s10: #0369a1; }
 @media (prefers-color-scheme: dark) {
   :root { --back: #14171c; --card: #1d2129; --ink: #e7eaf0; --dim: #a3acba; --line: #363c47;
     --s0: #5b9df0; --s1: #f0686d; --s2: #f2a33c; --s3: #b08cff; --s4: #9aa3b2; --s5: #c9a06a;
-    --s6: #3fbfae; --s7: #d9b64a; --s8: #f07ab0; } }
+    --s6: #3fbfae; --s7: #d9b64a; --s8: #f07ab0;
+    --s9: #a3c957; --s10: #58b7e8; } }
 * { box-sizing: border-box; }
 body { margin: 0; background: var(--back); color: var(--ink);
   font: 16px/1.45 system-ui, -apple-system, "Segoe UI", "DejaVu Sans", sans-serif; }
@@ -42,7 +44,7 @@ svg.plot line.base { stroke: var(--dim); }
 .legend svg { width: 12px; height: 12px; vertical-align: -1px; margin-right: 6px; }
 .s0 { fill: var(--s0); } .s1 { fill: var(--s1); } .s2 { fill: var(--s2); } .s3 { fill: var(--s3); }
 .s4 { fill: var(--s4); } .s5 { fill: var(--s5); } .s6 { fill: var(--s6); } .s7 { fill: var(--s7); }
-.s8 { fill: var(--s8); }
+.s8 { fill: var(--s8); } .s9 { fill: var(--s9); } .s10 { fill: var(--s10); }
 .scroll { overflow-x: auto; }
 .glance .scroll { max-width: 720px; }
 table { border-collapse: collapse; width: 100%; font-size: .9rem; }

@@ -17,6 +17,9 @@ inline constexpr std::int32_t kStatInfectedDropped = 102;
 inline constexpr std::int32_t kStatInfectedRedirected = 103;
 inline constexpr std::int32_t kStatNotScanned = 104;       // the message was put off
 inline constexpr std::int32_t kStatPassedUnscanned = 105;  // delivered, as a setting allows
+// A message that holds what nobody can look into without its password:
+inline constexpr std::int32_t kStatEncryptedPassed = 106;
+inline constexpr std::int32_t kStatEncryptedRefused = 107;  // put off it counts as not scanned
 
 // Agent numbers of the reporters.
 inline constexpr std::uint32_t kStatAgentProxy = 4;
@@ -35,12 +38,14 @@ inline constexpr StatEvent kStatEvents[] = {
     {kStatInfectedRedirected, "Infected, redirected", "Redirected"},
     {kStatNotScanned, "Not scanned, put off", "Put off"},
     {kStatPassedUnscanned, "Not scanned, passed", "Unscanned"},
+    {kStatEncryptedPassed, "Encrypted, passed", "Encrypted"},
+    {kStatEncryptedRefused, "Encrypted, refused", "Enc. ref."},
     {kStatPeerDenied, "Peer denied", "Denied"},
     {kStatSenderDropped, "Sender dropped", "Senders"},
     {kStatRecipientHarvest, "Recipient harvest", "Harvest"},
 };
 // Groups of a report: one for each known event, and one for all other codes behind them.
-inline constexpr std::size_t kStatVerdicts = 6;  // the first groups: what became of a message
+inline constexpr std::size_t kStatVerdicts = 8;  // the first groups: what became of a message
 inline constexpr std::size_t kStatOtherGroup = sizeof kStatEvents / sizeof kStatEvents[0];
 inline constexpr std::size_t kStatGroups = kStatOtherGroup + 1;
 

@@ -5,28 +5,10 @@
 #include <chrono>
 #include <cstdio>
 
+#include "daemons/printable.h"
+
 namespace stats {
 namespace {
-
-bool IsContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; }
-
-// Bytes of the well-formed character at the text's start, 0 if it is none.
-std::size_t CharacterLength(std::string_view text) {
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char first = byte(0);
-    if (first < 0x80) return 1;
-    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || text.size() < length) return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if (!IsContinuation(text[i])) return 0;
-    }
-    // Forms longer than needed, surrogates, and what lies behind the last code point.
-    if ((first == 0xE0 && byte(1) < 0xA0) || (first == 0xED && byte(1) > 0x9F) ||
-        (first == 0xF0 && byte(1) < 0x90) || (first == 0xF4 && byte(1) > 0x8F))
-        return 0;
-    // C1 controls.
-    return first == 0xC2 && byte(1) < 0xA0 ? 0 : length;
-}
 
 std::string_view Trimmed(std::string_view text) {
     constexpr std::string_view kBlank = " \t\r\n";
@@ -44,15 +26,15 @@ std::int64_t Floor(std::int64_t seconds, std::int64_t unit) {
 std::string CleanText(std::string_view text, std::size_t limit) {
     std::string out;
     while (!text.empty()) {
-        const std::size_t length = CharacterLength(text);
-        const bool printable = length > 1 || (length == 1 && text[0] >= 0x20 && text[0] != 0x7F);
-        if (out.size() + (printable ? length : 1) > limit) break;
-        if (printable) {
-            out += text.substr(0, length);
-        } else {
+        const std::size_t length = PrintableLength(text);
+        const std::size_t taken = std::max<std::size_t>(length, 1);
+        if (out.size() + taken > limit) break;
+        if (length == 0) {
             out += '?';
+        } else {
+            out += text.substr(0, length);
         }
-        text.remove_prefix(std::max<std::size_t>(length, 1));
+        text.remove_prefix(taken);
     }
     return out;
 }

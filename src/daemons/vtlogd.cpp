@@ -5,13 +5,16 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "daemons/daemon.h"
+#include "daemons/printable.h"
 #include "logclient/levels.h"
 #include "platform/clock.h"
 #include "platform/home.h"
@@ -45,21 +48,22 @@ constexpr FieldName kFields[] = {
     {TagEventTextC, "text_c"},
 };
 
-// Neither a line end nor a quote of a stranger's text may look like one of ours.
-void AppendQuoted(std::string& line, const char* text) {
+// Neither a line end nor a quote of a stranger's text may look like one of ours, and no control
+// reaches who reads the log in a terminal.
+void AppendQuoted(std::string& line, std::string_view text) {
     line += '"';
-    for (; *text != '\0'; ++text) {
-        const auto byte = static_cast<unsigned char>(*text);
-        if (byte == '"' || byte == '\\') {
-            line += '\\';
-            line += *text;
-        } else if (byte < 0x20 || byte == 0x7F) {
+    while (!text.empty()) {
+        const std::size_t length = PrintableLength(text);
+        if (length == 0) {
             char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+            std::snprintf(escaped, sizeof escaped, "\\x%02X",
+                          static_cast<unsigned char>(text.front()));
             line += escaped;
         } else {
-            line += *text;
+            if (text.front() == '"' || text.front() == '\\') line += '\\';
+            line += text.substr(0, length);
         }
+        text.remove_prefix(std::max<std::size_t>(length, 1));
     }
     line += '"';
 }
@@ -89,9 +93,26 @@ void AppendStamp(std::string& line, TagMsgNode* event) {
         line += " posted=\"" + platform::UtcTimeText(stamp) + '"';
 }
 
-std::string Describe(TagMsgNode* event) {
-    std::uint32_t word = 0;
-    TagMsgCopyAttr(event, TagEventWord, &word, sizeof word);
+// What the level of a class asks for: low, a line in the file; medium, the system's log besides, as
+// information; high, there as something to look at.
+constexpr int kFileOnly = -1;
+int SyslogPriority(std::uint32_t word) {
+    if ((word & kLevelLow) != 0) return kFileOnly;
+    if ((word & kLevelMedium) != 0) return LOG_INFO;
+    switch (word & 0xFFFF0000) {
+        case kEventError:
+            return LOG_ERR;
+        case kEventVirus:
+        case kEventWarning:
+        case kEventFileNotScanned:
+        case kEventUpdateError:
+            return LOG_WARNING;
+        default:
+            return LOG_NOTICE;
+    }
+}
+
+std::string Describe(TagMsgNode* event, std::uint32_t word) {
     std::string line = std::string(LevelName(word)) + ' ' + KindName(word);
     for (const FieldName& field : kFields) {
         const void* text = nullptr;
@@ -145,10 +166,12 @@ class LogDaemon final : public Daemon {
         TagMsgNode* event = nullptr;
         if (data != nullptr && length <= 0x7FFFFFFF &&
             TagMsgParse(&event, data, static_cast<std::int32_t>(length)) == TAGMSG_OK) {
-            Write(Describe(event));
+            std::uint32_t word = 0;
+            TagMsgCopyAttr(event, TagEventWord, &word, sizeof word);
+            Write(Describe(event, word), SyslogPriority(word));
             TagMsgFree(event, 1, 1);
         } else {
-            Write("high Warning message=\"an event that could not be read\"");
+            Write("high Warning message=\"an event that could not be read\"", LOG_WARNING);
         }
     }
 
@@ -167,7 +190,7 @@ class LogDaemon final : public Daemon {
         }
         Reopen();
     }
-    void Write(const std::string& text) {
+    void Write(const std::string& text, int priority) {
         const std::string line = platform::UtcTimeText() + ' ' + text + '\n';
         const std::lock_guard lock(mutex_);
         // Moved away or removed: a new one is begun.
@@ -179,7 +202,7 @@ class LogDaemon final : public Daemon {
         if (write(file_, line.data(), line.size()) < 0)
             std::fprintf(stderr, "VTLOGD: %s", line.c_str());
         if (mine.st_size + static_cast<off_t>(line.size()) >= maxSize_) Rotate();
-        if (toSyslog_) syslog(LOG_NOTICE, "%s", text.c_str());
+        if (toSyslog_ && priority != kFileOnly) syslog(priority, "%s", text.c_str());
     }
 
     std::mutex mutex_;

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "daemons/printable.h"
 #include "daemons/quietterminal.h"
 #include "libstats/libstats.h"
 #include "net/socket.h"
@@ -209,17 +210,15 @@ std::size_t Width(const std::string& text) {
     return width;
 }
 
-// What comes from elsewhere must not steer the terminal: neither with a control character nor with
-// one of the upper ones (C2 80 to C2 9F).
-std::string Harmless(std::string text) {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
-        const bool upper = byte == 0xC2 && next >= 0x80 && next < 0xA0;
-        if (upper) text.erase(i + 1, 1);
-        if (upper || byte < 0x20 || byte == 0x7F) text[i] = '?';
+// What comes from elsewhere must not steer the terminal.
+std::string Harmless(std::string_view text) {
+    std::string out;
+    while (!text.empty()) {
+        const std::size_t length = PrintableLength(text);
+        out += length == 0 ? "?" : text.substr(0, length);
+        text.remove_prefix(std::max<std::size_t>(length, 1));
     }
-    return text;
+    return out;
 }
 
 void PrintTable(ReportTable table) {
@@ -227,7 +226,7 @@ void PrintTable(ReportTable table) {
     for (ReportRow& row : table) {
         if (widths.size() < row.size()) widths.resize(row.size());
         for (std::size_t i = 0; i < row.size(); ++i) {
-            row[i] = Harmless(std::move(row[i]));
+            row[i] = Harmless(row[i]);
             widths[i] = std::max(widths[i], Width(row[i]));
         }
     }

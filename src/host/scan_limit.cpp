@@ -6,9 +6,10 @@
 namespace {
 
 constexpr char kDaemonKey[] = "/VTWIN/Daemons/MailDaemon";
-// What the running daemon says comes before what it is told to do when it reads its settings.
-constexpr const char* kLimitKeys[] = {"/VTWIN/Daemons/MailDaemon/RTP/MaxFileSize",
-                                      "/VTWIN/Daemons/MailDaemon/MaxFileSize"};
+// What it is configured to take; else what it takes unasked, which it writes down at its start. 0
+// there: all.
+constexpr const char* kLimitKeys[] = {"/VTWIN/Daemons/MailDaemon/MaxFileSize",
+                                      "/VTWIN/Daemons/MailDaemon/RTP/MaxFileSize"};
 
 // With it the daemon lets a larger message pass as it is.
 constexpr char kPassKey[] = "/VTWIN/Daemons/MailDaemon/PassWhenTooBig";
@@ -20,7 +21,7 @@ long long ReadLimit() {
     for (const char* key : kLimitKeys) {
         char value[64];
         if (BufferedGetValue(kLocalStore, key, value, sizeof value) != 0) continue;
-        if (const auto size = ParseSize(value)) return *size;
+        if (const long long size = ParseSize(value).value_or(0); size > 0) return size;
     }
     return 0;
 }

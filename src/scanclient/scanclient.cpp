@@ -45,6 +45,7 @@ int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, OwnedFlatF
         {TagScanParamA, &record.paramA},
         {TagScanParamB, &record.paramB},
         {TagScanSections, &record.scanSections},
+        {TagTransferForm, record.transferForm != 0 ? &record.transferForm : nullptr},
         {TagPollInterval, record.cancelCallback != nullptr ? &slice : nullptr},
         {TagExtraText, record.extraText[0] != '\0' ? record.extraText : nullptr},
     };

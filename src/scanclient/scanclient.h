@@ -69,6 +69,9 @@ struct MailScanRecord {
     std::int32_t paramB;
     MailScanVerdict* verdict;  // answer; null if it names no known section
     MailScanEntry* entries;    // answer
+    // How the message came: 1 by DATA, dot-stuffed; 2 by BDAT, as it is; 0, unknown: nothing is
+    // sent and the daemon expects either.
+    std::int32_t transferForm;
 };
 
 // Bit of actionMask: before reading the children, that there are some; in the record's answer,

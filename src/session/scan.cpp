@@ -10,6 +10,9 @@ namespace {
 constexpr std::size_t kRedirectSize = 512;  // with its zero byte
 constexpr std::int32_t kAgentId = 4;
 constexpr std::int32_t kAllSections = 15;
+// How the message came, and so which forms of it a receiver can make.
+constexpr std::int32_t kTransferAsData = 1;
+constexpr std::int32_t kTransferAsChunks = 2;
 constexpr std::uint32_t kObjectActions = 11;
 constexpr std::uint32_t kMessageActions = 4;
 
@@ -68,6 +71,7 @@ Verdict ScanMessage(Peers& peers, const Envelope& envelope, const SpoolFile& spo
     record.cancelCallback = KeepAlive;
     record.cancelContext = &peers;
     record.scanSections = kAllSections;
+    record.transferForm = envelope.messagePhase == PHASE_BDAT ? kTransferAsChunks : kTransferAsData;
     // An action list that could not be built is left out; the daemon then takes its own. A
     // recipient that could not be added would hide from the scan, so that fails it.
     MailScanSetObjectActions(&record, kObjectActions, nullptr);

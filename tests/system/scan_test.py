@@ -1,125 +1,30 @@
 """The scan daemon with the real engine behind it, the logger beside it: what becomes of infected mail, and of mail that
 can't be scanned."""
 
-import base64
-import contextlib
-import glob
-import io
 import os
 import signal
-import socket
-import sqlite3
 import subprocess
 import threading
 import time
 import unittest
-import zipfile
 
-from harness import BIN, Client, MailServer, Proxy, free_port, wait_until
-
-# The standard test pattern for scanners, in two pieces so that this file is none itself.
-EICAR = rb"X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-" + b"ANTIVIRUS-TEST-FILE!" + b"$H+H*"
-DATABASE = os.path.join(os.path.dirname(__file__), "..", "..", "src", "daemons", "data")
-KEY = "/VTWIN/Daemons/MailDaemon/"
-REJECTED = b"550 Rejected by Vantrel.\r\n"
-NOT_CHECKED = b"451 4.3.0 Message could not be checked, try again later\r\n"
+from harness import BIN, Proxy, wait_until
+from scanning import EICAR, KEY, NOT_CHECKED, QUEUED, REJECTED, Scanning, archive, attached, body
 
 
-def zipped():
-    out = io.BytesIO()
-    with zipfile.ZipFile(out, "w", zipfile.ZIP_DEFLATED) as archive:
-        archive.writestr("eicar.com", EICAR)
-    coded = base64.encodebytes(out.getvalue()).replace(b"\n", b"\r\n")
-    return (b"Subject: a file\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n"
-            b"Content-Type: text/plain\r\n\r\nsee the file\r\n--b\r\nContent-Type: application/zip; name=f.zip\r\n"
-            b"Content-Transfer-Encoding: base64\r\n\r\n" + coded + b"--b--\r\n")
-
-
-def body(text):
-    return b"Subject: x\r\n\r\n" + text + b"\r\n"
-
-
-class Engine(unittest.TestCase):
-    """One engine for all cases of the class."""
-
-    @classmethod
-    def setUpClass(cls):
-        cls.server = MailServer()
-        cls.proxy = Proxy(cls.server.port, {KEY + "MaxFileSize": "200000", KEY + "ScanTimeout": "20"}, start=False)
-        home = cls.proxy.home
-        os.makedirs(home + "/clamd/db", 0o700)
-        for file in glob.glob(DATABASE + "/*.ndb"):
-            subprocess.run(["cp", file, home + "/clamd/db"], check=True)
-        with open(home + "/clamd/clamd.conf", "w") as conf:
-            conf.write("LocalSocket %s/clamd/clamd.sock\nDatabaseDirectory %s/clamd/db\nForeground yes\nMaxThreads 2\n" % (home, home))
-        cls.processes = []
-        cls.start_engine()
-        cls.spawn(BIN + "/vtlogd", "debug")
-        assert wait_until(lambda: os.path.exists(home + "/pipes/vtlogd"), 20)
-        cls.proxy.tool("set", "/VTWIN/Daemons/StatsDaemon/HTTPPort", str(free_port()))
-        cls.spawn(BIN + "/vtstatd", "debug")
-        assert wait_until(lambda: os.path.exists(home + "/pipes/VTSTATD"), 20)
-        cls.start_scanner()
-        cls.proxy.start()
-
-    @classmethod
-    def start_engine(cls):
-        cls.clamd = cls.spawn("clamd", "--config-file=" + cls.proxy.home + "/clamd/clamd.conf")
-        assert wait_until(lambda: os.path.exists(cls.proxy.home + "/clamd/clamd.sock"), 60), "clamd"
-
-    @classmethod
-    def start_scanner(cls):
-        cls.maild = cls.spawn(BIN + "/vtmaild", "debug")
-        assert wait_until(lambda: cls.serves("vtmaild"), 20)
-
-    @classmethod
-    def serves(cls, pipe):
-        with socket.socket(socket.AF_UNIX) as probe:
-            return probe.connect_ex(cls.proxy.home + "/pipes/" + pipe) == 0
-
-    @classmethod
-    def spawn(cls, *words):
-        process = subprocess.Popen(words, env=cls.proxy.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        cls.processes.append(process)
-        return process
-
-    @classmethod
-    def tearDownClass(cls):
-        for process in reversed(cls.processes):
-            process.send_signal(signal.SIGCONT)
-            process.terminate()
-            process.wait(30)
-        cls.proxy.stop()
-        cls.server.close()
-
-    def send(self, message):
-        client = Client(self.proxy.port, 40)
-        client.envelope()
-        reply = client.data(message + b".\r\n")
-        client.close()
-        return reply
-
-    def settings(self, **values):
-        for name, value in values.items():
-            old = self.proxy.tool("get", KEY + name)
-            self.addCleanup(self.proxy.tool, *(("set", KEY + name, old.stdout.rstrip("\n")) if old.returncode == 0
-                                               else ("del", KEY + name)))
-            self.proxy.tool("set", KEY + name, value)
-
-    def log(self):
-        with open(self.proxy.home + "/log/vtlogd.log") as file:
-            return file.read()
-
+class Engine(Scanning):
     def test_infected_mail_is_found_in_every_dress(self):
-        cases = {"plain": body(EICAR), "zip in base64": zipped(), "no header": EICAR + b"\r\n",
-                 "behind doubled dots": body(b"..\r\n" + EICAR), "odd first header": b"X-Odd: 1\r\n" + zipped()}
+        zipped = archive(("eicar.com", EICAR))
+        cases = {"plain": body(EICAR), "zip in base64": attached(zipped), "no header": EICAR + b"\r\n",
+                 "odd first header": attached(zipped, first=b"X-Odd: 1\r\n")}
         for name, message in cases.items():
             with self.subTest(name):
                 count = len(self.server.messages)
                 self.assertEqual(self.send(message), REJECTED)
                 self.assertEqual(len(self.server.messages), count)
-        self.assertIn("virus found", self.log())
-        self.assertEqual(self.send(body(b"clean")), b"250 queued\r\n")
+        self.assertTrue(self.logged("high Virus "))
+        self.assertIn('details="virus found: Eicar-Test-Signature', self.log())
+        self.assertEqual(self.send(body(b"clean")), QUEUED)
 
     def test_what_becomes_of_it_is_configured(self):
         self.settings(VirusAction="drop")
@@ -127,7 +32,7 @@ class Engine(unittest.TestCase):
         self.assertTrue(self.send(body(EICAR)).startswith(b"250"))
         self.assertEqual(len(self.server.messages), count)
         self.settings(VirusAction="redirect", RedirectAddress="abuse@example.org")
-        self.assertEqual(self.send(body(EICAR)), b"250 queued\r\n")
+        self.assertEqual(self.send(body(EICAR)), QUEUED)
         self.assertEqual(len(self.server.messages), count + 1)
         self.assertIn(b"RCPT TO: abuse@example.org\r\n", self.server.lines)
         self.settings(RedirectAddress="")
@@ -137,20 +42,24 @@ class Engine(unittest.TestCase):
         big = body(b"x" * 70 + b"\r\n" * 100000)
         self.assertEqual(self.send(big), b"552 5.3.4 Message size exceeds fixed limit\r\n")
         self.settings(PassWhenTooBig="Y")
-        self.assertEqual(self.send(big), b"250 queued\r\n")
+        self.assertEqual(self.send(big), QUEUED)
         self.settings(ScanTimeout="1")
         self.clamd.send_signal(signal.SIGSTOP)
         try:
             self.assertEqual(self.send(body(b"slow")), NOT_CHECKED)
             self.settings(PassWhenTimedOut="Y")
-            self.assertEqual(self.send(body(b"slow")), b"250 queued\r\n")
+            self.assertEqual(self.send(body(b"slow")), QUEUED)
         finally:
             self.clamd.send_signal(signal.SIGCONT)
         self.settings(ClamdSocket=self.proxy.home + "/nothing")
         self.assertEqual(self.send(body(b"down")), NOT_CHECKED)
         self.settings(PassWhenDown="Y")
-        self.assertEqual(self.send(body(b"down")), b"250 queued\r\n")
-        self.assertIn("could not be scanned", self.log())
+        self.assertEqual(self.send(body(b"down")), QUEUED)
+        self.assertTrue(self.logged("high FileNotScanned "))
+        for text in ("could not be scanned: larger than MaxFileSize", "passes unscanned: larger than MaxFileSize",
+                     "could not be scanned: no reply", "could not be scanned: can't connect",
+                     "passes unscanned: can't connect"):
+            self.assertTrue(self.logged(text), text)
 
     def test_scan_daemon_killed_in_the_middle(self):
         replies = []
@@ -170,12 +79,12 @@ class Engine(unittest.TestCase):
         self.maild.wait()
         self.start_scanner()
         self.assertEqual(len(self.server.messages), count)
-        self.assertEqual(self.send(body(b"again")), b"250 queued\r\n")
+        self.assertEqual(self.send(body(b"again")), QUEUED)
         self.assertEqual(self.proxy.spool(), [])
 
     def test_engine_started_anew(self):
         for _ in range(2):
-            self.assertEqual(self.send(body(b"before")), b"250 queued\r\n")
+            self.assertEqual(self.send(body(b"before")), QUEUED)
             self.clamd.terminate()
             self.clamd.wait(30)
             self.assertEqual(self.send(body(b"meanwhile")), NOT_CHECKED)
@@ -183,40 +92,94 @@ class Engine(unittest.TestCase):
             self.assertEqual(self.send(body(EICAR)), REJECTED, "the kept session is of no use any more")
 
     def test_verdicts_are_in_the_statistics(self):
-        def events():
-            with contextlib.closing(sqlite3.connect("file:%s/stats.db?mode=ro" % self.proxy.home, uri=True)) as database:
-                return database.execute("SELECT event_code, label, sender, recipients, value FROM records WHERE agent_id = 5"
-                                        " AND id > ? ORDER BY id", (first,)).fetchall()
-        first = 0
         time.sleep(1)  # of the other cases' messages
-        first = len(events())
+        first = len(self.events())
         self.send(body(b"clean"))
         self.send(body(EICAR))
         self.settings(ClamdSocket=self.proxy.home + "/nothing")
         self.send(body(b"down"))
         self.settings(PassWhenDown="Y")
         self.send(body(b"down"))
-        self.assertTrue(wait_until(lambda: len(events()) == 4), events())
-        found = events()
+        self.assertTrue(wait_until(lambda: len(self.events(first)) == 4), self.events(first))
+        found = self.events(first)
         self.assertEqual([row[0] for row in found], [100, 101, 104, 105])
         self.assertIn("Eicar", found[1][1])
         self.assertEqual(found[0][2:], ("s@example.org", "r@example.org", len(body(b"clean"))))
 
-    def test_limits_of_the_engine_are_compared(self):
-        self.assertIn("AlertExceedsMax", self.log())
-        self.settings(MaxFileSize="999999999")
-        self.send(body(b"x"))
-        self.assertTrue(wait_until(lambda: "could pass unscanned" in self.log()))
+    def test_stop_answers_what_is_in_hand(self):
+        """A stop waits for the engine, and what comes meanwhile is put off."""
+        replies = []
+        self.assertEqual(self.send(body(b"before")), QUEUED)
+        self.clamd.send_signal(signal.SIGSTOP)
+        try:
+            threads = [threading.Thread(target=lambda: replies.append(self.send(body(b"in hand")))) for _ in range(3)]
+            for thread in threads:
+                thread.start()
+            self.assertTrue(wait_until(lambda: len(self.proxy.spool()) == 3))
+            time.sleep(0.5)
+            self.maild.send_signal(signal.SIGTERM)
+            time.sleep(0.5)
+            self.assertEqual(self.send(body(b"too late")), NOT_CHECKED)
+            self.assertEqual(replies, [])
+        finally:
+            self.clamd.send_signal(signal.SIGCONT)
+        for thread in threads:
+            thread.join()
+        self.assertEqual(replies, [QUEUED] * 3)
+        self.maild.wait(20)
+        self.start_scanner()
+        self.assertEqual(self.send(body(b"again")), QUEUED)
+
+    def test_stop_does_not_wait_for_ever(self):
+        self.settings(ScanTimeout="2")
+        self.assertEqual(self.send(body(b"before")), QUEUED)
+        replies = []
+        self.clamd.send_signal(signal.SIGSTOP)
+        try:
+            thread = threading.Thread(target=lambda: replies.append(self.send(body(b"in hand"))))
+            thread.start()
+            self.assertTrue(wait_until(lambda: len(self.proxy.spool()) == 1))
+            begin = time.monotonic()
+            self.maild.send_signal(signal.SIGTERM)
+            self.maild.wait(20)
+            self.assertLess(time.monotonic() - begin, 10)
+            thread.join()
+            self.assertEqual(replies, [NOT_CHECKED])
+        finally:
+            self.clamd.send_signal(signal.SIGCONT)
+        self.start_scanner()
+
+    def test_levels_of_the_log(self):
+        key = "/VTUX/LoggerDaemon/LogLevel/Virus"
+        self.addCleanup(self.proxy.tool, "set", key, "high")
+        self.proxy.tool("set", key, "none")
+        before = self.log().count(" Virus ")
+        self.assertEqual(self.send(body(EICAR)), REJECTED)
+        self.proxy.tool("set", key, "low")
+        self.assertEqual(self.send(body(EICAR)), REJECTED)
+        self.assertTrue(self.logged("low Virus "))
+        self.assertEqual(self.log().count(" Virus "), before + 1)
+
+    def test_control_characters_do_not_reach_the_log(self):
+        client = self.client()
+        client.envelope(sender=b"a\xc2\x9b31m\x9b\xc3\xa9@example.org")
+        self.assertEqual(client.data(body(EICAR) + b".\r\n"), REJECTED)
+        client.close()
+        self.assertTrue(self.logged("\\xC2\\x9B31m\\x9B\u00e9@example.org"))
+        with open(self.proxy.home + "/log/vtlogd.log", "rb") as file:
+            text = file.read()
+        self.assertNotIn(b"\x9b", text)
 
 
 class Logger(unittest.TestCase):
     def test_log_keeps_its_size(self):
-        proxy = Proxy(1, {"/VTWIN/Daemons/LoggerDaemon/MaxLogSize": "500", KEY + "MaxFileSize": "999999999"}, start=False)
+        proxy = Proxy(1, {"/VTWIN/Daemons/LoggerDaemon/MaxLogSize": "500", KEY + "ClamdSocket": "/nothing" * 8}, start=False)
         logger = subprocess.Popen([BIN + "/vtlogd", "debug"], env=proxy.env, stdout=subprocess.DEVNULL)
         self.assertTrue(wait_until(lambda: os.path.exists(proxy.home + "/pipes/vtlogd"), 20))
-        for _ in range(6):  # each start of the scan daemon logs that its limits don't fit
+        for _ in range(6):  # each start of the scan daemon logs that there is no engine
             scan = subprocess.Popen([BIN + "/vtmaild", "debug"], env=proxy.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             wait_until(lambda: os.path.exists(proxy.home + "/pipes/vtmaild"), 20)
+            time.sleep(0.3)
             scan.terminate()
             scan.wait(20)
         logger.terminate()

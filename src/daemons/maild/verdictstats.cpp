@@ -1,4 +1,4 @@
-#include "daemons/verdictstats.h"
+#include "daemons/maild/verdictstats.h"
 
 #include <algorithm>
 #include <limits>

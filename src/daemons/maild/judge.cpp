@@ -1,0 +1,160 @@
+#include "daemons/maild/judge.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "daemons/maild/encrypted.h"
+#include "daemons/maild/unpack.h"
+#include "platform/file.h"
+
+namespace {
+
+using Clock = Connection::Clock;
+
+bool CouldNotLook(ScanOutcome outcome) {
+    return outcome != ScanOutcome::kClean && outcome != ScanOutcome::kEncrypted &&
+           outcome != ScanOutcome::kInfected;
+}
+
+// Whether the next form would fare as badly.
+bool EngineIsAway(ScanOutcome outcome) {
+    return outcome == ScanOutcome::kDown || outcome == ScanOutcome::kBusy ||
+           outcome == ScanOutcome::kTimedOut;
+}
+
+// The file with the text of these parts replaced by 'A', which stands for zeros.
+platform::File WithoutParts(int file, long long size, const std::vector<EncryptedPart>& parts) {
+    platform::File copy = MakeForm(file, Form{});
+    const long long shift = copy ? copy.Size() - size : 0;
+    std::vector<char> block(65536);
+    for (const EncryptedPart& part : parts) {
+        if (!part.whole) continue;
+        for (long long at = part.begin; copy && at < part.end;) {
+            const auto wanted = static_cast<std::size_t>(std::min<long long>(part.end - at, 65536));
+            const ssize_t count = pread(copy.Descriptor(), block.data(), wanted, at + shift);
+            if (count <= 0) return {};
+            const auto end = block.begin() + count;
+            std::replace_if(
+                block.begin(), end, [](char c) { return c != '\r' && c != '\n'; }, 'A');
+            if (pwrite(copy.Descriptor(), block.data(), static_cast<std::size_t>(count),
+                       at + shift) != count)
+                return {};
+            at += count;
+        }
+    }
+    return copy;
+}
+
+class Judge {
+  public:
+    Judge(Engine& engine, const Settings& settings)
+        : engine_(engine),
+          settings_(settings),
+          end_(Clock::now() + std::chrono::seconds(settings.scanSeconds)) {}
+
+    ScanResult Look(int file, long long size) {
+        ScanResult result = Believed(file, size);
+        if (result.outcome != ScanOutcome::kEncrypted) return result;
+        encrypted_ = result.text;
+        return settings_.whenEncrypted == WhenEncrypted::kPass ? LookBehind(file, size, result)
+                                                               : result;
+    }
+    const std::string& Encrypted() const { return encrypted_; }
+
+  private:
+    // The engine's word, but for a "clean" about what it may not have looked at to the end.
+    ScanResult Believed(int file, long long size) {
+        std::shared_ptr<const EngineProof> proof;
+        ScanResult result = engine_.Scan(file, end_, proof);
+        if (result.outcome != ScanOutcome::kClean && result.outcome != ScanOutcome::kEncrypted)
+            return result;
+        if (proof->plainBytes < size || (!proof->tellsOfLimits && CouldUnpack(file)))
+            return {ScanOutcome::kTooBig,
+                    "the engine calls it clean, but not that it looked at all of it"};
+        return result;
+    }
+    // The engine gives one finding for a message: "encrypted" may stand for an archive beyond its
+    // limits beside it. So it looks again, without what is known to be encrypted.
+    ScanResult LookBehind(int file, long long size, const ScanResult& first) {
+        std::vector<EncryptedPart> parts;
+        if (!FindEncrypted(file, 0, parts)) return {ScanOutcome::kFailed, "can't read the message"};
+        const platform::File rest = WithoutParts(file, size, parts);
+        if (!rest) return {ScanOutcome::kFailed, "can't copy the message"};
+        ScanResult result = Believed(rest.Descriptor(), rest.Size());
+        if (result.outcome == ScanOutcome::kClean) return first;
+        if (result.outcome == ScanOutcome::kEncrypted)
+            return {ScanOutcome::kTooBig,
+                    result.text + ", and it can't be told what else is in there"};
+        return result;
+    }
+
+    Engine& engine_;
+    const Settings& settings_;
+    const Clock::time_point end_;
+    std::string encrypted_;
+};
+
+std::string OwnFinding(int file, const Survey& survey) {
+    std::vector<EncryptedPart> parts;
+    if (survey.firstArchive < 0 || !FindEncrypted(file, survey.firstArchive, parts)) return {};
+    const auto found = std::find_if(parts.begin(), parts.end(),
+                                    [](const EncryptedPart& part) { return part.counts; });
+    return found == parts.end() ? std::string() : "Encrypted." + found->kind;
+}
+
+ScanResult LookAtForms(Judge& judge, int file, long long size, const Survey& survey,
+                       Transfer transfer) {
+    ScanResult worst{ScanOutcome::kClean, ""};
+    for (const Form& form : FormsOf(survey, transfer)) {
+        ScanResult result;
+        if (form.AsStored() && survey.known) {
+            result = judge.Look(file, size);
+        } else if (const platform::File copy = MakeForm(file, form)) {
+            result = judge.Look(copy.Descriptor(), copy.Size());
+        } else {
+            result = {ScanOutcome::kFailed, "can't copy the message"};
+        }
+        if (result.outcome == ScanOutcome::kInfected) return result;
+        if (CouldNotLook(result.outcome) && !CouldNotLook(worst.outcome)) worst = result;
+        if (EngineIsAway(result.outcome)) break;
+    }
+    return worst;
+}
+
+}  // namespace
+
+Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* path,
+                       Transfer transfer) {
+    Judgement judgement;
+    const platform::File file(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    struct stat info {};
+    if (!file || fstat(file.Descriptor(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        judgement.scan = {ScanOutcome::kFailed, "can't read the message"};
+        return judgement;
+    }
+    judgement.size = info.st_size;
+    if (info.st_size > settings.maxFileSize) {
+        judgement.scan = {ScanOutcome::kTooBig, "larger than MaxFileSize"};
+        return judgement;
+    }
+    judgement.scan = {ScanOutcome::kClean, ""};
+    if (info.st_size == 0) return judgement;
+    Survey survey;
+    if (!SurveyMessage(file.Descriptor(), survey)) {
+        judgement.scan = {ScanOutcome::kFailed, "can't read the message"};
+        return judgement;
+    }
+    Judge judge(engine, settings);
+    judgement.scan = LookAtForms(judge, file.Descriptor(), info.st_size, survey, transfer);
+    if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement;
+    judgement.encrypted = judge.Encrypted();
+    if (judgement.encrypted.empty()) judgement.encrypted = OwnFinding(file.Descriptor(), survey);
+    return judgement;
+}

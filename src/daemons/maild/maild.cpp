@@ -1,0 +1,230 @@
+#include "daemons/maild/maild.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "daemons/maild/log.h"
+#include "daemons/maild/reply.h"
+#include "daemons/statcodes.h"
+#include "tagmsg/owned.h"
+#include "tagmsg/tags.h"
+
+namespace {
+
+// A service manager gives a program 20 s to end.
+constexpr int kLongestStop = 15;
+
+std::string Text(TagMsgNode* request, std::uint32_t tag) {
+    const void* found = nullptr;
+    return TagMsgPeekAttr(request, tag, &found) == TAGMSG_OK && found != nullptr
+               ? std::string(static_cast<const char*>(found))
+               : std::string();
+}
+
+Transfer TransferOf(TagMsgNode* request) {
+    std::int32_t form = 0;
+    TagMsgCopyAttr(request, TagTransferForm, &form, sizeof form);  // absent: unknown
+    if (form == static_cast<std::int32_t>(Transfer::kData)) return Transfer::kData;
+    return form == static_cast<std::int32_t>(Transfer::kChunks) ? Transfer::kChunks
+                                                                : Transfer::kUnknown;
+}
+
+bool MayPass(const Settings& settings, ScanOutcome outcome) {
+    switch (outcome) {
+        case ScanOutcome::kDown:
+            return settings.passWhenDown;
+        case ScanOutcome::kBusy:
+            return settings.passWhenBusy;
+        case ScanOutcome::kTimedOut:
+            return settings.passWhenTimedOut;
+        case ScanOutcome::kTooBig:
+            return settings.passWhenTooBig;
+        default:
+            return false;
+    }
+}
+
+// What becomes of a message.
+struct Decision {
+    enum Kind { kForward, kInfected, kRefuse, kPutOff } kind = kPutOff;
+    std::int32_t event = kStatNotScanned;
+    std::string what;  // the signature, what is encrypted, or why it was not scanned
+    std::string log;   // empty: nothing to say
+};
+
+Decision DecideEncrypted(const Settings& settings, const std::string& what) {
+    switch (settings.whenEncrypted) {
+        case WhenEncrypted::kRefuse:
+            return {Decision::kRefuse, kStatEncryptedRefused, what,
+                    "an encrypted message is refused: " + what};
+        case WhenEncrypted::kPutOff:
+            return {Decision::kPutOff, kStatNotScanned, what,
+                    "an encrypted message is put off: " + what};
+        case WhenEncrypted::kPass:
+            break;
+    }
+    return {Decision::kForward, kStatEncryptedPassed, what,
+            "an encrypted message passes, what is encrypted was not scanned: " + what};
+}
+
+Decision Decide(const Settings& settings, const Judgement& judgement) {
+    const ScanResult& scan = judgement.scan;
+    if (scan.outcome == ScanOutcome::kInfected) {
+        const bool drops = settings.virusAction == "drop";
+        return {Decision::kInfected,
+                settings.Redirects() ? kStatInfectedRedirected
+                : drops              ? kStatInfectedDropped
+                                     : kStatInfectedRefused,
+                scan.text, "virus found: " + scan.text};
+    }
+    // What may not pass however well it was scanned is not asked for another scan.
+    const bool encrypted = !judgement.encrypted.empty();
+    if (encrypted && settings.whenEncrypted != WhenEncrypted::kPass)
+        return DecideEncrypted(settings, judgement.encrypted);
+    if (scan.outcome != ScanOutcome::kClean) {
+        if (MayPass(settings, scan.outcome))
+            return {Decision::kForward, kStatPassedUnscanned, scan.text,
+                    "a message passes unscanned: " + scan.text};
+        return {Decision::kPutOff, kStatNotScanned, scan.text,
+                "a message could not be scanned: " + scan.text};
+    }
+    if (encrypted) return DecideEncrypted(settings, judgement.encrypted);
+    return {Decision::kForward, kStatClean, "", ""};
+}
+
+bool BuildAnswer(TagMsgNode* root, const Settings& settings, const Decision& decision) {
+    switch (decision.kind) {
+        case Decision::kForward:
+            return BuildForward(root);
+        case Decision::kInfected:
+            return BuildInfected(root, settings, decision.what);
+        case Decision::kRefuse:
+            return BuildRefused(root, decision.what);
+        case Decision::kPutOff:
+            break;
+    }
+    return false;
+}
+
+const char* StatusText(std::int32_t event) {
+    if (event == kStatInfectedRedirected) return "redirected";
+    return event == kStatInfectedDropped ? "dropped" : "refused";
+}
+
+void LogDecision(TagMsgNode* request, const std::string& path, const Decision& decision) {
+    if (decision.log.empty()) return;
+    LogLine line{.kind = kEventFileNotScanned, .text = decision.log, .path = path};
+    if (decision.kind == Decision::kInfected) {
+        line.kind = kEventVirus;
+        line.sender = Text(request, TagSender);
+        line.recipients = Text(request, TagRecipients);
+        line.peer = Text(request, TagPeerAddress);
+        line.signature = decision.what;
+        line.status = StatusText(decision.event);
+    } else {
+        line.text += " (from " + Text(request, TagSender) + " to " + Text(request, TagRecipients) +
+                     ", client " + Text(request, TagPeerAddress) + ")";
+    }
+    Log(std::move(line));
+}
+
+}  // namespace
+
+MailDaemon::MailDaemon()
+    : Daemon("VTMAILD", "Vantrel Mail Scanner",
+             "Scans the messages that the Vantrel SMTP proxy hands to it", "vtmaild") {}
+
+DaemonKeys MailDaemon::Keys() const {
+    // An empty text leaves the choice to the daemon.
+    return {kMailDaemonKey,
+            "/VTWIN/Versions/VTMAILD",
+            {{"ClamdSocket", ""},
+             {"ClamdConf", ""},
+             {"MaxFileSize", "26214400"},
+             {"ConnectTimeout", "5"},
+             {"ScanTimeout", "120"},
+             {"Threads", "16"},
+             {"VirusAction", "reject"},
+             {"RedirectAddress", ""},
+             {"WhenEncrypted", "pass"},
+             {"PassWhenDown", "N"},
+             {"PassWhenBusy", "N"},
+             {"PassWhenTimedOut", "N"},
+             {"PassWhenTooBig", "N"}}};
+}
+
+bool MailDaemon::Start(int argc, char** argv) {
+    for (int i = 0; i < argc; ++i) null_ = null_ || std::strcmp(argv[i], "--null") == 0;
+    if (null_)
+        std::fprintf(stderr,
+                     "VTMAILD: --null: every message is called clean, nothing is scanned\n");
+    threads_ = LoadThreads();
+    LogClientInit("Vantrel Mail Scanner", kLocalStore);
+    watch_ = TrelisPlaceNotify(kLocalStore, kMailDaemonKey, 1);
+    const std::shared_ptr<const Settings> settings = LoadSettings();
+    {
+        const std::lock_guard lock(mutex_);
+        settings_ = settings;  // a signal to stop may come from now on, on a thread of its own
+    }
+    // For the proxy, which refuses at once what would be put off for ever.
+    TrelisSetValue(kLocalStore, kUnaskedLimitKey,
+                   std::to_string(null_ ? 0 : kUsualMaxFileSize).c_str());
+    if (null_) return true;
+    engine_.Start(settings);
+    if (!stats_.Start()) Log({.kind = kEventWarning, .text = "can't send statistics"});
+    return true;
+}
+
+void MailDaemon::End() {
+    engine_.Stop();
+    stats_.Stop();
+    LogClientUninit();
+    if (watch_ != nullptr) TrelisCancelNotify(kLocalStore, kMailDaemonKey, 1, watch_);
+}
+
+int MailDaemon::StopSeconds() const {
+    const std::lock_guard lock(mutex_);
+    return settings_ == nullptr ? 0 : std::min(settings_->scanSeconds, kLongestStop);
+}
+
+// Change and reading under one lock: no request is judged by settings that another thread knows to
+// be old, and no older reading replaces a newer one.
+std::shared_ptr<const Settings> MailDaemon::CurrentSettings() {
+    const std::lock_guard lock(mutex_);
+    if (watch_ != nullptr && TrelisWaitNotify(kLocalStore, watch_, 0) > 0) {
+        settings_ = LoadSettings();
+        if (!null_) engine_.Follow(settings_);
+    }
+    return settings_;
+}
+
+void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
+                        std::uint32_t* replyLength) {
+    OwnedMessage request;
+    if (data == nullptr || length > 0x7FFFFFFF ||
+        TagMsgParse(&request.root, data, static_cast<std::int32_t>(length)) != TAGMSG_OK)
+        return;
+    const std::string path = Text(request.root, TagPath);
+    if (path.empty()) return;
+    const std::shared_ptr<const Settings> settings = CurrentSettings();
+    OwnedMessage answer;
+    if (TagMsgCreate(&answer.root) != TAGMSG_OK) return;
+    if (null_) {
+        if (BuildForward(answer.root)) TagMsgSerialize(answer.root, reply, replyLength);
+        return;
+    }
+    const Judgement judgement =
+        JudgeMessage(engine_, *settings, path.c_str(), TransferOf(request.root));
+    const Decision decision = Decide(*settings, judgement);
+    LogDecision(request.root, path, decision);
+    stats_.Add({decision.event, Text(request.root, TagPeerAddress), Text(request.root, TagSender),
+                Text(request.root, TagRecipients),
+                judgement.scan.outcome == ScanOutcome::kInfected ? judgement.scan.text
+                                                                 : judgement.encrypted,
+                judgement.size});
+    // Without a reply tree the client gets a reply without data: the scan has failed, and the
+    // message is put off.
+    if (BuildAnswer(answer.root, *settings, decision))
+        TagMsgSerialize(answer.root, reply, replyLength);
+}

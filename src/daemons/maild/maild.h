@@ -1,0 +1,52 @@
+// maild/: the mail-scanning daemon vtmaild. The proxy hands it the path of a spool file and the
+// envelope; it answers whether the message may go on. clamd does the scanning; what stands here is
+// what makes its word a verdict on the message that will be delivered:
+//
+//   settings    what the configuration says
+//   forms       the message as each receiver may come to read it
+//   encrypted, archivelook    what nobody can look into
+//   connection, clamd         one scan by the engine
+//   engine, probes, zipfile   whether the engine is to be believed, shown by probes
+//   unpack      what an engine that hides its limits can still be believed about
+//   judge       all of that together: the judgement of one message
+//   reply       the answer to the proxy
+//   verdictstats, log         what is counted and logged
+//
+// This header: the daemon itself.
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "daemons/daemon.h"
+#include "daemons/maild/engine.h"
+#include "daemons/maild/judge.h"
+#include "daemons/maild/settings.h"
+#include "daemons/maild/verdictstats.h"
+#include "tagmsg/tagmsg.h"
+#include "trelis/trelis.h"
+
+class MailDaemon final : public Daemon {
+  public:
+    MailDaemon();
+
+  protected:
+    DaemonKeys Keys() const override;
+    bool Start(int argc, char** argv) override;
+    int Threads() const override { return threads_; }
+    void Answer(const void* data, std::uint32_t length, void** reply,
+                std::uint32_t* replyLength) override;
+    void End() override;
+    int StopSeconds() const override;
+
+  private:
+    std::shared_ptr<const Settings> CurrentSettings();
+
+    bool null_ = false;
+    int threads_ = 1;
+    VerdictStats stats_;
+    Engine engine_;
+    TrelisNotify watch_ = nullptr;
+    mutable std::mutex mutex_;
+    std::shared_ptr<const Settings> settings_;  // guarded by mutex_
+};

@@ -1,0 +1,6 @@
+#include "daemons/maild/maild.h"
+
+int main(int argc, char** argv) {
+    MailDaemon daemon;
+    return RunDaemon(daemon, argc, argv);
+}

@@ -1,0 +1,20 @@
+// Inside maild/: what a scan came to.
+#pragma once
+
+#include <string>
+
+enum class ScanOutcome {
+    kClean,
+    kEncrypted,  // clean as far as anybody can look; the engine says that there is more
+    kInfected,
+    kDown,
+    kBusy,
+    kTimedOut,
+    kTooBig,  // beyond a limit: ours, or one of the engine's
+    kFailed
+};
+
+struct ScanResult {
+    ScanOutcome outcome = ScanOutcome::kFailed;
+    std::string text;  // the signature's name, or what the engine said
+};

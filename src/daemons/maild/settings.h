@@ -1,0 +1,41 @@
+// The mail daemon's settings, read from the configuration store.
+#pragma once
+
+#include <memory>
+#include <string>
+
+inline constexpr char kMailDaemonKey[] = "/VTWIN/Daemons/MailDaemon";
+// Written at the start: the largest message in bytes that the daemon takes where MaxFileSize says
+// nothing; 0: any.
+inline constexpr char kUnaskedLimitKey[] = "/VTWIN/Daemons/MailDaemon/RTP/MaxFileSize";
+inline constexpr long long kUsualMaxFileSize = 25LL << 20;
+
+// What becomes of a message with a part that can't be looked into without its password.
+enum class WhenEncrypted { kPass, kRefuse, kPutOff };
+
+// One set of settings; a scan keeps the one that it began with.
+struct Settings {
+    std::string clamdSocket;  // empty: where it is found at each connect
+    std::string clamdConf;    // named in advice only
+    int connectSeconds = 5;
+    int scanSeconds = 120;      // for one message, all its forms together
+    long long maxFileSize = 0;  // bytes
+    std::string virusAction;
+    std::string redirectAddress;
+    WhenEncrypted whenEncrypted = WhenEncrypted::kPass;
+    bool passWhenDown = false;
+    bool passWhenBusy = false;
+    bool passWhenTimedOut = false;
+    bool passWhenTooBig = false;
+
+    bool Redirects() const { return virusAction == "redirect" && !redirectAddress.empty(); }
+};
+
+// A value that says nothing sensible gives the default; an unknown word for WhenEncrypted puts off,
+// so that a slip of the pen lets nothing through. Any thread.
+std::shared_ptr<const Settings> LoadSettings();
+// Scans at a time, 1 to 200; read at the start.
+int LoadThreads();
+// Where clamd listens: the path given, or else the instance's own socket if it is there at this
+// moment, or else the system's.
+std::string FindClamdSocket(const std::string& configured);

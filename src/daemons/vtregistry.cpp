@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "daemons/anybytes.h"
 #include "daemons/daemon.h"
 #include "daemons/keys.h"
 #include "daemons/storeserver.h"
@@ -70,8 +71,8 @@ int Dump(const Arguments& arguments) {
     const auto values = trelis::DumpTree(key);
     if (!values) return Missing(key);
     nlohmann::json object = nlohmann::json::object();
-    for (const auto& [path, value] : *values) object[path] = value;
-    std::cout << object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+    for (const auto& [path, value] : *values) object[AsJsonKey(path)] = AsJson(value);
+    std::cout << object.dump(2) << '\n';
     return 0;
 }
 
@@ -87,9 +88,11 @@ int Load(const Arguments& arguments) {
     const nlohmann::json object = nlohmann::json::parse(text, nullptr, false);
     if (!object.is_object()) return Failed("not a JSON object");
     trelis::Values values;
-    for (const auto& [path, value] : object.items()) {
-        if (!value.is_string()) return Failed("not a text: " + path);
-        values.emplace_back(path, value.get<std::string>());
+    for (const auto& [key, json] : object.items()) {
+        const auto path = FromJsonKey(key);
+        const auto value = FromJson(json);
+        if (!path || !value) return Failed("not a text: " + key);
+        values.emplace_back(*path, *value);
     }
     return trelis::LoadValues(values) ? 0 : Failed("can't load; nothing was changed");
 }

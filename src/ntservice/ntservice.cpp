@@ -11,6 +11,7 @@
 #include "platform/account.h"
 #include "platform/console.h"
 #include "platform/errortext.h"
+#include "platform/home.h"
 #include "platform/library.h"
 #include "platform/window.h"
 
@@ -109,6 +110,10 @@ int CNTService::ProcessCommandLine(int argc, char** argv) {
     if (dispatch && hasServiceManager == 0) {
         foreground_ = true;
         return RunInForeground(argc, argv, 1);
+    }
+    if (!dispatch && platform::Home().empty()) {
+        std::fprintf(stderr, "%s: %s\n", serviceName.c_str(), platform::HomeError().c_str());
+        return -1;
     }
     if (!dispatch) platform::ReleaseSignals();
     return (this->*chosen)() != 0 ? 0 : -1;

@@ -57,7 +57,10 @@ class Supervision {
 
   private:
     bool Prepare();
-    bool Launch();
+    // The output of the start before stays when the program is started again after it died: it may
+    // say why.
+    enum class Output { kNew, kGoOn };
+    bool Launch(Output output);
     void ReportFirstStart(DWORD error);
     void SetState(DWORD state, DWORD exitCode);
 
@@ -121,7 +124,7 @@ bool Supervision::Prepare() {
            listen(listener_.Get(), SOMAXCONN) == 0;
 }
 
-bool Supervision::Launch() {
+bool Supervision::Launch(Output output) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0)
         return false;
@@ -129,14 +132,15 @@ bool Supervision::Launch() {
     // Above the descriptors that are set below, so that none of them overwrites it.
     const UniqueDescriptor theirs(fcntl(ends[1], F_DUPFD_CLOEXEC, platform::kServiceSocket + 1));
     close(ends[1]);
-    const std::string output = platform::ServiceFile(record_.name, ".out");
+    const std::string path = platform::ServiceFile(record_.name, ".out");
     posix_spawn_file_actions_t files;
     posix_spawnattr_t attributes;
     if (posix_spawn_file_actions_init(&files) != 0) return false;
     posix_spawnattr_init(&attributes);
     posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&files, 1, output.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW, 0600);
+    const int emptied = output == Output::kNew ? O_TRUNC : 0;
+    posix_spawn_file_actions_addopen(&files, 1, path.c_str(),
+                                     O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | emptied, 0600);
     posix_spawn_file_actions_adddup2(&files, 1, 2);
     posix_spawn_file_actions_adddup2(&files, theirs.Get(), platform::kServiceSocket);
     sigset_t none;
@@ -144,9 +148,10 @@ bool Supervision::Launch() {
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     posix_spawnattr_setsigmask(&attributes, &none);
     setenv(platform::kServiceSocketVariable, std::to_string(platform::kServiceSocket).c_str(), 1);
-    std::string path = record_.path;
-    char* arguments[] = {path.data(), nullptr};
-    const int error = posix_spawn(&process_, path.c_str(), &files, &attributes, arguments, environ);
+    std::string program = record_.path;
+    char* arguments[] = {program.data(), nullptr};
+    const int error =
+        posix_spawn(&process_, program.c_str(), &files, &attributes, arguments, environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&files);
     greeted_ = false;
@@ -176,7 +181,7 @@ void Supervision::SetState(DWORD state, DWORD exitCode) {
 int Supervision::Run() {
     signal(SIGPIPE, SIG_IGN);
     SetState(SERVICE_START_PENDING, 0);
-    if (!Prepare() || !Launch()) {
+    if (!Prepare() || !Launch(Output::kNew)) {
         const DWORD error = errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED;
         SetState(SERVICE_STOPPED, error);
         unlink(platform::ServiceFile(record_.name, ".sock").c_str());
@@ -285,7 +290,7 @@ void Supervision::OnTimers() {
     const auto now = Clock::now();
     if (restartAt_ && now >= *restartAt_) {
         restartAt_.reset();
-        if (Launch()) {
+        if (Launch(Output::kGoOn)) {
             requestEnd_ = now + kRequestLimit;
             SetState(SERVICE_START_PENDING, 0);
         } else {

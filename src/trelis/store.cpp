@@ -90,7 +90,7 @@ Database OpenDatabase() {
     if (opened == SQLITE_OK) {
         sqlite3_busy_timeout(raw, kBusyMilliseconds);
         const bool ready =
-            ExecuteInTurn(raw, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;") &&
+            ExecuteInTurn(raw, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;") &&
             ExecuteInTurn(raw, kSchema);
         if (!ready) database.reset();
     } else {

@@ -8,7 +8,7 @@ import threading
 import time
 import unittest
 
-from harness import BIN, Proxy, wait_until
+from harness import BIN, NET, Proxy, wait_until
 from scanning import EICAR, KEY, NOT_CHECKED, QUEUED, REJECTED, Scanning, archive, attached, body
 
 
@@ -41,6 +41,8 @@ class Engine(Scanning):
     def test_mail_that_cannot_be_scanned(self):
         big = body(b"x" * 70 + b"\r\n" * 100000)
         self.assertEqual(self.send(big), b"552 5.3.4 Message size exceeds fixed limit\r\n")
+        self.proxy.load({NET + "/MaxMessageSize": "0"})
+        self.assertEqual(self.send(big), NOT_CHECKED)
         self.settings(PassWhenTooBig="Y")
         self.assertEqual(self.send(big), QUEUED)
         self.settings(ScanTimeout="1")

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/file.h"
 #include "platform/home.h"
@@ -170,7 +171,8 @@ bool WaitUntilRunning(const std::string& service) {
     }
 }
 
-DWORD Start(const std::string& service, int chain) {
+// `started` gets the names of those that this call has started, in their order.
+DWORD Start(const std::string& service, int chain, std::vector<std::string>& started) {
     const auto record = platform::ReadServiceRecord(service);
     if (!record)
         return chain == 0 ? ERROR_SERVICE_DOES_NOT_EXIST : ERROR_SERVICE_DEPENDENCY_DELETED;
@@ -179,14 +181,16 @@ DWORD Start(const std::string& service, int chain) {
         return ERROR_SERVICE_ALREADY_RUNNING;
     for (const std::string& needed : record->dependencies) {
         if (StatusOf(needed).dwCurrentState == SERVICE_STOPPED) {
-            const DWORD error = Start(needed, chain + 1);
+            const DWORD error = Start(needed, chain + 1, started);
             if (error == ERROR_CIRCULAR_DEPENDENCY || error == ERROR_SERVICE_DEPENDENCY_DELETED)
                 return error;
             // Another start may have come first; whether it runs is what counts.
         }
         if (!WaitUntilRunning(needed)) return ERROR_SERVICE_DEPENDENCY_FAIL;
     }
-    return StartAlone(service);
+    const DWORD error = StartAlone(service);
+    if (error == 0) started.push_back(service);
+    return error;
 }
 
 }  // namespace
@@ -206,8 +210,15 @@ UniqueDescriptor platform::ConnectSupervisor(const std::string& service) {
 
 BOOL StartServiceA(SC_HANDLE service, DWORD, LPCSTR*) {
     if (!platform::IsService(service)) return FALSE;
-    const DWORD error = Start(service->service, 0);
-    return error == 0 ? TRUE : Fail(error);
+    std::vector<std::string> started;
+    const DWORD error = Start(service->service, 0, started);
+    if (error == 0) return TRUE;
+    // What was started for its sake alone is not left behind.
+    for (auto each = started.rbegin(); each != started.rend(); ++each) {
+        SERVICE_STATUS status{};
+        Ask(*each, {ServiceMessageKind::kControl, SERVICE_CONTROL_STOP, {}}, status);
+    }
+    return Fail(error);
 }
 
 BOOL ControlService(SC_HANDLE service, DWORD control, SERVICE_STATUS* status) {

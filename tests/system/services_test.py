@@ -97,10 +97,14 @@ class Services(Instance):
                          "failed to start: An instance of the service is already running.\n"))
 
         died = self.process("VTSMTPPROXY")
+        with open(self.home + "/services/VTSMTPPROXY.out", "a") as file:
+            file.write("its last words\n")
         os.kill(died, signal.SIGKILL)
         self.assertTrue(wait_until(lambda: self.status("VTSMTPPROXY").get("state") == "running" and
                                    self.process("VTSMTPPROXY") not in (0, died), 15))
         self.assertTrue(self.answers())
+        with open(self.home + "/services/VTSMTPPROXY.out") as file:
+            self.assertIn("its last words", file.read())
 
         self.assertEqual(self.run_program("vtsmtpproxy", "stop"), (0, "Stopping Vantrel SMTP Proxy.\nVantrel SMTP Proxy stopped.\n"))
         self.assertEqual(self.status("VTSMTPPROXY")["state"], "stopped")
@@ -124,6 +128,7 @@ class Services(Instance):
         self.assertTrue(wait_until(lambda: os.path.exists(self.home + "/pipes/vtmaild")))
         code, text = self.run_program("vtsmtpproxy", "start")
         self.assertEqual((code, "The dependency service or group failed to start." in text), (255, True), text)
+        self.assertTrue(wait_until(lambda: self.status("VTREGISTRY").get("state") == "stopped"), "started for this alone")
         held.terminate()
         held.wait(10)
 
@@ -187,6 +192,26 @@ class Defaults(Instance):
     def dump(self):
         code, text = self.run_program("vtregistry", "dump")
         return json.loads(text) if code == 0 else {}
+
+    def test_register_in_a_refused_directory_says_so(self):
+        os.chmod(self.home, 0o777)
+        for program in ("vtsmtpproxy", "vtmaild", "vtlogd"):
+            done = subprocess.run([os.path.join(BIN, program), "register"], env=self.env, text=True, capture_output=True, timeout=20)
+            self.assertNotEqual(done.returncode, 0)
+            self.assertIn(self.home, done.stderr)
+        os.chmod(self.home, 0o700)
+
+    def test_dump_and_load_carry_every_byte(self):
+        values = {b"/a/text": "gr\u00fc\u00dfe \"\n".encode(), b"/a/odd": bytes(range(1, 256)), b"/a/key\xff\xfe": b"x", b"/a/empty": b""}
+        for key, value in values.items():
+            subprocess.run([(BIN + "/vtregistry").encode(), b"set", key, value], env=self.env, check=True)
+        dump = subprocess.run([BIN + "/vtregistry", "dump"], env=self.env, capture_output=True, check=True).stdout
+        json.loads(dump.decode())
+        subprocess.run([BIN + "/vtregistry", "del", "/a"], env=self.env, check=True)
+        subprocess.run([BIN + "/vtregistry", "load"], input=dump, env=self.env, check=True)
+        for key, value in values.items():
+            got = subprocess.run([(BIN + "/vtregistry").encode(), b"get", key], env=self.env, capture_output=True, check=True).stdout
+            self.assertEqual(got, value + b"\n", key)
 
     def test_register_and_unregister(self):
         self.assertEqual(self.run_program("vtsmtpproxy", "unregister"), (0, ""), "harmless on an empty tree")

@@ -86,7 +86,10 @@ void Recorder::CountUnreadable() {
 }
 
 // Seconds that have passed without records count none.
+constexpr std::int64_t kComesLate = 5;
 void Recorder::Tick(std::int64_t now) {
+    // One who has read the clock before another and comes behind it.
+    if (now < second_ && second_ - now <= kComesLate) return;
     // A clock that was set back starts anew.
     if (now < second_ || now - second_ >= static_cast<std::int64_t>(kSeconds)) perSecond_.fill(0);
     for (std::int64_t at = std::max(second_ + 1, now - static_cast<std::int64_t>(kSeconds) + 1);

@@ -65,7 +65,7 @@ class Scanning(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.server = MailServer()
-        cls.proxy = Proxy(cls.server.port, {KEY + "MaxFileSize": "200000", KEY + "ScanTimeout": "20"}, start=False)
+        cls.proxy = Proxy(cls.server.port, {KEY + "MaxFileSize": "200000", KEY + "ScanTimeout": "60"}, start=False)
         home = cls.proxy.home
         os.makedirs(home + "/clamd/db", 0o700)
         for file in glob.glob(DATABASE + "/*.ndb") if cls.SIGNATURES else ():

@@ -128,6 +128,7 @@ TEST_F(Scan, RequestAndVerdict) {
     record_.peerAddress = "192.0.2.1";
     record_.agentId = 4;
     record_.timeoutSeconds = 3;
+    record_.transferForm = 2;
     record_.cancelCallback = [](void*) { return 0; };
     for (const char* recipient : {"a", "b", "c"}) MailScanAddRecipient(&record_, recipient);
     ASSERT_EQ(MailScan(&record_), 0);
@@ -138,6 +139,9 @@ TEST_F(Scan, RequestAndVerdict) {
     std::int32_t slice = 0;
     TagMsgCopyAttr(daemon.request, TagPollInterval, &slice, sizeof slice);
     EXPECT_EQ(slice, 3000);
+    std::int32_t form = 0;
+    TagMsgCopyAttr(daemon.request, TagTransferForm, &form, sizeof form);
+    EXPECT_EQ(form, 2);
     EXPECT_EQ(daemon.request->attrs->tag, TagPath)
         << "parsed oldest first: the flat form began with the newest";
     EXPECT_EQ(record_.actionMask, 2) << "without entries the bit goes";

@@ -175,7 +175,7 @@ class StatRecords(Statd):
         self.assertIn(["Signature", 'Eicar "quoted\\', "Infected, refused", "1", "70"], rows)
         tables = self.report(3)
         self.assertIn('"Eicar \'quoted/"', tables)
-        self.assertRegex(tables, r'^12 4\n"Event" "Code" "Total" "Bytes"\n')
+        self.assertRegex(tables, r'^14 4\n"Event" "Code" "Total" "Bytes"\n')
         self.assertIn("No records", self.report(1, start="2001-01-01", end="2001-12-31"))
         status, _, page = self.request("GET")
         self.assertEqual(status, 200)

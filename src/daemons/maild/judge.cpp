@@ -60,7 +60,7 @@ class Judge {
           end_(Clock::now() + std::chrono::seconds(settings.scanSeconds)) {}
 
     ScanResult Look(int file, long long size) {
-        const ScanResult result = Believed(file, size);
+        ScanResult result = Believed(file, size);
         if (result.outcome != ScanOutcome::kEncrypted) return result;
         encrypted_ = result.text;
         return settings_.whenEncrypted == WhenEncrypted::kPass ? LookBehind(file, size, result)

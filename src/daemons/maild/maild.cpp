@@ -162,9 +162,13 @@ bool MailDaemon::Start(int argc, char** argv) {
     threads_ = LoadThreads();
     LogClientInit("Vantrel Mail Scanner", kLocalStore);
     watch_ = TrelisPlaceNotify(kLocalStore, kMailDaemonKey, 1);
-    settings_ = LoadSettings();
+    const std::shared_ptr<const Settings> settings = LoadSettings();
+    {
+        const std::lock_guard lock(mutex_);
+        settings_ = settings;  // a signal to stop may come from now on, on a thread of its own
+    }
     if (null_) return true;
-    engine_.Start(settings_);
+    engine_.Start(settings);
     if (!stats_.Start()) Log({.kind = kEventWarning, .text = "can't send statistics"});
     return true;
 }

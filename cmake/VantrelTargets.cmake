@@ -22,11 +22,17 @@ function(vantrel_program name)
   target_link_libraries(${name} PRIVATE vantrel_options ${ARG_LINKS})
 endfunction()
 
-# A unit test program of one folder. Its cases are found when ctest runs.
+# A unit test program of one folder. Its cases are found when ctest runs. SERIAL: nothing runs beside them, for those
+# that keep hundreds of threads waiting.
 function(vantrel_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+  cmake_parse_arguments(ARG "SERIAL" "" "SOURCES;LINKS" ${ARGN})
+  if(ARG_SERIAL)
+    set(run PROPERTIES TIMEOUT 300 RUN_SERIAL TRUE)
+  else()
+    set(run PROPERTIES TIMEOUT 120)
+  endif()
   add_executable(test_${name} ${ARG_SOURCES})
   target_include_directories(test_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(test_${name} PRIVATE vantrel_options ${ARG_LINKS} GTest::gtest GTest::gtest_main)
-  gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST ${run})
 endfunction()

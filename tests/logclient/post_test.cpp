@@ -25,7 +25,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 bool Eventually(const std::function<bool()>& check) {
-    const auto end = Clock::now() + 20s;
+    const auto end = Clock::now() + 90s;
     while (!check()) {
         if (Clock::now() > end) return false;
         std::this_thread::sleep_for(1ms);

@@ -98,7 +98,7 @@ platform::File MakeNestingProbe() {
 
 platform::File MakeFilesProbe() {
     ZipWriter zip;
-    for (int i = 0; i < kFiles; ++i) zip.Add(std::to_string(i), std::to_string(i));
+    for (int i = 0; i < kFiles; ++i) zip.AddStored(std::to_string(i), std::to_string(i));
     zip.Add("probe.com", Pattern());
     return Message(zip.Finish(), "probe.zip");
 }

@@ -89,6 +89,11 @@ void ZipWriter::Add(std::string_view name, std::string_view bytes) {
          static_cast<std::uint32_t>(packed.size()), kDeflated});
 }
 
+void ZipWriter::AddStored(std::string_view name, std::string_view bytes) {
+    const auto size = static_cast<std::uint32_t>(bytes.size());
+    Put({name, bytes, Checksum(bytes), size, size, kStored});
+}
+
 std::string ZipWriter::Finish() {
     const auto offset = static_cast<std::uint32_t>(out_.size()) + gap_;
     const auto size = static_cast<std::uint32_t>(directory_.size());
@@ -115,8 +120,7 @@ std::string ZipOfHugeZip(std::uint32_t megabytes, std::string_view name, std::st
     ZipWriter inner;
     inner.Put({"zeros", {}, ofZeros, zerosSize, zerosSize, kStored});
     const std::string head = inner.out_;
-    inner.Put({name, bytes, Checksum(bytes), static_cast<std::uint32_t>(bytes.size()),
-               static_cast<std::uint32_t>(bytes.size()), kStored});
+    inner.AddStored(name, bytes);
     const std::string tail = inner.Finish().substr(head.size());
 
     std::string packed = Deflate(head, Z_FULL_FLUSH);

@@ -5,10 +5,11 @@
 #include <string>
 #include <string_view>
 
-// Files one behind the other, each deflated.
+// Files one behind the other.
 class ZipWriter {
   public:
-    void Add(std::string_view name, std::string_view bytes);
+    void Add(std::string_view name, std::string_view bytes);  // deflated
+    void AddStored(std::string_view name, std::string_view bytes);
     // The archive; the writer is empty then.
     std::string Finish();
 

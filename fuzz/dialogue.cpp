@@ -261,7 +261,7 @@ class FuzzClient final : public CommandSource {
                 return text.ends_with("\r\n.\r\n") || text.ends_with("\n.\n") || text == ".\r\n" ||
                        text == ".\n";
             });
-        } else if (strncasecmp(verb.c_str(), "BDAT", 4) == 0 && !stream_.HasReadAhead()) {
+        } else if (strncasecmp(verb.c_str(), "BDAT", 4) == 0) {
             const std::size_t size = std::strtoul(line.c_str() + 4, nullptr, 10);
             Push([size](const std::string& text) {
                 return text.size() >= size && (text.empty() || text.ends_with('\n'));

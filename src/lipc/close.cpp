@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kLongestPoll{250};
 
-// Drops all connections. One that a caller still holds keeps its record and its reply, which the
-// caller may be reading; only its pipe goes.
+// Drops all connections. One that somebody still holds keeps its record and its message, a reply or
+// a request that may be read at this moment; only its pipe goes.
 void CloseConnections(LIPCEndpoint& endpoint) {
     for (;;) {
         LIPCConnection* next = nullptr;
@@ -24,7 +24,7 @@ void CloseConnections(LIPCEndpoint& endpoint) {
         {
             const std::lock_guard lock(endpoint.lock);
             for (const auto& each : endpoint.connections) {
-                held = endpoint.mode == kClientMode && each->inUse;
+                held = each->inUse;
                 if (held && each->channel < 0) continue;
                 next = each.get();
                 channel = std::exchange(next->channel, held ? -1 : next->channel);

@@ -285,6 +285,23 @@ TEST_F(Client, CloseWakesThoseWhoWait) {
     ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
 }
 
+TEST_F(Client, ARequestInHandOutlivesTheServersEnd) {
+    LIPCEndpoint* server = nullptr;
+    ASSERT_EQ(LIPCOpenServer(&server, "ending"), LIPC_OK);
+    LIPCEndpoint* client = nullptr;
+    ASSERT_EQ(LIPCOpenClient(&client, "ending"), LIPC_OK);
+    std::thread asker([&] { EXPECT_NE(Ask(client, "still here", 5000).status, LIPC_OK); });
+    LIPCConnection* connection = nullptr;
+    const void* data = nullptr;
+    std::uint32_t length = 0;
+    EXPECT_EQ(LIPCReceive(server, &connection, &data, &length, 5000), LIPC_OK);
+    LIPCClose(server);
+    asker.join();
+    EXPECT_EQ(std::string(static_cast<const char*>(data), length), "still here");
+    EXPECT_EQ(LIPCReply(server, connection, nullptr, 0), LIPC_CLOSING);
+    LIPCClose(client);
+}
+
 TEST(LIPC, NullArguments) {
     EXPECT_EQ(LIPCRelease(nullptr, nullptr), LIPC_BAD_ARGUMENT);
     EXPECT_EQ(LIPCClose(nullptr), LIPC_BAD_ARGUMENT);

@@ -45,12 +45,14 @@ int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds lim
     for (;;) {
         const int count = SocketReceiveNow(socket_.Handle(), buffer, size, false);
         if (count != SOCKET_WOULD_BLOCK) return count;
-        if (WaitReadable(limit, other) != Wait::kReady) return -1;
+        if (WaitForSocket(limit, other) != Wait::kReady) return -1;
     }
 }
 
 Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole) {
     bool tooLong = false;
+    bool begun = false;
+    Deadline own(seconds_);
     for (;;) {
         const bool found = FindLine(line);
         tooLong = tooLong || line.size() > limit;
@@ -65,17 +67,23 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
         if (tooLong) ahead_.resize(limit);
         looked_ = ahead_.size();
         if (ahead_.empty() && ahead_.capacity() > kKeptAhead) std::string().swap(ahead_);
+        if (!begun && !ahead_.empty()) {
+            begun = true;
+            own = Deadline(seconds_);
+        }
         std::array<char, kLineRead> block;
-        const int count = ReceiveWaiting(
-            block.data(), static_cast<int>(block.size()),
-            whole != nullptr ? whole->Left() : std::chrono::seconds(seconds_), nullptr);
+        const int count = ReceiveWaiting(block.data(), static_cast<int>(block.size()),
+                                         (whole != nullptr ? *whole : own).Left(), nullptr);
         if (count < 1) return Line::kFailed;
         ahead_.append(block.data(), static_cast<std::size_t>(count));
     }
 }
 
 Stream::Wait Stream::WaitReadable(std::chrono::milliseconds limit, const CSocket* other) {
-    if (HasReadAhead()) return Wait::kReady;
+    return HasReadAhead() ? Wait::kReady : WaitForSocket(limit, other);
+}
+
+Stream::Wait Stream::WaitForSocket(std::chrono::milliseconds limit, const CSocket* other) {
     if (socket_.Empty()) return Wait::kFailed;
     std::array<SocketWatch, kMostWatches> watches;
     watches[0] = {socket_.Handle(), SocketWant::kRead, {}};

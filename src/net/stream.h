@@ -32,7 +32,7 @@ class Stream {
     // From now on the socket's bytes pass here. What an earlier socket left is forgotten.
     void Attach(const CSocket& socket);
 
-    // The limit of one write, and the one that each arrival gets where a read has none of its own.
+    // The limit of one write, and of a line where its read has none of its own.
     void SetLimit(std::uint32_t seconds) { seconds_ = seconds; }
 
     enum class Line {
@@ -40,7 +40,8 @@ class Stream {
         kTooLong,  // read to its end, wherever that was; `line` holds its beginning
         kFailed    // time over, closed or broken
     };
-    // The next line, of at most `limit` bytes with its end. The time counts anew with each arrival;
+    // The next line, of at most `limit` bytes with its end. The time counts from the call and, so
+    // that nobody holds a session by a byte now and then, once more from the line's first byte on;
     // with `whole` it is that for all of it. The view holds until the next read.
     Line ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole = nullptr);
 
@@ -75,8 +76,10 @@ class Stream {
   private:
     bool FindLine(std::string_view& line);
     int TakeAhead(char* buffer, int size);
+    // These two look at the socket alone, not at what was read ahead.
     int ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
                        const CSocket* other);
+    Wait WaitForSocket(std::chrono::milliseconds limit, const CSocket* other);
 
     CSocket socket_;  // a copy: not closed here
     std::uint32_t seconds_ = 0;

@@ -322,6 +322,35 @@ class Silence(System):
         self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>"), b"")
         self.assertLess(time.monotonic() - start, 8)
 
+    def work(self):
+        """The processor time of the proxy, in clock ticks."""
+        with open("/proc/%d/stat" % self.proxy.process.pid) as stat:
+            return sum(map(int, stat.read().split()[13:15]))
+
+    def test_half_a_line(self):
+        def half_a_greeting(line):
+            return b"250-and "
+        self.server.rules["HELP"] = half_a_greeting
+        for begin in (lambda c: c.send(b"EHL"), lambda c: c.send(b"HELP\r\n")):
+            c = self.client()
+            c.reply()
+            work, start = self.work(), time.monotonic()
+            begin(c)
+            while c.reply():
+                pass
+            self.assertLess(time.monotonic() - start, 9)
+            self.assertLess(self.work() - work, 50)
+
+    def test_a_byte_now_and_then(self):
+        c = self.client()
+        c.reply()
+        start = time.monotonic()
+        with self.assertRaises(OSError):
+            while time.monotonic() - start < 20:
+                c.send(b"x")
+                time.sleep(0.5)
+        self.assertLess(time.monotonic() - start, 9)
+
     def test_a_client_that_reads_nothing(self):
         self.server.rules["HELP"] = b"250-" + b"x" * 900 + b"\r\n" + (b"250-" + b"y" * 900 + b"\r\n") * 60 + b"250 end\r\n"
         before = self.proxy.threads()

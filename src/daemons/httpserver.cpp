@@ -4,6 +4,7 @@
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -13,6 +14,7 @@ namespace stats {
 namespace {
 
 constexpr unsigned kThreads = 8;
+constexpr unsigned kOwnersThreads = 2;
 // More than the silent connections that a nuisance can hold for their ten seconds at no cost.
 constexpr unsigned kConnections = 2048;
 constexpr unsigned kSilentSeconds = 10;
@@ -164,19 +166,37 @@ std::unique_ptr<HttpServer> HttpServer::Start(const std::string& address, int po
         return nullptr;
     }
     std::unique_ptr<HttpServer> server(new HttpServer);
+    const bool begun = server->Begin(reinterpret_cast<sockaddr*>(&where), port, -1, handler, why);
+    return begun ? std::move(server) : nullptr;
+}
+
+std::unique_ptr<HttpServer> HttpServer::Start(int listener, HttpHandler& handler,
+                                              std::string& why) {
+    std::unique_ptr<HttpServer> server(new HttpServer);
+    if (server->Begin(nullptr, 0, listener, handler, why)) return server;
+    close(listener);
+    return nullptr;
+}
+
+bool HttpServer::Begin(sockaddr* where, int port, int listener, HttpHandler& handler,
+                       std::string& why) {
+    const MHD_OptionItem place = where != nullptr
+                                     ? MHD_OptionItem{MHD_OPTION_SOCK_ADDR, 0, where}
+                                     : MHD_OptionItem{MHD_OPTION_LISTEN_SOCKET, listener, nullptr};
+    const MHD_OptionItem options[] = {place, {MHD_OPTION_END, 0, nullptr}};
     errno = 0;
     // Lenient towards clients: ours sends no Host line.
-    server->daemon_ = MHD_start_daemon(
+    daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD, static_cast<std::uint16_t>(port), nullptr, nullptr, Handle,
-        &handler, MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&where),
-        MHD_OPTION_STRICT_FOR_CLIENT, -1, MHD_OPTION_THREAD_POOL_SIZE, kThreads,
+        &handler, MHD_OPTION_ARRAY, options, MHD_OPTION_STRICT_FOR_CLIENT, -1,
+        MHD_OPTION_THREAD_POOL_SIZE, where != nullptr ? kThreads : kOwnersThreads,
         MHD_OPTION_CONNECTION_LIMIT, kConnections, MHD_OPTION_CONNECTION_TIMEOUT, kSilentSeconds,
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory, MHD_OPTION_LISTEN_BACKLOG_SIZE,
         kBacklog, MHD_OPTION_NOTIFY_COMPLETED, Completed, nullptr, MHD_OPTION_NOTIFY_CONNECTION,
-        Connected, &server->deadlines_, MHD_OPTION_END);
-    if (server->daemon_ != nullptr) return server;
+        Connected, &deadlines_, MHD_OPTION_END);
+    if (daemon_ != nullptr) return true;
     why = errno == 0 ? "the HTTP server can't start" : std::strerror(errno);
-    return nullptr;
+    return false;
 }
 
 HttpServer::~HttpServer() {

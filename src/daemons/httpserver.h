@@ -15,6 +15,7 @@
 #include <vector>
 
 struct MHD_Daemon;
+struct sockaddr;
 
 namespace stats {
 
@@ -71,6 +72,8 @@ class HttpServer {
     // address: dotted. Null on failure, and `why` says why. The handler outlives the server.
     static std::unique_ptr<HttpServer> Start(const std::string& address, int port,
                                              HttpHandler& handler, std::string& why);
+    // On a listening socket, which it takes.
+    static std::unique_ptr<HttpServer> Start(int listener, HttpHandler& handler, std::string& why);
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
     // Cuts what is under way.
@@ -78,6 +81,8 @@ class HttpServer {
 
   private:
     HttpServer() = default;
+    // where: not null for a port, else the listener is there.
+    bool Begin(sockaddr* where, int port, int listener, HttpHandler& handler, std::string& why);
     HttpDeadlines deadlines_;
     MHD_Daemon* daemon_ = nullptr;
 };

@@ -18,6 +18,7 @@
 
 #include "daemons/printable.h"
 #include "daemons/quietterminal.h"
+#include "libstats/httpclient.h"
 #include "libstats/libstats.h"
 #include "net/socket.h"
 #include "platform/commandline.h"
@@ -48,7 +49,8 @@ constexpr char kUsage[] =
     "directory and prints its path. HOST is 127.0.0.1 if not given. Days are YYYY-MM-DD, UTC,\n"
     "both included; without them the last 30 days.\n"
     "User and password: VANTREL_REPORT_USER and VANTREL_REPORT_PASSWORD, else for 127.0.0.1\n"
-    "the file report.token of the instance, else asked for in a terminal.\n";
+    "the file report.token of the instance, which goes to the instance's own daemon by a\n"
+    "socket in its directory and to nobody else; else asked for in a terminal.\n";
 
 int Fail(const std::string& what) {
     std::fprintf(stderr, "vtreport: %s\n", what.c_str());
@@ -153,6 +155,7 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
 struct Credentials {
     std::string user;
     std::string password;
+    bool owners = false;  // this instance's token, for its own daemon alone
 };
 
 std::optional<Credentials> FromTokenFile() {
@@ -161,7 +164,7 @@ std::optional<Credentials> FromTokenFile() {
     if (!std::getline(file, line)) return std::nullopt;
     const std::size_t colon = line.find(':');
     if (colon == std::string::npos) return std::nullopt;
-    return Credentials{line.substr(0, colon), line.substr(colon + 1)};
+    return Credentials{line.substr(0, colon), line.substr(colon + 1), true};
 }
 
 std::optional<std::string> AskFor(int terminal, const char* prompt, bool echo) {
@@ -187,14 +190,14 @@ std::optional<Credentials> FromTerminal() {
         user ? AskFor(terminal, "Password: ", false) : std::nullopt;
     close(terminal);
     if (!password) return std::nullopt;
-    return Credentials{*user, *password};
+    return Credentials{*user, *password, false};
 }
 
 // Without any the server is asked all the same: whether it wants some is its affair.
 Credentials FindCredentials(const std::string& address) {
     const char* user = std::getenv(kUserVariable);
     const char* password = std::getenv(kPasswordVariable);
-    if (user != nullptr && password != nullptr) return Credentials{user, password};
+    if (user != nullptr && password != nullptr) return Credentials{user, password, false};
     std::optional<Credentials> found;
     if (address == kLocalAddress) found = FromTokenFile();
     if (!found) found = FromTerminal();
@@ -285,6 +288,8 @@ int Report(const Options& options, const std::string& address, const Credentials
         return Fail("user and password are too long");
     CHTTPClient* client = stats.CreateHTTPClient();
     if (client == nullptr) return Fail("no memory");
+    // Anybody on this host may listen on the port while the daemon is down.
+    if (credentials.owners) client->UseOwnDaemon();
     ReportQuery query{};
     std::snprintf(query.Host, sizeof query.Host, "%s", address.c_str());
     query.RequestId = kRequestId;

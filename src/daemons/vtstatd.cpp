@@ -16,8 +16,10 @@
 #include "daemons/stataccounts.h"
 #include "daemons/statpasswd.h"
 #include "daemons/statrecorder.h"
+#include "libstats/httpclient.h"
 #include "logclient/logclient.h"
 #include "platform/home.h"
+#include "platform/local_socket.h"
 #include "trelis/buffered.h"
 
 namespace {
@@ -122,6 +124,7 @@ class StatsDaemon final : public Daemon {
         if (pair.empty()) Warn("can't make report.token: reports need an account");
         stats::Accounts accounts(pair);
         stats::HttpSite site(recorder_, *reader_, accounts);
+        const auto owners = ServeOwner(site);
         server_ = Serve(site);
         if (!note.empty()) Warn(note);
         auto bindAt = std::chrono::steady_clock::now() + kBindAgain;
@@ -140,6 +143,16 @@ class StatsDaemon final : public Daemon {
         }
         lock.unlock();
         server_.reset();
+    }
+
+    // The server for this instance's owner, who says the token to nobody else.
+    static std::unique_ptr<stats::HttpServer> ServeOwner(stats::HttpSite& site) {
+        const SOCKET listener = SocketListenLocal(kReportFolder, kReportSocket);
+        std::string why = "the socket can't be made";
+        auto server =
+            listener == INVALID_SOCKET ? nullptr : stats::HttpServer::Start(listener, site, why);
+        if (server == nullptr) Warn("can't serve this directory's owner: " + why);
+        return server;
     }
 
     // The server for the present settings: the one that runs, or a new one in its place.

@@ -8,6 +8,10 @@
 
 #include "net/socket.h"
 
+// Where this instance's statistics daemon serves the owner of the instance's directory.
+inline constexpr char kReportFolder[] = "pipes";
+inline constexpr char kReportSocket[] = "VTSTATD.http";
+
 class CHTTPClient {
   public:
     CHTTPClient() = default;
@@ -30,6 +34,9 @@ class CHTTPClient {
     // Exactly length bytes and a zero byte behind them. 0, or -1.
     virtual int ReadBody(char* buffer, int length);
 
+    // From now on ConnectTo goes to this instance's own statistics daemon, by a socket that no
+    // other user can serve, whatever host and port it is given.
+    void UseOwnDaemon() { ownDaemon_ = true; }
     // host is dotted text, port in host order. 0, or -1.
     int ConnectTo(const char* host, int port);
     // Ends the connection and forgets the headers. Always 0; the client can connect again.
@@ -38,4 +45,5 @@ class CHTTPClient {
   private:
     std::map<std::string, std::string> headers_;  // by name in lower case
     CSocket connection_;
+    bool ownDaemon_ = false;
 };

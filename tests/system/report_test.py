@@ -21,11 +21,16 @@ TABLES = b'2 3 Event "" Count "Denied peers" 10.0.0.1 7 1 2 "caf\xc3\xa9" \x1b[3
 class Server:
     """Answers each connection with the same bytes and keeps the requests."""
 
-    def __init__(self, answer):
+    def __init__(self, answer, path=None):
         self.answer = answer
         self.requests = []
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        self.port = self.listener.getsockname()[1]
+        if path is None:
+            self.listener = socket.create_server(("127.0.0.1", 0))
+            self.port = self.listener.getsockname()[1]
+        else:
+            self.listener = socket.socket(socket.AF_UNIX)
+            self.listener.bind(path)
+            self.listener.listen()
         threading.Thread(target=self._serve, daemon=True).start()
 
     def _serve(self):
@@ -151,11 +156,16 @@ class Report(unittest.TestCase):
         self.assertIn(b"basic " + base64.b64encode(b":") + b"\r\n", self.server.requests[-1])
         with open(os.path.join(self.home, "report.token"), "w") as token:
             token.write("local:0123\n")
+        # The token is this instance's: neither another host nor whoever has taken the port must learn it.
+        del self.server.requests[:]
+        self.fails(self.run_it(), "no report")
+        self.fails(self.run_it("--host", "127.0.0.2"), "VANTREL_REPORT_USER")
+        own = Server(ok(b"1 1 x"), self.home + "/pipes/VTSTATD.http")
+        self.addCleanup(own.close)
         for host in ("127.0.0.1", "localhost"):
             self.assertEqual(self.run_it("--host", host).returncode, 0)
-            self.assertIn(b"basic " + base64.b64encode(b"local:0123") + b"\r\n", self.server.requests[-1])
-        # The token is this instance's: another host must not learn it.
-        self.fails(self.run_it("--host", "127.0.0.2"), "VANTREL_REPORT_USER")
+            self.assertIn(b"basic " + base64.b64encode(b"local:0123") + b"\r\n", own.requests[-1])
+        self.assertEqual(self.server.requests, [])
 
     def test_the_terminal_is_asked_without_echo(self):
         self.serve(ok(b"1 1 done"))

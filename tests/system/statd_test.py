@@ -265,6 +265,13 @@ class StatHttp(Statd):
         self.assertEqual(self.request("GET", "/", "ann:s3:cret")[0], 401)
         self.assertEqual(os.stat(os.path.join(self.home, "report.token")).st_mode & 0o777, 0o600)
 
+    def test_the_owner_is_served_whoever_has_the_port(self):
+        env = {name: value for name, value in self.env.items() if not name.startswith("VANTREL_REPORT")}
+        subprocess.run([BIN + "/vtregistry", "set", KEY + "/HTTPAddress", "127.0.0.3"], env=env, check=True)
+        report = subprocess.run([BIN + "/vtreport"], env=env, capture_output=True, text=True, start_new_session=True)
+        self.assertEqual(report.returncode, 0, report.stderr)
+        self.assertIn("Clean", report.stdout)
+
     def test_statuses(self):
         for method, path, status in (("GET", "/x", 404), ("POST", "/x", 404), ("GET", "/live/", 404), ("PUT", "/", 405),
                                      ("DELETE", "/", 405), ("HEAD", "/", 405), ("OPTIONS", "/", 405),

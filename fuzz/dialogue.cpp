@@ -282,8 +282,14 @@ class FuzzClient final : public CommandSource {
         }
         Send(text);
     }
-    void Send(const std::string& text) const {
-        if (!text.empty()) send(socket_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    // More than the socket takes at once is cut, and nothing comes behind it: the session would
+    // wait for a rest that nobody sends.
+    void Send(const std::string& text) {
+        if (text.empty()) return;
+        const ssize_t sent = send(socket_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent == static_cast<ssize_t>(text.size())) return;
+        shutdown(socket_, SHUT_WR);
+        next_ = script_.segments.size();
     }
 
     Script& script_;

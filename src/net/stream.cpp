@@ -51,8 +51,8 @@ int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds lim
 
 Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole) {
     bool tooLong = false;
-    bool begun = false;
-    Deadline own(seconds_);
+    const std::chrono::milliseconds arrival = std::chrono::seconds(seconds_);
+    const Deadline own(arrival * kLongestLineTimes);
     for (;;) {
         const bool found = FindLine(line);
         tooLong = tooLong || line.size() > limit;
@@ -67,13 +67,10 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
         if (tooLong) ahead_.resize(limit);
         looked_ = ahead_.size();
         if (ahead_.empty() && ahead_.capacity() > kKeptAhead) std::string().swap(ahead_);
-        if (!begun && !ahead_.empty()) {
-            begun = true;
-            own = Deadline(seconds_);
-        }
         std::array<char, kLineRead> block;
-        const int count = ReceiveWaiting(block.data(), static_cast<int>(block.size()),
-                                         (whole != nullptr ? *whole : own).Left(), nullptr);
+        const int count = ReceiveWaiting(
+            block.data(), static_cast<int>(block.size()),
+            whole != nullptr ? whole->Left() : std::min(own.Left(), arrival), nullptr);
         if (count < 1) return Line::kFailed;
         ahead_.append(block.data(), static_cast<std::size_t>(count));
     }

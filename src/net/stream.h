@@ -32,7 +32,7 @@ class Stream {
     // From now on the socket's bytes pass here. What an earlier socket left is forgotten.
     void Attach(const CSocket& socket);
 
-    // The limit of one write, and of a line where its read has none of its own.
+    // The limit of one write, and the one that each arrival gets where a read has none of its own.
     void SetLimit(std::uint32_t seconds) { seconds_ = seconds; }
 
     enum class Line {
@@ -40,9 +40,10 @@ class Stream {
         kTooLong,  // read to its end, wherever that was; `line` holds its beginning
         kFailed    // time over, closed or broken
     };
-    // The next line, of at most `limit` bytes with its end. The time counts from the call and, so
-    // that nobody holds a session by a byte now and then, once more from the line's first byte on;
-    // with `whole` it is that for all of it. The view holds until the next read.
+    // The next line, of at most `limit` bytes with its end. The time counts anew with each arrival,
+    // but nobody holds a session by a byte now and then: kLongestLineTimes of it are the end. With
+    // `whole` it is that for all of it. The view holds until the next read.
+    static constexpr std::uint32_t kLongestLineTimes = 5;
     Line ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole = nullptr);
 
     enum class Wait { kReady, kTimeOver, kFailed };

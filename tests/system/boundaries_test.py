@@ -341,16 +341,6 @@ class Silence(System):
             self.assertLess(time.monotonic() - start, 9)
             self.assertLess(self.work() - work, 50)
 
-    def test_a_byte_now_and_then(self):
-        c = self.client()
-        c.reply()
-        start = time.monotonic()
-        with self.assertRaises(OSError):
-            while time.monotonic() - start < 20:
-                c.send(b"x")
-                time.sleep(0.5)
-        self.assertLess(time.monotonic() - start, 9)
-
     def test_a_client_that_reads_nothing(self):
         self.server.rules["HELP"] = b"250-" + b"x" * 900 + b"\r\n" + (b"250-" + b"y" * 900 + b"\r\n") * 60 + b"250 end\r\n"
         before = self.proxy.threads()

@@ -4,7 +4,6 @@
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -173,9 +172,8 @@ std::unique_ptr<HttpServer> HttpServer::Start(const std::string& address, int po
 std::unique_ptr<HttpServer> HttpServer::Start(int listener, HttpHandler& handler,
                                               std::string& why) {
     std::unique_ptr<HttpServer> server(new HttpServer);
-    if (server->Begin(nullptr, 0, listener, handler, why)) return server;
-    close(listener);
-    return nullptr;
+    const bool begun = server->Begin(nullptr, 0, listener, handler, why);
+    return begun ? std::move(server) : nullptr;
 }
 
 bool HttpServer::Begin(sockaddr* where, int port, int listener, HttpHandler& handler,

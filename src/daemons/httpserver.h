@@ -72,7 +72,7 @@ class HttpServer {
     // address: dotted. Null on failure, and `why` says why. The handler outlives the server.
     static std::unique_ptr<HttpServer> Start(const std::string& address, int port,
                                              HttpHandler& handler, std::string& why);
-    // On a listening socket, which it takes.
+    // On a listening socket, which the library closes at the end, and on failure.
     static std::unique_ptr<HttpServer> Start(int listener, HttpHandler& handler, std::string& why);
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;

@@ -124,7 +124,9 @@ class StatsDaemon final : public Daemon {
         if (pair.empty()) Warn("can't make report.token: reports need an account");
         stats::Accounts accounts(pair);
         stats::HttpSite site(recorder_, *reader_, accounts);
-        const auto owners = ServeOwner(site);
+        std::string why;
+        auto owners = ServeOwner(site, why);
+        if (owners == nullptr) Warn("can't serve this directory's owner: " + why);
         server_ = Serve(site);
         if (!note.empty()) Warn(note);
         auto bindAt = std::chrono::steady_clock::now() + kBindAgain;
@@ -133,10 +135,10 @@ class StatsDaemon final : public Daemon {
             lock.unlock();
             const bool changed = watch_ != nullptr && TrelisWaitNotify(kLocalStore, watch_, 0) > 0;
             const auto now = std::chrono::steady_clock::now();
-            if (changed || (server_ == nullptr && now >= bindAt)) {
-                server_ = Serve(site);
-                bindAt = now + kBindAgain;
-            }
+            const bool again = now >= bindAt;
+            if (again && owners == nullptr) owners = ServeOwner(site, why);
+            if (changed || (server_ == nullptr && again)) server_ = Serve(site);
+            if (changed || again) bindAt = now + kBindAgain;
             if (const std::string trouble = recorder_.TakeTrouble(); !trouble.empty())
                 Warn(trouble);
             lock.lock();
@@ -146,13 +148,10 @@ class StatsDaemon final : public Daemon {
     }
 
     // The server for this instance's owner, who says the token to nobody else.
-    static std::unique_ptr<stats::HttpServer> ServeOwner(stats::HttpSite& site) {
+    static std::unique_ptr<stats::HttpServer> ServeOwner(stats::HttpSite& site, std::string& why) {
         const SOCKET listener = SocketListenLocal(kReportFolder, kReportSocket);
-        std::string why = "the socket can't be made";
-        auto server =
-            listener == INVALID_SOCKET ? nullptr : stats::HttpServer::Start(listener, site, why);
-        if (server == nullptr) Warn("can't serve this directory's owner: " + why);
-        return server;
+        why = "the socket can't be made";
+        return listener == INVALID_SOCKET ? nullptr : stats::HttpServer::Start(listener, site, why);
     }
 
     // The server for the present settings: the one that runs, or a new one in its place.

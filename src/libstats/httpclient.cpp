@@ -39,9 +39,8 @@ CHTTPClient::~CHTTPClient() {
 }
 
 int CHTTPClient::ConnectTo(const char* host, int port) {
-    // One exchange, one connection: an earlier one must not be lost open.
-    connection_.Close();
     if (ownDaemon_) {
+        connection_.Close();
         const SOCKET made = SocketConnectLocal(kReportFolder, kReportSocket);
         connection_ = CSocket(made == INVALID_SOCKET ? 0 : made);
         return connection_.Empty() ? -1 : 0;
@@ -51,6 +50,8 @@ int CHTTPClient::ConnectTo(const char* host, int port) {
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = host == nullptr ? INADDR_NONE : inet_addr(host);
     if (address.sin_addr.s_addr == INADDR_NONE || port < 1 || port > 0xFFFF) return -1;
+    // One exchange, one connection: an earlier one must not be lost open.
+    connection_.Close();
     return connection_.Create(1) && connection_.Connect(address) ? 0 : -1;
 }
 

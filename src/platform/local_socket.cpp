@@ -1,6 +1,5 @@
 #include "platform/local_socket.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
@@ -10,7 +9,9 @@
 
 namespace {
 
-SOCKET Create() { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); }
+SOCKET Create() {
+    return SocketAvoidZero(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
 
 }  // namespace
 
@@ -18,8 +19,7 @@ SOCKET SocketConnectLocal(const char* folder, const char* name) {
     const platform::LocalAddress address(folder, name);
     const SOCKET made = Create();
     if (made == INVALID_SOCKET) return INVALID_SOCKET;
-    if (address.Valid() && made != 0 &&
-        connect(made, address.Get(), platform::LocalAddress::Size()) == 0)
+    if (address.Valid() && connect(made, address.Get(), platform::LocalAddress::Size()) == 0)
         return made;
     close(made);
     return INVALID_SOCKET;
@@ -35,8 +35,7 @@ SOCKET SocketListenLocal(const char* folder, const char* name) {
     const SOCKET made = Create();
     if (made == INVALID_SOCKET) return INVALID_SOCKET;
     unlink((platform::HomePath(folder) + '/' + name).c_str());
-    if (address.Valid() && made != 0 &&
-        bind(made, address.Get(), platform::LocalAddress::Size()) == 0 &&
+    if (address.Valid() && bind(made, address.Get(), platform::LocalAddress::Size()) == 0 &&
         listen(made, SOMAXCONN) == 0)
         return made;
     close(made);

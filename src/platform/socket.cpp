@@ -14,14 +14,6 @@
 
 namespace {
 
-// 0 is the empty marker of the layer above: a descriptor 0 is moved up.
-SOCKET AvoidZero(SOCKET socket) {
-    if (socket != 0) return socket < 0 ? INVALID_SOCKET : socket;
-    const SOCKET moved = fcntl(0, F_DUPFD_CLOEXEC, 3);
-    close(0);
-    return moved < 0 ? INVALID_SOCKET : moved;
-}
-
 int Outcome(ssize_t result) {
     if (result >= 0) return static_cast<int>(result);
     return errno == EAGAIN || errno == EWOULDBLOCK ? SOCKET_WOULD_BLOCK : SOCKET_BROKEN;
@@ -42,7 +34,14 @@ int closesocket(SOCKET socket) {
     return close(socket);
 }
 
-SOCKET SocketCreate(int type) { return AvoidZero(socket(AF_INET, type | SOCK_CLOEXEC, 0)); }
+SOCKET SocketAvoidZero(SOCKET socket) {
+    if (socket != 0) return socket < 0 ? INVALID_SOCKET : socket;
+    const SOCKET moved = fcntl(0, F_DUPFD_CLOEXEC, 3);
+    close(0);
+    return moved < 0 ? INVALID_SOCKET : moved;
+}
+
+SOCKET SocketCreate(int type) { return SocketAvoidZero(socket(AF_INET, type | SOCK_CLOEXEC, 0)); }
 
 SOCKET SocketAccept(SOCKET listener, SocketAddress* address) {
     socklen_t length = sizeof(SocketAddress);
@@ -52,7 +51,7 @@ SOCKET SocketAccept(SOCKET listener, SocketAddress* address) {
     // The connection stays in the backlog and would notify again at once, in a busy loop.
     if (accepted < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS))
         HoldAsyncSockets();
-    return AvoidZero(accepted);
+    return SocketAvoidZero(accepted);
 }
 
 int SocketReceiveNow(SOCKET socket, void* buffer, int length, bool peek) {

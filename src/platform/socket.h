@@ -35,6 +35,9 @@ int closesocket(SOCKET socket);
 using SocketAddress = sockaddr_in;
 static_assert(sizeof(SocketAddress) == 16);
 
+// A fresh socket as it came from the system, or another descriptor for it instead of 0, the empty
+// marker of the layer above; INVALID_SOCKET if there is none.
+SOCKET SocketAvoidZero(SOCKET socket);
 // A new IPv4 socket, close-on-exec; INVALID_SOCKET on failure.
 SOCKET SocketCreate(int type);
 // Accepts from a listener, non-blocking and close-on-exec. INVALID_SOCKET if nothing waits or on

@@ -178,7 +178,6 @@ struct Work {
     int port;
     std::uint64_t messages;
     std::atomic<std::uint64_t> next{1};
-    std::atomic<std::uint64_t> finished{0};
 };
 
 // One client after another on one thread. A message that had no final answer comes first on the
@@ -203,10 +202,7 @@ void Run(Work& work, Book& book, std::uint64_t seed) {
                 for (std::uint64_t count = 1 + random.Below(10); count > 0 && haveNumber();
                      --count) {
                     outcome = session.Deliver(number);
-                    if (outcome == Outcome::kFinal) {
-                        number = 0;
-                        ++work.finished;
-                    }
+                    if (outcome == Outcome::kFinal) number = 0;
                     if (outcome == Outcome::kAgainElsewhere || session.Broken()) break;
                     if (outcome == Outcome::kAgain)
                         std::this_thread::sleep_for(std::chrono::milliseconds(random.Below(200)));

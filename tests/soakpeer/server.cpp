@@ -1,6 +1,6 @@
 // The soak's mail server: soak_server PORT FILE. It answers for a message when the line about it is
-// on the disk: "S number changed infected" or "X" for what is none of ours; "R number" follows once
-// its answer has been sent. Messages of many connections share one sync.
+// on the disk: "S number changed infected" or "X" for what is none of ours. Messages of many
+// connections share one sync.
 #include <fcntl.h>
 
 #include <algorithm>
@@ -31,11 +31,6 @@ class Ledger {
         const std::uint64_t mine = taken_ + 1;
         wake_.notify_one();
         stored_.wait(lock, [&] { return done_ >= mine; });
-    }
-    // The line goes with the next commit.
-    void Note(const std::string& line) {
-        const std::lock_guard lock(mutex_);
-        pending_ += line;
     }
 
   private:
@@ -72,9 +67,7 @@ bool StoreMessage(Ledger& ledger, const LineSocket& client, const std::string& m
     const std::string number = std::to_string(found->number);
     ledger.Store("S " + number + (found->changed ? " 1" : " 0") +
                  (found->infected ? " 1\n" : " 0\n"));
-    if (!client.Send("250 2.0.0 stored\r\n")) return false;
-    ledger.Note("R " + number + "\n");
-    return true;
+    return client.Send("250 2.0.0 stored\r\n");
 }
 
 bool ReadText(LineSocket& client, std::string& message) {

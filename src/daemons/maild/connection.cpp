@@ -42,7 +42,7 @@ ScanOutcome Connection::Open(const std::string& path) {
         if (Clock::now() >= end_) return ScanOutcome::kBusy;
         usleep(10000);
     }
-    return ScanOutcome::kDown;
+    return ScanOutcome::kNoMeans;
 }
 
 bool Connection::Send(const void* data, std::size_t length) {

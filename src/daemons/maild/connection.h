@@ -21,7 +21,7 @@ class Connection {
 
     // What is done from now on has to be done by then, or until the flag is set (null: none).
     void SetEnd(Clock::time_point end, const std::atomic<bool>* cancel = nullptr);
-    // kClean: connected. kBusy: the engine is there and its queue stayed full. kDown.
+    // kClean: connected. kBusy: the engine is there and its queue stayed full. kDown. kNoMeans.
     ScanOutcome Open(const std::string& path);
     bool Send(const void* data, std::size_t length);
     // The command and the open file behind it.

@@ -18,10 +18,11 @@ constexpr std::chrono::seconds kSecondLook{30};
 constexpr std::chrono::seconds kProbeTime{60};
 // Smaller messages than this are not told apart.
 constexpr long long kSmallestPlain = 4096;
+constexpr char kCantProbe[] = "can't make a probe: no descriptor or memory for it";
 constexpr long long kNoLimit = std::numeric_limits<long long>::max();
 
 ScanOutcome ScanProbe(const EngineId& engine, const platform::File& probe) {
-    if (!probe) return ScanOutcome::kFailed;
+    if (!probe) return ScanOutcome::kNoMeans;
     return ScanWithClamd(engine, probe.Descriptor(), Connection::Clock::now() + kProbeTime)
         .result.outcome;
 }
@@ -153,6 +154,7 @@ void Engine::Attempt() {
     auto sentry = std::make_unique<Connection>();
     sentry->SetEnd(Clock::now() + std::chrono::seconds(settings->connectSeconds));
     ScanResult result{sentry->Open(proof->id.socketPath), "can't connect"};
+    if (result.outcome == ScanOutcome::kNoMeans) result.text = "no descriptor for a connection";
     static constexpr char kCommand[] = "zIDSESSION";
     if (result.outcome == ScanOutcome::kClean && !sentry->Send(kCommand, sizeof kCommand))
         result = {ScanOutcome::kDown, "no reply"};
@@ -182,7 +184,7 @@ void Engine::Attempt() {
 ScanResult Engine::Prove(EngineProof& proof, const Settings& settings) {
     const auto end = Clock::now() + kProbeTime;
     const platform::File pattern = MakePatternProbe();
-    if (!pattern) return {ScanOutcome::kFailed, "can't make a probe"};
+    if (!pattern) return {ScanOutcome::kNoMeans, kCantProbe};
     const ClamdAnswer answer = ScanWithClamd(proof.id, pattern.Descriptor(), end);
     if (answer.result.outcome != ScanOutcome::kInfected &&
         answer.result.outcome != ScanOutcome::kClean)
@@ -192,14 +194,16 @@ ScanResult Engine::Prove(EngineProof& proof, const Settings& settings) {
     proof.complete = true;
     proof.findsPattern = answer.result.outcome == ScanOutcome::kInfected;
     if (!proof.findsPattern) return {ScanOutcome::kClean, ""};
-    ProveLimits(proof);
-    ProvePlain(proof, settings.maxFileSize);
+    // What could not be asked says nothing about the engine.
+    if (ProveLimits(proof) == ScanOutcome::kNoMeans ||
+        ProvePlain(proof, settings.maxFileSize) == ScanOutcome::kNoMeans)
+        return {ScanOutcome::kNoMeans, kCantProbe};
     return {ScanOutcome::kClean, ""};
 }
 
 // Each probe hides the pattern behind a limit: what finds it has no such limit, or a higher one
 // than any message can reach.
-void Engine::ProveLimits(EngineProof& proof) {
+ScanOutcome Engine::ProveLimits(EngineProof& proof) {
     const struct {
         platform::File (*make)();
         const char* name;
@@ -211,25 +215,28 @@ void Engine::ProveLimits(EngineProof& proof) {
         if (outcome == ScanOutcome::kTooBig || outcome == ScanOutcome::kInfected) continue;
         proof.silentAt = each.name;
         proof.complete = outcome == ScanOutcome::kClean;
-        return;
+        return outcome;
     }
     proof.tellsOfLimits = true;
+    return ScanOutcome::kClean;
 }
 
 // A message of our largest size with the pattern at its end; if that is called clean, smaller ones
 // show up to where it looks.
-void Engine::ProvePlain(EngineProof& proof, long long size) {
+ScanOutcome Engine::ProvePlain(EngineProof& proof, long long size) {
     const long long largest = size;
     for (; size >= kSmallestPlain; size /= 4) {
         const ScanOutcome outcome = ScanProbe(proof.id, MakeSizeProbe(size));
         if (outcome == ScanOutcome::kTooBig || outcome == ScanOutcome::kInfected) {
             // Nothing beyond our own largest size is scanned anyway.
             proof.plainBytes = size == largest ? kNoLimit : size;
-            return;
+            return ScanOutcome::kClean;
         }
+        if (outcome == ScanOutcome::kNoMeans) return outcome;
         proof.complete = proof.complete && outcome == ScanOutcome::kClean;
         proof.silentAt = "message of " + std::to_string(size) + " bytes";
     }
+    return ScanOutcome::kClean;
 }
 
 void Engine::Report(const EngineProof& proof, const Settings& settings) {

@@ -54,8 +54,8 @@ class Engine {
     void Look();
     void Attempt();
     ScanResult Prove(EngineProof& proof, const Settings& settings);
-    void ProveLimits(EngineProof& proof);
-    void ProvePlain(EngineProof& proof, long long size);
+    ScanOutcome ProveLimits(EngineProof& proof);
+    ScanOutcome ProvePlain(EngineProof& proof, long long size);
     void Report(const EngineProof& proof, const Settings& settings);
     void Tell(const std::string& text, bool good);
     std::shared_ptr<const EngineProof> Await(Clock::time_point end, ScanResult& why);

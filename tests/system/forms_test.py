@@ -180,6 +180,19 @@ class SmallEngine(Scanning):
         self.assertEqual(self.send(body(b"a long text\r\n" * 12000)), NOT_CHECKED)
 
 
+class EngineAsLargeAsOurs(Scanning):
+    """Its limit for a file is the same as ours, as both are by default, and it says nothing."""
+    ENGINE = "MaxFileSize 200000\nMaxScanSize 20M\nStreamMaxLength 20M\n"
+
+    def test_a_form_beyond_its_limit_is_not_believed(self):
+        start = b"Subject: x\r\n\r\n"
+        text = b"text\r\n" * 33000
+        fits = start + text + b"x" * (199990 - len(start) - len(text) - len(EICAR) - 2) + EICAR + b"\r\n"
+        self.assertEqual(self.send(fits), NOT_CHECKED, "it fits, but not with a header in front")
+        self.assertEqual(self.send(fits.replace(b"Subject", b"Received")), REJECTED)
+        self.assertEqual(self.send(start + text), QUEUED)
+
+
 class BlindEngine(Scanning):
     """An engine without signatures."""
     SIGNATURES = False

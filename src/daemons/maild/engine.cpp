@@ -228,8 +228,9 @@ ScanOutcome Engine::ProvePlain(EngineProof& proof, long long size) {
     for (; size >= kSmallestPlain; size /= 4) {
         const ScanOutcome outcome = ScanProbe(proof.id, MakeSizeProbe(size));
         if (outcome == ScanOutcome::kTooBig || outcome == ScanOutcome::kInfected) {
-            // Nothing beyond our own largest size is scanned anyway.
-            proof.plainBytes = size == largest ? kNoLimit : size;
+            // Nothing beyond our own largest size is scanned, but for a form of it, which may be
+            // larger: of an engine that is silent that is more than it has shown.
+            proof.plainBytes = size == largest && proof.tellsOfLimits ? kNoLimit : size;
             return ScanOutcome::kClean;
         }
         if (outcome == ScanOutcome::kNoMeans) return outcome;

@@ -1,9 +1,11 @@
 """What is scanned is what is delivered: messages that are infected only in the form in which some receiver reads them,
 archives beyond the engine's limits, encrypted ones; with the real engine."""
 
+import glob
 import io
 import os
 import signal
+import socket
 import time
 import unittest
 import zipfile
@@ -204,6 +206,31 @@ class BlindEngine(Scanning):
         self.settings(PassWhenDown="Y")
         self.assertEqual(self.send(body(b"text")), QUEUED)
         self.assertTrue(self.logged("does not find the test pattern"))
+
+
+class EngineThatLoadsAnew(Scanning):
+    def reload(self):
+        with socket.socket(socket.AF_UNIX) as engine:
+            engine.connect(self.proxy.home + "/clamd/clamd.sock")
+            engine.sendall(b"zRELOAD\0")
+            self.assertEqual(engine.recv(100), b"RELOADING\0")
+
+    def test_without_its_signatures_it_is_down(self):
+        self.assertEqual(self.send(body(EICAR)), REJECTED)
+        files = glob.glob(self.proxy.home + "/clamd/db/*.ndb")
+        for file in files:
+            os.rename(file, file + ".kept")
+        with open(self.proxy.home + "/clamd/db/other.ndb", "w") as other:
+            other.writelines("Other%d:0:*:%s\n" % (i, (b"nothing like that %d" % i).hex()) for i in range(500))
+        self.reload()
+        self.assertTrue(wait_until(lambda: self.send(body(EICAR)) == NOT_CHECKED, 15))
+        self.assertEqual(self.send(body(b"clean")), NOT_CHECKED)
+        self.assertTrue(self.logged("does not find the test pattern"))
+        for file in files:
+            os.rename(file + ".kept", file)
+        self.reload()
+        self.assertTrue(wait_until(lambda: self.send(body(b"clean")) == QUEUED, 40))
+        self.assertEqual(self.send(body(EICAR)), REJECTED)
 
 
 class LateEngine(Scanning):

@@ -35,8 +35,8 @@ class Connection {
     bool HungUp() const;
     // The process at the other end, as the kernel knows it; 0 if it doesn't.
     int Peer() const;
-    // Without waiting: throws away what has come and sends something small. False: hung up.
-    bool Poke(const char* command, std::size_t length);
+    // Without waiting: appends what has come, and sends something small. False: hung up.
+    bool Poke(const char* command, std::size_t length, std::string& came);
 
   private:
     bool Again(short events);

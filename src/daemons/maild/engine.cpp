@@ -128,8 +128,11 @@ void Engine::Work() {
 
 void Engine::Look() {
     const std::lock_guard lock(mutex_);
-    static constexpr char kCommand[] = "zPING";
-    if (proof_ != nullptr && !sentry_->Poke(kCommand, sizeof kCommand)) {
+    if (proof_ == nullptr) return;
+    std::string came;
+    const bool there =
+        sentry_->Poke(SignatureWatch::kQuestions, sizeof SignatureWatch::kQuestions, came);
+    if (!there || signatures_.Take(came)) {
         proof_ = nullptr;
         wanted_ = true;
     }
@@ -156,7 +159,10 @@ void Engine::Attempt() {
     ScanResult result{sentry->Open(proof->id.socketPath), "can't connect"};
     if (result.outcome == ScanOutcome::kNoMeans) result.text = "no descriptor for a connection";
     static constexpr char kCommand[] = "zIDSESSION";
-    if (result.outcome == ScanOutcome::kClean && !sentry->Send(kCommand, sizeof kCommand))
+    // Its signatures as they are before it is probed.
+    if (result.outcome == ScanOutcome::kClean &&
+        (!sentry->Send(kCommand, sizeof kCommand) ||
+         !sentry->Send(SignatureWatch::kQuestions, sizeof SignatureWatch::kQuestions)))
         result = {ScanOutcome::kDown, "no reply"};
     if (result.outcome == ScanOutcome::kClean) result = Prove(*proof, *settings);
     if (result.outcome == ScanOutcome::kClean && sentry->HungUp())
@@ -168,7 +174,10 @@ void Engine::Attempt() {
         // Settings that changed meanwhile ask for another attempt.
         const bool stale = settings != settings_ && wanted_;
         proof_ = proven && !stale ? proof : nullptr;
-        if (proof_ != nullptr) sentry_ = std::move(sentry);
+        if (proof_ != nullptr) {
+            sentry_ = std::move(sentry);
+            signatures_ = SignatureWatch();
+        }
         if (!proven) failure_ = result;
     }
     done_.notify_all();

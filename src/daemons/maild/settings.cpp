@@ -55,8 +55,7 @@ std::shared_ptr<const Settings> LoadSettings() {
         ReadText("ClamdConf", Exists(ownConf) ? ownConf : "/etc/clamav/clamd.conf");
     settings->connectSeconds = ReadSeconds("ConnectTimeout", 5);
     settings->scanSeconds = ReadSeconds("ScanTimeout", 120);
-    settings->maxFileSize =
-        std::min(ReadSize("MaxFileSize", kUsualMaxFileSize), kLargestFileSize);
+    settings->maxFileSize = std::min(ReadSize("MaxFileSize", kUsualMaxFileSize), kLargestFileSize);
     settings->virusAction = ReadText("VirusAction", "reject");
     settings->redirectAddress = ReadText("RedirectAddress", "");
     settings->whenEncrypted = ReadWhenEncrypted();

@@ -1,8 +1,11 @@
 """The scan daemon at the end of its means: descriptors, threads, memory. It refuses, says so, and is there again
 afterwards."""
 
+import os
 import socket
 import struct
+import subprocess
+import tempfile
 import time
 import unittest
 
@@ -50,6 +53,47 @@ class Descriptors(Scanning):
         self.assertEqual(self.send(body(EICAR)), REJECTED)
         self.assertNotIn("mail could pass unscanned", self.log())
         self.assertIsNone(self.maild.poll())
+
+
+class FullDisk(unittest.TestCase):
+    """A small disk of its own."""
+
+    def setUp(self):
+        self.disk = tempfile.mkdtemp(prefix="vantrel-disk.")
+        self.addCleanup(os.rmdir, self.disk)
+        if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=2m", "none", self.disk], capture_output=True).returncode != 0:
+            self.skipTest("can't mount")
+        self.addCleanup(subprocess.run, ["umount", "-l", self.disk], check=True)
+        self.home = self.disk + "/home"
+        self.env = dict(os.environ, VANTREL_HOME=self.home)
+
+    def fill(self):
+        with open(self.disk + "/fill", "ab", 0) as file:
+            with self.assertRaises(OSError):
+                while True:
+                    file.write(b"x" * 4096)
+
+    def run_for_a_while(self, *words):
+        """The exit code if it ended by itself."""
+        process = subprocess.Popen(words, env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            return process.wait(1)
+        except subprocess.TimeoutExpired:
+            process.terminate()
+            process.wait(20)
+            return None
+
+    def test_no_program_dies_of_the_counter_that_all_map(self):
+        subprocess.run([BIN + "/vtregistry", "set", "/a", "1"], env=self.env, check=True)
+        logger = subprocess.Popen([BIN + "/vtlogd", "debug"], env=self.env, stdout=subprocess.DEVNULL)
+        self.addCleanup(logger.wait, 20)
+        self.addCleanup(logger.terminate)
+        self.assertTrue(wait_until(lambda: os.path.exists(self.home + "/pipes/vtlogd"), 20))
+        os.unlink(self.home + "/store.seq")
+        self.fill()
+        for words in (("vtregistry", "watch", "/a"), ("vtmaild", "debug"), ("vtsmtpproxy", "debug")):
+            with self.subTest(words[0]):
+                self.assertIsNone(self.run_for_a_while(BIN + "/" + words[0], *words[1:]))
 
 
 if __name__ == "__main__":

@@ -58,6 +58,7 @@ set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, clamav-daemon")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "clamav-freshclam")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/packaging/debian/preinst
   ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
   ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
   ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)

@@ -119,11 +119,14 @@ class PipeServer : public std::enable_shared_from_this<PipeServer> {
         const std::weak_ptr<PipeServer> server_;
     };
     bool Open(const std::string& name);
+    bool RefuseOne();
 
     std::string path_;
     int lock_ = -1;
     int listener_ = -1;
     std::mutex mutex_;  // guards all below
+    int reserve_ =
+        -1;  // given up for a moment to refuse a client where there is no descriptor left
     std::deque<Pipe*>
         waiting_;  // instances in the order of their waits; each leaves before it is closed
     QueueReference queue_;
@@ -336,6 +339,8 @@ void Pipe::OnClose() {
     Drop();
 }
 
+int OpenReserve() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
+
 std::shared_ptr<PipeServer> PipeServer::Get(const std::string& name) {
     const std::lock_guard lock(Servers().mutex);
     std::weak_ptr<PipeServer>& known = Servers().servers[name];
@@ -357,6 +362,7 @@ bool PipeServer::Open(const std::string& name) {
     path_ = path;
     unlink(path_.c_str());
     listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    reserve_ = OpenReserve();
     return listener_ >= 0 && bind(listener_, address.Get(), LocalAddress::Size()) == 0 &&
            listen(listener_, kBacklog) == 0;
 }
@@ -370,6 +376,7 @@ PipeServer::~PipeServer() {
         unlink(path_.c_str());
         close(listener_);
     }
+    if (reserve_ >= 0) close(reserve_);
     if (lock_ >= 0) close(lock_);
 }
 
@@ -404,13 +411,25 @@ bool PipeServer::StopWaiting(Pipe* pipe) {
     return true;
 }
 
+// Where the process has no descriptor left: a client that nothing will ever wake us for again is
+// told so by a hang-up, instead of waiting in the backlog. False if there was none.
+bool PipeServer::RefuseOne() {
+    if (reserve_ >= 0) close(reserve_);
+    const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (client >= 0) close(client);
+    reserve_ = OpenReserve();
+    return client >= 0;
+}
+
 // Takes connections as long as there are instances for them. What is left in the backlog is taken
 // by the next Wait.
 void PipeServer::AcceptWaiting() {
     const std::lock_guard lock(mutex_);
+    if (reserve_ < 0) reserve_ = OpenReserve();
     while (!waiting_.empty()) {
         const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (client < 0 && (errno == EINTR || errno == ECONNABORTED)) continue;
+        if (client < 0 && (errno == EMFILE || errno == ENFILE) && RefuseOne()) continue;
         if (client < 0) return;
         Pipe* pipe = waiting_.front();
         waiting_.pop_front();

@@ -3,7 +3,8 @@
 //
 // One thread, one poll. The program that runs tells its status over a socket of its own and gets
 // the controls there; clients ask over the control socket. A program that ends without having said
-// that it stopped has died: the record's failure action starts it again after a delay.
+// that it stopped has died: the record's failure action starts it again after a delay, and so once
+// more where that start comes to nothing. A full disk, or whatever else made it die, may last.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -89,6 +90,7 @@ class Supervision {
     pid_t process_ = 0;
     bool greeted_ = false;  // the program has entered its dispatcher
     bool stopAsked_ = false;
+    bool recovering_ = false;  // started again, and not running yet
     bool finished_ = false;
     SERVICE_STATUS status_{};
     std::optional<Clock::time_point> restartAt_;
@@ -251,6 +253,7 @@ void Supervision::OnProgram() {
 void Supervision::OnStatus(const SERVICE_STATUS& status) {
     status_ = status;
     platform::WriteStatusFile(record_.name, status_, process_);
+    if (status.dwCurrentState == SERVICE_RUNNING) recovering_ = false;
     if (status.dwCurrentState == SERVICE_STOPPED) killAt_ = Clock::now() + kEndLimit;
 }
 
@@ -270,7 +273,7 @@ void Supervision::OnDeath() {
     killAt_.reset();
     requestEnd_.reset();
     AnswerWaiting(ERROR_SERVICE_REQUEST_TIMEOUT);
-    if (status_.dwCurrentState == SERVICE_STOPPED) return Finish();
+    if (status_.dwCurrentState == SERVICE_STOPPED && (!recovering_ || stopAsked_)) return Finish();
     const bool first = static_cast<bool>(report_);
     ReportFirstStart(ERROR_SERVICE_REQUEST_TIMEOUT);
     // As it is now: it may have been changed, or taken away.
@@ -290,6 +293,7 @@ void Supervision::OnTimers() {
     const auto now = Clock::now();
     if (restartAt_ && now >= *restartAt_) {
         restartAt_.reset();
+        recovering_ = true;
         if (Launch(Output::kGoOn)) {
             requestEnd_ = now + kRequestLimit;
             SetState(SERVICE_START_PENDING, 0);

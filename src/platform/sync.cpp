@@ -3,11 +3,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <map>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "platform/object.h"
@@ -166,62 +168,86 @@ void Waitable::EndWait() {
     descriptor_ = -1;
 }
 
+namespace {
+
+// One sleep on objects and other descriptors. The object that the process has no descriptor left
+// for is looked at now and then instead: a wait doesn't end because somebody has used them up.
+class Sleeper {
+  public:
+    Sleeper(std::span<Waitable* const> objects, std::span<pollfd> extra)
+        : objects_(objects), extra_(extra) {
+        for (std::size_t i = 0; i < objects.size(); ++i) descriptors_[i] = {-1, POLLIN, 0};
+    }
+    Sleeper(const Sleeper&) = delete;
+    Sleeper& operator=(const Sleeper&) = delete;
+    ~Sleeper() {
+        for (std::size_t i = 0; i < objects_.size(); ++i) {
+            if (descriptors_[i].fd >= 0) objects_[i]->EndWait();
+        }
+    }
+    // Until there is something to look at, or the end. False if that can't be waited for.
+    bool Sleep(bool limited, std::chrono::steady_clock::time_point end) {
+        constexpr std::chrono::milliseconds kLook{50};
+        bool whole = true;
+        for (std::size_t i = 0; i < objects_.size(); ++i) {
+            if (descriptors_[i].fd < 0) descriptors_[i].fd = objects_[i]->BeginWait();
+            whole = whole && descriptors_[i].fd >= 0;
+        }
+        const std::size_t count = objects_.size();
+        for (std::size_t i = 0; i < extra_.size(); ++i) descriptors_[count + i] = extra_[i];
+        if (!whole) {
+            const auto look = std::chrono::steady_clock::now() + kLook;
+            end = limited ? std::min(end, look) : look;
+        }
+        return PollUntil(descriptors_.data(), count + extra_.size(), limited || !whole, end) >= 0;
+    }
+    // Whether one of the other descriptors shows something; what, is written to them.
+    bool Shown() {
+        bool shown = false;
+        for (std::size_t i = 0; i < extra_.size(); ++i) {
+            extra_[i].revents = descriptors_[objects_.size() + i].revents;
+            shown = shown || extra_[i].revents != 0;
+        }
+        return shown;
+    }
+
+  private:
+    const std::span<Waitable* const> objects_;
+    const std::span<pollfd> extra_;
+    std::array<pollfd, std::size_t{2} * MAXIMUM_WAIT_OBJECTS> descriptors_;  // as many as there are
+};
+
+}  // namespace
+
 DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD milliseconds) {
     if (objects.size() > MAXIMUM_WAIT_OBJECTS || extra.size() > MAXIMUM_WAIT_OBJECTS) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return WAIT_FAILED;
     }
-    for (std::size_t i = 0; i < objects.size(); ++i) {
-        if (objects[i]->TryConsume()) return static_cast<DWORD>(i);
-    }
+    const auto signalled = [objects]() -> std::optional<DWORD> {
+        for (std::size_t i = 0; i < objects.size(); ++i) {
+            if (objects[i]->TryConsume()) return static_cast<DWORD>(i);
+        }
+        return std::nullopt;
+    };
+    if (const auto which = signalled()) return *which;
     if (milliseconds == 0 && extra.empty()) return WAIT_TIMEOUT;
 
     const bool limited = milliseconds != INFINITE;
     const auto end =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(limited ? milliseconds : 0);
-
-    std::array<pollfd, std::size_t{2} * MAXIMUM_WAIT_OBJECTS> descriptors;  // filled up to `total`
-    std::size_t begun = 0;
-    DWORD result = WAIT_FAILED;
-    for (; begun < objects.size(); ++begun) {
-        const int descriptor = objects[begun]->BeginWait();
-        if (descriptor < 0) break;
-        descriptors[begun] = {descriptor, POLLIN, 0};
-    }
-    if (begun < objects.size()) {
-        SetLastError(ERROR_TOO_MANY_OPEN_FILES);
-    } else {
-        const std::size_t total = begun + extra.size();
-        for (;;) {
-            for (std::size_t i = 0; i < extra.size(); ++i) descriptors[begun + i] = extra[i];
-            const int ready = PollUntil(descriptors.data(), total, limited, end);
-            if (ready < 0) {
-                SetLastError(ERROR_INVALID_PARAMETER);
-                break;
-            }
-            // A signal may have been taken by another waiter since: then look at the others and
-            // poll again.
-            for (std::size_t i = 0; i < objects.size() && result == WAIT_FAILED; ++i) {
-                if (objects[i]->TryConsume()) result = static_cast<DWORD>(i);
-            }
-            if (result != WAIT_FAILED) break;
-            bool shown = false;
-            for (std::size_t i = 0; i < extra.size(); ++i) {
-                extra[i].revents = descriptors[begun + i].revents;
-                shown = shown || extra[i].revents != 0;
-            }
-            if (shown) {
-                result = static_cast<DWORD>(objects.size());
-                break;
-            }
-            if (limited && std::chrono::steady_clock::now() >= end) {
-                result = WAIT_TIMEOUT;
-                break;
-            }
+    Sleeper sleeper(objects, extra);
+    for (;;) {
+        if (!sleeper.Sleep(limited, end)) {
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return WAIT_FAILED;
         }
+        // A signal may have been taken by another waiter since: then look at the others and sleep
+        // again.
+        if (const auto which = signalled()) return *which;
+        if (sleeper.Shown()) return static_cast<DWORD>(objects.size());
+        if (limited && std::chrono::steady_clock::now() >= end) return WAIT_TIMEOUT;
     }
-    for (std::size_t i = 0; i < begun; ++i) objects[i]->EndWait();
-    return result;
 }
 
 }  // namespace platform

@@ -30,9 +30,9 @@ long Futex(std::atomic<std::uint32_t>* word, int operation, std::uint32_t value,
 void* MapCounter() {
     const platform::File file(open(platform::HomePath("store.seq").c_str(),
                                    O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    // Only ever made longer: a page that another process uses must not go away under it.
-    if (!file || (file.Size() < kFileSize && ftruncate(file.Descriptor(), kFileSize) != 0))
-        return MAP_FAILED;
+    // Only ever made longer: a page that another process uses must not go away under it. And with
+    // its place on the disk: a full one would end the process at its first look.
+    if (!file || posix_fallocate(file.Descriptor(), 0, kFileSize) != 0) return MAP_FAILED;
     return mmap(nullptr, kFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.Descriptor(), 0);
 }
 

@@ -17,6 +17,7 @@
 #include "lipc/pipe.h"
 #include "platform/home.h"
 #include "support/instance.h"
+#include "support/no_descriptors.h"
 
 namespace {
 
@@ -101,6 +102,28 @@ class Client : public testing::Test {
     ~Client() override { LIPCClose(endpoint_); }
     LIPCEndpoint* endpoint_ = nullptr;
 };
+
+TEST(LIPCServer, RefusesAClientThatItHasNoDescriptorFor) {
+    LIPCEndpoint* server = nullptr;
+    ASSERT_EQ(LIPCOpenServer(&server, "refusing"), LIPC_OK);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = RawServer::platform_path("refusing");
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    const auto* name = reinterpret_cast<const sockaddr*>(&address);
+    const int clients[] = {socket(AF_UNIX, SOCK_STREAM, 0), socket(AF_UNIX, SOCK_STREAM, 0)};
+    pollfd entry{clients[0], POLLIN, 0};
+    {
+        const NoDescriptors none;
+        ASSERT_EQ(connect(clients[0], name, sizeof address), 0);
+        EXPECT_EQ(poll(&entry, 1, 5000), 1) << "it waits for something that nothing tells of";
+    }
+    ASSERT_EQ(connect(clients[1], name, sizeof address), 0);
+    entry.fd = clients[1];
+    EXPECT_EQ(poll(&entry, 1, 200), 0) << "there is room again";
+    for (const int each : clients) close(each);
+    LIPCClose(server);
+}
 
 TEST_F(Client, NobodyThere) { EXPECT_EQ(Ask(endpoint_, "x", 100).status, LIPC_NOT_THERE); }
 

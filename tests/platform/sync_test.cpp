@@ -9,6 +9,7 @@
 
 #include "net/socket.h"
 #include "platform/window.h"
+#include "support/no_descriptors.h"
 
 namespace {
 
@@ -49,6 +50,27 @@ TEST(Waits, GiveTheLowestSignalledIndex) {
     EXPECT_EQ(WaitForMultipleObjects(3, all, FALSE, 100), 1U);
     EXPECT_EQ(WaitForMultipleObjects(3, all, FALSE, 100), 2U);
     EXPECT_EQ(WaitForMultipleObjects(3, all, FALSE, 0), WAIT_TIMEOUT);
+}
+
+TEST(Waits, DoNotEndWithTheLastDescriptor) {
+    std::vector<UniqueHandle> events;
+    std::vector<HANDLE> handles;
+    for (int i = 0; i < 40; ++i) {  // more than the platform keeps descriptors for
+        events.emplace_back(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+        handles.push_back(events.back().Get());
+    }
+    NoDescriptors none;
+    EXPECT_EQ(WaitForMultipleObjects(40, handles.data(), FALSE, 20), WAIT_TIMEOUT);
+    std::thread late([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        SetEvent(handles[39]);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        none.GiveBack();
+        SetEvent(handles[38]);
+    });
+    EXPECT_EQ(WaitForMultipleObjects(40, handles.data(), FALSE, 10000), 39U);
+    EXPECT_EQ(WaitForMultipleObjects(40, handles.data(), FALSE, INFINITE), 38U);
+    late.join();
 }
 
 TEST(Waits, LoseNoWakeUpBetweenManyThreads) {

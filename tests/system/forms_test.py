@@ -1,9 +1,11 @@
 """What is scanned is what is delivered: messages that are infected only in the form in which some receiver reads them,
 archives beyond the engine's limits, encrypted ones; with the real engine."""
 
+import glob
 import io
 import os
 import signal
+import socket
 import time
 import unittest
 import zipfile
@@ -180,6 +182,19 @@ class SmallEngine(Scanning):
         self.assertEqual(self.send(body(b"a long text\r\n" * 12000)), NOT_CHECKED)
 
 
+class EngineAsLargeAsOurs(Scanning):
+    """Its limit for a file is the same as ours, as both are by default, and it says nothing."""
+    ENGINE = "MaxFileSize 200000\nMaxScanSize 20M\nStreamMaxLength 20M\n"
+
+    def test_a_form_beyond_its_limit_is_not_believed(self):
+        start = b"Subject: x\r\n\r\n"
+        text = b"text\r\n" * 33000
+        fits = start + text + b"x" * (199990 - len(start) - len(text) - len(EICAR) - 2) + EICAR + b"\r\n"
+        self.assertEqual(self.send(fits), NOT_CHECKED, "it fits, but not with a header in front")
+        self.assertEqual(self.send(fits.replace(b"Subject", b"Received")), REJECTED)
+        self.assertEqual(self.send(start + text), QUEUED)
+
+
 class BlindEngine(Scanning):
     """An engine without signatures."""
     SIGNATURES = False
@@ -191,6 +206,31 @@ class BlindEngine(Scanning):
         self.settings(PassWhenDown="Y")
         self.assertEqual(self.send(body(b"text")), QUEUED)
         self.assertTrue(self.logged("does not find the test pattern"))
+
+
+class EngineThatLoadsAnew(Scanning):
+    def reload(self):
+        with socket.socket(socket.AF_UNIX) as engine:
+            engine.connect(self.proxy.home + "/clamd/clamd.sock")
+            engine.sendall(b"zRELOAD\0")
+            self.assertEqual(engine.recv(100), b"RELOADING\0")
+
+    def test_without_its_signatures_it_is_down(self):
+        self.assertEqual(self.send(body(EICAR)), REJECTED)
+        files = glob.glob(self.proxy.home + "/clamd/db/*.ndb")
+        for file in files:
+            os.rename(file, file + ".kept")
+        with open(self.proxy.home + "/clamd/db/other.ndb", "w") as other:
+            other.writelines("Other%d:0:*:%s\n" % (i, (b"nothing like that %d" % i).hex()) for i in range(500))
+        self.reload()
+        self.assertTrue(wait_until(lambda: self.send(body(EICAR)) == NOT_CHECKED, 15))
+        self.assertEqual(self.send(body(b"clean")), NOT_CHECKED)
+        self.assertTrue(self.logged("does not find the test pattern"))
+        for file in files:
+            os.rename(file + ".kept", file)
+        self.reload()
+        self.assertTrue(wait_until(lambda: self.send(body(b"clean")) == QUEUED, 40))
+        self.assertEqual(self.send(body(EICAR)), REJECTED)
 
 
 class LateEngine(Scanning):

@@ -117,6 +117,37 @@ class Services(Instance):
                                                 and not f.endswith(".lock")]))
         server.close()
 
+    def test_a_restart_that_fails_is_tried_again(self):
+        """What is in the way of one that died may go away later."""
+        self.run_program("vtmaild", "register")
+        self.install()
+        self.assertEqual(self.run_program("vtmaild", "start")[0], 0)
+        died = self.process("VTMAILD")
+        os.rename(self.home + "/store.db", self.home + "/kept")
+        os.mkdir(self.home + "/store.db")
+        os.kill(died, signal.SIGKILL)
+        output = self.home + "/services/VTMAILD.out"
+
+        def failures():
+            with open(output) as file:
+                return file.read().count("can't open the store")
+        self.assertTrue(wait_until(lambda: failures() > 1, 15), failures())
+        os.rmdir(self.home + "/store.db")
+        os.rename(self.home + "/kept", self.home + "/store.db")
+        self.assertTrue(wait_until(lambda: self.status("VTMAILD").get("state") == "running", 15), self.status("VTMAILD"))
+        self.assertEqual(self.run_program("vtmaild", "stop")[0], 0)
+
+    def test_a_service_that_keeps_failing_can_be_stopped(self):
+        self.run_program("vtmaild", "register")
+        self.install()
+        self.assertEqual(self.run_program("vtmaild", "start")[0], 0)
+        os.rename(self.home + "/store.db", self.home + "/kept")
+        os.mkdir(self.home + "/store.db")
+        os.kill(self.process("VTMAILD"), signal.SIGKILL)
+        self.assertTrue(wait_until(lambda: self.run_program("vtmaild", "stop")[0] == 0, 15))
+        self.assertTrue(wait_until(lambda: not self.supervisor("VTMAILD"), 15))
+        self.assertEqual(self.status("VTMAILD")["state"], "stopped")
+
     def test_dependencies_come_first_or_nothing_does(self):
         self.run_program("vtsmtpproxy", "install")
         code, text = self.run_program("vtsmtpproxy", "start")

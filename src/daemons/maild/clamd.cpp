@@ -41,12 +41,17 @@ Clock::time_point ConnectEnd(const EngineId& engine, Clock::time_point end) {
     return std::min(end, Clock::now() + std::chrono::seconds(engine.connectSeconds));
 }
 
+ClamdAnswer NotOpened(ScanOutcome outcome) {
+    return {{outcome, outcome == ScanOutcome::kNoMeans ? "no descriptor for a connection"
+                                                       : "can't connect"}};
+}
+
 ClamdAnswer ScanAsStream(const EngineId& engine, int file, Clock::time_point end) {
     Connection connection;
     connection.SetEnd(ConnectEnd(engine, end), engine.cancel);
     if (const ScanOutcome outcome = connection.Open(engine.socketPath);
         outcome != ScanOutcome::kClean)
-        return {{outcome, "can't connect"}};
+        return NotOpened(outcome);
     if (!engine.isSame(connection)) return {{}, true};
     connection.SetEnd(end, engine.cancel);
     static constexpr char kCommand[] = "zINSTREAM";
@@ -124,7 +129,7 @@ ClamdAnswer ScanAsDescriptor(const EngineId& engine, int file, Clock::time_point
         if (session.GetConnection().TimedOut()) return {Lost(session.GetConnection())};
     }
     if (const ScanOutcome outcome = session.Open(engine, end); outcome != ScanOutcome::kClean)
-        return {{outcome, "can't connect"}};
+        return NotOpened(outcome);
     if (!engine.isSame(session.GetConnection())) {
         session.Close();
         return {{}, true};

@@ -42,7 +42,7 @@ ScanOutcome Connection::Open(const std::string& path) {
         if (Clock::now() >= end_) return ScanOutcome::kBusy;
         usleep(10000);
     }
-    return ScanOutcome::kDown;
+    return ScanOutcome::kNoMeans;
 }
 
 bool Connection::Send(const void* data, std::size_t length) {
@@ -121,10 +121,11 @@ int Connection::Peer() const {
     return getsockopt(socket_, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
 }
 
-bool Connection::Poke(const char* command, std::size_t length) {
-    for (std::array<char, 512> buffer;;) {
+bool Connection::Poke(const char* command, std::size_t length, std::string& came) {
+    for (std::array<char, 512> buffer; came.size() < kMaxReply;) {
         const ssize_t count = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (count == 0) return false;
+        if (count > 0) came.append(buffer.data(), static_cast<std::size_t>(count));
         if (count > 0 || errno == EINTR) continue;
         if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
         break;

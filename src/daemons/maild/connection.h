@@ -21,7 +21,7 @@ class Connection {
 
     // What is done from now on has to be done by then, or until the flag is set (null: none).
     void SetEnd(Clock::time_point end, const std::atomic<bool>* cancel = nullptr);
-    // kClean: connected. kBusy: the engine is there and its queue stayed full. kDown.
+    // kClean: connected. kBusy: the engine is there and its queue stayed full. kDown. kNoMeans.
     ScanOutcome Open(const std::string& path);
     bool Send(const void* data, std::size_t length);
     // The command and the open file behind it.
@@ -35,8 +35,8 @@ class Connection {
     bool HungUp() const;
     // The process at the other end, as the kernel knows it; 0 if it doesn't.
     int Peer() const;
-    // Without waiting: throws away what has come and sends something small. False: hung up.
-    bool Poke(const char* command, std::size_t length);
+    // Without waiting: appends what has come, and sends something small. False: hung up.
+    bool Poke(const char* command, std::size_t length, std::string& came);
 
   private:
     bool Again(short events);

@@ -18,10 +18,11 @@ constexpr std::chrono::seconds kSecondLook{30};
 constexpr std::chrono::seconds kProbeTime{60};
 // Smaller messages than this are not told apart.
 constexpr long long kSmallestPlain = 4096;
+constexpr char kCantProbe[] = "can't make a probe: no descriptor or memory for it";
 constexpr long long kNoLimit = std::numeric_limits<long long>::max();
 
 ScanOutcome ScanProbe(const EngineId& engine, const platform::File& probe) {
-    if (!probe) return ScanOutcome::kFailed;
+    if (!probe) return ScanOutcome::kNoMeans;
     return ScanWithClamd(engine, probe.Descriptor(), Connection::Clock::now() + kProbeTime)
         .result.outcome;
 }
@@ -127,8 +128,11 @@ void Engine::Work() {
 
 void Engine::Look() {
     const std::lock_guard lock(mutex_);
-    static constexpr char kCommand[] = "zPING";
-    if (proof_ != nullptr && !sentry_->Poke(kCommand, sizeof kCommand)) {
+    if (proof_ == nullptr) return;
+    std::string came;
+    const bool there =
+        sentry_->Poke(SignatureWatch::kQuestions, sizeof SignatureWatch::kQuestions, came);
+    if (!there || signatures_.Take(came)) {
         proof_ = nullptr;
         wanted_ = true;
     }
@@ -153,8 +157,12 @@ void Engine::Attempt() {
     auto sentry = std::make_unique<Connection>();
     sentry->SetEnd(Clock::now() + std::chrono::seconds(settings->connectSeconds));
     ScanResult result{sentry->Open(proof->id.socketPath), "can't connect"};
+    if (result.outcome == ScanOutcome::kNoMeans) result.text = "no descriptor for a connection";
     static constexpr char kCommand[] = "zIDSESSION";
-    if (result.outcome == ScanOutcome::kClean && !sentry->Send(kCommand, sizeof kCommand))
+    // Its signatures as they are before it is probed.
+    if (result.outcome == ScanOutcome::kClean &&
+        (!sentry->Send(kCommand, sizeof kCommand) ||
+         !sentry->Send(SignatureWatch::kQuestions, sizeof SignatureWatch::kQuestions)))
         result = {ScanOutcome::kDown, "no reply"};
     if (result.outcome == ScanOutcome::kClean) result = Prove(*proof, *settings);
     if (result.outcome == ScanOutcome::kClean && sentry->HungUp())
@@ -166,7 +174,10 @@ void Engine::Attempt() {
         // Settings that changed meanwhile ask for another attempt.
         const bool stale = settings != settings_ && wanted_;
         proof_ = proven && !stale ? proof : nullptr;
-        if (proof_ != nullptr) sentry_ = std::move(sentry);
+        if (proof_ != nullptr) {
+            sentry_ = std::move(sentry);
+            signatures_ = SignatureWatch();
+        }
         if (!proven) failure_ = result;
     }
     done_.notify_all();
@@ -182,7 +193,7 @@ void Engine::Attempt() {
 ScanResult Engine::Prove(EngineProof& proof, const Settings& settings) {
     const auto end = Clock::now() + kProbeTime;
     const platform::File pattern = MakePatternProbe();
-    if (!pattern) return {ScanOutcome::kFailed, "can't make a probe"};
+    if (!pattern) return {ScanOutcome::kNoMeans, kCantProbe};
     const ClamdAnswer answer = ScanWithClamd(proof.id, pattern.Descriptor(), end);
     if (answer.result.outcome != ScanOutcome::kInfected &&
         answer.result.outcome != ScanOutcome::kClean)
@@ -192,14 +203,16 @@ ScanResult Engine::Prove(EngineProof& proof, const Settings& settings) {
     proof.complete = true;
     proof.findsPattern = answer.result.outcome == ScanOutcome::kInfected;
     if (!proof.findsPattern) return {ScanOutcome::kClean, ""};
-    ProveLimits(proof);
-    ProvePlain(proof, settings.maxFileSize);
+    // What could not be asked says nothing about the engine.
+    if (ProveLimits(proof) == ScanOutcome::kNoMeans ||
+        ProvePlain(proof, settings.maxFileSize) == ScanOutcome::kNoMeans)
+        return {ScanOutcome::kNoMeans, kCantProbe};
     return {ScanOutcome::kClean, ""};
 }
 
 // Each probe hides the pattern behind a limit: what finds it has no such limit, or a higher one
 // than any message can reach.
-void Engine::ProveLimits(EngineProof& proof) {
+ScanOutcome Engine::ProveLimits(EngineProof& proof) {
     const struct {
         platform::File (*make)();
         const char* name;
@@ -211,25 +224,29 @@ void Engine::ProveLimits(EngineProof& proof) {
         if (outcome == ScanOutcome::kTooBig || outcome == ScanOutcome::kInfected) continue;
         proof.silentAt = each.name;
         proof.complete = outcome == ScanOutcome::kClean;
-        return;
+        return outcome;
     }
     proof.tellsOfLimits = true;
+    return ScanOutcome::kClean;
 }
 
 // A message of our largest size with the pattern at its end; if that is called clean, smaller ones
 // show up to where it looks.
-void Engine::ProvePlain(EngineProof& proof, long long size) {
+ScanOutcome Engine::ProvePlain(EngineProof& proof, long long size) {
     const long long largest = size;
     for (; size >= kSmallestPlain; size /= 4) {
         const ScanOutcome outcome = ScanProbe(proof.id, MakeSizeProbe(size));
         if (outcome == ScanOutcome::kTooBig || outcome == ScanOutcome::kInfected) {
-            // Nothing beyond our own largest size is scanned anyway.
-            proof.plainBytes = size == largest ? kNoLimit : size;
-            return;
+            // Nothing beyond our own largest size is scanned, but for a form of it, which may be
+            // larger: of an engine that is silent that is more than it has shown.
+            proof.plainBytes = size == largest && proof.tellsOfLimits ? kNoLimit : size;
+            return ScanOutcome::kClean;
         }
+        if (outcome == ScanOutcome::kNoMeans) return outcome;
         proof.complete = proof.complete && outcome == ScanOutcome::kClean;
         proof.silentAt = "message of " + std::to_string(size) + " bytes";
     }
+    return ScanOutcome::kClean;
 }
 
 void Engine::Report(const EngineProof& proof, const Settings& settings) {

@@ -1,6 +1,7 @@
 // Inside maild/: the engine as something that has to prove itself. A thread of its own scans probes
-// (probes.h) as soon as it is there, and again when it has been started anew or the settings have
-// changed; what it came to, the proof, says how far a verdict of "clean" is worth something.
+// (probes.h) as soon as it is there, and again when it has been started anew, has loaded other
+// signatures, or the settings have changed; what it came to, the proof, says how far a verdict of
+// "clean" is worth something.
 //
 // Whether it is still the same process is told by a session that the thread keeps open for nothing
 // else: a new process can't be reached before the old one's end has closed it.
@@ -16,6 +17,7 @@
 
 #include "daemons/maild/clamd.h"
 #include "daemons/maild/settings.h"
+#include "daemons/maild/signatures.h"
 
 // What one process of the engine has shown.
 struct EngineProof {
@@ -54,8 +56,8 @@ class Engine {
     void Look();
     void Attempt();
     ScanResult Prove(EngineProof& proof, const Settings& settings);
-    void ProveLimits(EngineProof& proof);
-    void ProvePlain(EngineProof& proof, long long size);
+    ScanOutcome ProveLimits(EngineProof& proof);
+    ScanOutcome ProvePlain(EngineProof& proof, long long size);
     void Report(const EngineProof& proof, const Settings& settings);
     void Tell(const std::string& text, bool good);
     std::shared_ptr<const EngineProof> Await(Clock::time_point end, ScanResult& why);
@@ -70,6 +72,7 @@ class Engine {
     std::shared_ptr<const Settings> settings_;
     std::shared_ptr<const EngineProof> proof_;
     std::unique_ptr<Connection> sentry_;  // open while proof_'s process lives
+    SignatureWatch signatures_;           // of that process
     std::uint64_t generation_ = 0;        // of the newest attempt
     std::uint64_t attempts_ = 0;          // finished ones
     ScanResult failure_;                  // of the last one that gave no proof

@@ -26,7 +26,7 @@ bool CouldNotLook(ScanOutcome outcome) {
 // Whether the next form would fare as badly.
 bool EngineIsAway(ScanOutcome outcome) {
     return outcome == ScanOutcome::kDown || outcome == ScanOutcome::kBusy ||
-           outcome == ScanOutcome::kTimedOut;
+           outcome == ScanOutcome::kTimedOut || outcome == ScanOutcome::kNoMeans;
 }
 
 // The file with the text of these parts replaced by 'A', which stands for zeros.

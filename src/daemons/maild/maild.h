@@ -6,7 +6,7 @@
 //   forms       the message as each receiver may come to read it
 //   encrypted, archivelook    what nobody can look into
 //   connection, clamd         one scan by the engine
-//   engine, probes, zipfile   whether the engine is to be believed, shown by probes
+//   engine, probes, zipfile, signatures   whether the engine is to be believed, shown by probes
 //   unpack      what an engine that hides its limits can still be believed about
 //   judge       all of that together: the judgement of one message
 //   reply       the answer to the proxy

@@ -10,7 +10,8 @@ enum class ScanOutcome {
     kDown,
     kBusy,
     kTimedOut,
-    kTooBig,  // beyond a limit: ours, or one of the engine's
+    kTooBig,   // beyond a limit: ours, or one of the engine's
+    kNoMeans,  // this process has no descriptor or memory left to ask the engine with
     kFailed
 };
 

@@ -12,6 +12,8 @@
 namespace {
 
 constexpr long long kLongest = 3600;  // seconds
+// No engine takes more, and a probe of that size can still be made.
+constexpr long long kLargestFileSize = 2LL << 30;
 constexpr int kMostThreads = 200;
 constexpr int kUsualThreads = 16;
 
@@ -53,7 +55,7 @@ std::shared_ptr<const Settings> LoadSettings() {
         ReadText("ClamdConf", Exists(ownConf) ? ownConf : "/etc/clamav/clamd.conf");
     settings->connectSeconds = ReadSeconds("ConnectTimeout", 5);
     settings->scanSeconds = ReadSeconds("ScanTimeout", 120);
-    settings->maxFileSize = ReadSize("MaxFileSize", kUsualMaxFileSize);
+    settings->maxFileSize = std::min(ReadSize("MaxFileSize", kUsualMaxFileSize), kLargestFileSize);
     settings->virusAction = ReadText("VirusAction", "reject");
     settings->redirectAddress = ReadText("RedirectAddress", "");
     settings->whenEncrypted = ReadWhenEncrypted();

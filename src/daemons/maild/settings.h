@@ -19,7 +19,7 @@ struct Settings {
     std::string clamdConf;    // named in advice only
     int connectSeconds = 5;
     int scanSeconds = 120;      // for one message, all its forms together
-    long long maxFileSize = 0;  // bytes
+    long long maxFileSize = 0;  // bytes, at most 2 GB
     std::string virusAction;
     std::string redirectAddress;
     WhenEncrypted whenEncrypted = WhenEncrypted::kPass;

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "daemons/reportform.h"
-#include "daemons/stataccounts.h"
+#include "daemons/statd/report/form.h"
+#include "daemons/statd/web/accounts.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);

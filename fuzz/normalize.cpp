@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "session/normalize.h"
+#include "session/address/normalize.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size > 1023) return 0;

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "session/normalize.h"
-#include "session/path.h"
+#include "session/address/normalize.h"
+#include "session/address/path.h"
 
 namespace {
 

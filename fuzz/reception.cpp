@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "session/data_scanner.h"
+#include "session/message/data_scanner.h"
 
 namespace {
 

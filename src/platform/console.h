@@ -28,4 +28,19 @@ void ReleaseSignals();
 // Ends the process at once, without destructors.
 [[noreturn]] void ExitNow(int code);
 
+// Switches the echo of the terminal off while it lives. One at a time in a process. A signal that
+// ends the process meanwhile puts the terminal back first.
+class QuietTerminal {
+  public:
+    // The descriptor stays the caller's, and open; one that is no terminal is left alone.
+    explicit QuietTerminal(int descriptor);
+    QuietTerminal(const QuietTerminal&) = delete;
+    QuietTerminal& operator=(const QuietTerminal&) = delete;
+    ~QuietTerminal();
+    bool Active() const { return active_; }
+
+  private:
+    bool active_;
+};
+
 }  // namespace platform

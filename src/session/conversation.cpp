@@ -1,6 +1,6 @@
 #include "session/conversation.h"
 
-#include "session/relay.h"
+#include "session/message/relay.h"
 
 void Conversation::Run(CommandSource& commands) {
     int expectReply = 1;

@@ -1,11 +1,11 @@
 // A session from the server's greeting to its end: the dialogue and the message phase in turn.
 #pragma once
 
-#include "session/dialogue.h"
+#include "session/dialogue/dialogue.h"
 #include "session/envelope.h"
+#include "session/message/reception.h"
+#include "session/message/spool_file.h"
 #include "session/peers.h"
-#include "session/reception.h"
-#include "session/spool_file.h"
 
 class Conversation {
   public:

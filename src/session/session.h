@@ -15,9 +15,9 @@
 #include "net/stream.h"
 #include "session/conversation.h"
 #include "session/interface.h"
+#include "session/message/spool_file.h"
 #include "session/peers.h"
 #include "session/settings.h"
-#include "session/spool_file.h"
 
 class CSMTPProxy : private CommandSource {
   public:

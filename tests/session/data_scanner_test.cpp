@@ -1,4 +1,4 @@
-#include "session/data_scanner.h"
+#include "session/message/data_scanner.h"
 
 #include <gtest/gtest.h>
 

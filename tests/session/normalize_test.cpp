@@ -1,4 +1,4 @@
-#include "session/normalize.h"
+#include "session/address/normalize.h"
 
 #include <gtest/gtest.h>
 

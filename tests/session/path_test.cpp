@@ -1,12 +1,12 @@
-#include "session/path.h"
+#include "session/address/path.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "asfilters/asfilters.h"
-#include "session/normalize.h"
-#include "session/sender_check.h"
+#include "session/address/normalize.h"
+#include "session/address/sender_check.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "daemons/storeserver.h"
+#include "daemons/registryd/store_server.h"
 #include "support/instance.h"
 #include "trelis/trelis.h"
 

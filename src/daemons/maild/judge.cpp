@@ -10,8 +10,8 @@
 #include <memory>
 #include <vector>
 
-#include "daemons/maild/encrypted.h"
-#include "daemons/maild/unpack.h"
+#include "daemons/maild/forms/encrypted.h"
+#include "daemons/maild/forms/unpack.h"
 #include "platform/file.h"
 
 namespace {

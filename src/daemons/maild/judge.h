@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "daemons/maild/engine.h"
-#include "daemons/maild/forms.h"
-#include "daemons/maild/outcome.h"
+#include "daemons/maild/engine/engine.h"
+#include "daemons/maild/engine/outcome.h"
+#include "daemons/maild/forms/forms.h"
 #include "daemons/maild/settings.h"
 
 struct Judgement {

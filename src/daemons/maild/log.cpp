@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "daemons/printable.h"
+#include "text/printable.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "daemons/maild/log.h"
 #include "daemons/maild/reply.h"
-#include "daemons/statcodes.h"
+#include "libstats/codes.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 

@@ -18,8 +18,8 @@
 #include <memory>
 #include <mutex>
 
-#include "daemons/daemon.h"
-#include "daemons/maild/engine.h"
+#include "daemons/frame/daemon.h"
+#include "daemons/maild/engine/engine.h"
 #include "daemons/maild/judge.h"
 #include "daemons/maild/settings.h"
 #include "daemons/maild/verdictstats.h"

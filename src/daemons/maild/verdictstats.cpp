@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "daemons/statcodes.h"
+#include "libstats/codes.h"
 #include "libstats/libstats.h"
 #include "logclient/logclient.h"
 

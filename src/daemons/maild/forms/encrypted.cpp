@@ -1,0 +1,143 @@
+#include "daemons/maild/forms/encrypted.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+#include "daemons/maild/forms/archivelook.h"
+
+namespace {
+
+constexpr std::size_t kBlock = 65536;
+// What the first bytes of an archive are in base64, as far as they decide all of a character.
+constexpr std::string_view kStarts[] = {"UEsDB", "N3q8rycc", "UmFyIRoH", "JVBER"};
+constexpr std::size_t kLongestStart = 8;
+
+constexpr std::array<signed char, 256> MakeValues() {
+    std::array<signed char, 256> values{};
+    for (signed char& each : values) each = -1;
+    constexpr std::string_view kAlphabet =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    for (std::size_t i = 0; i < kAlphabet.size(); ++i)
+        values[static_cast<unsigned char>(kAlphabet[i])] = static_cast<signed char>(i);
+    return values;
+}
+constexpr std::array<signed char, 256> kValues = MakeValues();
+
+// Between the characters of a coded part, or in front of its first line.
+bool IsSkipped(char c) { return c == '.' || c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+class Search {
+  public:
+    explicit Search(std::vector<EncryptedPart>& parts) : parts_(parts) {}
+
+    void Take(std::string_view text, long long offset) {
+        for (std::size_t i = 0; i < text.size(); ++i)
+            Take(text[i], offset + static_cast<long long>(i));
+    }
+    void Finish(long long end) {
+        if (state_ == State::kInPart) EndPart(end);
+    }
+
+  private:
+    enum class State { kLineStart, kInLine, kInPart };
+
+    void Take(char c, long long at) {
+        switch (state_) {
+            case State::kLineStart:
+                if (!IsSkipped(c)) {
+                    start_ += c;
+                    if (start_.size() == 1) part_.begin = at;
+                    Compare();
+                } else if (!start_.empty()) {
+                    state_ = c == '\n' || c == '\r' ? State::kLineStart : State::kInLine;
+                    start_.clear();
+                }
+                break;
+            case State::kInLine:
+                if (c == '\n' || c == '\r') state_ = State::kLineStart;
+                break;
+            case State::kInPart:
+                if (kValues[static_cast<unsigned char>(c)] >= 0) {
+                    Decode(c);
+                } else if (!IsSkipped(c)) {
+                    EndPart(at);
+                }
+                break;
+        }
+    }
+    void Compare() {
+        bool possible = false;
+        for (const std::string_view start : kStarts) {
+            if (start == start_) return BeginPart();
+            possible = possible || start.starts_with(start_);
+        }
+        if (possible) return;
+        start_.clear();
+        state_ = State::kInLine;
+    }
+    void BeginPart() {
+        state_ = State::kInPart;
+        look_ = ArchiveLook();
+        group_ = 0;
+        digits_ = 0;
+        for (const char c : start_) Decode(c);
+        start_.clear();
+    }
+    void Decode(char c) {
+        group_ = group_ << 6 | static_cast<std::uint32_t>(kValues[static_cast<unsigned char>(c)]);
+        if (++digits_ < 4) return;
+        for (const int shift : {16, 8, 0})
+            look_.Take(static_cast<unsigned char>(group_ >> shift & 0xFF));
+        group_ = 0;
+        digits_ = 0;
+    }
+    void EndPart(long long at) {
+        state_ = State::kInLine;
+        // A last group cut short holds one byte or two.
+        if (digits_ >= 2)
+            look_.Take(static_cast<unsigned char>(group_ >> (6 * digits_ - 8) & 0xFF));
+        if (digits_ == 3) look_.Take(static_cast<unsigned char>(group_ >> 2 & 0xFF));
+        part_.end = at;
+        part_.kind = look_.Kind();
+        part_.counts = look_.Counts();
+        part_.whole = look_.Whole();
+        if (!part_.kind.empty()) parts_.push_back(part_);
+    }
+
+    std::vector<EncryptedPart>& parts_;
+    State state_ = State::kLineStart;
+    std::string start_;  // of the line, as long as it may become a part
+    EncryptedPart part_;
+    ArchiveLook look_;
+    std::uint32_t group_ = 0;
+    int digits_ = 0;
+};
+
+}  // namespace
+
+bool MayBeginArchive(std::string_view line) {
+    // Nearly every line ends the question with its first byte.
+    if (line.empty() || (line[0] != 'U' && line[0] != 'N' && line[0] != 'J')) return false;
+    const std::string_view begin = line.substr(0, kLongestStart);
+    return std::any_of(std::begin(kStarts), std::end(kStarts), [&](std::string_view start) {
+        return begin.substr(0, start.size()) == start.substr(0, begin.size());
+    });
+}
+
+bool FindEncrypted(int file, long long from, std::vector<EncryptedPart>& parts) {
+    Search search(parts);
+    std::vector<char> block(kBlock);
+    for (long long at = from;;) {
+        const ssize_t count = pread(file, block.data(), block.size(), at);
+        if (count < 0) return false;
+        if (count == 0) {
+            search.Finish(at);
+            return true;
+        }
+        search.Take({block.data(), static_cast<std::size_t>(count)}, at);
+        at += count;
+    }
+}

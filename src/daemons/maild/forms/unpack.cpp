@@ -1,0 +1,102 @@
+#include "daemons/maild/forms/unpack.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t kBlock = 65536;
+
+// In small letters. Names of codings, as headers and data addresses have them, and the beginnings
+// of formats that hold packed bytes as text.
+constexpr std::string_view kWords[] = {"base64", "uuencode", "x-uue",    "binhex",
+                                       "yenc",   "=ybegin",  "\nbegin ", "%pdf",
+                                       "{\\rt",  "bzh",      "rar!",     "(this file must"};
+constexpr std::string_view kQuoted = "quoted-printable";
+constexpr std::size_t kLongestWord = 16;
+
+int Digit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+bool IsControl(unsigned char c) {
+    return (c < 0x20 && c != '\t' && c != '\r' && c != '\n') || c == 0x7F;
+}
+
+class Search {
+  public:
+    // False at the first thing found.
+    bool Take(char c) {
+        if (IsControl(static_cast<unsigned char>(c))) return false;
+        if (escape_ > 0) return Escaped(c);
+        if (c == '=') {
+            escape_ = 1;
+            held_ = -1;
+        }
+        return Match(c);
+    }
+
+  private:
+    // Behind a '=': a line end joins two lines of quoted-printable, two digits are a byte.
+    bool Escaped(char c) {
+        if (c == '\r' && escape_ == 1) return true;
+        if (c == '\n' && escape_ == 1) {
+            escape_ = 0;
+            window_.pop_back();  // the '='
+            return true;
+        }
+        const int digit = Digit(c);
+        if (digit < 0 || escape_ == 2) escape_ = 0;
+        if (digit >= 0 && held_ < 0) {
+            held_ = digit;
+            escape_ = 2;
+        } else if (digit >= 0) {
+            const auto byte = static_cast<unsigned char>(held_ << 4 | digit);
+            odd_ = odd_ || IsControl(byte) || (byte > ' ' && byte < 0x7F && byte != '=');
+        }
+        if (c == '=') {
+            escape_ = 1;
+            held_ = -1;
+        }
+        return Match(c);
+    }
+    bool Match(char c) {
+        window_ += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+        if (window_.size() > 2 * kLongestWord) window_.erase(0, kLongestWord);
+        const std::string_view seen = window_;
+        for (const std::string_view word : kWords) {
+            if (word.back() == window_.back() && seen.ends_with(word)) return false;
+        }
+        quoted_ = quoted_ || (window_.back() == kQuoted.back() && seen.ends_with(kQuoted));
+        return !(quoted_ && odd_);
+    }
+
+    std::string window_ = "\n";  // the last bytes, in small letters, lines joined
+    int escape_ = 0;             // digits expected: 1 the first, 2 the second
+    int held_ = -1;
+    bool odd_ = false;     // an escape that text doesn't need
+    bool quoted_ = false;  // quoted-printable is named: escapes count
+};
+
+}  // namespace
+
+bool CouldUnpack(int file) {
+    Search search;
+    std::vector<char> block(kBlock);
+    for (off_t at = 0;;) {
+        const ssize_t count = pread(file, block.data(), block.size(), at);
+        if (count < 0) return true;
+        if (count == 0) return false;
+        for (ssize_t i = 0; i < count; ++i) {
+            if (!search.Take(block[static_cast<std::size_t>(i)])) return true;
+        }
+        at += count;
+    }
+}

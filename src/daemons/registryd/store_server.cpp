@@ -1,0 +1,210 @@
+#include "daemons/registryd/store_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+#include <vector>
+
+#include "trelis/buffered.h"
+#include "trelis/remote.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char kFolder[] = "/VTWIN/Daemons/StoreDaemon";
+constexpr char kSwitchKey[] = "/VTWIN/Daemons/StoreDaemon/RemoteReads";
+constexpr char kAddressKey[] = "/VTWIN/Daemons/StoreDaemon/Address";
+// Below the first all may be read but the second and what is below it: password hashes.
+constexpr char kOpen[] = "/VTWIN/Daemons/";
+constexpr char kClosed[] = "/VTWIN/Daemons/StatsDaemon/Accounts";
+
+constexpr std::size_t kMostPeers = 32;
+constexpr int kBacklog = 64;
+constexpr auto kPeerLimit = 2s;
+constexpr auto kLookInterval = 500ms;  // at the settings, of which a look costs one atomic load
+constexpr auto kListenRetry = 5s;
+
+bool MayRead(const std::string& key) {
+    const std::string closed = kClosed;
+    if (key.compare(0, sizeof kOpen - 1, kOpen) != 0) return false;
+    return key != closed && key.compare(0, closed.size() + 1, closed + '/') != 0;
+}
+
+std::string ReplyTo(const std::string& key) {
+    using trelis::RemoteStatus;
+    std::vector<char> value(trelis::kRemoteMostValue + 2);
+    if (!MayRead(key) ||
+        TrelisGetValue(kLocalStore, key.c_str(), value.data(), static_cast<int>(value.size())) != 0)
+        return trelis::RemoteReply(RemoteStatus::kMissing, {});
+    const std::string text = value.data();
+    return trelis::RemoteReply(
+        text.size() > trelis::kRemoteMostValue ? RemoteStatus::kTooLong : RemoteStatus::kFound,
+        text);
+}
+
+bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
+
+}  // namespace
+
+bool StoreServer::Start() {
+    wake_ = platform::File(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake_) return false;
+    watch_ = TrelisPlaceNotify(kLocalStore, kFolder, 1);
+    settings_ = ReadSettings();
+    nextTry_ = Clock::now();
+    try {
+        thread_ = std::thread(&StoreServer::Serve, this);
+    } catch (const std::system_error&) {
+        TrelisCancelNotify(kLocalStore, kFolder, 1, watch_);
+        return false;
+    }
+    return true;
+}
+
+void StoreServer::Stop() {
+    if (!thread_.joinable()) return;
+    const std::uint64_t one = 1;
+    wake_.Write(&one, sizeof one);
+    thread_.join();
+    peers_.clear();
+    listener_.Close();
+    TrelisCancelNotify(kLocalStore, kFolder, 1, watch_);
+}
+
+std::optional<StoreServer::Settings> StoreServer::ReadSettings() {
+    char text[64];
+    BufferedGetValue(kLocalStore, kSwitchKey, text, sizeof text);
+    if (text[0] != 'Y' && text[0] != 'y') return std::nullopt;
+    Settings settings{htonl(INADDR_ANY), trelis::kRemotePort};
+    in_addr address{};
+    BufferedGetValue(kLocalStore, kAddressKey, text, sizeof text);
+    if (text[0] != '\0') {
+        // A slip of the pen must not open the store to everybody.
+        if (inet_pton(AF_INET, text, &address) != 1) {
+            std::fprintf(stderr, "store server: %s: no address: %s\n", kAddressKey, text);
+            return std::nullopt;
+        }
+        settings.address = address.s_addr;
+    }
+    BufferedGetValue(kLocalStore, trelis::kRemotePortKey, text, sizeof text);
+    const long port = std::strtol(text, nullptr, 10);
+    if (port >= 1 && port <= 0xFFFF) settings.port = static_cast<std::uint16_t>(port);
+    return settings;
+}
+
+void StoreServer::Listen() {
+    nextTry_ = Clock::now() + kListenRetry;
+    platform::File listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!listener) return;
+    const int on = 1;
+    setsockopt(listener.Descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in record{};
+    record.sin_family = AF_INET;
+    record.sin_port = htons(settings_->port);
+    record.sin_addr.s_addr = settings_->address;
+    if (bind(listener.Descriptor(), reinterpret_cast<const sockaddr*>(&record), sizeof record) !=
+            0 ||
+        listen(listener.Descriptor(), kBacklog) != 0) {
+        std::fprintf(stderr, "store server: can't listen on port %d: %s\n", settings_->port,
+                     std::strerror(errno));
+        return;
+    }
+    listener_ = std::move(listener);
+}
+
+// Looks whether the settings have changed. Switched off, nobody is served to the end either.
+void StoreServer::Follow() {
+    if (TrelisWaitNotify(kLocalStore, watch_, 0) > 0) {
+        const std::optional<Settings> now = ReadSettings();
+        if (now != settings_) {
+            settings_ = now;
+            listener_.Close();
+            peers_.clear();
+            nextTry_ = Clock::now();
+        }
+    }
+    if (settings_ && !listener_ && Clock::now() >= nextTry_) Listen();
+}
+
+void StoreServer::Accept() {
+    while (peers_.size() < kMostPeers) {
+        platform::File socket(
+            accept4(listener_.Descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!socket) {
+            // Whatever waits stays readable: no descriptors is not to become a busy loop.
+            held_ = !WouldBlock() && errno != ECONNABORTED;
+            return;
+        }
+        peers_.push_back({std::move(socket), Clock::now() + kPeerLimit, {}, {}});
+    }
+}
+
+// Reads or writes what is possible. False when the peer is finished with, in whatever way.
+bool StoreServer::Advance(Peer& peer) {
+    const int descriptor = peer.socket.Descriptor();
+    if (peer.reply.empty()) {
+        char block[trelis::kRemoteMostRequest];
+        const std::size_t room = trelis::kRemoteMostRequest - peer.request.size();
+        const ssize_t count = recv(descriptor, block, room, 0);
+        if (count < 0) return WouldBlock();
+        if (count == 0) return false;
+        peer.request.append(block, static_cast<std::size_t>(count));
+        if (peer.request.find('\n') == std::string::npos)
+            return peer.request.size() < trelis::kRemoteMostRequest;
+        const std::optional<std::string> key = trelis::ParseRemoteRequest(peer.request);
+        if (!key) return false;
+        peer.reply = ReplyTo(*key);
+    }
+    const ssize_t count = send(descriptor, peer.reply.data(), peer.reply.size(), MSG_NOSIGNAL);
+    if (count < 0) return WouldBlock();
+    peer.reply.erase(0, static_cast<std::size_t>(count));
+    return !peer.reply.empty();
+}
+
+void StoreServer::Serve() {
+    for (;;) {
+        try {
+            if (!Round()) return;
+        } catch (const std::exception&) {
+            peers_.clear();  // memory ran out: the strangers go first
+        }
+    }
+}
+
+// One wait and what it brings. False at the end.
+bool StoreServer::Round() {
+    std::vector<pollfd> entries;
+    Follow();
+    const bool accepting = listener_ && !held_ && peers_.size() < kMostPeers;
+    held_ = false;
+    entries.push_back({wake_.Descriptor(), POLLIN, 0});
+    entries.push_back({accepting ? listener_.Descriptor() : -1, POLLIN, 0});
+    auto wait = std::chrono::duration_cast<Clock::duration>(kLookInterval);
+    for (const Peer& peer : peers_) {
+        entries.push_back({peer.socket.Descriptor(),
+                           static_cast<short>(peer.reply.empty() ? POLLIN : POLLOUT), 0});
+        wait = std::min(wait, peer.end - Clock::now());
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
+    poll(entries.data(), entries.size(), static_cast<int>(std::max<long long>(left, 0)));
+    if (entries[0].revents != 0) return false;
+    auto entry = entries.begin() + 2;
+    for (auto peer = peers_.begin(); peer != peers_.end(); ++entry) {
+        const bool inTime = Clock::now() < peer->end;
+        const bool stays = inTime && (entry->revents == 0 || Advance(*peer));
+        peer = stays ? std::next(peer) : peers_.erase(peer);
+    }
+    if (entries[1].revents != 0) Accept();
+    return true;
+}

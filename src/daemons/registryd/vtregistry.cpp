@@ -1,0 +1,212 @@
+// The store's tool: reads, changes, lists and follows the configuration. With one of the options of
+// a service, or started by a service manager, it is the service VTREGISTRY.
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "daemons/frame/daemon.h"
+#include "daemons/frame/keys.h"
+#include "daemons/registryd/any_bytes.h"
+#include "daemons/registryd/store_server.h"
+#include "ntservice/ntservice.h"
+#include "platform/console.h"
+#include "platform/file.h"
+#include "platform/home.h"
+#include "platform/sync.h"
+#include "trelis/admin.h"
+#include "trelis/trelis.h"
+
+namespace {
+
+constexpr int kExitMissing = 1;
+constexpr int kExitUsage = 2;
+constexpr int kValueSize = 1 << 20;
+
+using Arguments = std::vector<std::string>;
+
+int Missing(const std::string& key) {
+    std::cerr << "vtregistry: no such key: " << key << '\n';
+    return kExitMissing;
+}
+
+int Failed(const std::string& what) {
+    std::cerr << "vtregistry: " << what << '\n';
+    return kExitMissing;
+}
+
+int Get(const Arguments& arguments) {
+    std::vector<char> value(kValueSize);
+    if (TrelisGetValue(kLocalStore, arguments[0].c_str(), value.data(), kValueSize) != 0)
+        return Missing(arguments[0]);
+    std::cout << value.data() << '\n';
+    return 0;
+}
+
+int Set(const Arguments& arguments) {
+    return TrelisSetValue(kLocalStore, arguments[0].c_str(), arguments[1].c_str()) == 0
+               ? 0
+               : Failed("can't set " + arguments[0]);
+}
+
+int Del(const Arguments& arguments) {
+    return TrelisDelKey(kLocalStore, arguments[0].c_str()) == 0
+               ? 0
+               : Failed("can't delete " + arguments[0]);
+}
+
+int List(const Arguments& arguments) {
+    const auto names = trelis::ListChildren(arguments[0]);
+    if (!names) return Missing(arguments[0]);
+    for (const std::string& name : *names) std::cout << name << '\n';
+    return 0;
+}
+
+int Dump(const Arguments& arguments) {
+    const std::string key = arguments.empty() ? "/" : arguments[0];
+    const auto values = trelis::DumpTree(key);
+    if (!values) return Missing(key);
+    nlohmann::json object = nlohmann::json::object();
+    for (const auto& [path, value] : *values) object[AsJsonKey(path)] = AsJson(value);
+    std::cout << object.dump(2) << '\n';
+    return 0;
+}
+
+int Load(const Arguments& arguments) {
+    std::ifstream file;
+    if (!arguments.empty()) {
+        file.open(arguments[0], std::ios::binary);
+        if (!file) return Failed("can't read " + arguments[0]);
+    }
+    std::istream& input = arguments.empty() ? std::cin : file;
+    const std::string text((std::istreambuf_iterator<char>(input)),
+                           std::istreambuf_iterator<char>());
+    const nlohmann::json object = nlohmann::json::parse(text, nullptr, false);
+    if (!object.is_object()) return Failed("not a JSON object");
+    trelis::Values values;
+    for (const auto& [key, json] : object.items()) {
+        const auto path = FromJsonKey(key);
+        const auto value = FromJson(json);
+        if (!path || !value) return Failed("not a text: " + key);
+        values.emplace_back(*path, *value);
+    }
+    return trelis::LoadValues(values) ? 0 : Failed("can't load; nothing was changed");
+}
+
+BOOL EndWatch(DWORD) { platform::ExitNow(0); }
+
+int WatchKey(const Arguments& arguments) {
+    const std::string& key = arguments[0];
+    const std::string below = key == "/" ? key : key + '/';
+    SetConsoleCtrlHandler(EndWatch, TRUE);
+    const bool following = trelis::FollowChanges([&](const std::string& path) {
+        // A deletion above the key, or changes too many to tell one by one, concern it too.
+        const bool above = path == "/" || below.compare(0, path.size() + 1, path + '/') == 0;
+        if (path == key || above || path.compare(0, below.size(), below) == 0)
+            std::cout << path << std::endl;
+    });
+    if (!following) return Failed("can't watch " + key);
+    const UniqueHandle never(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    WaitForSingleObject(never.Get(), INFINITE);
+    return 0;
+}
+
+// Local programs open the store themselves and need no service for that; it answers the reads of
+// other hosts, where that is switched on.
+class StoreService final : public CNTService {
+  public:
+    StoreService()
+        : CNTService("VTREGISTRY"), stopEvent_(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
+        displayName = "Vantrel Configuration Store";
+        description = "Keeps the configuration of the Vantrel programs";
+        acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
+    }
+    void Run(int, char**) override {
+        ReportStatus(SERVICE_START_PENDING, 3000, 0);
+        if (!lock_.Take(serviceName.c_str()) || TrelisInit2() != 0) {
+            std::cerr << "VTREGISTRY: "
+                      << (platform::HomeError().empty()
+                              ? "can't open the store, or already running in this directory"
+                              : platform::HomeError())
+                      << '\n';
+            return;
+        }
+        if (!server_.Start()) std::cerr << "VTREGISTRY: can't serve other hosts\n";
+        ReportStatus(SERVICE_RUNNING, 3000, 0);
+        WaitForSingleObject(stopEvent_.Get(), INFINITE);
+        server_.Stop();
+        TrelisUninit();
+    }
+    void Stop() override {
+        ReportStatus(SERVICE_STOP_PENDING, 10000, 0);
+        SetEvent(stopEvent_.Get());
+    }
+    void Shutdown() override { Stop(); }
+    int RegisterDefaults() override { return WriteDaemonKeys(Keys(), displayName); }
+    int UnregisterDefaults() override { return DeleteDaemonKeys(Keys()); }
+
+  private:
+    static DaemonKeys Keys() {
+        return {"/VTWIN/Daemons/StoreDaemon",
+                "/VTWIN/Versions/VTREGISTRY",
+                {{"RemoteReads", "N"}, {"Address", ""}, {"Port", "8485"}}};
+    }
+
+    UniqueHandle stopEvent_;
+    platform::InstanceLock lock_;
+    StoreServer server_;
+};
+
+bool IsServiceOption(const std::string& word) {
+    static constexpr const char* kWords[] = {"install", "uninstall", "start",     "stop",
+                                             "debug",   "register",  "unregister"};
+    return std::find(std::begin(kWords), std::end(kWords), word) != std::end(kWords);
+}
+
+struct Command {
+    const char* word;
+    std::size_t least;
+    std::size_t most;
+    int (*run)(const Arguments&);
+};
+constexpr Command kCommands[] = {
+    {"get", 1, 1, Get},   {"set", 2, 2, Set},   {"del", 1, 1, Del},        {"list", 1, 1, List},
+    {"dump", 0, 1, Dump}, {"load", 0, 1, Load}, {"watch", 1, 1, WatchKey},
+};
+
+int Usage() {
+    std::cerr << "usage: vtregistry get KEY | set KEY VALUE | del KEY | list KEY | dump [KEY] | "
+                 "load [FILE] | watch KEY\n"
+                 "       vtregistry install | uninstall | start | stop | debug | register | "
+                 "unregister\n"
+                 "Keys are absolute paths, such as /VTWIN/Agents/VTSMTPProxy.\n";
+    return kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Arguments words(argv + 1, argv + argc);
+    if (words.empty() ? platform::StartedByServiceManager() : IsServiceOption(words[0])) {
+        StoreService service;
+        return RunDaemon(service, argc, argv);
+    }
+    platform::HoldSignals();
+    if (words.empty() || words[0] != "watch") platform::ReleaseSignals();
+    for (const Command& command : kCommands) {
+        if (words.empty() || words[0] != command.word) continue;
+        const Arguments arguments(words.begin() + 1, words.end());
+        if (arguments.size() < command.least || arguments.size() > command.most) return Usage();
+        if (TrelisInit2() != 0)
+            return Failed(platform::HomeError().empty() ? "can't open the store"
+                                                        : platform::HomeError());
+        const int code = command.run(arguments);
+        TrelisUninit();
+        return code;
+    }
+    return Usage();
+}

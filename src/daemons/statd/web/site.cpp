@@ -1,0 +1,118 @@
+#include "daemons/statd/web/site.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "daemons/statd/report/form.h"
+#include "daemons/statd/report/format.h"
+#include "daemons/statd/store/text.h"
+#include "daemons/statd/web/page.h"
+
+namespace stats {
+namespace {
+
+constexpr char kPlain[] = "text/plain; charset=utf-8";
+constexpr char kHtml[] = "text/html; charset=utf-8";
+
+struct Path {
+    const char* path;
+    const char* methods;  // as the Allow header has them
+};
+constexpr Path kPaths[] = {{"/", "GET, POST"}, {"/live", "GET"}};
+
+HttpResponse Plain(unsigned status, const std::string& text) {
+    return {status, kPlain, text + '\n', {}};
+}
+
+HttpResponse Unreadable() { return Plain(500, "The statistics can't be read."); }
+
+bool IsForm(const std::string& contentType) {
+    std::string type = contentType.substr(0, contentType.find(';'));
+    while (!type.empty() && type.back() == ' ') type.pop_back();
+    std::transform(type.begin(), type.end(), type.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return type == "application/x-www-form-urlencoded";
+}
+
+// A page may use what it brings itself, and ask this server alone.
+HttpResponse Document(std::string html, const std::string& nonce) {
+    return {200,
+            kHtml,
+            std::move(html),
+            {{"Content-Security-Policy",
+              "default-src 'none'; style-src 'nonce-" + nonce + "'; script-src 'nonce-" + nonce +
+                  "'; connect-src 'self'; form-action 'self'; base-uri 'none'; "
+                  "frame-ancestors 'none'"},
+             {"Referrer-Policy", "no-referrer"}}};
+}
+
+HttpResponse Written(const ReportRequest& asked, const Report& report) {
+    switch (asked.format) {
+        case ReportFormat::kHtml: {
+            const std::string nonce = RandomHex(16);
+            return Document(FormatHtml(report, nonce), nonce);
+        }
+        case ReportFormat::kCsv:
+            return {200,
+                    "text/csv; charset=utf-8",
+                    FormatCsv(report),
+                    {{"Content-Disposition", "attachment; filename=\"statistics.csv\""}}};
+        case ReportFormat::kTables:
+            return {200, kPlain, FormatTables(report), {}};
+        case ReportFormat::kText:
+            break;
+    }
+    return {200, kPlain, FormatText(report), {}};
+}
+
+}  // namespace
+
+std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
+    const Path* const path =
+        std::find_if(std::begin(kPaths), std::end(kPaths),
+                     [&](const Path& each) { return request.path == each.path; });
+    if (path == std::end(kPaths)) return Plain(404, "There is nothing here.");
+    const bool known = request.method == "GET" || request.method == "POST";
+    if (!known || std::string_view(path->methods).find(request.method) == std::string_view::npos) {
+        HttpResponse response = Plain(405, "Not in this way.");
+        response.headers.emplace_back("Allow", path->methods);
+        return response;
+    }
+    const Accounts::Verdict verdict = accounts_.Check(request.authorization, request.clientAddress);
+    if (verdict == Accounts::Verdict::kGood) return std::nullopt;
+    if (verdict == Accounts::Verdict::kBusy) {
+        HttpResponse response = Plain(503, "Too many at a time; try again.");
+        response.headers.emplace_back("Retry-After", "2");
+        return response;
+    }
+    HttpResponse response = Plain(401, "An account is needed (vtstatd passwd NAME makes one).");
+    response.headers.emplace_back("WWW-Authenticate",
+                                  "Basic realm=\"Vantrel Statistics\", charset=\"UTF-8\"");
+    return response;
+}
+
+HttpResponse HttpSite::Answer(const HttpRequest& request) {
+    if (request.method == "POST") return MakeReport(request);
+    return request.path == "/live" ? Live() : Page();
+}
+
+HttpResponse HttpSite::Page() {
+    const std::string nonce = RandomHex(16);
+    auto page = OverviewPage(reader_, recorder_.Live(), Now(), nonce);
+    return page ? Document(std::move(*page), nonce) : Unreadable();
+}
+
+HttpResponse HttpSite::Live() { return {200, "application/json", LiveJson(recorder_.Live()), {}}; }
+
+HttpResponse HttpSite::MakeReport(const HttpRequest& request) {
+    if (!IsForm(request.contentType))
+        return Plain(400, "The type must be application/x-www-form-urlencoded.");
+    std::string why;
+    const auto asked = ParseReportForm(request.body, DayOf(Now()), why);
+    if (!asked) return Plain(400, why);
+    Report report;
+    if (!reader_.Read(asked->firstDay, asked->lastDay, kReportNames, report)) return Unreadable();
+    return Written(*asked, report);
+}
+
+}  // namespace stats

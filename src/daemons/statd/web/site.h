@@ -1,0 +1,30 @@
+// What the statistics daemon serves: GET / (the page), GET /live (numbers), POST / (reports).
+#pragma once
+
+#include "daemons/statd/report/query.h"
+#include "daemons/statd/store/recorder.h"
+#include "daemons/statd/web/accounts.h"
+#include "daemons/statd/web/server.h"
+
+namespace stats {
+
+class HttpSite final : public HttpHandler {
+  public:
+    // All outlive it.
+    HttpSite(Recorder& recorder, ReportReader& reader, Accounts& accounts)
+        : recorder_(recorder), reader_(reader), accounts_(accounts) {}
+
+    std::optional<HttpResponse> Judge(const HttpRequest& request) override;
+    HttpResponse Answer(const HttpRequest& request) override;
+
+  private:
+    HttpResponse Page();
+    HttpResponse Live();
+    HttpResponse MakeReport(const HttpRequest& request);
+
+    Recorder& recorder_;
+    ReportReader& reader_;
+    Accounts& accounts_;
+};
+
+}  // namespace stats

@@ -1,0 +1,185 @@
+// The server's side of the dialogue: what its replies mean for the envelope, and what the client
+// sees of them.
+#include <charconv>
+#include <cstdio>
+#include <utility>
+
+#include "asfilters/asfilters.h"
+#include "session/address/normalize.h"
+#include "session/dialogue/dialogue.h"
+#include "session/registry.h"
+
+namespace {
+
+constexpr std::size_t kMostPending = 32768;
+constexpr std::string_view kLastEhloLine = "250 EHLO\r\n";
+constexpr std::string_view kOutOfStep =
+    "421 4.3.0 Server out of step, closing transmission channel\r\n";
+
+bool Continues(std::string_view line) { return line.size() > 3 && line[3] == '-'; }
+
+bool SameWord(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && EqualIgnoringCase(a.data(), b.data(), b.size());
+}
+
+// Extensions that a client can't use here: the proxy reads one command after the other, sees every
+// message itself, and tells the server itself whom it speaks for.
+constexpr std::string_view kNotOffered[] = {"pipelining",  "starttls",       "xclient", "xforward",
+                                            "pipeconnect", "x_pipe_connect", "burl"};
+
+bool IsOffered(std::string_view keyword) {
+    for (const std::string_view each : kNotOffered) {
+        if (SameWord(keyword, each)) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+// Reads one reply of the server and gives it to the client, in one piece. False ends the session.
+bool Dialogue::RelayReply() {
+    firstLine_ = true;
+    harvestAsked_ = authAnswer_ = false;
+    bool swallow = false;  // the client has its one line: the rest is only read
+    std::string pending;
+    ServerLink::ReplyReader reader(peers_.server);
+    for (std::string_view line; reader.Next(line);) {
+        reply_ = line;
+        NoteLine();
+        if (swallow) continue;
+        if (GuardAgainstHarvesting()) return peers_.client.Send(pending + reply_);
+        const Line outcome = RewriteLine();
+        if (outcome != Line::kDrop) pending += reply_;
+        swallow = outcome == Line::kWholeReply;
+        if (pending.size() < kMostPending) continue;
+        if (!peers_.client.Send(pending)) return false;
+        pending.clear();
+    }
+    // Also what came of a reply that never ended.
+    return peers_.client.Send(pending) && !reader.Failed();
+}
+
+// What the reply means for what comes next, whatever the client sees of it.
+void Dialogue::NoteLine() {
+    authAnswer_ = reply_.starts_with("334");
+    // Whatever it says, the client has said its last word; and a server that answers 421 closes.
+    if (inFlight_ == CMD_QUIT || reply_.starts_with("421")) closing_ = true;
+    if (inFlight_ == CMD_STARTTLS && reply_.starts_with("220")) startedTls_ = true;
+    if (!reply_.starts_with("354") || Continues(reply_)) return;
+    // It takes what follows for a message, which would pass unscanned.
+    closing_ = true;
+    reply_ = kOutOfStep;
+}
+
+// True if the client is a harvester: the reply in hand is the last one that it gets.
+bool Dialogue::GuardAgainstHarvesting() {
+    if (!reply_.starts_with("550") || filters_ == nullptr || inFlight_ != CMD_RCPT) return false;
+    // One refusal counts once, however many lines it has.
+    if (std::exchange(harvestAsked_, true)) return false;
+    const SessionRegistry::Delay delay;
+    for (const std::string& domain : peers_.settings.mailDomains) {
+        const int result = filters_->CheckRecipient(recipientText_.c_str(), domain.c_str(),
+                                                    denyText_.data(), kTextSize);
+        if (result == 3) return false;
+        if (result != 2) continue;
+        peers_.SendStatEvent(82, senderText_.c_str(), recipientText_.c_str());
+        reply_ = denyText_.data();
+        closing_ = true;
+        return true;
+    }
+    return false;
+}
+
+void Dialogue::SetReply(std::string_view format) {
+    // The formats are our own, with one %s for the name.
+    reply_ = format;
+    reply_.replace(reply_.find("%s"), 2, peers_.settings.greetingName);
+}
+
+Dialogue::Line Dialogue::RewriteLine() {
+    if (!reply_.starts_with('2')) return Line::kPass;
+    if (reply_.starts_with("220")) {
+        SetReply("220 %s ESMTP Vantrel Proxy\r\n");
+        return Line::kWholeReply;
+    }
+    if (reply_.starts_with("221")) {
+        closing_ = true;
+        SetReply("221 %s ESMTP Vantrel Proxy closing connection\r\n");
+        return Line::kWholeReply;
+    }
+    if (!reply_.starts_with("250")) return Line::kPass;
+    if (inFlight_ == CMD_EHLO) return FilterEhloLine();
+    if (inFlight_ == CMD_HELO) {
+        SetReply("250 %s ESMTP Vantrel Proxy, pleased to meet you\r\n");
+        envelope_.Clear();
+        return Line::kWholeReply;
+    }
+    // A reply of several lines confirms once.
+    if (!Continues(reply_)) Confirm();
+    return Line::kPass;
+}
+
+// The server has accepted the command.
+void Dialogue::Confirm() {
+    switch (inFlight_) {
+        case CMD_MAIL:
+        case CMD_SOML:
+        case CMD_SAML:
+            AcceptSender();
+            break;
+        case CMD_RCPT:
+            envelope_.AcceptRecipient(recipientText_);
+            break;
+        case CMD_RSET:
+            envelope_.Clear();
+            break;
+        default:
+            break;
+    }
+}
+
+void Dialogue::AcceptSender() {
+    std::string words = line_;
+    for (char& each : words) {
+        if (each >= 'A' && each <= 'Z') each = static_cast<char>(each - 'A' + 'a');
+    }
+    StripBlanks(words.data());
+    const bool binary =
+        std::string_view(words.c_str()).find("body=binarymime") != std::string::npos;
+    envelope_.AcceptSender(line_, binary);
+}
+
+Dialogue::Line Dialogue::FilterEhloLine() {
+    if (firstLine_ && Continues(reply_)) {
+        firstLine_ = false;
+        SetReply("250-%s\r\n");
+        envelope_.Clear();
+    }
+    if (chunkingState_ == CHUNKING_UNKNOWN) chunkingState_ = CHUNKING_ABSENT;
+    int number = 0;
+    char separator = '\0';
+    char keyword[32] = "";
+    std::sscanf(reply_.c_str(), "%d%c%31s", &number, &separator, keyword);
+    if (SameWord(keyword, "chunking")) {
+        chunkingState_ = CHUNKING_OFFERED;
+        peers_.server.takesChunks = true;
+    }
+    if (SameWord(keyword, "size")) OfferSize();
+    if (IsOffered(keyword)) return Line::kPass;
+    if (separator != ' ') return Line::kDrop;
+    reply_ = kLastEhloLine;
+    return Line::kPass;
+}
+
+// The server's limit, or ours where that is lower: a message that would be refused at its end need
+// not be sent.
+void Dialogue::OfferSize() {
+    const auto ours = static_cast<unsigned long long>(peers_.settings.maxMessageSize);
+    if (ours == 0) return;
+    const std::size_t digits = reply_.find_first_of("0123456789", 4);
+    unsigned long long theirs = 0;  // none, or no fixed one
+    if (digits != std::string::npos)
+        std::from_chars(reply_.data() + digits, reply_.data() + reply_.size(), theirs);
+    if (theirs != 0 && theirs <= ours) return;
+    reply_ = reply_.substr(0, 4) + "SIZE " + std::to_string(ours) + "\r\n";
+}

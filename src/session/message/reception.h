@@ -1,0 +1,53 @@
+// The reception of a message into its spool file, in the form in which it comes: with the dots that
+// a client puts in front of dots after DATA, as plain bytes in chunks.
+#pragma once
+
+#include <chrono>
+#include <string_view>
+
+#include "session/message/data_scanner.h"
+#include "session/message/spool_file.h"
+#include "session/peers.h"
+
+inline constexpr std::string_view kMessageTooLarge =
+    "552 5.3.4 Message size exceeds fixed limit\r\n";
+
+// What became of a message, or of a chunk.
+enum class Received {
+    kWhole,     // it is in the file, which is closed
+    kTooLarge,  // all of it has been read; the file is gone, and the client waits for its answer
+    kFailed     // the session ends; the file is gone, and the client has had what answer it gets
+};
+
+class Reception {
+  public:
+    Reception(Peers& peers, SpoolFile& spool) : peers_(peers), spool_(spool) {}
+
+    // From the 354 to the end of the message.
+    Received ReceiveData();
+    // One chunk of `size` bytes; `first`: of a message.
+    Received ReceiveChunk(bool first, long long size);
+
+  private:
+    // Why the message in hand can't be stored any more; the rest of it is only read.
+    enum class Refusal { kNone, kDiskFull, kTooLarge };
+
+    void Begin();
+    bool Ended(const DataScanner& scanner, bool moreMayBeThere);
+    void Store(std::string_view bytes);
+    void Refuse(Refusal refusal);
+    bool DrainedEnough() const;
+    // The next bytes of the message: the count, or below 1.
+    int Read(char* block, int size, std::chrono::milliseconds limit);
+    bool IntervalOver() const;
+    Received Finish();
+    Received Abandon();
+    Received AnswerAndEnd();
+
+    Peers& peers_;
+    SpoolFile& spool_;
+    Refusal refusal_ = Refusal::kNone;
+    std::chrono::steady_clock::time_point lastKeepAlive_;
+    Deadline drainUntil_{0U};
+    long long drained_ = 0;
+};

@@ -1,0 +1,177 @@
+#include "session/message/relay.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "logclient/logclient.h"
+#include "platform/resource.h"
+
+namespace {
+
+constexpr int kBlockSize = 32768;
+constexpr std::string_view kRejected = "550 Rejected by Vantrel.\r\n";
+constexpr std::string_view kNotChecked =
+    "451 4.3.0 Message could not be checked, try again later\r\n";
+constexpr std::string_view kEndOfData = "\r\n.\r\n";
+// Room in front of a block for its bdat command.
+constexpr std::size_t kCommandRoom = 32;
+constexpr std::size_t kRelayBuffer = kCommandRoom + kBlockSize + kEndOfData.size();
+constexpr UINT kRedirectRefusedString = 5602;
+
+TextList SplitAddresses(const std::string& text) {
+    TextList pieces;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find_first_of(";,", at), text.size());
+        if (end > at) pieces.emplace_back(text, at, end - at);
+        at = end + 1;
+    }
+    return pieces;
+}
+
+}  // namespace
+
+int MessageRelay::Run(int* expectReply) {
+    std::string redirectAddresses;
+    verdict_ = ScanMessage(peers_, envelope_, spool_, redirectAddresses);
+    redirects_ = SplitAddresses(redirectAddresses);
+    bool goOn = false;
+    if (verdict_ == VERDICT_FAILED) {
+        goOn = AnswerFailedScan(expectReply);
+    } else {
+        file_ = platform::File::OpenRead(spool_.Path().c_str());
+        const bool gone = !file_ && errno == ENOENT;
+        remaining_ = file_ ? file_.Size() : -1;
+        // Gone after the scan: the daemon has taken the message away, and the reply to the RSET is
+        // the client's. A file that is there and can't be read must not be called accepted.
+        if (gone) {
+            goOn = peers_.server.Send("RSET\r\n");
+        } else {
+            goOn = remaining_ < 0 ? AnswerFailedScan(expectReply) : Deliver(expectReply);
+        }
+    }
+    file_.Close();
+    spool_.Remove();
+    return goOn ? 1 : 0;
+}
+
+// Nothing may be delivered unscanned, and nothing may be lost: the client keeps the message and is
+// told to come back.
+bool MessageRelay::AnswerFailedScan(int* expectReply) {
+    *expectReply = 0;
+    // A server that didn't answer a NOOP in time may do so yet: its replies would be one behind
+    // from now on, and one recipient's pass for another's.
+    return !peers_.lost && peers_.AnswerInsteadOfServer(kNotChecked);
+}
+
+bool MessageRelay::Deliver(int* expectReply) {
+    const bool refused = verdict_ == VERDICT_REJECT || verdict_ == VERDICT_DROP;
+    if (refused) {
+        FreeTextList(envelope_.recipients);
+        if (!peers_.server.Send("RSET\r\n")) return false;
+    }
+    if (refused && !redirects_.empty() && !OpenFreshEnvelope()) return false;
+    if (!refusal_.empty()) return AnswerRefusal(expectReply);
+    if (!AddRedirects() || peers_.client.HasException()) return false;
+    if ((!refused || !redirects_.empty()) && !SendMessage()) return false;
+    if (!refusal_.empty()) return AnswerRefusal(expectReply);
+    if (verdict_ != VERDICT_REJECT) return true;
+    *expectReply = 0;
+    return peers_.server.ReadReply(reply_) && peers_.client.Send(kRejected);
+}
+
+// The server takes no message from this client, or not this one: that is the client's answer, and
+// the session goes on, unless the server has said that it closes.
+bool MessageRelay::AnswerRefusal(int* expectReply) {
+    *expectReply = 0;
+    if (!refusal_.starts_with("421")) return peers_.AnswerInsteadOfServer(refusal_);
+    peers_.client.Send(refusal_);  // the session ends either way
+    return false;
+}
+
+// False ends the session; refusal_ says if it is the sender that the server doesn't want any more.
+bool MessageRelay::OpenFreshEnvelope() {
+    if (!peers_.server.ReadReply(reply_) || !envelope_.savedMailLine.has_value()) return false;
+    if (!peers_.server.Ask(*envelope_.savedMailLine, reply_)) return false;
+    if (reply_.Refuses()) refusal_ = reply_.text;
+    return true;
+}
+
+bool MessageRelay::AddRedirects() {
+    for (const std::string& address : redirects_) {
+        if (!peers_.server.Ask("RCPT TO: " + address + "\r\n", reply_)) return false;
+        if (reply_.Refuses()) TellRefusedRedirect(address);
+    }
+    return true;
+}
+
+void MessageRelay::TellRefusedRedirect(const std::string& address) const {
+    char format[128];
+    LoadStringA(nullptr, kRedirectRefusedString, format, sizeof format);
+    // The text is our own format with one %s; the address only fills it.
+    std::string message(format);
+    if (const std::size_t at = message.find("%s"); at != std::string::npos)
+        message.replace(at, 2, address);
+    // Lost if the logger is down: the message is not held up for it.
+    LogClientPost(kEventWarning, nullptr, nullptr, nullptr, peers_.settings.forwardHost.c_str(),
+                  nullptr, message.c_str());
+}
+
+bool MessageRelay::SendMessage() {
+    if (envelope_.messagePhase == PHASE_BDAT) return SendAsChunks();
+    if (!peers_.server.Ask("DATA\r\n", reply_)) return false;
+    if (reply_.Is("354")) return SendAsData();
+    if (reply_.Refuses()) refusal_ = reply_.text;
+    return !refusal_.empty();
+}
+
+bool MessageRelay::SendAsData() {
+    const auto buffer = std::make_unique_for_overwrite<char[]>(kRelayBuffer);
+    for (;;) {
+        const long long count = remaining_ > 0 ? file_.Read(buffer.get(), kBlockSize) : 0;
+        if (count < 0 || peers_.client.HasException()) return false;
+        remaining_ -= count;
+        auto length = static_cast<std::size_t>(count);
+        // The end goes out with the last block: one segment less for each small message.
+        const bool last = remaining_ <= 0 || count == 0;
+        if (last) length += kEndOfData.copy(buffer.get() + length, kEndOfData.size());
+        if (!peers_.server.Send({buffer.get(), length})) return false;
+        if (last) return true;
+    }
+}
+
+// Each chunk's command goes out with its block in one piece.
+bool MessageRelay::SendAsChunks() {
+    // A server that knows no BDAT would take the message's lines for commands, and could be given
+    // another message among them. Where it hasn't said that it knows it, an empty chunk asks.
+    if (!peers_.server.takesChunks) {
+        if (!peers_.server.Ask("bdat 0  \r\n", reply_)) return false;
+        if (reply_.Refuses()) {
+            refusal_ = reply_.text;
+            return true;
+        }
+    }
+    const auto buffer = std::make_unique_for_overwrite<char[]>(kRelayBuffer);
+    char* const block = buffer.get() + kCommandRoom;
+    for (;;) {
+        const long long count = remaining_ > 0 ? file_.Read(block, kBlockSize) : 0;
+        if (count < 0 || peers_.client.HasException()) return false;
+        remaining_ -= count;
+        const bool last = remaining_ <= 0 || count == 0;
+        char line[kCommandRoom];
+        const int length = std::snprintf(line, sizeof line, "bdat %d %s \r\n",
+                                         static_cast<int>(count), last ? "last" : "");
+        std::memcpy(block - length, line, static_cast<std::size_t>(length));
+        if (!peers_.server.Send({block - length, static_cast<std::size_t>(length + count)}))
+            return false;
+        if (last) return true;  // its reply is the answer to the message
+        // Each chunk has a reply of its own; left unread, all later replies would be out of step.
+        if (!peers_.server.ReadReply(reply_)) return false;
+        if (!reply_.Refuses()) continue;
+        // A message that was refused anyway keeps the reason that its client has to hear.
+        refusal_ = verdict_ == VERDICT_REJECT ? std::string(kRejected) : reply_.text;
+        return true;
+    }
+}

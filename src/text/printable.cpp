@@ -1,0 +1,17 @@
+#include "text/printable.h"
+
+std::size_t PrintableLength(std::string_view text) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char first = byte(0);
+    if (first < 0x80) return first >= 0x20 && first != 0x7F ? 1 : 0;
+    const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    if (first < 0xC2 || first > 0xF4 || text.size() < length) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0U) != 0x80U) return 0;
+    }
+    // Forms longer than needed, surrogates, and what lies behind the last code point.
+    if ((first == 0xE0 && byte(1) < 0xA0) || (first == 0xED && byte(1) > 0x9F) ||
+        (first == 0xF0 && byte(1) < 0x90) || (first == 0xF4 && byte(1) > 0x8F))
+        return 0;
+    return first == 0xC2 && byte(1) < 0xA0 ? 0 : length;  // the upper controls
+}

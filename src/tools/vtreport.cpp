@@ -1,0 +1,329 @@
+// The reports of the statistics daemon for a person: tables in the terminal, or a file in the
+// current directory. It asks over HTTP, as any reader of reports does, so the server may be another
+// host.
+#include <fcntl.h>
+#include <getopt.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "libstats/httpclient.h"
+#include "libstats/libstats.h"
+#include "net/socket.h"
+#include "platform/commandline.h"
+#include "platform/console.h"
+#include "platform/home.h"
+#include "text/printable.h"
+
+namespace {
+
+constexpr int kExitFine = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+// What the reader is known by; the server's answer doesn't depend on them.
+constexpr int kRequestId = 1;
+constexpr int kAgentId = 4;
+// The days of the query count, not a period that the server works out.
+constexpr int kNoPeriod = 0;
+constexpr int kDefaultDays = 30;
+
+constexpr char kLocalAddress[] = "127.0.0.1";
+constexpr char kUserVariable[] = "VANTREL_REPORT_USER";
+constexpr char kPasswordVariable[] = "VANTREL_REPORT_PASSWORD";
+// Made by the statistics daemon for its own user: "user:password".
+constexpr char kTokenFile[] = "report.token";
+
+constexpr char kUsage[] =
+    "usage: vtreport [--host HOST] [--format html|txt|csv] [--from DAY] [--to DAY]\n"
+    "Prints the statistics as tables, or with --format makes a report file in the current\n"
+    "directory and prints its path. HOST is 127.0.0.1 if not given. Days are YYYY-MM-DD, UTC,\n"
+    "both included; without them the last 30 days.\n"
+    "User and password: VANTREL_REPORT_USER and VANTREL_REPORT_PASSWORD, else for 127.0.0.1\n"
+    "the file report.token of the instance, which goes to the instance's own daemon by a\n"
+    "socket in its directory and to nobody else; else asked for in a terminal.\n";
+
+int Fail(const std::string& what) {
+    std::fprintf(stderr, "vtreport: %s\n", what.c_str());
+    return kExitFailed;
+}
+
+int WrongUsage(const std::string& what) {
+    std::fprintf(stderr, "vtreport: %s\n%s", what.c_str(), kUsage);
+    return kExitUsage;
+}
+
+// Days
+
+using Day = std::chrono::sys_days;
+
+std::optional<Day> ParseDay(const std::string& text) {
+    int year = 0;
+    unsigned month = 0;
+    unsigned day = 0;
+    int used = 0;
+    if (text.size() != 10 || text.find_first_not_of("0123456789-") != std::string::npos ||
+        text[4] != '-' || text[7] != '-' ||
+        std::sscanf(text.c_str(), "%4d-%2u-%2u%n", &year, &month, &day, &used) != 3 || used != 10)
+        return std::nullopt;
+    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month),
+                                           std::chrono::day(day)};
+    if (!date.ok()) return std::nullopt;
+    return Day(date);
+}
+
+std::string DayText(Day day) {
+    const std::chrono::year_month_day date(day);
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+    return text;
+}
+
+// Arguments
+
+struct Options {
+    std::string host = kLocalAddress;
+    int format = 0;  // 0: tables; else as ReportQuery takes it
+    std::optional<Day> from;
+    std::optional<Day> to;
+};
+
+int ParseFormat(const char* word) {
+    constexpr const char* kFormats[] = {"html", "txt", "csv"};
+    for (int i = 0; i < 3; ++i) {
+        if (std::strcmp(word, kFormats[i]) == 0) return i + 1;
+    }
+    return 0;
+}
+
+constexpr int kHelp = 1;
+
+// Nothing if the program goes on, else its exit code.
+std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
+    constexpr option kOptions[] = {
+        {"host", required_argument, nullptr, 'h'}, {"format", required_argument, nullptr, 'F'},
+        {"from", required_argument, nullptr, 'f'}, {"to", required_argument, nullptr, 't'},
+        {"help", no_argument, nullptr, kHelp},     {nullptr, 0, nullptr, 0}};
+    opterr = 0;
+    for (;;) {
+        const char* word = optind < argc ? argv[optind] : "";
+        const int found = getopt_long(argc, argv, "", kOptions, nullptr);
+        if (found == -1) break;
+        switch (found) {
+            case 'h':
+                options.host = optarg;
+                break;
+            case 'F':
+                options.format = ParseFormat(optarg);
+                if (options.format == 0)
+                    return WrongUsage(std::string("no such format: ") + optarg);
+                break;
+            case 'f':
+            case 't': {
+                const std::optional<Day> day = ParseDay(optarg);
+                if (!day) return WrongUsage(std::string("no day as YYYY-MM-DD: ") + optarg);
+                (found == 'f' ? options.from : options.to) = day;
+                break;
+            }
+            case kHelp:
+                std::fputs(kUsage, stdout);
+                return kExitFine;
+            default:
+                return WrongUsage(std::string("unknown option, or its value is missing: ") + word);
+        }
+    }
+    if (optind < argc) return WrongUsage(std::string("unexpected: ") + argv[optind]);
+    if (!options.to)
+        options.to = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());
+    if (!options.from) options.from = *options.to - std::chrono::days(kDefaultDays - 1);
+    if (*options.from > *options.to) return WrongUsage("--from lies behind --to");
+    return std::nullopt;
+}
+
+// Credentials
+
+struct Credentials {
+    std::string user;
+    std::string password;
+    bool owners = false;  // this instance's token, for its own daemon alone
+};
+
+std::optional<Credentials> FromTokenFile() {
+    std::ifstream file(platform::HomePath(kTokenFile));
+    std::string line;
+    if (!std::getline(file, line)) return std::nullopt;
+    const std::size_t colon = line.find(':');
+    if (colon == std::string::npos) return std::nullopt;
+    return Credentials{line.substr(0, colon), line.substr(colon + 1), true};
+}
+
+std::optional<std::string> AskFor(int terminal, const char* prompt, bool echo) {
+    const auto say = [terminal](const char* text) {
+        [[maybe_unused]] const ssize_t done = write(terminal, text, std::strlen(text));
+    };
+    std::optional<platform::QuietTerminal> quiet;
+    if (!echo) quiet.emplace(terminal);
+    say(prompt);  // only now: a fast answer would be shown, and thrown away
+    char line[1024];
+    const ssize_t count = read(terminal, line, sizeof line);
+    quiet.reset();
+    if (!echo) say("\n");
+    if (count <= 0 || line[count - 1] != '\n') return std::nullopt;
+    return std::string(line, static_cast<std::size_t>(count) - 1);
+}
+
+std::optional<Credentials> FromTerminal() {
+    const int terminal = open("/dev/tty", O_RDWR | O_CLOEXEC);
+    if (terminal < 0) return std::nullopt;
+    const std::optional<std::string> user = AskFor(terminal, "User: ", true);
+    const std::optional<std::string> password =
+        user ? AskFor(terminal, "Password: ", false) : std::nullopt;
+    close(terminal);
+    if (!password) return std::nullopt;
+    return Credentials{*user, *password, false};
+}
+
+// Without any the server is asked all the same: whether it wants some is its affair.
+Credentials FindCredentials(const std::string& address) {
+    const char* user = std::getenv(kUserVariable);
+    const char* password = std::getenv(kPasswordVariable);
+    if (user != nullptr && password != nullptr) return Credentials{user, password, false};
+    std::optional<Credentials> found;
+    if (address == kLocalAddress) found = FromTokenFile();
+    if (!found) found = FromTerminal();
+    return found.value_or(Credentials{});
+}
+
+// Output
+
+// How wide a text stands in the terminal: characters, not bytes.
+std::size_t Width(const std::string& text) {
+    std::size_t width = 0;
+    for (const char each : text) width += (static_cast<unsigned char>(each) & 0xC0) != 0x80 ? 1 : 0;
+    return width;
+}
+
+// What comes from elsewhere must not steer the terminal.
+std::string Harmless(std::string_view text) {
+    std::string out;
+    while (!text.empty()) {
+        const std::size_t length = PrintableLength(text);
+        out += length == 0 ? "?" : text.substr(0, length);
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return out;
+}
+
+void PrintTable(ReportTable table) {
+    std::vector<std::size_t> widths;
+    for (ReportRow& row : table) {
+        if (widths.size() < row.size()) widths.resize(row.size());
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            row[i] = Harmless(row[i]);
+            widths[i] = std::max(widths[i], Width(row[i]));
+        }
+    }
+    for (const ReportRow& row : table) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size()) line.append(widths[i] - Width(row[i]) + 2, ' ');
+        }
+        std::puts(line.c_str());
+    }
+}
+
+int ShowTables(libstats::CLibStats& stats, CHTTPClient* client, const ReportQuery& query,
+               const std::string& failure) {
+    // The tables come by way of a file, which needs a place that a person can write to, and which
+    // stays there where the exchange fails.
+    std::error_code error;
+    std::string place = (std::filesystem::temp_directory_path(error) / "vtreport.XXXXXX").string();
+    if (error || mkdtemp(place.data()) == nullptr)
+        return Fail("can't make a temporary directory, " + place);
+    platform::SetCommandLineArguments({"vtreport", place + "/"});
+    const std::unique_ptr<ReportTables> tables = stats.GetReportTables(client, &query);
+    std::filesystem::remove_all(place, error);
+    if (tables == nullptr) return Fail(failure);
+    bool first = true;
+    for (ReportTable& table : *tables) {
+        if (!first) std::puts("");
+        first = false;
+        PrintTable(std::move(table));
+    }
+    if (first) std::puts("The report is empty.");
+    return std::fflush(stdout) == 0 ? kExitFine : Fail("can't write the tables");
+}
+
+int MakeFile(libstats::CLibStats& stats, CHTTPClient* client, const ReportQuery& query,
+             const std::string& failure) {
+    // Report files go where the second argument points, if it has a separator: here, and not
+    // beside the program, where a person can't write.
+    std::error_code error;
+    const std::filesystem::path here = std::filesystem::current_path(error);
+    if (error) return Fail("the current directory can't be found: " + error.message());
+    platform::SetCommandLineArguments({"vtreport", (here / "").string()});
+    if (access(here.c_str(), W_OK | X_OK) != 0)
+        return Fail("can't write to the current directory, " + here.string());
+    const ReportPath path = stats.GetFormattedReportFile(client, &query);
+    if (path == nullptr) return Fail(failure);
+    std::puts(path.get());
+    return std::fflush(stdout) == 0 ? kExitFine : Fail("can't write the path");
+}
+
+int Report(const Options& options, const std::string& address, const Credentials& credentials) {
+    libstats::CLibStats& stats = *GetLibStats();
+    if (stats.AddServer(address.c_str(), credentials.user.c_str(), credentials.password.c_str()) !=
+        0)
+        return Fail("user and password are too long");
+    CHTTPClient* client = stats.CreateHTTPClient();
+    if (client == nullptr) return Fail("no memory");
+    // Anybody on this host may listen on the port while the daemon is down.
+    if (credentials.owners) client->UseOwnDaemon();
+    ReportQuery query{};
+    std::snprintf(query.Host, sizeof query.Host, "%s", address.c_str());
+    query.RequestId = kRequestId;
+    query.Format = options.format;
+    query.AgentId = kAgentId;
+    query.TimePeriod = kNoPeriod;
+    std::snprintf(query.DateStart, sizeof query.DateStart, "%s", DayText(*options.from).c_str());
+    std::snprintf(query.DateEnd, sizeof query.DateEnd, "%s", DayText(*options.to).c_str());
+    const std::string failure =
+        "no report from " + options.host +
+        ": the statistics daemon doesn't answer there, or it refuses " +
+        (credentials.user.empty()
+             ? std::string("to answer without user and password: set ") + kUserVariable + " and " +
+                   kPasswordVariable + ", or run it in a terminal"
+             : std::string("user and password"));
+    const int code = options.format == 0 ? ShowTables(stats, client, query, failure)
+                                         : MakeFile(stats, client, query, failure);
+    stats.ReleaseHTTPClient(&client);
+    return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (const std::optional<int> code = ParseArguments(argc, argv, options)) return *code;
+    const SocketAddress resolved = ResolveHost(options.host.c_str(), 0);
+    if (resolved.sin_family == 0) return Fail("unknown host: " + options.host);
+    char address[INET_ADDRSTRLEN];
+    if (inet_ntop(AF_INET, &resolved.sin_addr, address, sizeof address) == nullptr)
+        return Fail("unknown host: " + options.host);
+    const Credentials credentials = FindCredentials(address);
+    if (InitLibStats() != 0) return Fail("can't start the statistics client");
+    const int code = Report(options, address, credentials);
+    ReleaseLibStats();
+    return code;
+}

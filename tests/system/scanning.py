@@ -17,7 +17,7 @@ from harness import BIN, Client, MailServer, Proxy, free_port, wait_until
 
 # The standard test pattern for scanners, in two pieces so that this file is none itself.
 EICAR = rb"X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-" + b"ANTIVIRUS-TEST-FILE!" + b"$H+H*"
-DATABASE = os.path.join(os.path.dirname(__file__), "..", "..", "src", "daemons", "data")
+DATABASE = os.path.join(os.path.dirname(__file__), "..", "..", "src", "daemons", "maild", "data")
 KEY = "/VTWIN/Daemons/MailDaemon/"
 REJECTED = b"550 Rejected by Vantrel.\r\n"
 NOT_CHECKED = b"451 4.3.0 Message could not be checked, try again later\r\n"

@@ -5,6 +5,7 @@
 
 #include "session/address/normalize.h"
 #include "session/address/path.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -14,8 +15,7 @@ bool IsOurs(const std::string& reading) {
     const std::size_t at = reading.rfind('@');
     if (at == std::string::npos) return true;
     for (const std::string& domain : kOurs) {
-        if (!domain.empty() && reading.size() - at - 1 == domain.size() &&
-            EqualIgnoringCase(reading.data() + at + 1, domain.data(), domain.size()))
+        if (!domain.empty() && EqualIgnoringCase(reading.substr(at + 1), domain))
             return reading.find_first_of("@%!:") == at;
     }
     return false;

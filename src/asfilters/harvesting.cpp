@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "asfilters/text.h"
+#include "text/ascii.h"
 #include "trelis/buffered.h"
 
 namespace {
@@ -41,7 +42,7 @@ int CDirectoryHarvesting::CheckRecipient(const char* recipient, const char* doma
     auto set = configuration_.Current();
     if (set == nullptr) return 3;
     const char* at = std::strchr(recipient, '@');
-    if (at != nullptr && !asfilters::EqualIgnoringCase(at + 1, domain)) return -1;
+    if (at != nullptr && !EqualIgnoringCase(at + 1, domain)) return -1;
     asfilters::WriteDenyReply(set->sendDenyMessage, set->denyText, denyText, denySize);
     const std::chrono::seconds delay(set->responseTimeout);
     set.reset();

@@ -32,7 +32,7 @@ CSenderBlackList::Set CSenderBlackList::Set::Read() {
     ForEachValue(root + "/WildcardsList",
                  [&set](const char* value) { set.wildcards.emplace_back(value); });
     ForEachValue(root + "/UsersList", [&set](char* value) {
-        asfilters::LowerCase(value);
+        asfilters::MakeLowerCase(value);
         set.users.Add(value);
     });
     set.users.Seal();
@@ -56,7 +56,7 @@ int CSenderBlackList::CheckSender(char* sender, char* denyText, unsigned denySiz
     const auto set = configuration_.Current();
     if (set == nullptr) return 3;
     if (sender == nullptr) return -1;
-    asfilters::LowerCase(sender);
+    asfilters::MakeLowerCase(sender);
     const bool listed = set->Lists(sender);
     asfilters::WriteDenyReply(listed && set->sendDenyMessage, set->denyText, denyText, denySize);
     if (!listed) return 0;

@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstring>
 
+#include "text/ascii.h"
+
 namespace asfilters {
 namespace {
 
@@ -12,16 +14,8 @@ constexpr unsigned kSmallestReply = 6;
 
 }  // namespace
 
-void LowerCase(char* text) {
+void MakeLowerCase(char* text) {
     for (; *text != '\0'; ++text) *text = FoldCase(*text);
-}
-
-bool EqualIgnoringCase(const char* a, const char* b) {
-    while (*a != '\0' && FoldCase(*a) == FoldCase(*b)) {
-        ++a;
-        ++b;
-    }
-    return FoldCase(*a) == FoldCase(*b);
 }
 
 std::uint32_t HashText(const char* text, std::size_t length) {

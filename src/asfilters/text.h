@@ -8,9 +8,8 @@
 
 namespace asfilters {
 
-constexpr char FoldCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
-void LowerCase(char* text);
-bool EqualIgnoringCase(const char* a, const char* b);
+// In place.
+void MakeLowerCase(char* text);
 
 // A 31-bit hash (DEK): from the length, then for each byte a rotation by 5 bits and an exclusive or
 // with the byte, sign-extended.

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "asfilters/text.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -12,8 +13,7 @@ constexpr int kMaxStars = 255;
 
 constexpr std::array<char, 256> MakeFoldTable() {
     std::array<char, 256> table{};
-    for (std::size_t i = 0; i < table.size(); ++i)
-        table[i] = asfilters::FoldCase(static_cast<char>(i));
+    for (std::size_t i = 0; i < table.size(); ++i) table[i] = FoldCase(static_cast<char>(i));
     return table;
 }
 constexpr std::array<char, 256> kFold = MakeFoldTable();

@@ -9,10 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
-#include <thread>
 
 #include "libstats/core.h"
 #include "libstats/servers.h"
+#include "lipc/deliver.h"
 #include "net/socket.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
@@ -20,7 +20,6 @@
 namespace {
 
 constexpr char kEndpointName[] = "VTSTATD";
-constexpr std::chrono::milliseconds kBusyPause{250};
 constexpr WORD kSocketVersion = 0x0202;
 constexpr int kFailed = -1;
 // What a daemon that answers takes at the end; one that hangs holds nobody up for longer.
@@ -83,21 +82,6 @@ int Flatten(const libstats::CStatsRequest& record, OwnedFlatForm& flat) {
     return TagMsgSerialize(message.root, &flat.data, &flat.length);
 }
 
-// What the daemon answers means nothing, only that it has answered.
-int Exchange(LIPCEndpoint* endpoint, const OwnedFlatForm& flat) {
-    LIPCConnection* connection = nullptr;
-    const void* reply = nullptr;
-    std::uint32_t length = 0;
-    int result = LIPC_BUSY;
-    for (;;) {
-        result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &reply, &length, -1);
-        if (result != LIPC_BUSY) break;
-        std::this_thread::sleep_for(kBusyPause);
-    }
-    LIPCRelease(endpoint, connection);  // null if there is none, which it accepts
-    return result == LIPC_OK ? 0 : kFailed;
-}
-
 }  // namespace
 
 LIPCEndpoint* CLibStatsCore::EnterEndpoint() {
@@ -111,7 +95,8 @@ int CLibStatsCore::SendRequest(libstats::CStatsRequest* record) {
     if (const int status = Flatten(*record, flat); status != TAGMSG_OK) return status;
     LIPCEndpoint* endpoint = EnterEndpoint();
     if (endpoint == nullptr) return kFailed;
-    const int result = Exchange(endpoint, flat);
+    const int result =
+        LIPCDeliverWhenFree(endpoint, flat.data, flat.length) == LIPC_OK ? 0 : kFailed;
     LIPCLeave(*endpoint);
     return result;
 }

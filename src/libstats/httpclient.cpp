@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/local_socket.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -15,14 +16,6 @@ constexpr int kFormatSize = 10000;
 constexpr std::size_t kLineSize = 10000;
 // A server that sends headers without end must not fill the memory, nor hold the reader for ever.
 constexpr std::size_t kMostHeaderBytes = std::size_t{256} * 1024;
-
-std::string LowerCase(std::string_view text) {
-    std::string lower(text);
-    for (char& each : lower) {
-        if (each >= 'A' && each <= 'Z') each = static_cast<char>(each - 'A' + 'a');
-    }
-    return lower;
-}
 
 std::string_view StripLineEnd(std::string_view line) {
     for (const char end : {'\n', '\r', '\n', '\r'}) {

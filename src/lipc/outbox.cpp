@@ -4,11 +4,12 @@
 #include <system_error>
 #include <utility>
 
+#include "lipc/deliver.h"
+
 namespace {
 
 // Where nobody answers, asking without a pause would only cost time.
 constexpr std::chrono::milliseconds kPauseAfterFailure{1000};
-constexpr std::chrono::milliseconds kBusyPause{250};
 
 // The daemon has not seen the request.
 bool NeverTaken(int status) { return status == LIPC_NOT_THERE || status == LIPC_BUSY; }
@@ -48,14 +49,7 @@ int LIPCOutbox::Post(const void* data, std::uint32_t length) {
 }
 
 int LIPCOutbox::Send(const Request& request) {
-    LIPCConnection* connection = nullptr;
-    const void* reply = nullptr;
-    std::uint32_t replyLength = 0;
-    const int status =
-        LIPCRequest(endpoint_, &connection, request.data(),
-                    static_cast<std::uint32_t>(request.size()), &reply, &replyLength, -1);
-    if (status == LIPC_OK) LIPCRelease(endpoint_, connection);
-    return status;
+    return LIPCDeliver(endpoint_, request.data(), static_cast<std::uint32_t>(request.size()));
 }
 
 // The request at the head and its reply. Whether the daemon has answered.
@@ -69,7 +63,7 @@ bool LIPCOutbox::SendHead(std::unique_lock<std::mutex>& lock) {
         status = Send(request);
         lock.lock();
         if (!NeverTaken(status) || !open_) break;
-        Pause(lock, status == LIPC_BUSY ? kBusyPause : kPauseAfterFailure);
+        Pause(lock, status == LIPC_BUSY ? kLIPCBusyPause : kPauseAfterFailure);
     }
     if (status == LIPC_OK) return true;
     ++lost_;

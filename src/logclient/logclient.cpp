@@ -11,14 +11,15 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 
+#include "lipc/deliver.h"
 #include "lipc/lipc.h"
 #include "lipc/outbox.h"
 #include "logclient/levels.h"
 #include "platform/clock.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
+#include "text/ascii.h"
 #include "trelis/trelis.h"
 
 namespace {
@@ -31,7 +32,6 @@ constexpr std::uint32_t kOpenLevelBits = 0x700;
 constexpr int kFailed = -1;
 constexpr int kNotBuilt = -13;
 constexpr int kNotWanted = -15;
-constexpr std::chrono::milliseconds kBusyPause{250};
 // What a logger that answers takes at the end; one that hangs holds nobody up for longer.
 constexpr std::chrono::milliseconds kStopLimit{2000};
 constexpr int kArguments = 13;  // by their numbers: 2 to 12
@@ -44,19 +44,13 @@ std::array<std::atomic<std::uint32_t>, std::size(kLogClasses)> g_levels{
     kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh,
     kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh};
 
-bool SameWord(std::string_view a, std::string_view b) {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c; };
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [lower](char x, char y) { return lower(x) == lower(y); });
-}
-
 void ReadLevels(bool createMissing) {
     for (std::size_t i = 0; i < std::size(kLogClasses); ++i) {
         const std::string key = std::string(kLevelsKey) + "/" + kLogClasses[i].name;
         char word[32] = "";
         if (TrelisGetValue(kLocalStore, key.c_str(), word, 31) == 0) {
             for (const LogLevel& level : kLogLevels) {
-                if (SameWord(word, level.word)) g_levels[i] = level.bit;
+                if (EqualIgnoringCase(word, level.word)) g_levels[i] = level.bit;
             }
         } else {
             g_levels[i] = kLevelHigh;
@@ -193,19 +187,6 @@ int AddFields(TagMsgNode* root, const Kind& kind,
     return TAGMSG_OK;
 }
 
-int Deliver(const OwnedFlatForm& flat) {
-    LIPCEndpoint* endpoint = g_endpoint;
-    LIPCConnection* connection = nullptr;
-    const void* reply = nullptr;
-    std::uint32_t replyLength = 0;
-    int result = LIPC_OK;
-    while ((result = LIPCRequest(endpoint, &connection, flat.data, flat.length, &reply,
-                                 &replyLength, -1)) == LIPC_BUSY)
-        std::this_thread::sleep_for(kBusyPause);
-    if (result == LIPC_OK) LIPCRelease(endpoint, connection);
-    return result;
-}
-
 // Whether an event is wanted, by the word's own level or its class's, which is put into the word.
 bool Wanted(std::uint32_t& event) {
     if ((event & kOpenLevelBits) == 0) {
@@ -311,7 +292,7 @@ int LogClientEvent(std::uint32_t event, ...) {
     va_start(list, event);
     const int status = Build(event, list, false, flat);
     va_end(list);
-    return status == TAGMSG_OK ? Deliver(flat) : status;
+    return status == TAGMSG_OK ? LIPCDeliverWhenFree(g_endpoint, flat.data, flat.length) : status;
 }
 
 int LogClientPost(std::uint32_t event, ...) {

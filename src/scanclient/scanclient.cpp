@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "lipc/deliver.h"
 #include "lipc/lipc.h"
 #include "scanclient/reply.h"
 #include "tagmsg/owned.h"
@@ -17,7 +18,6 @@ namespace {
 constexpr char kEndpointName[] = "vtmaild";
 constexpr std::uint32_t kDefaultSliceMs = 5000;
 constexpr std::uint32_t kMaxSliceSeconds = 0x7FFFFFFF / 1000;
-constexpr std::chrono::milliseconds kBusyPause{250};
 constexpr int kFailed = -1;
 
 enum State { kDown, kComingUp, kUp };
@@ -78,7 +78,7 @@ int SendWhenFree(const MailScanRecord& record, const OwnedFlatForm& flat,
         if (result != LIPC_BUSY) return result;
         const Clock::time_point now = Clock::now();
         if (now < end) {
-            std::this_thread::sleep_for(std::min<Clock::duration>(kBusyPause, end - now));
+            std::this_thread::sleep_for(std::min<Clock::duration>(kLIPCBusyPause, end - now));
         } else {
             if (Cancelled(record)) return result;
             end = Clock::now() + slice;

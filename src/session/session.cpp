@@ -5,6 +5,7 @@
 
 #include "asfilters/asfilters.h"
 #include "session/registry.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -33,10 +34,7 @@ DWORD SessionThread(LPVOID argument) {
     return 0;
 }
 
-bool HasLetter(const std::string& text) {
-    return std::any_of(text.begin(), text.end(),
-                       [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); });
-}
+bool HasLetter(const std::string& text) { return std::any_of(text.begin(), text.end(), IsLetter); }
 
 }  // namespace
 

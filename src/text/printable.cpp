@@ -1,5 +1,7 @@
 #include "text/printable.h"
 
+#include <algorithm>
+
 std::size_t PrintableLength(std::string_view text) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char first = byte(0);
@@ -14,4 +16,20 @@ std::size_t PrintableLength(std::string_view text) {
         (first == 0xF0 && byte(1) < 0x90) || (first == 0xF4 && byte(1) > 0x8F))
         return 0;
     return first == 0xC2 && byte(1) < 0xA0 ? 0 : length;  // the upper controls
+}
+
+std::string CleanText(std::string_view text, std::size_t limit) {
+    std::string out;
+    while (!text.empty()) {
+        const std::size_t length = PrintableLength(text);
+        const std::size_t taken = std::max<std::size_t>(length, 1);
+        if (out.size() + taken > limit) break;
+        if (length == 0) {
+            out += '?';
+        } else {
+            out += text.substr(0, length);
+        }
+        text.remove_prefix(taken);
+    }
+    return out;
 }

@@ -2,9 +2,13 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 // Bytes of the printable character at the text's start: well-formed UTF-8 and no control, neither
 // of the lower ones (below 0x20, 0x7F) nor of the upper ones (0x80 to 0x9F, as a byte or in UTF-8).
 // 0: its first byte has to be shown in another way. The text is not empty.
 std::size_t PrintableLength(std::string_view text);
+// The text without control characters and broken UTF-8 ('?' in their place), cut to limit bytes at
+// a character's boundary.
+std::string CleanText(std::string_view text, std::size_t limit = std::string_view::npos);

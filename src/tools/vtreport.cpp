@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,9 +18,11 @@
 #include "libstats/httpclient.h"
 #include "libstats/libstats.h"
 #include "net/socket.h"
+#include "platform/clock.h"
 #include "platform/commandline.h"
 #include "platform/console.h"
 #include "platform/home.h"
+#include "text/day.h"
 #include "text/printable.h"
 
 namespace {
@@ -62,40 +63,13 @@ int WrongUsage(const std::string& what) {
     return kExitUsage;
 }
 
-// Days
-
-using Day = std::chrono::sys_days;
-
-std::optional<Day> ParseDay(const std::string& text) {
-    int year = 0;
-    unsigned month = 0;
-    unsigned day = 0;
-    int used = 0;
-    if (text.size() != 10 || text.find_first_not_of("0123456789-") != std::string::npos ||
-        text[4] != '-' || text[7] != '-' ||
-        std::sscanf(text.c_str(), "%4d-%2u-%2u%n", &year, &month, &day, &used) != 3 || used != 10)
-        return std::nullopt;
-    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month),
-                                           std::chrono::day(day)};
-    if (!date.ok()) return std::nullopt;
-    return Day(date);
-}
-
-std::string DayText(Day day) {
-    const std::chrono::year_month_day date(day);
-    char text[32];
-    std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(date.year()),
-                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
-    return text;
-}
-
 // Arguments
 
 struct Options {
     std::string host = kLocalAddress;
-    int format = 0;  // 0: tables; else as ReportQuery takes it
-    std::optional<Day> from;
-    std::optional<Day> to;
+    int format = 0;                    // 0: tables; else as ReportQuery takes it
+    std::optional<std::int64_t> from;  // as the next, as text/day.h counts
+    std::optional<std::int64_t> to;
 };
 
 int ParseFormat(const char* word) {
@@ -130,7 +104,7 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
                 break;
             case 'f':
             case 't': {
-                const std::optional<Day> day = ParseDay(optarg);
+                const std::optional<std::int64_t> day = ParseDay(optarg);
                 if (!day) return WrongUsage(std::string("no day as YYYY-MM-DD: ") + optarg);
                 (found == 'f' ? options.from : options.to) = day;
                 break;
@@ -143,9 +117,8 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
         }
     }
     if (optind < argc) return WrongUsage(std::string("unexpected: ") + argv[optind]);
-    if (!options.to)
-        options.to = std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now());
-    if (!options.from) options.from = *options.to - std::chrono::days(kDefaultDays - 1);
+    if (!options.to) options.to = DayOf(platform::UtcSeconds());
+    if (!options.from) options.from = *options.to - (kDefaultDays - 1);
     if (*options.from > *options.to) return WrongUsage("--from lies behind --to");
     return std::nullopt;
 }
@@ -213,23 +186,12 @@ std::size_t Width(const std::string& text) {
     return width;
 }
 
-// What comes from elsewhere must not steer the terminal.
-std::string Harmless(std::string_view text) {
-    std::string out;
-    while (!text.empty()) {
-        const std::size_t length = PrintableLength(text);
-        out += length == 0 ? "?" : text.substr(0, length);
-        text.remove_prefix(std::max<std::size_t>(length, 1));
-    }
-    return out;
-}
-
 void PrintTable(ReportTable table) {
     std::vector<std::size_t> widths;
     for (ReportRow& row : table) {
         if (widths.size() < row.size()) widths.resize(row.size());
         for (std::size_t i = 0; i < row.size(); ++i) {
-            row[i] = Harmless(row[i]);
+            row[i] = CleanText(row[i]);  // what comes from elsewhere must not steer the terminal
             widths[i] = std::max(widths[i], Width(row[i]));
         }
     }
@@ -296,8 +258,8 @@ int Report(const Options& options, const std::string& address, const Credentials
     query.Format = options.format;
     query.AgentId = kAgentId;
     query.TimePeriod = kNoPeriod;
-    std::snprintf(query.DateStart, sizeof query.DateStart, "%s", DayText(*options.from).c_str());
-    std::snprintf(query.DateEnd, sizeof query.DateEnd, "%s", DayText(*options.to).c_str());
+    std::snprintf(query.DateStart, sizeof query.DateStart, "%s", FormatDay(*options.from).c_str());
+    std::snprintf(query.DateEnd, sizeof query.DateEnd, "%s", FormatDay(*options.to).c_str());
     const std::string failure =
         "no report from " + options.host +
         ": the statistics daemon doesn't answer there, or it refuses " +

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "platform/file.h"
+#include "text/ascii.h"
 
 namespace trelis {
 namespace {
@@ -23,9 +24,7 @@ constexpr std::size_t kMostHead = kAnswer.size() + sizeof "0 65536\n" - 1;
 
 bool ValidKey(std::string_view key) {
     return !key.empty() && key.size() < kRemoteKeySize && key.front() == '/' &&
-           std::none_of(key.begin(), key.end(), [](char each) {
-               return static_cast<unsigned char>(each) < 0x20 || each == 0x7F;
-           });
+           std::none_of(key.begin(), key.end(), IsControl);
 }
 
 // Waits until the descriptor shows one of the events; false when the time is over.

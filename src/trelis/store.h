@@ -1,8 +1,6 @@
 // Inside trelis/: the store file. One object a process, shared by all holders of TrelisInit2.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -11,6 +9,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "trelis/sqlite.h"
 
 namespace trelis {
 
@@ -23,17 +23,8 @@ bool ValidPath(const std::string& path, bool allowRoot);
 // above it.
 bool Concerns(const std::string& changed, const std::string& watched);
 
-struct CloseDatabase {
-    void operator()(sqlite3* database) const { sqlite3_close_v2(database); }
-};
-struct FinalizeStatement {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Database = std::unique_ptr<sqlite3, CloseDatabase>;
-using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
-
 // Opens the file and makes its tables. Null on failure.
-Database OpenDatabase();
+sqlite::Connection OpenDatabase();
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
@@ -54,16 +45,16 @@ class Store {
     std::int64_t Origin() const { return origin_; }
 
   private:
-    explicit Store(Database database);
-    bool Execute(const char* sql);
-    Statement Prepare(const char* sql);
+    explicit Store(sqlite::Connection database);
+    bool Execute(const char* sql) { return sqlite::Execute(database_.get(), sql); }
+    sqlite::Statement Prepare(const char* sql) { return {database_.get(), sql}; }
     bool SetOne(const std::string& key, const std::string& value);
     bool NoteChange(const std::string& key);
     bool Commit(bool good);
 
     std::mutex mutex_;  // guards all below
-    Database database_;
-    Statement get_;
+    sqlite::Connection database_;
+    sqlite::Statement get_;
     const std::int64_t origin_;
 };
 

@@ -14,18 +14,12 @@ class ChangeReader {
   public:
     explicit ChangeReader(std::int64_t origin) : origin_(origin), database_(OpenDatabase()) {
         if (database_ == nullptr) return;
-        sqlite3_stmt* statement = nullptr;
-        sqlite3_prepare_v2(database_.get(),
-                           "SELECT id, origin, path FROM changes WHERE id > ? ORDER BY id", -1,
-                           &statement, nullptr);
-        newer_.reset(statement);
-        sqlite3_prepare_v2(database_.get(), "SELECT min(id), max(id) FROM changes", -1, &statement,
-                           nullptr);
-        range_.reset(statement);
+        newer_ = {database_.get(), "SELECT id, origin, path FROM changes WHERE id > ? ORDER BY id"};
+        range_ = {database_.get(), "SELECT min(id), max(id) FROM changes"};
         std::int64_t first = 0;
         Range(first, last_);
     }
-    bool Ready() const { return newer_ != nullptr && range_ != nullptr; }
+    bool Ready() const { return newer_ && range_; }
 
     template <typename Use>
     void Look(Use use) {
@@ -37,32 +31,30 @@ class ChangeReader {
             last_ = newest;
             return;
         }
-        sqlite3_bind_int64(newer_.get(), 1, last_);
-        while (sqlite3_step(newer_.get()) == SQLITE_ROW) {
-            last_ = sqlite3_column_int64(newer_.get(), 0);
-            const auto* path = reinterpret_cast<const char*>(sqlite3_column_text(newer_.get(), 2));
-            if (path != nullptr && sqlite3_column_int64(newer_.get(), 1) != origin_)
-                use(std::string(path));
+        newer_.Bind(1, last_);
+        while (newer_.Row()) {
+            last_ = newer_.Number(0);
+            if (newer_.Number(1) != origin_) use(newer_.Text(2));
         }
-        sqlite3_reset(newer_.get());
+        newer_.Reset();
     }
 
   private:
     bool Range(std::int64_t& first, std::int64_t& newest) {
-        if (range_ == nullptr) return false;
-        const bool found = sqlite3_step(range_.get()) == SQLITE_ROW;
+        if (!range_) return false;
+        const bool found = range_.Row();
         if (found) {
-            first = sqlite3_column_int64(range_.get(), 0);
-            newest = sqlite3_column_int64(range_.get(), 1);
+            first = range_.Number(0);
+            newest = range_.Number(1);
         }
-        sqlite3_reset(range_.get());
+        range_.Reset();
         return found;
     }
 
     const std::int64_t origin_;
-    Database database_;
-    Statement newer_;
-    Statement range_;
+    sqlite::Connection database_;
+    sqlite::Statement newer_;
+    sqlite::Statement range_;
     std::int64_t last_ = 0;
 };
 

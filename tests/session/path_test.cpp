@@ -1,4 +1,5 @@
 #include "session/address/path.h"
+#include "text/ascii.h"
 
 #include <gtest/gtest.h>
 
@@ -330,7 +331,7 @@ TEST(Path, NoDisguiseHidesASender) {
     for (const char* text : cases) {
         const MailPath path = ReadPath(std::string(text) + "\r\n");
         const auto isBad = [](const std::string& reading) {
-            return reading.size() == 13 && EqualIgnoringCase(reading.data(), "bad@spam.test", 13);
+            return EqualIgnoringCase(reading, "bad@spam.test");
         };
         EXPECT_TRUE(std::any_of(path.readings.begin(), path.readings.end(), isBad)) << text;
     }

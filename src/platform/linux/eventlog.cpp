@@ -15,6 +15,7 @@
 #include "platform/home.h"
 #include "platform/linux/wait/object.h"
 #include "platform/sync.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -54,10 +55,7 @@ int Priority(WORD type) {
 
 // A record stays one line whatever its texts hold.
 void AppendPrintable(std::string& line, const char* text) {
-    for (; *text != '\0'; ++text) {
-        const auto byte = static_cast<unsigned char>(*text);
-        line += byte < 0x20 || byte == 0x7F ? ' ' : *text;
-    }
+    for (; *text != '\0'; ++text) line += IsControl(*text) ? ' ' : *text;
 }
 
 bool AppendToLog(const std::string& line) {

@@ -3,20 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
+#include "text/ascii.h"
+
 namespace {
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
-char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 bool IsOneOf(char c, const char* set) { return c != '\0' && std::strchr(set, c) != nullptr; }
 
 }  // namespace
-
-bool EqualIgnoringCase(const char* a, const char* b, std::size_t length) {
-    for (std::size_t i = 0; i < length; ++i) {
-        if (Lower(a[i]) != Lower(b[i])) return false;
-    }
-    return true;
-}
 
 void NormalizeCommand(char* text) {
     if (text == nullptr || *text == '\0') return;
@@ -103,7 +97,7 @@ int IsLocalAddress(const std::string& text, const std::vector<std::string>& mail
         length -= 1;
     }
     const auto matches = [&](const std::string& node) {
-        return node.size() == length && EqualIgnoringCase(node.data(), domain, length);
+        return EqualIgnoringCase(node, {domain, length});
     };
     return std::any_of(mailDomains.begin(), mailDomains.end(), matches) ? 1 : 0;
 }

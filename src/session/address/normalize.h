@@ -17,5 +17,3 @@ int NormalizeAddress(const char* source, char* target, int size);
 // Whether every domain that the text (behind the ':' of RCPT TO) names is one of mailDomains. 1, or
 // 0.
 int IsLocalRecipientOf(const char* text, const std::vector<std::string>& mailDomains);
-// Whether two texts are equal without regard to the case of ASCII letters.
-bool EqualIgnoringCase(const char* a, const char* b, std::size_t length);

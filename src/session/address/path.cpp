@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "session/address/normalize.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -17,7 +18,6 @@ constexpr std::string_view kBounds = "@:,;<>()[]";
 constexpr char kQuoted = '"';
 
 bool IsIn(char c, std::string_view set) { return set.find(c) != kNone; }
-bool IsControl(char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }
 
 // A byte that needs no quotes in a local part.
 bool IsPlain(char c) { return !IsControl(c) && !IsIn(c, " \"\\@:,;<>()[]"); }

@@ -14,15 +14,13 @@
 
 #include "session/address/normalize.h"
 #include "session/address/path.h"
+#include "text/ascii.h"
 
 namespace {
 
 constexpr std::size_t kNone = std::string_view::npos;
 constexpr std::string_view kBlanks = " \t";
 
-bool IsLetterOrDigit(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-}
 bool IsIn(char c, std::string_view set) { return set.find(c) != kNone; }
 
 // Characters that a server which normalises such texts may turn into ASCII with a meaning
@@ -65,7 +63,7 @@ bool IsLocalPart(std::string_view local) {
         local = local.substr(1, local.size() - 2);
     if (local.empty()) return false;
     for (std::size_t at = 0; at < local.size();) {
-        if (IsLetterOrDigit(local[at]) || IsIn(local[at], ".-_+=#$&'*/?^`{|}~")) {
+        if (IsLetter(local[at]) || IsDigit(local[at]) || IsIn(local[at], ".-_+=#$&'*/?^`{|}~")) {
             ++at;
         } else if (const std::size_t length = HarmlessCharacter(local.substr(at)); length > 0) {
             at += length;
@@ -80,13 +78,12 @@ bool IsLocalPart(std::string_view local) {
 // part: no domain of ours holds it.
 bool IsBareName(std::string_view name) {
     return std::all_of(name.begin(), name.end(),
-                       [](char c) { return IsLetterOrDigit(c) || IsIn(c, ".-_+"); });
+                       [](char c) { return IsLetter(c) || IsDigit(c) || IsIn(c, ".-_+"); });
 }
 
 bool IsMailDomain(std::string_view domain, const std::vector<std::string>& mailDomains) {
     return std::any_of(mailDomains.begin(), mailDomains.end(), [domain](const std::string& ours) {
-        return !ours.empty() && ours.size() == domain.size() &&
-               EqualIgnoringCase(ours.data(), domain.data(), domain.size());
+        return !ours.empty() && EqualIgnoringCase(ours, domain);
     });
 }
 
@@ -116,7 +113,7 @@ bool PathStays(std::string_view path, const std::vector<std::string>& mailDomain
 // In front of the '<': nothing that could be taken for an address itself.
 bool IsDisplayName(std::string_view name) {
     return std::all_of(name.begin(), name.end(),
-                       [](char c) { return IsLetterOrDigit(c) || IsIn(c, " \t.-_'"); });
+                       [](char c) { return IsLetter(c) || IsDigit(c) || IsIn(c, " \t.-_'"); });
 }
 
 // Behind a path without brackets: KEYWORD or KEYWORD=value. A server that looks for more of the
@@ -131,7 +128,7 @@ bool AreParameters(std::string_view text) {
         const bool sound =
             !keyword.empty() &&
             std::all_of(keyword.begin(), keyword.end(),
-                        [](char c) { return IsLetterOrDigit(c) || c == '-'; }) &&
+                        [](char c) { return IsLetter(c) || IsDigit(c) || c == '-'; }) &&
             std::none_of(word.begin(), word.end(), [](char c) {
                 return static_cast<unsigned char>(c) < ' ' || IsIn(c, "<>()\"\\\x7F");
             });
@@ -173,7 +170,8 @@ bool UnreadStaysInside(std::string_view command, const std::vector<std::string>&
     if (command.find_first_of("@%!") == kNone) return true;
     // A keyword of any kind may stand in front, with or without its ':'.
     std::string_view path = command;
-    while (!path.empty() && IsLetterOrDigit(path.front())) path.remove_prefix(1);
+    while (!path.empty() && (IsLetter(path.front()) || IsDigit(path.front())))
+        path.remove_prefix(1);
     const bool parted = !path.empty() && IsIn(path.front(), space);
     path = skip(path, space);
     if (!path.empty() && path.front() == ':') {

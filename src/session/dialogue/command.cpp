@@ -9,6 +9,7 @@
 #include "session/address/path.h"
 #include "session/address/sender_check.h"
 #include "session/dialogue/dialogue.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -19,10 +20,6 @@ constexpr std::string_view kChunkReceived = "250 chunk received ok\r\n";
 constexpr std::string_view kTooLong = "500 5.5.2 Line too long\r\n";
 // For a refused sender without a deny text: a client always gets exactly one reply to a command.
 constexpr std::string_view kDefaultDeny = "550 5.7.1 Message Rejected\r\n";
-
-bool IsWord(std::string_view token, std::string_view word) {
-    return token.size() == word.size() && EqualIgnoringCase(token.data(), word.data(), word.size());
-}
 
 std::string_view BehindColon(std::string_view text) {
     const std::size_t colon = text.find(':');
@@ -37,7 +34,8 @@ unsigned long long DeclaredSize(std::string_view parameters) {
         const std::size_t end = std::min(parameters.find_first_of(kBlanks), parameters.size());
         const std::string_view word = parameters.substr(0, end);
         parameters.remove_prefix(std::min(end + 1, parameters.size()));
-        if (word.size() <= kKey.size() || !IsWord(word.substr(0, kKey.size()), kKey)) continue;
+        if (word.size() <= kKey.size() || !EqualIgnoringCase(word.substr(0, kKey.size()), kKey))
+            continue;
         const std::string_view digits = word.substr(kKey.size());
         unsigned long long size = 0;
         const auto [rest, error] =
@@ -65,7 +63,7 @@ Dialogue::Outcome Dialogue::Dispatch(bool whole) {
     tokenCount_ = std::max(0, std::sscanf(copy_.c_str(), "%10s %10s %10s %10s", tokens_[0],
                                           tokens_[1], tokens_[2], tokens_[3]));
     const Verb* verb = kVerbs;
-    while (verb->word != nullptr && !IsWord(tokens_[0], verb->word)) ++verb;
+    while (verb->word != nullptr && !EqualIgnoringCase(tokens_[0], verb->word)) ++verb;
     const bool tooLong = verb->code != CMD_AUTH && line_.size() > kLongestCommand;
     if (!whole || tooLong) return Answer(kTooLong);
     if (HidesText(line_)) return Answer(kUnknownCommand);
@@ -74,11 +72,11 @@ Dialogue::Outcome Dialogue::Dispatch(bool whole) {
 }
 
 // Whether the second token begins with "KEYWORD:", or is KEYWORD and the third begins with ':'.
-bool Dialogue::NamesPath(const char* keyword) const {
-    const std::size_t length = std::strlen(keyword);
-    const char* second = tokens_[1];
-    if (std::strlen(second) < length || !EqualIgnoringCase(second, keyword, length)) return false;
-    return second[length] == ':' || (second[length] == '\0' && tokens_[2][0] == ':');
+bool Dialogue::NamesPath(std::string_view keyword) const {
+    const std::string_view second = tokens_[1];
+    if (!EqualIgnoringCase(second.substr(0, keyword.size()), keyword)) return false;
+    const std::string_view rest = second.substr(keyword.size());
+    return rest.starts_with(':') || (rest.empty() && tokens_[2][0] == ':');
 }
 
 Dialogue::Outcome Dialogue::RecipientRule() {
@@ -112,9 +110,9 @@ Dialogue::Outcome Dialogue::SenderRule() {
     const long long limit = peers_.settings.maxMessageSize;
     if (limit > 0 && DeclaredSize(path.parameters) > static_cast<unsigned long long>(limit))
         return Answer(kMessageTooLarge);
-    inFlight_ = IsWord(tokens_[0], "soml")   ? CMD_SOML
-                : IsWord(tokens_[0], "saml") ? CMD_SAML
-                                             : CMD_MAIL;
+    inFlight_ = EqualIgnoringCase(tokens_[0], "soml")   ? CMD_SOML
+                : EqualIgnoringCase(tokens_[0], "saml") ? CMD_SAML
+                                                        : CMD_MAIL;
     return Outcome::kForward;
 }
 
@@ -135,7 +133,7 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     if (std::sscanf(tokens_[1], "%lld", &size) != 1 || size > 0x7FFFFFFF) size = -1;
     if (chunkingState_ == CHUNKING_ABSENT || (tokenCount_ != 2 && tokenCount_ != 3) || size < 0)
         return Answer(kUnknownCommand);
-    if (tokenCount_ == 3 && !IsWord(tokens_[2], "last")) return Answer(kUnknownCommand);
+    if (tokenCount_ == 3 && !EqualIgnoringCase(tokens_[2], "last")) return Answer(kUnknownCommand);
     const bool last = tokenCount_ == 3;
     // The chunk is read before the envelope is looked at, or its bytes would be taken for commands.
     const bool first = envelope_.messagePhase != PHASE_BDAT;

@@ -1,12 +1,11 @@
 #include "session/dialogue/dialogue.h"
 
 #include "asfilters/asfilters.h"
+#include "text/ascii.h"
 
 namespace {
 
 constexpr std::string_view kCancelAuth = "*\r\n";
-
-bool IsLetter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
 
 }  // namespace
 

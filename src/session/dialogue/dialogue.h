@@ -83,7 +83,7 @@ class Dialogue {
     Outcome SenderRule();
     Outcome DataRule();
     Outcome ChunkRule();
-    bool NamesPath(const char* keyword) const;
+    bool NamesPath(std::string_view keyword) const;
     // A zero byte, or a CR that isn't the line's end: a server might read a command behind it that
     // the checks here don't see.
     static bool HidesText(std::string_view line);

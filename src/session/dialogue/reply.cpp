@@ -8,6 +8,7 @@
 #include "session/address/normalize.h"
 #include "session/dialogue/dialogue.h"
 #include "session/registry.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -18,10 +19,6 @@ constexpr std::string_view kOutOfStep =
 
 bool Continues(std::string_view line) { return line.size() > 3 && line[3] == '-'; }
 
-bool SameWord(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && EqualIgnoringCase(a.data(), b.data(), b.size());
-}
-
 // Extensions that a client can't use here: the proxy reads one command after the other, sees every
 // message itself, and tells the server itself whom it speaks for.
 constexpr std::string_view kNotOffered[] = {"pipelining",  "starttls",       "xclient", "xforward",
@@ -29,7 +26,7 @@ constexpr std::string_view kNotOffered[] = {"pipelining",  "starttls",       "xc
 
 bool IsOffered(std::string_view keyword) {
     for (const std::string_view each : kNotOffered) {
-        if (SameWord(keyword, each)) return false;
+        if (EqualIgnoringCase(keyword, each)) return false;
     }
     return true;
 }
@@ -139,10 +136,7 @@ void Dialogue::Confirm() {
 }
 
 void Dialogue::AcceptSender() {
-    std::string words = line_;
-    for (char& each : words) {
-        if (each >= 'A' && each <= 'Z') each = static_cast<char>(each - 'A' + 'a');
-    }
+    std::string words = LowerCase(line_);
     StripBlanks(words.data());
     const bool binary =
         std::string_view(words.c_str()).find("body=binarymime") != std::string::npos;
@@ -160,11 +154,11 @@ Dialogue::Line Dialogue::FilterEhloLine() {
     char separator = '\0';
     char keyword[32] = "";
     std::sscanf(reply_.c_str(), "%d%c%31s", &number, &separator, keyword);
-    if (SameWord(keyword, "chunking")) {
+    if (EqualIgnoringCase(keyword, "chunking")) {
         chunkingState_ = CHUNKING_OFFERED;
         peers_.server.takesChunks = true;
     }
-    if (SameWord(keyword, "size")) OfferSize();
+    if (EqualIgnoringCase(keyword, "size")) OfferSize();
     if (IsOffered(keyword)) return Line::kPass;
     if (separator != ' ') return Line::kDrop;
     reply_ = kLastEhloLine;

@@ -10,6 +10,7 @@
 #include "daemons/statd/store/recorder.h"
 #include "daemons/statd/store/writer.h"
 #include "statdb_fixture.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {

@@ -7,6 +7,8 @@
 
 #include "daemons/statd/store/text.h"
 #include "tagmsg/tagmsg.h"
+#include "text/day.h"
+#include "text/printable.h"
 
 namespace stats {
 namespace {
@@ -125,16 +127,7 @@ TEST(StatText, CleanTextKeepsWholeCharacters) {
     EXPECT_EQ(CleanText(std::string_view("a\0b\n", 4), 9), "a?b?");
 }
 
-TEST(StatText, Days) {
-    EXPECT_EQ(ParseDay("1970-01-01"), 0);
-    EXPECT_EQ(ParseDay("2024-02-29"), 19782);
-    EXPECT_EQ(FormatDay(19782), "2024-02-29");
-    for (const char* wrong :
-         {"", "2023-02-29", "2024-13-01", "2024-1-01", "24-01-01", "2024-01-1x", "2024-01-011",
-          "1969-12-31", "2024/01/01", "-024-01-01", "2024-+1-01"})
-        EXPECT_FALSE(ParseDay(wrong)) << wrong;
-    EXPECT_EQ(DayOf(-1), -1);
-    EXPECT_EQ(FormatTime(86399), "1970-01-01 23:59:59");
+TEST(StatText, Numbers) {
     EXPECT_EQ(Dotted(0x0100007F), "127.0.0.1") << "the first byte is the lowest";
     EXPECT_EQ(Grouped(1234567, ","), "1,234,567");
     EXPECT_EQ(Grouped(-123456, ","), "-123,456");

@@ -10,6 +10,7 @@
 #include "daemons/statd/web/page.h"
 #include "daemons/statd/web/plot.h"
 #include "statdb_fixture.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {

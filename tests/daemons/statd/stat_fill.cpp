@@ -11,6 +11,8 @@
 #include "daemons/statd/store/text.h"
 #include "daemons/statd/store/writer.h"
 #include "libstats/codes.h"
+#include "platform/clock.h"
+#include "text/day.h"
 
 namespace {
 
@@ -70,8 +72,8 @@ int main(int argc, char** argv) {
     }
     stats::Writer writer(*database);
     Maker maker(std::atoll(argv[4]));
-    const std::int64_t now = stats::Now();
-    const std::int64_t from = now - days * stats::kDaySeconds;
+    const std::int64_t now = platform::UtcSeconds();
+    const std::int64_t from = now - days * kDaySeconds;
     std::vector<stats::Record> batch;
     for (std::int64_t i = 0; i < count; ++i) {
         batch.push_back(maker.Make(from + i * (now - from) / count));
@@ -82,7 +84,7 @@ int main(int argc, char** argv) {
         }
         batch.clear();
     }
-    while (stats::TrimNamesStep(*database, stats::DayOf(now))) {
+    while (stats::TrimNamesStep(*database, DayOf(now))) {
     }
     return 0;
 }

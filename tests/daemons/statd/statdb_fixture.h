@@ -12,6 +12,7 @@
 #include "daemons/statd/store/text.h"
 #include "libstats/codes.h"
 #include "support/instance.h"
+#include "text/day.h"
 
 namespace stats {
 

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "text/ascii.h"
+
 namespace {
 
 constexpr std::size_t kBlock = 65536;
@@ -20,21 +22,14 @@ constexpr std::string_view kWords[] = {"base64", "uuencode", "x-uue",    "binhex
 constexpr std::string_view kQuoted = "quoted-printable";
 constexpr std::size_t kLongestWord = 16;
 
-int Digit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
-bool IsControl(unsigned char c) {
-    return (c < 0x20 && c != '\t' && c != '\r' && c != '\n') || c == 0x7F;
-}
+// A byte that no text has.
+bool IsBinary(char c) { return IsControl(c) && c != '\t' && c != '\r' && c != '\n'; }
 
 class Search {
   public:
     // False at the first thing found.
     bool Take(char c) {
-        if (IsControl(static_cast<unsigned char>(c))) return false;
+        if (IsBinary(c)) return false;
         if (escape_ > 0) return Escaped(c);
         if (c == '=') {
             escape_ = 1;
@@ -52,14 +47,14 @@ class Search {
             window_.pop_back();  // the '='
             return true;
         }
-        const int digit = Digit(c);
+        const int digit = HexDigit(c);
         if (digit < 0 || escape_ == 2) escape_ = 0;
         if (digit >= 0 && held_ < 0) {
             held_ = digit;
             escape_ = 2;
         } else if (digit >= 0) {
-            const auto byte = static_cast<unsigned char>(held_ << 4 | digit);
-            odd_ = odd_ || IsControl(byte) || (byte > ' ' && byte < 0x7F && byte != '=');
+            const auto byte = static_cast<char>(held_ << 4 | digit);
+            odd_ = odd_ || IsBinary(byte) || (byte > ' ' && byte < 0x7F && byte != '=');
         }
         if (c == '=') {
             escape_ = 1;
@@ -68,7 +63,7 @@ class Search {
         return Match(c);
     }
     bool Match(char c) {
-        window_ += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+        window_ += FoldCase(c);
         if (window_.size() > 2 * kLongestWord) window_.erase(0, kLongestWord);
         const std::string_view seen = window_;
         for (const std::string_view word : kWords) {

@@ -4,17 +4,14 @@
 #include <map>
 
 #include "daemons/statd/store/text.h"
+#include "text/ascii.h"
+#include "text/day.h"
+#include "text/printable.h"
 
 namespace stats {
 namespace {
 
 using Fields = std::map<std::string, std::string, std::less<>>;
-
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
 
 bool Decode(std::string_view text, std::string& out) {
     for (std::size_t i = 0; i < text.size(); ++i) {

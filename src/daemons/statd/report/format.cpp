@@ -5,6 +5,8 @@
 
 #include "daemons/statd/report/table.h"
 #include "daemons/statd/store/text.h"
+#include "text/day.h"
+#include "text/printable.h"
 
 namespace stats {
 namespace {

@@ -4,6 +4,8 @@
 #include <numeric>
 
 #include "daemons/statd/store/text.h"
+#include "platform/clock.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {
@@ -89,7 +91,7 @@ bool ReportReader::Read(std::int64_t firstDay, std::int64_t lastDay, std::int64_
     if (!view.Good()) return false;
     report.firstDay = firstDay;
     report.lastDay = lastDay;
-    report.made = Now();
+    report.made = platform::UtcSeconds();
     if (!ReadDays(report) || !ReadCodes(report)) return false;
     for (const ListText& text : kLists) {
         report.lists.push_back({text.kind, text.title, text.heading, {}});

@@ -1,6 +1,7 @@
 #include "daemons/statd/report/table.h"
 
 #include "daemons/statd/store/text.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {

@@ -9,7 +9,6 @@
 namespace stats {
 namespace {
 
-constexpr int kBusyMilliseconds = 5000;
 constexpr std::int64_t kVersion = 1;
 
 constexpr char kCounts[] =
@@ -43,47 +42,11 @@ void MoveAside(const std::string& path) {
 
 }  // namespace
 
-void Statement::Bind(int index, std::int64_t number) {
-    sqlite3_bind_int64(statement_.get(), index, number);
-}
-void Statement::Bind(int index, std::string_view text) {
-    // An empty view may hold a null pointer, which SQLite would take for a missing value.
-    const char* const data = text.data() == nullptr ? "" : text.data();
-    sqlite3_bind_text(statement_.get(), index, data, static_cast<int>(text.size()),
-                      SQLITE_TRANSIENT);
-}
-void Statement::BindNull(int index) { sqlite3_bind_null(statement_.get(), index); }
-bool Statement::Row() {
-    const int result = sqlite3_step(statement_.get());
-    failed_ = result != SQLITE_ROW && result != SQLITE_DONE;
-    return result == SQLITE_ROW;
-}
-bool Statement::Run() {
-    const bool good = sqlite3_step(statement_.get()) == SQLITE_DONE;
-    Reset();
-    return good;
-}
-void Statement::Reset() { sqlite3_reset(statement_.get()); }
-std::int64_t Statement::Number(int column) const {
-    return sqlite3_column_int64(statement_.get(), column);
-}
-std::string Statement::Text(int column) const {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_.get(), column));
-    if (text == nullptr) return {};
-    return {text, static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
-}
-
 std::unique_ptr<Database> Database::TryOpen(const std::string& path, int& error,
                                             std::string& note) {
-    sqlite3* raw = nullptr;
-    // The journal's files take the database's mode.
-    const mode_t before = umask(077);
-    error =
-        sqlite3_open_v2(path.c_str(), &raw,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-    std::unique_ptr<Database> database(new Database(raw));
+    std::unique_ptr<Database> database(new Database(sqlite::Open(path, SQLITE_OPEN_CREATE, error)));
+    sqlite3* const raw = database->connection_.get();
     if (error == SQLITE_OK) {
-        sqlite3_busy_timeout(raw, kBusyMilliseconds);
         chmod(path.c_str(), 0600);
         error = sqlite3_exec(raw, "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;",
                              nullptr, nullptr, nullptr);
@@ -94,7 +57,6 @@ std::unique_ptr<Database> Database::TryOpen(const std::string& path, int& error,
     } else if (error == SQLITE_OK) {
         error = sqlite3_exec(raw, Schema().c_str(), nullptr, nullptr, nullptr);
     }
-    umask(before);
     if (error == SQLITE_OK) return database;
     if (note.empty()) note = path + ": " + (raw != nullptr ? sqlite3_errmsg(raw) : "no memory");
     return nullptr;
@@ -113,24 +75,11 @@ std::unique_ptr<Database> Database::Open(const std::string& path, std::string& n
 }
 
 std::unique_ptr<Database> Database::OpenReader(const std::string& path) {
-    sqlite3* raw = nullptr;
     // Not SQLITE_OPEN_READONLY: a reader of a WAL file takes part in its shared index.
-    const int error =
-        sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-    std::unique_ptr<Database> database(new Database(raw));
+    int error = SQLITE_OK;
+    std::unique_ptr<Database> database(new Database(sqlite::Open(path, 0, error)));
     if (error != SQLITE_OK) return nullptr;
-    sqlite3_busy_timeout(raw, kBusyMilliseconds);
     return database->Execute("PRAGMA query_only = 1") ? std::move(database) : nullptr;
-}
-
-Statement Database::Prepare(const std::string& sql) {
-    sqlite3_stmt* statement = nullptr;
-    sqlite3_prepare_v2(connection_.get(), sql.c_str(), -1, &statement, nullptr);
-    return Statement(statement);
-}
-
-bool Database::Execute(const char* sql) {
-    return sqlite3_exec(connection_.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
 std::int64_t Database::Number(const std::string& sql, std::int64_t fallback) {

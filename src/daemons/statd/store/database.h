@@ -10,12 +10,13 @@
 // with the number of records. Counts and records are written in one transaction.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "trelis/sqlite.h"
 
 namespace stats {
 
@@ -24,33 +25,7 @@ enum class Kind : int { kPeer = 1, kSenderDomain = 2, kRecipientDomain = 3, kSig
 inline constexpr Kind kKinds[] = {Kind::kPeer, Kind::kSenderDomain, Kind::kRecipientDomain,
                                   Kind::kSignature};
 
-// A prepared statement. One thread at a time; its Database outlives it.
-class Statement {
-  public:
-    Statement() = default;
-    explicit Statement(sqlite3_stmt* statement) : statement_(statement) {}
-    explicit operator bool() const { return statement_ != nullptr; }
-
-    // Numbered from 1. Texts are copied.
-    void Bind(int index, std::int64_t number);
-    void Bind(int index, std::string_view text);
-    void BindNull(int index);
-    // True if there is a row to read; false at the end, and on a failure, which Failed tells.
-    bool Row();
-    bool Failed() const { return failed_; }
-    // Runs a statement without rows and makes it ready for the next values. False on failure.
-    bool Run();
-    void Reset();
-    std::int64_t Number(int column) const;
-    std::string Text(int column) const;
-
-  private:
-    struct Finalize {
-        void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-    };
-    std::unique_ptr<sqlite3_stmt, Finalize> statement_;
-    bool failed_ = false;
-};
+using sqlite::Statement;
 
 // One connection. One thread at a time.
 class Database {
@@ -62,20 +37,17 @@ class Database {
     // Opens an existing one for reading.
     static std::unique_ptr<Database> OpenReader(const std::string& path);
 
-    Statement Prepare(const std::string& sql);
-    bool Execute(const char* sql);
+    Statement Prepare(const std::string& sql) { return {connection_.get(), sql.c_str()}; }
+    bool Execute(const char* sql) { return sqlite::Execute(connection_.get(), sql); }
     // The first column of the first row, or the fallback.
     std::int64_t Number(const std::string& sql, std::int64_t fallback);
     std::string Error() const { return sqlite3_errmsg(connection_.get()); }
 
   private:
-    struct Close {
-        void operator()(sqlite3* connection) const { sqlite3_close_v2(connection); }
-    };
-    explicit Database(sqlite3* connection) : connection_(connection) {}
+    explicit Database(sqlite::Connection connection) : connection_(std::move(connection)) {}
     static std::unique_ptr<Database> TryOpen(const std::string& path, int& error,
                                              std::string& note);
-    std::unique_ptr<sqlite3, Close> connection_;
+    sqlite::Connection connection_;
 };
 
 // A transaction: rolled back unless it was committed.

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "daemons/statd/store/text.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {

@@ -9,6 +9,8 @@
 #include "daemons/statd/store/keep.h"
 #include "daemons/statd/store/text.h"
 #include "daemons/statd/store/writer.h"
+#include "platform/clock.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {
@@ -51,7 +53,7 @@ void Recorder::Stop() {
 }
 
 bool Recorder::Push(Record&& record) {
-    record.received = Now();
+    record.received = platform::UtcSeconds();
     const std::size_t size = record.Size();
     std::unique_lock lock(mutex_);
     Tick(record.received);
@@ -100,7 +102,7 @@ void Recorder::Tick(std::int64_t now) {
 
 LiveNumbers Recorder::Live() {
     const std::lock_guard lock(mutex_);
-    Tick(Now());
+    Tick(platform::UtcSeconds());
     LiveNumbers live = live_;
     live.lastMinute = std::accumulate(perSecond_.begin(), perSecond_.end(), std::int64_t{0});
     live.waiting = static_cast<std::int64_t>(queue_.size() + batch_.size());
@@ -173,7 +175,7 @@ void Recorder::Failed(std::unique_lock<std::mutex>& lock, const std::string& why
 }
 
 bool Recorder::Keep(int days) {
-    const std::int64_t today = DayOf(Now());
+    const std::int64_t today = DayOf(platform::UtcSeconds());
     const bool deleted = days > 0 && DeleteOldStep(*database_, today - days);
     return TrimNamesStep(*database_, today) || deleted;
 }

@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "platform/file.h"
+#include "text/ascii.h"
 #include "trelis/buffered.h"
 
 namespace stats {
@@ -98,8 +99,7 @@ bool ValidAccountName(std::string_view name) {
     constexpr std::string_view kExtra = "._-@";
     return !name.empty() && name.size() <= kNameMost && name[0] != '-' && name != kOwnerName &&
            std::all_of(name.begin(), name.end(), [&](char c) {
-               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                      kExtra.find(c) != std::string_view::npos;
+               return IsLetter(c) || IsDigit(c) || kExtra.find(c) != std::string_view::npos;
            });
 }
 

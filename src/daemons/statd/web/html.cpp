@@ -4,6 +4,7 @@
 
 #include "daemons/statd/report/format.h"
 #include "daemons/statd/store/text.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {

@@ -6,6 +6,7 @@
 #include "daemons/statd/store/text.h"
 #include "daemons/statd/web/html.h"
 #include "daemons/statd/web/plot.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {

@@ -7,6 +7,9 @@
 #include "daemons/statd/report/format.h"
 #include "daemons/statd/store/text.h"
 #include "daemons/statd/web/page.h"
+#include "platform/clock.h"
+#include "text/ascii.h"
+#include "text/day.h"
 
 namespace stats {
 namespace {
@@ -27,10 +30,8 @@ HttpResponse Plain(unsigned status, const std::string& text) {
 HttpResponse Unreadable() { return Plain(500, "The statistics can't be read."); }
 
 bool IsForm(const std::string& contentType) {
-    std::string type = contentType.substr(0, contentType.find(';'));
+    std::string type = LowerCase(contentType.substr(0, contentType.find(';')));
     while (!type.empty() && type.back() == ' ') type.pop_back();
-    std::transform(type.begin(), type.end(), type.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return type == "application/x-www-form-urlencoded";
 }
 
@@ -98,7 +99,7 @@ HttpResponse HttpSite::Answer(const HttpRequest& request) {
 
 HttpResponse HttpSite::Page() {
     const std::string nonce = RandomHex(16);
-    auto page = OverviewPage(reader_, recorder_.Live(), Now(), nonce);
+    auto page = OverviewPage(reader_, recorder_.Live(), platform::UtcSeconds(), nonce);
     return page ? Document(std::move(*page), nonce) : Unreadable();
 }
 
@@ -108,7 +109,7 @@ HttpResponse HttpSite::MakeReport(const HttpRequest& request) {
     if (!IsForm(request.contentType))
         return Plain(400, "The type must be application/x-www-form-urlencoded.");
     std::string why;
-    const auto asked = ParseReportForm(request.body, DayOf(Now()), why);
+    const auto asked = ParseReportForm(request.body, DayOf(platform::UtcSeconds()), why);
     if (!asked) return Plain(400, why);
     Report report;
     if (!reader_.Read(asked->firstDay, asked->lastDay, kReportNames, report)) return Unreadable();

@@ -27,7 +27,8 @@ esac
 class Package(unittest.TestCase):
     def setUp(self):
         self.root = tempfile.mkdtemp(prefix="vantrel-package.")
-        for name in ("lib", "bin", "active", "masked", "run/systemd/system"):
+        self.wants = os.path.join(self.root, "etc/systemd/system/multi-user.target.wants")
+        for name in ("lib", "bin", "active", "masked", "run/systemd/system", self.wants):
             os.makedirs(os.path.join(self.root, name))
         self.home = os.path.join(self.root, "home")
         for program in PROGRAMS:
@@ -51,7 +52,7 @@ class Package(unittest.TestCase):
         with open(os.path.join(SCRIPTS, name)) as file:
             text = file.read()
         for old, new in (("/var/lib/vantrel", self.home), ("/usr/lib/vantrel/", self.root + "/lib/"),
-                         ("/run/", self.root + "/run/"), ("/etc/clamav/", self.root + "/none/")):
+                         ("/run/", self.root + "/run/"), ("/etc/", self.root + "/etc/")):
             text = text.replace(old, new)
         env = dict(os.environ, PATH=self.root + "/bin:" + os.environ["PATH"])
         return subprocess.run(["sh", "-c", text, name, *words], env=env, text=True, capture_output=True, timeout=60)
@@ -116,6 +117,15 @@ class Package(unittest.TestCase):
         self.assertIn("vtmaild is masked", done.stdout)
         self.assertNotIn("vtlogd", done.stdout)
         self.assertNotIn("vtstatd", done.stdout)
+
+    def test_a_removal_leaves_no_link_to_a_unit_that_is_gone(self):
+        os.symlink(self.root + "/gone.service", self.wants + "/vtlogd.service")
+        os.symlink("/bin/sh", self.wants + "/vtstatd.service")
+        os.symlink(self.root + "/gone.service", self.wants + "/another.service")
+        self.assertEqual(self.script("postrm", "upgrade", "2.0").returncode, 0)
+        self.assertTrue(os.path.lexists(self.wants + "/vtlogd.service"))
+        self.assertEqual(self.script("postrm", "remove").returncode, 0)
+        self.assertEqual(sorted(os.listdir(self.wants)), ["another.service", "vtstatd.service"])
 
 
 if __name__ == "__main__":

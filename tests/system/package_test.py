@@ -108,6 +108,18 @@ class Package(unittest.TestCase):
         self.assertIn("can't be read", done.stderr)
         self.assertEqual(self.asked(), [], "the old programs run on")
 
+    def test_an_installation_that_failed_is_one_when_it_is_tried_again(self):
+        self.install()
+        self.script("preinst", "install", "1.0")  # it was removed
+        broken = self.root + "/lib/vtregistry"
+        os.rename(broken, broken + ".whole")
+        self.tool("vtregistry", "#!/bin/sh\nexit 1\n", "lib")
+        self.assertNotEqual(self.script("postinst", "configure", "1.0").returncode, 0)
+        os.rename(broken + ".whole", broken)
+        self.assertEqual(self.script("postinst", "configure", "1.0").returncode, 0)
+        self.assertEqual(len([line for line in self.asked() if line.startswith("enable")]), 4)
+        self.assertFalse(os.path.exists(self.root + "/run/vantrel-install"))
+
     def test_a_masked_service_that_runs_is_named(self):
         self.install()
         for folder, name in (("active", "vtmaild"), ("masked", "vtmaild"), ("active", "vtlogd"), ("masked", "vtstatd")):

@@ -1,5 +1,5 @@
-"""The package's scripts: what they do to the configuration and ask of systemd. The programs and the store are real; the
-scripts run on a directory of the test, and behind them stands a systemctl that writes down what it is asked."""
+"""The package's scripts: what they do to the configuration and the services, and ask of systemd. The programs and the store
+are real; the scripts run on a directory of the test, and the systemctl there writes down what it is asked."""
 
 import json
 import os
@@ -138,6 +138,39 @@ class Package(unittest.TestCase):
         self.assertTrue(os.path.lexists(self.wants + "/vtlogd.service"))
         self.assertEqual(self.script("postrm", "remove").returncode, 0)
         self.assertEqual(sorted(os.listdir(self.wants)), ["another.service", "vtstatd.service"])
+
+    def state(self, name):
+        try:
+            with open("%s/services/%s.status" % (self.home, name)) as file:
+                return dict(line.rstrip("\n").split(" ", 1) for line in file).get("state")
+        except OSError:
+            return "never started"
+
+    def test_without_systemd_what_did_not_start_is_named_and_tried_again_by_the_next_upgrade(self):
+        self.install()
+        os.rmdir(self.root + "/run/systemd/system")
+        env = dict(os.environ, VANTREL_HOME=self.home)
+        self.addCleanup(lambda: self.script("prerm", "remove"))
+        for program in ("vtregistry", "vtmaild", "vtlogd"):
+            subprocess.run([BIN + "/" + program, "install"], env=env, check=True, timeout=60)
+        for program in ("vtregistry", "vtmaild"):
+            subprocess.run([BIN + "/" + program, "start"], env=env, check=True, timeout=60, stdout=subprocess.DEVNULL)
+
+        self.assertEqual(self.script("prerm", "upgrade", "2.0").returncode, 0)
+        self.assertEqual([self.state("VTREGISTRY"), self.state("VTMAILD")], ["stopped", "stopped"])
+        program = self.root + "/lib/vtmaild"
+        os.rename(program, program + ".whole")
+        self.tool("vtmaild", "#!/bin/sh\necho no; exit 1\n", "lib")
+        done = self.script("postinst", "configure", "1.0")
+        self.assertEqual((done.returncode, done.stdout), (0, "vtmaild did not start: no\n"))
+        self.assertEqual([self.state("VTREGISTRY"), self.state("VTMAILD")], ["running", "stopped"])
+
+        self.assertEqual(self.script("prerm", "upgrade", "3.0").returncode, 0)
+        os.rename(program + ".whole", program)
+        done = self.script("postinst", "configure", "2.0")
+        self.assertEqual((done.returncode, done.stdout), (0, ""))
+        self.assertEqual([self.state(name) for name in ("VTREGISTRY", "VTMAILD", "VTLOGD")], ["running", "running", "never started"])
+        self.assertFalse(os.path.exists(self.root + "/run/vantrel-restart"))
 
 
 if __name__ == "__main__":

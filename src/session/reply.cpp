@@ -166,7 +166,8 @@ Dialogue::Line Dialogue::FilterEhloLine() {
     }
     if (SameWord(keyword, "size")) OfferSize();
     if (IsOffered(keyword)) return Line::kPass;
-    if (separator != ' ') return Line::kDrop;
+    // Whatever stands behind the code of the last line: it ends the reply, so the client gets one.
+    if (Continues(reply_)) return Line::kDrop;
     reply_ = kLastEhloLine;
     return Line::kPass;
 }

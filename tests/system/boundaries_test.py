@@ -89,6 +89,21 @@ class EndOfMessage(System):
 
 
 class Refusals(System):
+    def test_recipients_of_one_message_have_a_bound(self):
+        # The server behind takes any number. Commands go out in bunches, to be done in a moment.
+        bound, bunch = 10000, 500
+        c = self.client()
+        c.envelope(recipients=())
+        for first in range(0, bound, bunch):
+            c.send(b"".join(b"RCPT TO:<r%d@example.org>\r\n" % i for i in range(first, first + bunch)))
+            self.assertEqual({c.reply() for _ in range(bunch)}, {b"250 ok\r\n"})
+        self.assertEqual(c.ask(b"RCPT TO:<one@example.org>"), b"452 4.5.3 Too many recipients\r\n")
+        self.assertFalse([line for line in self.server.lines if b"one@" in line])
+        self.assertEqual(c.data(b"Subject: x\r\n\r\n.\r\n"), b"250 queued\r\n")
+        self.assertIn(b";".join(b"r%d@example.org" % i for i in range(bound)) + b"\0", self.scan.requests[0])
+        self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>"), b"250 ok\r\n")
+        self.assertEqual(c.ask(b"RCPT TO:<one@example.org>"), b"250 ok\r\n", "the next message begins anew")
+
     def test_the_servers_word_on_data_is_the_answer(self):
         for reply in (b"554 5.7.1 policy\r\n", b"451 4.3.0 later\r\n", b"554-5.7.1 policy\r\n554 5.7.1 says no\r\n"):
             for mask in (1, 2):

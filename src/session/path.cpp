@@ -183,15 +183,17 @@ class Readings {
             all_.emplace_back(reading);
     }
 
-    // Both readings of each separator: a mailbox in front of '@' and '%', behind '!'.
+    // Both readings of each separator: a mailbox in front of '@' and '%', behind '!'. The mailbox
+    // may be empty, as two quotes are; but then an '@' of a route is none.
     void AddEach(std::string_view text) {
         for (std::size_t at = 0; at < text.size(); ++at) {
             if (!IsIn(text[at], "@%!")) continue;
             const bool bang = text[at] == '!';
             const std::string_view left = LeftOf(text, at, text[at] != '@');
             std::string_view right = RightOf(text, at);
-            if (left.empty() || right.empty()) continue;
             std::string_view host = bang ? left : right;
+            const bool hop = text[at] == '@' && left.empty() && text.find(':', at) != kNone;
+            if (host.empty() || hop) continue;
             if (host.size() > 1 && host.back() == '.') host.remove_suffix(1);
             Add(std::string(bang ? right : left).append("@").append(host));
         }

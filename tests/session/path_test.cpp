@@ -337,6 +337,16 @@ TEST(Path, NoDisguiseHidesASender) {
         };
         EXPECT_TRUE(std::any_of(path.readings.begin(), path.readings.end(), isBad)) << text;
     }
+    // Servers take an empty name in the domain for a mailbox like others.
+    for (const char* text :
+         {"<@spam.test>", "<\"\"@spam.test>", "<\"\"%spam.test>", "<@ok.test:\"\"%spam.test>",
+          "<@ok.test,@ok.test:\"\"%spam.test> SIZE=1", "@spam.test,( SIZE=1", "@spam.test,"}) {
+        const MailPath path = ReadPath(std::string(text) + "\r\n");
+        const auto isBad = [](const std::string& reading) {
+            return reading.ends_with("@spam.test");
+        };
+        EXPECT_TRUE(std::any_of(path.readings.begin(), path.readings.end(), isBad)) << text;
+    }
     const MailPath path = ReadPath("<postmaster>\r\n");
     EXPECT_EQ(path.readings.back(), "postmaster");
     for (const std::string& reading : ReadPath("<x@ok.test> AUTH=<bad@spam.test>\r\n").readings)

@@ -329,7 +329,11 @@ TEST(Path, NoDisguiseHidesASender) {
                                  "bad@spam.test (c)",
                                  "<bad@spam.test(x@ok.test>",
                                  "<bad@(c)spam.test>",
-                                 "<bad%spam.test%ok.test>"};
+                                 "<bad%spam.test%ok.test>",
+                                 "<@<x@ok.test> ,@ok.test:bad@spam.test>",
+                                 "<@<x@ok.test><\">\"@ok.test> <y@ok.test>:bad@spam.test> SIZE=1",
+
+                                 "@ok<x@ok.test>.test,@\" \":bad@spam.test SIZE=1"};
     for (const char* text : cases) {
         const MailPath path = ReadPath(std::string(text) + "\r\n");
         const auto isBad = [](const std::string& reading) {

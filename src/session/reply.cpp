@@ -111,6 +111,7 @@ Dialogue::Line Dialogue::RewriteLine() {
     if (inFlight_ == CMD_EHLO) return FilterEhloLine();
     if (inFlight_ == CMD_HELO) {
         SetReply("250 %s ESMTP Vantrel Proxy, pleased to meet you\r\n");
+        peers_.server.takesChunks = false;
         envelope_.Clear();
         return Line::kWholeReply;
     }
@@ -150,6 +151,7 @@ void Dialogue::AcceptSender() {
 }
 
 Dialogue::Line Dialogue::FilterEhloLine() {
+    if (firstLine_) peers_.server.takesChunks = false;  // each reply offers anew
     if (firstLine_ && Continues(reply_)) {
         firstLine_ = false;
         SetReply("250-%s\r\n");

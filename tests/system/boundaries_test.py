@@ -128,6 +128,26 @@ class Refusals(System):
         self.assertEqual(c.ask(b"VRFY step"), b"250 ok\r\n")
         self.assertEqual(self.server.messages, [])
 
+    def test_a_rejected_message_is_rejected_whatever_becomes_of_its_copy(self):
+        # A client that hears of a passing fault would send it again and again.
+        self.scan.answer = lambda request: verdict(4, section_mask=1, recipients="one@x.example")
+        for verb in ("MAIL", "DATA", "BDAT"):
+            with self.subTest(verb):
+                kept = dict(self.server.rules)
+                c = self.client()
+                c.reply()
+                for line in (b"HELO me", b"MAIL FROM:<s@example.org>", b"RCPT TO:<r@example.org>"):
+                    self.assertTrue(c.ask(line).startswith(b"250"))
+                self.server.rules[verb] = b"451 4.3.0 later\r\n"
+                if verb == "BDAT":
+                    c.send(b"BDAT 6 LAST\r\ntext\r\n")
+                    self.assertEqual(c.reply(), REJECTED)
+                else:
+                    self.assertEqual(c.data(b"text\r\n.\r\n"), REJECTED)
+                self.assertEqual(self.server.lines[-1], b"RSET\r\n")
+                self.assertEqual(c.ask(b"VRFY step"), b"250 ok\r\n")
+                self.server.rules = kept
+
     def test_a_closing_server_ends_the_session(self):
         for verb, line in (("VRFY", b"VRFY x"), ("MAIL", b"MAIL FROM:<s@example.org>"), ("QUIT", b"QUIT")):
             with self.subTest(verb):

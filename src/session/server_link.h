@@ -60,7 +60,7 @@ class ServerLink {
     bool SilentFor(std::chrono::seconds time) const { return Clock::now() - lastSent_ >= time; }
 
     const CSocket& Socket() const { return socket_; }
-    // Whether the server has ever offered CHUNKING in this session.
+    // Whether the server has offered CHUNKING in its last reply to a greeting.
     bool takesChunks = false;
 
   private:

@@ -141,6 +141,9 @@ TEST(PathGuard, RefusesTheRest) {
         "<u@example.org>>",
         "<u@example.org>SIZE=1",
         "<u@example.org><victim@evil.test>",
+        "<u@example.org> <victim@evil.test>",
+        "<u@example.org> X=y <victim@evil.test>",
+        "<u@example.org> X=victim@evil.test>",
         "<u@example.org>.evil.test",
         "u@example.org <victim@evil.test>",
         "u@example.org X=<victim@evil.test>",
@@ -327,11 +330,25 @@ TEST(Path, NoDisguiseHidesASender) {
                                  "bad@spam.test (c)",
                                  "<bad@spam.test(x@ok.test>",
                                  "<bad@(c)spam.test>",
-                                 "<bad%spam.test%ok.test>"};
+                                 "<bad%spam.test%ok.test>",
+                                 "<@<x@ok.test> ,@ok.test:bad@spam.test>",
+                                 "<@<x@ok.test><\">\"@ok.test> <y@ok.test>:bad@spam.test> SIZE=1",
+
+                                 "@ok<x@ok.test>.test,@\" \":bad@spam.test SIZE=1"};
     for (const char* text : cases) {
         const MailPath path = ReadPath(std::string(text) + "\r\n");
         const auto isBad = [](const std::string& reading) {
             return EqualIgnoringCase(reading, "bad@spam.test");
+        };
+        EXPECT_TRUE(std::any_of(path.readings.begin(), path.readings.end(), isBad)) << text;
+    }
+    // Servers take an empty name in the domain for a mailbox like others.
+    for (const char* text :
+         {"<@spam.test>", "<\"\"@spam.test>", "<\"\"%spam.test>", "<@ok.test:\"\"%spam.test>",
+          "<@ok.test,@ok.test:\"\"%spam.test> SIZE=1", "@spam.test,( SIZE=1", "@spam.test,"}) {
+        const MailPath path = ReadPath(std::string(text) + "\r\n");
+        const auto isBad = [](const std::string& reading) {
+            return reading.ends_with("@spam.test");
         };
         EXPECT_TRUE(std::any_of(path.readings.begin(), path.readings.end(), isBad)) << text;
     }

@@ -89,6 +89,21 @@ class EndOfMessage(System):
 
 
 class Refusals(System):
+    def test_recipients_of_one_message_have_a_bound(self):
+        # The server behind takes any number. Commands go out in bunches, to be done in a moment.
+        bound, bunch = 10000, 500
+        c = self.client()
+        c.envelope(recipients=())
+        for first in range(0, bound, bunch):
+            c.send(b"".join(b"RCPT TO:<r%d@example.org>\r\n" % i for i in range(first, first + bunch)))
+            self.assertEqual({c.reply() for _ in range(bunch)}, {b"250 ok\r\n"})
+        self.assertEqual(c.ask(b"RCPT TO:<one@example.org>"), b"452 4.5.3 Too many recipients\r\n")
+        self.assertFalse([line for line in self.server.lines if b"one@" in line])
+        self.assertEqual(c.data(b"Subject: x\r\n\r\n.\r\n"), b"250 queued\r\n")
+        self.assertIn(b";".join(b"r%d@example.org" % i for i in range(bound)) + b"\0", self.scan.requests[0])
+        self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>"), b"250 ok\r\n")
+        self.assertEqual(c.ask(b"RCPT TO:<one@example.org>"), b"250 ok\r\n", "the next message begins anew")
+
     def test_the_servers_word_on_data_is_the_answer(self):
         for reply in (b"554 5.7.1 policy\r\n", b"451 4.3.0 later\r\n", b"554-5.7.1 policy\r\n554 5.7.1 says no\r\n"):
             for mask in (1, 2):
@@ -112,6 +127,26 @@ class Refusals(System):
         self.assertEqual(c.data(b"text\r\n.\r\n"), b"451 4.1.8 not now\r\n")
         self.assertEqual(c.ask(b"VRFY step"), b"250 ok\r\n")
         self.assertEqual(self.server.messages, [])
+
+    def test_a_rejected_message_is_rejected_whatever_becomes_of_its_copy(self):
+        # A client that hears of a passing fault would send it again and again.
+        self.scan.answer = lambda request: verdict(4, section_mask=1, recipients="one@x.example")
+        for verb in ("MAIL", "DATA", "BDAT"):
+            with self.subTest(verb):
+                kept = dict(self.server.rules)
+                c = self.client()
+                c.reply()
+                for line in (b"HELO me", b"MAIL FROM:<s@example.org>", b"RCPT TO:<r@example.org>"):
+                    self.assertTrue(c.ask(line).startswith(b"250"))
+                self.server.rules[verb] = b"451 4.3.0 later\r\n"
+                if verb == "BDAT":
+                    c.send(b"BDAT 6 LAST\r\ntext\r\n")
+                    self.assertEqual(c.reply(), REJECTED)
+                else:
+                    self.assertEqual(c.data(b"text\r\n.\r\n"), REJECTED)
+                self.assertEqual(self.server.lines[-1], b"RSET\r\n")
+                self.assertEqual(c.ask(b"VRFY step"), b"250 ok\r\n")
+                self.server.rules = kept
 
     def test_a_closing_server_ends_the_session(self):
         for verb, line in (("VRFY", b"VRFY x"), ("MAIL", b"MAIL FROM:<s@example.org>"), ("QUIT", b"QUIT")):

@@ -118,7 +118,8 @@ class Chunks(Chunked):
                 self.assertEqual(self.chunk(c, b"first"), OK)
                 self.assertEqual(len(self.proxy.spool()), 1)
                 self.assertEqual(self.chunk(c, b"last", last=True), b"250 ok\r\n")
-                self.assertEqual(self.server.messages, [b"firstlast"])
+                asked = [b""] if command.startswith(b"HELO") else []  # whether it knows chunks
+                self.assertEqual(self.server.messages, asked + [b"firstlast"])
                 c.close()
                 self.assertTrue(wait_until(lambda: not self.proxy.spool()))
 
@@ -227,6 +228,22 @@ class ChunkFaults(Chunked):
         self.assertEqual(self.server.lines[-2:], [b"bdat 0  \r\n", b"RSET\r\n"])
         self.assertEqual(c.ask(b"VRFY x"), b"250 ok\r\n")
         self.assertEqual(self.server.messages, [b""])
+
+    def test_an_offer_holds_until_the_next_greeting(self):
+        # What a server offers, it offers anew in each reply to EHLO; behind HELO it may know no BDAT.
+        self.server.rules["BDAT"] = b"503 not offered\r\n"
+        for greeting, reply in ((b"HELO me", b"250 real\r\n"), (b"EHLO me", b"250-real\r\n250 SIZE\r\n"), (b"EHLO me", b"250 real\r\n")):
+            with self.subTest(greeting + reply):
+                self.server.rules.update(EHLO=b"250-real\r\n250 CHUNKING\r\n", HELO=b"250 real\r\n")
+                c = self.client()
+                c.reply()
+                self.assertEqual(c.ask(b"EHLO me"), b"250-proxy.example\r\n250 CHUNKING\r\n")
+                self.server.rules[greeting[:4].decode()] = reply
+                self.assertTrue(c.ask(greeting).startswith(b"250"))
+                self.again(c)
+                self.assertEqual(self.chunk(c, b"RCPT TO:<victim@evil.test>\r\n", last=True), b"503 not offered\r\n")
+                self.assertEqual(self.server.lines[-2:], [b"bdat 0  \r\n", b"RSET\r\n"])
+                self.in_step(c)
 
     def test_server_refuses_and_goes(self):
         def answer(line):

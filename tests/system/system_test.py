@@ -48,6 +48,13 @@ class Dialogue(System):
         self.assertEqual(c.ask(b"QUIT"), b"221 proxy.example ESMTP Vantrel Proxy closing connection\r\n")
         self.assertEqual(c.reply(), b"")
 
+    def test_a_withheld_last_line_still_ends_the_reply(self):
+        for last in (b"250 STARTTLS\r\n", b"250\tSTARTTLS\r\n", b"250: PIPELINING\r\n"):
+            self.server.rules["EHLO"] = b"250-real\r\n250-SIZE\r\n" + last
+            c = self.client()
+            c.reply()
+            self.assertEqual(c.ask(b"EHLO me"), b"250-proxy.example\r\n250-SIZE\r\n250 EHLO\r\n", last)
+
     def test_replies_of_several_lines_stay_in_step(self):
         self.server.rules.update(GREETING=b"220-one\r\n220-two\r\n220 three\r\n", HELO=b"250-a\r\n250 b\r\n",
                                  MAIL=b"250-x\r\n250 y\r\n", RCPT=b"250-x\r\n250 y\r\n",

@@ -73,6 +73,17 @@ Place InBrackets(std::string_view text, std::size_t open) {
     return {text.substr(open + 1, close - open - 1), true, text.substr(behind)};
 }
 
+// What the brackets that open at `open` hold for a server that counts those within them.
+std::string_view InNestedBrackets(std::string_view text, std::size_t open) {
+    int depth = 0;
+    std::size_t at = open;
+    for (; at < text.size(); at = BehindUnit(text, at)) {
+        if (text[at] == '<') ++depth;
+        if (text[at] == '>' && --depth == 0) break;
+    }
+    return text.substr(open + 1, at - open - 1);
+}
+
 // Where a server that knows the grammar finds the path. A '<' behind the first word opens it only
 // if it isn't the value of a parameter.
 Place FindPath(std::string_view text) {
@@ -183,15 +194,17 @@ class Readings {
             all_.emplace_back(reading);
     }
 
-    // Both readings of each separator: a mailbox in front of '@' and '%', behind '!'.
+    // Both readings of each separator: a mailbox in front of '@' and '%', behind '!'. The mailbox
+    // may be empty, as two quotes are; but then an '@' of a route is none.
     void AddEach(std::string_view text) {
         for (std::size_t at = 0; at < text.size(); ++at) {
             if (!IsIn(text[at], "@%!")) continue;
             const bool bang = text[at] == '!';
             const std::string_view left = LeftOf(text, at, text[at] != '@');
             std::string_view right = RightOf(text, at);
-            if (left.empty() || right.empty()) continue;
             std::string_view host = bang ? left : right;
+            const bool hop = text[at] == '@' && left.empty() && text.find(':', at) != kNone;
+            if (host.empty() || hop) continue;
             if (host.size() > 1 && host.back() == '.') host.remove_suffix(1);
             Add(std::string(bang ? right : left).append("@").append(host));
         }
@@ -244,7 +257,13 @@ void AddOtherPlaces(std::string_view text, const Place& place, Readings& reading
     const std::size_t wordEnd = std::min(text.find_first_of(kBlanks), text.size());
     std::string word(text.substr(0, wordEnd));
     if (word.find_first_of("@%!") != kNone) AddPath(word, readings);
-    if (place.bracketed) return;
+    // The same for those who know quotes and comments, and take no '<' within a word for a bracket.
+    const std::string_view unbroken = text.substr(0, FindOutside(text, kBlanks, 0));
+    if (unbroken.find_first_of("@%!") != kNone) AddPath(unbroken, readings);
+    if (place.bracketed) {
+        AddPath(InNestedBrackets(text, FindOutside(text, "<", 0)), readings);
+        return;
+    }
     // Words that are no parameters: an address with blanks in it.
     for (std::string_view rest = Trim(text.substr(wordEnd)); !rest.empty();) {
         const std::size_t end = std::min(rest.find_first_of(kBlanks), rest.size());

@@ -1,6 +1,7 @@
 // The relay guard: the grammar of paths that every server reads alike.
 //
-//   text    = blanks [name] "<" path ">" [blank anything] / blanks path *(blanks parameter)
+//   text    = blanks [name] "<" path ">" [blank anything without "<" and ">"]
+//             / blanks path *(blanks parameter)
 //   path    = [route] local "@" ours / bare name / nothing
 //   route   = "@" ours *("," "@" ours) ":"
 //   local   = 1*word / DQUOTE 1*word DQUOTE
@@ -156,6 +157,8 @@ bool StaysInside(std::string_view text, const std::vector<std::string>& mailDoma
     const std::size_t close = text.find('>', open);
     if (close == kNone || !IsDisplayName(text.substr(0, open))) return false;
     const bool glued = close + 1 < text.size() && !IsIn(text[close + 1], kBlanks);
+    // A server may take the path to go to the last '>', or the last '<' to open it.
+    if (text.find_first_of("<>", close + 1) != kNone) return false;
     return !glued && PathStays(text.substr(open + 1, close - open - 1), mailDomains);
 }
 

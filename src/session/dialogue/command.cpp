@@ -18,6 +18,9 @@ constexpr std::string_view kBadSequence = "503 Bad sequence of commands\r\n";
 constexpr std::string_view kUnableToRelay = "550 Unable to relay\r\n";
 constexpr std::string_view kChunkReceived = "250 chunk received ok\r\n";
 constexpr std::string_view kTooLong = "500 5.5.2 Line too long\r\n";
+constexpr std::string_view kTooManyRecipients = "452 4.5.3 Too many recipients\r\n";
+// Of one message, whatever the server takes: each is kept until the message is over.
+constexpr std::size_t kMostRecipients = 10000;
 // For a refused sender without a deny text: a client always gets exactly one reply to a command.
 constexpr std::string_view kDefaultDeny = "550 5.7.1 Message Rejected\r\n";
 
@@ -90,6 +93,7 @@ Dialogue::Outcome Dialogue::RecipientRule() {
     if (stranger && (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
                      !StaysInside(text, peers_.settings.mailDomains)))
         return Answer(kUnableToRelay);
+    if (envelope_.recipients.size() >= kMostRecipients) return Answer(kTooManyRecipients);
     recipientText_ = ReadPath(text).address.substr(0, kLongestAddress);
     inFlight_ = CMD_RCPT;
     return Outcome::kForward;

@@ -108,6 +108,7 @@ Dialogue::Line Dialogue::RewriteLine() {
     if (inFlight_ == CMD_EHLO) return FilterEhloLine();
     if (inFlight_ == CMD_HELO) {
         SetReply("250 %s ESMTP Vantrel Proxy, pleased to meet you\r\n");
+        peers_.server.takesChunks = false;
         envelope_.Clear();
         return Line::kWholeReply;
     }
@@ -144,6 +145,7 @@ void Dialogue::AcceptSender() {
 }
 
 Dialogue::Line Dialogue::FilterEhloLine() {
+    if (firstLine_) peers_.server.takesChunks = false;  // each reply offers anew
     if (firstLine_ && Continues(reply_)) {
         firstLine_ = false;
         SetReply("250-%s\r\n");
@@ -160,7 +162,8 @@ Dialogue::Line Dialogue::FilterEhloLine() {
     }
     if (EqualIgnoringCase(keyword, "size")) OfferSize();
     if (IsOffered(keyword)) return Line::kPass;
-    if (separator != ' ') return Line::kDrop;
+    // Whatever stands behind the code of the last line: it ends the reply, so the client gets one.
+    if (Continues(reply_)) return Line::kDrop;
     reply_ = kLastEhloLine;
     return Line::kPass;
 }

@@ -91,11 +91,17 @@ bool MessageRelay::AnswerRefusal(int* expectReply) {
     return false;
 }
 
+// A message that was rejected anyway keeps the reason that its client has to hear: for a passing
+// fault of the copy to the redirects it would come again and again.
+void MessageRelay::NoteRefusal() {
+    refusal_ = verdict_ == VERDICT_REJECT ? std::string(kRejected) : reply_.text;
+}
+
 // False ends the session; refusal_ says if it is the sender that the server doesn't want any more.
 bool MessageRelay::OpenFreshEnvelope() {
     if (!peers_.server.ReadReply(reply_) || !envelope_.savedMailLine.has_value()) return false;
     if (!peers_.server.Ask(*envelope_.savedMailLine, reply_)) return false;
-    if (reply_.Refuses()) refusal_ = reply_.text;
+    if (reply_.Refuses()) NoteRefusal();
     return true;
 }
 
@@ -123,7 +129,7 @@ bool MessageRelay::SendMessage() {
     if (envelope_.messagePhase == PHASE_BDAT) return SendAsChunks();
     if (!peers_.server.Ask("DATA\r\n", reply_)) return false;
     if (reply_.Is("354")) return SendAsData();
-    if (reply_.Refuses()) refusal_ = reply_.text;
+    if (reply_.Refuses()) NoteRefusal();
     return !refusal_.empty();
 }
 
@@ -149,7 +155,7 @@ bool MessageRelay::SendAsChunks() {
     if (!peers_.server.takesChunks) {
         if (!peers_.server.Ask("bdat 0  \r\n", reply_)) return false;
         if (reply_.Refuses()) {
-            refusal_ = reply_.text;
+            NoteRefusal();
             return true;
         }
     }
@@ -170,8 +176,7 @@ bool MessageRelay::SendAsChunks() {
         // Each chunk has a reply of its own; left unread, all later replies would be out of step.
         if (!peers_.server.ReadReply(reply_)) return false;
         if (!reply_.Refuses()) continue;
-        // A message that was refused anyway keeps the reason that its client has to hear.
-        refusal_ = verdict_ == VERDICT_REJECT ? std::string(kRejected) : reply_.text;
+        NoteRefusal();
         return true;
     }
 }

@@ -31,6 +31,7 @@ class MessageRelay {
     bool Deliver(int* expectReply);
     bool AnswerFailedScan(int* expectReply);
     bool AnswerRefusal(int* expectReply);
+    void NoteRefusal();
     bool OpenFreshEnvelope();
     bool AddRedirects();
     bool SendMessage();

@@ -54,6 +54,16 @@ std::string SenderOf(const Envelope& envelope) {
         .address;
 }
 
+// As one text: added one by one, each would have all before it looked through and moved.
+std::string Join(const TextList& texts) {
+    std::string all;
+    for (const std::string& text : texts) {
+        if (&text != &texts.front()) all.push_back(';');
+        all.append(text);
+    }
+    return all;
+}
+
 }  // namespace
 
 Verdict ScanMessage(Peers& peers, const Envelope& envelope, const SpoolFile& spool,
@@ -76,9 +86,9 @@ Verdict ScanMessage(Peers& peers, const Envelope& envelope, const SpoolFile& spo
     // recipient that could not be added would hide from the scan, so that fails it.
     MailScanSetObjectActions(&record, kObjectActions, nullptr);
     MailScanSetMessageActions(&record, kMessageActions, nullptr);
-    for (const std::string& recipient : envelope.recipients) {
-        if (MailScanAddRecipient(&record, recipient.c_str()) != 0) return VERDICT_FAILED;
-    }
+    if (!envelope.recipients.empty() &&
+        MailScanAddRecipient(&record, Join(envelope.recipients).c_str()) != 0)
+        return VERDICT_FAILED;
     if (MailScan(&record) != 0) return VERDICT_FAILED;
     if (const MailScanVerdict* verdict = record.verdict) {
         AppendRedirect(redirectAddresses, verdict->antivirus.actionMask, 1,

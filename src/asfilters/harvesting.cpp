@@ -6,29 +6,20 @@
 
 #include "asfilters/text.h"
 #include "text/ascii.h"
-#include "trelis/buffered.h"
+#include "trelis/settings.h"
 
 namespace {
 
-constexpr char kRoot[] = "/VTWIN/Filters/AS/DirectoryHarvesting";
-constexpr int kDefaultTimeout = 45;  // seconds
-
-int ReadTimeout(const std::string& key) {
-    char value[asfilters::kValueSize];
-    if (BufferedGetValue(kLocalStore, key.c_str(), value, sizeof value) != 0)
-        return kDefaultTimeout;
-    const int seconds = asfilters::DecimalNumber(value);
-    return seconds < 1 ? kDefaultTimeout : seconds;
-}
+consteval trelis::Key Key(const char* name) { return {trelis::kHarvestingKey, name}; }
 
 }  // namespace
 
-CDirectoryHarvesting::Set CDirectoryHarvesting::Set::Read() {
-    Set set;
-    const std::string root(kRoot);
-    set.sendDenyMessage = asfilters::ReadFlag(root + "/EnabledSendDenyMessage");
-    set.denyText = asfilters::ReadDenyText(root);
-    set.responseTimeout = ReadTimeout(root + "/ResponseTimeout");
+std::shared_ptr<const CDirectoryHarvesting::Set> CDirectoryHarvesting::Set::Read() {
+    if (!trelis::ReadFlag(Key("Enabled"))) return nullptr;
+    auto set = std::make_shared<Set>();
+    set->sendDenyMessage = trelis::ReadFlag(Key("EnabledSendDenyMessage"));
+    set->denyText = trelis::ReadText(Key("DenyMessage"));
+    set->responseTimeout = trelis::ReadInt(Key("ResponseTimeout"));
     return set;
 }
 

@@ -3,9 +3,11 @@
 // delay.
 #pragma once
 
+#include <memory>
 #include <string>
 
-#include "asfilters/followed.h"
+#include "trelis/followed.h"
+#include "trelis/key_rows.h"
 
 class CDirectoryHarvesting {
   public:
@@ -21,8 +23,9 @@ class CDirectoryHarvesting {
         bool sendDenyMessage = false;
         int responseTimeout = 0;  // seconds, at least 1
 
-        static Set Read();
+        static std::shared_ptr<const Set> Read();  // null: the filter is off
     };
 
-    asfilters::Followed<Set> configuration_{"/VTWIN/Filters/AS/DirectoryHarvesting"};
+    trelis::Followed<Set> configuration_{trelis::kHarvestingKey, &Set::Read,
+                                         trelis::Followed<Set>::Begin::kNow};
 };

@@ -1,33 +1,27 @@
 #include "asfilters/ip_list.h"
 
 #include <optional>
+#include <string>
 
 #include "platform/socket.h"
-#include "trelis/buffered.h"
-
-using asfilters::kValueSize;
+#include "trelis/settings.h"
 
 namespace {
 
-constexpr char kAddresses[] = "/VTWIN/Filters/AS/AllowDenyIPList/Addresses";
-
-int Read(const std::string& key, char (&value)[kValueSize]) {
-    return BufferedGetValue(kLocalStore, key.c_str(), value, kValueSize);
-}
+consteval trelis::Key Key(const char* name) { return {trelis::kAddressListKey, name}; }
 
 // Nothing for an entry that is not complete. An address that can't be read is all ones, and so can
 // match 255.255.255.255 or through its mask: an entry is never taken for another address.
-std::optional<IPEntry> ReadEntry(const std::string& key) {
-    char value[kValueSize];
+std::optional<IPEntry> ReadEntry(const std::string& name) {
     IPEntry entry;
-    if (Read(key + "/IP", value) < 0) return std::nullopt;
-    entry.IP = inet_addr(value);
-    if (Read(key + "/Mask", value) >= 0 && value[0] != '\0') {
-        entry.Mask = inet_addr(value);
+    const auto address = trelis::ReadIfGiven(Key("Addresses/*/IP"), {name});
+    if (!address) return std::nullopt;
+    entry.IP = inet_addr(address->c_str());
+    if (const std::string mask = trelis::ReadText(Key("Addresses/*/Mask"), {name}); !mask.empty()) {
+        entry.Mask = inet_addr(mask.c_str());
         entry.HasMask = 1;
     }
-    if (Read(key + "/Action", value) < 0) return std::nullopt;
-    entry.Action = asfilters::DecimalNumber(value);
+    entry.Action = trelis::ReadInt(Key("Addresses/*/Action"), {name});
     if (entry.Action != IPEntry::kAllow && entry.Action != IPEntry::kDeny) return std::nullopt;
     return entry;
 }
@@ -38,11 +32,12 @@ bool Matches(const IPEntry& entry, std::uint32_t peer) {
 
 }  // namespace
 
-CAllowDenyIPList::Set CAllowDenyIPList::Set::Read() {
-    Set set;
-    asfilters::ChildWalk children(kAddresses);
-    for (std::string key; children.Next(key);) {
-        if (const std::optional<IPEntry> entry = ReadEntry(key)) set.entries.push_back(*entry);
+std::shared_ptr<const CAllowDenyIPList::Set> CAllowDenyIPList::Set::Read() {
+    if (!trelis::ReadFlag(Key("Enabled"))) return nullptr;
+    auto set = std::make_shared<Set>();
+    trelis::NameWalk names(Key("Addresses/*/IP"));
+    for (std::string name; names.Next(name);) {
+        if (const std::optional<IPEntry> entry = ReadEntry(name)) set->entries.push_back(*entry);
     }
     return set;
 }

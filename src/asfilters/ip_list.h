@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
-#include "asfilters/followed.h"
+#include "trelis/followed.h"
+#include "trelis/key_rows.h"
 
 struct IPEntry {
     std::uint32_t IP = 0;    // network byte order
@@ -26,9 +28,10 @@ class CAllowDenyIPList {
 
   private:
     struct Set {
-        std::vector<IPEntry> entries;  // in the store's order
-        static Set Read();
+        std::vector<IPEntry> entries;              // in the store's order
+        static std::shared_ptr<const Set> Read();  // null: the filter is off
     };
 
-    asfilters::Followed<Set> configuration_{"/VTWIN/Filters/AS/AllowDenyIPList"};
+    trelis::Followed<Set> configuration_{trelis::kAddressListKey, &Set::Read,
+                                         trelis::Followed<Set>::Begin::kNow};
 };

@@ -1,41 +1,40 @@
 #include "asfilters/sender_list.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "asfilters/text.h"
 #include "asfilters/wildcard.h"
-#include "trelis/buffered.h"
+#include "trelis/settings.h"
 
 namespace {
 
-constexpr char kRoot[] = "/VTWIN/Filters/AS/SenderBlackList";
+consteval trelis::Key Key(const char* name) { return {trelis::kBlackListKey, name}; }
 
-// The names of the children mean nothing, their values are the list. An empty value is an entry
-// like any other.
+// The names mean nothing, their values are the list. An empty value is an entry like any other.
 template <typename Use>
-void ForEachValue(const std::string& parent, Use use) {
-    asfilters::ChildWalk children(parent);
-    char value[asfilters::kValueSize];
-    for (std::string key; children.Next(key);) {
-        if (BufferedGetValue(kLocalStore, key.c_str(), value, sizeof value) == 0) use(value);
+void ForEachValue(const trelis::Key& key, Use use) {
+    trelis::NameWalk names(key);
+    for (std::string name; names.Next(name);) {
+        if (std::optional<std::string> value = trelis::ReadIfGiven(key, {name})) use(*value);
     }
 }
 
 }  // namespace
 
-CSenderBlackList::Set CSenderBlackList::Set::Read() {
-    Set set;
-    const std::string root(kRoot);
-    set.sendDenyMessage = asfilters::ReadFlag(root + "/EnabledSendDenyMessage");
-    set.dropConnection = asfilters::ReadFlag(root + "/EnabledDropConnection");
-    set.denyText = asfilters::ReadDenyText(root);
-    ForEachValue(root + "/WildcardsList",
-                 [&set](const char* value) { set.wildcards.emplace_back(value); });
-    ForEachValue(root + "/UsersList", [&set](char* value) {
-        asfilters::MakeLowerCase(value);
-        set.users.Add(value);
+std::shared_ptr<const CSenderBlackList::Set> CSenderBlackList::Set::Read() {
+    if (!trelis::ReadFlag(Key("Enabled"))) return nullptr;
+    auto set = std::make_shared<Set>();
+    set->sendDenyMessage = trelis::ReadFlag(Key("EnabledSendDenyMessage"));
+    set->dropConnection = trelis::ReadFlag(Key("EnabledDropConnection"));
+    set->denyText = trelis::ReadText(Key("DenyMessage"));
+    ForEachValue(Key("WildcardsList/*"),
+                 [&set](const std::string& value) { set->wildcards.push_back(value); });
+    ForEachValue(Key("UsersList/*"), [&set](std::string& value) {
+        asfilters::MakeLowerCase(value.data());
+        set->users.Add(value.c_str());
     });
-    set.users.Seal();
+    set->users.Seal();
     return set;
 }
 

@@ -2,11 +2,13 @@
 // addresses, found by hash.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "asfilters/followed.h"
 #include "asfilters/users.h"
+#include "trelis/followed.h"
+#include "trelis/key_rows.h"
 
 class CSenderBlackList {
   public:
@@ -23,9 +25,10 @@ class CSenderBlackList {
         bool sendDenyMessage = false;
         bool dropConnection = false;
 
-        static Set Read();
+        static std::shared_ptr<const Set> Read();  // null: the filter is off
         bool Lists(const char* lowerCaseSender) const;
     };
 
-    asfilters::Followed<Set> configuration_{"/VTWIN/Filters/AS/SenderBlackList"};
+    trelis::Followed<Set> configuration_{trelis::kBlackListKey, &Set::Read,
+                                         trelis::Followed<Set>::Begin::kNow};
 };

@@ -49,7 +49,7 @@ void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
         drop();
         return;
     }
-    session->ApplyInterface(*entry, scanLimit_.Current());
+    session->ApplyInterface(*entry, *scanLimit_.Current());
     session->SetConnectionCounter(&ActiveConnectionCounts[position]);
     if (session->Start() == 0) {
         [[maybe_unused]] CSMTPProxy* const handedOver =

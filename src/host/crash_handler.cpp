@@ -2,12 +2,11 @@
 
 #include "host/smtp.h"
 #include "platform/library.h"
-#include "trelis/buffered.h"
+#include "trelis/settings.h"
 
 namespace {
 
-constexpr char kAppPathKey[] = "/VTWIN/VTSUBMIT/AppPath";
-constexpr int kAppPathSize = 259;
+constexpr trelis::Key kAppPath{trelis::kCrashKey, "AppPath"};
 constexpr char kLibraryName[] = "vtch.dll";
 using EnableCrashHandlerFunction = int (*)(const char*, const char*, int, int, int, int);
 
@@ -16,9 +15,7 @@ using EnableCrashHandlerFunction = int (*)(const char*, const char*, int, int, i
 int LoadCrashHandler(const char* label) {
     // This reference is kept for the life of the process.
     if (TrelisInit2() != 0) return 0;
-    char path[kAppPathSize];
-    if (BufferedGetValue(kLocalStore, kAppPathKey, path, sizeof path) != 0) return 0;
-    std::string directory(path);
+    std::string directory = trelis::ReadText(kAppPath);
     const std::size_t end = directory.find_last_of("\\/");
     if (end == std::string::npos) return 0;
     directory.resize(end + 1);

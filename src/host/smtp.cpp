@@ -14,13 +14,12 @@
 #include "scanclient/scanclient.h"
 #include "session/registry.h"
 #include "session/session.h"
-#include "trelis/trelis.h"
+#include "trelis/settings.h"
 
 namespace {
 
 constexpr char kServiceName[] = "VTSMTPPROXY";
-constexpr char kInterfacesKey[] = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces";
-constexpr char kActiveConnectionsKey[] = "/VTWIN/Agents/VTSMTPProxy/ActiveConnections";
+constexpr trelis::Key kActiveConnections{trelis::kProxyKey, "ActiveConnections"};
 constexpr DWORD kStartHint = 3000;  // milliseconds, as all below
 constexpr DWORD kStopHint = 10000;
 constexpr DWORD kPublishInterval = 10000;
@@ -107,10 +106,10 @@ void CSMTP::Run(int, char**) {
     if (!CreateSocketWindow() || !StartClients()) return;
     SessionRegistry::Instance().Reopen();
     // The watch comes first: a change during the reading is told of, not missed.
-    const TrelisNotify watch = TrelisPlaceNotify(kLocalStore, kInterfacesKey, 1);
-    scanLimit_.Watch();
+    const trelis::Watch watch(trelis::kInterfacesKey);
+    scanLimit_.Load();
     LoadInterfaces();
-    const UniqueHandle notification(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch));
+    const UniqueHandle notification(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch.EventName()));
     if (!notification) return;
     ReportStatus(SERVICE_RUNNING, kStartHint, 0);
 
@@ -129,8 +128,7 @@ void CSMTP::Run(int, char**) {
     // A session that waited for one of those has been woken by their end.
     SessionRegistry::Instance().WaitIdle(kCutSessions);
     sessionsLeft_ = !SessionRegistry::Instance().Empty();
-    scanLimit_.Unwatch();
-    TrelisCancelNotify(kLocalStore, kInterfacesKey, 1, watch);
+    scanLimit_.End();
     TrelisUninit();
     WSACleanup();
     StopEvent = nullptr;
@@ -165,7 +163,7 @@ void CSMTP::RunLoop(HANDLE notification) {
 void CSMTP::PublishActiveConnections() {
     int sum = 0;
     for (const std::atomic<std::int32_t>& count : ActiveConnectionCounts) sum += count;
-    TrelisSetValue(kLocalStore, kActiveConnectionsKey, std::to_string(sum).c_str());
+    TrelisSetValue(kLocalStore, kActiveConnections.Path().c_str(), std::to_string(sum).c_str());
     // A quiet moment: what a burst of sessions has freed goes back to the system.
     platform::TrimAllocator();
 }

@@ -16,6 +16,8 @@
 #include "platform/sync.h"
 #include "platform/window.h"
 #include "session/interface.h"
+#include "trelis/followed.h"
+#include "trelis/key_rows.h"
 
 inline constexpr int kInterfaceCount = 16;
 // Posted to SocketWindow when a connection waits on a listener; wParam the socket, lParam's low 16
@@ -49,7 +51,7 @@ class CSMTP : public CNTService {
     void PublishActiveConnections();
     void EndSessions();
     void ReleaseInterfaces();
-    void LoadInterface(int position, const char* name);
+    void LoadInterface(int position, const std::string& name);
 
     // Lives as long as the host: a late signal may still come to it.
     UniqueHandle stopEvent_;
@@ -60,7 +62,7 @@ class CSMTP : public CNTService {
     std::array<std::atomic<std::int32_t>, kInterfaceCount>& ActiveConnectionCounts;
     std::atomic<bool> stopRequested_{false};
     bool sessionsLeft_ = false;
-    ScanLimit scanLimit_;
+    trelis::Followed<long long> scanLimit_{trelis::kMailDaemonKey, ReadScanLimit};
     platform::InstanceLock lock_;
 };
 

@@ -1,31 +1,26 @@
 #include "libstats/servers.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 
 #include "libstats/core.h"
 #include "net/socket.h"
-#include "trelis/buffered.h"
+#include "trelis/settings.h"
 
 namespace {
 
-constexpr char kPortKey[] = "/VTWIN/Daemons/StatsDaemon/HTTPPort";
-constexpr int kPortTextSize = 1024;
+constexpr trelis::Key kPort{trelis::kStatsKey, "HTTPPort"};
 constexpr std::size_t kCredentialsSize = 1024;
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // The server's own store knows its port: the one of this host is asked only for this host.
 int ReadPort(std::uint32_t address) {
-    int port = 0;
+    int port = kStatsPort;
     if (TrelisInit2() == 0) {
-        char text[kPortTextSize];
-        if (BufferedGetValue(ntohl(address), kPortKey, text, sizeof text) >= 0)
-            port = static_cast<int>(std::clamp(std::strtol(text, nullptr, 10), 0L, 0x7FFFFFFFL));
+        port = trelis::ReadInt(kPort, {}, ntohl(address));
         TrelisUninit();
     }
     // One that is no port fails at the connecting: another place is not asked in its stead.
-    return port < 1 ? kStatsPort : port;
+    return port;
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -20,12 +20,13 @@
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 #include "text/ascii.h"
-#include "trelis/trelis.h"
+#include "trelis/followed.h"
+#include "trelis/settings.h"
 
 namespace {
 
 constexpr char kEndpointName[] = "vtlogd";
-constexpr char kLevelsKey[] = "/VTUX/LoggerDaemon/LogLevel";
+constexpr trelis::Key kLevel{trelis::kLogLevelKey, "*"};
 constexpr char kAlertMark[] = "(alert)";
 constexpr std::uint32_t kKindBits = 0xFFFF0000;
 constexpr std::uint32_t kOpenLevelBits = 0x700;
@@ -38,39 +39,44 @@ constexpr int kArguments = 13;  // by their numbers: 2 to 12
 
 std::atomic<int> g_users{0};
 std::atomic<LIPCEndpoint*> g_endpoint{nullptr};
-std::atomic<TrelisNotify> g_watch{nullptr};
 char g_label[32];  // written by the first LogClientInit, before any event
-std::array<std::atomic<std::uint32_t>, std::size(kLogClasses)> g_levels{
-    kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh,
-    kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh, kLevelHigh};
 
-void ReadLevels(bool createMissing) {
+using Levels = std::array<std::uint32_t, std::size(kLogClasses)>;
+
+// A word that is none leaves the level as it was. One call at a time.
+std::shared_ptr<const Levels> ReadLevels() {
+    static Levels levels = [] {
+        Levels all;
+        all.fill(kLevelHigh);
+        return all;
+    }();
     for (std::size_t i = 0; i < std::size(kLogClasses); ++i) {
-        const std::string key = std::string(kLevelsKey) + "/" + kLogClasses[i].name;
-        char word[32] = "";
-        if (TrelisGetValue(kLocalStore, key.c_str(), word, 31) == 0) {
-            for (const LogLevel& level : kLogLevels) {
-                if (EqualIgnoringCase(word, level.word)) g_levels[i] = level.bit;
-            }
-        } else {
-            g_levels[i] = kLevelHigh;
-            if (createMissing) TrelisSetValue(kLocalStore, key.c_str(), "high");
+        const std::string word = trelis::ReadText(kLevel, {kLogClasses[i].name});
+        for (const LogLevel& level : kLogLevels) {
+            if (EqualIgnoringCase(word, level.word)) levels[i] = level.bit;
         }
+    }
+    return std::make_shared<const Levels>(levels);
+}
+
+void MakeMissingLevels() {
+    for (const LogClass& each : kLogClasses) {
+        if (!trelis::ReadIfGiven(kLevel, {each.name}))
+            TrelisSetValue(kLocalStore, kLevel.Path({each.name}).c_str(), kLevel.Row().fallback);
     }
 }
 
-// The store tells of a change once, to whoever asks first. Asking and reading are one step, so that
-// no other thread's event goes by the old levels meanwhile, and no older reading outlives a newer.
-void FollowLevels() {
-    static std::mutex mutex;
-    const std::lock_guard lock(mutex);
-    TrelisNotify watch = g_watch;
-    if (watch != nullptr && TrelisWaitNotify(kLocalStore, watch, 0) > 0) ReadLevels(false);
+// Made once and never destroyed: a session may ask when the client has gone.
+trelis::Followed<Levels>& FollowedLevels() {
+    static auto& levels = *new trelis::Followed<Levels>(trelis::kLogLevelKey, ReadLevels);
+    return levels;
 }
 
 std::uint32_t LevelOf(std::uint32_t kind) {
+    const std::shared_ptr<const Levels> levels = FollowedLevels().Current();
+    if (levels == nullptr) return kLevelHigh;
     for (std::size_t i = 0; i < std::size(kLogClasses); ++i) {
-        if (kLogClasses[i].kind == kind) return g_levels[i];
+        if (kLogClasses[i].kind == kind) return (*levels)[i];
     }
     return kLevelHigh;
 }
@@ -190,7 +196,6 @@ int AddFields(TagMsgNode* root, const Kind& kind,
 // Whether an event is wanted, by the word's own level or its class's, which is put into the word.
 bool Wanted(std::uint32_t& event) {
     if ((event & kOpenLevelBits) == 0) {
-        FollowLevels();
         event |= LevelOf(event & kKindBits);
     }
     return (event & kLevelNone) == 0;
@@ -271,9 +276,8 @@ int LogClientInit(const char* label, std::uint32_t) {
     g_endpoint = endpoint;
     Outbox().Open(endpoint, TellLost);
     std::snprintf(g_label, sizeof g_label, "%s", label != nullptr ? label : "");
-    // The watch comes first: a change during the reading is told of, not missed.
-    g_watch = TrelisPlaceNotify(kLocalStore, kLevelsKey, 1);
-    ReadLevels(true);
+    MakeMissingLevels();
+    FollowedLevels().Load();
     return 0;
 }
 
@@ -281,8 +285,7 @@ void LogClientUninit() {
     if (--g_users != 0) return;
     g_endpoint = nullptr;
     Outbox().Close(kStopLimit);
-    if (TrelisNotify watch = g_watch.exchange(nullptr))
-        TrelisCancelNotify(kLocalStore, kLevelsKey, 1, watch);
+    FollowedLevels().End();
 }
 
 int LogClientEvent(std::uint32_t event, ...) {

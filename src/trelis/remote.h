@@ -19,9 +19,6 @@
 
 namespace trelis {
 
-inline constexpr std::uint16_t kRemotePort = 8485;
-// Where both sides find another port: each in its own store.
-inline constexpr char kRemotePortKey[] = "/VTWIN/Daemons/StoreDaemon/Port";
 inline constexpr std::size_t kRemoteKeySize = 512;
 inline constexpr std::size_t kRemoteMostValue = 65536;
 

@@ -5,8 +5,8 @@
 #include <new>
 
 #include "trelis/admin.h"
-#include "trelis/buffered.h"
 #include "trelis/remote.h"
+#include "trelis/settings.h"
 #include "trelis/store.h"
 #include "trelis/watches.h"
 
@@ -60,16 +60,12 @@ int CopyOut(const std::string& text, char* buffer, int size) {
     return 0;
 }
 
-std::uint16_t RemotePort() {
-    char text[16] = "";
-    TrelisGetValue(kLocalStore, trelis::kRemotePortKey, text, sizeof text);
-    const long port = std::strtol(text, nullptr, 10);
-    return port < 1 || port > 0xFFFF ? trelis::kRemotePort : static_cast<std::uint16_t>(port);
-}
+constexpr trelis::Key kRemotePort{trelis::kStoreKey, "Port"};
 
 int GetRemote(std::uint32_t store, const char* key, char* buffer, int size) {
     try {
-        const std::optional<std::string> value = trelis::RemoteGetValue(store, RemotePort(), key);
+        const std::optional<std::string> value = trelis::RemoteGetValue(
+            store, static_cast<std::uint16_t>(trelis::ReadInt(kRemotePort)), key);
         return value ? CopyOut(*value, buffer, size) : kFailed;
     } catch (const std::exception&) {
         return kFailed;
@@ -157,16 +153,6 @@ int TrelisWaitNotify(std::uint32_t, TrelisNotify watch, int) {
 
 void TrelisCancelNotify(std::uint32_t, const char*, int, TrelisNotify watch) {
     if (watch != nullptr) Watches::Instance().Cancel(watch);
-}
-
-int BufferedGetValue(std::uint32_t store, const char* key, char* buffer, int size) {
-    buffer[0] = '\0';
-    return TrelisGetValue(store, key, buffer, size);
-}
-
-int BufferedEnumRead(std::uint32_t store, TrelisEnum walk, char* buffer, int size) {
-    buffer[0] = '\0';
-    return TrelisEnumRead(store, walk, buffer, size);
 }
 
 namespace trelis {

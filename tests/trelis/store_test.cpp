@@ -9,7 +9,6 @@
 
 #include "platform/sync.h"
 #include "support/instance.h"
-#include "trelis/buffered.h"
 #include "trelis/trelis.h"
 
 namespace {
@@ -21,8 +20,8 @@ class Store : public testing::Test {
     Store() { EXPECT_EQ(TrelisInit2(), 0); }
     ~Store() override { TrelisUninit(); }
     static std::string Get(const char* key, int& result) {
-        char buffer[64] = "old";
-        result = BufferedGetValue(kLocalStore, key, buffer, sizeof buffer);
+        char buffer[64] = "";
+        result = TrelisGetValue(kLocalStore, key, buffer, sizeof buffer);
         return buffer;
     }
     // Runs the store's tool as another process.
@@ -72,7 +71,7 @@ TEST_F(Store, ChildrenInByteOrderAndDeletionOfAll) {
     std::string names;
     char name[512];
     TrelisEnum walk = TrelisEnumOpen(kLocalStore, "/e");
-    while (BufferedEnumRead(kLocalStore, walk, name, sizeof name) == 0)
+    while (TrelisEnumRead(kLocalStore, walk, name, sizeof name) == 0)
         names += std::string(name) + " ";
     TrelisEnumClose(kLocalStore, walk);
     EXPECT_EQ(names, "B a a.c b \xC3\xA4 ");

@@ -18,9 +18,9 @@ Daemon::Daemon(const char* name, const char* display, const char* descriptionTex
     acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
 }
 
-int Daemon::RegisterDefaults() { return WriteDaemonKeys(Keys(), displayName); }
+int Daemon::RegisterDefaults() { return trelis::Register(Keys()); }
 
-int Daemon::UnregisterDefaults() { return DeleteDaemonKeys(Keys()); }
+int Daemon::UnregisterDefaults() { return trelis::Unregister(Keys()); }
 
 void Daemon::Stop() {
     ReportStatus(SERVICE_STOP_PENDING, static_cast<DWORD>(StopSeconds() + 5) * 1000, 0);

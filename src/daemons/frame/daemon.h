@@ -13,11 +13,11 @@
 #include <mutex>
 #include <vector>
 
-#include "daemons/frame/keys.h"
 #include "lipc/lipc.h"
 #include "ntservice/ntservice.h"
 #include "platform/file.h"
 #include "platform/sync.h"
+#include "trelis/registration.h"
 
 class Daemon : public CNTService {
   public:
@@ -32,8 +32,8 @@ class Daemon : public CNTService {
     int UnregisterDefaults() override;
 
   protected:
-    // The keys that register writes and unregister deletes.
-    virtual DaemonKeys Keys() const = 0;
+    // What the options register and unregister write and delete.
+    virtual trelis::Registration Keys() const = 0;
     // Before the endpoint is opened. False (with a word on standard error) ends the start.
     virtual bool Start(int argc, char** argv) = 0;
     virtual int Threads() const = 0;

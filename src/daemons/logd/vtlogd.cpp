@@ -20,7 +20,7 @@
 #include "tagmsg/tagmsg.h"
 #include "tagmsg/tags.h"
 #include "text/printable.h"
-#include "trelis/buffered.h"
+#include "trelis/settings.h"
 
 namespace {
 
@@ -127,8 +127,7 @@ std::string Describe(TagMsgNode* event, std::uint32_t word) {
 }
 
 // Bytes of one log file; read at the start.
-constexpr char kMaxLogSizeKey[] = "/VTWIN/Daemons/LoggerDaemon/MaxLogSize";
-constexpr long long kDefaultLogSize = 10 << 20;
+constexpr trelis::Key kMaxLogSize{trelis::kLoggerKey, "MaxLogSize"};
 constexpr int kOlderLogs = 4;
 
 class LogDaemon final : public Daemon {
@@ -140,21 +139,15 @@ class LogDaemon final : public Daemon {
     }
 
   protected:
-    DaemonKeys Keys() const override {
-        DaemonKeys keys{"/VTWIN/Daemons/LoggerDaemon",
-                        "/VTWIN/Versions/VTLOGD",
-                        {{"MaxLogSize", std::to_string(kDefaultLogSize)}}};
-        for (const LogClass& each : kLogClasses)
-            keys.values.push_back(
-                {std::string("/VTUX/LoggerDaemon/LogLevel/") + each.name, "high"});
+    trelis::Registration Keys() const override {
+        trelis::Registration keys{trelis::Program::kLogger, "VTLOGD", displayName};
+        for (const LogClass& each : kLogClasses) keys.names.emplace_back(each.name);
         return keys;
     }
     bool Start(int, char**) override {
         mkdir(platform::HomePath("log").c_str(), 0700);
         path_ = platform::HomePath("log/vtlogd.log");
-        char size[32];
-        BufferedGetValue(kLocalStore, kMaxLogSizeKey, size, sizeof size);
-        if (const long long bytes = std::strtoll(size, nullptr, 10); bytes > 0) maxSize_ = bytes;
+        maxSize_ = trelis::ReadNumber(kMaxLogSize);
         toSyslog_ = access("/dev/log", W_OK) == 0;
         if (toSyslog_) openlog("vantrel", LOG_PID, LOG_MAIL);
         if (Reopen()) return true;
@@ -208,7 +201,7 @@ class LogDaemon final : public Daemon {
     std::mutex mutex_;
     std::string path_;
     int file_ = -1;  // guarded by mutex_
-    off_t maxSize_ = kDefaultLogSize;
+    off_t maxSize_ = 0;
     bool toSyslog_ = false;
 };
 

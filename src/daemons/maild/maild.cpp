@@ -12,6 +12,9 @@
 
 namespace {
 
+// The largest message in bytes that is taken where MaxFileSize says nothing; 0: any.
+constexpr trelis::Key kUnaskedLimit{trelis::kMailDaemonKey, "RTP/MaxFileSize"};
+
 // A service manager gives a program 20 s to end.
 constexpr int kLongestStop = 15;
 
@@ -135,23 +138,8 @@ MailDaemon::MailDaemon()
     : Daemon("VTMAILD", "Vantrel Mail Scanner",
              "Scans the messages that the Vantrel SMTP proxy hands to it", "vtmaild") {}
 
-DaemonKeys MailDaemon::Keys() const {
-    // An empty text leaves the choice to the daemon.
-    return {kMailDaemonKey,
-            "/VTWIN/Versions/VTMAILD",
-            {{"ClamdSocket", ""},
-             {"ClamdConf", ""},
-             {"MaxFileSize", "26214400"},
-             {"ConnectTimeout", "5"},
-             {"ScanTimeout", "120"},
-             {"Threads", "16"},
-             {"VirusAction", "reject"},
-             {"RedirectAddress", ""},
-             {"WhenEncrypted", "pass"},
-             {"PassWhenDown", "N"},
-             {"PassWhenBusy", "N"},
-             {"PassWhenTimedOut", "N"},
-             {"PassWhenTooBig", "N"}}};
+trelis::Registration MailDaemon::Keys() const {
+    return {trelis::Program::kMailDaemon, "VTMAILD", displayName};
 }
 
 bool MailDaemon::Start(int argc, char** argv) {
@@ -161,17 +149,13 @@ bool MailDaemon::Start(int argc, char** argv) {
                      "VTMAILD: --null: every message is called clean, nothing is scanned\n");
     threads_ = LoadThreads();
     LogClientInit("Vantrel Mail Scanner", kLocalStore);
-    watch_ = TrelisPlaceNotify(kLocalStore, kMailDaemonKey, 1);
-    const std::shared_ptr<const Settings> settings = LoadSettings();
-    {
-        const std::lock_guard lock(mutex_);
-        settings_ = settings;  // a signal to stop may come from now on, on a thread of its own
-    }
+    settings_.Load();  // a signal to stop may come from now on, on a thread of its own
     // For the proxy, which refuses at once what would be put off for ever.
-    TrelisSetValue(kLocalStore, kUnaskedLimitKey,
+    TrelisSetValue(kLocalStore, kUnaskedLimit.Path().c_str(),
                    std::to_string(null_ ? 0 : kUsualMaxFileSize).c_str());
     if (null_) return true;
-    engine_.Start(settings);
+    engine_.Start(settings_.Current());
+    following_ = true;
     if (!stats_.Start()) Log({.kind = kEventWarning, .text = "can't send statistics"});
     return true;
 }
@@ -180,23 +164,19 @@ void MailDaemon::End() {
     engine_.Stop();
     stats_.Stop();
     LogClientUninit();
-    if (watch_ != nullptr) TrelisCancelNotify(kLocalStore, kMailDaemonKey, 1, watch_);
+    settings_.End();
 }
 
 int MailDaemon::StopSeconds() const {
-    const std::lock_guard lock(mutex_);
-    return settings_ == nullptr ? 0 : std::min(settings_->scanSeconds, kLongestStop);
+    const std::shared_ptr<const Settings> settings = settings_.Current();
+    return settings == nullptr ? 0 : std::min(settings->scanSeconds, kLongestStop);
 }
 
-// Change and reading under one lock: no request is judged by settings that another thread knows to
-// be old, and no older reading replaces a newer one.
-std::shared_ptr<const Settings> MailDaemon::CurrentSettings() {
-    const std::lock_guard lock(mutex_);
-    if (watch_ != nullptr && TrelisWaitNotify(kLocalStore, watch_, 0) > 0) {
-        settings_ = LoadSettings();
-        if (!null_) engine_.Follow(settings_);
-    }
-    return settings_;
+// Under the lock of the settings: the engine hears of them in their order.
+std::shared_ptr<const Settings> MailDaemon::ReadSettings() {
+    std::shared_ptr<const Settings> settings = LoadSettings();
+    if (following_) engine_.Follow(settings);
+    return settings;
 }
 
 void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
@@ -207,7 +187,7 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
         return;
     const std::string path = Text(request.root, TagPath);
     if (path.empty()) return;
-    const std::shared_ptr<const Settings> settings = CurrentSettings();
+    const std::shared_ptr<const Settings> settings = settings_.Current();
     OwnedMessage answer;
     if (TagMsgCreate(&answer.root) != TAGMSG_OK) return;
     if (null_) {

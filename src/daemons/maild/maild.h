@@ -15,8 +15,8 @@
 // This header: the daemon itself.
 #pragma once
 
+#include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "daemons/frame/daemon.h"
 #include "daemons/maild/engine/engine.h"
@@ -24,14 +24,15 @@
 #include "daemons/maild/settings.h"
 #include "daemons/maild/verdictstats.h"
 #include "tagmsg/tagmsg.h"
-#include "trelis/trelis.h"
+#include "trelis/followed.h"
+#include "trelis/settings.h"
 
 class MailDaemon final : public Daemon {
   public:
     MailDaemon();
 
   protected:
-    DaemonKeys Keys() const override;
+    trelis::Registration Keys() const override;
     bool Start(int argc, char** argv) override;
     int Threads() const override { return threads_; }
     void Answer(const void* data, std::uint32_t length, void** reply,
@@ -40,13 +41,13 @@ class MailDaemon final : public Daemon {
     int StopSeconds() const override;
 
   private:
-    std::shared_ptr<const Settings> CurrentSettings();
+    std::shared_ptr<const Settings> ReadSettings();
 
     bool null_ = false;
     int threads_ = 1;
     VerdictStats stats_;
     Engine engine_;
-    TrelisNotify watch_ = nullptr;
-    mutable std::mutex mutex_;
-    std::shared_ptr<const Settings> settings_;  // guarded by mutex_
+    std::atomic<bool> following_{false};  // the engine has started
+    mutable trelis::Followed<Settings> settings_{trelis::kMailDaemonKey,
+                                                 [this] { return ReadSettings(); }};
 };

@@ -4,10 +4,7 @@
 #include <memory>
 #include <string>
 
-inline constexpr char kMailDaemonKey[] = "/VTWIN/Daemons/MailDaemon";
-// Written at the start: the largest message in bytes that the daemon takes where MaxFileSize says
-// nothing; 0: any.
-inline constexpr char kUnaskedLimitKey[] = "/VTWIN/Daemons/MailDaemon/RTP/MaxFileSize";
+// What is taken where MaxFileSize says nothing, in bytes.
 inline constexpr long long kUsualMaxFileSize = 25LL << 20;
 
 // What becomes of a message with a part that can't be looked into without its password.

@@ -15,16 +15,14 @@
 #include <system_error>
 #include <vector>
 
-#include "trelis/buffered.h"
 #include "trelis/remote.h"
+#include "trelis/settings.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char kFolder[] = "/VTWIN/Daemons/StoreDaemon";
-constexpr char kSwitchKey[] = "/VTWIN/Daemons/StoreDaemon/RemoteReads";
-constexpr char kAddressKey[] = "/VTWIN/Daemons/StoreDaemon/Address";
+consteval trelis::Key Key(const char* name) { return {trelis::kStoreKey, name}; }
 // Below the first all may be read but the second and what is below it: password hashes.
 constexpr char kOpen[] = "/VTWIN/Daemons/";
 constexpr char kClosed[] = "/VTWIN/Daemons/StatsDaemon/Accounts";
@@ -60,13 +58,13 @@ bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == E
 bool StoreServer::Start() {
     wake_ = platform::File(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wake_) return false;
-    watch_ = TrelisPlaceNotify(kLocalStore, kFolder, 1);
+    watch_.emplace(trelis::kStoreKey);
     settings_ = ReadSettings();
     nextTry_ = Clock::now();
     try {
         thread_ = std::thread(&StoreServer::Serve, this);
     } catch (const std::system_error&) {
-        TrelisCancelNotify(kLocalStore, kFolder, 1, watch_);
+        watch_.reset();
         return false;
     }
     return true;
@@ -79,28 +77,20 @@ void StoreServer::Stop() {
     thread_.join();
     peers_.clear();
     listener_.Close();
-    TrelisCancelNotify(kLocalStore, kFolder, 1, watch_);
+    watch_.reset();
 }
 
 std::optional<StoreServer::Settings> StoreServer::ReadSettings() {
-    char text[64];
-    BufferedGetValue(kLocalStore, kSwitchKey, text, sizeof text);
-    if (text[0] != 'Y' && text[0] != 'y') return std::nullopt;
-    Settings settings{htonl(INADDR_ANY), trelis::kRemotePort};
-    in_addr address{};
-    BufferedGetValue(kLocalStore, kAddressKey, text, sizeof text);
-    if (text[0] != '\0') {
-        // A slip of the pen must not open the store to everybody.
-        if (inet_pton(AF_INET, text, &address) != 1) {
-            std::fprintf(stderr, "store server: %s: no address: %s\n", kAddressKey, text);
-            return std::nullopt;
-        }
-        settings.address = address.s_addr;
+    if (!trelis::ReadFlag(Key("RemoteReads"))) return std::nullopt;
+    in_addr address{htonl(INADDR_ANY)};
+    const std::string text = trelis::ReadText(Key("Address"));
+    // A slip of the pen must not open the store to everybody.
+    if (!text.empty() && inet_pton(AF_INET, text.c_str(), &address) != 1) {
+        std::fprintf(stderr, "store server: %s: no address: %s\n", Key("Address").Path().c_str(),
+                     text.c_str());
+        return std::nullopt;
     }
-    BufferedGetValue(kLocalStore, trelis::kRemotePortKey, text, sizeof text);
-    const long port = std::strtol(text, nullptr, 10);
-    if (port >= 1 && port <= 0xFFFF) settings.port = static_cast<std::uint16_t>(port);
-    return settings;
+    return Settings{address.s_addr, static_cast<std::uint16_t>(trelis::ReadInt(Key("Port")))};
 }
 
 void StoreServer::Listen() {
@@ -125,7 +115,7 @@ void StoreServer::Listen() {
 
 // Looks whether the settings have changed. Switched off, nobody is served to the end either.
 void StoreServer::Follow() {
-    if (TrelisWaitNotify(kLocalStore, watch_, 0) > 0) {
+    if (watch_->Changed()) {
         const std::optional<Settings> now = ReadSettings();
         if (now != settings_) {
             settings_ = now;

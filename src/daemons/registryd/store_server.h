@@ -19,7 +19,7 @@
 #include <thread>
 
 #include "platform/file.h"
-#include "trelis/trelis.h"
+#include "trelis/followed.h"
 
 class StoreServer {
   public:
@@ -59,7 +59,7 @@ class StoreServer {
     platform::File wake_;  // readable: end
     std::thread thread_;
     // All below: the thread's alone, once it runs.
-    TrelisNotify watch_ = nullptr;
+    std::optional<trelis::Watch> watch_;
     std::optional<Settings> settings_;  // nothing: off
     platform::File listener_;
     Clock::time_point nextTry_;  // to listen, after a failure

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "daemons/frame/daemon.h"
-#include "daemons/frame/keys.h"
 #include "daemons/registryd/any_bytes.h"
+#include "daemons/registryd/reference.h"
 #include "daemons/registryd/store_server.h"
 #include "ntservice/ntservice.h"
 #include "platform/console.h"
@@ -19,6 +19,7 @@
 #include "platform/home.h"
 #include "platform/sync.h"
 #include "trelis/admin.h"
+#include "trelis/registration.h"
 #include "trelis/trelis.h"
 
 namespace {
@@ -97,6 +98,12 @@ int Load(const Arguments& arguments) {
     return trelis::LoadValues(values) ? 0 : Failed("can't load; nothing was changed");
 }
 
+int Keys(const Arguments& arguments) {
+    const std::string what = arguments.empty() ? "" : arguments[0];
+    std::cout << (what == "--reference" ? ReferenceTables() : ListOfKeys(what));
+    return 0;
+}
+
 BOOL EndWatch(DWORD) { platform::ExitNow(0); }
 
 int WatchKey(const Arguments& arguments) {
@@ -146,14 +153,12 @@ class StoreService final : public CNTService {
         SetEvent(stopEvent_.Get());
     }
     void Shutdown() override { Stop(); }
-    int RegisterDefaults() override { return WriteDaemonKeys(Keys(), displayName); }
-    int UnregisterDefaults() override { return DeleteDaemonKeys(Keys()); }
+    int RegisterDefaults() override { return trelis::Register(Keys()); }
+    int UnregisterDefaults() override { return trelis::Unregister(Keys()); }
 
   private:
-    static DaemonKeys Keys() {
-        return {"/VTWIN/Daemons/StoreDaemon",
-                "/VTWIN/Versions/VTREGISTRY",
-                {{"RemoteReads", "N"}, {"Address", ""}, {"Port", "8485"}}};
+    trelis::Registration Keys() const {
+        return {trelis::Program::kStore, "VTREGISTRY", displayName};
     }
 
     UniqueHandle stopEvent_;
@@ -175,12 +180,12 @@ struct Command {
 };
 constexpr Command kCommands[] = {
     {"get", 1, 1, Get},   {"set", 2, 2, Set},   {"del", 1, 1, Del},        {"list", 1, 1, List},
-    {"dump", 0, 1, Dump}, {"load", 0, 1, Load}, {"watch", 1, 1, WatchKey},
+    {"dump", 0, 1, Dump}, {"load", 0, 1, Load}, {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
 };
 
 int Usage() {
     std::cerr << "usage: vtregistry get KEY | set KEY VALUE | del KEY | list KEY | dump [KEY] | "
-                 "load [FILE] | watch KEY\n"
+                 "load [FILE] | watch KEY | keys [PREFIX | --reference]\n"
                  "       vtregistry install | uninstall | start | stop | debug | register | "
                  "unregister\n"
                  "Keys are absolute paths, such as /VTWIN/Agents/VTSMTPProxy.\n";

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -20,41 +21,15 @@
 #include "logclient/logclient.h"
 #include "platform/home.h"
 #include "platform/local_socket.h"
-#include "trelis/buffered.h"
+#include "trelis/followed.h"
+#include "trelis/settings.h"
 
 namespace {
 
-constexpr char kKey[] = "/VTWIN/Daemons/StatsDaemon";
-constexpr int kDefaultPort = 8484;
-constexpr char kDefaultAddress[] = "127.0.0.1";
-constexpr int kDefaultKeepDays = 400;
+consteval trelis::Key Key(const char* name) { return {trelis::kStatsKey, name}; }
+
 constexpr std::chrono::milliseconds kLook{500};
 constexpr std::chrono::seconds kBindAgain{30};
-
-std::string ReadText(const char* name) {
-    char value[512];
-    const std::string key = std::string(kKey) + "/" + name;
-    BufferedGetValue(kLocalStore, key.c_str(), value, sizeof value);
-    return value;
-}
-
-struct Settings {
-    std::string address;
-    int port = kDefaultPort;
-    int keepDays = kDefaultKeepDays;
-};
-
-Settings LoadSettings() {
-    Settings settings;
-    settings.address = ReadText("HTTPAddress");
-    if (settings.address.empty()) settings.address = kDefaultAddress;
-    const int port = std::atoi(ReadText("HTTPPort").c_str());
-    if (port >= 1) settings.port = port;
-    // Anything that is no number keeps all: nothing is deleted by a slip.
-    if (const std::string days = ReadText("KeepDays"); !days.empty())
-        settings.keepDays = std::clamp(std::atoi(days.c_str()), 0, 100000);
-    return settings;
-}
 
 void Warn(const std::string& text) {
     std::fprintf(stderr, "VTSTATD: %s\n", text.c_str());
@@ -68,12 +43,8 @@ class StatsDaemon final : public Daemon {
                  "Keeps statistics of the mail that passes the Vantrel SMTP proxy", "VTSTATD") {}
 
   protected:
-    DaemonKeys Keys() const override {
-        return {kKey,
-                "/VTWIN/Versions/VTSTATD",
-                {{"HTTPPort", std::to_string(kDefaultPort)},
-                 {"HTTPAddress", kDefaultAddress},
-                 {"KeepDays", std::to_string(kDefaultKeepDays)}}};
+    trelis::Registration Keys() const override {
+        return {trelis::Program::kStatistics, "VTSTATD", displayName};
     }
     bool Start(int, char**) override {
         const std::string path = platform::HomePath("stats.db");
@@ -86,8 +57,8 @@ class StatsDaemon final : public Daemon {
             return false;
         }
         LogClientInit("Vantrel Statistics", kLocalStore);
-        watch_ = TrelisPlaceNotify(kLocalStore, kKey, 1);
-        recorder_.SetKeepDays(LoadSettings().keepDays);
+        watch_.emplace(trelis::kStatsKey);
+        recorder_.SetKeepDays(trelis::ReadInt(Key("KeepDays")));
         keeper_ = std::thread([this, note] { Keep(note); });
         return true;
     }
@@ -113,7 +84,7 @@ class StatsDaemon final : public Daemon {
         recorder_.Stop();
         if (const std::string trouble = recorder_.TakeTrouble(); !trouble.empty())
             std::fprintf(stderr, "VTSTATD: %s\n", trouble.c_str());
-        if (watch_ != nullptr) TrelisCancelNotify(kLocalStore, kKey, 1, watch_);
+        watch_.reset();
     }
 
   private:
@@ -133,7 +104,7 @@ class StatsDaemon final : public Daemon {
         std::unique_lock lock(mutex_);
         while (!end_.wait_for(lock, kLook, [this] { return ending_; })) {
             lock.unlock();
-            const bool changed = watch_ != nullptr && TrelisWaitNotify(kLocalStore, watch_, 0) > 0;
+            const bool changed = watch_->Changed();
             const auto now = std::chrono::steady_clock::now();
             const bool again = now >= bindAt;
             if (again && owners == nullptr) owners = ServeOwner(site, why);
@@ -156,13 +127,14 @@ class StatsDaemon final : public Daemon {
 
     // The server for the present settings: the one that runs, or a new one in its place.
     std::unique_ptr<stats::HttpServer> Serve(stats::HttpSite& site) {
-        const Settings settings = LoadSettings();
-        recorder_.SetKeepDays(settings.keepDays);
-        const std::string where = settings.address + ":" + std::to_string(settings.port);
+        recorder_.SetKeepDays(trelis::ReadInt(Key("KeepDays")));
+        const std::string address = trelis::ReadText(Key("HTTPAddress"));
+        const int port = trelis::ReadInt(Key("HTTPPort"));
+        const std::string where = address + ":" + std::to_string(port);
         if (server_ != nullptr && where == where_) return std::move(server_);
         server_.reset();
         std::string why;
-        auto server = stats::HttpServer::Start(settings.address, settings.port, site, why);
+        auto server = stats::HttpServer::Start(address, port, site, why);
         // Once for each place: trying again is quiet.
         if (server == nullptr && where != where_)
             Warn("can't serve HTTP on " + where + ": " + why +
@@ -173,7 +145,7 @@ class StatsDaemon final : public Daemon {
 
     stats::Recorder recorder_;
     std::unique_ptr<stats::ReportReader> reader_;
-    TrelisNotify watch_ = nullptr;
+    std::optional<trelis::Watch> watch_;
     std::thread keeper_;
     std::unique_ptr<stats::HttpServer> server_;  // keeper_'s
     std::string where_;                          // keeper_'s: where it was last to serve

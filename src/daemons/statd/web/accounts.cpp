@@ -15,11 +15,12 @@
 
 #include "platform/file.h"
 #include "text/ascii.h"
-#include "trelis/buffered.h"
+#include "trelis/settings.h"
 
 namespace stats {
 namespace {
 
+constexpr trelis::Key kAccount{trelis::kStatsKey, "Accounts/*"};
 constexpr std::size_t kNameMost = 64;
 constexpr std::size_t kHeaderMost = 1024;
 constexpr std::size_t kTokenBytes = 32;
@@ -50,10 +51,6 @@ std::string NewSalt(const char* prefix, unsigned long rounds) {
 // Slow on purpose: what a guess costs. Null prefix: the library's best.
 std::string HashPassword(const std::string& password) {
     return Hash(password, NewSalt(nullptr, 0));
-}
-
-std::string AccountKey(std::string_view name) {
-    return std::string(kAccountsKey) + '/' + std::string(name);
 }
 
 bool FillRandom(void* buffer, std::size_t size) {
@@ -106,14 +103,12 @@ bool ValidAccountName(std::string_view name) {
 bool StoreAccount(const std::string& name, const std::string& password) {
     const std::string hash = HashPassword(password);
     return !hash.empty() &&
-           TrelisSetValue(kLocalStore, AccountKey(name).c_str(), hash.c_str()) == 0;
+           TrelisSetValue(kLocalStore, kAccount.Path({name}).c_str(), hash.c_str()) == 0;
 }
 
 bool DeleteAccount(const std::string& name) {
-    const std::string key = AccountKey(name);
-    char hash[CRYPT_OUTPUT_SIZE];
-    return BufferedGetValue(kLocalStore, key.c_str(), hash, sizeof hash) == 0 &&
-           TrelisDelKey(kLocalStore, key.c_str()) == 0;
+    const std::string key = kAccount.Path({name});
+    return trelis::ReadIfGiven(kAccount, {name}) && TrelisDelKey(kLocalStore, key.c_str()) == 0;
 }
 
 std::string OwnerPair(const std::string& path) {
@@ -192,18 +187,17 @@ Accounts::Verdict Accounts::Check(std::string_view header, std::uint32_t clientA
     const std::string name = pair.substr(0, colon);
     const std::string password = pair.substr(colon + 1);
     if (password.size() > kPasswordLimit) return Verdict::kBad;
-    char stored[CRYPT_OUTPUT_SIZE] = "";
-    if (ValidAccountName(name))
-        BufferedGetValue(kLocalStore, AccountKey(name).c_str(), stored, sizeof stored);
+    const std::string stored =
+        ValidAccountName(name) ? trelis::ReadText(kAccount, {name}) : std::string();
     const std::string digest = Hash(password, digestSalt_);
     if (Remembered(name, stored, digest)) return Verdict::kGood;
 
     if (!Enter(clientAddress)) return Verdict::kBusy;
     // Without an account the same work is done for nothing.
-    const std::string setting = stored[0] == '\0' ? decoy_ : stored;
+    const std::string setting = stored.empty() ? decoy_ : stored;
     const std::string hash = Hash(password, setting);
     Leave(clientAddress);
-    if (stored[0] == '\0' || hash.empty() || !SameText(hash, stored)) return Verdict::kBad;
+    if (stored.empty() || hash.empty() || !SameText(hash, stored)) return Verdict::kBad;
     const std::lock_guard lock(mutex_);
     seen_[name] = {stored, digest};
     return Verdict::kGood;

@@ -1,0 +1,51 @@
+#include "daemons/registryd/reference.h"
+
+#include "trelis/key_rows.h"
+
+namespace {
+
+using trelis::KeyRow;
+using trelis::KeySection;
+
+std::string Default(const KeyRow& row) {
+    if (row.shown != nullptr) return row.shown;
+    return *row.fallback == '\0' ? "none" : row.fallback;
+}
+
+// From when on a change counts.
+std::string Effect(const KeySection& section, const KeyRow& row) {
+    if (row.kind == trelis::KeyKind::kWritten) return "-";
+    return row.effect != nullptr ? row.effect : section.effect;
+}
+
+}  // namespace
+
+std::string ListOfKeys(const std::string& prefix) {
+    std::string text;
+    for (const KeySection& section : trelis::kKeySections) {
+        for (const KeyRow& row : section.rows) {
+            const std::string path = std::string(section.root) + '/' + row.name;
+            if (!path.starts_with(prefix)) continue;
+            text +=
+                path + "\n    " + row.meaning + " (" +
+                (row.kind == trelis::KeyKind::kWritten
+                     ? row.shown
+                     : "default: " + Default(row) + "; a change counts: " + Effect(section, row)) +
+                ")\n";
+        }
+    }
+    return text;
+}
+
+std::string ReferenceTables() {
+    std::string text;
+    for (const KeySection& section : trelis::kKeySections) {
+        text += std::string("## ") + section.title + ": `" + section.root +
+                "/`\n\n| Key | Default | A change counts | Meaning |\n|---|---|---|---|\n";
+        for (const KeyRow& row : section.rows)
+            text += std::string("| `") + row.name + "` | " + Default(row) + " | " +
+                    Effect(section, row) + " | " + row.meaning + " |\n";
+        text += '\n';
+    }
+    return text;
+}

@@ -1,0 +1,191 @@
+// The rows of the table of keys, in the order in which the reference shows them.
+#pragma once
+
+#include "trelis/key_table.h"
+
+namespace trelis {
+
+inline constexpr char kProxyKey[] = "/VTWIN/Agents/VTSMTPProxy";
+inline constexpr char kInterfacesKey[] = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces";
+inline constexpr char kInterfaceKey[] = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces/*";
+inline constexpr char kAddressListKey[] = "/VTWIN/Filters/AS/AllowDenyIPList";
+inline constexpr char kBlackListKey[] = "/VTWIN/Filters/AS/SenderBlackList";
+inline constexpr char kHarvestingKey[] = "/VTWIN/Filters/AS/DirectoryHarvesting";
+inline constexpr char kMailDaemonKey[] = "/VTWIN/Daemons/MailDaemon";
+inline constexpr char kLoggerKey[] = "/VTWIN/Daemons/LoggerDaemon";
+inline constexpr char kLogLevelKey[] = "/VTUX/LoggerDaemon/LogLevel";
+inline constexpr char kStatsKey[] = "/VTWIN/Daemons/StatsDaemon";
+inline constexpr char kStoreKey[] = "/VTWIN/Daemons/StoreDaemon";
+inline constexpr char kCrashKey[] = "/VTWIN/VTSUBMIT";
+inline constexpr char kVersionsKey[] = "/VTWIN/Versions";
+
+inline constexpr char kDenyText[] = "550 5.7.1 Message Rejected";
+inline constexpr char kAtStart[] = "at the start";
+inline constexpr long long kMostSize = std::numeric_limits<long long>::max();
+
+inline constexpr KeyRow kInterfaceRows[] = {
+    Text("GreetingDomainName", "127.0.0.1", "the name in the proxy's own replies")
+        .Width(64)
+        .EmptyCounts()
+        .RegistersDefault(),
+    Text("IPAddress", "", "address to listen on").Width(32).Shown("all addresses"),
+    Number("Port", "25", -kMostInt, kMostInt, "port to listen on").RegistersDefault(),
+    Text("ServerToForward", "127.0.0.1:10025", "the real mail server, host or host:port")
+        .Width(64)
+        .RegistersDefault(),
+    Text("RelayNetworks/*/IPAddress", "", "clients of this network may send to any recipient")
+        .Width(32)
+        .RegistersList(),
+    Text("RelayNetworks/*/Mask", "", "its mask").Width(32),
+    Text("MailDomains/*", "", "the value is a domain that everybody may send to").RegistersList(),
+    Number("MaxThreads", "0", 0, 50, "sessions at a time, at most 50; 0: no limit")
+        .OutOfBounds(Beyond::kMost)
+        .Shown("no limit")
+        .Registers("50"),
+    Size("MaxMessageSize", "", 0, kMostSize,
+         "bytes, or with K, M, G; a larger message is refused with 552, and the SIZE offered is no "
+         "larger; 0: no limit")
+        .Shown("what the scanner takes"),
+    Number("TimeoutBetweenNOOPs", "180", 1, 3600,
+           "seconds between signs of life to the server, 1 to 3600")
+        .RegistersDefault(),
+    Number("ConnectionTimeout", "600", 1, 3600,
+           "seconds to wait for a client or server, reading and writing, 1 to 3600")
+        .RegistersDefault(),
+    Text("Name", "", "a name for people; nothing reads it").Counts("never"),
+};
+
+inline constexpr KeyRow kProxyRows[] = {
+    Text("SpoolGroup", "", "a group that may read the spool files besides their owner").Width(64),
+    Written("ActiveConnections", "running sessions, after each quiet 10 seconds"),
+    Written("RTP/Active", "Y: the proxy is registered").Registers("Y"),
+    Written("Path", "the program's file"),
+};
+
+inline constexpr KeyRow kAddressListRows[] = {
+    Flag("Enabled", "judge each client by its address").Registers("Y"),
+    Text("Addresses/*/IP", "", "an address, or a network").Width(256).RegistersList(),
+    Text("Addresses/*/Mask", "", "the network's mask; without one a single address").Width(256),
+    Number("Addresses/*/Action", "", -kMostInt, kMostInt,
+           "1 allow, 2 deny; a matching allow wins over any deny")
+        .Width(256),
+};
+
+inline constexpr KeyRow kBlackListRows[] = {
+    Flag("Enabled", "judge each sender").Registers("Y"),
+    Text("WildcardsList/*", "", "the value is a pattern with `*` and `?`")
+        .Width(256)
+        .RegistersList(),
+    Text("UsersList/*", "", "the value is an address").Width(256).RegistersList(),
+    Flag("EnabledDropConnection", "a listed sender ends the session").Registers("Y"),
+    Flag("EnabledSendDenyMessage", "answer a listed sender with the text below").Registers("Y"),
+    Text("DenyMessage", kDenyText, "that text").Width(256).RegistersDefault(),
+};
+
+inline constexpr KeyRow kHarvestingRows[] = {
+    Flag("Enabled", "slow down clients that ask for recipients that don't exist").Registers("Y"),
+    Number("ResponseTimeout", "45", 1, kMostInt,
+           "seconds until the answer; the session ends behind it")
+        .Width(256)
+        .RegistersDefault(),
+    Flag("EnabledSendDenyMessage", "answer with the text below").Registers("Y"),
+    Text("DenyMessage", kDenyText, "that text").Width(256).RegistersDefault(),
+};
+
+inline constexpr KeyRow kMailDaemonRows[] = {
+    Text("ClamdSocket", "", "clamd's Unix socket")
+        .Shown("`clamd/clamd.sock` of the instance if there, else `/run/clamav/clamd.ctl`")
+        .RegistersDefault(),
+    Text("ClamdConf", "",
+         "the file that the log names where clamd's settings need a change; it is not read")
+        .Shown("`clamd/clamd.conf` of the instance if there, else `/etc/clamav/clamd.conf`")
+        .RegistersDefault(),
+    Size("MaxFileSize", "26214400", 1, 2LL << 30,
+         "bytes, or with K, M, G, at most 2 GB; a larger message counts as too big")
+        .RegistersDefault(),
+    Number("ConnectTimeout", "5", 1, 3600, "seconds to reach clamd").RegistersDefault(),
+    Number("ScanTimeout", "120", 1, 3600, "seconds for one message").RegistersDefault(),
+    Number("Threads", "16", 1, 200, "scans at a time").Counts(kAtStart).RegistersDefault(),
+    Text("VirusAction", "reject", "`reject`, `drop` or `redirect`").RegistersDefault(),
+    Text("RedirectAddress", "", "where `redirect` sends infected mail; without it, it is rejected")
+        .RegistersDefault(),
+    Text(
+        "WhenEncrypted", "pass",
+        "mail with an encrypted archive: `pass`, `refuse` (550) or `put off` (451); any other word "
+        "puts off")
+        .RegistersDefault(),
+    Flag("PassWhenDown", "deliver unscanned while clamd doesn't answer").Registers("N"),
+    Flag("PassWhenBusy", "deliver unscanned what clamd has no place for").Registers("N"),
+    Flag("PassWhenTimedOut", "deliver unscanned what is not scanned in time").Registers("N"),
+    Flag("PassWhenTooBig", "deliver unscanned what can't be scanned whole").Registers("N"),
+    Written("RTP/MaxFileSize", "bytes that are taken where `MaxFileSize` says nothing; 0: all"),
+    Written("Path", "the program's file"),
+};
+
+inline constexpr KeyRow kLogLevelRows[] = {
+    Text("*", "high",
+         "for each class of event (`Virus`, `FileNotScanned`, `Warning`, `Error`, `Info`, ...): "
+         "`none`, nothing; `low`, a line in the log file; `medium`, syslog besides, as "
+         "information; `high`, there as a notice, warning or error")
+        .Width(31)
+        .EmptyCounts()
+        .RegistersDefault(),
+};
+inline constexpr KeyRow kLoggerRows[] = {
+    Number("MaxLogSize", "10485760", 1, kMostSize,
+           "bytes of one log file; four older ones are kept")
+        .Counts(kAtStart)
+        .RegistersDefault(),
+    Written("Path", "the program's file"),
+};
+
+inline constexpr KeyRow kStatsRows[] = {
+    Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports").RegistersDefault(),
+    Text("HTTPAddress", "127.0.0.1", "address to listen on").RegistersDefault(),
+    Number("KeepDays", "400", 0, 100000, "days that records are kept; 0: for ever")
+        .OutOfBounds(Beyond::kNearest)
+        .RegistersDefault(),
+    Text("Accounts/*", "", "salted hash of an account's password, made with `vtstatd passwd NAME`"),
+    Written("Path", "the program's file"),
+};
+
+inline constexpr KeyRow kStoreRows[] = {
+    Flag("RemoteReads",
+         "answer reads of other hosts, below `/VTWIN/Daemons` only, without the accounts")
+        .Width(64)
+        .Registers("N"),
+    Text("Address", "", "address to listen on").Width(64).Shown("all addresses").RegistersDefault(),
+    Number("Port", "8485", 1, 0xFFFF, "port to listen on, and to ask others on")
+        .OutOfBounds(Beyond::kDefault)
+        .Width(64)
+        .RegistersDefault(),
+    Written("Path", "the program's file"),
+};
+
+inline constexpr KeyRow kCrashRows[] = {
+    Text("AppPath", "",
+         "full path of a crash-report tool; a library `vtch.dll` beside it is loaded from there")
+        .Width(259),
+};
+inline constexpr KeyRow kVersionRows[] = {
+    Written("*/Name", "what the program is called"),
+    Written("*/Version", "its version when it was registered"),
+};
+
+inline constexpr KeySection kKeySections[] = {
+    {kInterfaceKey, "Interfaces", Program::kProxy, "with the next session", kInterfaceRows},
+    {kProxyKey, "The proxy", Program::kProxy, "at the start, and when an interface changes",
+     kProxyRows},
+    {kAddressListKey, "Addresses of clients", Program::kProxy, "at once", kAddressListRows},
+    {kBlackListKey, "Senders", Program::kProxy, "at once", kBlackListRows},
+    {kHarvestingKey, "Unknown recipients", Program::kProxy, "at once", kHarvestingRows},
+    {kMailDaemonKey, "Scanning", Program::kMailDaemon, "with the next scan", kMailDaemonRows},
+    {kLogLevelKey, "Levels of the log", Program::kLogger, "with the next event", kLogLevelRows},
+    {kLoggerKey, "The log", Program::kLogger, kAtStart, kLoggerRows},
+    {kStatsKey, "Statistics", Program::kStatistics, "within a second", kStatsRows},
+    {kStoreKey, "The store for other hosts", Program::kStore, "within a second", kStoreRows},
+    {kCrashKey, "Crash reports", Program::kNone, kAtStart, kCrashRows},
+    {kVersionsKey, "Versions", Program::kNone, kAtStart, kVersionRows},
+};
+
+}  // namespace trelis

@@ -1,0 +1,94 @@
+// The table of keys: every configuration key that a program reads or writes is one row of
+// key_rows.h. The readers (settings.h), `register` (registration.h), `vtregistry keys`, the
+// reference page, the manual page and the completion come from it, and code that names a key which
+// isn't there doesn't compile.
+#pragma once
+
+#include <limits>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace trelis {
+
+enum class KeyKind {
+    kText,
+    kNumber,  // decimal
+    kSize,    // bytes, as trelis/size.h reads them
+    kFlag,    // on if it begins with Y or y
+    kWritten  // by a program, for others to read
+};
+
+// The programs whose `register` writes keys.
+enum class Program { kNone, kProxy, kMailDaemon, kLogger, kStatistics, kStore };
+
+// What a number outside its bounds stands for.
+enum class Beyond {
+    kDefaultBelow,  // below: the default; above: the upper bound
+    kDefault,
+    kNearest,  // the bound that is next
+    kMost      // the upper bound
+};
+
+inline constexpr long long kMostInt = std::numeric_limits<int>::max();
+
+struct KeyRow {
+    const char* name;  // below its section's root; '*' stands for any one name
+    KeyKind kind;
+    const char* fallback;  // what a missing, empty or unusable value stands for
+    const char* meaning;
+    long long least = 1;  // of numbers and sizes
+    long long most = kMostInt;
+    Beyond beyond = Beyond::kDefaultBelow;
+    int width = 512;              // bytes that are read, a zero byte included
+    bool emptyCounts = false;     // an empty text is a value
+    bool registersList = false;   // `register` makes the key above its '*', for entries to come
+    const char* shown = nullptr;  // the default in words, where `fallback` doesn't say it
+    const char* registered = nullptr;  // what `register` writes; null: nothing
+    const char* effect = nullptr;      // from when on a change counts, where the section differs
+
+    constexpr KeyRow Width(int bytes) const { return With(&KeyRow::width, bytes); }
+    constexpr KeyRow EmptyCounts() const { return With(&KeyRow::emptyCounts, true); }
+    constexpr KeyRow RegistersList() const { return With(&KeyRow::registersList, true); }
+    constexpr KeyRow OutOfBounds(Beyond what) const { return With(&KeyRow::beyond, what); }
+    constexpr KeyRow Shown(const char* words) const { return With(&KeyRow::shown, words); }
+    constexpr KeyRow Registers(const char* v) const { return With(&KeyRow::registered, v); }
+    constexpr KeyRow RegistersDefault() const { return Registers(fallback); }
+    constexpr KeyRow Counts(const char* when) const { return With(&KeyRow::effect, when); }
+
+  private:
+    template <typename Field>
+    constexpr KeyRow With(Field KeyRow::*field, Field value) const {
+        KeyRow row = *this;
+        row.*field = value;
+        return row;
+    }
+};
+
+struct KeySection {
+    const char* root;
+    const char* title;
+    Program program;
+    const char* effect;  // from when on a change counts
+    std::span<const KeyRow> rows;
+};
+
+constexpr KeyRow Text(const char* name, const char* fallback, const char* meaning) {
+    return {name, KeyKind::kText, fallback, meaning};
+}
+constexpr KeyRow Flag(const char* name, const char* meaning) {
+    return KeyRow{name, KeyKind::kFlag, "", meaning}.Shown("off");
+}
+constexpr KeyRow Number(const char* name, const char* fallback, long long least, long long most,
+                        const char* meaning) {
+    return {name, KeyKind::kNumber, fallback, meaning, least, most};
+}
+constexpr KeyRow Size(const char* name, const char* fallback, long long least, long long most,
+                      const char* meaning) {
+    return {name, KeyKind::kSize, fallback, meaning, least, most};
+}
+constexpr KeyRow Written(const char* name, const char* meaning) {
+    return KeyRow{name, KeyKind::kWritten, "", meaning}.Shown("written by the program");
+}
+
+}  // namespace trelis

@@ -1,0 +1,26 @@
+// What the options register and unregister do to the store, by the table of keys.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "trelis/key_table.h"
+
+namespace trelis {
+
+struct Registration {
+    Program program;
+    const char* serviceName;  // of its keys below /VTWIN/Versions
+    std::string displayName;
+    // What stands for a '*' of the program's rows: each key is written once a name.
+    std::vector<std::string> names = {};
+};
+
+// Writes the program's path, name and version, and what its rows register, in the place of what is
+// there. Results of the store are not looked at: it succeeds without one. 1, or 0 if the program's
+// path can't be got.
+int Register(const Registration& registration);
+// Deletes the program's keys, with all below them. Always 1.
+int Unregister(const Registration& registration);
+
+}  // namespace trelis

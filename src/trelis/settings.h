@@ -1,0 +1,75 @@
+// Typed reads of the configuration, by the table of keys: bounds and defaults stand there. All
+// programs read by these. A value that can't be used is told on standard error, once a read, and
+// its default taken. Any thread; std::bad_alloc is all they throw.
+#pragma once
+
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "trelis/key_rows.h"
+#include "trelis/trelis.h"
+
+namespace trelis {
+
+// A key of the table, found while the program is compiled: one that isn't there is an error then.
+class Key {
+  public:
+    consteval Key(std::string_view root, std::string_view name)
+        : root_(root), row_(&Find(root, name)) {}
+
+    const KeyRow& Row() const { return *row_; }
+    // The key with names in the place of its '*'s, one after the other; those too many are dropped.
+    std::string Path(std::initializer_list<std::string_view> names = {}) const;
+    // The key above the first '*' that `names` leave over.
+    std::string ListPath(std::initializer_list<std::string_view> names = {}) const;
+
+  private:
+    static consteval const KeyRow& Find(std::string_view root, std::string_view name) {
+        for (const KeySection& section : kKeySections) {
+            if (section.root != root) continue;
+            for (const KeyRow& row : section.rows) {
+                if (row.name == name) return row;
+            }
+        }
+        throw "the table has no such key";
+    }
+
+    std::string_view root_;
+    const KeyRow* row_;
+};
+using Names = std::initializer_list<std::string_view>;
+
+// The value as it is, cut to the row's width. Nothing for a missing key.
+std::optional<std::string> ReadIfGiven(const Key& key, Names names = {},
+                                       std::uint32_t store = kLocalStore);
+std::string ReadText(const Key& key, Names names = {});
+long long ReadNumber(const Key& key, Names names = {}, std::uint32_t store = kLocalStore);
+// The number is one of an int by its bounds.
+int ReadInt(const Key& key, Names names = {}, std::uint32_t store = kLocalStore);
+// Bytes; nothing if the key says none and has no default.
+std::optional<long long> ReadSize(const Key& key, Names names = {});
+bool ReadFlag(const Key& key, Names names = {});
+
+// A number as atoi reads it, but one outside an int is the nearest int.
+int NearestInt(const std::string& text);
+
+// A walk over the names that stand for the first '*' that `names` leave over, in the store's order.
+// A missing key has none; names whose path would be too long are passed over.
+class NameWalk {
+  public:
+    NameWalk(const Key& key, Names names = {});
+    NameWalk(const NameWalk&) = delete;
+    NameWalk& operator=(const NameWalk&) = delete;
+    ~NameWalk() { TrelisEnumClose(kLocalStore, walk_); }
+
+    // False at the end.
+    bool Next(std::string& name);
+
+  private:
+    const std::size_t parentLength_;
+    const TrelisEnum walk_;
+};
+
+}  // namespace trelis

@@ -67,10 +67,13 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
         if (tooLong) ahead_.resize(limit);
         looked_ = ahead_.size();
         if (ahead_.empty() && ahead_.capacity() > kKeptAhead) std::string().swap(ahead_);
+        // Looked at here: from a peer that sends without a pause the read never has to wait.
+        const std::chrono::milliseconds left = whole != nullptr ? whole->Left() : own.Left();
+        if (left.count() == 0) return Line::kFailed;
         std::array<char, kLineRead> block;
-        const int count = ReceiveWaiting(
-            block.data(), static_cast<int>(block.size()),
-            whole != nullptr ? whole->Left() : std::min(own.Left(), arrival), nullptr);
+        const int count =
+            ReceiveWaiting(block.data(), static_cast<int>(block.size()),
+                           whole != nullptr ? left : std::min(left, arrival), nullptr);
         if (count < 1) return Line::kFailed;
         ahead_.append(block.data(), static_cast<std::size_t>(count));
     }

@@ -58,6 +58,14 @@ TEST_F(Half, ALineWaitsForItsRestAndCostsNothingMeanwhile) {
     EXPECT_EQ(line, "half and whole\r\n");
 }
 
+TEST_F(Half, ALineThatNeverStopsComingIsNoWayAroundTheTime) {
+    // Always something there: the wait, and with it a look at the time, is never needed.
+    Put(std::string(20000, 'x') + "\r\n");
+    const Deadline over(0ms);
+    std::string_view line;
+    EXPECT_EQ(stream_.ReadLine(line, 100, &over), Stream::Line::kFailed);
+}
+
 TEST_F(Half, AByteNowAndThenHoldsNobodyForEver) {
     std::atomic<bool> ended{false};
     std::thread peer([&] {

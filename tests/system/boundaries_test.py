@@ -148,6 +148,18 @@ class Refusals(System):
                 self.assertEqual(c.ask(b"VRFY step"), b"250 ok\r\n")
                 self.server.rules = kept
 
+    def test_an_envelope_that_the_server_keeps_gets_no_copy(self):
+        # It may still hold the recipients that the rejected message was for.
+        self.scan.answer = lambda request: verdict(4, section_mask=1, recipients="one@x.example")
+        for reply in (b"502 5.5.1 not here\r\n", b"421 4.3.2 closing\r\n"):
+            with self.subTest(reply):
+                self.server.rules["RSET"] = reply
+                c = self.client()
+                c.envelope()
+                self.assertEqual(c.data(b"text\r\n.\r\n"), REJECTED)
+                self.assertEqual(self.server.lines[-1], b"RSET\r\n")
+                self.assertEqual(self.server.messages, [])
+
     def test_a_closing_server_ends_the_session(self):
         for verb, line in (("VRFY", b"VRFY x"), ("MAIL", b"MAIL FROM:<s@example.org>"), ("QUIT", b"QUIT")):
             with self.subTest(verb):

@@ -97,10 +97,12 @@ void MessageRelay::NoteRefusal() {
     refusal_ = verdict_ == VERDICT_REJECT ? std::string(kRejected) : reply_.text;
 }
 
-// False ends the session; refusal_ says if it is the sender that the server doesn't want any more.
+// False ends the session; refusal_ says if the server wants the sender no more, or keeps what it
+// has.
 bool MessageRelay::OpenFreshEnvelope() {
     if (!peers_.server.ReadReply(reply_) || !envelope_.savedMailLine.has_value()) return false;
-    if (!peers_.server.Ask(*envelope_.savedMailLine, reply_)) return false;
+    // A server that keeps the old envelope could give the message to its recipients.
+    if (!reply_.Refuses() && !peers_.server.Ask(*envelope_.savedMailLine, reply_)) return false;
     if (reply_.Refuses()) NoteRefusal();
     return true;
 }

@@ -58,7 +58,7 @@ bool ServerLink::ReplyReader::Next(std::string_view& line) {
     return false;
 }
 
-bool ServerLink::ReadReply(ServerReply& reply) {
+bool ServerLink::ReadAnyReply(ServerReply& reply) {
     reply.text.clear();
     ReplyReader reader(*this);
     for (std::string_view line; reader.Next(line);) {

@@ -49,7 +49,11 @@ class ServerLink {
         bool failed_ = false;
         std::string shortened_;
     };
-    bool ReadReply(ServerReply& reply);
+    // False also for a reply that asks for more (3yz): the server would take the next command, or a
+    // block of a message, for that.
+    bool ReadReply(ServerReply& reply) { return ReadAnyReply(reply) && !reply.Is("3"); }
+    // DATA, which is answered in that way: 354.
+    bool AskForData(ServerReply& reply) { return Send("DATA\r\n") && ReadAnyReply(reply); }
 
     // A NOOP and its reply, whatever that says; but a server that answers 421 is about to close.
     bool Noop();
@@ -64,6 +68,8 @@ class ServerLink {
     bool takesChunks = false;
 
   private:
+    bool ReadAnyReply(ServerReply& reply);
+
     using Clock = std::chrono::steady_clock;
 
     const SessionSettings& settings_;

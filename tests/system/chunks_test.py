@@ -229,6 +229,20 @@ class ChunkFaults(Chunked):
         self.assertEqual(c.ask(b"VRFY x"), b"250 ok\r\n")
         self.assertEqual(self.server.messages, [b""])
 
+    def test_a_server_that_asks_for_more_gets_nothing_of_the_message(self):
+        # It would take the first line of the next block for what it has asked for.
+        for greeting, first, chunk in ((b"HELO me", 0, b"x" * 9), (b"EHLO me", 32768, b"x" * 40000)):
+            with self.subTest(greeting):
+                self.server.rules.update(EHLO=b"250-real\r\n250 CHUNKING\r\n", BDAT=b"334 more\r\n")
+                del self.server.lines[:]
+                c = self.client()
+                self.assertTrue(c.reply().startswith(b"220"))
+                for line in (greeting, b"MAIL FROM:<s@example.org>", b"RCPT TO:<r@example.org>"):
+                    self.assertTrue(c.ask(line).startswith(b"250"))
+                c.send(b"BDAT %d LAST\r\n" % len(chunk) + chunk)
+                self.assertEqual(c.reply(), b"")
+                self.assertEqual([line.split()[:2] for line in self.server.lines[3:]], [[b"bdat", b"%d" % first]])
+
     def test_an_offer_holds_until_the_next_greeting(self):
         # What a server offers, it offers anew in each reply to EHLO; behind HELO it may know no BDAT.
         self.server.rules["BDAT"] = b"503 not offered\r\n"

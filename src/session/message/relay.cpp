@@ -129,7 +129,7 @@ void MessageRelay::TellRefusedRedirect(const std::string& address) const {
 
 bool MessageRelay::SendMessage() {
     if (envelope_.messagePhase == PHASE_BDAT) return SendAsChunks();
-    if (!peers_.server.Ask("DATA\r\n", reply_)) return false;
+    if (!peers_.server.AskForData(reply_)) return false;
     if (reply_.Is("354")) return SendAsData();
     if (reply_.Refuses()) NoteRefusal();
     return !refusal_.empty();

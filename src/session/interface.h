@@ -15,11 +15,6 @@ struct RelayNetwork {
     std::uint32_t mask;
 };
 
-// Widths of the texts, their zero byte included.
-inline constexpr int kGreetingNameSize = 64;
-inline constexpr int kIPAddressSize = 32;
-inline constexpr int kServerToForwardSize = 64;
-
 struct NetworkInterface {
     std::string GreetingDomainName;           // the name in the proxy's own reply lines
     std::string IPAddress;                    // dotted; empty: all addresses

@@ -1,6 +1,6 @@
 // session/: one CSMTPProxy and one thread a client connection. Read it along a message's road:
-// conversation.h, dialogue.h (commands and replies), reception.h (into the spool file), relay.h
-// (scan, and on to the server); what these share is in peers.h, envelope.h and spool_file.h.
+// conversation.h, dialogue/ (commands and replies), message/ (into the spool file, scan, and on to
+// the server), address/ (what a path means); what these share is in peers.h and envelope.h.
 //
 // A session is made on the host's thread (CreateSession, ApplyInterface, SetConnectionCounter,
 // Start) and belongs to its own thread from Start on, which destroys it. Results of the phases: 1

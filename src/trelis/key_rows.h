@@ -26,13 +26,10 @@ inline constexpr long long kMostSize = std::numeric_limits<long long>::max();
 inline constexpr KeyRow kInterfaceRows[] = {
     Text("GreetingDomainName", "127.0.0.1", "the name in the proxy's own replies")
         .Width(64)
-        .EmptyCounts()
-        .RegistersDefault(),
+        .EmptyCounts(),
     Text("IPAddress", "", "address to listen on").Width(32).Shown("all addresses"),
-    Number("Port", "25", -kMostInt, kMostInt, "port to listen on").RegistersDefault(),
-    Text("ServerToForward", "127.0.0.1:10025", "the real mail server, host or host:port")
-        .Width(64)
-        .RegistersDefault(),
+    Number("Port", "25", -kMostInt, kMostInt, "port to listen on"),
+    Text("ServerToForward", "127.0.0.1:10025", "the real mail server, host or host:port").Width(64),
     Text("RelayNetworks/*/IPAddress", "", "clients of this network may send to any recipient")
         .Width(32)
         .RegistersList(),
@@ -47,11 +44,9 @@ inline constexpr KeyRow kInterfaceRows[] = {
          "larger; 0: no limit")
         .Shown("what the scanner takes"),
     Number("TimeoutBetweenNOOPs", "180", 1, 3600,
-           "seconds between signs of life to the server, 1 to 3600")
-        .RegistersDefault(),
+           "seconds between signs of life to the server, 1 to 3600"),
     Number("ConnectionTimeout", "600", 1, 3600,
-           "seconds to wait for a client or server, reading and writing, 1 to 3600")
-        .RegistersDefault(),
+           "seconds to wait for a client or server, reading and writing, 1 to 3600"),
     Text("Name", "", "a name for people; nothing reads it").Counts("never"),
 };
 
@@ -64,56 +59,49 @@ inline constexpr KeyRow kProxyRows[] = {
 
 inline constexpr KeyRow kAddressListRows[] = {
     Flag("Enabled", "judge each client by its address").Registers("Y"),
-    Text("Addresses/*/IP", "", "an address, or a network").Width(256).RegistersList(),
-    Text("Addresses/*/Mask", "", "the network's mask; without one a single address").Width(256),
+    Text("Addresses/*/IP", "", "an address, or a network").RegistersList(),
+    Text("Addresses/*/Mask", "", "the network's mask; without one a single address"),
     Number("Addresses/*/Action", "", -kMostInt, kMostInt,
-           "1 allow, 2 deny; a matching allow wins over any deny")
-        .Width(256),
+           "1 allow, 2 deny; a matching allow wins over any deny"),
 };
 
 inline constexpr KeyRow kBlackListRows[] = {
     Flag("Enabled", "judge each sender").Registers("Y"),
-    Text("WildcardsList/*", "", "the value is a pattern with `*` and `?`")
-        .Width(256)
-        .RegistersList(),
-    Text("UsersList/*", "", "the value is an address").Width(256).RegistersList(),
+    Text("WildcardsList/*", "", "the value is a pattern with `*` and `?`").RegistersList(),
+    Text("UsersList/*", "", "the value is an address").RegistersList(),
     Flag("EnabledDropConnection", "a listed sender ends the session").Registers("Y"),
     Flag("EnabledSendDenyMessage", "answer a listed sender with the text below").Registers("Y"),
-    Text("DenyMessage", kDenyText, "that text").Width(256).RegistersDefault(),
+    Text("DenyMessage", kDenyText, "that text"),
 };
 
 inline constexpr KeyRow kHarvestingRows[] = {
     Flag("Enabled", "slow down clients that ask for recipients that don't exist").Registers("Y"),
     Number("ResponseTimeout", "45", 1, kMostInt,
-           "seconds until the answer; the session ends behind it")
-        .Width(256)
-        .RegistersDefault(),
+           "seconds until the answer; the session ends behind it"),
     Flag("EnabledSendDenyMessage", "answer with the text below").Registers("Y"),
-    Text("DenyMessage", kDenyText, "that text").Width(256).RegistersDefault(),
+    Text("DenyMessage", kDenyText, "that text"),
 };
 
 inline constexpr KeyRow kMailDaemonRows[] = {
     Text("ClamdSocket", "", "clamd's Unix socket")
         .Shown("`clamd/clamd.sock` of the instance if there, else `/run/clamav/clamd.ctl`")
-        .RegistersDefault(),
+        .Registers(""),
     Text("ClamdConf", "",
          "the file that the log names where clamd's settings need a change; it is not read")
         .Shown("`clamd/clamd.conf` of the instance if there, else `/etc/clamav/clamd.conf`")
-        .RegistersDefault(),
+        .Registers(""),
     Size("MaxFileSize", "26214400", 1, 2LL << 30,
-         "bytes, or with K, M, G, at most 2 GB; a larger message counts as too big")
-        .RegistersDefault(),
-    Number("ConnectTimeout", "5", 1, 3600, "seconds to reach clamd").RegistersDefault(),
-    Number("ScanTimeout", "120", 1, 3600, "seconds for one message").RegistersDefault(),
-    Number("Threads", "16", 1, 200, "scans at a time").Counts(kAtStart).RegistersDefault(),
-    Text("VirusAction", "reject", "`reject`, `drop` or `redirect`").RegistersDefault(),
+         "bytes, or with K, M, G, at most 2 GB; a larger message counts as too big"),
+    Number("ConnectTimeout", "5", 1, 3600, "seconds to reach clamd"),
+    Number("ScanTimeout", "120", 1, 3600, "seconds for one message"),
+    Number("Threads", "16", 1, 200, "scans at a time").Counts(kAtStart),
+    Text("VirusAction", "reject", "`reject`, `drop` or `redirect`"),
     Text("RedirectAddress", "", "where `redirect` sends infected mail; without it, it is rejected")
-        .RegistersDefault(),
+        .Registers(""),
     Text(
         "WhenEncrypted", "pass",
         "mail with an encrypted archive: `pass`, `refuse` (550) or `put off` (451); any other word "
-        "puts off")
-        .RegistersDefault(),
+        "puts off"),
     Flag("PassWhenDown", "deliver unscanned while clamd doesn't answer").Registers("N"),
     Flag("PassWhenBusy", "deliver unscanned what clamd has no place for").Registers("N"),
     Flag("PassWhenTimedOut", "deliver unscanned what is not scanned in time").Registers("N"),
@@ -128,23 +116,20 @@ inline constexpr KeyRow kLogLevelRows[] = {
          "`none`, nothing; `low`, a line in the log file; `medium`, syslog besides, as "
          "information; `high`, there as a notice, warning or error")
         .Width(31)
-        .EmptyCounts()
-        .RegistersDefault(),
+        .EmptyCounts(),
 };
 inline constexpr KeyRow kLoggerRows[] = {
     Number("MaxLogSize", "10485760", 1, kMostSize,
            "bytes of one log file; four older ones are kept")
-        .Counts(kAtStart)
-        .RegistersDefault(),
+        .Counts(kAtStart),
     Written("Path", "the program's file"),
 };
 
 inline constexpr KeyRow kStatsRows[] = {
-    Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports").RegistersDefault(),
-    Text("HTTPAddress", "127.0.0.1", "address to listen on").RegistersDefault(),
+    Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports"),
+    Text("HTTPAddress", "127.0.0.1", "address to listen on"),
     Number("KeepDays", "400", 0, 100000, "days that records are kept; 0: for ever")
-        .OutOfBounds(Beyond::kNearest)
-        .RegistersDefault(),
+        .OutOfBounds(Beyond::kNearest),
     Text("Accounts/*", "", "salted hash of an account's password, made with `vtstatd passwd NAME`"),
     Written("Path", "the program's file"),
 };
@@ -152,13 +137,10 @@ inline constexpr KeyRow kStatsRows[] = {
 inline constexpr KeyRow kStoreRows[] = {
     Flag("RemoteReads",
          "answer reads of other hosts, below `/VTWIN/Daemons` only, without the accounts")
-        .Width(64)
         .Registers("N"),
-    Text("Address", "", "address to listen on").Width(64).Shown("all addresses").RegistersDefault(),
+    Text("Address", "", "address to listen on").Registers("").Shown("all addresses"),
     Number("Port", "8485", 1, 0xFFFF, "port to listen on, and to ask others on")
-        .OutOfBounds(Beyond::kDefault)
-        .Width(64)
-        .RegistersDefault(),
+        .OutOfBounds(Beyond::kDefault),
     Written("Path", "the program's file"),
 };
 
@@ -176,14 +158,14 @@ inline constexpr KeySection kKeySections[] = {
     {kInterfaceKey, "Interfaces", Program::kProxy, "with the next session", kInterfaceRows},
     {kProxyKey, "The proxy", Program::kProxy, "at the start, and when an interface changes",
      kProxyRows},
-    {kAddressListKey, "Addresses of clients", Program::kProxy, "at once", kAddressListRows},
-    {kBlackListKey, "Senders", Program::kProxy, "at once", kBlackListRows},
-    {kHarvestingKey, "Unknown recipients", Program::kProxy, "at once", kHarvestingRows},
+    {kAddressListKey, "Addresses of clients", Program::kProxy, "at once", kAddressListRows, 256},
+    {kBlackListKey, "Senders", Program::kProxy, "at once", kBlackListRows, 256},
+    {kHarvestingKey, "Unknown recipients", Program::kProxy, "at once", kHarvestingRows, 256},
     {kMailDaemonKey, "Scanning", Program::kMailDaemon, "with the next scan", kMailDaemonRows},
     {kLogLevelKey, "Levels of the log", Program::kLogger, "with the next event", kLogLevelRows},
     {kLoggerKey, "The log", Program::kLogger, kAtStart, kLoggerRows},
     {kStatsKey, "Statistics", Program::kStatistics, "within a second", kStatsRows},
-    {kStoreKey, "The store for other hosts", Program::kStore, "within a second", kStoreRows},
+    {kStoreKey, "The store for other hosts", Program::kStore, "within a second", kStoreRows, 64},
     {kCrashKey, "Crash reports", Program::kNone, kAtStart, kCrashRows},
     {kVersionsKey, "Versions", Program::kNone, kAtStart, kVersionRows},
 };

@@ -40,12 +40,19 @@ struct KeyRow {
     long long least = 1;  // of numbers and sizes
     long long most = kMostInt;
     Beyond beyond = Beyond::kDefaultBelow;
-    int width = 512;              // bytes that are read, a zero byte included
+    int width = 0;                // bytes that are read, a zero byte included; 0: as the section
     bool emptyCounts = false;     // an empty text is a value
     bool registersList = false;   // `register` makes the key above its '*', for entries to come
     const char* shown = nullptr;  // the default in words, where `fallback` doesn't say it
-    const char* registered = nullptr;  // what `register` writes; null: nothing
+    const char* registered = nullptr;  // what `register` writes; null: a default that is not empty
     const char* effect = nullptr;      // from when on a change counts, where the section differs
+
+    template <typename Field>
+    constexpr KeyRow With(Field KeyRow::*field, Field value) const {
+        KeyRow row = *this;
+        row.*field = value;
+        return row;
+    }
 
     constexpr KeyRow Width(int bytes) const { return With(&KeyRow::width, bytes); }
     constexpr KeyRow EmptyCounts() const { return With(&KeyRow::emptyCounts, true); }
@@ -53,16 +60,7 @@ struct KeyRow {
     constexpr KeyRow OutOfBounds(Beyond what) const { return With(&KeyRow::beyond, what); }
     constexpr KeyRow Shown(const char* words) const { return With(&KeyRow::shown, words); }
     constexpr KeyRow Registers(const char* v) const { return With(&KeyRow::registered, v); }
-    constexpr KeyRow RegistersDefault() const { return Registers(fallback); }
     constexpr KeyRow Counts(const char* when) const { return With(&KeyRow::effect, when); }
-
-  private:
-    template <typename Field>
-    constexpr KeyRow With(Field KeyRow::*field, Field value) const {
-        KeyRow row = *this;
-        row.*field = value;
-        return row;
-    }
 };
 
 struct KeySection {
@@ -71,6 +69,7 @@ struct KeySection {
     Program program;
     const char* effect;  // from when on a change counts
     std::span<const KeyRow> rows;
+    int width = 512;  // of its rows
 };
 
 constexpr KeyRow Text(const char* name, const char* fallback, const char* meaning) {

@@ -21,17 +21,17 @@ void Write(const std::string& key, const std::string& value) {
 std::vector<std::string> Paths(const std::string& path, const std::vector<std::string>& names) {
     const std::size_t star = path.find('*');
     if (star == std::string::npos) return {path};
-    std::vector<std::string> paths;
-    for (const std::string& name : names) paths.push_back(std::string(path).replace(star, 1, name));
+    std::vector<std::string> paths(names.size(), path);
+    for (std::size_t i = 0; i < names.size(); ++i) paths[i].replace(star, 1, names[i]);
     return paths;
 }
 
 void WriteRow(const std::string& root, const KeyRow& row, const Registration& registration) {
     std::string path = root + row.name;
     if (row.registersList) path.resize(root.size() + std::string_view(row.name).find("/*"));
-    if (row.registered == nullptr && !row.registersList) return;
-    for (const std::string& each : Paths(path, registration.names))
-        Write(each, row.registersList ? "" : row.registered);
+    const char* const value = row.registered != nullptr ? row.registered : row.fallback;
+    if (*value == '\0' && row.registered == nullptr && !row.registersList) return;
+    for (const std::string& each : Paths(path, registration.names)) Write(each, value);
 }
 
 }  // namespace

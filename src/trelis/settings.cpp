@@ -36,7 +36,7 @@ long long InBounds(const Key& key, Names names, const std::string& given, long l
 }  // namespace
 
 std::string Key::Path(Names names) const {
-    std::string path(root_);
+    std::string path(section_->root);
     path.append("/").append(row_->name);
     std::size_t at = 0;
     for (const std::string_view name : names) {
@@ -49,13 +49,11 @@ std::string Key::Path(Names names) const {
 }
 
 std::string Key::ListPath(Names names) const {
-    std::size_t star = 0;
     std::string path = Path(names);
     // A name may hold a '*' of its own: those of the pattern that are left are its last ones.
-    const std::string_view name = row_->name;
-    const auto stars = static_cast<std::size_t>(std::count(root_.begin(), root_.end(), '*') +
-                                                std::count(name.begin(), name.end(), '*'));
-    star = path.size();
+    const std::string pattern = Path();
+    const auto stars = static_cast<std::size_t>(std::count(pattern.begin(), pattern.end(), '*'));
+    std::size_t star = path.size();
     for (std::size_t left = stars - names.size(); left > 0; --left)
         star = path.rfind('*', star - 1);
     path.resize(star - 1);
@@ -63,8 +61,8 @@ std::string Key::ListPath(Names names) const {
 }
 
 std::optional<std::string> ReadIfGiven(const Key& key, Names names, std::uint32_t store) {
-    std::string value(static_cast<std::size_t>(key.Row().width), '\0');
-    if (TrelisGetValue(store, key.Path(names).c_str(), value.data(), key.Row().width) != 0)
+    std::string value(static_cast<std::size_t>(key.Width()), '\0');
+    if (TrelisGetValue(store, key.Path(names).c_str(), value.data(), key.Width()) != 0)
         return std::nullopt;
     value.resize(value.find('\0'));
     return value;
@@ -99,11 +97,6 @@ std::optional<long long> ReadSize(const Key& key, Names names) {
 bool ReadFlag(const Key& key, Names names) {
     const std::string text = ReadIfGiven(key, names).value_or("");
     return text.starts_with('Y') || text.starts_with('y');
-}
-
-int NearestInt(const std::string& text) {
-    return static_cast<int>(
-        std::clamp(std::strtoll(text.c_str(), nullptr, 10), -kMostInt - 1, kMostInt));
 }
 
 NameWalk::NameWalk(const Key& key, Names names)

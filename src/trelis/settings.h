@@ -17,26 +17,30 @@ namespace trelis {
 class Key {
   public:
     consteval Key(std::string_view root, std::string_view name)
-        : root_(root), row_(&Find(root, name)) {}
+        : section_(&Find(root)), row_(&Find(*section_, name)) {}
 
     const KeyRow& Row() const { return *row_; }
+    int Width() const { return row_->width == 0 ? section_->width : row_->width; }
     // The key with names in the place of its '*'s, one after the other; those too many are dropped.
     std::string Path(std::initializer_list<std::string_view> names = {}) const;
     // The key above the first '*' that `names` leave over.
     std::string ListPath(std::initializer_list<std::string_view> names = {}) const;
 
   private:
-    static consteval const KeyRow& Find(std::string_view root, std::string_view name) {
+    static consteval const KeySection& Find(std::string_view root) {
         for (const KeySection& section : kKeySections) {
-            if (section.root != root) continue;
-            for (const KeyRow& row : section.rows) {
-                if (row.name == name) return row;
-            }
+            if (section.root == root) return section;
+        }
+        throw "the table has no such section";
+    }
+    static consteval const KeyRow& Find(const KeySection& section, std::string_view name) {
+        for (const KeyRow& row : section.rows) {
+            if (row.name == name) return row;
         }
         throw "the table has no such key";
     }
 
-    std::string_view root_;
+    const KeySection* section_;
     const KeyRow* row_;
 };
 using Names = std::initializer_list<std::string_view>;
@@ -51,9 +55,6 @@ int ReadInt(const Key& key, Names names = {}, std::uint32_t store = kLocalStore)
 // Bytes; nothing if the key says none and has no default.
 std::optional<long long> ReadSize(const Key& key, Names names = {});
 bool ReadFlag(const Key& key, Names names = {});
-
-// A number as atoi reads it, but one outside an int is the nearest int.
-int NearestInt(const std::string& text);
 
 // A walk over the names that stand for the first '*' that `names` leave over, in the store's order.
 // A missing key has none; names whose path would be too long are passed over.

@@ -1,8 +1,8 @@
-// daemons/: the companions of the proxy: vtregistry, the store's tool and service; vtmaild, which
-// scans; vtlogd, which logs; vtstatd, which keeps statistics; vtreport, which shows them.
+// daemons/: the companions of the proxy, a folder each: registryd (vtregistry, the store's tool and
+// service), maild (vtmaild, which scans), logd, statd, and the services' supervisor.
 //
-// This header: the frame that the daemons share, a service that answers requests on one LIPC
-// endpoint with a number of threads.
+// frame/: what they share, a service that answers requests on one LIPC endpoint with a number of
+// threads.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,7 @@
-// The path of a sender or recipient command: which address a server will take it for, and whether
-// it can lead anywhere but to our own domains.
+// address/: what the address in a command is for whoever reads it.
+//
+// This header: the path of a sender or recipient command: which address a server will take it for,
+// and whether it can lead anywhere but to our own domains.
 //
 // Servers don't agree on paths: some know comments, routes, bang paths and the percent hack, some
 // take quotes and backslashes away first, some read the first '<', some the whole text. So there

@@ -1,3 +1,5 @@
+// dialogue/: commands (command.cpp) and replies (reply.cpp).
+//
 // One run of the command dialogue: from a reply that is due, or the client's next command, to a
 // complete message or the end of the session. A strict ping-pong: one reply from the server, one
 // command from the client.

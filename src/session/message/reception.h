@@ -1,4 +1,6 @@
-// The reception of a message into its spool file, in the form in which it comes: with the dots that
+// message/: a message from its first byte to the server: reception, spool file, scan, relay.
+//
+// This header: the reception into its spool file, in the form in which it comes: with the dots that
 // a client puts in front of dots after DATA, as plain bytes in chunks.
 #pragma once
 

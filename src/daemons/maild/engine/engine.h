@@ -1,4 +1,6 @@
-// Inside maild/: the engine as something that has to prove itself. A thread of its own scans probes
+// engine/: clamd, and how far it is believed.
+//
+// This header: the engine as something that has to prove itself. A thread of its own scans probes
 // (probes.h) as soon as it is there, and again when it has been started anew, has loaded other
 // signatures, or the settings have changed; what it came to, the proof, says how far a verdict of
 // "clean" is worth something.

@@ -1,4 +1,6 @@
-// Inside maild/: the forms that a stored message can take on its way to a reader, as the engine is
+// forms/: what a receiver may make of a message.
+//
+// This header: the forms that a stored message can take on its way to a reader, as the engine is
 // to see them.
 //
 // A message that came by DATA lies in its spool file as on the wire, and goes to the server like

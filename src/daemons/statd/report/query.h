@@ -1,4 +1,6 @@
-// What a report asks for and what it holds, and the reading of it from the database.
+// report/: reports, from the query to the tables.
+//
+// This header: what a report asks for and what it holds, and the reading of it from the database.
 #pragma once
 
 #include <array>

@@ -1,4 +1,6 @@
-// The statistics' database: one SQLite file, written by one connection, read by others at the same
+// store/: the records of the statistics and what is counted from them.
+//
+// This header: the database, one SQLite file, written by one connection, read by others at the same
 // time (WAL).
 //
 //   records  a row a record, in the order of arrival

@@ -1,4 +1,6 @@
-// What the statistics daemon serves: GET / (the page), GET /live (numbers), POST / (reports).
+// web/: the page, the reports and the accounts over HTTP.
+//
+// This header: what is served, GET / (the page), GET /live (numbers), POST / (reports).
 #pragma once
 
 #include "daemons/statd/report/query.h"

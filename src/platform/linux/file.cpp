@@ -45,15 +45,6 @@ DWORD GetModuleFileNameA(HANDLE, LPSTR buffer, DWORD size) {
 
 namespace platform {
 
-File& File::operator=(File&& other) noexcept {
-    if (this != &other) {
-        Close();
-        descriptor_ = other.descriptor_;
-        other.descriptor_ = -1;
-    }
-    return *this;
-}
-
 File File::CreateExclusive(const char* path, int group) {
     const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (descriptor >= 0 && group >= 0 &&
@@ -72,13 +63,13 @@ File File::OpenRead(const char* path) {
 
 long long File::Size() const {
     struct stat info {};
-    return fstat(descriptor_, &info) == 0 ? static_cast<long long>(info.st_size) : -1;
+    return fstat(Descriptor(), &info) == 0 ? static_cast<long long>(info.st_size) : -1;
 }
 
 bool File::Write(const void* data, std::size_t length) {
     const char* at = static_cast<const char*>(data);
     while (length > 0) {
-        const ssize_t done = write(descriptor_, at, length);
+        const ssize_t done = write(Descriptor(), at, length);
         if (done < 0 && errno == EINTR) continue;
         if (done <= 0) return false;
         at += done;
@@ -90,14 +81,13 @@ bool File::Write(const void* data, std::size_t length) {
 long long File::Read(void* buffer, std::size_t length) {
     ssize_t done = 0;
     do {
-        done = read(descriptor_, buffer, length);
+        done = read(Descriptor(), buffer, length);
     } while (done < 0 && errno == EINTR);
     return done;
 }
 
 bool File::Close() {
-    const int descriptor = descriptor_;
-    descriptor_ = -1;
+    const int descriptor = descriptor_.Release();
     return descriptor < 0 || close(descriptor) == 0;
 }
 

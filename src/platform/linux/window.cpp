@@ -207,11 +207,8 @@ DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll
         return WAIT_FAILED;
     }
     for (DWORD i = 0; i < count; ++i) {
-        objects[i] = dynamic_cast<platform::Waitable*>(platform::FromHandle(handles[i]));
-        if (objects[i] == nullptr) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return WAIT_FAILED;
-        }
+        objects[i] = platform::ToWaitable(handles[i]);
+        if (objects[i] == nullptr) return WAIT_FAILED;
     }
     MessageQueue& queue = *ThreadQueue();
     objects[count] = &queue.filled;

@@ -196,8 +196,7 @@ UniqueDescriptor TakeSignals() {
 
 // Hands on controls until the service's thread has ended.
 void Dispatch(ServiceStatusRecord& service, const UniqueDescriptor& signals, HANDLE thread) {
-    auto* ended = dynamic_cast<platform::Waitable*>(platform::FromHandle(thread));
-    platform::Waitable* const objects[] = {ended};
+    platform::Waitable* const objects[] = {platform::ToWaitable(thread)};
     for (;;) {
         std::array<pollfd, 2> extra{
             {{signals.Get(), POLLIN, 0}, {service.manager->Descriptor(), POLLIN, 0}}};

@@ -71,6 +71,9 @@ class Waitable : public Object {
     bool raised_ = false;  // guarded by mutex_: the descriptor is readable
 };
 
+// The handle's object; null, with the last error, if it can't be waited on.
+Waitable* ToWaitable(HANDLE handle);
+
 // Waits until one of the objects is signalled (its index is given and it is consumed), one of the
 // extra descriptors shows an event (objects.size() is given, revents are filled in), or the time is
 // over (WAIT_TIMEOUT). WAIT_FAILED on failure. At most MAXIMUM_WAIT_OBJECTS of each.

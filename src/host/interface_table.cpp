@@ -15,6 +15,7 @@ constexpr char kInterfacesKey[] = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces";
 constexpr char kSpoolGroupKey[] = "/VTWIN/Agents/VTSMTPProxy/SpoolGroup";
 constexpr int kNameSize = 512;
 constexpr std::size_t kPathSize = 512;
+constexpr char kEveryAddress[] = "0.0.0.0";
 constexpr char kDefaultGreetingName[] = "127.0.0.1";
 constexpr char kDefaultServer[] = "127.0.0.1:10025";
 constexpr int kDefaultPort = 25;
@@ -37,7 +38,7 @@ void ForEachChild(const std::string& key, Use use) {
 
 // The system would listen on a broadcast address and on one of "this network", where no client ever
 // comes, and would keep the port from a good entry.
-bool CanListenOn(in_addr_t address) {
+bool CanListenOn(std::uint32_t address) {
     return address == INADDR_ANY || (address != INADDR_NONE && ntohl(address) >> 24 != 0);
 }
 
@@ -60,12 +61,6 @@ int ReadNumber(const std::string& key) {
 int ReadSeconds(const std::string& key, int fallback) {
     const int seconds = ReadNumber(key);
     return seconds < 1 ? fallback : std::min(seconds, kMaxSeconds);
-}
-
-// A service that starts anew must get its port while old connections linger.
-void AllowAddressReuse(SOCKET socket) {
-    const int on = 1;
-    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
 }
 
 }  // namespace
@@ -95,20 +90,18 @@ void CSMTP::LoadInterface(int position, const char* name) {
     NetworkInterface& entry = interfaces_[static_cast<std::size_t>(position)];
     const std::string key = std::string(kInterfacesKey) + "/" + name;
 
-    SocketAddress address{};
-    address.sin_family = AF_INET;
     const Value greeting = Read(key + "/GreetingDomainName", kGreetingNameSize);
     entry.GreetingDomainName = greeting.found ? greeting.text : kDefaultGreetingName;
     entry.IPAddress = Read(key + "/IPAddress", kIPAddressSize).text;
-    // A text that is no address gives all ones.
-    address.sin_addr.s_addr = entry.IPAddress.empty() ? 0 : inet_addr(entry.IPAddress.c_str());
     entry.Port =
         Read(key + "/Port", kNameSize).text.empty() ? kDefaultPort : ReadNumber(key + "/Port");
-    address.sin_port = htons(static_cast<std::uint16_t>(entry.Port));
+    const SocketAddress address =
+        NumericAddress(entry.IPAddress.empty() ? kEveryAddress : entry.IPAddress.c_str(),
+                       static_cast<std::uint16_t>(entry.Port));
     const Value server = Read(key + "/ServerToForward", kServerToForwardSize);
     entry.ServerToForward = server.text.empty() ? kDefaultServer : server.text;
 
-    if (entry.listener.Create(SOCK_STREAM)) AllowAddressReuse(entry.listener.Handle());
+    if (entry.listener.Create(SOCK_STREAM)) SocketAllowReuse(entry.listener.Handle());
     if (CanListenOn(address.sin_addr.s_addr) && entry.listener.Bind(address)) {
         entry.listener.Listen();
         WSAAsyncSelect(entry.listener.Handle(), SocketWindow, AcceptMessage, FD_ACCEPT);

@@ -5,35 +5,18 @@
 #include <chrono>
 #include <span>
 
+#include "platform/unique.h"
+
 namespace platform {
 
-// Owner of a descriptor.
-class UniqueDescriptor {
-  public:
-    UniqueDescriptor() = default;
-    explicit UniqueDescriptor(int descriptor) : descriptor_(descriptor) {}
-    UniqueDescriptor(UniqueDescriptor&& other) noexcept : descriptor_(other.Release()) {}
-    UniqueDescriptor& operator=(UniqueDescriptor&& other) noexcept {
-        Reset(other.Release());
-        return *this;
-    }
-    UniqueDescriptor(const UniqueDescriptor&) = delete;
-    UniqueDescriptor& operator=(const UniqueDescriptor&) = delete;
-    ~UniqueDescriptor() { Reset(); }
-
-    int Get() const { return descriptor_; }
-    explicit operator bool() const { return descriptor_ >= 0; }
-    int Release() {
-        const int descriptor = descriptor_;
-        descriptor_ = -1;
-        return descriptor;
-    }
+struct DescriptorKind {
+    using Type = int;
+    static constexpr int kNone = -1;
+    static bool Owned(int descriptor) { return descriptor >= 0; }
     // Leaves errno alone.
-    void Reset(int descriptor = -1);
-
-  private:
-    int descriptor_ = -1;
+    static void Close(int descriptor);
 };
+using UniqueDescriptor = Unique<DescriptorKind>;
 
 enum class Want { kRead, kWrite };
 

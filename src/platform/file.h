@@ -69,6 +69,8 @@ void ShareDirectory(const char* path, int group);
 // Removes the plain files of a directory whose names begin with prefix. For leavings of an earlier
 // process.
 void RemoveFiles(const std::string& directory, const char* prefix);
+// Whether this process may make files in a directory.
+bool MayMakeFiles(const char* directory);
 bool HasSubdirectory(const std::string& directory);
 
 // Held while one process serves a name in this instance; the lock goes with the process.

@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "platform/home.h"
+#include "platform/linux/fail.h"
 
 DWORD GetTempPathA(DWORD size, LPSTR buffer) {
     const std::string path = platform::HomePath("tmp/");
@@ -24,14 +25,12 @@ DWORD GetTempPathA(DWORD size, LPSTR buffer) {
 
 BOOL CreateDirectoryA(LPCSTR path, LPSECURITY_ATTRIBUTES) {
     if (mkdir(path, 0700) == 0) return TRUE;
-    SetLastError(errno == EEXIST ? ERROR_ALREADY_EXISTS : ERROR_PATH_NOT_FOUND);
-    return FALSE;
+    return platform::Fail(errno == EEXIST ? ERROR_ALREADY_EXISTS : ERROR_PATH_NOT_FOUND);
 }
 
 BOOL DeleteFileA(LPCSTR path) {
     if (unlink(path) == 0) return TRUE;
-    SetLastError(errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
-    return FALSE;
+    return platform::Fail(errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
 }
 
 DWORD GetModuleFileNameA(HANDLE, LPSTR buffer, DWORD size) {
@@ -137,6 +136,8 @@ void RemoveFiles(const std::string& directory, const char* prefix) {
             unlinkat(dirfd(listing.get()), entry->d_name, 0);
     }
 }
+
+bool MayMakeFiles(const char* directory) { return access(directory, W_OK | X_OK) == 0; }
 
 bool HasSubdirectory(const std::string& directory) {
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(directory.c_str()), closedir);

@@ -73,8 +73,7 @@ bool CompletionQueue::WaitForEvents(DWORD milliseconds) {
             static_cast<PollTarget*>(event.data.ptr)->OnReady(event.events);
     }
     if (count > 0 || interrupted) return true;
-    SetLastError(count == 0 ? WAIT_TIMEOUT : ERROR_INVALID_HANDLE);
-    return false;
+    return platform::Fail(count == 0 ? WAIT_TIMEOUT : ERROR_INVALID_HANDLE);
 }
 
 BOOL CompletionQueue::Take(DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped,
@@ -95,8 +94,7 @@ BOOL CompletionQueue::Take(DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped
         *key = entry.key;
         *overlapped = entry.overlapped;
         if (entry.error == 0) return TRUE;
-        SetLastError(entry.error);
-        return FALSE;
+        return platform::Fail(entry.error);
     }
 }
 

@@ -54,19 +54,4 @@ class CompletionQueue final : public Object {
     bool sleeping_ = false;  // guarded by mutex_: a thread is in epoll_wait, or on its way there
 };
 
-// Owner of a queue's reference.
-struct QueueReference {
-    CompletionQueue* queue = nullptr;
-    QueueReference() = default;
-    QueueReference(const QueueReference&) = delete;
-    QueueReference& operator=(const QueueReference&) = delete;
-    ~QueueReference() {
-        if (queue != nullptr) queue->Release();
-    }
-    void Set(CompletionQueue* value) {
-        queue = value;
-        queue->AddRef();
-    }
-};
-
 }  // namespace platform

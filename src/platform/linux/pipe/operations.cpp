@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string>
 #include <utility>
 
@@ -17,8 +16,9 @@
 namespace {
 
 using platform::CompletionQueue;
-using platform::FromHandle;
 using platform::LocalAddress;
+using platform::NewObject;
+using platform::ObjectOf;
 using platform::Pipe;
 using platform::PipeServer;
 using platform::ToHandle;
@@ -36,128 +36,101 @@ std::string NameOf(LPCSTR path) {
 }
 
 HANDLE NewPipe(UniqueDescriptor descriptor, std::shared_ptr<PipeServer> server) {
-    auto* pipe = new (std::nothrow) Pipe(std::move(descriptor), std::move(server));
-    if (pipe != nullptr) return ToHandle(pipe);
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return INVALID_HANDLE_VALUE;
-}
-
-Pipe* ToPipe(HANDLE handle) {
-    auto* pipe = dynamic_cast<Pipe*>(FromHandle(handle));
-    if (pipe == nullptr) SetLastError(ERROR_INVALID_HANDLE);
-    return pipe;
-}
-
-CompletionQueue* ToQueue(HANDLE handle) {
-    auto* queue = dynamic_cast<CompletionQueue*>(FromHandle(handle));
-    if (queue == nullptr) SetLastError(ERROR_INVALID_HANDLE);
-    return queue;
+    auto* pipe = NewObject<Pipe>(std::move(descriptor), std::move(server));
+    return pipe != nullptr ? ToHandle(pipe) : INVALID_HANDLE_VALUE;
 }
 
 }  // namespace
 
 HANDLE CreateFileA(LPCSTR path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
     const std::string name = NameOf(path);
-    if (name.empty() || platform::Home().empty()) {
-        SetLastError(ERROR_PATH_NOT_FOUND);
-        return INVALID_HANDLE_VALUE;
-    }
+    if (name.empty() || platform::Home().empty())
+        return platform::FailWith(INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
     const LocalAddress address("pipes", name);
     UniqueDescriptor descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!descriptor || !address.Valid()) {
-        SetLastError(ERROR_TOO_MANY_OPEN_FILES);
-        return INVALID_HANDLE_VALUE;
-    }
-    if (connect(descriptor.Get(), address.Get(), LocalAddress::Size()) != 0) {
-        SetLastError(errno == ENOENT || errno == ECONNREFUSED ? ERROR_FILE_NOT_FOUND
-                     : errno == EAGAIN                        ? ERROR_PIPE_BUSY
-                                                              : ERROR_ACCESS_DENIED);
-        return INVALID_HANDLE_VALUE;
-    }
+    if (!descriptor || !address.Valid())
+        return platform::FailWith(INVALID_HANDLE_VALUE, ERROR_TOO_MANY_OPEN_FILES);
+    if (connect(descriptor.Get(), address.Get(), LocalAddress::Size()) != 0)
+        return platform::FailWith(INVALID_HANDLE_VALUE, errno == ENOENT || errno == ECONNREFUSED
+                                                            ? ERROR_FILE_NOT_FOUND
+                                                        : errno == EAGAIN ? ERROR_PIPE_BUSY
+                                                                          : ERROR_ACCESS_DENIED);
     return NewPipe(std::move(descriptor), nullptr);
 }
 
 HANDLE CreateNamedPipeA(LPCSTR path, DWORD, DWORD, DWORD, DWORD, DWORD, DWORD,
                         LPSECURITY_ATTRIBUTES) {
     const std::string name = NameOf(path);
-    if (name.empty() || platform::Home().empty()) {
-        SetLastError(ERROR_PATH_NOT_FOUND);
-        return INVALID_HANDLE_VALUE;
-    }
+    if (name.empty() || platform::Home().empty())
+        return platform::FailWith(INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
     std::shared_ptr<PipeServer> server = PipeServer::Get(name);
-    if (server == nullptr) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return INVALID_HANDLE_VALUE;
-    }
+    if (server == nullptr) return platform::FailWith(INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
     return NewPipe({}, std::move(server));
 }
 
 BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED* overlapped) {
-    Pipe* object = ToPipe(pipe);
+    auto* object = ObjectOf<Pipe>(pipe);
     return object == nullptr ? FALSE : object->Connect(overlapped);
 }
 
 BOOL DisconnectNamedPipe(HANDLE pipe) {
-    Pipe* object = ToPipe(pipe);
+    auto* object = ObjectOf<Pipe>(pipe);
     return object != nullptr && object->Disconnect() ? TRUE : FALSE;
 }
 
 HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD) {
     if (pipe == INVALID_HANDLE_VALUE && existingPort == nullptr) {
-        auto* queue = new (std::nothrow) CompletionQueue;
-        if (queue != nullptr && queue->Ready()) return ToHandle(queue);
-        if (queue != nullptr) queue->Release();
-        SetLastError(ERROR_TOO_MANY_OPEN_FILES);
-        return nullptr;
+        platform::Reference<CompletionQueue> queue(NewObject<CompletionQueue>());
+        if (queue == nullptr || !queue->Ready()) return platform::Fail(ERROR_TOO_MANY_OPEN_FILES);
+        return ToHandle(queue.release());
     }
-    Pipe* object = ToPipe(pipe);
-    CompletionQueue* queue = ToQueue(existingPort);
+    auto* object = ObjectOf<Pipe>(pipe);
+    auto* queue = ObjectOf<CompletionQueue>(existingPort);
     if (object == nullptr || queue == nullptr) return nullptr;
     if (object->Bind(queue, key)) return existingPort;
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return nullptr;
+    return platform::Fail(ERROR_INVALID_PARAMETER);
 }
 
 BOOL GetQueuedCompletionStatus(HANDLE port, DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped,
                                DWORD milliseconds) {
     *overlapped = nullptr;
-    CompletionQueue* queue = ToQueue(port);
+    auto* queue = ObjectOf<CompletionQueue>(port);
     return queue == nullptr ? FALSE : queue->Take(bytes, key, overlapped, milliseconds);
 }
 
 BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped) {
-    CompletionQueue* queue = ToQueue(port);
+    auto* queue = ObjectOf<CompletionQueue>(port);
     if (queue == nullptr) return FALSE;
     queue->Post(bytes, key, overlapped, 0);
     return TRUE;
 }
 
 BOOL ReadFile(HANDLE pipe, LPVOID buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
-    Pipe* object = ToPipe(pipe);
+    auto* object = ObjectOf<Pipe>(pipe);
     return object == nullptr ? FALSE : object->Read(buffer, size, done, overlapped);
 }
 
 BOOL WriteFile(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
-    Pipe* object = ToPipe(pipe);
+    auto* object = ObjectOf<Pipe>(pipe);
     return object == nullptr ? FALSE : object->Write(buffer, size, done, overlapped);
 }
 
 BOOL SetFileCompletionNotificationModes(HANDLE pipe, BYTE flags) {
-    Pipe* object = ToPipe(pipe);
+    auto* object = ObjectOf<Pipe>(pipe);
     if (object == nullptr || flags != FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) return FALSE;
     object->SkipCompletionsOnSuccess();
     return TRUE;
 }
 
 BOOL CancelIo(HANDLE pipe) {
-    Pipe* object = ToPipe(pipe);
+    auto* object = ObjectOf<Pipe>(pipe);
     if (object == nullptr) return FALSE;
     object->Cancel(false);
     return TRUE;
 }
 
 BOOL CancelIoEx(HANDLE pipe, OVERLAPPED* overlapped) {
-    Pipe* object = ToPipe(pipe);
+    auto* object = ObjectOf<Pipe>(pipe);
     if (object == nullptr || overlapped != nullptr) return FALSE;
     object->Cancel(true);
     return TRUE;

@@ -21,15 +21,15 @@ DWORD IoError() {
 void Pipe::Complete(Operation& operation, DWORD bytes, DWORD error) {
     OVERLAPPED* overlapped = operation.overlapped;
     operation.overlapped = nullptr;
-    queue_.queue->Post(bytes, key_, overlapped, error);
+    queue_->Post(bytes, key_, overlapped, error);
 }
 
 bool Pipe::Bind(CompletionQueue* queue, ULONG_PTR key) {
     // The server's lock comes before a pipe's.
     if (server_ != nullptr && !server_->Watch(queue)) return false;
     const std::lock_guard lock(mutex_);
-    if (queue_.queue != nullptr) return false;
-    queue_.Set(queue);
+    if (queue_ != nullptr) return false;
+    queue_ = Share(queue);
     key_ = key;
     return !descriptor_ || queue->Watch(descriptor_.Get(), this);
 }
@@ -84,18 +84,20 @@ BOOL Pipe::Result(Operation& operation, Tried tried, DWORD error, DWORD* done) {
         return TRUE;
     }
     // A failure comes as a completion too.
-    SetLastError(ERROR_IO_PENDING);
-    return FALSE;
+    return Fail(ERROR_IO_PENDING);
+}
+
+bool Pipe::Begin(Operation& operation, void* buffer, DWORD size, OVERLAPPED* overlapped) {
+    if (!descriptor_ || queue_ == nullptr || overlapped == nullptr ||
+        operation.overlapped != nullptr)
+        return Fail(ERROR_INVALID_HANDLE);
+    operation = {overlapped, static_cast<char*>(buffer), size, 0, GetCurrentThreadId()};
+    return true;
 }
 
 BOOL Pipe::Read(void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
     const std::lock_guard lock(mutex_);
-    if (!descriptor_ || queue_.queue == nullptr || overlapped == nullptr ||
-        read_.overlapped != nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
-    read_ = {overlapped, static_cast<char*>(buffer), size, 0, GetCurrentThreadId()};
+    if (!Begin(read_, buffer, size, overlapped)) return FALSE;
     DWORD error = 0;
     const Tried tried = drained_ ? Tried::kWouldBlock : TryRead(error);
     return Result(read_, tried, error, done);
@@ -103,13 +105,7 @@ BOOL Pipe::Read(void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
 
 BOOL Pipe::Write(const void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped) {
     const std::lock_guard lock(mutex_);
-    if (!descriptor_ || queue_.queue == nullptr || overlapped == nullptr ||
-        write_.overlapped != nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
-    write_ = {overlapped, static_cast<char*>(const_cast<void*>(buffer)), size, 0,
-              GetCurrentThreadId()};
+    if (!Begin(write_, const_cast<void*>(buffer), size, overlapped)) return FALSE;
     DWORD error = 0;
     const Tried tried = TryWrite(error);
     return Result(write_, tried, error, done);
@@ -123,20 +119,14 @@ void Pipe::SkipCompletionsOnSuccess() {
 BOOL Pipe::Connect(OVERLAPPED* overlapped) {
     {
         const std::lock_guard lock(mutex_);
-        if (server_ == nullptr || queue_.queue == nullptr || overlapped == nullptr ||
-            connect_.overlapped != nullptr) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return FALSE;
-        }
-        if (descriptor_) {
-            SetLastError(ERROR_PIPE_CONNECTED);
-            return FALSE;
-        }
+        if (server_ == nullptr || queue_ == nullptr || overlapped == nullptr ||
+            connect_.overlapped != nullptr)
+            return Fail(ERROR_INVALID_HANDLE);
+        if (descriptor_) return Fail(ERROR_PIPE_CONNECTED);
         connect_ = {overlapped, nullptr, 0, 0, GetCurrentThreadId()};
     }
     server_->Wait(this);
-    SetLastError(ERROR_IO_PENDING);
-    return FALSE;
+    return Fail(ERROR_IO_PENDING);
 }
 
 void Pipe::Adopt(UniqueDescriptor descriptor) {
@@ -144,7 +134,7 @@ void Pipe::Adopt(UniqueDescriptor descriptor) {
     descriptor_ = std::move(descriptor);
     drained_ = false;
     hungUp_ = false;
-    const bool watched = queue_.queue->Watch(descriptor_.Get(), this);
+    const bool watched = queue_->Watch(descriptor_.Get(), this);
     Complete(connect_, 0, watched ? 0 : ERROR_NOT_ENOUGH_MEMORY);
 }
 
@@ -180,7 +170,7 @@ void Pipe::Cancel(bool ofAnyThread) {
 
 void Pipe::Drop() {
     if (!descriptor_) return;
-    if (queue_.queue != nullptr) queue_.queue->Unwatch(descriptor_.Get(), this);
+    if (queue_ != nullptr) queue_->Unwatch(descriptor_.Get(), this);
     descriptor_.Reset();
 }
 

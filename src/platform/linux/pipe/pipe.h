@@ -43,6 +43,8 @@ class Pipe final : public PollTarget {
     // Each leaves its count in the operation's `done`, and a failure in `error`.
     Tried TryRead(DWORD& error);
     Tried TryWrite(DWORD& error);
+    // False, with the last error, if such a one can't be started now.
+    bool Begin(Operation& operation, void* buffer, DWORD size, OVERLAPPED* overlapped);
     // What a call that was tried at once gives: see ReadFile.
     BOOL Result(Operation& operation, Tried tried, DWORD error, DWORD* done);
     void Finish(Operation& operation, Tried tried, DWORD error);
@@ -51,7 +53,7 @@ class Pipe final : public PollTarget {
 
     std::mutex mutex_;  // guards all below; inside the server's lock
     UniqueDescriptor descriptor_;
-    QueueReference queue_;
+    Reference<CompletionQueue> queue_;
     ULONG_PTR key_ = 0;
     Operation read_;
     Operation write_;

@@ -60,10 +60,7 @@ bool PipeServer::Open(const std::string& name) {
 }
 
 PipeServer::~PipeServer() {
-    if (target_ != nullptr) {
-        queue_.queue->Unwatch(listener_.Get(), target_);
-        target_->Release();
-    }
+    if (target_ != nullptr) queue_->Unwatch(listener_.Get(), target_.get());
     // While the lock is still held: the next server's socket must not be meant.
     if (listener_) unlink(path_.c_str());
 }
@@ -72,14 +69,10 @@ bool PipeServer::Watch(CompletionQueue* queue) {
     const std::lock_guard lock(mutex_);
     if (target_ != nullptr) return true;
     // All instances of a name use one queue: the first one's.
-    auto* target = new (std::nothrow) Listener(weak_from_this());
-    if (target == nullptr) return false;
-    if (!queue->Watch(listener_.Get(), target)) {
-        target->Release();
-        return false;
-    }
-    queue_.Set(queue);
-    target_ = target;
+    Reference<Listener> target(NewObject<Listener>(weak_from_this()));
+    if (target == nullptr || !queue->Watch(listener_.Get(), target.get())) return false;
+    queue_ = Share(queue);
+    target_ = std::move(target);
     return true;
 }
 

@@ -52,8 +52,8 @@ class PipeServer : public std::enable_shared_from_this<PipeServer> {
     UniqueDescriptor reserve_;
     // Instances in the order of their waits; each leaves before it is closed.
     std::deque<Pipe*> waiting_;
-    QueueReference queue_;
-    Listener* target_ = nullptr;
+    Reference<CompletionQueue> queue_;
+    Reference<Listener> target_;
 };
 
 }  // namespace platform

@@ -16,10 +16,12 @@
 
 #include "platform/file.h"
 #include "platform/home.h"
+#include "platform/linux/fail.h"
 #include "platform/linux/local_address.h"
 #include "platform/linux/service/handle.h"
 #include "platform/linux/service/record.h"
 
+using platform::Fail;
 using platform::ServiceMessage;
 using platform::ServiceMessageKind;
 using platform::UniqueDescriptor;
@@ -33,11 +35,6 @@ constexpr milliseconds kLook{50};
 // A service that has stopped may take a moment to end its process.
 constexpr milliseconds kLastProcess{5000};
 constexpr int kLongestChain = 16;
-
-BOOL Fail(DWORD error) {
-    SetLastError(error);
-    return FALSE;
-}
 
 // Until the other side has had its time: it keeps the limit; the second more is for its answer that
 // the time is over.

@@ -19,10 +19,9 @@ pollfd EntryOf(int descriptor, Want want) {
 
 }  // namespace
 
-void UniqueDescriptor::Reset(int descriptor) {
+void DescriptorKind::Close(int descriptor) {
     const int error = errno;
-    if (descriptor_ >= 0) close(descriptor_);
-    descriptor_ = descriptor;
+    close(descriptor);
     errno = error;
 }
 

@@ -1,14 +1,14 @@
 // Events and semaphores.
 #include <map>
 #include <mutex>
-#include <new>
 #include <string>
 
 #include "platform/linux/wait/object.h"
 #include "platform/sync.h"
 
+using platform::NewObject;
+using platform::ObjectOf;
 using platform::ToHandle;
-using platform::ToWaitable;
 using platform::Waitable;
 
 namespace {
@@ -46,21 +46,14 @@ HANDLE CreateEventA(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, 
     const auto kind =
         manualReset != FALSE ? Waitable::Kind::kManualEvent : Waitable::Kind::kAutoEvent;
     const LONG initial = initialState != FALSE ? 1 : 0;
-    if (name == nullptr) {
-        auto* event = new (std::nothrow) Waitable(kind, initial, 1);
-        if (event == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return event == nullptr ? nullptr : ToHandle(event);
-    }
+    if (name == nullptr) return ToHandle(NewObject<Waitable>(kind, initial, 1));
     if (HANDLE existing = OpenEventA(EVENT_ALL_ACCESS, FALSE, name)) {
         SetLastError(ERROR_ALREADY_EXISTS);
         return existing;
     }
     const std::lock_guard lock(Names().mutex);
-    auto* event = new (std::nothrow) NamedEvent(kind, initial, name);
-    if (event == nullptr) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
+    auto* event = NewObject<NamedEvent>(kind, initial, name);
+    if (event == nullptr) return nullptr;
     Names().events[name] = event;
     SetLastError(ERROR_SUCCESS);
     return ToHandle(event);
@@ -69,47 +62,36 @@ HANDLE CreateEventA(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, 
 HANDLE OpenEventA(DWORD, BOOL, LPCSTR name) {
     const std::lock_guard lock(Names().mutex);
     const auto found = name == nullptr ? Names().events.end() : Names().events.find(name);
-    if (found == Names().events.end()) {
-        SetLastError(ERROR_FILE_NOT_FOUND);
-        return nullptr;
-    }
+    if (found == Names().events.end()) return platform::Fail(ERROR_FILE_NOT_FOUND);
     found->second->AddRef();
     ++static_cast<NamedEvent*>(found->second)->handles_;
     return ToHandle(found->second);
 }
 
 BOOL SetEvent(HANDLE event) {
-    Waitable* waitable = ToWaitable(event);
+    Waitable* waitable = ObjectOf<Waitable>(event);
     if (waitable == nullptr || waitable->kind() == Waitable::Kind::kSemaphore) return FALSE;
     return waitable->Signal(1, nullptr) ? TRUE : FALSE;
 }
 
 BOOL ResetEvent(HANDLE event) {
-    Waitable* waitable = ToWaitable(event);
+    Waitable* waitable = ObjectOf<Waitable>(event);
     if (waitable == nullptr || waitable->kind() == Waitable::Kind::kSemaphore) return FALSE;
     waitable->Reset();
     return TRUE;
 }
 
 HANDLE CreateSemaphoreA(LPSECURITY_ATTRIBUTES, LONG initialCount, LONG maximumCount, LPCSTR name) {
-    if (maximumCount <= 0 || initialCount < 0 || initialCount > maximumCount || name != nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    auto* semaphore =
-        new (std::nothrow) Waitable(Waitable::Kind::kSemaphore, initialCount, maximumCount);
-    if (semaphore == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return semaphore == nullptr ? nullptr : ToHandle(semaphore);
+    if (maximumCount <= 0 || initialCount < 0 || initialCount > maximumCount || name != nullptr)
+        return platform::Fail(ERROR_INVALID_PARAMETER);
+    return ToHandle(NewObject<Waitable>(Waitable::Kind::kSemaphore, initialCount, maximumCount));
 }
 
 BOOL ReleaseSemaphore(HANDLE semaphore, LONG releaseCount, LONG* previousCount) {
-    Waitable* waitable = ToWaitable(semaphore);
+    Waitable* waitable = ObjectOf<Waitable>(semaphore);
     if (waitable == nullptr) return FALSE;
-    if (waitable->kind() != Waitable::Kind::kSemaphore || releaseCount <= 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
+    if (waitable->kind() != Waitable::Kind::kSemaphore || releaseCount <= 0)
+        return platform::Fail(ERROR_INVALID_PARAMETER);
     if (waitable->Signal(releaseCount, previousCount)) return TRUE;
-    SetLastError(ERROR_TOO_MANY_POSTS);
-    return FALSE;
+    return platform::Fail(ERROR_TOO_MANY_POSTS);
 }

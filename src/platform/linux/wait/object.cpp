@@ -9,12 +9,6 @@
 
 namespace platform {
 
-Waitable* ToWaitable(HANDLE handle) {
-    auto* waitable = dynamic_cast<Waitable*>(FromHandle(handle));
-    if (waitable == nullptr) SetLastError(ERROR_INVALID_HANDLE);
-    return waitable;
-}
-
 Waitable::~Waitable() {
     if (descriptor_ >= 0) close(descriptor_);  // closed under a waiter, against the rules
 }
@@ -82,10 +76,7 @@ void Waitable::EndWait() {
 
 BOOL CloseHandle(HANDLE handle) {
     platform::Object* object = platform::FromHandle(handle);
-    if (object == nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
+    if (object == nullptr) return platform::Fail(ERROR_INVALID_HANDLE);
     object->OnClose();
     object->Release();
     return TRUE;

@@ -2,11 +2,16 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <memory>
 #include <new>
 
 #include "platform/linux/wait/object.h"
 #include "platform/sync.h"
 
+using platform::Fail;
+using platform::NewObject;
+using platform::Reference;
+using platform::Share;
 using platform::ToHandle;
 using platform::Waitable;
 
@@ -23,17 +28,15 @@ thread_local DWORD t_threadId = 0;
 struct ThreadStart {
     LPTHREAD_START_ROUTINE procedure;
     LPVOID argument;
-    Waitable* ended;
+    Reference<Waitable> ended;  // the thread's own
     DWORD id;
 };
 
 void* ThreadMain(void* argument) {
-    const ThreadStart start = *static_cast<ThreadStart*>(argument);
-    delete static_cast<ThreadStart*>(argument);
-    t_threadId = start.id;
-    start.procedure(start.argument);
-    start.ended->Signal(1, nullptr);
-    start.ended->Release();
+    const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
+    t_threadId = start->id;
+    start->procedure(start->argument);
+    start->ended->Signal(1, nullptr);
     return nullptr;
 }
 
@@ -44,33 +47,24 @@ void SetLastError(DWORD error) { t_lastError = error; }
 
 HANDLE CreateThread(LPSECURITY_ATTRIBUTES, ULONG_PTR stackSize, LPTHREAD_START_ROUTINE procedure,
                     LPVOID argument, DWORD flags, DWORD* threadId) {
-    if (procedure == nullptr || flags != 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    auto* ended = new (std::nothrow) Waitable(Waitable::Kind::kManualEvent, 0, 1);
-    auto* start =
-        new (std::nothrow) ThreadStart{procedure, argument, ended, g_nextThreadId.fetch_add(1)};
-    const DWORD id = start != nullptr ? start->id : 0;
+    if (procedure == nullptr || flags != 0) return Fail(ERROR_INVALID_PARAMETER);
+    Reference<Waitable> ended(NewObject<Waitable>(Waitable::Kind::kManualEvent, 0, 1));
+    if (ended == nullptr) return nullptr;
+    const DWORD id = g_nextThreadId.fetch_add(1);
+    std::unique_ptr<ThreadStart> start(
+        new (std::nothrow) ThreadStart{procedure, argument, Share(ended.get()), id});
     pthread_attr_t attributes;
-    bool started = false;
-    if (ended != nullptr && start != nullptr && pthread_attr_init(&attributes) == 0) {
-        ended->AddRef();  // the thread's own
-        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-        pthread_attr_setstacksize(&attributes, stackSize != 0 ? stackSize : kDefaultStack);
-        pthread_t thread;
-        started = pthread_create(&thread, &attributes, ThreadMain, start) == 0;
-        pthread_attr_destroy(&attributes);
-        if (!started) ended->Release();
-    }
-    if (!started) {
-        delete start;
-        if (ended != nullptr) ended->Release();
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
+    if (start == nullptr || pthread_attr_init(&attributes) != 0)
+        return Fail(ERROR_NOT_ENOUGH_MEMORY);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attributes, stackSize != 0 ? stackSize : kDefaultStack);
+    pthread_t thread;
+    const bool started = pthread_create(&thread, &attributes, ThreadMain, start.get()) == 0;
+    pthread_attr_destroy(&attributes);
+    if (!started) return Fail(ERROR_NOT_ENOUGH_MEMORY);
+    [[maybe_unused]] ThreadStart* const theThreads = start.release();
     if (threadId != nullptr) *threadId = id;
-    return ToHandle(ended);
+    return ToHandle(ended.release());
 }
 
 DWORD GetCurrentThreadId() {

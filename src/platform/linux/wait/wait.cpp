@@ -63,10 +63,8 @@ class Sleeper {
 }  // namespace
 
 DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD milliseconds) {
-    if (objects.size() > MAXIMUM_WAIT_OBJECTS || extra.size() > MAXIMUM_WAIT_OBJECTS) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return WAIT_FAILED;
-    }
+    if (objects.size() > MAXIMUM_WAIT_OBJECTS || extra.size() > MAXIMUM_WAIT_OBJECTS)
+        return platform::FailWith(WAIT_FAILED, ERROR_INVALID_PARAMETER);
     const auto signalled = [objects]() -> std::optional<DWORD> {
         for (std::size_t i = 0; i < objects.size(); ++i) {
             if (objects[i]->TryConsume()) return static_cast<DWORD>(i);
@@ -80,10 +78,7 @@ DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD
     if (milliseconds != INFINITE) end = Clock::now() + std::chrono::milliseconds(milliseconds);
     Sleeper sleeper(objects, extra);
     for (;;) {
-        if (!sleeper.Sleep(end)) {
-            SetLastError(ERROR_INVALID_PARAMETER);
-            return WAIT_FAILED;
-        }
+        if (!sleeper.Sleep(end)) return platform::FailWith(WAIT_FAILED, ERROR_INVALID_PARAMETER);
         // A signal may have been taken by another waiter since: then look at the others and sleep
         // again.
         if (const auto which = signalled()) return *which;
@@ -100,12 +95,10 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
 
 DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds) {
     std::array<platform::Waitable*, MAXIMUM_WAIT_OBJECTS> objects;
-    if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || handles == nullptr || waitAll != FALSE) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return WAIT_FAILED;
-    }
+    if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || handles == nullptr || waitAll != FALSE)
+        return platform::FailWith(WAIT_FAILED, ERROR_INVALID_PARAMETER);
     for (DWORD i = 0; i < count; ++i) {
-        objects[i] = platform::ToWaitable(handles[i]);
+        objects[i] = platform::ObjectOf<platform::Waitable>(handles[i]);
         if (objects[i] == nullptr) return WAIT_FAILED;
     }
     return platform::WaitAny(std::span(objects.data(), count), {}, milliseconds);

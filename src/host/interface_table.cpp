@@ -8,21 +8,16 @@ namespace {
 
 consteval trelis::Key Key(const char* name) { return {trelis::kInterfaceKey, name}; }
 constexpr trelis::Key kSpoolGroup{trelis::kProxyKey, "SpoolGroup"};
+constexpr char kEveryAddress[] = "0.0.0.0";
 
 // The system would listen on a broadcast address and on one of "this network", where no client ever
 // comes, and would keep the port from a good entry.
-bool CanListenOn(in_addr_t address) {
+bool CanListenOn(std::uint32_t address) {
     return address == INADDR_ANY || (address != INADDR_NONE && ntohl(address) >> 24 != 0);
 }
 
 in_addr_t ReadAddress(const trelis::Key& key, trelis::Names names) {
     return inet_addr(trelis::ReadText(key, names).c_str());
-}
-
-// A service that starts anew must get its port while old connections linger.
-void AllowAddressReuse(SOCKET socket) {
-    const int on = 1;
-    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
 }
 
 }  // namespace
@@ -49,17 +44,15 @@ int CSMTP::LoadInterfaces() {
 void CSMTP::LoadInterface(int position, const std::string& name) {
     NetworkInterface& entry = interfaces_[static_cast<std::size_t>(position)];
 
-    SocketAddress address{};
-    address.sin_family = AF_INET;
     entry.GreetingDomainName = trelis::ReadText(Key("GreetingDomainName"), {name});
     entry.IPAddress = trelis::ReadText(Key("IPAddress"), {name});
-    // A text that is no address gives all ones.
-    address.sin_addr.s_addr = entry.IPAddress.empty() ? 0 : inet_addr(entry.IPAddress.c_str());
     entry.Port = trelis::ReadInt(Key("Port"), {name});
-    address.sin_port = htons(static_cast<std::uint16_t>(entry.Port));
+    const SocketAddress address =
+        NumericAddress(entry.IPAddress.empty() ? kEveryAddress : entry.IPAddress.c_str(),
+                       static_cast<std::uint16_t>(entry.Port));
     entry.ServerToForward = trelis::ReadText(Key("ServerToForward"), {name});
 
-    if (entry.listener.Create(SOCK_STREAM)) AllowAddressReuse(entry.listener.Handle());
+    if (entry.listener.Create(SOCK_STREAM)) SocketAllowReuse(entry.listener.Handle());
     if (CanListenOn(address.sin_addr.s_addr) && entry.listener.Bind(address)) {
         entry.listener.Listen();
         WSAAsyncSelect(entry.listener.Handle(), SocketWindow, AcceptMessage, FD_ACCEPT);

@@ -38,10 +38,7 @@ int CHTTPClient::ConnectTo(const char* host, int port) {
         connection_ = CSocket(made == INVALID_SOCKET ? 0 : made);
         return connection_.Empty() ? -1 : 0;
     }
-    SocketAddress address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = host == nullptr ? INADDR_NONE : inet_addr(host);
+    const SocketAddress address = NumericAddress(host, static_cast<std::uint16_t>(port));
     if (address.sin_addr.s_addr == INADDR_NONE || port < 1 || port > 0xFFFF) return -1;
     // One exchange, one connection: an earlier one must not be lost open.
     connection_.Close();

@@ -45,8 +45,9 @@ DWORD WaitLimit(const PipeChannel& channel) {
     return limit < 0 ? INFINITE : static_cast<DWORD>(limit);
 }
 
-// Waits for the event or the channel's failure: 0, -5, or the status of a failure.
-int WaitFor(PipeChannel& channel, HANDLE event, const std::atomic<int>& state) {
+// Waits for the event or the channel's failure: 0, -5, or the status of a failure; which that is, a
+// state may tell.
+int WaitFor(PipeChannel& channel, HANDLE event, const std::atomic<int>* state = nullptr) {
     const HANDLE handles[] = {event, channel.failedEvent.Get()};
     switch (WaitForMultipleObjects(2, handles, FALSE, WaitLimit(channel))) {
         case WAIT_OBJECT_0:
@@ -54,7 +55,7 @@ int WaitFor(PipeChannel& channel, HANDLE event, const std::atomic<int>& state) {
         case WAIT_TIMEOUT:
             return LIPC_TIMED_OUT;
         default:
-            return state == kFailedState ? LIPC_BROKEN : LIPC_FAILED;
+            return state != nullptr && *state == kFailedState ? LIPC_BROKEN : LIPC_FAILED;
     }
 }
 
@@ -114,18 +115,6 @@ int StatusOfOpen(DWORD error) {
     return error == ERROR_PIPE_BUSY ? LIPC_BUSY : LIPC_FAILED;
 }
 
-int WaitConnected(PipeChannel& channel) {
-    const HANDLE handles[] = {channel.connectedEvent.Get(), channel.failedEvent.Get()};
-    switch (WaitForMultipleObjects(2, handles, FALSE, WaitLimit(channel))) {
-        case WAIT_OBJECT_0:
-            return LIPC_OK;
-        case WAIT_TIMEOUT:
-            return LIPC_TIMED_OUT;
-        default:
-            return LIPC_FAILED;
-    }
-}
-
 // What is done at once is dealt with by the thread that started it, without a turn of the worker.
 bool BindToWorker(PipeChannel& channel) {
     const HANDLE pipe = channel.pipe.Get();
@@ -144,7 +133,7 @@ int Connect(PipeChannel& channel, const char* path) {
         --channel.pendingIo;
         return LIPC_FAILED;
     }
-    return WaitConnected(channel);
+    return WaitFor(channel, channel.connectedEvent.Get());
 }
 
 int Listen(PipeChannel& channel, const char* path) {
@@ -162,7 +151,7 @@ int Listen(PipeChannel& channel, const char* path) {
         --channel.pendingIo;
         return LIPC_FAILED;
     }
-    const int status = WaitConnected(channel);
+    const int status = WaitFor(channel, channel.connectedEvent.Get());
     return status == LIPC_TIMED_OUT && channel.timeout == 0 ? LIPC_OK : status;
 }
 
@@ -261,7 +250,7 @@ int PipeSend(int number, const void* data, std::uint32_t length) {
         queued = !channel->sendQueue.empty();
     }
     if (queued) {
-        const int status = WaitFor(*channel, channel->writeDoneEvent.Get(), channel->writeState);
+        const int status = WaitFor(*channel, channel->writeDoneEvent.Get(), &channel->writeState);
         if (status != LIPC_OK) return status;
     }
     int idle = kIdle;
@@ -294,7 +283,7 @@ int PipeSend(int number, const void* data, std::uint32_t length) {
         channel->Call(kPipeWritten);
         return static_cast<int>(length);
     }
-    status = WaitFor(*channel, channel->writeDoneEvent.Get(), channel->writeState);
+    status = WaitFor(*channel, channel->writeDoneEvent.Get(), &channel->writeState);
     return status == LIPC_OK ? static_cast<int>(length) : status;
 }
 
@@ -319,7 +308,7 @@ int PipeReceive(int number, void* buffer, std::uint32_t size) {
         const std::uint32_t left = take();
         return left > 0 ? static_cast<int>(left) : LIPC_BROKEN;
     }
-    const int status = WaitFor(*channel, channel->messageEvent.Get(), channel->readState);
+    const int status = WaitFor(*channel, channel->messageEvent.Get(), &channel->readState);
     const std::uint32_t count = status == LIPC_OK || status == LIPC_BROKEN ? take() : 0;
     if (count == 0) return status == LIPC_OK ? LIPC_FAILED : status;
     const std::lock_guard lock(channel->lock);

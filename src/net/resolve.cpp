@@ -16,6 +16,20 @@ SocketAddress ResolveHost(const char* name, std::uint16_t port) {
     return address;
 }
 
+SocketAddress NumericAddress(const char* text, std::uint16_t port) {
+    SocketAddress address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = text == nullptr ? INADDR_NONE : inet_addr(text);
+    return address;
+}
+
+std::string AddressText(const SocketAddress& address) {
+    char text[INET_ADDRSTRLEN];
+    const char* made = inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    return made == nullptr ? "" : made;
+}
+
 int StartThread(HANDLE* out, LPTHREAD_START_ROUTINE procedure, LPVOID argument) {
     UniqueHandle thread(CreateThread(nullptr, 0, procedure, argument, 0, nullptr));
     if (!thread) return -1;

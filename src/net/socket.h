@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "platform/socket.h"
 #include "platform/sync.h"
@@ -63,6 +64,11 @@ class CSocket {
 // The host's first IPv4 address and the port (host order); all zero if the name is unknown. Any
 // thread.
 SocketAddress ResolveHost(const char* name, std::uint16_t port);
+
+// An address in numbers and a port (host order). A text that is none gives all ones, as null does.
+SocketAddress NumericAddress(const char* text, std::uint16_t port);
+// The address in numbers, without the port.
+std::string AddressText(const SocketAddress& address);
 
 // Starts a thread at once. With an out handle the caller owns it. 0, or -1.
 int StartThread(HANDLE* out, LPTHREAD_START_ROUTINE procedure, LPVOID argument);

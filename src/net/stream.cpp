@@ -110,16 +110,6 @@ int Stream::Read(char* buffer, int size, std::chrono::milliseconds limit, const 
     return HasReadAhead() ? TakeAhead(buffer, size) : ReceiveWaiting(buffer, size, limit, other);
 }
 
-int Stream::ReadNow(char* buffer, int size) {
-    if (HasReadAhead()) return TakeAhead(buffer, size);
-    return socket_.Empty() ? -1 : SocketReceiveNow(socket_.Handle(), buffer, size, false);
-}
-
-void Stream::PutBack(std::string_view bytes) {
-    ahead_.replace(0, at_, bytes);
-    at_ = looked_ = 0;
-}
-
 bool Stream::Send(std::string_view bytes) {
     const Deadline deadline(seconds_);
     while (!bytes.empty()) {

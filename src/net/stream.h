@@ -55,11 +55,6 @@ class Stream {
     // on failure or when the time is over. Bytes that were read ahead come first and alone.
     int Read(char* buffer, int size, std::chrono::milliseconds limit,
              const CSocket* other = nullptr);
-    // As Read, but never waits: kNothingYet where nothing has come.
-    static constexpr int kNothingYet = SOCKET_WOULD_BLOCK;
-    int ReadNow(char* buffer, int size);
-    // Puts back what the last read gave and its user had no use for: the next read finds it.
-    void PutBack(std::string_view bytes);
     bool HasReadAhead() const { return at_ < ahead_.size(); }
 
     // Sends all of it. False on failure, or when the limit is over before the last byte is out.

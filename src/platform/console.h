@@ -1,6 +1,9 @@
 // The console: its interrupt and its streams, for the foreground mode.
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "platform/types.h"
 
 #ifndef _WIN32
@@ -42,5 +45,10 @@ class QuietTerminal {
   private:
     bool active_;
 };
+
+enum class Echo { kOn, kOff };
+// Asks the person at the process's terminal, wherever its streams lead: a line without its end.
+// Nothing if there is no terminal, or the line is not ended.
+std::optional<std::string> AskAtTerminal(const char* prompt, Echo echo);
 
 }  // namespace platform

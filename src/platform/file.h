@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <string>
 
+#include "platform/descriptor.h"
 #include "platform/types.h"
 
 #ifndef _WIN32
@@ -31,20 +32,14 @@ inline constexpr char kSeparator = '/';
 class File {
   public:
     File() = default;
-    File(File&& other) noexcept : descriptor_(other.descriptor_) { other.descriptor_ = -1; }
-    File& operator=(File&& other) noexcept;
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    ~File() { Close(); }
-
     // A new file for writing; fails if anything of that name exists. With a group, the group may
     // read it.
     static File CreateExclusive(const char* path, int group);
     static File OpenAppend(const char* path);
     static File OpenRead(const char* path);
 
-    explicit operator bool() const { return descriptor_ >= 0; }
-    int Descriptor() const { return descriptor_; }
+    explicit operator bool() const { return static_cast<bool>(descriptor_); }
+    int Descriptor() const { return descriptor_.Get(); }
     // The size in bytes, or -1.
     long long Size() const;
     // Writes all, or gives false (disk full, quota, I/O error).
@@ -58,7 +53,7 @@ class File {
     explicit File(int descriptor) : descriptor_(descriptor) {}
 
   private:
-    int descriptor_ = -1;
+    UniqueDescriptor descriptor_;
 };
 
 // Reads a small file of the instance whole (1 MiB at most). False if it can't be read.
@@ -74,6 +69,8 @@ void ShareDirectory(const char* path, int group);
 // Removes the plain files of a directory whose names begin with prefix. For leavings of an earlier
 // process.
 void RemoveFiles(const std::string& directory, const char* prefix);
+// Whether this process may make files in a directory.
+bool MayMakeFiles(const char* directory);
 bool HasSubdirectory(const std::string& directory);
 
 // Held while one process serves a name in this instance; the lock goes with the process.

@@ -91,7 +91,6 @@ BOOL QueryServiceLockStatusA(SC_HANDLE manager, QUERY_SERVICE_LOCK_STATUSA* stat
 
 inline constexpr DWORD SERVICE_CONFIG_DESCRIPTION = 1;
 inline constexpr DWORD SERVICE_CONFIG_FAILURE_ACTIONS = 2;
-inline constexpr int SC_ACTION_NONE = 0;
 inline constexpr int SC_ACTION_RESTART = 1;
 struct SERVICE_DESCRIPTIONA {
     LPSTR lpDescription;

@@ -12,10 +12,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #else
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include "platform/linux/socket_types.h"
 
 using SOCKET = int;
 inline constexpr SOCKET INVALID_SOCKET = -1;
@@ -73,5 +70,10 @@ SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds);
 // From now on what is sent goes out at once, and does not wait for what went before to be
 // acknowledged. For a writer that puts together itself what belongs together.
 void SocketSendAtOnce(SOCKET socket);
+// A listener that starts anew gets its port while old connections linger.
+void SocketAllowReuse(SOCKET socket);
+// Raises the receive buffer to that many bytes, never lowers it: a fixed size below the system's
+// would stop its own tuning.
+void SocketRaiseReceiveBuffer(SOCKET socket, int least);
 // Tells the other side that nothing more comes; it can still send.
 void SocketEndSending(SOCKET socket);

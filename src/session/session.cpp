@@ -9,18 +9,7 @@
 
 namespace {
 
-constexpr int kReceiveBuffer = 32768;
-
-// Raised to what bulk reception wants, never lowered: a fixed size below the system's would stop
-// its own tuning.
-void RaiseReceiveBuffer(SOCKET socket) {
-    int size = 0;
-    socklen_t length = sizeof size;
-    if (getsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, &length) == 0 && size >= kReceiveBuffer)
-        return;
-    size = kReceiveBuffer;
-    setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-}
+constexpr int kReceiveBuffer = 32768;  // what bulk reception wants
 
 DWORD SessionThread(LPVOID argument) {
     if (argument == nullptr) return 0;
@@ -42,7 +31,7 @@ std::unique_ptr<CSMTPProxy> CreateSession(SOCKET socket) {
     try {
         auto session = std::make_unique<CSMTPProxy>(socket);
         if (!session->spool_.Name(socket)) return nullptr;
-        RaiseReceiveBuffer(socket);
+        SocketRaiseReceiveBuffer(socket, kReceiveBuffer);
         return session;
     } catch (const std::bad_alloc&) {
         return nullptr;
@@ -91,9 +80,7 @@ Stream::Line CSMTPProxy::ReadCommand(std::string_view& line, std::size_t limit) 
 }
 
 bool CSMTPProxy::IsPeerDenied(const SocketAddress& peer) {
-    char text[INET_ADDRSTRLEN];
-    if (inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text) == nullptr) return false;
-    peers_.address = text;
+    peers_.address = AddressText(peer);
     const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
     if (filters == nullptr || filters->CheckIP(peers_.address.c_str()) != 2) return false;
     peers_.SendStatEvent(80, nullptr, nullptr);
@@ -132,14 +119,10 @@ int CSMTPProxy::RunSession() {
 
 bool CSMTPProxy::ConnectToServer() {
     if (!configured_) return false;
-    SocketAddress address{};
-    if (HasLetter(settings_.forwardHost)) {
-        address = ResolveHost(settings_.forwardHost.c_str(), settings_.forwardPort);
-    } else {
-        address.sin_family = AF_INET;
-        address.sin_port = htons(settings_.forwardPort);
-        address.sin_addr.s_addr = inet_addr(settings_.forwardHost.c_str());
-    }
+    const char* host = settings_.forwardHost.c_str();
+    const std::uint16_t port = settings_.forwardPort;
+    const SocketAddress address =
+        HasLetter(settings_.forwardHost) ? ResolveHost(host, port) : NumericAddress(host, port);
     if (!serverSocket_.Create(1)) return false;
     {
         const std::lock_guard lock(handleMutex_);

@@ -1,9 +1,7 @@
 // The reports of the statistics daemon for a person: tables in the terminal, or a file in the
 // current directory. It asks over HTTP, as any reader of reports does, so the server may be another
 // host.
-#include <fcntl.h>
 #include <getopt.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -21,6 +19,7 @@
 #include "platform/clock.h"
 #include "platform/commandline.h"
 #include "platform/console.h"
+#include "platform/file.h"
 #include "platform/home.h"
 #include "text/day.h"
 #include "text/printable.h"
@@ -140,28 +139,10 @@ std::optional<Credentials> FromTokenFile() {
     return Credentials{line.substr(0, colon), line.substr(colon + 1), true};
 }
 
-std::optional<std::string> AskFor(int terminal, const char* prompt, bool echo) {
-    const auto say = [terminal](const char* text) {
-        [[maybe_unused]] const ssize_t done = write(terminal, text, std::strlen(text));
-    };
-    std::optional<platform::QuietTerminal> quiet;
-    if (!echo) quiet.emplace(terminal);
-    say(prompt);  // only now: a fast answer would be shown, and thrown away
-    char line[1024];
-    const ssize_t count = read(terminal, line, sizeof line);
-    quiet.reset();
-    if (!echo) say("\n");
-    if (count <= 0 || line[count - 1] != '\n') return std::nullopt;
-    return std::string(line, static_cast<std::size_t>(count) - 1);
-}
-
 std::optional<Credentials> FromTerminal() {
-    const int terminal = open("/dev/tty", O_RDWR | O_CLOEXEC);
-    if (terminal < 0) return std::nullopt;
-    const std::optional<std::string> user = AskFor(terminal, "User: ", true);
-    const std::optional<std::string> password =
-        user ? AskFor(terminal, "Password: ", false) : std::nullopt;
-    close(terminal);
+    const auto user = platform::AskAtTerminal("User: ", platform::Echo::kOn);
+    if (!user) return std::nullopt;
+    const auto password = platform::AskAtTerminal("Password: ", platform::Echo::kOff);
     if (!password) return std::nullopt;
     return Credentials{*user, *password, false};
 }
@@ -235,7 +216,7 @@ int MakeFile(libstats::CLibStats& stats, CHTTPClient* client, const ReportQuery&
     const std::filesystem::path here = std::filesystem::current_path(error);
     if (error) return Fail("the current directory can't be found: " + error.message());
     platform::SetCommandLineArguments({"vtreport", (here / "").string()});
-    if (access(here.c_str(), W_OK | X_OK) != 0)
+    if (!platform::MayMakeFiles(here.c_str()))
         return Fail("can't write to the current directory, " + here.string());
     const ReportPath path = stats.GetFormattedReportFile(client, &query);
     if (path == nullptr) return Fail(failure);
@@ -280,9 +261,7 @@ int main(int argc, char** argv) {
     if (const std::optional<int> code = ParseArguments(argc, argv, options)) return *code;
     const SocketAddress resolved = ResolveHost(options.host.c_str(), 0);
     if (resolved.sin_family == 0) return Fail("unknown host: " + options.host);
-    char address[INET_ADDRSTRLEN];
-    if (inet_ntop(AF_INET, &resolved.sin_addr, address, sizeof address) == nullptr)
-        return Fail("unknown host: " + options.host);
+    const std::string address = AddressText(resolved);
     const Credentials credentials = FindCredentials(address);
     if (InitLibStats() != 0) return Fail("can't start the statistics client");
     const int code = Report(options, address, credentials);

@@ -1,7 +1,6 @@
 #include "trelis/remote.h"
 
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -9,13 +8,16 @@
 #include <chrono>
 #include <string_view>
 
-#include "platform/file.h"
+#include "platform/descriptor.h"
 #include "text/ascii.h"
 
 namespace trelis {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using platform::UniqueDescriptor;
+using platform::WaitForDescriptor;
+using platform::Want;
 
 constexpr std::chrono::seconds kLimit{2};  // for connecting, asking and reading together
 constexpr std::string_view kAsk = "VTSTORE1 GET ";
@@ -27,29 +29,17 @@ bool ValidKey(std::string_view key) {
            std::none_of(key.begin(), key.end(), IsControl);
 }
 
-// Waits until the descriptor shows one of the events; false when the time is over.
-bool WaitFor(int descriptor, short events, Clock::time_point end) {
-    pollfd entry{descriptor, events, 0};
-    for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0) return false;
-        const int result = poll(&entry, 1, static_cast<int>(left));
-        if (result > 0) return true;
-        if (result == 0 || errno != EINTR) return false;
-    }
-}
-
-platform::File Connect(std::uint32_t address, std::uint16_t port, Clock::time_point end) {
-    platform::File connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+UniqueDescriptor Connect(std::uint32_t address, std::uint16_t port, Clock::time_point end) {
+    UniqueDescriptor connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!connection) return {};
     sockaddr_in record{};
     record.sin_family = AF_INET;
     record.sin_port = htons(port);
     record.sin_addr.s_addr = htonl(address);
-    const int descriptor = connection.Descriptor();
+    const int descriptor = connection.Get();
     if (connect(descriptor, reinterpret_cast<const sockaddr*>(&record), sizeof record) == 0)
         return connection;
-    if (errno != EINPROGRESS || !WaitFor(descriptor, POLLOUT, end)) return {};
+    if (errno != EINPROGRESS || WaitForDescriptor(descriptor, Want::kWrite, end) != 1) return {};
     int error = 0;
     socklen_t length = sizeof error;
     if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) return {};
@@ -82,7 +72,7 @@ std::optional<std::string> ReadReply(int descriptor, Clock::time_point end) {
     std::string have;
     char block[4096];
     for (;;) {
-        if (!WaitFor(descriptor, POLLIN, end)) return std::nullopt;
+        if (WaitForDescriptor(descriptor, Want::kRead, end) != 1) return std::nullopt;
         const ssize_t count = recv(descriptor, block, sizeof block, MSG_DONTWAIT);
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (count <= 0) return std::nullopt;
@@ -125,9 +115,9 @@ std::optional<std::string> RemoteGetValue(std::uint32_t address, std::uint16_t p
     // An address of 0, as of a name that nobody knows, would reach this very machine.
     if (request.empty() || address == 0) return std::nullopt;
     const Clock::time_point end = Clock::now() + kLimit;
-    const platform::File connection = Connect(address, port, end);
-    if (!connection || !Send(connection.Descriptor(), request)) return std::nullopt;
-    return ReadReply(connection.Descriptor(), end);
+    const UniqueDescriptor connection = Connect(address, port, end);
+    if (!connection || !Send(connection.Get(), request)) return std::nullopt;
+    return ReadReply(connection.Get(), end);
 }
 
 }  // namespace trelis

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,12 +14,14 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/socket.h"
 #include "trelis/remote.h"
 #include "trelis/settings.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using platform::UniqueDescriptor;
 
 consteval trelis::Key Key(const char* name) { return {trelis::kStoreKey, name}; }
 // Below the first all may be read but the second and what is below it: password hashes.
@@ -56,7 +57,7 @@ bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == E
 }  // namespace
 
 bool StoreServer::Start() {
-    wake_ = platform::File(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    wake_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wake_) return false;
     watch_.emplace(trelis::kStoreKey);
     settings_ = ReadSettings();
@@ -73,10 +74,10 @@ bool StoreServer::Start() {
 void StoreServer::Stop() {
     if (!thread_.joinable()) return;
     const std::uint64_t one = 1;
-    wake_.Write(&one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(wake_.Get(), &one, sizeof one);
     thread_.join();
     peers_.clear();
-    listener_.Close();
+    listener_.Reset();
     watch_.reset();
 }
 
@@ -95,17 +96,15 @@ std::optional<StoreServer::Settings> StoreServer::ReadSettings() {
 
 void StoreServer::Listen() {
     nextTry_ = Clock::now() + kListenRetry;
-    platform::File listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    UniqueDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener) return;
-    const int on = 1;
-    setsockopt(listener.Descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    SocketAllowReuse(listener.Get());
     sockaddr_in record{};
     record.sin_family = AF_INET;
     record.sin_port = htons(settings_->port);
     record.sin_addr.s_addr = settings_->address;
-    if (bind(listener.Descriptor(), reinterpret_cast<const sockaddr*>(&record), sizeof record) !=
-            0 ||
-        listen(listener.Descriptor(), kBacklog) != 0) {
+    if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&record), sizeof record) != 0 ||
+        listen(listener.Get(), kBacklog) != 0) {
         std::fprintf(stderr, "store server: can't listen on port %d: %s\n", settings_->port,
                      std::strerror(errno));
         return;
@@ -119,7 +118,7 @@ void StoreServer::Follow() {
         const std::optional<Settings> now = ReadSettings();
         if (now != settings_) {
             settings_ = now;
-            listener_.Close();
+            listener_.Reset();
             peers_.clear();
             nextTry_ = Clock::now();
         }
@@ -129,8 +128,8 @@ void StoreServer::Follow() {
 
 void StoreServer::Accept() {
     while (peers_.size() < kMostPeers) {
-        platform::File socket(
-            accept4(listener_.Descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        UniqueDescriptor socket(
+            accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket) {
             // Whatever waits stays readable: no descriptors is not to become a busy loop.
             held_ = !WouldBlock() && errno != ECONNABORTED;
@@ -142,7 +141,7 @@ void StoreServer::Accept() {
 
 // Reads or writes what is possible. False when the peer is finished with, in whatever way.
 bool StoreServer::Advance(Peer& peer) {
-    const int descriptor = peer.socket.Descriptor();
+    const int descriptor = peer.socket.Get();
     if (peer.reply.empty()) {
         char block[trelis::kRemoteMostRequest];
         const std::size_t room = trelis::kRemoteMostRequest - peer.request.size();
@@ -174,27 +173,25 @@ void StoreServer::Serve() {
 
 // One wait and what it brings. False at the end.
 bool StoreServer::Round() {
-    std::vector<pollfd> entries;
     Follow();
     const bool accepting = listener_ && !held_ && peers_.size() < kMostPeers;
     held_ = false;
-    entries.push_back({wake_.Descriptor(), POLLIN, 0});
-    entries.push_back({accepting ? listener_.Descriptor() : -1, POLLIN, 0});
-    auto wait = std::chrono::duration_cast<Clock::duration>(kLookInterval);
+    std::vector<platform::DescriptorWatch> watches{{wake_.Get()},
+                                                   {accepting ? listener_.Get() : -1}};
+    Clock::time_point end = Clock::now() + kLookInterval;
     for (const Peer& peer : peers_) {
-        entries.push_back({peer.socket.Descriptor(),
-                           static_cast<short>(peer.reply.empty() ? POLLIN : POLLOUT), 0});
-        wait = std::min(wait, peer.end - Clock::now());
+        using platform::Want;
+        watches.push_back({peer.socket.Get(), peer.reply.empty() ? Want::kRead : Want::kWrite});
+        end = std::min(end, peer.end);
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
-    poll(entries.data(), entries.size(), static_cast<int>(std::max<long long>(left, 0)));
-    if (entries[0].revents != 0) return false;
-    auto entry = entries.begin() + 2;
-    for (auto peer = peers_.begin(); peer != peers_.end(); ++entry) {
+    platform::WaitForDescriptors(watches, end);
+    if (watches[0].ready) return false;
+    auto watch = watches.begin() + 2;
+    for (auto peer = peers_.begin(); peer != peers_.end(); ++watch) {
         const bool inTime = Clock::now() < peer->end;
-        const bool stays = inTime && (entry->revents == 0 || Advance(*peer));
+        const bool stays = inTime && (!watch->ready || Advance(*peer));
         peer = stays ? std::next(peer) : peers_.erase(peer);
     }
-    if (entries[1].revents != 0) Accept();
+    if (watches[1].ready) Accept();
     return true;
 }

@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/file.h"
+#include "platform/descriptor.h"
 #include "trelis/followed.h"
 
 class StoreServer {
@@ -42,7 +42,7 @@ class StoreServer {
         bool operator==(const Settings&) const = default;
     };
     struct Peer {
-        platform::File socket;
+        platform::UniqueDescriptor socket;
         Clock::time_point end;
         std::string request;
         std::string reply;  // what is still to be sent
@@ -56,12 +56,12 @@ class StoreServer {
     bool Advance(Peer& peer);
     static std::optional<Settings> ReadSettings();
 
-    platform::File wake_;  // readable: end
+    platform::UniqueDescriptor wake_;  // readable: end
     std::thread thread_;
     // All below: the thread's alone, once it runs.
     std::optional<trelis::Watch> watch_;
     std::optional<Settings> settings_;  // nothing: off
-    platform::File listener_;
+    platform::UniqueDescriptor listener_;
     Clock::time_point nextTry_;  // to listen, after a failure
     bool held_ = false;          // no descriptors left: accept nothing until the next look
     std::list<Peer> peers_;

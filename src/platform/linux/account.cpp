@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include "platform/linux/fail.h"
+
 namespace {
 
 // An identifier as it lies in memory: revision, count of sub-authorities, authority (big-endian),
@@ -21,10 +23,8 @@ static_assert(sizeof(Identifier) == 16);
 }  // namespace
 
 BOOL GetVersionExA(OSVERSIONINFOA* info) {
-    if (info == nullptr || info->dwOSVersionInfoSize != sizeof *info) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
+    if (info == nullptr || info->dwOSVersionInfoSize != sizeof *info)
+        return platform::Fail(ERROR_INVALID_PARAMETER);
     info->dwPlatformId = VER_PLATFORM_WIN32_NT;
     return TRUE;
 }
@@ -34,10 +34,7 @@ BOOL GetUserNameA(LPSTR buffer, DWORD* size) {
     const std::string name = entry != nullptr ? entry->pw_name : std::to_string(geteuid());
     const DWORD room = *size;
     *size = static_cast<DWORD>(name.size() + 1);
-    if (buffer == nullptr || room < *size) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
-    }
+    if (buffer == nullptr || room < *size) return platform::Fail(ERROR_INSUFFICIENT_BUFFER);
     std::memcpy(buffer, name.c_str(), *size);
     return TRUE;
 }
@@ -45,16 +42,12 @@ BOOL GetUserNameA(LPSTR buffer, DWORD* size) {
 BOOL LookupAccountNameA(LPCSTR, LPCSTR name, PSID identifier, DWORD* identifierSize, LPSTR domain,
                         DWORD* domainSize, int* use) {
     const passwd* entry = getpwnam(name);
-    if (entry == nullptr) {
-        SetLastError(ERROR_FILE_NOT_FOUND);
-        return FALSE;
-    }
+    if (entry == nullptr) return platform::Fail(ERROR_FILE_NOT_FOUND);
     const bool fits = *identifierSize >= sizeof(Identifier) && *domainSize >= 1;
     *identifierSize = sizeof(Identifier);
     if (!fits) {
         *domainSize = 1;
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
+        return platform::Fail(ERROR_INSUFFICIENT_BUFFER);
     }
     const Identifier made{1, 2, {0, 0, 0, 0, 0, kAuthorityOfUsers}, {1, entry->pw_uid}};
     std::memcpy(identifier, &made, sizeof made);
@@ -74,10 +67,7 @@ BOOL IsValidSid(PSID identifier) {
 DWORD GetLengthSid(PSID) { return sizeof(Identifier); }
 
 BOOL CopySid(DWORD size, PSID to, PSID from) {
-    if (size < sizeof(Identifier)) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
-    }
+    if (size < sizeof(Identifier)) return platform::Fail(ERROR_INSUFFICIENT_BUFFER);
     std::memcpy(to, from, sizeof(Identifier));
     return TRUE;
 }

@@ -1,13 +1,16 @@
 #include "platform/console.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <initializer_list>
 
+#include "platform/descriptor.h"
 #include "platform/sync.h"
 
 namespace {
@@ -87,6 +90,23 @@ QuietTerminal::~QuietTerminal() {
     if (!active_) return;
     tcsetattr(g_descriptor, TCSAFLUSH, &g_before);
     for (const int number : kEnds) signal(number, SIG_DFL);
+}
+
+std::optional<std::string> AskAtTerminal(const char* prompt, Echo echo) {
+    const UniqueDescriptor terminal(open("/dev/tty", O_RDWR | O_CLOEXEC));
+    if (!terminal) return std::nullopt;
+    const auto say = [&terminal](const char* text) {
+        [[maybe_unused]] const ssize_t done = write(terminal.Get(), text, std::strlen(text));
+    };
+    std::optional<QuietTerminal> quiet;
+    if (echo == Echo::kOff) quiet.emplace(terminal.Get());
+    say(prompt);  // only now: a fast answer would be shown, and thrown away
+    char line[1024];
+    const ssize_t count = read(terminal.Get(), line, sizeof line);
+    quiet.reset();
+    if (echo == Echo::kOff) say("\n");
+    if (count <= 0 || line[count - 1] != '\n') return std::nullopt;
+    return std::string(line, static_cast<std::size_t>(count) - 1);
 }
 
 }  // namespace platform

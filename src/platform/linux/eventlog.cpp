@@ -13,6 +13,7 @@
 #include "platform/clock.h"
 #include "platform/file.h"
 #include "platform/home.h"
+#include "platform/linux/fail.h"
 #include "platform/linux/wait/object.h"
 #include "platform/sync.h"
 #include "text/ascii.h"
@@ -81,11 +82,8 @@ HANDLE RegisterEventSourceA(LPCSTR, LPCSTR source) {
 
 BOOL ReportEventA(HANDLE source, WORD type, WORD, DWORD eventId, PSID user, WORD count, DWORD,
                   LPCSTR* texts, LPVOID) {
-    const auto* from = dynamic_cast<EventSource*>(platform::FromHandle(source));
-    if (from == nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
+    const auto* from = platform::ObjectOf<EventSource>(source);
+    if (from == nullptr) return FALSE;
     char id[16];
     std::snprintf(id, sizeof id, "0x%08X", eventId);
     std::string text;
@@ -98,8 +96,7 @@ BOOL ReportEventA(HANDLE source, WORD type, WORD, DWORD eventId, PSID user, WORD
     if (access("/dev/log", W_OK) == 0)
         syslog(LOG_DAEMON | Priority(type), "%s: %s", from->Name().c_str(), text.c_str());
     if (AppendToLog(line)) return TRUE;
-    SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
+    return platform::Fail(ERROR_ACCESS_DENIED);
 }
 
 BOOL DeregisterEventSource(HANDLE source) { return CloseHandle(source); }

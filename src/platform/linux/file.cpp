@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "platform/home.h"
+#include "platform/linux/fail.h"
 
 DWORD GetTempPathA(DWORD size, LPSTR buffer) {
     const std::string path = platform::HomePath("tmp/");
@@ -24,14 +25,12 @@ DWORD GetTempPathA(DWORD size, LPSTR buffer) {
 
 BOOL CreateDirectoryA(LPCSTR path, LPSECURITY_ATTRIBUTES) {
     if (mkdir(path, 0700) == 0) return TRUE;
-    SetLastError(errno == EEXIST ? ERROR_ALREADY_EXISTS : ERROR_PATH_NOT_FOUND);
-    return FALSE;
+    return platform::Fail(errno == EEXIST ? ERROR_ALREADY_EXISTS : ERROR_PATH_NOT_FOUND);
 }
 
 BOOL DeleteFileA(LPCSTR path) {
     if (unlink(path) == 0) return TRUE;
-    SetLastError(errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
-    return FALSE;
+    return platform::Fail(errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
 }
 
 DWORD GetModuleFileNameA(HANDLE, LPSTR buffer, DWORD size) {
@@ -44,15 +43,6 @@ DWORD GetModuleFileNameA(HANDLE, LPSTR buffer, DWORD size) {
 }
 
 namespace platform {
-
-File& File::operator=(File&& other) noexcept {
-    if (this != &other) {
-        Close();
-        descriptor_ = other.descriptor_;
-        other.descriptor_ = -1;
-    }
-    return *this;
-}
 
 File File::CreateExclusive(const char* path, int group) {
     const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -72,13 +62,13 @@ File File::OpenRead(const char* path) {
 
 long long File::Size() const {
     struct stat info {};
-    return fstat(descriptor_, &info) == 0 ? static_cast<long long>(info.st_size) : -1;
+    return fstat(Descriptor(), &info) == 0 ? static_cast<long long>(info.st_size) : -1;
 }
 
 bool File::Write(const void* data, std::size_t length) {
     const char* at = static_cast<const char*>(data);
     while (length > 0) {
-        const ssize_t done = write(descriptor_, at, length);
+        const ssize_t done = write(Descriptor(), at, length);
         if (done < 0 && errno == EINTR) continue;
         if (done <= 0) return false;
         at += done;
@@ -90,14 +80,13 @@ bool File::Write(const void* data, std::size_t length) {
 long long File::Read(void* buffer, std::size_t length) {
     ssize_t done = 0;
     do {
-        done = read(descriptor_, buffer, length);
+        done = read(Descriptor(), buffer, length);
     } while (done < 0 && errno == EINTR);
     return done;
 }
 
 bool File::Close() {
-    const int descriptor = descriptor_;
-    descriptor_ = -1;
+    const int descriptor = descriptor_.Release();
     return descriptor < 0 || close(descriptor) == 0;
 }
 
@@ -147,6 +136,8 @@ void RemoveFiles(const std::string& directory, const char* prefix) {
             unlinkat(dirfd(listing.get()), entry->d_name, 0);
     }
 }
+
+bool MayMakeFiles(const char* directory) { return access(directory, W_OK | X_OK) == 0; }
 
 bool HasSubdirectory(const std::string& directory) {
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(directory.c_str()), closedir);

@@ -6,15 +6,14 @@
 
 #include <string>
 
+#include "platform/descriptor.h"
+
 namespace platform {
 
 // A path too long for an address goes by way of the open folder, which stays open as long as this.
 class LocalAddress {
   public:
     LocalAddress(const char* folder, const std::string& name);
-    LocalAddress(const LocalAddress&) = delete;
-    LocalAddress& operator=(const LocalAddress&) = delete;
-    ~LocalAddress();
 
     // False for a name that fits in no way.
     bool Valid() const { return valid_; }
@@ -23,7 +22,7 @@ class LocalAddress {
 
   private:
     sockaddr_un address_{};
-    int folder_ = -1;
+    UniqueDescriptor folder_;
     bool valid_ = false;
 };
 

@@ -7,37 +7,34 @@
 #include "platform/home.h"
 #include "platform/linux/local_address.h"
 
+using platform::LocalAddress;
+using platform::UniqueDescriptor;
+
 namespace {
 
-SOCKET Create() {
-    return SocketAvoidZero(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+UniqueDescriptor Create() {
+    return UniqueDescriptor(
+        SocketAvoidZero(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)));
 }
 
 }  // namespace
 
 SOCKET SocketConnectLocal(const char* folder, const char* name) {
-    const platform::LocalAddress address(folder, name);
-    const SOCKET made = Create();
-    if (made == INVALID_SOCKET) return INVALID_SOCKET;
-    if (address.Valid() && connect(made, address.Get(), platform::LocalAddress::Size()) == 0)
-        return made;
-    close(made);
-    return INVALID_SOCKET;
+    const LocalAddress address(folder, name);
+    UniqueDescriptor made = Create();
+    const bool connected =
+        made && address.Valid() && connect(made.Get(), address.Get(), LocalAddress::Size()) == 0;
+    return connected ? made.Release() : INVALID_SOCKET;
 }
 
 SOCKET SocketListenLocal(const char* folder, const char* name) {
-    const SOCKET served = SocketConnectLocal(folder, name);
-    if (served != INVALID_SOCKET) {
-        close(served);
-        return INVALID_SOCKET;
-    }
-    const platform::LocalAddress address(folder, name);
-    const SOCKET made = Create();
-    if (made == INVALID_SOCKET) return INVALID_SOCKET;
+    if (UniqueDescriptor(SocketConnectLocal(folder, name))) return INVALID_SOCKET;
+    const LocalAddress address(folder, name);
+    UniqueDescriptor made = Create();
+    if (!made) return INVALID_SOCKET;
     unlink((platform::HomePath(folder) + '/' + name).c_str());
-    if (address.Valid() && bind(made, address.Get(), platform::LocalAddress::Size()) == 0 &&
-        listen(made, SOMAXCONN) == 0)
-        return made;
-    close(made);
-    return INVALID_SOCKET;
+    const bool listening = address.Valid() &&
+                           bind(made.Get(), address.Get(), LocalAddress::Size()) == 0 &&
+                           listen(made.Get(), SOMAXCONN) == 0;
+    return listening ? made.Release() : INVALID_SOCKET;
 }

@@ -2,14 +2,15 @@
 
 #include <fcntl.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <span>
 
+#include "platform/linux/wait/poll.h"
 #include "platform/window.h"
 
 namespace {
@@ -73,7 +74,6 @@ int SocketSendNow(SOCKET socket, const void* buffer, int length) {
 }
 
 bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit) {
-    using Clock = std::chrono::steady_clock;
     std::array<pollfd, kMostWatches> entries{};
     count = std::min(count, kMostWatches);
     const auto wanted = [](SocketWant want) {
@@ -83,19 +83,12 @@ bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::millise
         watches[i].found = {false, false};
         entries[i] = {watches[i].socket, static_cast<short>(wanted(watches[i].want) | POLLPRI), 0};
     }
-    const auto end = Clock::now() + limit;
-    long long left = limit.count();
-    for (;;) {
-        const int result = poll(entries.data(), static_cast<nfds_t>(count),
-                                static_cast<int>(std::clamp<long long>(left, 0, 1 << 30)));
-        if (result > 0) break;
-        if (result < 0 && errno != EINTR) {
-            for (std::size_t i = 0; i < count; ++i) watches[i].found.exception = true;
-            return true;
-        }
-        left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0) return false;
+    const int result = platform::PollUntil(std::span(entries.data(), count),
+                                           std::chrono::steady_clock::now() + limit);
+    if (result < 0) {
+        for (std::size_t i = 0; i < count; ++i) watches[i].found.exception = true;
     }
+    if (result <= 0) return result < 0;
     for (std::size_t i = 0; i < count; ++i) {
         // A half-closed connection shows as readable, not as hung up. With a wait for readiness an
         // error or a reset is told by the call that follows; asked for nothing, it is the answer.
@@ -117,6 +110,18 @@ SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds) {
 void SocketSendAtOnce(SOCKET socket) {
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+void SocketAllowReuse(SOCKET socket) {
+    const int on = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+}
+
+void SocketRaiseReceiveBuffer(SOCKET socket, int least) {
+    int size = 0;
+    socklen_t length = sizeof size;
+    if (getsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, &length) != 0 || size < least)
+        setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
 }
 
 void SocketEndSending(SOCKET socket) { shutdown(socket, SHUT_WR); }

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/fail.h"
 #include "platform/linux/wait/object.h"
 #include "platform/sync.h"
 
@@ -202,16 +203,11 @@ void HoldAsyncSockets() {
 DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll,
                                 DWORD milliseconds, DWORD) {
     std::array<platform::Waitable*, MAXIMUM_WAIT_OBJECTS> objects;
-    if (count >= MAXIMUM_WAIT_OBJECTS || waitAll != FALSE) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return WAIT_FAILED;
-    }
+    if (count >= MAXIMUM_WAIT_OBJECTS || waitAll != FALSE)
+        return platform::FailWith(WAIT_FAILED, ERROR_INVALID_PARAMETER);
     for (DWORD i = 0; i < count; ++i) {
-        objects[i] = dynamic_cast<platform::Waitable*>(platform::FromHandle(handles[i]));
-        if (objects[i] == nullptr) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return WAIT_FAILED;
-        }
+        objects[i] = platform::ObjectOf<platform::Waitable>(handles[i]);
+        if (objects[i] == nullptr) return WAIT_FAILED;
     }
     MessageQueue& queue = *ThreadQueue();
     objects[count] = &queue.filled;

@@ -17,11 +17,6 @@ constexpr std::chrono::milliseconds kLookAtFlag{200};
 
 }  // namespace
 
-void Connection::Close() {
-    if (socket_ >= 0) close(socket_);
-    socket_ = -1;
-}
-
 void Connection::SetEnd(Clock::time_point end, const std::atomic<bool>* cancel) {
     end_ = end;
     cancel_ = cancel;
@@ -33,9 +28,10 @@ ScanOutcome Connection::Open(const std::string& path) {
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) return ScanOutcome::kDown;
     std::memcpy(address.sun_path, path.c_str(), path.size());
-    socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    while (socket_ >= 0) {
-        if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+    socket_.Reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    while (socket_) {
+        if (connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+            0)
             return ScanOutcome::kClean;
         if (errno != EAGAIN && errno != EINTR) return ScanOutcome::kDown;
         // Its queue is full: it is alive, and there may be room in a moment.
@@ -48,8 +44,8 @@ ScanOutcome Connection::Open(const std::string& path) {
 bool Connection::Send(const void* data, std::size_t length) {
     const char* at = static_cast<const char*>(data);
     while (length > 0) {
-        const ssize_t count = send(socket_, at, length, MSG_NOSIGNAL);
-        if (count < 0 && !Again(POLLOUT)) return false;
+        const ssize_t count = send(socket_.Get(), at, length, MSG_NOSIGNAL);
+        if (count < 0 && !Again(platform::Want::kWrite)) return false;
         if (count <= 0) continue;
         at += count;
         length -= static_cast<std::size_t>(count);
@@ -73,8 +69,8 @@ bool Connection::SendFile(const char* command, std::size_t length, int file) {
     header->cmsg_len = CMSG_LEN(sizeof(int));
     std::memcpy(CMSG_DATA(header), &file, sizeof file);
     if (!Send(command, length)) return false;
-    while (sendmsg(socket_, &message, MSG_NOSIGNAL) < 0) {
-        if (!Again(POLLOUT)) return false;
+    while (sendmsg(socket_.Get(), &message, MSG_NOSIGNAL) < 0) {
+        if (!Again(platform::Want::kWrite)) return false;
     }
     return true;
 }
@@ -82,9 +78,9 @@ bool Connection::SendFile(const char* command, std::size_t length, int file) {
 bool Connection::Receive(std::string& reply) {
     reply.clear();
     for (std::array<char, 512> buffer; reply.size() < kMaxReply;) {
-        const ssize_t count = recv(socket_, buffer.data(), buffer.size(), 0);
+        const ssize_t count = recv(socket_.Get(), buffer.data(), buffer.size(), 0);
         if (count < 0) {
-            if (!Again(POLLIN)) return false;
+            if (!Again(platform::Want::kRead)) return false;
             continue;
         }
         if (count == 0) break;
@@ -96,34 +92,33 @@ bool Connection::Receive(std::string& reply) {
 }
 
 // After a failed call: waits if it only would have blocked.
-bool Connection::Again(short events) {
+bool Connection::Again(platform::Want want) {
     if (errno == EINTR) return true;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
     for (;;) {
-        auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now());
-        timedOut_ = left.count() <= 0 || (cancel_ != nullptr && *cancel_);
+        const Clock::time_point now = Clock::now();
+        timedOut_ = now >= end_ || (cancel_ != nullptr && *cancel_);
         if (timedOut_) return false;
-        if (cancel_ != nullptr) left = std::min(left, kLookAtFlag);
-        pollfd entry{socket_, events, 0};
-        const int ready = poll(&entry, 1, static_cast<int>(left.count()));
-        if (ready != 0) return ready > 0 || errno == EINTR;
+        const auto until = cancel_ != nullptr ? std::min(end_, now + kLookAtFlag) : end_;
+        const int ready = platform::WaitForDescriptor(socket_.Get(), want, until);
+        if (ready != 0) return ready > 0;
     }
 }
 
 bool Connection::HungUp() const {
-    pollfd entry{socket_, POLLRDHUP, 0};
-    return socket_ < 0 || (poll(&entry, 1, 0) > 0 && entry.revents != 0);
+    pollfd entry{socket_.Get(), POLLRDHUP, 0};
+    return !socket_ || (poll(&entry, 1, 0) > 0 && entry.revents != 0);
 }
 
 int Connection::Peer() const {
     ucred peer{};
     socklen_t length = sizeof peer;
-    return getsockopt(socket_, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
+    return getsockopt(socket_.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
 }
 
 bool Connection::Poke(const char* command, std::size_t length, std::string& came) {
     for (std::array<char, 512> buffer; came.size() < kMaxReply;) {
-        const ssize_t count = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        const ssize_t count = recv(socket_.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (count == 0) return false;
         if (count > 0) came.append(buffer.data(), static_cast<std::size_t>(count));
         if (count > 0 || errno == EINTR) continue;
@@ -131,6 +126,6 @@ bool Connection::Poke(const char* command, std::size_t length, std::string& came
         break;
     }
     // One that finds no room goes to an engine that hangs: it may be there again in a while.
-    return send(socket_, command, length, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 || errno == EAGAIN ||
-           errno == EINTR;
+    return send(socket_.Get(), command, length, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0 ||
+           errno == EAGAIN || errno == EINTR;
 }

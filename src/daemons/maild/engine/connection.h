@@ -7,6 +7,7 @@
 #include <string>
 
 #include "daemons/maild/engine/outcome.h"
+#include "platform/descriptor.h"
 
 class Connection {
   public:
@@ -15,9 +16,9 @@ class Connection {
     Connection() = default;
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    ~Connection() { Close(); }
-    void Close();
-    bool IsOpen() const { return socket_ >= 0; }
+    ~Connection() = default;
+    void Close() { socket_.Reset(); }
+    bool IsOpen() const { return static_cast<bool>(socket_); }
 
     // What is done from now on has to be done by then, or until the flag is set (null: none).
     void SetEnd(Clock::time_point end, const std::atomic<bool>* cancel = nullptr);
@@ -39,9 +40,9 @@ class Connection {
     bool Poke(const char* command, std::size_t length, std::string& came);
 
   private:
-    bool Again(short events);
+    bool Again(platform::Want want);
 
-    int socket_ = -1;
+    platform::UniqueDescriptor socket_;
     Clock::time_point end_;
     const std::atomic<bool>* cancel_ = nullptr;
     bool timedOut_ = false;

@@ -15,7 +15,7 @@ CompletionQueue::CompletionQueue()
     epoll_event event{};
     event.events = EPOLLIN | EPOLLET;  // each write is an edge: never read back
     event.data.ptr = nullptr;
-    epoll_ctl(epoll_, EPOLL_CTL_ADD, wake_, &event);
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event);
 }
 
 CompletionQueue::~CompletionQueue() {
@@ -24,8 +24,6 @@ CompletionQueue::~CompletionQueue() {
         posted_.pop_front();
         if (released != nullptr) released->Release();
     }
-    if (epoll_ >= 0) close(epoll_);
-    if (wake_ >= 0) close(wake_);
 }
 
 bool CompletionQueue::Watch(int descriptor, PollTarget* target) {
@@ -33,13 +31,13 @@ bool CompletionQueue::Watch(int descriptor, PollTarget* target) {
     event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
     event.data.ptr = target;
     target->AddRef();
-    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) == 0) return true;
+    if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, descriptor, &event) == 0) return true;
     target->Release();
     return false;
 }
 
 void CompletionQueue::Unwatch(int descriptor, PollTarget* target) {
-    epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
     Push({0, 0, nullptr, 0, target});
 }
 
@@ -62,7 +60,8 @@ bool CompletionQueue::WaitForEvents(DWORD milliseconds) {
     std::array<epoll_event, 64> events;
     const int limit =
         milliseconds == INFINITE ? -1 : static_cast<int>(std::min<DWORD>(milliseconds, 1U << 30));
-    const int count = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), limit);
+    const int count =
+        epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), limit);
     const bool interrupted = count < 0 && errno == EINTR;
     {
         const std::lock_guard lock(mutex_);
@@ -74,8 +73,7 @@ bool CompletionQueue::WaitForEvents(DWORD milliseconds) {
             static_cast<PollTarget*>(event.data.ptr)->OnReady(event.events);
     }
     if (count > 0 || interrupted) return true;
-    SetLastError(count == 0 ? WAIT_TIMEOUT : ERROR_INVALID_HANDLE);
-    return false;
+    return platform::Fail(count == 0 ? WAIT_TIMEOUT : ERROR_INVALID_HANDLE);
 }
 
 BOOL CompletionQueue::Take(DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped,
@@ -96,8 +94,7 @@ BOOL CompletionQueue::Take(DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped
         *key = entry.key;
         *overlapped = entry.overlapped;
         if (entry.error == 0) return TRUE;
-        SetLastError(entry.error);
-        return FALSE;
+        return platform::Fail(entry.error);
     }
 }
 
@@ -107,7 +104,7 @@ void CompletionQueue::Push(const Completion& entry) {
     if (!sleeping_) return;
     sleeping_ = false;
     const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(wake_.Get(), &one, sizeof one);
 }
 
 }  // namespace platform

@@ -6,6 +6,7 @@
 #include <deque>
 #include <mutex>
 
+#include "platform/descriptor.h"
 #include "platform/linux/wait/object.h"
 #include "platform/pipe.h"
 
@@ -22,7 +23,7 @@ class CompletionQueue final : public Object {
   public:
     CompletionQueue();
     ~CompletionQueue() override;
-    bool Ready() const { return epoll_ >= 0 && wake_ >= 0; }
+    bool Ready() const { return epoll_ && wake_; }
 
     // Tells the target what becomes of the descriptor, until Unwatch. False on failure.
     bool Watch(int descriptor, PollTarget* target);
@@ -46,26 +47,11 @@ class CompletionQueue final : public Object {
     bool WaitForEvents(DWORD milliseconds);
     void Push(const Completion& entry);
 
-    const int epoll_;
-    const int wake_;
+    const UniqueDescriptor epoll_;
+    const UniqueDescriptor wake_;
     std::mutex mutex_;
     std::deque<Completion> posted_;  // guarded by mutex_
     bool sleeping_ = false;  // guarded by mutex_: a thread is in epoll_wait, or on its way there
-};
-
-// Owner of a queue's reference.
-struct QueueReference {
-    CompletionQueue* queue = nullptr;
-    QueueReference() = default;
-    QueueReference(const QueueReference&) = delete;
-    QueueReference& operator=(const QueueReference&) = delete;
-    ~QueueReference() {
-        if (queue != nullptr) queue->Release();
-    }
-    void Set(CompletionQueue* value) {
-        queue = value;
-        queue->AddRef();
-    }
 };
 
 }  // namespace platform

@@ -1,6 +1,5 @@
 // The client's side of services: start, control, look.
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/file.h>
@@ -17,10 +16,12 @@
 
 #include "platform/file.h"
 #include "platform/home.h"
+#include "platform/linux/fail.h"
 #include "platform/linux/local_address.h"
 #include "platform/linux/service/handle.h"
 #include "platform/linux/service/record.h"
 
+using platform::Fail;
 using platform::ServiceMessage;
 using platform::ServiceMessageKind;
 using platform::UniqueDescriptor;
@@ -35,19 +36,11 @@ constexpr milliseconds kLook{50};
 constexpr milliseconds kLastProcess{5000};
 constexpr int kLongestChain = 16;
 
-BOOL Fail(DWORD error) {
-    SetLastError(error);
-    return FALSE;
-}
-
-bool WaitFor(int descriptor, short events, DWORD limit) {
-    const auto end = Clock::now() + milliseconds(limit);
-    for (;;) {
-        const auto left = std::chrono::ceil<milliseconds>(end - Clock::now()).count();
-        pollfd entry{descriptor, events, 0};
-        const int ready = poll(&entry, 1, static_cast<int>(std::max<long long>(left, 0)));
-        if (ready >= 0 || errno != EINTR) return ready > 0;
-    }
+// Until the other side has had its time: it keeps the limit; the second more is for its answer that
+// the time is over.
+bool WaitForAnswer(const UniqueDescriptor& from) {
+    const auto end = Clock::now() + milliseconds(platform::kServiceRequestLimit + 1000);
+    return platform::WaitForDescriptor(from.Get(), platform::Want::kRead, end) > 0;
 }
 
 // One question to the supervisor. 0, or an error.
@@ -55,9 +48,7 @@ DWORD Ask(const std::string& service, const ServiceMessage& question, SERVICE_ST
     const UniqueDescriptor connection = platform::ConnectSupervisor(service);
     if (!connection || !platform::SendServiceMessage(connection.Get(), question))
         return ERROR_SERVICE_NOT_ACTIVE;
-    // The supervisor keeps the limit; the second more is for its answer that the time is over.
-    if (!WaitFor(connection.Get(), POLLIN, platform::kServiceRequestLimit + 1000))
-        return ERROR_SERVICE_REQUEST_TIMEOUT;
+    if (!WaitForAnswer(connection)) return ERROR_SERVICE_REQUEST_TIMEOUT;
     ServiceMessage reply;
     if (!platform::ReceiveServiceMessage(connection.Get(), reply)) return ERROR_SERVICE_NOT_ACTIVE;
     status = reply.status;
@@ -146,10 +137,10 @@ DWORD StartAlone(const std::string& service) {
     if (!Spawn(SupervisorPath(), service, lock.Get(), writer.Get()))
         return errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_GEN_FAILURE;
     // The supervisor has its own; without these the end of it shows here.
-    lock.Reset(-1);
-    writer.Reset(-1);
+    lock.Reset();
+    writer.Reset();
     DWORD error = ERROR_SERVICE_REQUEST_TIMEOUT;
-    if (!WaitFor(reader.Get(), POLLIN, platform::kServiceRequestLimit + 1000) ||
+    if (!WaitForAnswer(reader) ||
         read(reader.Get(), &error, sizeof error) != static_cast<ssize_t>(sizeof error))
         error = ERROR_SERVICE_REQUEST_TIMEOUT;
     return error;
@@ -195,16 +186,11 @@ DWORD Start(const std::string& service, int chain, std::vector<std::string>& sta
 
 }  // namespace
 
-void platform::UniqueDescriptor::Reset(int descriptor) {
-    if (descriptor_ >= 0) close(descriptor_);
-    descriptor_ = descriptor;
-}
-
 UniqueDescriptor platform::ConnectSupervisor(const std::string& service) {
     const LocalAddress address("services", ServiceSocketName(service));
     UniqueDescriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (connection && connect(connection.Get(), address.Get(), LocalAddress::Size()) != 0)
-        connection.Reset(-1);
+        connection.Reset();
     return connection;
 }
 

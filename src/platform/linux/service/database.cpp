@@ -13,6 +13,7 @@
 
 #include "platform/file.h"
 #include "platform/home.h"
+#include "platform/linux/fail.h"
 #include "platform/linux/service/handle.h"
 #include "platform/linux/service/record.h"
 
@@ -22,18 +23,14 @@ namespace {
 
 SC_HANDLE NewHandle(const char* service) {
     auto* handle = new (std::nothrow) ServiceHandleRecord;
-    if (handle == nullptr) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
+    if (handle == nullptr) return platform::Fail(ERROR_NOT_ENOUGH_MEMORY);
     handle->service = service;
     return handle;
 }
 
 bool IsManager(SC_HANDLE handle) {
     if (handle != nullptr && handle->service.empty()) return true;
-    SetLastError(ERROR_INVALID_HANDLE);
-    return false;
+    return platform::Fail(ERROR_INVALID_HANDLE);
 }
 
 std::string LockFile() { return platform::HomePath("services/database.lock"); }
@@ -47,24 +44,20 @@ std::string UserName() {
 
 bool platform::IsService(SC_HANDLE handle) {
     if (handle != nullptr && !handle->service.empty()) return true;
-    SetLastError(ERROR_INVALID_HANDLE);
-    return false;
+    return platform::Fail(ERROR_INVALID_HANDLE);
 }
 
 SC_HANDLE OpenSCManagerA(LPCSTR, LPCSTR, DWORD) {
     if (!platform::Home().empty()) return NewHandle("");
-    SetLastError(ERROR_ACCESS_DENIED);
-    return nullptr;
+    return platform::Fail(ERROR_ACCESS_DENIED);
 }
 
 SC_HANDLE CreateServiceA(SC_HANDLE manager, LPCSTR name, LPCSTR displayName, DWORD, DWORD type,
                          DWORD startType, DWORD errorControl, LPCSTR path, LPCSTR, DWORD*,
                          LPCSTR dependencies, LPCSTR, LPCSTR) {
     if (!IsManager(manager)) return nullptr;
-    if (!platform::ValidServiceName(name) || path == nullptr) {
-        SetLastError(ERROR_INVALID_NAME);
-        return nullptr;
-    }
+    if (!platform::ValidServiceName(name) || path == nullptr)
+        return platform::Fail(ERROR_INVALID_NAME);
     ServiceRecord record;
     record.name = name;
     record.displayName = displayName != nullptr ? displayName : name;
@@ -80,21 +73,15 @@ SC_HANDLE CreateServiceA(SC_HANDLE manager, LPCSTR name, LPCSTR displayName, DWO
 
 SC_HANDLE OpenServiceA(SC_HANDLE manager, LPCSTR name, DWORD) {
     if (!IsManager(manager)) return nullptr;
-    if (!platform::ValidServiceName(name)) {
-        SetLastError(ERROR_INVALID_NAME);
-        return nullptr;
-    }
+    if (!platform::ValidServiceName(name)) return platform::Fail(ERROR_INVALID_NAME);
     if (platform::ReadServiceRecord(name)) return NewHandle(name);
-    SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
-    return nullptr;
+    return platform::Fail(ERROR_SERVICE_DOES_NOT_EXIST);
 }
 
 BOOL DeleteService(SC_HANDLE service) {
     if (!platform::IsService(service)) return FALSE;
-    if (unlink(platform::ServiceFile(service->service, ".conf").c_str()) != 0) {
-        SetLastError(errno == ENOENT ? ERROR_SERVICE_DOES_NOT_EXIST : ERROR_ACCESS_DENIED);
-        return FALSE;
-    }
+    if (unlink(platform::ServiceFile(service->service, ".conf").c_str()) != 0)
+        return platform::Fail(errno == ENOENT ? ERROR_SERVICE_DOES_NOT_EXIST : ERROR_ACCESS_DENIED);
     // A service that still runs keeps its other files until its supervisor ends.
     if (platform::ConnectSupervisor(service->service)) return TRUE;
     for (const char* suffix : {".status", ".out", ".sock", ".run"})
@@ -103,10 +90,7 @@ BOOL DeleteService(SC_HANDLE service) {
 }
 
 BOOL CloseServiceHandle(SC_HANDLE handle) {
-    if (handle == nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
+    if (handle == nullptr) return platform::Fail(ERROR_INVALID_HANDLE);
     delete handle;
     return TRUE;
 }
@@ -115,14 +99,9 @@ SC_LOCK LockServiceDatabase(SC_HANDLE manager) {
     if (!IsManager(manager)) return nullptr;
     auto lock = std::make_unique<platform::File>(
         open(LockFile().c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!*lock) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return nullptr;
-    }
-    if (flock(lock->Descriptor(), LOCK_EX | LOCK_NB) != 0) {
-        SetLastError(ERROR_SERVICE_DATABASE_LOCKED);
-        return nullptr;
-    }
+    if (!*lock) return platform::Fail(ERROR_ACCESS_DENIED);
+    if (flock(lock->Descriptor(), LOCK_EX | LOCK_NB) != 0)
+        return platform::Fail(ERROR_SERVICE_DATABASE_LOCKED);
     // Who holds it, and since when (the file's time), for those who ask.
     const std::string owner = UserName();
     if (ftruncate(lock->Descriptor(), 0) == 0) lock->Write(owner.data(), owner.size());
@@ -141,10 +120,7 @@ BOOL QueryServiceLockStatusA(SC_HANDLE manager, QUERY_SERVICE_LOCK_STATUSA* stat
     platform::ReadWholeFile(LockFile(), owner);
     const auto wanted = static_cast<DWORD>(sizeof *status + owner.size() + 1);
     if (needed != nullptr) *needed = wanted;
-    if (status == nullptr || size < wanted) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
-    }
+    if (status == nullptr || size < wanted) return platform::Fail(ERROR_INSUFFICIENT_BUFFER);
     const platform::File file = platform::File::OpenRead(LockFile().c_str());
     const bool locked = file && flock(file.Descriptor(), LOCK_SH | LOCK_NB) != 0;
     struct stat info {};
@@ -161,10 +137,9 @@ BOOL QueryServiceLockStatusA(SC_HANDLE manager, QUERY_SERVICE_LOCK_STATUSA* stat
 BOOL ChangeServiceConfig2A(SC_HANDLE service, DWORD level, LPVOID info) {
     if (!platform::IsService(service)) return FALSE;
     auto record = platform::ReadServiceRecord(service->service);
-    if (!record || info == nullptr) {
-        SetLastError(info == nullptr ? ERROR_INVALID_PARAMETER : ERROR_SERVICE_DOES_NOT_EXIST);
-        return FALSE;
-    }
+    if (!record || info == nullptr)
+        return platform::Fail(info == nullptr ? ERROR_INVALID_PARAMETER
+                                              : ERROR_SERVICE_DOES_NOT_EXIST);
     if (level == SERVICE_CONFIG_DESCRIPTION) {
         const char* text = static_cast<const SERVICE_DESCRIPTIONA*>(info)->lpDescription;
         record->description = text != nullptr ? text : "";
@@ -175,9 +150,7 @@ BOOL ChangeServiceConfig2A(SC_HANDLE service, DWORD level, LPVOID info) {
             record->restart = actions.lpsaActions[i].Type == SC_ACTION_RESTART;
             record->restartDelay = actions.lpsaActions[i].Delay;
         }
-    } else {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
+    } else
+        return platform::Fail(ERROR_INVALID_PARAMETER);
     return platform::WriteServiceRecord(*record, false) ? TRUE : FALSE;
 }

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/linux/fail.h"
 #include "platform/linux/service/handle.h"
 #include "platform/linux/service/record.h"
 #include "platform/linux/wait/object.h"
@@ -196,8 +197,7 @@ UniqueDescriptor TakeSignals() {
 
 // Hands on controls until the service's thread has ended.
 void Dispatch(ServiceStatusRecord& service, const UniqueDescriptor& signals, HANDLE thread) {
-    auto* ended = dynamic_cast<platform::Waitable*>(platform::FromHandle(thread));
-    platform::Waitable* const objects[] = {ended};
+    platform::Waitable* const objects[] = {platform::ObjectOf<platform::Waitable>(thread)};
     for (;;) {
         std::array<pollfd, 2> extra{
             {{signals.Get(), POLLIN, 0}, {service.manager->Descriptor(), POLLIN, 0}}};
@@ -217,10 +217,8 @@ bool platform::StartedByServiceManager() {
 
 BOOL StartServiceCtrlDispatcherA(const SERVICE_TABLE_ENTRYA* table) {
     std::unique_ptr<Manager> manager = FindManager();
-    if (manager == nullptr || g_service != nullptr) {
-        SetLastError(ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
-        return FALSE;
-    }
+    if (manager == nullptr || g_service != nullptr)
+        return platform::Fail(ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
     auto* service = new ServiceStatusRecord;
     service->manager = std::move(manager);
     service->name = table[0].lpServiceName;
@@ -228,31 +226,23 @@ BOOL StartServiceCtrlDispatcherA(const SERVICE_TABLE_ENTRYA* table) {
     g_service = service;
     const UniqueDescriptor signals = TakeSignals();
     const UniqueHandle thread(CreateThread(nullptr, 0, ServiceThread, service, 0, nullptr));
-    if (!thread || !signals) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return FALSE;
-    }
+    if (!thread || !signals) return platform::Fail(ERROR_NOT_ENOUGH_MEMORY);
     Dispatch(*service, signals, thread.Get());
     return TRUE;
 }
 
 SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerA(LPCSTR name, LPHANDLER_FUNCTION handler) {
     ServiceStatusRecord* service = g_service;
-    if (service == nullptr || name == nullptr || service->name != name || handler == nullptr) {
-        SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
-        return nullptr;
-    }
+    if (service == nullptr || name == nullptr || service->name != name || handler == nullptr)
+        return platform::Fail(ERROR_SERVICE_DOES_NOT_EXIST);
     service->handler = handler;
     CallHandler(*service);
     return service;
 }
 
 BOOL SetServiceStatus(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS* status) {
-    if (handle == nullptr || handle != g_service || status == nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
+    if (handle == nullptr || handle != g_service || status == nullptr)
+        return platform::Fail(ERROR_INVALID_HANDLE);
     if (handle->manager->Report(*status)) return TRUE;
-    SetLastError(ERROR_BROKEN_PIPE);
-    return FALSE;
+    return platform::Fail(ERROR_BROKEN_PIPE);
 }

@@ -12,6 +12,7 @@
 
 #include "platform/file.h"
 #include "platform/home.h"
+#include "platform/linux/fail.h"
 
 namespace platform {
 namespace {
@@ -114,10 +115,9 @@ bool WriteServiceRecord(const ServiceRecord& record, bool onlyNew) {
     for (const std::string& each : record.dependencies) text += "depends-on " + each + '\n';
     if (record.restart) text += "restart-delay " + std::to_string(record.restartDelay) + '\n';
     if (PutFile(ServiceFile(record.name, ".conf"), text, onlyNew)) return true;
-    SetLastError(errno == EEXIST   ? ERROR_SERVICE_EXISTS
-                 : errno == EACCES ? ERROR_ACCESS_DENIED
-                                   : ERROR_GEN_FAILURE);
-    return false;
+    return platform::Fail(errno == EEXIST   ? ERROR_SERVICE_EXISTS
+                          : errno == EACCES ? ERROR_ACCESS_DENIED
+                                            : ERROR_GEN_FAILURE);
 }
 
 bool SendServiceMessage(int socket, const ServiceMessage& message) {

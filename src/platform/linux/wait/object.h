@@ -5,9 +5,13 @@
 #include <poll.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <span>
+#include <utility>
 
+#include "platform/linux/fail.h"
 #include "platform/types.h"
 
 namespace platform {
@@ -32,10 +36,36 @@ class Object {
     std::atomic<int> references_{1};
 };
 
+// Owner of a reference.
+struct ReleaseReference {
+    void operator()(Object* object) const { object->Release(); }
+};
+template <class Kind>
+using Reference = std::unique_ptr<Kind, ReleaseReference>;
+template <class Kind>
+Reference<Kind> Share(Kind* object) {
+    object->AddRef();
+    return Reference<Kind>(object);
+}
+
 inline HANDLE ToHandle(Object* object) { return static_cast<HANDLE>(object); }
 inline Object* FromHandle(HANDLE handle) {
     return handle == nullptr || handle == INVALID_HANDLE_VALUE ? nullptr
                                                                : static_cast<Object*>(handle);
+}
+
+// The handle's object of that kind; null, with the last error, if it is none.
+template <class Kind>
+Kind* ObjectOf(HANDLE handle) {
+    auto* object = dynamic_cast<Kind*>(FromHandle(handle));
+    return object != nullptr ? object : Fail(ERROR_INVALID_HANDLE);
+}
+
+// A new object, whose reference goes with its handle; null, with the last error, without memory.
+template <class Kind, class... Arguments>
+Kind* NewObject(Arguments&&... arguments) {
+    auto* object = new (std::nothrow) Kind(std::forward<Arguments>(arguments)...);
+    return object != nullptr ? object : Fail(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 // An object that can be waited on: a count (events: 0 or 1) and, while somebody sleeps on it, a

@@ -1,0 +1,57 @@
+#include "platform/descriptor.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+#include "platform/linux/wait/poll.h"
+
+namespace platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+pollfd EntryOf(int descriptor, Want want) {
+    return {descriptor, static_cast<short>(want == Want::kRead ? POLLIN : POLLOUT), 0};
+}
+
+}  // namespace
+
+void DescriptorKind::Close(int descriptor) {
+    const int error = errno;
+    close(descriptor);
+    errno = error;
+}
+
+int PollUntil(std::span<pollfd> entries, std::optional<Clock::time_point> end) {
+    constexpr long long kLongest = 1 << 30;  // milliseconds
+    for (;;) {
+        long long wait = -1;
+        if (end) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now());
+            wait = std::clamp<long long>(left.count(), 0, kLongest);
+        }
+        const int result = poll(entries.data(), entries.size(), static_cast<int>(wait));
+        if (result < 0 ? errno != EINTR : result > 0 || wait < kLongest) return result;
+    }
+}
+
+int WaitForDescriptor(int descriptor, Want want, Clock::time_point end) {
+    if (Clock::now() >= end) return 0;
+    pollfd entry = EntryOf(descriptor, want);
+    return PollUntil({&entry, 1}, end);
+}
+
+int WaitForDescriptors(std::span<DescriptorWatch> watches, Clock::time_point end) {
+    std::vector<pollfd> entries;
+    for (const DescriptorWatch& each : watches)
+        entries.push_back(EntryOf(each.descriptor, each.want));
+    const int result = PollUntil(entries, end);
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        watches[i].ready = result > 0 && entries[i].revents != 0;
+    return result;
+}
+
+}  // namespace platform

@@ -1,20 +1,47 @@
 #include "trelis/settings.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <mutex>
+#include <utility>
 
+#include "text/ascii.h"
+#include "text/printable.h"
 #include "trelis/size.h"
 #include "trelis/store.h"
 
 namespace trelis {
 namespace {
 
+// Once for a value: a key that is read again and again is no flood. Not every value is this host's
+// own, and the terminal is a person's.
 void Complain(const std::string& path, const std::string& value, const std::string& instead) {
-    std::fprintf(stderr, "%s: \"%s\" can't be used, it is taken for \"%s\"\n", path.c_str(),
-                 value.c_str(), instead.c_str());
+    static std::mutex mutex;
+    static auto& told = *new std::map<std::string, std::string>;  // never destroyed, as threads
+    const std::lock_guard lock(mutex);
+    if (std::exchange(told[path], value) == value) return;
+    std::fprintf(stderr, "%s: \"%s\" can't be used as it is, it is taken for: %s\n",
+                 CleanText(path).c_str(), CleanText(value).c_str(), instead.c_str());
 }
+
+// The default of a number is within its own bounds, a size without one has words for it.
+constexpr bool MakesSense(const KeyRow& row) {
+    if (row.kind != KeyKind::kNumber && row.kind != KeyKind::kSize) return true;
+    if (*row.fallback == '\0') return row.kind == KeyKind::kNumber || row.shown != nullptr;
+    long long number = 0;
+    for (const char* at = row.fallback; *at != '\0'; ++at) number = number * 10 + (*at - '0');
+    return number >= row.least && number <= row.most;
+}
+static_assert([] {
+    for (const KeySection& section : kKeySections) {
+        for (const KeyRow& row : section.rows) {
+            if (!MakesSense(row)) return false;
+        }
+    }
+    return true;
+}());
 
 long long OutOfBounds(const KeyRow& row, long long number) {
     const bool below = number < row.least;
@@ -24,12 +51,13 @@ long long OutOfBounds(const KeyRow& row, long long number) {
     return below && row.beyond == Beyond::kNearest ? row.least : row.most;
 }
 
-// Within the row's bounds, with a complaint where that takes a change. `given` is not empty.
-long long InBounds(const Key& key, Names names, const std::string& given, long long number) {
+// Within the row's bounds. What takes a change, or was read only in part, is complained of.
+long long InBounds(const Key& key, Names names, const std::string& given, long long number,
+                   bool whole = true) {
     const KeyRow& row = key.Row();
-    if (number >= row.least && number <= row.most) return number;
-    const long long instead = OutOfBounds(row, number);
-    Complain(key.Path(names), given, std::to_string(instead));
+    const bool within = number >= row.least && number <= row.most;
+    const long long instead = within ? number : OutOfBounds(row, number);
+    if (!within || !whole) Complain(key.Path(names), given, std::to_string(instead));
     return instead;
 }
 
@@ -77,7 +105,11 @@ std::string ReadText(const Key& key, Names names) {
 long long ReadNumber(const Key& key, Names names, std::uint32_t store) {
     const std::string given = ReadIfGiven(key, names, store).value_or("");
     const std::string text = given.empty() ? key.Row().fallback : given;
-    return InBounds(key, names, text, std::strtoll(text.c_str(), nullptr, 10));
+    char* end = nullptr;
+    const long long number = std::strtoll(text.c_str(), &end, 10);
+    const bool whole = end != text.c_str() &&
+                       std::string_view(end).find_first_not_of(' ') == std::string_view::npos;
+    return InBounds(key, names, text, number, whole || given.empty());
 }
 
 int ReadInt(const Key& key, Names names, std::uint32_t store) {
@@ -90,13 +122,15 @@ std::optional<long long> ReadSize(const Key& key, Names names) {
     if (given.empty()) return fallback;
     const std::optional<long long> size = ParseSize(given);
     if (size) return InBounds(key, names, given, *size);
-    Complain(key.Path(names), given, key.Row().fallback);
+    Complain(key.Path(names), given, fallback ? key.Row().fallback : key.Row().shown);
     return fallback;
 }
 
 bool ReadFlag(const Key& key, Names names) {
     const std::string text = ReadIfGiven(key, names).value_or("");
-    return text.starts_with('Y') || text.starts_with('y');
+    const char first = text.empty() ? 'n' : FoldCase(text.front());
+    if (first != 'y' && first != 'n') Complain(key.Path(names), text, "N");
+    return first == 'y';
 }
 
 NameWalk::NameWalk(const Key& key, Names names)

@@ -1,6 +1,7 @@
 // Typed reads of the configuration, by the table of keys: bounds and defaults stand there. All
-// programs read by these. A value that can't be used is told on standard error, once a read, and
-// its default taken. Any thread; std::bad_alloc is all they throw.
+// programs read by these. A value that can't be used as it is, a number with text behind it too, is
+// told on standard error, once for each value of a key. Any thread; std::bad_alloc is all they
+// throw.
 #pragma once
 
 #include <initializer_list>

@@ -62,6 +62,18 @@ class Reference(unittest.TestCase):
                         around += [path + ": " + line.strip() for line in file if RAW.search(line)]
         self.assertEqual(around, [])
 
+    def test_every_key_that_may_be_set_is_read(self):
+        code = ""
+        for folder, _, files in os.walk(ROOT + "/src"):
+            for name in files:
+                if name.endswith((".cpp", ".h")) and name != "key_rows.h":
+                    with open(os.path.join(folder, name), encoding="utf-8") as file:
+                        code += file.read()
+        rows = re.findall(r"^\| `(\S+)` \| .* \| (.*) \| .* \|$", self.keys("--reference"), re.M)
+        self.assertGreater(len(rows), 50)
+        unread = [key for key, effect in rows if effect not in ("-", "never") and '"%s"' % key not in code]
+        self.assertEqual(unread, [])
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -82,6 +82,43 @@ TEST_F(Settings, SizesAndFlags) {
     }
 }
 
+// What each value is read as is what it always was; what is new is that somebody hears of it.
+TEST_F(Settings, WhatCantBeUsedIsTold) {
+    constexpr Key kLog{trelis::kLoggerKey, "MaxLogSize"};
+    constexpr Key kDays{trelis::kStatsKey, "KeepDays"};
+    constexpr Key kSize = Net("MaxMessageSize");
+    constexpr Key kFlag{trelis::kMailDaemonKey, "PassWhenBusy"};
+    const auto number = [](const Key& key) { trelis::ReadNumber(key); };
+    const auto size = [](const Key& key) { trelis::ReadSize(key, {"a"}); };
+    const auto flag = [](const Key& key) { trelis::ReadFlag(key); };
+    const struct {
+        const Key& key;
+        void (*read)(const Key& key);
+        const char* text;
+        const char* told;  // empty: nothing
+    } cases[] = {
+        {kLog, number, "20000000 ", ""},
+        {kLog, number, "", ""},
+        {kLog, number, "10M", "\"10M\" can't be used as it is, it is taken for: 10\n"},
+        {kLog, number, "10M", ""},  // said already
+        {kLog, number, "-1", "\"-1\" can't be used as it is, it is taken for: 10485760\n"},
+        {kDays, number, "soon", "\"soon\" can't be used as it is, it is taken for: 0\n"},
+        {kSize, size, "10M", ""},
+        {kSize, size, "1\x1B[2J",
+         "\"1?[2J\" can't be used as it is, it is taken for: what the scanner takes\n"},
+        {kFlag, flag, "no", ""},
+        {kFlag, flag, "Yes", ""},
+        {kFlag, flag, "true", "\"true\" can't be used as it is, it is taken for: N\n"},
+    };
+    for (const auto& each : cases) {
+        Set(each.key.Path({"a"}), each.text);
+        testing::internal::CaptureStderr();
+        each.read(each.key);
+        const std::string start = *each.told == '\0' ? "" : each.key.Path({"a"}) + ": ";
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), start + each.told) << each.text;
+    }
+}
+
 TEST_F(Settings, NamesStandForTheFirstStarThatIsLeft) {
     constexpr Key kMask = Net("RelayNetworks/*/Mask");
     EXPECT_EQ(kMask.Path({"a", "b*"}),

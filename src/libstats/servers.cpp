@@ -4,13 +4,13 @@
 
 #include "libstats/core.h"
 #include "net/socket.h"
+#include "text/base64.h"
 #include "trelis/settings.h"
 
 namespace {
 
 constexpr trelis::Key kPort{trelis::kStatsKey, "HTTPPort"};
 constexpr std::size_t kCredentialsSize = 1024;
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // The server's own store knows its port: the one of this host is asked only for this host.
 int ReadPort(std::uint32_t address) {
@@ -26,20 +26,6 @@ int ReadPort(std::uint32_t address) {
 }  // namespace
 
 std::uint32_t ResolveAddress(const char* host) { return ResolveHost(host, 0).sin_addr.s_addr; }
-
-std::string Base64Encode(const std::string& text) {
-    std::string out;
-    out.reserve((text.size() + 2) / 3 * 4);
-    for (std::size_t at = 0; at < text.size(); at += 3) {
-        const std::size_t have = std::min<std::size_t>(text.size() - at, 3);
-        std::uint32_t group = 0;
-        for (std::size_t i = 0; i < 3; ++i)
-            group = group << 8 | (i < have ? static_cast<unsigned char>(text[at + i]) : 0U);
-        for (std::size_t i = 0; i < 4; ++i)
-            out += i <= have ? kAlphabet[group >> (18 - 6 * i) & 0x3F] : '=';
-    }
-    return out;
-}
 
 int CLibStatsCore::AddServer(const char* host, const char* user, const char* password) {
     if (host == nullptr || user == nullptr || password == nullptr) return -1;

@@ -12,5 +12,3 @@ inline constexpr std::size_t kTokenSize = 512;
 // The first address of the host (a name or dotted text), as it stands in the resolver's answer; 0
 // if the name is unknown or null. Any thread.
 std::uint32_t ResolveAddress(const char* host);
-// Standard alphabet, filled with '=' at the end, no line breaks.
-std::string Base64Encode(const std::string& text);

@@ -13,6 +13,7 @@
 #include "libstats/tables.h"
 #include "platform/commandline.h"
 #include "support/instance.h"
+#include "text/base64.h"
 #include "trelis/trelis.h"
 
 namespace {

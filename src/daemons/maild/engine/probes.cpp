@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "daemons/maild/engine/zipfile.h"
+#include "text/base64.h"
 
 namespace {
 
@@ -22,20 +23,11 @@ std::string Pattern() {
 }
 
 std::string Coded(std::string_view bytes) {
-    static constexpr char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
     out.reserve(bytes.size() * 4 / 3 + bytes.size() / kCodedLine * 2 + 8);
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        std::uint32_t group = 0;
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - i);
-        for (std::size_t k = 0; k < 3; ++k)
-            group = group << 8 | (k < count ? static_cast<unsigned char>(bytes[i + k]) : 0U);
-        for (std::size_t k = 0; k < 4; ++k)
-            out += k <= count ? kAlphabet[group >> (18 - 6 * k) & 0x3F] : '=';
-        if ((i + 3) % kCodedLine == 0) out += "\r\n";
-    }
-    return out + "\r\n";
+    for (std::size_t at = 0; at < bytes.size(); at += kCodedLine)
+        out += Base64Encode(bytes.substr(at, kCodedLine)) + "\r\n";
+    return out;
 }
 
 constexpr std::string_view kFirst = "Received: from probe\r\n";

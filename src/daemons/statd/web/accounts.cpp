@@ -15,6 +15,7 @@
 
 #include "platform/file.h"
 #include "text/ascii.h"
+#include "text/base64.h"
 #include "trelis/settings.h"
 
 namespace stats {
@@ -63,13 +64,6 @@ bool FillRandom(void* buffer, std::size_t size) {
         size -= static_cast<std::size_t>(got);
     }
     return true;
-}
-
-int Base64Digit(char c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    return c == '+' ? 62 : c == '/' ? 63 : -1;
 }
 
 // An existing token, if it is a file of ours that nobody else could have read or written.

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "lipc/endpoint.h"
+#include "lipc/pipe.h"
 
 namespace {
 

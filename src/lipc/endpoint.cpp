@@ -114,10 +114,6 @@ void Free(LIPCEndpoint& endpoint, LIPCConnection& connection) {
 
 }  // namespace
 
-DWORD WaitLimit(std::int32_t timeoutMs) {
-    return timeoutMs < 0 ? INFINITE : static_cast<DWORD>(timeoutMs);
-}
-
 bool IsNoReply(const void* data, std::uint32_t length) {
     return length == sizeof kNoReply && std::memcmp(data, kNoReply, sizeof kNoReply) == 0;
 }

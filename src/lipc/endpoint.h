@@ -110,4 +110,3 @@ int LIPCSend(LIPCConnection& connection, const void* data, std::uint32_t length,
 int LIPCReadMessage(LIPCConnection& connection);
 // Whether the bytes are the payload that stands for no data.
 bool IsNoReply(const void* data, std::uint32_t length);
-DWORD WaitLimit(std::int32_t timeoutMs);

@@ -40,16 +40,11 @@ std::shared_ptr<PipeChannel> Find(int channel) {
     return Table().slots[static_cast<std::size_t>(channel)].channel;
 }
 
-DWORD WaitLimit(const PipeChannel& channel) {
-    const std::int32_t limit = channel.timeout;
-    return limit < 0 ? INFINITE : static_cast<DWORD>(limit);
-}
-
 // Waits for the event or the channel's failure: 0, -5, or the status of a failure; which that is, a
 // state may tell.
 int WaitFor(PipeChannel& channel, HANDLE event, const std::atomic<int>* state = nullptr) {
     const HANDLE handles[] = {event, channel.failedEvent.Get()};
-    switch (WaitForMultipleObjects(2, handles, FALSE, WaitLimit(channel))) {
+    switch (WaitForMultipleObjects(2, handles, FALSE, WaitLimit(channel.timeout))) {
         case WAIT_OBJECT_0:
             return LIPC_OK;
         case WAIT_TIMEOUT:

@@ -5,6 +5,13 @@
 
 #include <cstdint>
 
+#include "platform/sync.h"
+
+// Milliseconds as the layer takes them (below 0: no limit), as the platform's waits take them.
+inline DWORD WaitLimit(std::int32_t timeoutMs) {
+    return timeoutMs < 0 ? INFINITE : static_cast<DWORD>(timeoutMs);
+}
+
 inline constexpr int kPipeTableSize = 1024;
 
 // Flags of PipeOpen.

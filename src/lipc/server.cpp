@@ -1,6 +1,7 @@
 #include <chrono>
 
 #include "lipc/endpoint.h"
+#include "lipc/pipe.h"
 
 namespace {
 

@@ -25,9 +25,9 @@ SocketAddress NumericAddress(const char* text, std::uint16_t port) {
 }
 
 std::string AddressText(const SocketAddress& address) {
-    char text[INET_ADDRSTRLEN];
-    const char* made = inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-    return made == nullptr ? "" : made;
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    return text;
 }
 
 int StartThread(HANDLE* out, LPTHREAD_START_ROUTINE procedure, LPVOID argument) {

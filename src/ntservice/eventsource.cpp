@@ -1,12 +1,11 @@
 // The program as a source of the system's event log.
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "ntservice/messages.h"
 #include "ntservice/ntservice.h"
-#include "platform/registry.h"
 #include "platform/sync.h"
 
 namespace {
@@ -14,20 +13,15 @@ namespace {
 constexpr char kApplicationLog[] = "SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
 constexpr char kSources[] = "Sources";
 
-struct CloseKey {
-    void operator()(HKEY key) const { RegCloseKey(key); }
-};
-using Key = std::unique_ptr<RegistryKey, CloseKey>;
-
-Key OpenApplicationLog() {
+RegistryKeyHandle OpenApplicationLog() {
     HKEY key = nullptr;
     RegOpenKeyExA(HKEY_LOCAL_MACHINE, kApplicationLog, 0, KEY_ALL_ACCESS, &key);
-    return Key(key);
+    return RegistryKeyHandle(key);
 }
 
 // The list of sources as it is stored: texts, each with its zero byte, and one more at the end.
 // Empty if it can't be read.
-std::vector<char> ReadSources(const Key& log, DWORD& type) {
+std::vector<char> ReadSources(const RegistryKeyHandle& log, DWORD& type) {
     DWORD size = 0;
     if (log == nullptr ||
         RegQueryValueExA(log.get(), kSources, nullptr, &type, nullptr, &size) != 0 || size == 0)
@@ -40,7 +34,7 @@ std::vector<char> ReadSources(const Key& log, DWORD& type) {
     return list;
 }
 
-void WriteSources(const Key& log, DWORD type, const std::vector<char>& list) {
+void WriteSources(const RegistryKeyHandle& log, DWORD type, const std::vector<char>& list) {
     RegSetValueExA(log.get(), kSources, 0, type, reinterpret_cast<const BYTE*>(list.data()),
                    static_cast<DWORD>(list.size()));
 }
@@ -70,7 +64,7 @@ std::vector<char> Join(const std::vector<std::string>& names) {
 void CNTService::InstallEventSource(const char* messageFile, unsigned types) {
     HKEY made = nullptr;
     if (RegCreateKeyA(HKEY_LOCAL_MACHINE, (kApplicationLog + serviceName).c_str(), &made) == 0) {
-        const Key source(made);
+        const RegistryKeyHandle source(made);
         const DWORD number = types;
         RegSetValueExA(made, "EventMessageFile", 0, REG_EXPAND_SZ,
                        reinterpret_cast<const BYTE*>(messageFile),
@@ -79,7 +73,7 @@ void CNTService::InstallEventSource(const char* messageFile, unsigned types) {
                        sizeof number);
     }
     DWORD type = REG_MULTI_SZ;
-    const Key log = OpenApplicationLog();
+    const RegistryKeyHandle log = OpenApplicationLog();
     const std::vector<char> list = ReadSources(log, type);
     if (list.empty()) return;
     std::vector<std::string> names = Split(list);
@@ -91,7 +85,7 @@ void CNTService::InstallEventSource(const char* messageFile, unsigned types) {
 void CNTService::RemoveEventSource() {
     RegDeleteKeyA(HKEY_LOCAL_MACHINE, (kApplicationLog + serviceName).c_str());
     DWORD type = REG_MULTI_SZ;
-    const Key log = OpenApplicationLog();
+    const RegistryKeyHandle log = OpenApplicationLog();
     const std::vector<char> list = ReadSources(log, type);
     std::vector<std::string> names = Split(list);
     if (std::erase(names, serviceName) > 0) WriteSources(log, type, Join(names));

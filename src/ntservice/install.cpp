@@ -2,7 +2,6 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <new>
 #include <thread>
@@ -12,7 +11,6 @@
 #include "platform/errortext.h"
 #include "platform/file.h"
 #include "platform/library.h"
-#include "platform/registry.h"
 
 namespace {
 
@@ -56,12 +54,10 @@ bool StopAndWait(const ServiceHandle& service, const std::string& displayName, b
     return true;
 }
 
-LSTATUS WithRunServices(const std::function<void(HKEY)>& use) {
+RegistryKeyHandle OpenRunServices() {
     HKEY key = nullptr;
-    const LSTATUS result = RegCreateKeyA(HKEY_LOCAL_MACHINE, kRunServicesKey, &key);
-    if (result != 0) return result;
-    use(key);
-    return RegCloseKey(key);
+    RegCreateKeyA(HKEY_LOCAL_MACHINE, kRunServicesKey, &key);
+    return RegistryKeyHandle(key);
 }
 
 // The program's path, or nothing.
@@ -98,12 +94,11 @@ int CNTService::InstallService() {
     }
     if (hasServiceManager == 0) {
         const auto size = static_cast<DWORD>(std::char_traits<char>::length(path.data()) + 1);
-        return WithRunServices([&](HKEY key) {
-                   RegSetValueExA(key, serviceName.c_str(), 0, REG_EXPAND_SZ,
-                                  reinterpret_cast<const BYTE*>(path.data()), size);
-               }) == 0
-                   ? 1
-                   : 0;
+        const RegistryKeyHandle key = OpenRunServices();
+        if (key == nullptr) return 0;
+        RegSetValueExA(key.get(), serviceName.c_str(), 0, REG_EXPAND_SZ,
+                       reinterpret_cast<const BYTE*>(path.data()), size);
+        return 1;
     }
     const ServiceHandle manager = OpenManager();
     if (manager == nullptr) return 0;
@@ -165,10 +160,11 @@ void CNTService::SetFailureActions(SC_HANDLE service) {
 }
 
 int CNTService::RemoveService() {
-    if (hasServiceManager == 0)
-        return WithRunServices([this](HKEY key) { RegDeleteValueA(key, serviceName.c_str()); }) == 0
-                   ? 1
-                   : 0;
+    if (hasServiceManager == 0) {
+        const RegistryKeyHandle key = OpenRunServices();
+        if (key != nullptr) RegDeleteValueA(key.get(), serviceName.c_str());
+        return key != nullptr ? 1 : 0;
+    }
     bool deleted = false;
     {
         const ServiceHandle manager = OpenManager();

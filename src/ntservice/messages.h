@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "platform/registry.h"
 #include "platform/service.h"
 
 inline constexpr char kInstallFailed[] = "Unable to install %s - %s\n";
@@ -35,6 +36,11 @@ struct CloseService {
     void operator()(SC_HANDLE handle) const { CloseServiceHandle(handle); }
 };
 using ServiceHandle = std::unique_ptr<ServiceHandleRecord, CloseService>;
+
+struct CloseKey {
+    void operator()(HKEY key) const { RegCloseKey(key); }
+};
+using RegistryKeyHandle = std::unique_ptr<RegistryKey, CloseKey>;
 
 // Both print their failure line.
 ServiceHandle OpenManager();

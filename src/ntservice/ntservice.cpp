@@ -141,22 +141,22 @@ void CNTService::RunAsService(DWORD argc, char** argv) {
     statusHandle_ = RegisterServiceCtrlHandlerA(serviceName.c_str(), ControlHandler);
     if (statusHandle_ == nullptr) return;
     if (foreground_) return Run(static_cast<int>(argc), argv);
+    const bool told = Report([this](SERVICE_STATUS& status) {
+        status = {serviceType_, SERVICE_START_PENDING, 0, 0, 0, ++checkPoint_, kReportHint};
+    });
+    if (told) Run(static_cast<int>(argc), argv);
+    Report([this](SERVICE_STATUS& status) {
+        status = {serviceType_, SERVICE_STOPPED, acceptedControls, 0, 0, 0, kReportHint};
+    });
+}
+
+bool CNTService::Report(const std::function<void(SERVICE_STATUS& status)>& change) {
     SERVICE_STATUS status{};
     {
         const std::lock_guard lock(mutex_);
-        status_ = {serviceType_, SERVICE_START_PENDING, 0, 0, 0, ++checkPoint_, kReportHint};
+        change(status_);
         status = status_;
     }
-    if (Report(status)) Run(static_cast<int>(argc), argv);
-    {
-        const std::lock_guard lock(mutex_);
-        status_ = {serviceType_, SERVICE_STOPPED, acceptedControls, 0, 0, 0, kReportHint};
-        status = status_;
-    }
-    Report(status);
-}
-
-bool CNTService::Report(const SERVICE_STATUS& status) {
     if (SetServiceStatus(statusHandle_, &status) != FALSE) return true;
     LogEvent(kSetStatusFailed, EVENTLOG_ERROR_TYPE, kTypesOwnId);
     return false;
@@ -164,19 +164,16 @@ bool CNTService::Report(const SERVICE_STATUS& status) {
 
 int CNTService::ReportStatus(DWORD state, DWORD waitHint, DWORD specificCode) {
     if (foreground_) return 1;
-    SERVICE_STATUS status{};
-    {
-        const std::lock_guard lock(mutex_);
+    const bool told = Report([&](SERVICE_STATUS& status) {
         const bool settled = state == SERVICE_RUNNING || state == SERVICE_STOPPED;
-        status_.dwControlsAccepted = state == SERVICE_START_PENDING ? 0 : acceptedControls;
-        status_.dwCurrentState = state;
-        status_.dwWaitHint = waitHint;
-        status_.dwServiceSpecificExitCode = specificCode;
-        status_.dwWin32ExitCode = specificCode != 0 ? ERROR_SERVICE_SPECIFIC_ERROR : 0;
-        status_.dwCheckPoint = settled ? 0 : ++checkPoint_;
-        status = status_;
-    }
-    return Report(status) ? 1 : 0;
+        status.dwControlsAccepted = state == SERVICE_START_PENDING ? 0 : acceptedControls;
+        status.dwCurrentState = state;
+        status.dwWaitHint = waitHint;
+        status.dwServiceSpecificExitCode = specificCode;
+        status.dwWin32ExitCode = specificCode != 0 ? ERROR_SERVICE_SPECIFIC_ERROR : 0;
+        status.dwCheckPoint = settled ? 0 : ++checkPoint_;
+    });
+    return told ? 1 : 0;
 }
 
 void CNTService::SetState(DWORD state) {

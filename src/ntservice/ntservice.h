@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -81,7 +82,8 @@ class CNTService {
     void OpenConsole();
     void RunAsService(DWORD argc, char** argv);
     void SetState(DWORD state);
-    bool Report(const SERVICE_STATUS& status);
+    // Changes the status under its lock, and tells the service manager.
+    bool Report(const std::function<void(SERVICE_STATUS& status)>& change);
     void WriteEvent(const char* source, const char* text, int type, unsigned eventId);
     void SetFailureActions(SC_HANDLE service);
     DWORD CurrentState();

@@ -17,8 +17,6 @@ class Unique {
         Reset(other.Release());
         return *this;
     }
-    Unique(const Unique&) = delete;
-    Unique& operator=(const Unique&) = delete;
     ~Unique() { Reset(); }
 
     Type Get() const { return value_; }

@@ -16,6 +16,7 @@
 #include "daemons/frame/daemon.h"
 #include "logclient/levels.h"
 #include "platform/clock.h"
+#include "platform/descriptor.h"
 #include "platform/home.h"
 #include "tagmsg/tagmsg.h"
 #include "tagmsg/tags.h"
@@ -134,9 +135,6 @@ class LogDaemon final : public Daemon {
   public:
     LogDaemon()
         : Daemon("VTLOGD", "Vantrel Logger", "Keeps the log of the Vantrel programs", "vtlogd") {}
-    ~LogDaemon() override {
-        if (file_ >= 0) close(file_);
-    }
 
   protected:
     trelis::Registration Keys() const override {
@@ -170,9 +168,10 @@ class LogDaemon final : public Daemon {
 
   private:
     bool Reopen() {
-        if (file_ >= 0) close(file_);
-        file_ = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        return file_ >= 0;
+        file_.Reset();
+        file_.Reset(
+            open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        return static_cast<bool>(file_);
     }
     // The log looks after its own size: vtlogd.log, then .1 the newest of the older ones, to .4.
     void Rotate() {
@@ -189,10 +188,10 @@ class LogDaemon final : public Daemon {
         // Moved away or removed: a new one is begun.
         struct stat there {};
         struct stat mine {};
-        if (stat(path_.c_str(), &there) != 0 || fstat(file_, &mine) != 0 ||
+        if (stat(path_.c_str(), &there) != 0 || fstat(file_.Get(), &mine) != 0 ||
             there.st_ino != mine.st_ino)
             Reopen();
-        if (write(file_, line.data(), line.size()) < 0)
+        if (write(file_.Get(), line.data(), line.size()) < 0)
             std::fprintf(stderr, "VTLOGD: %s", line.c_str());
         if (mine.st_size + static_cast<off_t>(line.size()) >= maxSize_) Rotate();
         if (toSyslog_ && priority != kFileOnly) syslog(priority, "%s", text.c_str());
@@ -200,7 +199,7 @@ class LogDaemon final : public Daemon {
 
     std::mutex mutex_;
     std::string path_;
-    int file_ = -1;  // guarded by mutex_
+    platform::UniqueDescriptor file_;  // guarded by mutex_
     off_t maxSize_ = 0;
     bool toSyslog_ = false;
 };

@@ -15,12 +15,8 @@
 
 using platform::UniqueDescriptor;
 
-namespace {
-
 // What a program prints is kept for a look at what went wrong, not as a log.
 constexpr off_t kMostOutput = 1 << 20;
-
-}  // namespace
 
 bool Supervision::Launch(Output output) {
     int ends[2];

@@ -13,7 +13,7 @@
 
 #include "platform/eventlog.h"
 #include "platform/linux/local_address.h"
-#include "platform/linux/wait/poll.h"
+#include "platform/linux/wait/object.h"
 
 namespace {
 

@@ -22,23 +22,20 @@ class Supervision {
 
   private:
     using Clock = std::chrono::steady_clock;
-    // The program: launch.cpp.
 
-    // The output of the start before stays when the program is started again after it died: it may
-    // say why.
+    // launch.cpp: the program. The output of the start before stays when the program is started
+    // again after it died: it may say why.
     enum class Output { kNew, kGoOn };
     bool Launch(Output output);
     void CutOutput();
 
-    // Those who ask: clients.cpp.
-
+    // clients.cpp: those who ask.
     void OnClient(platform::UniqueDescriptor& client);
     DWORD Control(const platform::UniqueDescriptor& client, DWORD control);
     void Answer(int client, DWORD error);
     void AnswerWaiting(DWORD error);
 
-    // What becomes of the service: supervision.cpp.
-
+    // supervision.cpp: what becomes of the service.
     bool Prepare();
     void ReportFirstStart(DWORD error);
     void SetState(DWORD state, DWORD exitCode);

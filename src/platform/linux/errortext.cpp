@@ -22,7 +22,6 @@ constexpr ErrorText kTexts[] = {
     {ERROR_INVALID_HANDLE, "The handle is invalid."},
     {ERROR_NOT_ENOUGH_MEMORY, "Not enough memory resources are available to process this command."},
     {ERROR_GEN_FAILURE, "A device attached to the system is not functioning."},
-    {ERROR_NOT_SUPPORTED, "The request is not supported."},
     {ERROR_INVALID_PARAMETER, "The parameter is incorrect."},
     {ERROR_BROKEN_PIPE, "The pipe has been ended."},
     {ERROR_INSUFFICIENT_BUFFER, "The data area passed to a system call is too small."},

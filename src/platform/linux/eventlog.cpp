@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <new>
 #include <string>
 
 #include "platform/account.h"
@@ -32,26 +31,15 @@ class EventSource final : public platform::Object {
     const std::string name_;
 };
 
-const char* TypeName(WORD type) {
-    switch (type) {
-        case EVENTLOG_ERROR_TYPE:
-            return "error";
-        case EVENTLOG_WARNING_TYPE:
-            return "warning";
-        default:
-            return "information";
-    }
-}
+struct Kind {
+    const char* name;
+    int priority;  // syslog's
+};
 
-int Priority(WORD type) {
-    switch (type) {
-        case EVENTLOG_ERROR_TYPE:
-            return LOG_ERR;
-        case EVENTLOG_WARNING_TYPE:
-            return LOG_WARNING;
-        default:
-            return LOG_INFO;
-    }
+Kind KindOf(WORD type) {
+    if (type == EVENTLOG_ERROR_TYPE) return {"error", LOG_ERR};
+    if (type == EVENTLOG_WARNING_TYPE) return {"warning", LOG_WARNING};
+    return {"information", LOG_INFO};
 }
 
 // A record stays one line whatever its texts hold.
@@ -73,17 +61,15 @@ bool AppendToLog(const std::string& line) {
 }  // namespace
 
 HANDLE RegisterEventSourceA(LPCSTR, LPCSTR source) {
-    auto* made = source == nullptr || platform::Home().empty() ? nullptr
-                                                               : new (std::nothrow)
-                                                                     EventSource(source);
-    if (made == nullptr) SetLastError(ERROR_ACCESS_DENIED);
-    return made == nullptr ? nullptr : platform::ToHandle(made);
+    if (source == nullptr || platform::Home().empty()) return platform::Fail(ERROR_ACCESS_DENIED);
+    return platform::ToHandle(platform::NewObject<EventSource>(source));
 }
 
 BOOL ReportEventA(HANDLE source, WORD type, WORD, DWORD eventId, PSID user, WORD count, DWORD,
                   LPCSTR* texts, LPVOID) {
     const auto* from = platform::ObjectOf<EventSource>(source);
     if (from == nullptr) return FALSE;
+    const Kind kind = KindOf(type);
     char id[16];
     std::snprintf(id, sizeof id, "0x%08X", eventId);
     std::string text;
@@ -91,10 +77,10 @@ BOOL ReportEventA(HANDLE source, WORD type, WORD, DWORD eventId, PSID user, WORD
         if (i > 0) text += ' ';
         AppendPrintable(text, texts[i]);
     }
-    std::string line = platform::UtcTimeText() + ' ' + from->Name() + ' ' + TypeName(type) + ' ' +
-                       id + ' ' + platform::SidText(user) + ' ' + text + '\n';
+    std::string line = platform::UtcTimeText() + ' ' + from->Name() + ' ' + kind.name + ' ' + id +
+                       ' ' + platform::SidText(user) + ' ' + text + '\n';
     if (access("/dev/log", W_OK) == 0)
-        syslog(LOG_DAEMON | Priority(type), "%s: %s", from->Name().c_str(), text.c_str());
+        syslog(LOG_DAEMON | kind.priority, "%s: %s", from->Name().c_str(), text.c_str());
     if (AppendToLog(line)) return TRUE;
     return platform::Fail(ERROR_ACCESS_DENIED);
 }

@@ -10,7 +10,7 @@
 #include <chrono>
 #include <span>
 
-#include "platform/linux/wait/poll.h"
+#include "platform/linux/wait/object.h"
 #include "platform/window.h"
 
 namespace {

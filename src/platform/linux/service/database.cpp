@@ -22,10 +22,8 @@ using platform::ServiceRecord;
 namespace {
 
 SC_HANDLE NewHandle(const char* service) {
-    auto* handle = new (std::nothrow) ServiceHandleRecord;
-    if (handle == nullptr) return platform::Fail(ERROR_NOT_ENOUGH_MEMORY);
-    handle->service = service;
-    return handle;
+    auto* handle = new (std::nothrow) ServiceHandleRecord{service};
+    return handle != nullptr ? handle : platform::Fail(ERROR_NOT_ENOUGH_MEMORY);
 }
 
 bool IsManager(SC_HANDLE handle) {

@@ -6,18 +6,10 @@
 #include <cerrno>
 #include <vector>
 
-#include "platform/linux/wait/poll.h"
+#include "platform/linux/wait/object.h"
 
 namespace platform {
-namespace {
-
 using Clock = std::chrono::steady_clock;
-
-pollfd EntryOf(int descriptor, Want want) {
-    return {descriptor, static_cast<short>(want == Want::kRead ? POLLIN : POLLOUT), 0};
-}
-
-}  // namespace
 
 void DescriptorKind::Close(int descriptor) {
     const int error = errno;
@@ -39,15 +31,16 @@ int PollUntil(std::span<pollfd> entries, std::optional<Clock::time_point> end) {
 }
 
 int WaitForDescriptor(int descriptor, Want want, Clock::time_point end) {
-    if (Clock::now() >= end) return 0;
-    pollfd entry = EntryOf(descriptor, want);
-    return PollUntil({&entry, 1}, end);
+    DescriptorWatch watch{descriptor, want};
+    return Clock::now() >= end ? 0 : WaitForDescriptors({&watch, 1}, end);
 }
 
 int WaitForDescriptors(std::span<DescriptorWatch> watches, Clock::time_point end) {
     std::vector<pollfd> entries;
-    for (const DescriptorWatch& each : watches)
-        entries.push_back(EntryOf(each.descriptor, each.want));
+    for (const DescriptorWatch& each : watches) {
+        const int events = each.want == Want::kRead ? POLLIN : POLLOUT;
+        entries.push_back({each.descriptor, static_cast<short>(events), 0});
+    }
     const int result = PollUntil(entries, end);
     for (std::size_t i = 0; i < entries.size(); ++i)
         watches[i].ready = result > 0 && entries[i].revents != 0;

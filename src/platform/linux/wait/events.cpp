@@ -47,10 +47,8 @@ HANDLE CreateEventA(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, 
         manualReset != FALSE ? Waitable::Kind::kManualEvent : Waitable::Kind::kAutoEvent;
     const LONG initial = initialState != FALSE ? 1 : 0;
     if (name == nullptr) return ToHandle(NewObject<Waitable>(kind, initial, 1));
-    if (HANDLE existing = OpenEventA(EVENT_ALL_ACCESS, FALSE, name)) {
-        SetLastError(ERROR_ALREADY_EXISTS);
-        return existing;
-    }
+    if (HANDLE existing = OpenEventA(EVENT_ALL_ACCESS, FALSE, name))
+        return platform::FailWith(existing, ERROR_ALREADY_EXISTS);
     const std::lock_guard lock(Names().mutex);
     auto* event = NewObject<NamedEvent>(kind, initial, name);
     if (event == nullptr) return nullptr;

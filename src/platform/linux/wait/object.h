@@ -1,13 +1,14 @@
-// Inside platform/ only: the objects behind handles, and the one wait that all waiting operations
-// use.
+// Inside platform/: the objects behind handles, and the waits for them and for descriptors.
 #pragma once
 
 #include <poll.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <span>
 #include <utility>
 
@@ -100,6 +101,10 @@ class Waitable : public Object {
     int descriptor_ = -1;  // guarded by mutex_; -1 while there are no waiters
     bool raised_ = false;  // guarded by mutex_: the descriptor is readable
 };
+
+// As poll, until the end (nothing: for ever). A signal restarts it with the time that is left; an
+// end in the past is one look. What all waits come to.
+int PollUntil(std::span<pollfd> entries, std::optional<std::chrono::steady_clock::time_point> end);
 
 // Waits until one of the objects is signalled (its index is given and it is consumed), one of the
 // extra descriptors shows an event (objects.size() is given, revents are filled in), or the time is

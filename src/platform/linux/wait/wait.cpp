@@ -1,11 +1,8 @@
 // The wait for objects and other descriptors together.
 #include <algorithm>
 #include <array>
-#include <chrono>
-#include <optional>
 
 #include "platform/linux/wait/object.h"
-#include "platform/linux/wait/poll.h"
 #include "platform/sync.h"
 
 namespace platform {

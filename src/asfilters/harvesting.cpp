@@ -6,7 +6,7 @@
 
 #include "asfilters/text.h"
 #include "text/ascii.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

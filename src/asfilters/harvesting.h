@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "trelis/followed.h"
-#include "trelis/key_rows.h"
+#include "trelis/keys/followed.h"
+#include "trelis/keys/rows.h"
 
 class CDirectoryHarvesting {
   public:

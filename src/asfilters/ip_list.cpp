@@ -4,7 +4,7 @@
 #include <string>
 
 #include "platform/socket.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <memory>
 #include <vector>
 
-#include "trelis/followed.h"
-#include "trelis/key_rows.h"
+#include "trelis/keys/followed.h"
+#include "trelis/keys/rows.h"
 
 struct IPEntry {
     std::uint32_t IP = 0;    // network byte order

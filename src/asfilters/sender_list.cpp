@@ -5,7 +5,7 @@
 
 #include "asfilters/text.h"
 #include "asfilters/wildcard.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

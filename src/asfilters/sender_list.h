@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "asfilters/users.h"
-#include "trelis/followed.h"
-#include "trelis/key_rows.h"
+#include "trelis/keys/followed.h"
+#include "trelis/keys/rows.h"
 
 class CSenderBlackList {
   public:

@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "host/smtp.h"
-#include "platform/resource.h"
+#include "platform/library.h"
 #include "session/session.h"
 
 LRESULT SocketWindowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {

@@ -2,7 +2,7 @@
 
 #include "host/smtp.h"
 #include "platform/library.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <string>
 
 #include "host/smtp.h"
-#include "platform/resource.h"
-#include "trelis/registration.h"
-#include "trelis/settings.h"
+#include "platform/library.h"
+#include "trelis/keys/registration.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

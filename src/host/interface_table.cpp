@@ -2,7 +2,7 @@
 
 #include "host/smtp.h"
 #include "session/session.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "host/scan_limit.h"
 
-#include "trelis/settings.h"
-#include "trelis/size.h"
+#include "trelis/keys/settings.h"
+#include "trelis/keys/size.h"
 
 namespace {
 

@@ -8,13 +8,13 @@
 #include "libstats/libstats.h"
 #include "logclient/logclient.h"
 #include "platform/home.h"
+#include "platform/library.h"
 #include "platform/memory.h"
-#include "platform/resource.h"
 #include "platform/socket.h"
 #include "scanclient/scanclient.h"
 #include "session/registry.h"
 #include "session/session.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

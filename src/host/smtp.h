@@ -16,8 +16,8 @@
 #include "platform/sync.h"
 #include "platform/window.h"
 #include "session/interface.h"
-#include "trelis/followed.h"
-#include "trelis/key_rows.h"
+#include "trelis/keys/followed.h"
+#include "trelis/keys/rows.h"
 
 inline constexpr int kInterfaceCount = 16;
 // Posted to SocketWindow when a connection waits on a listener; wParam the socket, lParam's low 16

@@ -5,7 +5,7 @@
 #include "libstats/core.h"
 #include "net/socket.h"
 #include "text/base64.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

@@ -20,8 +20,8 @@
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 #include "text/ascii.h"
-#include "trelis/followed.h"
-#include "trelis/settings.h"
+#include "trelis/keys/followed.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

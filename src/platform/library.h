@@ -1,4 +1,5 @@
-// Shared libraries that are found at run time.
+// What a program loads at run time: shared libraries, and its resource strings, the fixed texts by
+// number, one table in the source.
 #pragma once
 
 #include "platform/types.h"
@@ -11,4 +12,7 @@ using HMODULE = void*;
 HMODULE LoadLibraryA(LPCSTR path);
 void* GetProcAddress(HMODULE library, LPCSTR name);
 BOOL FreeLibrary(HMODULE library);
+// Copies the text of that number, cut to size, zero-terminated. Its length in the buffer; 0 if
+// there is none (the buffer then holds an empty text).
+int LoadStringA(void* instance, UINT number, LPSTR buffer, int size);
 #endif

@@ -5,8 +5,8 @@
 #include <new>
 
 #include "trelis/admin.h"
+#include "trelis/keys/settings.h"
 #include "trelis/remote.h"
-#include "trelis/settings.h"
 #include "trelis/store.h"
 #include "trelis/watches.h"
 

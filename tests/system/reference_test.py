@@ -66,7 +66,7 @@ class Reference(unittest.TestCase):
         code = ""
         for folder, _, files in os.walk(ROOT + "/src"):
             for name in files:
-                if name.endswith((".cpp", ".h")) and name != "key_rows.h":
+                if name.endswith((".cpp", ".h")) and name != "rows.h":
                     with open(os.path.join(folder, name), encoding="utf-8") as file:
                         code += file.read()
         rows = re.findall(r"^\| `(\S+)` \| .* \| (.*) \| .* \|$", self.keys("--reference"), re.M)

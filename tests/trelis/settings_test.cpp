@@ -1,8 +1,8 @@
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 #include <gtest/gtest.h>
 
-#include "trelis/followed.h"
+#include "trelis/keys/followed.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "trelis/size.h"
+#include "trelis/keys/size.h"
 
 #include <gtest/gtest.h>
 

@@ -17,7 +17,7 @@
 #include "ntservice/ntservice.h"
 #include "platform/file.h"
 #include "platform/sync.h"
-#include "trelis/registration.h"
+#include "trelis/keys/registration.h"
 
 class Daemon : public CNTService {
   public:

@@ -21,7 +21,7 @@
 #include "tagmsg/tagmsg.h"
 #include "tagmsg/tags.h"
 #include "text/printable.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

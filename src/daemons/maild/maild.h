@@ -24,8 +24,8 @@
 #include "daemons/maild/settings.h"
 #include "daemons/maild/verdictstats.h"
 #include "tagmsg/tagmsg.h"
-#include "trelis/followed.h"
-#include "trelis/settings.h"
+#include "trelis/keys/followed.h"
+#include "trelis/keys/settings.h"
 
 class MailDaemon final : public Daemon {
   public:

@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include "platform/home.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

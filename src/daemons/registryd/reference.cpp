@@ -1,6 +1,6 @@
 #include "daemons/registryd/reference.h"
 
-#include "trelis/key_rows.h"
+#include "trelis/keys/rows.h"
 
 namespace {
 

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "platform/socket.h"
+#include "trelis/keys/settings.h"
 #include "trelis/remote.h"
-#include "trelis/settings.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include <thread>
 
 #include "platform/descriptor.h"
-#include "trelis/followed.h"
+#include "trelis/keys/followed.h"
 
 class StoreServer {
   public:

@@ -19,7 +19,7 @@
 #include "platform/home.h"
 #include "platform/sync.h"
 #include "trelis/admin.h"
-#include "trelis/registration.h"
+#include "trelis/keys/registration.h"
 #include "trelis/trelis.h"
 
 namespace {

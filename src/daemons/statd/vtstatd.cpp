@@ -21,8 +21,8 @@
 #include "logclient/logclient.h"
 #include "platform/home.h"
 #include "platform/local_socket.h"
-#include "trelis/followed.h"
-#include "trelis/settings.h"
+#include "trelis/keys/followed.h"
+#include "trelis/keys/settings.h"
 
 namespace {
 

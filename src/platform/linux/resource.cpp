@@ -1,4 +1,4 @@
-#include "platform/resource.h"
+#include "platform/library.h"
 
 #include <algorithm>
 #include <cstring>

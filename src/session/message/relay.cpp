@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "logclient/logclient.h"
-#include "platform/resource.h"
+#include "platform/library.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "platform/file.h"
 #include "text/ascii.h"
 #include "text/base64.h"
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 namespace stats {
 namespace {

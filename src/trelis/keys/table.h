@@ -1,7 +1,7 @@
-// The table of keys: every configuration key that a program reads or writes is one row of
-// key_rows.h. The readers (settings.h), `register` (registration.h), `vtregistry keys`, the
-// reference page, the manual page and the completion come from it, and code that names a key which
-// isn't there doesn't compile.
+// keys/: the table of keys, and what reads and writes by it. Every configuration key that a program
+// reads or writes is one row of rows.h. The readers (settings.h), `register` (registration.h),
+// `vtregistry keys`, the reference page, the manual page and the completion come from it, and code
+// that names a key which isn't there doesn't compile.
 #pragma once
 
 #include <limits>

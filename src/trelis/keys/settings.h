@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "trelis/key_rows.h"
+#include "trelis/keys/rows.h"
 #include "trelis/trelis.h"
 
 namespace trelis {

@@ -1,7 +1,7 @@
-#include "trelis/registration.h"
+#include "trelis/keys/registration.h"
 
 #include "platform/file.h"
-#include "trelis/key_rows.h"
+#include "trelis/keys/rows.h"
 #include "trelis/trelis.h"
 
 namespace trelis {

@@ -1,4 +1,4 @@
-#include "trelis/settings.h"
+#include "trelis/keys/settings.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -9,7 +9,7 @@
 
 #include "text/ascii.h"
 #include "text/printable.h"
-#include "trelis/size.h"
+#include "trelis/keys/size.h"
 #include "trelis/store.h"
 
 namespace trelis {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "trelis/key_table.h"
+#include "trelis/keys/table.h"
 
 namespace trelis {
 

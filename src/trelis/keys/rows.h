@@ -1,7 +1,7 @@
 // The rows of the table of keys, in the order in which the reference shows them.
 #pragma once
 
-#include "trelis/key_table.h"
+#include "trelis/keys/table.h"
 
 namespace trelis {
 

@@ -49,7 +49,8 @@ void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
         drop();
         return;
     }
-    session->ApplyInterface(*entry, *scanLimit_.Current());
+    const std::shared_ptr<const long long> limit = scanLimit_.Current();  // null: not read yet
+    session->ApplyInterface(*entry, limit != nullptr ? *limit : 0);
     session->SetConnectionCounter(&ActiveConnectionCounts[position]);
     if (session->Start() == 0) {
         [[maybe_unused]] CSMTPProxy* const handedOver =

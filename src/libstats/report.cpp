@@ -1,6 +1,5 @@
 // Reports: one exchange with a statistics server, its body as a file or as tables.
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>

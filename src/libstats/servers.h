@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 // The port of a server whose store names none.
 inline constexpr int kStatsPort = 8484;

@@ -1,7 +1,6 @@
 #include "libstats/tables.h"
 
 #include <cstdlib>
-#include <cstring>
 
 namespace {
 

@@ -1,16 +1,13 @@
 #include "logclient/logclient.h"
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <string_view>
 
 #include "lipc/deliver.h"
 #include "lipc/lipc.h"

@@ -1,6 +1,5 @@
 #include "net/socket.h"
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 

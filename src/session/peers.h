@@ -1,7 +1,6 @@
 // Both connections of a session, and what every phase of it asks of them together.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 

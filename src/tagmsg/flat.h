@@ -10,7 +10,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 
 inline constexpr std::uint32_t kFlatWord = 4;
 inline constexpr std::uint32_t kFlatNodeHeader = 12;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>

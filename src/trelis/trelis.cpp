@@ -1,8 +1,6 @@
 #include "trelis/trelis.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "trelis/admin.h"
 #include "trelis/keys/settings.h"

@@ -5,13 +5,9 @@
 // threads.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <mutex>
-#include <vector>
 
 #include "lipc/lipc.h"
 #include "ntservice/ntservice.h"

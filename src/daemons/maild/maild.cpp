@@ -150,6 +150,7 @@ bool MailDaemon::Start(int argc, char** argv) {
     threads_ = LoadThreads();
     LogClientInit("Vantrel Mail Scanner", kLocalStore);
     settings_.Load();  // a signal to stop may come from now on, on a thread of its own
+    if (settings_.Current() == nullptr) return false;
     // For the proxy, which refuses at once what would be put off for ever.
     TrelisSetValue(kLocalStore, kUnaskedLimit.Path().c_str(),
                    std::to_string(null_ ? 0 : kUsualMaxFileSize).c_str());

@@ -1,10 +1,8 @@
 // The statistics daemon: takes records from the pipe VTSTATD into stats.db, and shows them over
 // HTTP. `vtstatd passwd` keeps its accounts.
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>

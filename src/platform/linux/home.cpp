@@ -1,6 +1,5 @@
 #include "platform/home.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
 #include <pwd.h>

@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <string>
-
 #include "platform/home.h"
 #include "platform/linux/local_address.h"
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "platform/file.h"
 #include "session/envelope.h"

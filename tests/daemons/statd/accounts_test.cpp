@@ -35,7 +35,7 @@ class AccountsTest : public testing::Test {
   protected:
     AccountsTest() { EXPECT_EQ(TrelisInit2(), 0); }
     ~AccountsTest() override {
-        TrelisDelKey(kLocalStore, kAccountsKey);
+        TrelisDelKey(kLocalStore, "/VTWIN/Daemons/StatsDaemon/Accounts");
         TrelisUninit();
     }
     Verdict Check(const std::string& pair) { return accounts_.Check(Basic(pair), 1); }

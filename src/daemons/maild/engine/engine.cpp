@@ -1,6 +1,5 @@
 #include "daemons/maild/engine/engine.h"
 
-#include <algorithm>
 #include <limits>
 
 #include "daemons/maild/engine/probes.h"

@@ -5,7 +5,6 @@
 
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "daemons/maild/engine/zipfile.h"
 #include "text/base64.h"

@@ -22,7 +22,6 @@
 // making them: nearly every message has one form, one with stuffed dots has two.
 #pragma once
 
-#include <cstdint>
 #include <vector>
 
 #include "platform/file.h"

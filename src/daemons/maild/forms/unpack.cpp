@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <array>
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>

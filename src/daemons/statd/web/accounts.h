@@ -12,8 +12,7 @@
 
 namespace stats {
 
-// An account is the key kAccountsKey/NAME with the hash as crypt(3) writes it.
-inline constexpr char kAccountsKey[] = "/VTWIN/Daemons/StatsDaemon/Accounts";
+// An account is the key Accounts/NAME of the daemon with the hash as crypt(3) writes it.
 // The name that goes with the owner's token; no account may have it.
 inline constexpr char kOwnerName[] = "local";
 inline constexpr std::size_t kPasswordLimit = 256;

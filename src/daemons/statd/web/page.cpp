@@ -1,8 +1,5 @@
 #include "daemons/statd/web/page.h"
 
-#include <algorithm>
-#include <iterator>
-
 #include "daemons/statd/store/text.h"
 #include "daemons/statd/web/html.h"
 #include "daemons/statd/web/plot.h"

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
-#include <new>
 #include <utility>
 
 #include "platform/home.h"

@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <string_view>
-#include <utility>
 
 #include "platform/file.h"
 #include "platform/home.h"

@@ -1,5 +1,5 @@
 // The store of another host: one value, read over TCP. This header has the format that both sides
-// share (the serving side is daemons/storeserver.h) and the reading side.
+// share (the serving side is daemons/registryd/store_server.h) and the reading side.
 //
 // A connection carries one read, and the server closes it. All is text, a line ends with LF:
 //

@@ -1,29 +1,14 @@
 #include "daemons/maild/log.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <string_view>
 
 #include "text/printable.h"
 
-namespace {
-
-// The foreground's terminal: signature names and paths are somebody else's text.
-void Print(std::string_view text) {
-    std::string out;
-    while (!text.empty()) {
-        const std::size_t length = PrintableLength(text);
-        out += length == 0 ? "?" : text.substr(0, length);
-        text.remove_prefix(std::max<std::size_t>(length, 1));
-    }
-    std::fprintf(stderr, "VTMAILD: %s\n", out.c_str());
-}
-
-}  // namespace
-
 void Log(LogLine line) {
     const char* text = line.text.c_str();
-    if (line.kind != kEventVirus) Print(line.text);
+    // The foreground's terminal: signature names and paths are somebody else's text.
+    if (line.kind != kEventVirus)
+        std::fprintf(stderr, "VTMAILD: %s\n", CleanText(line.text).c_str());
     switch (line.kind) {
         case kEventVirus:
             LogClientPost(kEventVirus, text, line.sender.data(), line.recipients.data(),

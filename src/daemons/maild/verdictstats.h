@@ -6,7 +6,7 @@
 #include <string>
 
 struct VerdictRecord {
-    std::int32_t event = 0;  // of statcodes.h
+    std::int32_t event = 0;  // of libstats/codes.h
     std::string peer;        // dotted
     std::string sender;
     std::string recipients;  // joined by ';'

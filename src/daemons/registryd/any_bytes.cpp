@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include "text/ascii.h"
+
 namespace {
 
 constexpr char kHex[] = "hex";
@@ -31,10 +33,10 @@ std::optional<std::string> FromHex(std::string_view hex) {
     if (hex.size() % 2 != 0) return std::nullopt;
     std::string bytes;
     for (std::size_t at = 0; at < hex.size(); at += 2) {
-        const std::size_t high = kDigits.find(hex[at]);
-        const std::size_t low = kDigits.find(hex[at + 1]);
-        if (high == std::string_view::npos || low == std::string_view::npos) return std::nullopt;
-        bytes += static_cast<char>(high << 4U | low);
+        const int high = HexDigit(hex[at]);
+        const int low = HexDigit(hex[at + 1]);
+        if (high < 0 || low < 0) return std::nullopt;
+        bytes += static_cast<char>(high << 4 | low);
     }
     return bytes;
 }

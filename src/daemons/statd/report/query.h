@@ -16,7 +16,7 @@
 
 namespace stats {
 
-// Events and bytes by group (statcodes.h).
+// Events and bytes by group (libstats/codes.h).
 struct Counts {
     std::array<std::int64_t, kStatGroups> events{};
     std::array<std::int64_t, kStatGroups> bytes{};

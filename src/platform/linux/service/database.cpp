@@ -148,7 +148,8 @@ BOOL ChangeServiceConfig2A(SC_HANDLE service, DWORD level, LPVOID info) {
             record->restart = actions.lpsaActions[i].Type == SC_ACTION_RESTART;
             record->restartDelay = actions.lpsaActions[i].Delay;
         }
-    } else
+    } else {
         return platform::Fail(ERROR_INVALID_PARAMETER);
+    }
     return platform::WriteServiceRecord(*record, false) ? TRUE : FALSE;
 }

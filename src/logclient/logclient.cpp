@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "lipc/deliver.h"
@@ -87,7 +88,7 @@ struct Kind {
     std::uint32_t bit;
     int arguments;           // the last one that the kind reads
     std::uint32_t required;  // bit n: argument n
-    std::array<Field, 12> fields;
+    std::span<const Field> fields;
 };
 
 constexpr std::uint32_t Bits(std::initializer_list<int> numbers) {
@@ -96,61 +97,37 @@ constexpr std::uint32_t Bits(std::initializer_list<int> numbers) {
     return bits;
 }
 
-constexpr int kNone = 0;
 constexpr int kNumberArgument = 12;  // the only one that is a number
 
+constexpr Field kVirusFields[] = {{TagDetails, 2},     {TagFrom, 3},
+                                  {TagRecipients, 4},  {TagPath, 5},
+                                  {TagEventTextC, 6},  {TagHost, 7},
+                                  {TagEventTextA, 8},  {TagStatusText, 9},
+                                  {TagHostDetail, 10}, {TagNumberText, kNumberArgument},
+                                  {TagLabel, 11}};
+constexpr Field kTroubleFields[] = {{TagFrom, 2}, {TagRecipients, 3}, {TagPath, 4},
+                                    {TagHost, 5}, {TagHostDetail, 6}, {TagMessage, 7}};
+constexpr Field kUnclassedFields[] = {{TagEventTextB, 2}, {TagHost, 3}, {TagMessage, 4}};
+constexpr Field kInfoFields[] = {{TagMessage, 3}, {TagInfoText, 2}};
+constexpr Field kFileFields[] = {{TagPath, 2}, {TagMessage, 3}};
+constexpr Field kRuleFields[] = {{TagMessage, 2},   {TagSender, 3},     {TagRecipients, 4},
+                                 {TagHost, 5},      {TagEventTextA, 6}, {TagLabel, 7},
+                                 {TagEventTextC, 8}};
+constexpr Field kTextField[] = {{TagMessage, 2}};
+
 constexpr Kind kKinds[] = {
-    {kEventVirus,
-     12,
-     Bits({2, 5, 6, 8, 9}),
-     {{{TagDetails, 2},
-       {TagFrom, 3},
-       {TagRecipients, 4},
-       {TagPath, 5},
-       {TagEventTextC, 6},
-       {TagHost, 7},
-       {TagEventTextA, 8},
-       {TagStatusText, 9},
-       {TagHostDetail, 10},
-       {TagNumberText, kNumberArgument},
-       {TagLabel, 11},
-       {0, kNone}}}},
-    {kEventWarning,
-     7,
-     Bits({7}),
-     {{{TagFrom, 2},
-       {TagRecipients, 3},
-       {TagPath, 4},
-       {TagHost, 5},
-       {TagHostDetail, 6},
-       {TagMessage, 7}}}},
-    {kEventError,
-     7,
-     Bits({4, 7}),
-     {{{TagFrom, 2},
-       {TagRecipients, 3},
-       {TagPath, 4},
-       {TagHost, 5},
-       {TagHostDetail, 6},
-       {TagMessage, 7}}}},
-    {kEventUnclassed, 4, Bits({2, 3, 4}), {{{TagEventTextB, 2}, {TagHost, 3}, {TagMessage, 4}}}},
-    {kEventInfo, 3, Bits({3}), {{{TagMessage, 3}, {TagInfoText, 2}}}},
-    {kEventOnDemand, 3, Bits({3}), {{{TagMessage, 3}, {TagInfoText, 2}}}},
-    {kEventFileNotScanned, 3, Bits({2, 3}), {{{TagPath, 2}, {TagMessage, 3}}}},
-    {kEventRuleMatched,
-     8,
-     Bits({2, 3, 4, 5, 6, 7, 8}),
-     {{{TagMessage, 2},
-       {TagSender, 3},
-       {TagRecipients, 4},
-       {TagHost, 5},
-       {TagEventTextA, 6},
-       {TagLabel, 7},
-       {TagEventTextC, 8}}}},
-    {kEventUpdateInfo, 2, Bits({2}), {{{TagMessage, 2}}}},
-    {kEventUpdateError, 2, Bits({2}), {{{TagMessage, 2}}}},
-    {kEventProductUpdate, 2, Bits({2}), {{{TagMessage, 2}}}},
-    {kEventReportGenerated, 2, Bits({2}), {{{TagMessage, 2}}}},
+    {kEventVirus, 12, Bits({2, 5, 6, 8, 9}), kVirusFields},
+    {kEventWarning, 7, Bits({7}), kTroubleFields},
+    {kEventError, 7, Bits({4, 7}), kTroubleFields},
+    {kEventUnclassed, 4, Bits({2, 3, 4}), kUnclassedFields},
+    {kEventInfo, 3, Bits({3}), kInfoFields},
+    {kEventOnDemand, 3, Bits({3}), kInfoFields},
+    {kEventFileNotScanned, 3, Bits({2, 3}), kFileFields},
+    {kEventRuleMatched, 8, Bits({2, 3, 4, 5, 6, 7, 8}), kRuleFields},
+    {kEventUpdateInfo, 2, Bits({2}), kTextField},
+    {kEventUpdateError, 2, Bits({2}), kTextField},
+    {kEventProductUpdate, 2, Bits({2}), kTextField},
+    {kEventReportGenerated, 2, Bits({2}), kTextField},
 };
 
 // Cuts the text at the mark, in the caller's buffer. Whether it was there.
@@ -176,7 +153,6 @@ int AddFields(TagMsgNode* root, const Kind& kind,
     char numberText[20];
     std::snprintf(numberText, sizeof numberText, "%d", number);
     for (const Field& field : kind.fields) {
-        if (field.argument == kNone) break;
         const char* value = field.argument == kNumberArgument
                                 ? numberText
                                 : arguments[static_cast<std::size_t>(field.argument)];

@@ -1,6 +1,7 @@
 // The program as a source of the system's event log.
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,27 +20,18 @@ RegistryKeyHandle OpenApplicationLog() {
     return RegistryKeyHandle(key);
 }
 
-// The list of sources as it is stored: texts, each with its zero byte, and one more at the end.
-// Empty if it can't be read.
-std::vector<char> ReadSources(const RegistryKeyHandle& log, DWORD& type) {
+// The list of sources, stored as texts, each with its zero byte, and one more at the end. Nothing
+// if it can't be read.
+std::optional<std::vector<std::string>> ReadSources(const RegistryKeyHandle& log, DWORD& type) {
     DWORD size = 0;
     if (log == nullptr ||
         RegQueryValueExA(log.get(), kSources, nullptr, &type, nullptr, &size) != 0 || size == 0)
-        return {};
+        return std::nullopt;
     std::vector<char> list(size);
     if (RegQueryValueExA(log.get(), kSources, nullptr, &type, reinterpret_cast<BYTE*>(list.data()),
                          &size) != 0)
-        return {};
+        return std::nullopt;
     list.resize(size);
-    return list;
-}
-
-void WriteSources(const RegistryKeyHandle& log, DWORD type, const std::vector<char>& list) {
-    RegSetValueExA(log.get(), kSources, 0, type, reinterpret_cast<const BYTE*>(list.data()),
-                   static_cast<DWORD>(list.size()));
-}
-
-std::vector<std::string> Split(const std::vector<char>& list) {
     std::vector<std::string> names;
     for (auto at = list.begin(); at != list.end() && *at != '\0';) {
         const auto end = std::find(at, list.end(), '\0');
@@ -49,14 +41,12 @@ std::vector<std::string> Split(const std::vector<char>& list) {
     return names;
 }
 
-std::vector<char> Join(const std::vector<std::string>& names) {
-    std::vector<char> list;
-    for (const std::string& name : names) {
-        list.insert(list.end(), name.begin(), name.end());
-        list.push_back('\0');
-    }
+void WriteSources(const RegistryKeyHandle& log, DWORD type, const std::vector<std::string>& names) {
+    std::string list;
+    for (const std::string& name : names) list.append(name).push_back('\0');
     list.push_back('\0');
-    return list;
+    RegSetValueExA(log.get(), kSources, 0, type, reinterpret_cast<const BYTE*>(list.data()),
+                   static_cast<DWORD>(list.size()));
 }
 
 }  // namespace
@@ -74,21 +64,18 @@ void CNTService::InstallEventSource(const char* messageFile, unsigned types) {
     }
     DWORD type = REG_MULTI_SZ;
     const RegistryKeyHandle log = OpenApplicationLog();
-    const std::vector<char> list = ReadSources(log, type);
-    if (list.empty()) return;
-    std::vector<std::string> names = Split(list);
-    if (std::find(names.begin(), names.end(), serviceName) != names.end()) return;
-    names.push_back(serviceName);
-    WriteSources(log, type, Join(names));
+    auto names = ReadSources(log, type);
+    if (!names || std::find(names->begin(), names->end(), serviceName) != names->end()) return;
+    names->push_back(serviceName);
+    WriteSources(log, type, *names);
 }
 
 void CNTService::RemoveEventSource() {
     RegDeleteKeyA(HKEY_LOCAL_MACHINE, (kApplicationLog + serviceName).c_str());
     DWORD type = REG_MULTI_SZ;
     const RegistryKeyHandle log = OpenApplicationLog();
-    const std::vector<char> list = ReadSources(log, type);
-    std::vector<std::string> names = Split(list);
-    if (std::erase(names, serviceName) > 0) WriteSources(log, type, Join(names));
+    auto names = ReadSources(log, type);
+    if (names && std::erase(*names, serviceName) > 0) WriteSources(log, type, *names);
 }
 
 void CNTService::LogEvent(const char* text, int type, unsigned eventId) {

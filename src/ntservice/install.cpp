@@ -43,15 +43,15 @@ void WaitWhile(DWORD pendingState, const ServiceHandle& service, SERVICE_STATUS&
     }
 }
 
-// Stops a service that accepts it. False without a word if it doesn't, as one that is not running.
-bool StopAndWait(const ServiceHandle& service, const std::string& displayName, bool& stopped) {
+// Whether the service has stopped. Not a word about one that accepts no stop, as it is not running.
+bool StopAndWait(const ServiceHandle& service, const std::string& displayName) {
     SERVICE_STATUS status{};
     if (ControlService(service.get(), SERVICE_CONTROL_STOP, &status) == FALSE) return false;
     PrintName(kStopping, displayName);
     WaitWhile(SERVICE_STOP_PENDING, service, status);
-    stopped = status.dwCurrentState == SERVICE_STOPPED;
+    const bool stopped = status.dwCurrentState == SERVICE_STOPPED;
     PrintName(stopped ? kStopped : kStopFailed, displayName);
-    return true;
+    return stopped;
 }
 
 RegistryKeyHandle OpenRunServices() {
@@ -60,44 +60,45 @@ RegistryKeyHandle OpenRunServices() {
     return RegistryKeyHandle(key);
 }
 
-// The program's path, or nothing.
-bool ProgramPath(std::array<char, kProgramPathLimit + 1>& path) {
-    const DWORD length = GetModuleFileNameA(nullptr, path.data(), kProgramPathLimit + 1);
-    return length > 0 && length < path.size();
-}
-
-}  // namespace
-
+// Prints a failure line with the last error's text; the second, behind the service's name.
 void PrintError(const char* format) {
     char text[kErrorTextSize];
     std::printf(format, CNTService::GetLastErrorText(text, sizeof text));
 }
 
+void PrintError(const char* format, const std::string& name) {
+    char text[kErrorTextSize];
+    std::printf(format, name.c_str(), CNTService::GetLastErrorText(text, sizeof text));
+}
+
+// These print their failure line.
 ServiceHandle OpenManager() {
     ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
     if (manager == nullptr) PrintError(kOpenManagerFailed);
     return manager;
 }
 
-ServiceHandle OpenInstalled(const ServiceHandle& manager, const char* serviceName) {
-    ServiceHandle service(OpenServiceA(manager.get(), serviceName, SERVICE_ALL_ACCESS));
+ServiceHandle OpenInstalled(const ServiceHandle& manager, const std::string& serviceName) {
+    if (manager == nullptr) return nullptr;
+    ServiceHandle service(OpenServiceA(manager.get(), serviceName.c_str(), SERVICE_ALL_ACCESS));
     if (service == nullptr) PrintError(kOpenServiceFailed);
     return service;
 }
 
+}  // namespace
+
 int CNTService::InstallService() {
     std::array<char, kProgramPathLimit + 1> path;
-    if (!ProgramPath(path)) {
-        char text[kErrorTextSize];
-        std::printf(kInstallFailed, displayName.c_str(), GetLastErrorText(text, sizeof text));
+    const DWORD length = GetModuleFileNameA(nullptr, path.data(), path.size());
+    if (length == 0 || length >= path.size()) {
+        PrintError(kInstallFailed, displayName);
         return 0;
     }
     if (hasServiceManager == 0) {
-        const auto size = static_cast<DWORD>(std::char_traits<char>::length(path.data()) + 1);
         const RegistryKeyHandle key = OpenRunServices();
         if (key == nullptr) return 0;
         RegSetValueExA(key.get(), serviceName.c_str(), 0, REG_EXPAND_SZ,
-                       reinterpret_cast<const BYTE*>(path.data()), size);
+                       reinterpret_cast<const BYTE*>(path.data()), length + 1);
         return 1;
     }
     const ServiceHandle manager = OpenManager();
@@ -138,7 +139,7 @@ void CNTService::ConfigureRecovery(const char*) {
         }
         return;
     }
-    if (const ServiceHandle service = OpenInstalled(manager, serviceName.c_str()))
+    if (const ServiceHandle service = OpenInstalled(manager, serviceName))
         SetFailureActions(service.get());
     UnlockServiceDatabase(lock);
 }
@@ -167,12 +168,9 @@ int CNTService::RemoveService() {
     }
     bool deleted = false;
     {
-        const ServiceHandle manager = OpenManager();
-        if (manager == nullptr) return 0;
-        const ServiceHandle service = OpenInstalled(manager, serviceName.c_str());
+        const ServiceHandle service = OpenInstalled(OpenManager(), serviceName);
         if (service == nullptr) return 0;
-        bool stopped = false;
-        StopAndWait(service, displayName, stopped);  // deleted also if it did not stop
+        StopAndWait(service, displayName);  // deleted also if it did not stop
         deleted = DeleteService(service.get()) != FALSE;
         if (deleted) {
             PrintName(kRemoved, displayName);
@@ -185,23 +183,16 @@ int CNTService::RemoveService() {
 }
 
 int CNTService::StopInstalledService() {
-    const ServiceHandle manager = OpenManager();
-    if (manager == nullptr) return 0;
-    const ServiceHandle service = OpenInstalled(manager, serviceName.c_str());
-    if (service == nullptr) return 0;
-    bool stopped = false;
-    return StopAndWait(service, displayName, stopped) && stopped ? 1 : 0;
+    const ServiceHandle service = OpenInstalled(OpenManager(), serviceName);
+    return service != nullptr && StopAndWait(service, displayName) ? 1 : 0;
 }
 
 int CNTService::StartInstalledService() {
-    const ServiceHandle manager = OpenManager();
-    if (manager == nullptr) return 0;
-    const ServiceHandle service = OpenInstalled(manager, serviceName.c_str());
+    const ServiceHandle service = OpenInstalled(OpenManager(), serviceName);
     if (service == nullptr) return 0;
     PrintName(kStarting, displayName);
     if (StartServiceA(service.get(), 0, nullptr) == FALSE) {
-        char text[kErrorTextSize];
-        std::printf(kStartError, displayName.c_str(), GetLastErrorText(text, sizeof text));
+        PrintError(kStartError, displayName);
         return 0;
     }
     SERVICE_STATUS status{};

@@ -41,9 +41,3 @@ struct CloseKey {
     void operator()(HKEY key) const { RegCloseKey(key); }
 };
 using RegistryKeyHandle = std::unique_ptr<RegistryKey, CloseKey>;
-
-// Both print their failure line.
-ServiceHandle OpenManager();
-ServiceHandle OpenInstalled(const ServiceHandle& manager, const char* serviceName);
-// Prints a failure line with the last error's text.
-void PrintError(const char* format);

@@ -1,6 +1,7 @@
 // The object itself: options, dispatcher, states, foreground mode.
 #include "ntservice/ntservice.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -91,6 +92,12 @@ void CNTService::FindUserIdentity() {
     if (CopySid(static_cast<DWORD>(userIdentity_.size()), userIdentity_.data(), identity.data()) ==
         FALSE)
         userIdentity_.clear();
+}
+
+bool CNTService::IsOption(std::string_view word) {
+    return word == kForegroundOption ||
+           std::any_of(std::begin(kOptions), std::end(kOptions),
+                       [word](const Option& option) { return word == option.word; });
 }
 
 int CNTService::ProcessCommandLine(int argc, char** argv) {

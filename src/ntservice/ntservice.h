@@ -10,6 +10,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/eventlog.h"
@@ -33,6 +34,8 @@ class CNTService {
     // Reads the options and does what they ask for; the last one wins, but for "debug", which is
     // done at once. The process's exit code: 0 or -1, and 1 after "debug".
     virtual int ProcessCommandLine(int argc, char** argv);
+    // Whether the word is one of the options.
+    static bool IsOption(std::string_view word);
     // Hands the process to the service manager; returns when the service has stopped. 0 if none
     // has started this process.
     virtual int StartDispatcher();
@@ -62,8 +65,6 @@ class CNTService {
     // The platform's text for the calling thread's last error, without line end; empty if there is
     // none or it doesn't fit with 14 bytes to spare. Gives buffer.
     static char* GetLastErrorText(char* buffer, DWORD size);
-
-    bool InForeground() const { return foreground_; }
 
   protected:
     std::string description;

@@ -1,6 +1,5 @@
 // The store's tool: reads, changes, lists and follows the configuration. With one of the options of
 // a service, or started by a service manager, it is the service VTREGISTRY.
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -24,21 +23,18 @@
 
 namespace {
 
-constexpr int kExitMissing = 1;
+constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kValueSize = 1 << 20;
 
 using Arguments = std::vector<std::string>;
 
-int Missing(const std::string& key) {
-    std::cerr << "vtregistry: no such key: " << key << '\n';
-    return kExitMissing;
-}
-
 int Failed(const std::string& what) {
     std::cerr << "vtregistry: " << what << '\n';
-    return kExitMissing;
+    return kExitFailed;
 }
+
+int Missing(const std::string& key) { return Failed("no such key: " + key); }
 
 int Get(const Arguments& arguments) {
     std::vector<char> value(kValueSize);
@@ -166,12 +162,6 @@ class StoreService final : public CNTService {
     StoreServer server_;
 };
 
-bool IsServiceOption(const std::string& word) {
-    static constexpr const char* kWords[] = {"install", "uninstall", "start",     "stop",
-                                             "debug",   "register",  "unregister"};
-    return std::find(std::begin(kWords), std::end(kWords), word) != std::end(kWords);
-}
-
 struct Command {
     const char* word;
     std::size_t least;
@@ -196,7 +186,7 @@ int Usage() {
 
 int main(int argc, char** argv) {
     const Arguments words(argv + 1, argv + argc);
-    if (words.empty() ? platform::StartedByServiceManager() : IsServiceOption(words[0])) {
+    if (words.empty() ? platform::StartedByServiceManager() : CNTService::IsOption(words[0])) {
         StoreService service;
         return RunDaemon(service, argc, argv);
     }

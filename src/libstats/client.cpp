@@ -36,8 +36,6 @@ LIPCOutbox::Request TellLost(std::uint64_t lost) {
 }
 
 int Flatten(const libstats::CStatsRequest& record, OwnedFlatForm& flat) {
-    OwnedMessage message;
-    if (const int status = TagMsgCreate(&message.root); status != TAGMSG_OK) return status;
     char stamp[16];
     std::snprintf(stamp, sizeof stamp, "%d", static_cast<std::int32_t>(record.GetStamp()));
     const auto resolve = [](const char* host) {
@@ -52,11 +50,7 @@ int Flatten(const libstats::CStatsRequest& record, OwnedFlatForm& flat) {
     const std::int32_t value = record.GetValue();
     const std::int32_t actions = record.GetActionMask();
     const std::int32_t status = record.GetObjectStatus();
-    // In the order of adding; a null value adds nothing.
-    const struct {
-        std::uint32_t tag;
-        const void* value;
-    } attributes[] = {
+    const TagMsgField fields[] = {
         {TagStamp, stamp},
         {TagSourceHost, record.GetSourceHost() != nullptr ? &source : nullptr},
         {TagTargetHost, record.GetTargetHost() != nullptr ? &target : nullptr},
@@ -74,11 +68,7 @@ int Flatten(const libstats::CStatsRequest& record, OwnedFlatForm& flat) {
         {TagObjectStatus, &status},
         {TagDetails, record.GetDetails()},
     };
-    for (const auto& attribute : attributes) {
-        const int added = TagMsgAddAttr(message.root, attribute.tag, attribute.value);
-        if (added != TAGMSG_OK) return added;
-    }
-    return TagMsgSerialize(message.root, &flat.data, &flat.length);
+    return TagMsgFlatten(fields, flat);
 }
 
 }  // namespace

@@ -26,10 +26,7 @@ std::string_view StripLineEnd(std::string_view line) {
 
 }  // namespace
 
-CHTTPClient::~CHTTPClient() {
-    connection_.Shutdown();
-    connection_.Close();
-}
+CHTTPClient::~CHTTPClient() { CloseConnection(); }
 
 int CHTTPClient::ConnectTo(const char* host, int port) {
     if (ownDaemon_) {

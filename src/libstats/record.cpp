@@ -1,42 +1,33 @@
 // The record of one event.
-#include <cstring>
-#include <memory>
 #include <new>
+#include <optional>
+#include <string>
 
 #include "libstats/libstats.h"
 
 namespace {
 
-using Text = std::unique_ptr<char[]>;
+using Text = std::optional<std::string>;
 
-// No exception leaves a setter: its callers are in the middle of a mail session.
-Text Allocate(std::size_t size) { return Text(new (std::nothrow) char[size]); }
+const char* Get(const Text& field) { return field ? field->c_str() : nullptr; }
 
+// No exception leaves a setter: its callers are in the middle of a mail session. The text may be
+// the field's own.
 const char* Store(Text& field, const char* text) {
-    Text copy;
-    if (text != nullptr) {
-        const std::size_t size = std::strlen(text) + 1;
-        copy = Allocate(size);
-        if (copy != nullptr) std::memcpy(copy.get(), text, size);
+    try {
+        field = text != nullptr ? Text(text) : std::nullopt;
+    } catch (const std::bad_alloc&) {
+        field.reset();
     }
-    field = std::move(copy);  // only now: the text may be the field's own
-    return field.get();
+    return Get(field);
 }
 
 void Append(Text& field, const char* item) {
     if (item == nullptr) return;
-    if (field == nullptr) {
-        Store(field, item);
-        return;
+    try {
+        field = field ? *field + ';' + item : std::string(item);
+    } catch (const std::bad_alloc&) {  // the list stays as it was
     }
-    const std::size_t old = std::strlen(field.get());
-    const std::size_t added = std::strlen(item);
-    Text grown = Allocate(old + added + 2);
-    if (grown == nullptr) return;
-    std::memcpy(grown.get(), field.get(), old);
-    grown[old] = ';';
-    std::memcpy(grown.get() + old + 1, item, added + 1);
-    field = std::move(grown);
 }
 
 }  // namespace
@@ -63,17 +54,17 @@ class CStatsRequestCore final : public libstats::CStatsRequest {
     void ClearRecipients() override { recipients_.reset(); }
 
     std::int64_t GetStamp() const override { return stamp_; }
-    const char* GetSourceHost() const override { return sourceHost_.get(); }
-    const char* GetTargetHost() const override { return targetHost_.get(); }
+    const char* GetSourceHost() const override { return Get(sourceHost_); }
+    const char* GetTargetHost() const override { return Get(targetHost_); }
     std::uint32_t GetAgentId() const override { return agentId_; }
     int GetServiceId() const override { return serviceId_; }
-    const char* GetSender() const override { return sender_.get(); }
-    const char* GetRecipients() const override { return recipients_.get(); }
-    const char* GetDetails() const override { return details_.get(); }
-    const char* GetLabel() const override { return label_.get(); }
+    const char* GetSender() const override { return Get(sender_); }
+    const char* GetRecipients() const override { return Get(recipients_); }
+    const char* GetDetails() const override { return Get(details_); }
+    const char* GetLabel() const override { return Get(label_); }
     int GetCount() const override { return count_; }
-    const char* GetTextA() const override { return textA_.get(); }
-    const char* GetTextB() const override { return textB_.get(); }
+    const char* GetTextA() const override { return Get(textA_); }
+    const char* GetTextB() const override { return Get(textB_); }
     int GetEventCode() const override { return eventCode_; }
     int GetValue() const override { return value_; }
     int GetObjectStatus() const override { return objectStatus_; }

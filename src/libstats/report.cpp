@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -68,15 +69,14 @@ int ReadStatus(CHTTPClient& client) {
     return status > 0 && status < 1000 ? static_cast<int>(status) : 0;
 }
 
-// The length of the body, cut to what an int holds; false without the header: then nothing tells
+// The length of the body, cut to what an int holds; nothing without the header: then nothing tells
 // how much belongs to the report, and a cut one must not pass for a whole one.
-bool ReadLength(CHTTPClient& client, int& length) {
+std::optional<int> ReadLength(CHTTPClient& client) {
     const char* text = client.GetHeader("Content-Length");
-    if (text == nullptr) return false;
+    if (text == nullptr) return std::nullopt;
     const long long value = std::strtoll(text, nullptr, 10);
     constexpr long long kMost = std::numeric_limits<int>::max();
-    length = static_cast<int>(std::clamp(value, -kMost, kMost));
-    return true;
+    return static_cast<int>(std::clamp(value, -kMost, kMost));
 }
 
 bool ReceiveBody(CHTTPClient& client, int length, const char* path) {
@@ -96,19 +96,14 @@ bool ReceiveBody(CHTTPClient& client, int length, const char* path) {
 ReportPath ReceiveReport(CHTTPClient& client, const char* extension) {
     if (ReadStatus(client) != kStatusOk) return nullptr;
     client.ReadHeaders();
-    int length = 0;
-    if (!ReadLength(client, length)) return nullptr;
+    const std::optional<int> length = ReadLength(client);
+    if (!length) return nullptr;
     char directory[kReportPathSize];
     if (ProgramDirectory(directory, sizeof directory) != 0) directory[0] = '\0';
     ReportPath path = CreateReportFile(directory, extension);
     if (path == nullptr) return nullptr;
-    bool received = false;
-    try {
-        received = ReceiveBody(client, length, path.get());
-    } catch (const std::exception&) {  // no memory: as any failure
-    }
     // What came of a report that was cut short stays, for whoever wants to see how far it got.
-    return received ? std::move(path) : nullptr;
+    return ReceiveBody(client, *length, path.get()) ? std::move(path) : nullptr;
 }
 
 // The whole text, or an empty one. What stands behind a zero byte in a piece is dropped.

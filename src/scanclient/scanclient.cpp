@@ -26,14 +26,8 @@ std::atomic<int> g_users{0};
 std::atomic<LIPCEndpoint*> g_endpoint{nullptr};
 
 int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, OwnedFlatForm& flat) {
-    OwnedMessage message;
-    if (const int status = TagMsgCreate(&message.root); status != TAGMSG_OK) return status;
     const auto slice = static_cast<std::int32_t>(sliceMs);
-    // In the order of adding; a null value adds nothing.
-    const struct {
-        std::uint32_t tag;
-        const void* value;
-    } attributes[] = {
+    const TagMsgField fields[] = {
         {TagPath, record.path},
         {TagSender, record.sender},
         {TagRecipients, record.recipients},
@@ -49,11 +43,7 @@ int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, OwnedFlatF
         {TagPollInterval, record.cancelCallback != nullptr ? &slice : nullptr},
         {TagExtraText, record.extraText[0] != '\0' ? record.extraText : nullptr},
     };
-    for (const auto& attribute : attributes) {
-        const int status = TagMsgAddAttr(message.root, attribute.tag, attribute.value);
-        if (status != TAGMSG_OK) return status;
-    }
-    return TagMsgSerialize(message.root, &flat.data, &flat.length);
+    return TagMsgFlatten(fields, flat);
 }
 
 using Clock = std::chrono::steady_clock;
@@ -99,11 +89,7 @@ int Exchange(const MailScanRecord& record, const OwnedFlatForm& flat, std::uint3
         SendWhenFree(record, flat, std::chrono::milliseconds(sliceMs), &connection, &data, &length);
     while (result == LIPC_TIMED_OUT && !Cancelled(record))
         result = LIPCWaitReply(endpoint, connection, &data, &length, limit);
-    int status = kFailed;
-    if (result == LIPC_OK)
-        status = length > 0x7FFFFFFF
-                     ? TAGMSG_BAD
-                     : TagMsgParse(&reply.root, data, static_cast<std::int32_t>(length));
+    const int status = result == LIPC_OK ? reply.Parse(data, length) : kFailed;
     if (connection != nullptr) LIPCRelease(endpoint, connection);
     return status;
 }

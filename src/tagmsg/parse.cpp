@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -40,13 +39,11 @@ int ReadAttr(TagMsgNode* node, Reader& reader) {
                           reader.at[kFlatAttrHeader + size - 1] == 0;
         const char* text =
             good ? reinterpret_cast<const char*>(reader.at + kFlatAttrHeader) : kLoadError;
-        const std::size_t copied = std::strlen(text) + 1;
-        attr->value.text = static_cast<char*>(std::malloc(copied));
+        attr->value.text = strdup(text);
         if (attr->value.text == nullptr) {
             delete attr;
             return TAGMSG_NO_MEMORY;
         }
-        std::memcpy(attr->value.text, text, copied);
         reader.Skip(good ? kFlatAttrHeader + size : kFlatAttrHeader);
     } else {
         reader.Skip(kFlatWord);
@@ -73,18 +70,9 @@ int ReadNode(TagMsgNode* node, Reader& reader) {
 int MakeChild(TagMsgNode* parent, TagMsgNode** child) {
     const int status = TagMsgCreate(child);
     if (status != TAGMSG_OK) return status;
-    TagMsgNode* node = *child;
-    node->parent = parent;
-    node->root = parent->root;
+    (*child)->root = parent->root;
     parent->root->size += kFlatNodeHeader;
-    if (parent->firstChild == nullptr) {
-        parent->firstChild = node;
-    } else {
-        TagMsgNode* head = parent->firstChild;
-        (head->lastChild != nullptr ? head->lastChild : head)->nextSibling = node;
-        head->lastChild = node;
-    }
-    ++parent->childCount;
+    TagMsgLink(parent, *child);
     return TAGMSG_OK;
 }
 

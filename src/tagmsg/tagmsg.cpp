@@ -27,6 +27,18 @@ void TagMsgPushAttr(TagMsgNode* node, TagMsgAttr* attr) {
     node->root->size += TagMsgAttrFlatSize(*attr);
 }
 
+void TagMsgLink(TagMsgNode* parent, TagMsgNode* child) {
+    child->parent = parent;
+    if (parent->firstChild == nullptr) {
+        parent->firstChild = child;
+    } else {
+        TagMsgNode* head = parent->firstChild;
+        (head->lastChild != nullptr ? head->lastChild : head)->nextSibling = child;
+        head->lastChild = child;
+    }
+    ++parent->childCount;
+}
+
 TagMsgNode* TagMsgNext(TagMsgNode* node, bool& first) {
     auto* held = reinterpret_cast<TagMsgNode*>(node->cursor);
     TagMsgNode* next = held == nullptr ? node->firstChild : held->nextSibling;
@@ -36,13 +48,6 @@ TagMsgNode* TagMsgNext(TagMsgNode* node, bool& first) {
 }
 
 namespace {
-
-char* CopyText(const char* text) {
-    const std::size_t size = std::strlen(text) + 1;
-    auto* copy = static_cast<char*>(std::malloc(size));
-    if (copy != nullptr) std::memcpy(copy, text, size);
-    return copy;
-}
 
 void FreeAttrs(TagMsgNode* node) {
     while (TagMsgAttr* attr = node->attrs) {
@@ -95,7 +100,7 @@ int TagMsgAddAttr(TagMsgNode* node, std::uint32_t tag, const void* value) {
     if (TagType(tag) == kTagTypeInteger) {
         std::memcpy(&attr->value.number, value, sizeof attr->value.number);
     } else {
-        attr->value.text = CopyText(static_cast<const char*>(value));
+        attr->value.text = strdup(static_cast<const char*>(value));
         if (attr->value.text == nullptr) {
             delete attr;
             return TAGMSG_NO_MEMORY;
@@ -110,18 +115,10 @@ int TagMsgAddChild(TagMsgNode* parent, TagMsgNode* child) {
     if (parent == nullptr || child == nullptr) return TAGMSG_BAD;
     // The child's own walk leaves it through its parent, which is still null.
     parent->root->size += TreeSize(child);
-    child->parent = parent;
+    TagMsgLink(parent, child);
     bool first = true;
     for (TagMsgNode* node = child; node != parent; node = TagMsgNext(node, first))
         node->root = parent->root;
-    if (parent->firstChild == nullptr) {
-        parent->firstChild = child;
-    } else {
-        TagMsgNode* head = parent->firstChild;
-        (head->lastChild != nullptr ? head->lastChild : head)->nextSibling = child;
-        head->lastChild = child;
-    }
-    ++parent->childCount;
     return TAGMSG_OK;
 }
 
@@ -157,7 +154,7 @@ int TagMsgDupAttr(TagMsgNode* node, std::uint32_t tag, void** value) {
         if (*value != nullptr) std::memcpy(*value, &attr->value.number, kFlatWord);
     } else {
         if (attr->value.text == nullptr) return TAGMSG_OK;
-        *value = CopyText(attr->value.text);
+        *value = strdup(attr->value.text);
     }
     return *value == nullptr ? TAGMSG_NO_MEMORY : TAGMSG_OK;
 }

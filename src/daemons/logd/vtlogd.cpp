@@ -17,7 +17,7 @@
 #include "platform/clock.h"
 #include "platform/descriptor.h"
 #include "platform/home.h"
-#include "tagmsg/tagmsg.h"
+#include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 #include "text/printable.h"
 #include "trelis/keys/settings.h"
@@ -153,13 +153,11 @@ class LogDaemon final : public Daemon {
     }
     int Threads() const override { return 2; }
     void Answer(const void* data, std::uint32_t length, void**, std::uint32_t*) override {
-        TagMsgNode* event = nullptr;
-        if (data != nullptr && length <= 0x7FFFFFFF &&
-            TagMsgParse(&event, data, static_cast<std::int32_t>(length)) == TAGMSG_OK) {
+        OwnedMessage event;
+        if (event.Parse(data, length) == TAGMSG_OK) {
             std::uint32_t word = 0;
-            TagMsgCopyAttr(event, TagEventWord, &word, sizeof word);
-            Write(Describe(event, word), SyslogPriority(word));
-            TagMsgFree(event, 1, 1);
+            TagMsgCopyAttr(event.root, TagEventWord, &word, sizeof word);
+            Write(Describe(event.root, word), SyslogPriority(word));
         } else {
             Write("high Warning message=\"an event that could not be read\"", LOG_WARNING);
         }

@@ -183,9 +183,7 @@ std::shared_ptr<const Settings> MailDaemon::ReadSettings() {
 void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
                         std::uint32_t* replyLength) {
     OwnedMessage request;
-    if (data == nullptr || length > 0x7FFFFFFF ||
-        TagMsgParse(&request.root, data, static_cast<std::int32_t>(length)) != TAGMSG_OK)
-        return;
+    if (request.Parse(data, length) != TAGMSG_OK) return;
     const std::string path = Text(request.root, TagPath);
     if (path.empty()) return;
     const std::shared_ptr<const Settings> settings = settings_.Current();

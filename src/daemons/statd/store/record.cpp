@@ -15,10 +15,8 @@ std::size_t Record::Size() const {
 }
 
 std::optional<Record> ParseRecord(const void* data, std::uint32_t length) {
-    if (data == nullptr || length > 0x7FFFFFFF) return std::nullopt;
     OwnedMessage message;
-    if (TagMsgParse(&message.root, data, static_cast<std::int32_t>(length)) != TAGMSG_OK)
-        return std::nullopt;
+    if (message.Parse(data, length) != TAGMSG_OK) return std::nullopt;
 
     std::optional<Record> record(std::in_place);
     const void* value = nullptr;

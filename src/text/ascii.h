@@ -15,6 +15,16 @@ constexpr int HexDigit(char c) {
     const char low = FoldCase(c);
     return IsDigit(c) ? c - '0' : low >= 'a' && low <= 'f' ? low - 'a' + 10 : -1;
 }
+// Two digits a byte, in small letters.
+inline std::string ToHex(std::string_view bytes) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (const char each : bytes) {
+        const auto byte = static_cast<unsigned char>(each);
+        hex += {kDigits[byte >> 4U], kDigits[byte & 0xFU]};
+    }
+    return hex;
+}
 
 inline bool EqualIgnoringCase(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),

@@ -1,11 +1,21 @@
 #include "text/base64.h"
 
 #include <algorithm>
+#include <array>
 
 namespace {
 
 constexpr std::string_view kAlphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+constexpr std::array<signed char, 256> MakeDigits() {
+    std::array<signed char, 256> digits{};
+    digits.fill(-1);
+    for (std::size_t i = 0; i < kAlphabet.size(); ++i)
+        digits[static_cast<unsigned char>(kAlphabet[i])] = static_cast<signed char>(i);
+    return digits;
+}
+constexpr std::array<signed char, 256> kDigits = MakeDigits();
 
 }  // namespace
 
@@ -23,7 +33,4 @@ std::string Base64Encode(std::string_view text) {
     return out;
 }
 
-int Base64Digit(char c) {
-    const std::size_t at = kAlphabet.find(c);
-    return at == std::string_view::npos ? -1 : static_cast<int>(at);
-}
+int Base64Digit(char c) { return kDigits[static_cast<unsigned char>(c)]; }

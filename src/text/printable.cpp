@@ -18,6 +18,12 @@ std::size_t PrintableLength(std::string_view text) {
     return first == 0xC2 && byte(1) < 0xA0 ? 0 : length;  // the upper controls
 }
 
+std::size_t TextWidth(std::string_view text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
+    }));
+}
+
 std::string CleanText(std::string_view text, std::size_t limit) {
     std::string out;
     while (!text.empty()) {

@@ -1,4 +1,4 @@
-// What of a stranger's text may reach a log line or a terminal.
+// What of a stranger's text may reach a log line or a terminal, and how wide it is there.
 #pragma once
 
 #include <cstddef>
@@ -12,3 +12,5 @@ std::size_t PrintableLength(std::string_view text);
 // The text without control characters and broken UTF-8 ('?' in their place), cut to limit bytes at
 // a character's boundary.
 std::string CleanText(std::string_view text, std::size_t limit = std::string_view::npos);
+// How wide a text stands in a terminal: its characters, of which continuation bytes are none.
+std::size_t TextWidth(std::string_view text);

@@ -160,27 +160,20 @@ Credentials FindCredentials(const std::string& address) {
 
 // Output
 
-// How wide a text stands in the terminal: characters, not bytes.
-std::size_t Width(const std::string& text) {
-    std::size_t width = 0;
-    for (const char each : text) width += (static_cast<unsigned char>(each) & 0xC0) != 0x80 ? 1 : 0;
-    return width;
-}
-
 void PrintTable(ReportTable table) {
     std::vector<std::size_t> widths;
     for (ReportRow& row : table) {
         if (widths.size() < row.size()) widths.resize(row.size());
         for (std::size_t i = 0; i < row.size(); ++i) {
             row[i] = CleanText(row[i]);  // what comes from elsewhere must not steer the terminal
-            widths[i] = std::max(widths[i], Width(row[i]));
+            widths[i] = std::max(widths[i], TextWidth(row[i]));
         }
     }
     for (const ReportRow& row : table) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
             line += row[i];
-            if (i + 1 < row.size()) line.append(widths[i] - Width(row[i]) + 2, ' ');
+            if (i + 1 < row.size()) line.append(widths[i] - TextWidth(row[i]) + 2, ' ');
         }
         std::puts(line.c_str());
     }

@@ -8,7 +8,6 @@ namespace {
 
 constexpr char kHex[] = "hex";
 constexpr std::string_view kHexKey = "hex:";
-constexpr std::string_view kDigits = "0123456789abcdef";
 
 bool IsUtf8(const std::string& text) {
     try {
@@ -17,16 +16,6 @@ bool IsUtf8(const std::string& text) {
     } catch (const nlohmann::json::type_error&) {
         return false;
     }
-}
-
-std::string ToHex(const std::string& bytes) {
-    std::string hex;
-    for (const char each : bytes) {
-        const auto byte = static_cast<unsigned char>(each);
-        hex += kDigits[byte >> 4U];
-        hex += kDigits[byte & 0xFU];
-    }
-    return hex;
 }
 
 std::optional<std::string> FromHex(std::string_view hex) {

@@ -34,9 +34,7 @@ constexpr auto kLookInterval = 500ms;  // at the settings, of which a look costs
 constexpr auto kListenRetry = 5s;
 
 bool MayRead(const std::string& key) {
-    const std::string closed = kClosed;
-    if (key.compare(0, sizeof kOpen - 1, kOpen) != 0) return false;
-    return key != closed && key.compare(0, closed.size() + 1, closed + '/') != 0;
+    return key.starts_with(kOpen) && key != kClosed && !key.starts_with(std::string(kClosed) + '/');
 }
 
 std::string ReplyTo(const std::string& key) {

@@ -13,18 +13,11 @@ namespace {
 
 constexpr std::size_t kWordLimit = 255;
 
-// Characters as a terminal shows them: continuation bytes take no place.
-std::size_t Width(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
-    }));
-}
-
 void AppendAligned(std::string& out, const std::vector<std::string>& cells,
                    const std::vector<std::size_t>& widths) {
     std::string line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
-        const std::string blanks(widths[i] - Width(cells[i]), ' ');
+        const std::string blanks(widths[i] - TextWidth(cells[i]), ' ');
         line += i == 0 ? cells[i] + blanks : "  " + blanks + cells[i];
     }
     line.erase(line.find_last_not_of(' ') + 1);
@@ -38,9 +31,10 @@ void AppendTable(std::string& out, const Table& table) {
         return;
     }
     std::vector<std::size_t> widths;
-    for (const std::string& heading : table.headings) widths.push_back(Width(heading));
+    for (const std::string& heading : table.headings) widths.push_back(TextWidth(heading));
     for (const auto& row : table.rows) {
-        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], Width(row[i]));
+        for (std::size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], TextWidth(row[i]));
     }
     AppendAligned(out, table.headings, widths);
     for (const auto& row : table.rows) AppendAligned(out, row, widths);
@@ -96,11 +90,8 @@ std::string FormatText(const Report& report) {
 std::string FormatCsv(const Report& report) {
     std::string out = "Section,Name,Event,Count,Bytes\r\n";
     for (const CodeCount& code : report.codes) {
-        const std::size_t group = StatGroup(code.code);
-        const std::string name =
-            group == kStatOtherGroup ? "Event " + std::to_string(code.code) : StatGroupName(group);
-        out += "Total,All," + CsvField(name) + ',' + std::to_string(code.events) + ',' +
-               std::to_string(code.bytes) + "\r\n";
+        out += "Total,All," + CsvField(CodeName(code.code)) + ',' + std::to_string(code.events) +
+               ',' + std::to_string(code.bytes) + "\r\n";
     }
     for (const NamedCounts& day : report.days) AppendCsv(out, "Day", day);
     for (const NameList& list : report.lists) {

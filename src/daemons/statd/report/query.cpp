@@ -30,12 +30,6 @@ std::int64_t Sum(const std::array<std::int64_t, kStatGroups>& numbers, std::size
                            numbers.begin() + static_cast<std::ptrdiff_t>(to), std::int64_t{0});
 }
 
-void AddTo(Counts& counts, std::int64_t event, std::int64_t events, std::int64_t bytes) {
-    const std::size_t group = StatGroup(event);
-    counts.events[group] += events;
-    counts.bytes[group] += bytes;
-}
-
 // One column of events and one of bytes for each group.
 std::string GroupSums() {
     std::string sql;
@@ -169,9 +163,12 @@ bool ReportReader::ReadHours(std::int64_t firstHour, std::int64_t lastHour,
     if (!rows) return false;
     rows.Bind(1, firstHour);
     rows.Bind(2, lastHour);
-    while (rows.Row())
-        AddTo(hours[static_cast<std::size_t>(rows.Number(0) - firstHour)], rows.Number(1),
-              rows.Number(2), rows.Number(3));
+    while (rows.Row()) {
+        Counts& counts = hours[static_cast<std::size_t>(rows.Number(0) - firstHour)];
+        const std::size_t group = StatGroup(rows.Number(1));
+        counts.events[group] += rows.Number(2);
+        counts.bytes[group] += rows.Number(3);
+    }
     return !rows.Failed();
 }
 

@@ -27,12 +27,12 @@ Table CountTable(const char* title, const char* heading, const std::vector<Named
     return table;
 }
 
+}  // namespace
+
 std::string CodeName(std::int64_t code) {
     const std::size_t group = StatGroup(code);
     return group == kStatOtherGroup ? "Event " + std::to_string(code) : StatGroupName(group);
 }
-
-}  // namespace
 
 std::vector<Table> MakeTables(const Report& report) {
     Table events{"Events", {"Event", "Code", "Total", "Bytes"}, {}};
@@ -51,25 +51,14 @@ std::string PeriodText(const Report& report) {
 
 std::string EscapeHtml(std::string_view text) {
     std::string out;
+    constexpr std::string_view kSpecial = "&<>\"'";
+    constexpr const char* kEscaped[] = {"&amp;", "&lt;", "&gt;", "&quot;", "&#39;"};
     for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            case '\'':
-                out += "&#39;";
-                break;
-            default:
-                out += c;
+        const std::size_t which = kSpecial.find(c);
+        if (which == std::string_view::npos) {
+            out += c;
+        } else {
+            out += kEscaped[which];
         }
     }
     return out;

@@ -1,6 +1,7 @@
 // A report as tables of texts, the form that all but one of the written forms start from.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,8 @@ struct Table {
 
 // Events by code, then by day, by peer, by sender domain, by recipient domain and by signature.
 std::vector<Table> MakeTables(const Report& report);
+// What a report calls an event code: "Clean", or "Event 4711" where it is not known.
+std::string CodeName(std::int64_t code);
 // "2026-07-01 to 2026-07-31"
 std::string PeriodText(const Report& report);
 // Safe between tags and inside a quoted attribute.

@@ -9,8 +9,9 @@ namespace stats {
 namespace {
 
 // The names behind the first ?3 of day ?2, by their totals.
-constexpr char kLesser[] =
-    "SELECT name FROM names WHERE kind = ?1 AND day = ?2 AND name <> '(other)'"
+constexpr char kMakeLesser[] =
+    "CREATE TEMP TABLE lesser AS"
+    " SELECT name FROM names WHERE kind = ?1 AND day = ?2 AND name <> '(other)'"
     " GROUP BY name ORDER BY sum(count) DESC, name LIMIT -1 OFFSET ?3";
 
 std::string StateName(Kind kind) { return "trimmed" + std::to_string(static_cast<int>(kind)); }
@@ -29,9 +30,8 @@ bool Trim(Database& database, Kind kind, std::int64_t day, std::int64_t kept) {
     static_assert(std::string_view(kOtherName) == "(other)");
     Transaction transaction(database, "BEGIN IMMEDIATE");
     if (!transaction.Good()) return false;
-    const std::string list = "CREATE TEMP TABLE lesser AS ";
     database.Execute("DROP TABLE IF EXISTS temp.lesser");
-    if (!RunTrim(database, list + kLesser, kind, day, kept)) return false;
+    if (!RunTrim(database, kMakeLesser, kind, day, kept)) return false;
     const bool good =
         RunTrim(database,
                 "INSERT INTO names(kind, day, name, event, count, bytes)"

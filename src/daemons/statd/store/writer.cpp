@@ -14,14 +14,12 @@ namespace {
 std::string InsertSql() {
     std::string columns = "INSERT INTO records(received";
     std::string values = ") VALUES(?";
-    for (const TextField& field : kTextFields) {
-        columns += std::string(", ") + field.column;
+    const auto add = [&](const char* column) {
+        columns += std::string(", ") + column;
         values += ", ?";
-    }
-    for (const NumberField& field : kNumberFields) {
-        columns += std::string(", ") + field.column;
-        values += ", ?";
-    }
+    };
+    for (const TextField& field : kTextFields) add(field.column);
+    for (const NumberField& field : kNumberFields) add(field.column);
     return columns + values + ")";
 }
 
@@ -58,20 +56,15 @@ bool Writer::Write(std::span<const Record> records) {
 bool Writer::Insert(const Record& record) {
     int index = 1;
     insert_.Bind(index++, record.received);
-    for (const TextField& field : kTextFields) {
-        if (const auto& text = record.*field.member) {
-            insert_.Bind(index++, std::string_view(*text));
+    const auto bind = [&](const auto& value) {
+        if (value) {
+            insert_.Bind(index++, *value);
         } else {
             insert_.BindNull(index++);
         }
-    }
-    for (const NumberField& field : kNumberFields) {
-        if (const auto& number = record.*field.member) {
-            insert_.Bind(index++, *number);
-        } else {
-            insert_.BindNull(index++);
-        }
-    }
+    };
+    for (const TextField& field : kTextFields) bind(record.*field.member);
+    for (const NumberField& field : kNumberFields) bind(record.*field.member);
     return insert_.Run();
 }
 

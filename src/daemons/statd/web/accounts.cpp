@@ -2,13 +2,11 @@
 
 #include <crypt.h>
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -52,18 +50,6 @@ std::string NewSalt(const char* prefix, unsigned long rounds) {
 // Slow on purpose: what a guess costs. Null prefix: the library's best.
 std::string HashPassword(const std::string& password) {
     return Hash(password, NewSalt(nullptr, 0));
-}
-
-bool FillRandom(void* buffer, std::size_t size) {
-    auto* at = static_cast<char*>(buffer);
-    while (size > 0) {
-        const ssize_t got = getrandom(at, size, 0);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        at += got;
-        size -= static_cast<std::size_t>(got);
-    }
-    return true;
 }
 
 // An existing token, if it is a file of ours that nobody else could have read or written.
@@ -122,15 +108,7 @@ std::string OwnerPair(const std::string& path) {
 
 std::string RandomHex(std::size_t count) {
     std::string bytes(count, '\0');
-    if (!FillRandom(bytes.data(), bytes.size())) return {};
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        hex += kDigits[byte >> 4];
-        hex += kDigits[byte & 0xF];
-    }
-    return hex;
+    return getentropy(bytes.data(), bytes.size()) == 0 ? ToHex(bytes) : "";
 }
 
 bool SameText(std::string_view a, std::string_view b) {
@@ -143,8 +121,8 @@ bool SameText(std::string_view a, std::string_view b) {
 
 std::string DecodeBasic(std::string_view header) {
     constexpr std::string_view kScheme = "basic ";
-    if (header.size() > kHeaderMost || header.size() < kScheme.size() ||
-        strncasecmp(header.data(), kScheme.data(), kScheme.size()) != 0)
+    if (header.size() > kHeaderMost ||
+        !EqualIgnoringCase(header.substr(0, kScheme.size()), kScheme))
         return {};
     header.remove_prefix(kScheme.size());
     while (!header.empty() && header.front() == ' ') header.remove_prefix(1);

@@ -28,7 +28,7 @@ bool DeleteAccount(const std::string& name);
 // Empty on failure.
 std::string OwnerPair(const std::string& path);
 
-// 2 * count characters from the system's source of randomness; empty on failure.
+// 2 * count characters from the system's source of randomness, 512 at most; empty on failure.
 std::string RandomHex(std::size_t count);
 // Takes as long for a wrong text as for the right one of the same length.
 bool SameText(std::string_view a, std::string_view b);

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 
 namespace stats {
@@ -17,7 +16,7 @@ constexpr unsigned kOwnersThreads = 2;
 // More than the silent connections that a nuisance can hold for their ten seconds at no cost.
 constexpr unsigned kConnections = 2048;
 constexpr unsigned kSilentSeconds = 10;
-constexpr std::int64_t kLifeMilliseconds = 30000;
+constexpr std::chrono::seconds kLife{30};
 // Of one connection: its head must fit.
 constexpr std::size_t kConnectionMemory = 16U << 10;
 constexpr unsigned kBacklog = 1024;
@@ -116,12 +115,6 @@ void Connected(void* self, MHD_Connection* connection, void**,
     }
 }
 
-std::int64_t SteadyMilliseconds() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 }  // namespace
 
 HttpDeadlines::~HttpDeadlines() {
@@ -135,7 +128,7 @@ HttpDeadlines::~HttpDeadlines() {
 
 void HttpDeadlines::Add(int descriptor) {
     const std::lock_guard lock(mutex_);
-    since_[descriptor] = SteadyMilliseconds();
+    since_[descriptor] = std::chrono::steady_clock::now();
 }
 
 // Before the descriptor is closed, so that no other connection of its number is cut.
@@ -147,10 +140,10 @@ void HttpDeadlines::Remove(int descriptor) {
 void HttpDeadlines::Work() {
     std::unique_lock lock(mutex_);
     while (!end_.wait_for(lock, std::chrono::seconds(1), [&] { return ending_; })) {
-        const std::int64_t now = SteadyMilliseconds();
+        const auto now = std::chrono::steady_clock::now();
         for (const auto& [descriptor, since] : since_) {
             // The server's thread sees the end and closes.
-            if (now - since > kLifeMilliseconds) shutdown(descriptor, SHUT_RDWR);
+            if (now - since > kLife) shutdown(descriptor, SHUT_RDWR);
         }
     }
 }
@@ -164,37 +157,34 @@ std::unique_ptr<HttpServer> HttpServer::Start(const std::string& address, int po
         why = "no IPv4 address and port";
         return nullptr;
     }
-    std::unique_ptr<HttpServer> server(new HttpServer);
-    const bool begun = server->Begin(reinterpret_cast<sockaddr*>(&where), port, -1, handler, why);
-    return begun ? std::move(server) : nullptr;
+    return Begin(reinterpret_cast<sockaddr*>(&where), port, -1, handler, why);
 }
 
 std::unique_ptr<HttpServer> HttpServer::Start(int listener, HttpHandler& handler,
                                               std::string& why) {
-    std::unique_ptr<HttpServer> server(new HttpServer);
-    const bool begun = server->Begin(nullptr, 0, listener, handler, why);
-    return begun ? std::move(server) : nullptr;
+    return Begin(nullptr, 0, listener, handler, why);
 }
 
-bool HttpServer::Begin(sockaddr* where, int port, int listener, HttpHandler& handler,
-                       std::string& why) {
+std::unique_ptr<HttpServer> HttpServer::Begin(sockaddr* where, int port, int listener,
+                                              HttpHandler& handler, std::string& why) {
+    std::unique_ptr<HttpServer> server(new HttpServer);
     const MHD_OptionItem place = where != nullptr
                                      ? MHD_OptionItem{MHD_OPTION_SOCK_ADDR, 0, where}
                                      : MHD_OptionItem{MHD_OPTION_LISTEN_SOCKET, listener, nullptr};
     const MHD_OptionItem options[] = {place, {MHD_OPTION_END, 0, nullptr}};
     errno = 0;
     // Lenient towards clients: ours sends no Host line.
-    daemon_ = MHD_start_daemon(
+    server->daemon_ = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD, static_cast<std::uint16_t>(port), nullptr, nullptr, Handle,
         &handler, MHD_OPTION_ARRAY, options, MHD_OPTION_STRICT_FOR_CLIENT, -1,
         MHD_OPTION_THREAD_POOL_SIZE, where != nullptr ? kThreads : kOwnersThreads,
         MHD_OPTION_CONNECTION_LIMIT, kConnections, MHD_OPTION_CONNECTION_TIMEOUT, kSilentSeconds,
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory, MHD_OPTION_LISTEN_BACKLOG_SIZE,
         kBacklog, MHD_OPTION_NOTIFY_COMPLETED, Completed, nullptr, MHD_OPTION_NOTIFY_CONNECTION,
-        Connected, &deadlines_, MHD_OPTION_END);
-    if (daemon_ != nullptr) return true;
+        Connected, &server->deadlines_, MHD_OPTION_END);
+    if (server->daemon_ != nullptr) return server;
     why = errno == 0 ? "the HTTP server can't start" : std::strerror(errno);
-    return false;
+    return nullptr;
 }
 
 HttpServer::~HttpServer() {

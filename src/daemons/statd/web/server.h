@@ -2,6 +2,7 @@
 // nothing of statistics. On libmicrohttpd.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -30,11 +31,13 @@ struct HttpRequest {
     std::string body;
 };
 
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
 struct HttpResponse {
     unsigned status = 200;
     std::string type = "text/plain; charset=utf-8";
     std::string body;
-    std::vector<std::pair<std::string, std::string>> headers;
+    HttpHeaders headers;
 };
 
 // Any number of the server's threads at a time.
@@ -63,7 +66,7 @@ class HttpDeadlines {
     std::mutex mutex_;  // guards all below but the thread
     std::condition_variable end_;
     bool ending_ = false;
-    std::map<int, std::int64_t> since_;  // by descriptor: milliseconds of the steady clock
+    std::map<int, std::chrono::steady_clock::time_point> since_;  // by descriptor
     std::thread thread_;
 };
 
@@ -82,7 +85,8 @@ class HttpServer {
   private:
     HttpServer() = default;
     // where: not null for a port, else the listener is there.
-    bool Begin(sockaddr* where, int port, int listener, HttpHandler& handler, std::string& why);
+    static std::unique_ptr<HttpServer> Begin(sockaddr* where, int port, int listener,
+                                             HttpHandler& handler, std::string& why);
     HttpDeadlines deadlines_;
     MHD_Daemon* daemon_ = nullptr;
 };

@@ -23,8 +23,8 @@ struct Path {
 };
 constexpr Path kPaths[] = {{"/", "GET, POST"}, {"/live", "GET"}};
 
-HttpResponse Plain(unsigned status, const std::string& text) {
-    return {status, kPlain, text + '\n', {}};
+HttpResponse Plain(unsigned status, const std::string& text, HttpHeaders headers = {}) {
+    return {status, kPlain, text + '\n', std::move(headers)};
 }
 
 HttpResponse Unreadable() { return Plain(500, "The statistics can't be read."); }
@@ -74,22 +74,14 @@ std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
                      [&](const Path& each) { return request.path == each.path; });
     if (path == std::end(kPaths)) return Plain(404, "There is nothing here.");
     const bool known = request.method == "GET" || request.method == "POST";
-    if (!known || std::string_view(path->methods).find(request.method) == std::string_view::npos) {
-        HttpResponse response = Plain(405, "Not in this way.");
-        response.headers.emplace_back("Allow", path->methods);
-        return response;
-    }
+    if (!known || std::string_view(path->methods).find(request.method) == std::string_view::npos)
+        return Plain(405, "Not in this way.", {{"Allow", path->methods}});
     const Accounts::Verdict verdict = accounts_.Check(request.authorization, request.clientAddress);
     if (verdict == Accounts::Verdict::kGood) return std::nullopt;
-    if (verdict == Accounts::Verdict::kBusy) {
-        HttpResponse response = Plain(503, "Too many at a time; try again.");
-        response.headers.emplace_back("Retry-After", "2");
-        return response;
-    }
-    HttpResponse response = Plain(401, "An account is needed (vtstatd passwd NAME makes one).");
-    response.headers.emplace_back("WWW-Authenticate",
-                                  "Basic realm=\"Vantrel Statistics\", charset=\"UTF-8\"");
-    return response;
+    if (verdict == Accounts::Verdict::kBusy)
+        return Plain(503, "Too many at a time; try again.", {{"Retry-After", "2"}});
+    return Plain(401, "An account is needed (vtstatd passwd NAME makes one).",
+                 {{"WWW-Authenticate", "Basic realm=\"Vantrel Statistics\", charset=\"UTF-8\""}});
 }
 
 HttpResponse HttpSite::Answer(const HttpRequest& request) {

@@ -17,6 +17,9 @@ namespace {
 
 using Clock = Connection::Clock;
 
+constexpr char kCantRead[] = "can't read the message";
+constexpr char kCantCopy[] = "can't copy the message";
+
 bool CouldNotLook(ScanOutcome outcome) {
     return outcome != ScanOutcome::kClean && outcome != ScanOutcome::kEncrypted &&
            outcome != ScanOutcome::kInfected;
@@ -83,9 +86,9 @@ class Judge {
     // limits beside it. So it looks again, without what is known to be encrypted.
     ScanResult LookBehind(int file, long long size, const ScanResult& first) {
         std::vector<EncryptedPart> parts;
-        if (!FindEncrypted(file, 0, parts)) return {ScanOutcome::kFailed, "can't read the message"};
+        if (!FindEncrypted(file, 0, parts)) return {ScanOutcome::kFailed, kCantRead};
         const platform::File rest = WithoutParts(file, size, parts);
-        if (!rest) return {ScanOutcome::kFailed, "can't copy the message"};
+        if (!rest) return {ScanOutcome::kFailed, kCantCopy};
         ScanResult result = Believed(rest.Descriptor(), rest.Size());
         if (result.outcome == ScanOutcome::kClean) return first;
         if (result.outcome == ScanOutcome::kEncrypted)
@@ -118,7 +121,7 @@ ScanResult LookAtForms(Judge& judge, int file, long long size, const Survey& sur
         } else if (const platform::File copy = MakeForm(file, form)) {
             result = judge.Look(copy.Descriptor(), copy.Size());
         } else {
-            result = {ScanOutcome::kFailed, "can't copy the message"};
+            result = {ScanOutcome::kFailed, kCantCopy};
         }
         if (result.outcome == ScanOutcome::kInfected) return result;
         if (CouldNotLook(result.outcome) && !CouldNotLook(worst.outcome)) worst = result;
@@ -132,24 +135,20 @@ ScanResult LookAtForms(Judge& judge, int file, long long size, const Survey& sur
 Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* path,
                        Transfer transfer) {
     Judgement judgement;
+    const auto unasked = [&judgement](ScanOutcome outcome, const char* why) {
+        judgement.scan = {outcome, why};
+        return judgement;
+    };
     const platform::File file(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     struct stat info {};
-    if (!file || fstat(file.Descriptor(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        judgement.scan = {ScanOutcome::kFailed, "can't read the message"};
-        return judgement;
-    }
+    if (!file || fstat(file.Descriptor(), &info) != 0 || !S_ISREG(info.st_mode))
+        return unasked(ScanOutcome::kFailed, kCantRead);
     judgement.size = info.st_size;
-    if (info.st_size > settings.maxFileSize) {
-        judgement.scan = {ScanOutcome::kTooBig, "larger than MaxFileSize"};
-        return judgement;
-    }
-    judgement.scan = {ScanOutcome::kClean, ""};
-    if (info.st_size == 0) return judgement;
+    if (info.st_size > settings.maxFileSize)
+        return unasked(ScanOutcome::kTooBig, "larger than MaxFileSize");
+    if (info.st_size == 0) return unasked(ScanOutcome::kClean, "");
     Survey survey;
-    if (!SurveyMessage(file.Descriptor(), survey)) {
-        judgement.scan = {ScanOutcome::kFailed, "can't read the message"};
-        return judgement;
-    }
+    if (!SurveyMessage(file.Descriptor(), survey)) return unasked(ScanOutcome::kFailed, kCantRead);
     Judge judge(engine, settings);
     judgement.scan = LookAtForms(judge, file.Descriptor(), info.st_size, survey, transfer);
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement;

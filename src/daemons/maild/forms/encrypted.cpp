@@ -1,30 +1,17 @@
 #include "daemons/maild/forms/encrypted.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <cstdint>
 
 #include "daemons/maild/forms/archivelook.h"
+#include "daemons/maild/forms/blocks.h"
+#include "text/base64.h"
 
 namespace {
 
-constexpr std::size_t kBlock = 65536;
 // What the first bytes of an archive are in base64, as far as they decide all of a character.
 constexpr std::string_view kStarts[] = {"UEsDB", "N3q8rycc", "UmFyIRoH", "JVBER"};
 constexpr std::size_t kLongestStart = 8;
-
-constexpr std::array<signed char, 256> MakeValues() {
-    std::array<signed char, 256> values{};
-    for (signed char& each : values) each = -1;
-    constexpr std::string_view kAlphabet =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (std::size_t i = 0; i < kAlphabet.size(); ++i)
-        values[static_cast<unsigned char>(kAlphabet[i])] = static_cast<signed char>(i);
-    return values;
-}
-constexpr std::array<signed char, 256> kValues = MakeValues();
 
 // Between the characters of a coded part, or in front of its first line.
 bool IsSkipped(char c) { return c == '.' || c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
@@ -60,8 +47,8 @@ class Search {
                 if (c == '\n' || c == '\r') state_ = State::kLineStart;
                 break;
             case State::kInPart:
-                if (kValues[static_cast<unsigned char>(c)] >= 0) {
-                    Decode(c);
+                if (const int digit = Base64Digit(c); digit >= 0) {
+                    Decode(digit);
                 } else if (!IsSkipped(c)) {
                     EndPart(at);
                 }
@@ -83,11 +70,11 @@ class Search {
         look_ = ArchiveLook();
         group_ = 0;
         digits_ = 0;
-        for (const char c : start_) Decode(c);
+        for (const char c : start_) Decode(Base64Digit(c));
         start_.clear();
     }
-    void Decode(char c) {
-        group_ = group_ << 6 | static_cast<std::uint32_t>(kValues[static_cast<unsigned char>(c)]);
+    void Decode(int digit) {
+        group_ = group_ << 6 | static_cast<std::uint32_t>(digit);
         if (++digits_ < 4) return;
         for (const int shift : {16, 8, 0})
             look_.Take(static_cast<unsigned char>(group_ >> shift & 0xFF));
@@ -129,15 +116,12 @@ bool MayBeginArchive(std::string_view line) {
 
 bool FindEncrypted(int file, long long from, std::vector<EncryptedPart>& parts) {
     Search search(parts);
-    std::vector<char> block(kBlock);
-    for (long long at = from;;) {
-        const ssize_t count = pread(file, block.data(), block.size(), at);
-        if (count < 0) return false;
-        if (count == 0) {
-            search.Finish(at);
-            return true;
-        }
-        search.Take({block.data(), static_cast<std::size_t>(count)}, at);
-        at += count;
-    }
+    long long end = from;
+    const bool read = ReadBlocks(file, from, [&](std::string_view text, off_t at) {
+        search.Take(text, at);
+        end = at + static_cast<long long>(text.size());
+        return true;
+    });
+    if (read) search.Finish(end);
+    return read;
 }

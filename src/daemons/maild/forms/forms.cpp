@@ -7,29 +7,15 @@
 #include <cstring>
 #include <string_view>
 
+#include "daemons/maild/forms/blocks.h"
 #include "daemons/maild/forms/encrypted.h"
 
 namespace {
 
-constexpr std::size_t kBlock = 65536;
 constexpr std::string_view kSafeStarts[] = {"Received: ", "Return-Path: "};
 constexpr std::string_view kHeader = "Received: from spool\r\n";
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-
-// Reads the file block by block into `take`, which gives false to end with failure.
-template <typename Take>
-bool ReadBlocks(int file, Take take) {
-    std::vector<char> block(kBlock);
-    for (off_t at = 0;;) {
-        const ssize_t count = pread(file, block.data(), block.size(), at);
-        if (count < 0) return false;
-        if (count == 0) return true;
-        if (!take(std::string_view(block.data(), static_cast<std::size_t>(count)), at))
-            return false;
-        at += count;
-    }
-}
 
 // Goes from line end to line end, so that a message costs little more than two searches a line.
 class Surveyor {
@@ -100,7 +86,7 @@ class Surveyor {
 class FormWriter {
   public:
     FormWriter(platform::File& out, const Form& form) : out_(out), form_(form) {
-        buffer_.reserve(2 * kBlock);
+        buffer_.reserve(2 * kReadBlock);
     }
 
     bool Take(std::string_view text) {
@@ -167,7 +153,7 @@ void AddForm(std::vector<Form>& forms, const Survey& survey, unsigned dots, bool
 
 bool SurveyMessage(int spool, Survey& survey) {
     Surveyor surveyor(survey);
-    const bool read = ReadBlocks(spool, [&](std::string_view text, off_t at) {
+    const bool read = ReadBlocks(spool, 0, [&](std::string_view text, off_t at) {
         if (at == 0) {
             for (const std::string_view start : kSafeStarts)
                 survey.known = survey.known || text.starts_with(start);
@@ -216,7 +202,7 @@ platform::File MakeForm(int spool, const Form& form) {
     platform::File copy(memfd_create("scan", MFD_CLOEXEC));
     if (!copy || !copy.Write(kHeader.data(), kHeader.size())) return {};
     FormWriter writer(copy, form);
-    if (!ReadBlocks(spool, [&](std::string_view text, off_t) { return writer.Take(text); }) ||
+    if (!ReadBlocks(spool, 0, [&](std::string_view text, off_t) { return writer.Take(text); }) ||
         !writer.Finish() || lseek(copy.Descriptor(), 0, SEEK_SET) != 0)
         return {};
     return copy;

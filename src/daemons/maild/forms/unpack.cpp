@@ -1,16 +1,13 @@
 #include "daemons/maild/forms/unpack.h"
 
-#include <unistd.h>
-
+#include <algorithm>
 #include <string>
 #include <string_view>
-#include <vector>
 
+#include "daemons/maild/forms/blocks.h"
 #include "text/ascii.h"
 
 namespace {
-
-constexpr std::size_t kBlock = 65536;
 
 // In small letters. Names of codings, as headers and data addresses have them, and the beginnings
 // of formats that hold packed bytes as text.
@@ -82,14 +79,8 @@ class Search {
 
 bool CouldUnpack(int file) {
     Search search;
-    std::vector<char> block(kBlock);
-    for (off_t at = 0;;) {
-        const ssize_t count = pread(file, block.data(), block.size(), at);
-        if (count < 0) return true;
-        if (count == 0) return false;
-        for (ssize_t i = 0; i < count; ++i) {
-            if (!search.Take(block[static_cast<std::size_t>(i)])) return true;
-        }
-        at += count;
-    }
+    // What can't be read could.
+    return !ReadBlocks(file, 0, [&](std::string_view text, off_t) {
+        return std::all_of(text.begin(), text.end(), [&](char c) { return search.Take(c); });
+    });
 }

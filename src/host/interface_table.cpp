@@ -1,5 +1,6 @@
 #include <string>
 
+#include "host/interface_options.h"
 #include "host/smtp.h"
 #include "session/session.h"
 #include "trelis/keys/settings.h"
@@ -71,4 +72,5 @@ void CSMTP::LoadInterface(int position, const std::string& name) {
     entry.MaxMessageSize = trelis::ReadSize(Key("MaxMessageSize"), {name});
     entry.TimeoutBetweenNOOPs = trelis::ReadInt(Key("TimeoutBetweenNOOPs"), {name});
     entry.ConnectionTimeout = trelis::ReadInt(Key("ConnectionTimeout"), {name});
+    entry.options = ReadConnectionOptions(name);
 }

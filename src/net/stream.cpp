@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -10,6 +11,8 @@ namespace {
 constexpr std::size_t kLineRead = 2048;
 // Beyond this an empty read-ahead gives its memory back before a wait.
 constexpr std::size_t kKeptAhead = 4096;
+// What may wait for more to be sent with it.
+constexpr std::size_t kMostQueued = 32768;
 // One call's share of what is sent.
 constexpr std::size_t kMostSent = std::size_t{1} << 30;
 // What a peer may still send behind our last word.
@@ -25,11 +28,37 @@ std::chrono::milliseconds Deadline::Left() const {
 
 void Stream::Attach(const CSocket& socket) {
     socket_ = socket;
+    transport_.reset();
+    queued_.clear();
     ahead_.clear();
     at_ = looked_ = 0;
     // Replies and commands are put together here; waiting for acknowledgements would only cost the
     // other side's delay, some 40 ms a piece.
     SocketSendAtOnce(socket_.Handle());
+}
+
+void Stream::Secure(std::unique_ptr<Transport> transport) {
+    transport_ = std::move(transport);
+    ahead_.clear();
+    at_ = looked_ = 0;
+}
+
+void Stream::PutBack(std::string_view bytes) {
+    ahead_.replace(0, at_, bytes);
+    at_ = looked_ = 0;
+}
+
+int Stream::ReceiveNow(char* buffer, int size) const {
+    return transport_ != nullptr ? transport_->ReceiveNow(buffer, size)
+                                 : SocketReceiveNow(socket_.Handle(), buffer, size, false);
+}
+
+// One receive behind what was read ahead; its result.
+int Stream::FillAhead() {
+    std::array<char, kLineRead> block;
+    const int count = ReceiveNow(block.data(), static_cast<int>(block.size()));
+    if (count > 0) ahead_.append(block.data(), static_cast<std::size_t>(count));
+    return count;
 }
 
 bool Stream::FindLine(std::string_view& line) {
@@ -43,9 +72,10 @@ int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds lim
                            const CSocket* other) {
     if (socket_.Empty()) return -1;
     for (;;) {
-        const int count = SocketReceiveNow(socket_.Handle(), buffer, size, false);
+        const int count = ReceiveNow(buffer, size);
         if (count != SOCKET_WOULD_BLOCK) return count;
-        if (WaitForSocket(limit, other) != Wait::kReady) return -1;
+        // Who has to answer must have heard everything first.
+        if (!Flush() || WaitForSocket(limit, other) != Wait::kReady) return -1;
     }
 }
 
@@ -80,13 +110,22 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
 }
 
 Stream::Wait Stream::WaitReadable(std::chrono::milliseconds limit, const CSocket* other) {
-    return HasReadAhead() ? Wait::kReady : WaitForSocket(limit, other);
+    if (HasReadAhead()) return Wait::kReady;
+    if (transport_ == nullptr) return WaitForSocket(limit, other);
+    // Bytes of the connection need not be bytes for us.
+    const Deadline deadline(limit);
+    while (FillAhead() == SOCKET_WOULD_BLOCK) {
+        const Wait wait = WaitForSocket(deadline.Left(), other);
+        if (wait != Wait::kReady) return wait;
+    }
+    return Wait::kReady;
 }
 
 Stream::Wait Stream::WaitForSocket(std::chrono::milliseconds limit, const CSocket* other) {
     if (socket_.Empty()) return Wait::kFailed;
     std::array<SocketWatch, kMostWatches> watches;
-    watches[0] = {socket_.Handle(), SocketWant::kRead, {}};
+    watches[0] = {
+        socket_.Handle(), transport_ != nullptr ? transport_->Wanted() : SocketWant::kRead, {}};
     const bool two = other != nullptr && !other->Empty();
     if (two) watches[1] = {other->Handle(), SocketWant::kNothing, {}};
     if (!SocketWaitAny(watches.data(), two ? 2 : 1, limit)) return Wait::kTimeOver;
@@ -111,13 +150,33 @@ int Stream::Read(char* buffer, int size, std::chrono::milliseconds limit, const 
 }
 
 bool Stream::Send(std::string_view bytes) {
+    return queued_.empty() ? SendNow(bytes) : Queue(bytes) && Flush();
+}
+
+bool Stream::Queue(std::string_view bytes) {
+    queued_.append(bytes);
+    return queued_.size() < kMostQueued || Flush();
+}
+
+bool Stream::Flush() {
+    if (queued_.empty()) return true;
+    const bool sent = SendNow(queued_);
+    queued_.clear();
+    return sent;
+}
+
+bool Stream::SendNow(std::string_view bytes) {
     const Deadline deadline(seconds_);
     while (!bytes.empty()) {
         if (socket_.Empty()) return false;
-        const int count = SocketSendNow(socket_.Handle(), bytes.data(),
-                                        static_cast<int>(std::min(bytes.size(), kMostSent)));
+        const int length = static_cast<int>(std::min(bytes.size(), kMostSent));
+        const int count = transport_ != nullptr
+                              ? transport_->SendNow(bytes.data(), length)
+                              : SocketSendNow(socket_.Handle(), bytes.data(), length);
         if (count == SOCKET_WOULD_BLOCK) {
-            SocketWatch watch{socket_.Handle(), SocketWant::kWrite, {}};
+            SocketWatch watch{socket_.Handle(),
+                              transport_ != nullptr ? transport_->Wanted() : SocketWant::kWrite,
+                              {}};
             if (!SocketWaitAny(&watch, 1, deadline.Left()) || watch.found.exception) return false;
             continue;
         }
@@ -127,17 +186,26 @@ bool Stream::Send(std::string_view bytes) {
     return true;
 }
 
-bool Stream::PeerGone() const {
+bool Stream::PeerGone() {
     if (socket_.HasException()) return true;
     if (HasReadAhead()) return false;
     char byte;
-    const int seen = SocketReceiveNow(socket_.Handle(), &byte, 1, true);
+    const int seen =
+        transport_ != nullptr ? FillAhead() : SocketReceiveNow(socket_.Handle(), &byte, 1, true);
     return seen == 0 || seen == SOCKET_BROKEN;
+}
+
+void Stream::SayGoodbye() {
+    if (transport_ != nullptr && !socket_.Empty()) transport_->SayGoodbye();
 }
 
 void Stream::EndSending() {
     if (socket_.Empty()) return;
+    Flush();
+    SayGoodbye();
     SocketEndSending(socket_.Handle());
+    // What still comes is nobody's: it needn't pass the transport.
+    transport_.reset();
     const Deadline deadline(kLongestLingering);
     std::array<char, kLineRead> block;
     for (int taken = 0; taken < kMostLingering;) {

@@ -8,10 +8,12 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "net/socket.h"
+#include "net/transport.h"
 
 // The end of a time that several waits share.
 class Deadline {
@@ -31,6 +33,10 @@ class Stream {
   public:
     // From now on the socket's bytes pass here. What an earlier socket left is forgotten.
     void Attach(const CSocket& socket);
+    // And from now on they pass through the transport, which speaks with the same socket. What was
+    // read ahead before is forgotten: it came from whoever can write into the bare connection.
+    void Secure(std::unique_ptr<Transport> transport);
+    bool Secured() const { return transport_ != nullptr; }
 
     // The limit of one write, and the one that each arrival gets where a read has none of its own.
     void SetLimit(std::uint32_t seconds) { seconds_ = seconds; }
@@ -56,30 +62,47 @@ class Stream {
     int Read(char* buffer, int size, std::chrono::milliseconds limit,
              const CSocket* other = nullptr);
     bool HasReadAhead() const { return at_ < ahead_.size(); }
+    // Whether a whole line has been read ahead.
+    bool HasLineAhead() const { return ahead_.find('\n', at_) != std::string::npos; }
+    // Gives bytes back that were read and belong to the next reader.
+    void PutBack(std::string_view bytes);
 
     // Sends all of it. False on failure, or when the limit is over before the last byte is out.
     bool Send(std::string_view bytes);
+    // The same, but it may wait for what follows: until Send or Flush, or until there is too much
+    // of it.
+    bool Queue(std::string_view bytes);
+    bool Flush();
 
     // Whether the peer has closed, with nothing that it sent left to read, or the connection is
     // broken. Never waits.
-    bool PeerGone() const;
+    bool PeerGone();
     // Urgent data, a pending error or a reset.
     bool HasException() const { return socket_.HasException(); }
     // Closes in such a way that the last reply reaches a peer that is still sending: says that
     // nothing more comes, and takes what is on its way, up to a bound in bytes and time.
     void EndSending();
+    // The last word of a secured connection, as far as it goes out at once; the socket's owner then
+    // closes.
+    void SayGoodbye();
 
   private:
     bool FindLine(std::string_view& line);
     int TakeAhead(char* buffer, int size);
-    // These two look at the socket alone, not at what was read ahead.
+    // These look at the connection alone, not at what was read ahead.
+    int ReceiveNow(char* buffer, int size) const;
+    int FillAhead();
     int ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
                        const CSocket* other);
     Wait WaitForSocket(std::chrono::milliseconds limit, const CSocket* other);
 
+    bool SendNow(std::string_view bytes);
+
     CSocket socket_;  // a copy: not closed here
+    std::unique_ptr<Transport> transport_;
     std::uint32_t seconds_ = 0;
     std::string ahead_;       // what has come and was not asked for yet, from at_ on
     std::size_t at_ = 0;      // everything in front of it has been given out
     std::size_t looked_ = 0;  // no line end between at_ and it
+    std::string queued_;      // to be sent
 };

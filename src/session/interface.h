@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "net/socket.h"
+#include "session/options.h"
 
 // A client network that may relay. Both numbers in network byte order, the address as configured.
 struct RelayNetwork {
@@ -26,5 +27,6 @@ struct NetworkInterface {
     std::optional<long long> MaxMessageSize;  // bytes; 0: no limit; none: what the scan takes
     int TimeoutBetweenNOOPs = 180;            // seconds, 1 to 3600
     int ConnectionTimeout = 600;              // seconds, 1 to 3600
+    ConnectionOptions options;
     CSocket listener;                         // empty if the entry is not in use
 };

@@ -25,6 +25,7 @@ SessionSettings SessionSettings::Of(const NetworkInterface& interface, long long
     settings.maxMessageSize = interface.MaxMessageSize.value_or(defaultMaxSize);
     settings.relayNetworks = interface.RelayNetworks;
     settings.mailDomains = interface.MailDomains;
+    settings.options = interface.options;
     return settings;
 }
 

@@ -20,6 +20,7 @@ struct SessionSettings {
     std::chrono::milliseconds silence{1000};
     std::vector<RelayNetwork> relayNetworks;
     std::vector<std::string> mailDomains;
+    ConnectionOptions options;
 
     // defaultMaxSize: for an interface that has no limit of its own.
     static SessionSettings Of(const NetworkInterface& interface, long long defaultMaxSize);

@@ -26,7 +26,7 @@ inline std::string ToHex(std::string_view bytes) {
     return hex;
 }
 
-inline bool EqualIgnoringCase(std::string_view a, std::string_view b) {
+constexpr bool EqualIgnoringCase(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                       [](char x, char y) { return FoldCase(x) == FoldCase(y); });
 }

@@ -50,6 +50,54 @@ inline constexpr KeyRow kInterfaceRows[] = {
     Text("Name", "", "a name for people; nothing reads it").Counts("never"),
 };
 
+// Nothing of these is on, or registered, unasked.
+inline constexpr KeyRow kInternetRows[] = {
+    Choice("TLS/Mode", "off", "off|offer|require|wrapped",
+           "TLS from clients: `off`; `offer`, STARTTLS is offered; `require`, no mail without it; "
+           "`wrapped`, from the first byte (a word that is none of these counts as `offer`)")
+        .Unknown("offer"),
+    Text("TLS/Certificate", "", "PEM file with the certificate and its chain"),
+    Text("TLS/Key", "", "PEM file with its key").Shown("the certificate's file"),
+    Choice("TLS/MinVersion", "1.2", "1.2|1.3", "the oldest TLS that a client may speak"),
+    Text("TLS/Ciphers", "",
+         "ciphers for clients, as OpenSSL writes lists; of TLS 1.3 by their names")
+        .Shown("the library's"),
+    Flag("AuthOnlyOverTLS", "AUTH is not offered, and refused with 538, before TLS"),
+    Choice(
+        "ServerTLS/Mode", "off", "off|try|require|verify|wrapped",
+        "TLS to the server: `off`; `try`, where it offers STARTTLS; `require`, or mail gets 454; "
+        "`verify`, its certificate must be good too; `wrapped`, from the first byte, the "
+        "certificate verified if one of the next two says by what (a word that is none of these "
+        "counts as `verify`)")
+        .Unknown("verify"),
+    Text("ServerTLS/CAFile", "", "PEM file with the authorities that may sign its certificate")
+        .Shown("the system's store"),
+    Text("ServerTLS/Name", "", "the name that must be in its certificate")
+        .Shown("the server's host"),
+    Number("ConnectTimeout", "30", 1, 3600,
+           "seconds to wait for a connection to each of the server's addresses, 1 to 3600"),
+    Text("FallbackServers/*", "",
+         "the value is a server, host or host:port, that is tried when the ones before it take no "
+         "connection")
+        .Width(64),
+    Text("Trust/*", "",
+         "the value is an address or network (192.0.2.0/24, 2001:db8::/32) that may tell the "
+         "address of a client")
+        .Width(64),
+    Flag("ProxyProtocol", "those of `Trust` begin with a PROXY header, version 1 or 2"),
+    Choice("TellServer", "off", "off|xclient|xforward|proxy1|proxy2",
+           "how the server is told the client's address: `off`; `xclient` or `xforward`, where it "
+           "offers them; `proxy1` or `proxy2`, a PROXY header in front of everything"),
+    Flag("TellServerRequired", "mail gets 451 where the server can't be told"),
+    Flag("Pipelining", "PIPELINING is offered to clients, and used where the server offers it"),
+    Choice("EarlyTalker", "ignore", "ignore|refuse",
+           "a client that doesn't wait for the greeting, or for an answer without an offer of "
+           "PIPELINING: `ignore`; `refuse`, it gets 554 and the session ends"),
+    Choice("BareNewline", "accept", "accept|normalize|reject",
+           "a LF or CR alone in a message: `accept`, it stays; `normalize`, it becomes CR LF; "
+           "`reject`, the message gets 521 and the session ends"),
+};
+
 inline constexpr KeyRow kProxyRows[] = {
     Text("SpoolGroup", "", "a group that may read the spool files besides their owner").Width(64),
     Written("ActiveConnections", "running sessions, after each quiet 10 seconds"),
@@ -156,6 +204,8 @@ inline constexpr KeyRow kVersionRows[] = {
 
 inline constexpr KeySection kKeySections[] = {
     {kInterfaceKey, "Interfaces", Program::kProxy, "with the next session", kInterfaceRows},
+    {kInterfaceKey, "Interfaces on the Internet", Program::kNone, "with the next session",
+     kInternetRows},
     {kProxyKey, "The proxy", Program::kProxy, "at the start, and when an interface changes",
      kProxyRows},
     {kAddressListKey, "Addresses of clients", Program::kProxy, "at once", kAddressListRows, 256},

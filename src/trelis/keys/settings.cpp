@@ -26,8 +26,22 @@ void Complain(const std::string& path, const std::string& value, const std::stri
                  CleanText(path).c_str(), CleanText(value).c_str(), instead.c_str());
 }
 
-// The default of a number is within its own bounds, a size without one has words for it.
+// The position of a word in a text of words with a '|' between two; -1: it isn't there.
+constexpr int WordPosition(std::string_view words, std::string_view word) {
+    for (int position = 0;; ++position) {
+        const std::size_t end = words.find('|');
+        if (EqualIgnoringCase(words.substr(0, end), word)) return position;
+        if (end == std::string_view::npos) return -1;
+        words.remove_prefix(end + 1);
+    }
+}
+
+// The default of a choice is one of its words, that of a number is within its own bounds, a size
+// without one has words for it.
 constexpr bool MakesSense(const KeyRow& row) {
+    if (row.kind == KeyKind::kChoice)
+        return WordPosition(row.words, row.fallback) >= 0 &&
+               (row.unknown == nullptr || WordPosition(row.words, row.unknown) >= 0);
     if (row.kind != KeyKind::kNumber && row.kind != KeyKind::kSize) return true;
     if (*row.fallback == '\0') return row.kind == KeyKind::kNumber || row.shown != nullptr;
     long long number = 0;
@@ -124,6 +138,15 @@ std::optional<long long> ReadSize(const Key& key, Names names) {
     if (size) return InBounds(key, names, given, *size);
     Complain(key.Path(names), given, fallback ? key.Row().fallback : key.Row().shown);
     return fallback;
+}
+
+int ReadChoice(const Key& key, Names names) {
+    const KeyRow& row = key.Row();
+    const std::string text = ReadText(key, names);
+    if (const int position = WordPosition(row.words, text); position >= 0) return position;
+    const char* instead = row.unknown != nullptr ? row.unknown : row.fallback;
+    Complain(key.Path(names), text, instead);
+    return WordPosition(row.words, instead);
 }
 
 bool ReadFlag(const Key& key, Names names) {

@@ -18,7 +18,7 @@ namespace trelis {
 class Key {
   public:
     consteval Key(std::string_view root, std::string_view name)
-        : section_(&Find(root)), row_(&Find(*section_, name)) {}
+        : section_(&Find(root, name)), row_(Find(*section_, name)) {}
 
     const KeyRow& Row() const { return *row_; }
     int Width() const { return row_->width == 0 ? section_->width : row_->width; }
@@ -28,17 +28,18 @@ class Key {
     std::string ListPath(std::initializer_list<std::string_view> names = {}) const;
 
   private:
-    static consteval const KeySection& Find(std::string_view root) {
+    // A root may have several sections.
+    static consteval const KeySection& Find(std::string_view root, std::string_view name) {
         for (const KeySection& section : kKeySections) {
-            if (section.root == root) return section;
-        }
-        throw "the table has no such section";
-    }
-    static consteval const KeyRow& Find(const KeySection& section, std::string_view name) {
-        for (const KeyRow& row : section.rows) {
-            if (row.name == name) return row;
+            if (section.root == root && Find(section, name) != nullptr) return section;
         }
         throw "the table has no such key";
+    }
+    static consteval const KeyRow* Find(const KeySection& section, std::string_view name) {
+        for (const KeyRow& row : section.rows) {
+            if (row.name == name) return &row;
+        }
+        return nullptr;
     }
 
     const KeySection* section_;
@@ -55,6 +56,8 @@ long long ReadNumber(const Key& key, Names names = {}, std::uint32_t store = kLo
 int ReadInt(const Key& key, Names names = {}, std::uint32_t store = kLocalStore);
 // Bytes; nothing if the key says none and has no default.
 std::optional<long long> ReadSize(const Key& key, Names names = {});
+// The position of the word among the row's.
+int ReadChoice(const Key& key, Names names = {});
 bool ReadFlag(const Key& key, Names names = {});
 
 // A walk over the names that stand for the first '*' that `names` leave over, in the store's order.

@@ -14,6 +14,7 @@ enum class KeyKind {
     kNumber,  // decimal
     kSize,    // bytes, as trelis/size.h reads them
     kFlag,    // on if it begins with Y or y
+    kChoice,  // one of several words
     kWritten  // by a program, for others to read
 };
 
@@ -43,6 +44,8 @@ struct KeyRow {
     bool registersList = false;   // `register` makes the key above its '*', for entries to come
     const char* shown = nullptr;  // the default in words, where `fallback` doesn't say it
     const char* registered = nullptr;  // what `register` writes; null: a default that is not empty
+    const char* words = nullptr;       // of a choice, a '|' between two
+    const char* unknown = nullptr;     // the word that any other stands for; null: the default
     const char* effect = nullptr;      // from when on a change counts, where the section differs
 
     template <typename Field>
@@ -56,8 +59,9 @@ struct KeyRow {
     constexpr KeyRow EmptyCounts() const { return With(&KeyRow::emptyCounts, true); }
     constexpr KeyRow RegistersList() const { return With(&KeyRow::registersList, true); }
     constexpr KeyRow OutOfBounds(Beyond what) const { return With(&KeyRow::beyond, what); }
-    constexpr KeyRow Shown(const char* words) const { return With(&KeyRow::shown, words); }
+    constexpr KeyRow Shown(const char* text) const { return With(&KeyRow::shown, text); }
     constexpr KeyRow Registers(const char* v) const { return With(&KeyRow::registered, v); }
+    constexpr KeyRow Unknown(const char* word) const { return With(&KeyRow::unknown, word); }
     constexpr KeyRow Counts(const char* when) const { return With(&KeyRow::effect, when); }
 };
 
@@ -75,6 +79,10 @@ constexpr KeyRow Text(const char* name, const char* fallback, const char* meanin
 }
 constexpr KeyRow Flag(const char* name, const char* meaning) {
     return KeyRow{name, KeyKind::kFlag, "", meaning}.Shown("off");
+}
+constexpr KeyRow Choice(const char* name, const char* fallback, const char* words,
+                        const char* meaning) {
+    return KeyRow{name, KeyKind::kChoice, fallback, meaning}.With(&KeyRow::words, words);
 }
 constexpr KeyRow Number(const char* name, const char* fallback, long long least, long long most,
                         const char* meaning) {

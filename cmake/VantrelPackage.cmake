@@ -55,7 +55,8 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION mail)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, clamav-daemon")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "clamav-freshclam")
+# The authorities are those that a server's certificate is judged by where no file names others.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "clamav-freshclam, ca-certificates")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/debian/preinst

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/descriptor.h"
@@ -55,6 +57,17 @@ class File {
   private:
     UniqueDescriptor descriptor_;
 };
+
+// What tells one state of a file from another, as long as nobody sets its time back.
+struct FileState {
+    bool plain = false;  // not a directory, pipe or device
+    std::uint64_t size = 0;
+    std::int64_t written = 0;  // nanoseconds since 1970
+    std::uint64_t number = 0;  // another one when the file has been replaced
+    bool operator==(const FileState&) const = default;
+};
+// That of the file or whatever else is there, behind links too. Nothing if it can't be looked at.
+std::optional<FileState> LookAtFile(const std::string& path);
 
 // Reads a small file of the instance whole (1 MiB at most). False if it can't be read.
 bool ReadWholeFile(const std::string& path, std::string& text);

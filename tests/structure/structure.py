@@ -25,6 +25,8 @@ valarray variant vector version
 OF_THE_SYSTEM = ("platform/linux", "trelis", "daemons")
 # And single headers that are not the system's own, with the reason.
 ALSO = {"tools/vtreport.cpp": {"getopt.h"}}  # long options, as the C library reads them
+# Libraries that one folder alone knows, with the reason.
+LIBRARIES = {"tls": "openssl/"}  # so that another library, or version, of TLS changes one folder
 # Who may look behind the platform's face.
 BEHIND_THE_FACE = ("platform/linux", "daemons/supervisor")
 # Longer than the rest, with the reason. What stands here and is short enough is a breach too.
@@ -120,6 +122,9 @@ def check_systems(files):
     for name, found in files.items():
         for kind, other, side in found:
             if kind == "<" and other not in STANDARD | ALSO.get(name, set()):
+                library = LIBRARIES.get(name.split("/")[0])
+                if library and other.startswith(library):
+                    continue
                 if not below(name, OF_THE_SYSTEM) and not (name.startswith("platform/") and side == "windows"):
                     yield f"{name}: <{other}> is not of the C++ library"
             if kind == '"' and other.startswith("platform/linux/") and not below(name, BEHIND_THE_FACE):

@@ -42,6 +42,7 @@ class Structure(unittest.TestCase):
                  "<poll.h>"),
                 ("one in a face, for this system", "src/platform/a.h", "#ifndef _WIN32\n#include <poll.h>\n#endif\n",
                  "<poll.h>"),
+                ("a library of another folder", "src/net/b.h", "#include <openssl/ssl.h>\n", "<openssl/ssl.h>"),
                 ("one system's side from above", "src/net/b.h", "#include \"platform/linux/a.h\"\n", "side"),
                 ("one system's side for all", "src/platform/a.h", "#include \"platform/linux/a.h\"\n", "side"),
                 ("a folder that stands below", "src/net/b.h", "#include \"host/c.h\"\n", "below"),

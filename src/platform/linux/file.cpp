@@ -89,6 +89,14 @@ bool File::Close() {
     return descriptor < 0 || close(descriptor) == 0;
 }
 
+std::optional<FileState> LookAtFile(const std::string& path) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) return std::nullopt;
+    constexpr std::int64_t kSecond = 1'000'000'000;
+    return FileState{S_ISREG(info.st_mode), static_cast<std::uint64_t>(info.st_size),
+                     info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec, info.st_ino};
+}
+
 bool ReadWholeFile(const std::string& path, std::string& text) {
     constexpr std::size_t kLimit = 1 << 20;
     text.clear();

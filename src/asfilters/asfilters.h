@@ -22,7 +22,7 @@ class CASFilters {
 
     // Loads the configuration. 0, or -1 if the store can't be opened: then nothing was loaded.
     virtual int Reload() = 0;
-    // peer: dotted IPv4 text. 0 pass, 2 denied, 3 filter off.
+    // peer: the text of an address, IPv4 or IPv6. 0 pass, 2 denied, 3 filter off.
     virtual int CheckIP(const char* peer) = 0;
     // sender is lower-cased in place, unless the filter is off. -1 no sender, 0 pass, 1 refused, 2
     // drop the connection, 3 filter off. With 1 and 2 denyText (denySize bytes) holds the reply,

@@ -3,16 +3,21 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include "net/address.h"
 #include "trelis/keys/followed.h"
 #include "trelis/keys/rows.h"
 
+// An IPv4 address with or without a mask, or, in the notations of IpNetwork that the first form has
+// not (an IPv6 address, a network with its prefix), a Network.
 struct IPEntry {
     std::uint32_t IP = 0;    // network byte order
     std::uint32_t Mask = 0;  // network byte order; 0 if there is none
     int Action = 0;          // kAllow or kDeny
     int HasMask = 0;         // 0: the whole address is compared
+    std::optional<IpNetwork> Network;
 
     static constexpr int kAllow = 1;
     static constexpr int kDeny = 2;

@@ -13,12 +13,24 @@ constexpr char kEveryAddress[] = "0.0.0.0";
 
 // The system would listen on a broadcast address and on one of "this network", where no client ever
 // comes, and would keep the port from a good entry.
-bool CanListenOn(std::uint32_t address) {
+bool CanListenOn(const IpAddress& where) {
+    if (!where.IsV4()) return true;
+    const std::uint32_t address = where.V4();
     return address == INADDR_ANY || (address != INADDR_NONE && ntohl(address) >> 24 != 0);
 }
 
-in_addr_t ReadAddress(const trelis::Key& key, trelis::Names names) {
-    return inet_addr(trelis::ReadText(key, names).c_str());
+// A text that is no address gives one that can't be listened on.
+IpAddress ReadAddress(const std::string& text) {
+    if (text.find(':') != std::string::npos)
+        return IpAddress::Parse(text).value_or(IpAddress::OfV4(INADDR_NONE));
+    return IpAddress::OfV4(inet_addr(text.empty() ? kEveryAddress : text.c_str()));
+}
+
+void Open(CSocket& listener, const IpAddress& where, std::uint16_t port) {
+    const SocketAddress address = where.WithPort(port);
+    if (!listener.Create(SOCK_STREAM, address)) return;
+    SocketAllowReuse(listener.Handle());
+    if (!where.IsV4()) SocketTakeBothFamilies(listener.Handle(), where == IpAddress());
 }
 
 }  // namespace
@@ -48,13 +60,12 @@ void CSMTP::LoadInterface(int position, const std::string& name) {
     entry.GreetingDomainName = trelis::ReadText(Key("GreetingDomainName"), {name});
     entry.IPAddress = trelis::ReadText(Key("IPAddress"), {name});
     entry.Port = trelis::ReadInt(Key("Port"), {name});
-    const SocketAddress address =
-        NumericAddress(entry.IPAddress.empty() ? kEveryAddress : entry.IPAddress.c_str(),
-                       static_cast<std::uint16_t>(entry.Port));
     entry.ServerToForward = trelis::ReadText(Key("ServerToForward"), {name});
 
-    if (entry.listener.Create(SOCK_STREAM)) SocketAllowReuse(entry.listener.Handle());
-    if (CanListenOn(address.sin_addr.s_addr) && entry.listener.Bind(address)) {
+    const IpAddress where = ReadAddress(entry.IPAddress);
+    const auto port = static_cast<std::uint16_t>(entry.Port);
+    Open(entry.listener, where, port);
+    if (CanListenOn(where) && entry.listener.Bind(where.WithPort(port))) {
         entry.listener.Listen();
         WSAAsyncSelect(entry.listener.Handle(), SocketWindow, AcceptMessage, FD_ACCEPT);
     }
@@ -62,8 +73,9 @@ void CSMTP::LoadInterface(int position, const std::string& name) {
     std::string item;
     trelis::NameWalk networks(Key("RelayNetworks/*/IPAddress"), {name});
     while (networks.Next(item))
-        entry.RelayNetworks.push_back({ReadAddress(Key("RelayNetworks/*/IPAddress"), {name, item}),
-                                       ReadAddress(Key("RelayNetworks/*/Mask"), {name, item})});
+        entry.RelayNetworks.emplace_back(
+            trelis::ReadText(Key("RelayNetworks/*/IPAddress"), {name, item}),
+            trelis::ReadText(Key("RelayNetworks/*/Mask"), {name, item}));
     trelis::NameWalk domains(Key("MailDomains/*"), {name});
     while (domains.Next(item))
         entry.MailDomains.push_back(trelis::ReadText(Key("MailDomains/*"), {name, item}));

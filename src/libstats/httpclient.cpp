@@ -36,7 +36,7 @@ int CHTTPClient::ConnectTo(const char* host, int port) {
         return connection_.Empty() ? -1 : 0;
     }
     const SocketAddress address = NumericAddress(host, static_cast<std::uint16_t>(port));
-    if (address.sin_addr.s_addr == INADDR_NONE || port < 1 || port > 0xFFFF) return -1;
+    if (address.V4().sin_addr.s_addr == INADDR_NONE || port < 1 || port > 0xFFFF) return -1;
     // One exchange, one connection: an earlier one must not be lost open.
     connection_.Close();
     return connection_.Create(1) && connection_.Connect(address) ? 0 : -1;

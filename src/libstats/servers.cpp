@@ -25,7 +25,7 @@ int ReadPort(std::uint32_t address) {
 
 }  // namespace
 
-std::uint32_t ResolveAddress(const char* host) { return ResolveHost(host, 0).sin_addr.s_addr; }
+std::uint32_t ResolveAddress(const char* host) { return ResolveHost(host, 0).V4().sin_addr.s_addr; }
 
 int CLibStatsCore::AddServer(const char* host, const char* user, const char* password) {
     if (host == nullptr || user == nullptr || password == nullptr) return -1;

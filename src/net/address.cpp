@@ -35,6 +35,28 @@ std::optional<IpAddress> IpAddress::Parse(std::string_view text) {
     return std::nullopt;
 }
 
+IpAddress IpAddress::Of(const SocketAddress& address) {
+    if (address.Family() != AF_INET6) return OfV4(address.V4().sin_addr.s_addr);
+    std::array<std::uint8_t, 16> bytes{};
+    std::memcpy(bytes.data(), &address.V6().sin6_addr, bytes.size());
+    return OfV6(bytes);
+}
+
+SocketAddress IpAddress::WithPort(std::uint16_t port) const {
+    if (IsV4()) {
+        sockaddr_in record{};
+        record.sin_family = AF_INET;
+        record.sin_port = htons(port);
+        record.sin_addr.s_addr = V4();
+        return SocketAddress(record);
+    }
+    sockaddr_in6 record{};
+    record.sin6_family = AF_INET6;
+    record.sin6_port = htons(port);
+    std::memcpy(&record.sin6_addr, bytes_.data(), bytes_.size());
+    return SocketAddress(record);
+}
+
 bool IpAddress::IsV4() const {
     return std::equal(kV4Prefix.begin(), kV4Prefix.end(), bytes_.begin());
 }

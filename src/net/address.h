@@ -21,6 +21,11 @@ class IpAddress {
     static IpAddress OfV6(const std::array<std::uint8_t, 16>& bytes);
     // Dotted with four numbers, or an IPv6 address without brackets and zone. Nothing else.
     static std::optional<IpAddress> Parse(std::string_view text);
+    // Of an address that is known.
+    static IpAddress Of(const SocketAddress& address);
+
+    // With a port (host order), as the system takes it.
+    SocketAddress WithPort(std::uint16_t port) const;
 
     bool IsV4() const;
     // In network byte order, of an IPv4 address.

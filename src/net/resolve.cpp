@@ -1,33 +1,60 @@
+#include <algorithm>
 #include <cstring>
+#include <memory>
 
+#include "net/address.h"
 #include "net/socket.h"
+#include "text/ascii.h"
+
+namespace {
+
+std::vector<SocketAddress> Resolve(const char* name, int family, std::uint16_t port) {
+    addrinfo hints{};
+    hints.ai_family = family;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* answer = nullptr;
+    if (getaddrinfo(name, nullptr, &hints, &answer) != 0) return {};
+    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(answer, freeaddrinfo);
+    std::vector<SocketAddress> found;
+    for (const addrinfo* each = answer; each != nullptr; each = each->ai_next) {
+        if (each->ai_addrlen > SocketAddress::kRoom) continue;
+        SocketAddress address;
+        std::memcpy(address.Room(), each->ai_addr, each->ai_addrlen);
+        if (!address.Known()) continue;
+        address.SetPort(port);
+        found.push_back(address);
+    }
+    return found;
+}
+
+}  // namespace
 
 SocketAddress ResolveHost(const char* name, std::uint16_t port) {
-    SocketAddress address{};
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (name == nullptr || getaddrinfo(name, nullptr, &hints, &found) != 0 || found == nullptr)
-        return address;
-    std::memcpy(&address, found->ai_addr, sizeof address);
-    address.sin_port = htons(port);
-    freeaddrinfo(found);
-    return address;
+    if (name == nullptr) return {};
+    const std::vector<SocketAddress> found = Resolve(name, AF_INET, port);
+    return found.empty() ? SocketAddress() : found.front();
+}
+
+std::vector<SocketAddress> ResolveAll(const std::string& host, std::uint16_t port) {
+    // Without a letter it is no name, and IPv4 in whatever form: nobody is asked for it.
+    if (host.find(':') == std::string::npos && std::none_of(host.begin(), host.end(), IsLetter)) {
+        const SocketAddress address = NumericAddress(host.c_str(), port);
+        if (address.V4().sin_addr.s_addr == INADDR_NONE) return {};
+        return {address};
+    }
+    return Resolve(host.c_str(), AF_UNSPEC, port);
 }
 
 SocketAddress NumericAddress(const char* text, std::uint16_t port) {
-    SocketAddress address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = text == nullptr ? INADDR_NONE : inet_addr(text);
-    return address;
+    return IpAddress::OfV4(text == nullptr ? INADDR_NONE : inet_addr(text)).WithPort(port);
 }
 
-std::string AddressText(const SocketAddress& address) {
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-    return text;
+std::string AddressText(const SocketAddress& address) { return IpAddress::Of(address).Text(); }
+
+std::string AddressAndPort(const SocketAddress& address) {
+    const std::string text = AddressText(address);
+    const std::string port = std::to_string(address.Port());
+    return text.find(':') == std::string::npos ? text + ":" + port : "[" + text + "]:" + port;
 }
 
 int StartThread(HANDLE* out, LPTHREAD_START_ROUTINE procedure, LPVOID argument) {

@@ -1,6 +1,7 @@
 #include "net/socket.h"
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -29,6 +30,11 @@ bool CSocket::Create(int type) {
     return handle_ != INVALID_SOCKET;
 }
 
+bool CSocket::Create(int type, const SocketAddress& address) {
+    handle_ = SocketCreate(type, address.Family());
+    return handle_ != INVALID_SOCKET;
+}
+
 void CSocket::Close() {
     if (Empty()) return;
     if (handle_ != INVALID_SOCKET) closesocket(handle_);
@@ -40,8 +46,7 @@ void CSocket::Shutdown() {
 }
 
 bool CSocket::Bind(const SocketAddress& address) {
-    return !Empty() &&
-           bind(handle_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return !Empty() && bind(handle_, address.Record(), address.Size()) == 0;
 }
 
 bool CSocket::Listen() { return !Empty() && listen(handle_, kBacklog) == 0; }
@@ -52,13 +57,20 @@ bool CSocket::Accept(CSocket& out, SocketAddress* address) {
 }
 
 bool CSocket::Connect(const SocketAddress& address) {
-    return !Empty() &&
-           connect(handle_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    // An address that is not known would be taken for the wish to be unconnected, and granted.
+    return !Empty() && address.Known() && connect(handle_, address.Record(), address.Size()) == 0;
+}
+
+int CSocket::Connect(const SocketAddress& address, std::chrono::milliseconds limit,
+                     const std::function<bool()>& underWay) {
+    if (Empty() || !address.Known()) return EINVAL;
+    if (const int error = SocketBeginConnect(handle_, address); error != 0) return error;
+    return underWay() ? SocketEndConnect(handle_, limit) : ECONNABORTED;
 }
 
 int CSocket::GetPeerAddress(SocketAddress& address) const {
-    socklen_t length = sizeof address;
-    return Empty() ? -1 : getpeername(handle_, reinterpret_cast<sockaddr*>(&address), &length);
+    socklen_t length = SocketAddress::kRoom;
+    return Empty() ? -1 : getpeername(handle_, address.Room(), &length);
 }
 
 bool CSocket::HasException() const {

@@ -6,8 +6,11 @@
 // poll.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "platform/socket.h"
 #include "platform/sync.h"
@@ -22,8 +25,10 @@ class CSocket {
     SOCKET Handle() const { return handle_; }
     bool Empty() const { return handle_ == 0; }
 
-    // Opens a socket; type 1 is a stream.
+    // Opens an IPv4 socket; type 1 is a stream.
     bool Create(int type);
+    // Or one that can be bound or connected to this address.
+    bool Create(int type, const SocketAddress& address);
     void Close();
     void Shutdown();
     bool Bind(const SocketAddress& address);
@@ -32,6 +37,11 @@ class CSocket {
     bool Accept(CSocket& out, SocketAddress* address);
     // Waits as long as the system tries.
     bool Connect(const SocketAddress& address);
+    // Waits no longer than that; the socket is non-blocking afterwards. 0, or the platform's error
+    // value. `underWay` is called once the attempt has begun, and may end it by false; from then on
+    // a shutdown of the socket by another thread ends the wait.
+    int Connect(const SocketAddress& address, std::chrono::milliseconds limit,
+                const std::function<bool()>& underWay);
     // 0, or the platform's error value.
     int GetPeerAddress(SocketAddress& address) const;
 
@@ -64,11 +74,18 @@ class CSocket {
 // The host's first IPv4 address and the port (host order); all zero if the name is unknown. Any
 // thread.
 SocketAddress ResolveHost(const char* name, std::uint16_t port);
+// All addresses of the host, of both families, in the resolver's order; none if the name is
+// unknown. A host in numbers is its one address, also in the forms that NumericAddress takes. Any
+// thread; waits as long as the system's resolver does.
+std::vector<SocketAddress> ResolveAll(const std::string& host, std::uint16_t port);
 
-// An address in numbers and a port (host order). A text that is none gives all ones, as null does.
+// An IPv4 address in numbers and a port (host order). A text that is none gives all ones, as null
+// does.
 SocketAddress NumericAddress(const char* text, std::uint16_t port);
 // The address in numbers, without the port.
 std::string AddressText(const SocketAddress& address);
+// And with it: 192.0.2.1:25, [2001:db8::1]:25.
+std::string AddressAndPort(const SocketAddress& address);
 
 // Starts a thread at once. With an out handle the caller owns it. 0, or -1.
 int StartThread(HANDLE* out, LPTHREAD_START_ROUTINE procedure, LPVOID argument);

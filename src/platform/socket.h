@@ -1,10 +1,11 @@
 // Sockets: the operations of the socket layer with their documented names, and the few that POSIX
-// and Windows spell differently. IPv4 only. No call here raises SIGPIPE, none is limited to low
+// and Windows spell differently. No call here raises SIGPIPE, none is limited to low
 // descriptors, and none hands out descriptor 0, which is the empty marker of the layer above.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 
 #include "platform/types.h"
 
@@ -28,19 +29,53 @@ int WSACleanup();
 int closesocket(SOCKET socket);
 #endif
 
-// The 16-byte IPv4 address record; all numbers in network byte order.
-using SocketAddress = sockaddr_in;
-static_assert(sizeof(SocketAddress) == 16);
+// An address and a port as the system takes them: the 16-byte record of IPv4, or that of IPv6. Not
+// known (all zero, and of no family) until it has been given one of these.
+class SocketAddress {
+  public:
+    SocketAddress() : v6_{} {}
+    explicit SocketAddress(const sockaddr_in& record) : SocketAddress() { v4_ = record; }
+    explicit SocketAddress(const sockaddr_in6& record) : v6_(record) {}
+
+    bool Known() const { return Family() == AF_INET || Family() == AF_INET6; }
+    int Family() const { return any_.sa_family; }
+    std::uint16_t Port() const { return ntohs(v4_.sin_port); }  // host order
+    void SetPort(std::uint16_t port) { v4_.sin_port = htons(port); }
+    // The family's record; of that family only.
+    const sockaddr_in& V4() const { return v4_; }
+    const sockaddr_in6& V6() const { return v6_; }
+
+    // For the system's calls: the record and its size, or room for one of either family.
+    const sockaddr* Record() const { return &any_; }
+    socklen_t Size() const { return Family() == AF_INET6 ? sizeof v6_ : sizeof v4_; }
+    sockaddr* Room() { return &any_; }
+    static constexpr socklen_t kRoom = sizeof(sockaddr_in6);
+
+  private:
+    // Family and port stand at the same place in all of them.
+    union {
+        sockaddr any_;
+        sockaddr_in v4_;
+        sockaddr_in6 v6_;
+    };
+};
+static_assert(sizeof(sockaddr_in) == 16);
 
 // A fresh socket as it came from the system, or another descriptor for it instead of 0, the empty
 // marker of the layer above; INVALID_SOCKET if there is none.
 SOCKET SocketAvoidZero(SOCKET socket);
-// A new IPv4 socket, close-on-exec; INVALID_SOCKET on failure.
-SOCKET SocketCreate(int type);
+// A new socket of the family, close-on-exec; INVALID_SOCKET on failure.
+SOCKET SocketCreate(int type, int family = AF_INET);
 // Accepts from a listener, non-blocking and close-on-exec. INVALID_SOCKET if nothing waits or on
 // failure; a shortage of descriptors or memory then holds back this thread's accept notifications
 // for 100 ms.
 SOCKET SocketAccept(SOCKET listener, SocketAddress* address);
+// Begins to connect without a wait; the socket is non-blocking from then on. 0 if it is connected
+// or on its way, else the system's error value.
+int SocketBeginConnect(SOCKET socket, const SocketAddress& address);
+// Waits for the end of that: 0, or the system's error value, ETIMEDOUT once the time is over. A
+// shutdown of the socket by another thread ends the wait.
+int SocketEndConnect(SOCKET socket, std::chrono::milliseconds limit);
 // Receive and send what is possible at once, whatever the socket's mode. The count, 0 (receive:
 // peer closed), SOCKET_WOULD_BLOCK, or SOCKET_BROKEN.
 inline constexpr int SOCKET_WOULD_BLOCK = -2;
@@ -70,6 +105,8 @@ SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds);
 // From now on what is sent goes out at once, and does not wait for what went before to be
 // acknowledged. For a writer that puts together itself what belongs together.
 void SocketSendAtOnce(SOCKET socket);
+// Before its Bind: whether an IPv6 listener takes IPv4 clients too, as it does on "::" only.
+void SocketTakeBothFamilies(SOCKET socket, bool both);
 // A listener that starts anew gets its port while old connections linger.
 void SocketAllowReuse(SOCKET socket);
 // Raises the receive buffer to that many bytes, never lowers it: a fixed size below the system's

@@ -9,18 +9,13 @@
 
 #include "net/socket.h"
 #include "session/options.h"
-
-// A client network that may relay. Both numbers in network byte order, the address as configured.
-struct RelayNetwork {
-    std::uint32_t address;
-    std::uint32_t mask;
-};
+#include "session/relay_network.h"
 
 struct NetworkInterface {
     std::string GreetingDomainName;           // the name in the proxy's own reply lines
-    std::string IPAddress;                    // dotted; empty: all addresses
+    std::string IPAddress;                    // "::": all of both families; empty: all of IPv4
     int Port = 0;                             // host order
-    std::string ServerToForward;              // host, or host:port
+    std::string ServerToForward;              // as ServerAddress reads it
     std::vector<RelayNetwork> RelayNetworks;  // in the store's order
     std::vector<std::string> MailDomains;     // in the store's order
     int MaxThreads = 0;                       // 0: no limit
@@ -28,5 +23,5 @@ struct NetworkInterface {
     int TimeoutBetweenNOOPs = 180;            // seconds, 1 to 3600
     int ConnectionTimeout = 600;              // seconds, 1 to 3600
     ConnectionOptions options;
-    CSocket listener;                         // empty if the entry is not in use
+    CSocket listener;  // empty if the entry is not in use
 };

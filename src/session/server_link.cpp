@@ -29,6 +29,7 @@ void ServerLink::Attach(const CSocket& socket) {
     stream_.Attach(socket);
     stream_.SetLimit(settings_.connectionTimeout);
     lastSent_ = Clock::now();
+    spoken_ = false;
 }
 
 bool ServerLink::Send(std::string_view bytes) {
@@ -52,6 +53,7 @@ bool ServerLink::ReplyReader::Next(std::string_view& line) {
             line = shortened_;
         }
         if (!IsCode(line)) continue;
+        link_.spoken_ = true;
         done_ = line[kCodeSize] != '-';
         return true;
     }

@@ -60,6 +60,8 @@ class ServerLink {
     // server that has heard nothing for the interval, for servers count commands that move no mail
     // and hang up on a client with too many of them. False if a NOOP failed.
     bool KeepAliveAfterAnswer();
+    // Whether a line of a reply has come since Attach.
+    bool HasSpoken() const { return spoken_; }
     bool SilentFor(std::chrono::seconds time) const { return Clock::now() - lastSent_ >= time; }
 
     const CSocket& Socket() const { return socket_; }
@@ -76,4 +78,5 @@ class ServerLink {
     Stream stream_;
     Clock::time_point lastSent_;
     int ownAnswers_ = 0;
+    bool spoken_ = false;
 };

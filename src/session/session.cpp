@@ -1,11 +1,11 @@
 #include "session/session.h"
 
-#include <algorithm>
+#include <chrono>
 #include <new>
 
 #include "asfilters/asfilters.h"
 #include "session/registry.h"
-#include "text/ascii.h"
+#include "session/server/outage.h"
 
 namespace {
 
@@ -22,8 +22,6 @@ DWORD SessionThread(LPVOID argument) {
     SessionRegistry::Instance().Done();
     return 0;
 }
-
-bool HasLetter(const std::string& text) { return std::any_of(text.begin(), text.end(), IsLetter); }
 
 }  // namespace
 
@@ -58,9 +56,9 @@ int CSMTPProxy::Start() {
 
 void CSMTPProxy::RequestStop() {
     stopRequested_ = true;
-    if (!waitingForCommand_) return;
     const std::lock_guard lock(handleMutex_);
-    if (clientHandle_ != 0) shutdown(clientHandle_, 0);
+    if (connecting_ && serverHandle_ != 0) shutdown(serverHandle_, SD_BOTH);
+    if (waitingForCommand_ && clientHandle_ != 0) shutdown(clientHandle_, 0);
 }
 
 void CSMTPProxy::Cut() {
@@ -79,8 +77,14 @@ Stream::Line CSMTPProxy::ReadCommand(std::string_view& line, std::size_t limit) 
     return result;
 }
 
-bool CSMTPProxy::IsPeerDenied(const SocketAddress& peer) {
-    peers_.address = AddressText(peer);
+bool CSMTPProxy::IsClientDenied() {
+    SocketAddress peer;
+    clientSocket_.GetPeerAddress(peer);
+    // A connection that has broken already has no peer to be judged, and sends nothing any more.
+    if (!peer.Known()) return false;
+    const IpAddress client = IpAddress::Of(peer);
+    peers_.address = client.Text();
+    peers_.relayAllowed = settings_.MayRelay(client);
     const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
     if (filters == nullptr || filters->CheckIP(peers_.address.c_str()) != 2) return false;
     peers_.SendStatEvent(80, nullptr, nullptr);
@@ -88,15 +92,12 @@ bool CSMTPProxy::IsPeerDenied(const SocketAddress& peer) {
 }
 
 int CSMTPProxy::RunSession() {
-    SocketAddress peer{};
-    clientSocket_.GetPeerAddress(peer);
-    peers_.relayAllowed = settings_.MayRelay(peer.sin_addr.s_addr);
     bool counted = false;
     try {
-        if (!IsPeerDenied(peer)) {
+        if (!IsClientDenied()) {
             ++*connectionCounter_;
             counted = true;
-            if (ConnectToServer()) conversation_.Run(*this);
+            Serve();
         }
     } catch (...) {  // memory ran out: an ordinary end
     }
@@ -117,20 +118,58 @@ int CSMTPProxy::RunSession() {
     return 0;
 }
 
-bool CSMTPProxy::ConnectToServer() {
-    if (!configured_) return false;
-    const char* host = settings_.forwardHost.c_str();
-    const std::uint16_t port = settings_.forwardPort;
-    const SocketAddress address =
-        HasLetter(settings_.forwardHost) ? ResolveHost(host, port) : NumericAddress(host, port);
-    if (!serverSocket_.Create(1)) return false;
-    {
-        const std::lock_guard lock(handleMutex_);
-        serverHandle_ = serverSocket_.Handle();
-    }
-    if (!serverSocket_.Connect(address)) return false;  // closed at the session's end
-    server_.Attach(serverSocket_);
+void CSMTPProxy::Serve() {
+    if (!configured_) return;
     client_.Attach(clientSocket_);
     client_.SetLimit(settings_.connectionTimeout);
+    if (!ConnectToServer()) return;
+    server_.Attach(serverSocket_);
+    conversation_.Run(*this);
+    if (!server_.HasSpoken()) AnswerOutage(ConnectFailure::kNone, "no greeting");
+}
+
+bool CSMTPProxy::ConnectToServer() {
+    {
+        const std::lock_guard lock(handleMutex_);
+        connecting_ = true;
+    }
+    const ServerConnection made = ConnectToServers(
+        settings_.servers, std::chrono::seconds(settings_.options.connectTimeout), *this);
+    {
+        const std::lock_guard lock(handleMutex_);
+        connecting_ = false;
+    }
+    if (made.failure != ConnectFailure::kNone) {
+        AnswerOutage(made.failure, made.reason);
+        return false;
+    }
+    serverSocket_ = made.socket;
+    settings_.forwardHost = made.server.host;
+    settings_.forwardPort = made.server.port;
     return true;
+}
+
+bool CSMTPProxy::Trying(SOCKET socket) {
+    const std::lock_guard lock(handleMutex_);
+    serverHandle_ = socket;
+    return !stopRequested_;
+}
+
+void CSMTPProxy::Failed() {
+    const std::lock_guard lock(handleMutex_);
+    serverHandle_ = 0;
+}
+
+bool CSMTPProxy::Wanted() { return !stopRequested_ && !client_.PeerGone(); }
+
+void CSMTPProxy::AnswerOutage(ConnectFailure failure, const std::string& reason) {
+    if (stopRequested_) {
+        failure = ConnectFailure::kGivenUp;
+    } else {
+        const ServerAddress server{settings_.forwardHost, settings_.forwardPort};
+        LogOutage(server,
+                  failure == ConnectFailure::kNone ? server.Text() + ": " + reason : reason);
+    }
+    client_.Send(OutageReply(settings_.greetingName, failure));
+    client_.EndSending();
 }

@@ -17,9 +17,10 @@
 #include "session/interface.h"
 #include "session/message/spool_file.h"
 #include "session/peers.h"
+#include "session/server/connector.h"
 #include "session/settings.h"
 
-class CSMTPProxy : private CommandSource {
+class CSMTPProxy : private CommandSource, private ConnectWatch {
   public:
     explicit CSMTPProxy(SOCKET client) : clientSocket_(client), clientHandle_(client) {}
     CSMTPProxy(const CSMTPProxy&) = delete;
@@ -44,9 +45,17 @@ class CSMTPProxy : private CommandSource {
     friend std::unique_ptr<CSMTPProxy> CreateSession(SOCKET socket);
 
     Stream::Line ReadCommand(std::string_view& line, std::size_t limit) override;
+    bool Trying(SOCKET socket) override;
+    void Failed() override;
+    bool Wanted() override;
+
+    // Learns who the client is, and judges its address.
+    bool IsClientDenied();
+    // From the connection to the server to the end of the dialogue.
+    void Serve();
     bool ConnectToServer();
-    // Judges the client's address, and notes it as text.
-    bool IsPeerDenied(const SocketAddress& peer);
+    // The client's only reply where there is no server.
+    void AnswerOutage(ConnectFailure failure, const std::string& reason);
 
     SessionSettings settings_;
     bool configured_ = false;
@@ -67,6 +76,7 @@ class CSMTPProxy : private CommandSource {
     std::mutex handleMutex_;
     SOCKET clientHandle_ = 0;  // guarded by handleMutex_, as the next
     SOCKET serverHandle_ = 0;
+    bool connecting_ = false;  // guarded by handleMutex_: there is nothing in hand yet
 };
 
 // Makes the session of an accepted socket, which passes into its care. Null if it can't be made:

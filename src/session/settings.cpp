@@ -1,25 +1,16 @@
 #include "session/settings.h"
 
 #include <algorithm>
-#include <cstdlib>
-
-namespace {
-
-// The port of a forward server that is configured without one.
-constexpr std::uint16_t kDefaultForwardPort = 10025;
-
-}  // namespace
 
 SessionSettings SessionSettings::Of(const NetworkInterface& interface, long long defaultMaxSize) {
     SessionSettings settings;
     settings.greetingName = interface.GreetingDomainName;
-    std::string& host = settings.forwardHost = interface.ServerToForward;
-    while (!host.empty() && (host.back() == '\r' || host.back() == '\n')) host.pop_back();
-    settings.forwardPort = kDefaultForwardPort;
-    if (const std::size_t colon = host.find(':'); colon != std::string::npos) {
-        settings.forwardPort = static_cast<std::uint16_t>(std::atoi(host.c_str() + colon + 1));
-        host.resize(colon);
+    settings.servers.push_back(ServerAddress::Parse(interface.ServerToForward));
+    for (const std::string& text : interface.options.fallbackServers) {
+        if (!text.empty()) settings.servers.push_back(ServerAddress::Parse(text));
     }
+    settings.forwardHost = settings.servers.front().host;
+    settings.forwardPort = settings.servers.front().port;
     settings.noopInterval = static_cast<std::uint32_t>(interface.TimeoutBetweenNOOPs);
     settings.connectionTimeout = static_cast<std::uint32_t>(interface.ConnectionTimeout);
     settings.maxMessageSize = interface.MaxMessageSize.value_or(defaultMaxSize);
@@ -29,9 +20,7 @@ SessionSettings SessionSettings::Of(const NetworkInterface& interface, long long
     return settings;
 }
 
-bool SessionSettings::MayRelay(std::uint32_t address) const {
+bool SessionSettings::MayRelay(const IpAddress& client) const {
     return std::any_of(relayNetworks.begin(), relayNetworks.end(),
-                       [address](const RelayNetwork& network) {
-                           return network.address == (network.mask & address);
-                       });
+                       [&client](const RelayNetwork& network) { return network.Contains(client); });
 }

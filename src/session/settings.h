@@ -8,10 +8,13 @@
 #include <vector>
 
 #include "session/interface.h"
+#include "session/server/server_address.h"
 
 struct SessionSettings {
     std::string greetingName;
-    std::string forwardHost;
+    // In the order in which they are tried: the real server, then those that stand in for it.
+    std::vector<ServerAddress> servers;
+    std::string forwardHost;              // the one that has the connection, at first the first
     std::uint16_t forwardPort = 0;        // host order
     std::uint32_t noopInterval = 0;       // seconds
     std::uint32_t connectionTimeout = 0;  // seconds
@@ -24,6 +27,6 @@ struct SessionSettings {
 
     // defaultMaxSize: for an interface that has no limit of its own.
     static SessionSettings Of(const NetworkInterface& interface, long long defaultMaxSize);
-    // Whether a client of this address (network byte order) may send anywhere.
-    bool MayRelay(std::uint32_t address) const;
+    // Whether a client of this address may send anywhere.
+    bool MayRelay(const IpAddress& client) const;
 };

@@ -253,7 +253,7 @@ int main(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = ParseArguments(argc, argv, options)) return *code;
     const SocketAddress resolved = ResolveHost(options.host.c_str(), 0);
-    if (resolved.sin_family == 0) return Fail("unknown host: " + options.host);
+    if (!resolved.Known()) return Fail("unknown host: " + options.host);
     const std::string address = AddressText(resolved);
     const Credentials credentials = FindCredentials(address);
     if (InitLibStats() != 0) return Fail("can't start the statistics client");

@@ -67,6 +67,52 @@ TEST_F(IPList, Entries) {
     }
 }
 
+TEST_F(IPList, BothFamilies) {
+    constexpr const char* kPeers[] = {"192.0.2.9", "2001:db8::9", "::ffff:192.0.2.9"};
+    const struct {
+        const char *ip, *mask, *action;
+        int results[3];  // for those peers
+    } cases[] = {
+        {"192.0.2.0/24", nullptr, "2", {2, 0, 2}},
+        {"192.0.2.7/24", nullptr, "2", {2, 0, 2}},
+        {"192.0.3.0/24", nullptr, "2", {0, 0, 0}},
+        {"192.0.2.0", "255.255.255.0", "2", {2, 0, 2}},
+        {"2001:db8::9", nullptr, "2", {0, 2, 0}},
+        {"2001:db8::/32", nullptr, "2", {0, 2, 0}},
+        {"2001:db9::/32", nullptr, "2", {0, 0, 0}},
+        {"::/0", nullptr, "2", {0, 2, 0}},
+        {"0.0.0.0", "0.0.0.0", "2", {2, 2, 2}},  // everybody
+        {"0.0.0.0/0", nullptr, "2", {2, 2, 2}},
+        {"0.0.0.0/1", nullptr, "2", {0, 0, 0}},
+        {"128.0.0.0/1", nullptr, "2", {2, 0, 2}},
+        {"192.0.2.0/24", "255.255.255.0", "2", {0, 0, 0}},  // says two things
+        {"192.0.2.0/33", nullptr, "2", {0, 0, 0}},
+        {"0.0.0.0/x", "0.0.0.0", "2", {0, 0, 0}},
+        {"2001:db8::/32", "0.0.0.0", "2", {0, 0, 0}},
+    };
+    for (const auto& each : cases) {
+        TrelisDelKey(kLocalStore, kFilterRoot.c_str());
+        Set("/AllowDenyIPList/Enabled", "Y");
+        Entry("m", each.ip, each.mask, each.action);
+        CASFiltersCore filters;
+        filters.Reload();
+        for (std::size_t i = 0; i < std::size(kPeers); ++i)
+            EXPECT_EQ(filters.CheckIP(kPeers[i]), each.results[i]) << each.ip << " " << kPeers[i];
+    }
+}
+
+TEST_F(IPList, AllowingAllOfOneFamilyLiftsNoDenialOfTheOther) {
+    Set("/AllowDenyIPList/Enabled", "Y");
+    Entry("a", "0.0.0.0", "0.0.0.0", "1");
+    Entry("b", "2001:db8::/32", nullptr, "2");
+    Entry("c", "2001:db8::7", nullptr, "1");
+    CASFiltersCore filters;
+    filters.Reload();
+    EXPECT_EQ(filters.CheckIP("192.0.2.9"), 0);
+    EXPECT_EQ(filters.CheckIP("2001:db8::9"), 2);
+    EXPECT_EQ(filters.CheckIP("2001:db8::7"), 0);
+}
+
 TEST_F(IPList, ChildrenWhosePathDoesNotFitAreSkipped) {
     Set("/AllowDenyIPList/Enabled", "Y");
     const std::size_t room = 511 - (kFilterRoot + "/AllowDenyIPList/Addresses/").size();

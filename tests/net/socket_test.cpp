@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "net/address.h"
 #include "platform/file.h"
 
 namespace {
@@ -19,12 +20,10 @@ struct Pair {
     CSocket peer;
     Pair() {
         CSocket listener;
-        SocketAddress address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
+        SocketAddress address = IpAddress::OfV4(htonl(INADDR_LOOPBACK)).WithPort(0);
+        socklen_t length = SocketAddress::kRoom;
         EXPECT_TRUE(listener.Create(1) && listener.Bind(address) && listener.Listen());
-        getsockname(listener.Handle(), reinterpret_cast<sockaddr*>(&address), &length);
+        getsockname(listener.Handle(), address.Room(), &length);
         EXPECT_TRUE(peer.Create(1) && peer.Connect(address));
         EXPECT_TRUE(listener.Accept(ours, nullptr));
         listener.Close();
@@ -161,10 +160,15 @@ TEST(Socket, NeverHandsOutDescriptorZero) {
 }
 
 TEST(Resolve, UnknownNameGivesFamilyZero) {
-    EXPECT_EQ(ResolveHost("no.such.host.invalid", 25).sin_family, 0);
+    const SocketAddress unknown = ResolveHost("no.such.host.invalid", 25);
+    EXPECT_EQ(unknown.Family(), 0);
+    CSocket socket;
+    EXPECT_TRUE(socket.Create(1));
+    EXPECT_FALSE(socket.Connect(unknown));
+    socket.Close();
     const SocketAddress local = ResolveHost("localhost", 25);
-    EXPECT_EQ(local.sin_family, AF_INET);
-    EXPECT_EQ(ntohs(local.sin_port), 25);
+    EXPECT_EQ(local.Family(), AF_INET);
+    EXPECT_EQ(local.Port(), 25);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "net/address.h"
 #include "net/socket.h"
 #include "platform/window.h"
 #include "support/no_descriptors.h"
@@ -128,12 +129,10 @@ TEST(MessageQueue, NotifiesOncePerWaitingConnectionAndAfterHandles) {
     ASSERT_NE(RegisterClassA(&windowClass), 0);
     HWND window =
         CreateWindowExA(0, "test", "test", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
-    SocketAddress address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    SocketAddress address = IpAddress::OfV4(htonl(INADDR_LOOPBACK)).WithPort(0);
     ASSERT_TRUE(g_listener.Create(1) && g_listener.Bind(address) && g_listener.Listen());
-    socklen_t length = sizeof address;
-    getsockname(g_listener.Handle(), reinterpret_cast<sockaddr*>(&address), &length);
+    socklen_t length = SocketAddress::kRoom;
+    getsockname(g_listener.Handle(), address.Room(), &length);
     ASSERT_EQ(WSAAsyncSelect(g_listener.Handle(), window, 1124, FD_ACCEPT), 0);
     const UniqueHandle event(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     const HANDLE handles[] = {event.Get()};

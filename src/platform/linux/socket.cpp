@@ -42,17 +42,42 @@ SOCKET SocketAvoidZero(SOCKET socket) {
     return moved < 0 ? INVALID_SOCKET : moved;
 }
 
-SOCKET SocketCreate(int type) { return SocketAvoidZero(socket(AF_INET, type | SOCK_CLOEXEC, 0)); }
+SOCKET SocketCreate(int type, int family) {
+    return SocketAvoidZero(socket(family, type | SOCK_CLOEXEC, 0));
+}
 
 SOCKET SocketAccept(SOCKET listener, SocketAddress* address) {
-    socklen_t length = sizeof(SocketAddress);
+    socklen_t length = SocketAddress::kRoom;
     const SOCKET accepted =
-        accept4(listener, reinterpret_cast<sockaddr*>(address),
+        accept4(listener, address != nullptr ? address->Room() : nullptr,
                 address != nullptr ? &length : nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     // The connection stays in the backlog and would notify again at once, in a busy loop.
     if (accepted < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS))
         HoldAsyncSockets();
     return SocketAvoidZero(accepted);
+}
+
+int SocketBeginConnect(SOCKET socket, const SocketAddress& address) {
+    const int flags = fcntl(socket, F_GETFL);
+    if (flags < 0 || fcntl(socket, F_SETFL, flags | O_NONBLOCK) != 0) return errno;
+    if (connect(socket, address.Record(), address.Size()) == 0) return 0;
+    return errno == EINPROGRESS ? 0 : errno;
+}
+
+int SocketEndConnect(SOCKET socket, std::chrono::milliseconds limit) {
+    pollfd entry{socket, POLLOUT, 0};
+    const int ready =
+        platform::PollUntil(std::span(&entry, 1), std::chrono::steady_clock::now() + limit);
+    if (ready < 0) return errno;
+    if (ready == 0) return ETIMEDOUT;
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0) return errno;
+    if (error != 0) return error;
+    // One that was shut down while it was on its way may have told its error already.
+    SocketAddress peer;
+    length = SocketAddress::kRoom;
+    return getpeername(socket, peer.Room(), &length) == 0 ? 0 : errno;
 }
 
 int SocketReceiveNow(SOCKET socket, void* buffer, int length, bool peek) {
@@ -110,6 +135,11 @@ SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds) {
 void SocketSendAtOnce(SOCKET socket) {
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+void SocketTakeBothFamilies(SOCKET socket, bool both) {
+    const int only = both ? 0 : 1;
+    setsockopt(socket, IPPROTO_IPV6, IPV6_V6ONLY, &only, sizeof only);
 }
 
 void SocketAllowReuse(SOCKET socket) {

@@ -27,13 +27,23 @@ inline constexpr KeyRow kInterfaceRows[] = {
     Text("GreetingDomainName", "127.0.0.1", "the name in the proxy's own replies")
         .Width(64)
         .EmptyCounts(),
-    Text("IPAddress", "", "address to listen on").Width(32).Shown("all addresses"),
+    Text("IPAddress", "",
+         "address to listen on, IPv4 or IPv6; `::` serves both families")
+        .Width(64)
+        .Shown("all IPv4 addresses"),
     Number("Port", "25", -kMostInt, kMostInt, "port to listen on"),
-    Text("ServerToForward", "127.0.0.1:10025", "the real mail server, host or host:port").Width(64),
-    Text("RelayNetworks/*/IPAddress", "", "clients of this network may send to any recipient")
-        .Width(32)
+    Text("ServerToForward", "127.0.0.1:10025",
+         "the real mail server: host, host:port, [IPv6]:port; each address of a name is tried in "
+         "turn")
+        .Width(64),
+    Text("RelayNetworks/*/IPAddress", "",
+         "clients of this network may send to any recipient: an IPv4 address with the mask below, "
+         "or a network (192.0.2.0/24, 2001:db8::/32) or IPv6 address without one; what can't be "
+         "read lets nobody")
+        .Width(64)
         .RegistersList(),
-    Text("RelayNetworks/*/Mask", "", "its mask").Width(32),
+    Text("RelayNetworks/*/Mask", "", "the mask of an IPv4 address; without one a single address")
+        .Width(64),
     Text("MailDomains/*", "", "the value is a domain that everybody may send to").RegistersList(),
     Number("MaxThreads", "0", 0, 50, "sessions at a time, at most 50; 0: no limit")
         .OutOfBounds(Beyond::kMost)
@@ -77,7 +87,8 @@ inline constexpr KeyRow kInternetRows[] = {
     Number("ConnectTimeout", "30", 1, 3600,
            "seconds to wait for a connection to each of the server's addresses, 1 to 3600"),
     Text("FallbackServers/*", "",
-         "the value is a server, host or host:port, that is tried when the ones before it take no "
+         "the value is a server, as `ServerToForward`, that is tried when the ones before it take "
+         "no "
          "connection")
         .Width(64),
     Text("Trust/*", "",
@@ -107,10 +118,14 @@ inline constexpr KeyRow kProxyRows[] = {
 
 inline constexpr KeyRow kAddressListRows[] = {
     Flag("Enabled", "judge each client by its address").Registers("Y"),
-    Text("Addresses/*/IP", "", "an address, or a network").RegistersList(),
-    Text("Addresses/*/Mask", "", "the network's mask; without one a single address"),
+    Text("Addresses/*/IP", "",
+         "an address, or a network: an IPv4 address with the mask below, or with its prefix "
+         "(192.0.2.0/24, 2001:db8::/32)")
+        .RegistersList(),
+    Text("Addresses/*/Mask", "", "the mask of an IPv4 address; without one a single address"),
     Number("Addresses/*/Action", "", -kMostInt, kMostInt,
-           "1 allow, 2 deny; a matching allow wins over any deny"),
+           "1 allow, 2 deny; a matching allow wins over any deny; a deny of all IPv4 addresses is "
+           "one of IPv6 too, an allow is not"),
 };
 
 inline constexpr KeyRow kBlackListRows[] = {

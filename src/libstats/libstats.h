@@ -106,7 +106,8 @@ class CLibStats {
     // Takes the record for delivery by a thread of the client's own, without waiting for the
     // daemon, for threads that have mail to serve: 0, or negative if it is lost. The record stays
     // the caller's. While the daemon isn't there or hangs records wait for it, up to 10,000 and 4
-    // MiB; later ones are lost (see OnStatsLost). Hosts should be dotted: a name is looked up here.
+    // MiB; later ones are lost (see OnStatsLost). Hosts should be addresses in numbers: a name is
+    // looked up here. A record has no room for IPv6: such a host is told as 0.
     virtual int PostRequest(CStatsRequest* record) = 0;
     // A client that this object owns, or null. One exchange at a time.
     virtual CHTTPClient* CreateHTTPClient() = 0;

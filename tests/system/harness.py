@@ -40,7 +40,7 @@ class MailServer:
     hard."""
     RESET = b"reset"
 
-    def __init__(self, **rules):
+    def __init__(self, host="127.0.0.1", **rules):
         self.rules = {"GREETING": b"220 real.example ESMTP\r\n", "EHLO": b"250-real.example\r\n250-SIZE 1000000\r\n"
                       b"250-PIPELINING\r\n250-STARTTLS\r\n250-CHUNKING\r\n250 8BITMIME\r\n",
                       "DATA": b"354 go on\r\n", "QUIT": b"221 bye\r\n", "END": b"250 queued\r\n", "": b"250 ok\r\n"}
@@ -49,7 +49,8 @@ class MailServer:
         self.messages = []
         self.connections = 0
         self.clients = []
-        self.listener = socket.create_server(("127.0.0.1", 0), backlog=200)
+        family = socket.AF_INET6 if ":" in host else socket.AF_INET
+        self.listener = socket.create_server((host, 0), family=family, backlog=200)
         self.port = self.listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 
@@ -179,8 +180,8 @@ class ScanDaemon:
 
 
 class Client:
-    def __init__(self, port, timeout=15):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout)
+    def __init__(self, port, timeout=15, host="127.0.0.1"):
+        self.socket = socket.create_connection((host, port), timeout)
         self.stream = self.socket.makefile("rb")
 
     def send(self, data):
@@ -236,6 +237,8 @@ class Proxy:
                   NET + "/MailDomains/a": "example.org", NET + "/TimeoutBetweenNOOPs": "1", NET + "/ConnectionTimeout": "5"}
         values.update(keys or {})
         self.load(values)
+        self.host = "::1" if ":" in values[NET + "/IPAddress"] else "127.0.0.1"  # where it listens
+        self.command = [BIN + "/vtsmtpproxy", "debug"]
         self.process = None
         if start:
             self.start()
@@ -247,13 +250,12 @@ class Proxy:
         return subprocess.run([BIN + "/vtregistry", *words], env=self.env, text=True, capture_output=True)
 
     def start(self):
-        self.process = subprocess.Popen([BIN + "/vtsmtpproxy", "debug"], env=self.env, stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT)
+        self.process = subprocess.Popen(self.command, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         assert wait_until(self.listening, 20), "the proxy does not listen"
 
     def listening(self):
         try:
-            socket.create_connection(("127.0.0.1", self.port), 1).close()
+            socket.create_connection((self.host, self.port), 1).close()
             return True
         except OSError:
             return False

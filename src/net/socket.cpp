@@ -73,6 +73,11 @@ int CSocket::GetPeerAddress(SocketAddress& address) const {
     return Empty() ? -1 : getpeername(handle_, address.Room(), &length);
 }
 
+int CSocket::GetOwnAddress(SocketAddress& address) const {
+    socklen_t length = SocketAddress::kRoom;
+    return Empty() ? -1 : getsockname(handle_, address.Room(), &length);
+}
+
 bool CSocket::HasException() const {
     return Empty() || SocketWait(handle_, SocketWant::kNothing, 0).exception;
 }

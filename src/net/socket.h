@@ -44,6 +44,8 @@ class CSocket {
                 const std::function<bool()>& underWay);
     // 0, or the platform's error value.
     int GetPeerAddress(SocketAddress& address) const;
+    // Our side's.
+    int GetOwnAddress(SocketAddress& address) const;
 
     // Urgent data, a pending error or a reset connection. A half-closed connection is none. Never
     // waits.

@@ -36,6 +36,7 @@ class Stream {
     // And from now on they pass through the transport, which speaks with the same socket. What was
     // read ahead before is forgotten: it came from whoever can write into the bare connection.
     void Secure(std::unique_ptr<Transport> transport);
+    const CSocket& Socket() const { return socket_; }
     bool Secured() const { return transport_ != nullptr; }
 
     // The limit of one write, and the one that each arrival gets where a read has none of its own.

@@ -1,6 +1,7 @@
 #include "session/peers.h"
 
 #include "libstats/libstats.h"
+#include "session/client/xclient.h"
 
 namespace {
 
@@ -27,6 +28,21 @@ bool Peers::AnswerInsteadOfServer(std::string_view answer) {
     ServerReply reply;
     const bool inStep = server.Ask("RSET\r\n", reply) && !reply.Is("421");
     return client.Send(answer) && inStep;
+}
+
+Peers::Told Peers::TellOfClient() {
+    if (settings.options.tellServer != TellServer::kXforward) return Told::kYes;
+    ClientIdentity told = identity;
+    if (told.helo.empty()) told.helo = helo;
+    if (told.proto.empty()) told.proto = proto;
+    const std::vector<std::string> commands = XforwardCommands(told, server.xforwardOffer);
+    Told outcome = commands.empty() ? Told::kNo : Told::kYes;
+    for (const std::string& command : commands) {
+        ServerReply reply;
+        if (!server.Ask(command, reply) || reply.Is("421")) return Told::kFailed;
+        if (!reply.Is("2")) outcome = Told::kNo;
+    }
+    return outcome;
 }
 
 void Peers::SendStatEvent(int eventCode, const char* sender, const char* recipient) const {

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "net/stream.h"
+#include "session/client/identity.h"
 #include "session/server_link.h"
 #include "session/settings.h"
 
@@ -13,11 +14,26 @@ struct Peers {
     const SessionSettings& settings;
     Stream& client;
     ServerLink& server;
-    std::string address = "Unknown";  // the client's, dotted
+    std::string address = "Unknown";  // the client's, as text
+    ClientIdentity identity{};        // the client's, as its connection or somebody trusted tells
+    IpAddress ownAddress{};           // whatever is told
+    bool trusted = false;             // it may speak for others
     bool relayAllowed = false;        // it may send anywhere
+    // What it has called itself, and by which command.
+    std::string helo{};
+    std::string proto{};
+    bool greeted = false;        // it has had a first reply
+    bool pipelining = false;     // it has been offered PIPELINING
+    bool needsGreeting = false;  // what it said before TLS is forgotten
+    bool authenticated = false;
+    // The session ends only to begin again, for the client that a trusted one has named.
+    bool restart = false;
     // A keep-alive has failed: a peer has gone, or the server is out of step. The session ends.
     bool lost = false;
 
+    // Tells the server with XFORWARD who the client of the next message is, where that is the way.
+    enum class Told { kYes, kNo, kFailed };
+    Told TellOfClient();
     // Gives the client the answer to a message that goes no further, once the server has forgotten
     // what it had of it. False: the session ends, for the server is out of step or a peer has gone;
     // the client has its answer all the same.

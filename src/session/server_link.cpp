@@ -1,5 +1,7 @@
 #include "session/server_link.h"
 
+#include <algorithm>
+
 namespace {
 
 // The longest line that goes on to a client, with its line end.
@@ -30,6 +32,9 @@ void ServerLink::Attach(const CSocket& socket) {
     stream_.SetLimit(settings_.connectionTimeout);
     lastSent_ = Clock::now();
     spoken_ = false;
+    takesChunks = takesBatches = false;
+    xforwardOffer.clear();
+    held_.clear();
 }
 
 bool ServerLink::Send(std::string_view bytes) {
@@ -37,12 +42,26 @@ bool ServerLink::Send(std::string_view bytes) {
     return stream_.Send(bytes);
 }
 
+bool ServerLink::Queue(std::string_view bytes) {
+    lastSent_ = Clock::now();
+    return stream_.Queue(bytes);
+}
+
+Stream::Line ServerLink::ReadLine(std::string_view& line, const Deadline& whole) {
+    if (held_.empty()) return stream_.ReadLine(line, kLongestLine, &whole);
+    const std::size_t end = std::min(held_.find('\n'), held_.size() - 1) + 1;
+    heldLine_ = held_.substr(0, end);
+    held_.erase(0, end);
+    line = heldLine_;
+    return Stream::Line::kWhole;
+}
+
 ServerLink::ReplyReader::ReplyReader(ServerLink& link)
     : link_(link), deadline_(link.settings_.connectionTimeout) {}
 
 bool ServerLink::ReplyReader::Next(std::string_view& line) {
     while (!done_ && !failed_) {
-        const Stream::Line outcome = link_.stream_.ReadLine(line, kLongestLine, &deadline_);
+        const Stream::Line outcome = link_.ReadLine(line, deadline_);
         if (outcome == Stream::Line::kFailed || ++lines_ > kMostLines) {
             failed_ = true;
             break;

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "net/stream.h"
 #include "session/settings.h"
@@ -24,8 +26,19 @@ class ServerLink {
     // The socket is the session's, connected.
     void Attach(const CSocket& socket);
 
+    // From now on the server's bytes pass through TLS.
+    void Secure(std::unique_ptr<Transport> transport) { stream_.Secure(std::move(transport)); }
+    void SayGoodbye() { stream_.SayGoodbye(); }
+    // Whether more has come than was asked for.
+    bool HasReadAhead() const { return stream_.HasReadAhead(); }
+    // A reply that has been read already, and is the answer to what comes next.
+    void HoldReply(ServerReply reply) { held_ = std::move(reply.text); }
+
     // False if the server takes no more.
     bool Send(std::string_view bytes);
+    // The same, but it may wait for what is sent next.
+    bool Queue(std::string_view bytes);
+    bool Flush() { return stream_.Flush(); }
     bool Ask(std::string_view command, ServerReply& reply) {
         return Send(command) && ReadReply(reply);
     }
@@ -65,11 +78,17 @@ class ServerLink {
     bool SilentFor(std::chrono::seconds time) const { return Clock::now() - lastSent_ >= time; }
 
     const CSocket& Socket() const { return socket_; }
-    // Whether the server has offered CHUNKING in its last reply to a greeting.
+    // Whether the server has offered CHUNKING and PIPELINING in its last reply to a greeting.
     bool takesChunks = false;
+    bool takesBatches = false;
+    // How it may be told of the client in front of each message: what it has offered behind
+    // XFORWARD.
+    std::string xforwardOffer;
 
   private:
     bool ReadAnyReply(ServerReply& reply);
+    // The next line, of a reply that is held or from the connection.
+    Stream::Line ReadLine(std::string_view& line, const Deadline& whole);
 
     using Clock = std::chrono::steady_clock;
 
@@ -79,4 +98,6 @@ class ServerLink {
     Clock::time_point lastSent_;
     int ownAnswers_ = 0;
     bool spoken_ = false;
+    std::string held_;
+    std::string heldLine_;
 };

@@ -1,11 +1,9 @@
 #include "session/session.h"
 
-#include <chrono>
 #include <new>
+#include <utility>
 
-#include "asfilters/asfilters.h"
 #include "session/registry.h"
-#include "session/server/outage.h"
 
 namespace {
 
@@ -77,28 +75,19 @@ Stream::Line CSMTPProxy::ReadCommand(std::string_view& line, std::size_t limit) 
     return result;
 }
 
-bool CSMTPProxy::IsClientDenied() {
-    SocketAddress peer;
-    clientSocket_.GetPeerAddress(peer);
-    // A connection that has broken already has no peer to be judged, and sends nothing any more.
-    if (!peer.Known()) return false;
-    const IpAddress client = IpAddress::Of(peer);
-    peers_.address = client.Text();
-    peers_.relayAllowed = settings_.MayRelay(client);
-    const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
-    if (filters == nullptr || filters->CheckIP(peers_.address.c_str()) != 2) return false;
-    peers_.SendStatEvent(80, nullptr, nullptr);
-    return true;
-}
-
 int CSMTPProxy::RunSession() {
     bool counted = false;
     try {
-        if (!IsClientDenied()) {
-            ++*connectionCounter_;
-            counted = true;
+        client_.Attach(clientSocket_);
+        client_.SetLimit(settings_.connectionTimeout);
+        peers_.restart = LearnClient();
+        while (std::exchange(peers_.restart, false) && !IsClientDenied()) {
+            if (!std::exchange(counted, true)) ++*connectionCounter_;
             Serve();
+            DropServer();
         }
+        client_.Flush();
+        client_.SayGoodbye();
     } catch (...) {  // memory ran out: an ordinary end
     }
     if (counted) --*connectionCounter_;
@@ -116,60 +105,4 @@ int CSMTPProxy::RunSession() {
     serverSocket_.Shutdown();
     serverSocket_.Close();
     return 0;
-}
-
-void CSMTPProxy::Serve() {
-    if (!configured_) return;
-    client_.Attach(clientSocket_);
-    client_.SetLimit(settings_.connectionTimeout);
-    if (!ConnectToServer()) return;
-    server_.Attach(serverSocket_);
-    conversation_.Run(*this);
-    if (!server_.HasSpoken()) AnswerOutage(ConnectFailure::kNone, "no greeting");
-}
-
-bool CSMTPProxy::ConnectToServer() {
-    {
-        const std::lock_guard lock(handleMutex_);
-        connecting_ = true;
-    }
-    const ServerConnection made = ConnectToServers(
-        settings_.servers, std::chrono::seconds(settings_.options.connectTimeout), *this);
-    {
-        const std::lock_guard lock(handleMutex_);
-        connecting_ = false;
-    }
-    if (made.failure != ConnectFailure::kNone) {
-        AnswerOutage(made.failure, made.reason);
-        return false;
-    }
-    serverSocket_ = made.socket;
-    settings_.forwardHost = made.server.host;
-    settings_.forwardPort = made.server.port;
-    return true;
-}
-
-bool CSMTPProxy::Trying(SOCKET socket) {
-    const std::lock_guard lock(handleMutex_);
-    serverHandle_ = socket;
-    return !stopRequested_;
-}
-
-void CSMTPProxy::Failed() {
-    const std::lock_guard lock(handleMutex_);
-    serverHandle_ = 0;
-}
-
-bool CSMTPProxy::Wanted() { return !stopRequested_ && !client_.PeerGone(); }
-
-void CSMTPProxy::AnswerOutage(ConnectFailure failure, const std::string& reason) {
-    if (stopRequested_) {
-        failure = ConnectFailure::kGivenUp;
-    } else {
-        const ServerAddress server{settings_.forwardHost, settings_.forwardPort};
-        LogOutage(server,
-                  failure == ConnectFailure::kNone ? server.Text() + ": " + reason : reason);
-    }
-    client_.Send(OutageReply(settings_.greetingName, failure));
-    client_.EndSending();
 }

@@ -44,16 +44,23 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
   private:
     friend std::unique_ptr<CSMTPProxy> CreateSession(SOCKET socket);
 
+    class Interruptible;
+
     Stream::Line ReadCommand(std::string_view& line, std::size_t limit) override;
     bool Trying(SOCKET socket) override;
     void Failed() override;
     bool Wanted() override;
 
-    // Learns who the client is, and judges its address.
+    // The road to the dialogue (opening.cpp). Who the client is: false ends the session.
+    bool LearnClient();
+    // Judges the client's address.
     bool IsClientDenied();
     // From the connection to the server to the end of the dialogue.
     void Serve();
+    bool SecureWrapped();
+    bool OpenServer();
     bool ConnectToServer();
+    void DropServer();
     // The client's only reply where there is no server.
     void AnswerOutage(ConnectFailure failure, const std::string& reason);
 
@@ -67,7 +74,7 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     ServerLink server_{settings_};
     Peers peers_{settings_, client_, server_};
     SpoolFile spool_;
-    Conversation conversation_{peers_, spool_};
+    bool nobodyTold_ = false;  // somebody trusted speaks for itself: a health check
 
     // For the registry: whether the thread waits for a command, whether it shall end, and the
     // sockets to cut. A socket is closed only after its handle has been taken out of here.

@@ -13,11 +13,18 @@
 
 namespace {
 
-constexpr std::string_view kUnknownCommand = "501 Unknown command\r\n";
 constexpr std::string_view kBadSequence = "503 Bad sequence of commands\r\n";
 constexpr std::string_view kUnableToRelay = "550 Unable to relay\r\n";
 constexpr std::string_view kChunkReceived = "250 chunk received ok\r\n";
 constexpr std::string_view kTooLong = "500 5.5.2 Line too long\r\n";
+constexpr std::string_view kTooEarly =
+    "554 5.5.1 Commands came before their turn, closing transmission channel\r\n";
+constexpr std::string_view kNeedsTls = "530 5.7.0 Must issue a STARTTLS command first\r\n";
+constexpr std::string_view kAuthNeedsTls =
+    "538 5.7.11 Encryption required for requested authentication mechanism\r\n";
+constexpr std::string_view kNeedsGreeting = "503 5.5.1 Send EHLO or HELO first\r\n";
+constexpr std::string_view kNotTold =
+    "451 4.3.2 The mail server can't be told who you are, try again later\r\n";
 constexpr std::string_view kTooManyRecipients = "452 4.5.3 Too many recipients\r\n";
 // Of one message, whatever the server takes: each is kept until the message is over.
 constexpr std::size_t kMostRecipients = 10000;
@@ -53,9 +60,14 @@ unsigned long long DeclaredSize(std::string_view parameters) {
 }  // namespace
 
 Dialogue::Outcome Dialogue::Answer(std::string_view text) {
-    if (!peers_.client.Send(text)) return Outcome::kEndSession;
+    if (!AnswerDue() || closing_ || !Reply(text)) return Outcome::kEndSession;
     const bool alive = peers_.server.KeepAliveAfterAnswer() && !peers_.client.PeerGone();
     return alive ? Outcome::kAnswered : Outcome::kEndSession;
+}
+
+Dialogue::Outcome Dialogue::AnswerAndEnd(std::string_view text) {
+    if (AnswerDue() && !closing_ && peers_.client.Send(text)) peers_.client.EndSending();
+    return Outcome::kEndSession;
 }
 
 Dialogue::Outcome Dialogue::Dispatch(bool whole) {
@@ -65,13 +77,28 @@ Dialogue::Outcome Dialogue::Dispatch(bool whole) {
     for (auto& token : tokens_) token[0] = '\0';
     tokenCount_ = std::max(0, std::sscanf(copy_.c_str(), "%10s %10s %10s %10s", tokens_[0],
                                           tokens_[1], tokens_[2], tokens_[3]));
-    const Verb* verb = kVerbs;
-    while (verb->word != nullptr && !EqualIgnoringCase(tokens_[0], verb->word)) ++verb;
-    const bool tooLong = verb->code != CMD_AUTH && line_.size() > kLongestCommand;
+    verb_ = kVerbs;
+    while (verb_->word != nullptr && !EqualIgnoringCase(tokens_[0], verb_->word)) ++verb_;
+    const bool tooLong = verb_->code != CMD_AUTH && line_.size() > kLongestCommand;
     if (!whole || tooLong) return Answer(kTooLong);
     if (HidesText(line_)) return Answer(kUnknownCommand);
-    inFlight_ = verb->code;
-    return (this->*verb->rule)();
+    const bool mayTalkOn = peers_.pipelining && (verb_->traits & kAlone) == 0;
+    if (TalksEarly(mayTalkOn || (verb_->traits & kBytesBehind) != 0))
+        return AnswerAndEnd(kTooEarly);
+    if ((verb_->traits & kBeforeTls) == 0) {
+        if (peers_.settings.options.clientTls == ClientTls::kRequire && !peers_.client.Secured())
+            return Answer(kNeedsTls);
+        if (peers_.needsGreeting) return Answer(kNeedsGreeting);
+    }
+    if ((verb_->traits & kInBatch) == 0) {
+        // It hangs on the answers to what came before it.
+        hold_ = true;
+        const bool inStep = AnswerDue();
+        hold_ = false;
+        if (!inStep || closing_) return Outcome::kEndSession;
+    }
+    inFlight_ = verb_->code;
+    return (this->*verb_->rule)();
 }
 
 // Whether the second token begins with "KEYWORD:", or is KEYWORD and the third begins with ':'.
@@ -93,7 +120,8 @@ Dialogue::Outcome Dialogue::RecipientRule() {
     if (stranger && (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
                      !StaysInside(text, peers_.settings.mailDomains)))
         return Answer(kUnableToRelay);
-    if (envelope_.recipients.size() >= kMostRecipients) return Answer(kTooManyRecipients);
+    if (envelope_.recipients.size() + due_.size() >= kMostRecipients)
+        return Answer(kTooManyRecipients);
     recipientText_ = ReadPath(text).address.substr(0, kLongestAddress);
     inFlight_ = CMD_RCPT;
     return Outcome::kForward;
@@ -107,6 +135,7 @@ Dialogue::Outcome Dialogue::SenderRule() {
     senderText_ = path.address.substr(0, kLongestAddress);
     if (judgement == 1) return Answer(denyText_[0] != '\0' ? denyText_.data() : kDefaultDeny);
     if (judgement == 2) {
+        if (!AnswerDue() || closing_) return Outcome::kEndSession;
         peers_.SendStatEvent(81, senderText_.c_str(), nullptr);
         peers_.client.Send(denyText_.data());  // the session ends either way
         return Outcome::kEndSession;
@@ -114,6 +143,13 @@ Dialogue::Outcome Dialogue::SenderRule() {
     const long long limit = peers_.settings.maxMessageSize;
     if (limit > 0 && DeclaredSize(path.parameters) > static_cast<unsigned long long>(limit))
         return Answer(kMessageTooLarge);
+    if (peers_.settings.options.tellServer == TellServer::kXforward) {
+        if (!AnswerDue() || closing_) return Outcome::kEndSession;
+        const Peers::Told told = peers_.TellOfClient();
+        if (told == Peers::Told::kFailed) return Outcome::kEndSession;
+        if (told == Peers::Told::kNo && peers_.settings.options.tellServerRequired)
+            return Answer(kNotTold);
+    }
     inFlight_ = EqualIgnoringCase(tokens_[0], "soml")   ? CMD_SOML
                 : EqualIgnoringCase(tokens_[0], "saml") ? CMD_SAML
                                                         : CMD_MAIL;
@@ -140,8 +176,8 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     if (tokenCount_ == 3 && !EqualIgnoringCase(tokens_[2], "last")) return Answer(kUnknownCommand);
     const bool last = tokenCount_ == 3;
     // The chunk is read before the envelope is looked at, or its bytes would be taken for commands.
-    const bool first = envelope_.messagePhase != PHASE_BDAT;
-    switch (reception_.ReceiveChunk(first, size)) {
+    const Chunk chunk{envelope_.messagePhase != PHASE_BDAT, last, envelope_.binaryMime, size};
+    switch (reception_.ReceiveChunk(chunk)) {
         case Received::kWhole:
             break;
         case Received::kTooLarge:
@@ -157,24 +193,42 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     return last ? Outcome::kMessage : Answer(kChunkReceived);
 }
 
+// What the client calls itself goes to the server as it came, and is told it where that is asked.
+Dialogue::Outcome Dialogue::GreetingRule() {
+    const std::size_t begin = line_.find_first_of(" \t");
+    const std::size_t name = line_.find_first_not_of(" \t\r\n", begin);
+    peers_.helo = name == std::string::npos || begin == std::string::npos
+                      ? std::string()
+                      : line_.substr(name, line_.find_first_of(" \t\r\n", name) - name);
+    peers_.proto = inFlight_ == CMD_EHLO ? "ESMTP" : "SMTP";
+    return Outcome::kForward;
+}
+
+Dialogue::Outcome Dialogue::AuthRule() {
+    const bool bare = peers_.settings.options.authOnlyOverTls && !peers_.client.Secured();
+    return bare ? Answer(kAuthNeedsTls) : Outcome::kForward;
+}
+
 // A verb without a rule of its own goes to the server; its code says what its reply means.
 const Dialogue::Verb Dialogue::kVerbs[] = {
-    {"EHLO", CMD_EHLO, &Dialogue::ForwardRule},
-    {"HELO", CMD_HELO, &Dialogue::ForwardRule},
-    {"QUIT", CMD_QUIT, &Dialogue::ForwardRule},
-    {"RSET", CMD_RSET, &Dialogue::ForwardRule},
-    {"RCPT", CMD_OTHER, &Dialogue::RecipientRule},
-    {"MAIL", CMD_OTHER, &Dialogue::SenderRule},
-    {"SEND", CMD_OTHER, &Dialogue::SenderRule},
-    {"SOML", CMD_OTHER, &Dialogue::SenderRule},
-    {"SAML", CMD_OTHER, &Dialogue::SenderRule},
-    {"DATA", CMD_OTHER, &Dialogue::DataRule},
-    {"BDAT", CMD_OTHER, &Dialogue::ChunkRule},
-    {"AUTH", CMD_AUTH, &Dialogue::ForwardRule},
-    {"STARTTLS", CMD_STARTTLS, &Dialogue::ForwardRule},
+    {"EHLO", CMD_EHLO, &Dialogue::GreetingRule, kBeforeTls | kAlone},
+    {"HELO", CMD_HELO, &Dialogue::GreetingRule, kBeforeTls | kAlone},
+    {"QUIT", CMD_QUIT, &Dialogue::ForwardRule, kBeforeTls},
+    {"RSET", CMD_RSET, &Dialogue::ForwardRule, kBeforeTls | kInBatch},
+    {"NOOP", CMD_OTHER, &Dialogue::ForwardRule, kBeforeTls},
+    {"RCPT", CMD_OTHER, &Dialogue::RecipientRule, kInBatch},
+    {"MAIL", CMD_OTHER, &Dialogue::SenderRule, kInBatch},
+    {"SEND", CMD_OTHER, &Dialogue::SenderRule, kInBatch},
+    {"SOML", CMD_OTHER, &Dialogue::SenderRule, kInBatch},
+    {"SAML", CMD_OTHER, &Dialogue::SenderRule, kInBatch},
+    {"DATA", CMD_OTHER, &Dialogue::DataRule, kAlone},
+    {"BDAT", CMD_OTHER, &Dialogue::ChunkRule, kBytesBehind},
+    {"AUTH", CMD_AUTH, &Dialogue::AuthRule, kAlone},
+    {"STARTTLS", CMD_STARTTLS, &Dialogue::StartTlsRule, kBeforeTls | kBytesBehind},
     {"BURL", CMD_OTHER, &Dialogue::RefusedRule},
-    {"XCLIENT", CMD_OTHER, &Dialogue::RefusedRule},
+    {"XCLIENT", CMD_OTHER, &Dialogue::XclientRule, kAlone},
     {"XFORWARD", CMD_OTHER, &Dialogue::RefusedRule},
+    {"PROXY", CMD_OTHER, &Dialogue::RefusedRule},
     {"PIPECONNEC", CMD_OTHER, &Dialogue::RefusedRule},  // tokens end after ten bytes
     {nullptr, CMD_OTHER, &Dialogue::ForwardRule},
 };

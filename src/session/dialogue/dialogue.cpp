@@ -1,11 +1,15 @@
 #include "session/dialogue/dialogue.h"
 
+#include <chrono>
+#include <utility>
+
 #include "asfilters/asfilters.h"
 #include "text/ascii.h"
 
 namespace {
 
 constexpr std::string_view kCancelAuth = "*\r\n";
+constexpr std::size_t kMostDue = 100;
 
 }  // namespace
 
@@ -26,23 +30,74 @@ Dialogue::Dialogue(Peers& peers, Envelope& envelope, Reception& reception, Comma
 }
 
 int Dialogue::Run(bool readReply) {
-    for (;;) {
-        if (readReply && !RelayReply()) return 0;
-        if (closing_) return 0;
+    if (readReply && !RelayReply()) return 0;
+    while (!closing_) {
+        // What is due is fetched before this thread waits for its client.
+        if (!peers_.client.HasLineAhead() && !AnswerDue()) return 0;
+        if (closing_) break;
         switch (TakeCommand()) {
             case Outcome::kForward:
-                if (!peers_.server.Send(line_)) return 0;
-                readReply = true;
+                if (!Forward()) return 0;
                 break;
             case Outcome::kAnswered:
-                readReply = false;
                 break;
             case Outcome::kEndSession:
+                peers_.client.Flush();
                 return 0;
             case Outcome::kMessage:
-                return 1;
+                // A 354 goes out with what is queued; a scan may take its time.
+                return envelope_.messagePhase == PHASE_DATA || peers_.client.Flush() ? 1 : 0;
         }
     }
+    peers_.client.Flush();
+    return 0;
+}
+
+// Most that go to the server without a look at its replies: as many as surely fit into what both
+// systems hold for a connection, or each would wait for the other to read.
+bool Dialogue::Forward() {
+    if (!peers_.server.Queue(line_)) return false;
+    const bool more = (verb_->traits & kInBatch) != 0 && peers_.pipelining &&
+                      peers_.server.takesBatches && due_.size() < kMostDue &&
+                      peers_.client.HasLineAhead();
+    if (due_.empty() && !more) return peers_.server.Flush() && RelayReply();
+    due_.push_back({inFlight_, line_, recipientText_, senderText_});
+    return more || AnswerDue();
+}
+
+// Gives the client the replies that are still to come. False ends the session.
+bool Dialogue::AnswerDue() {
+    if (due_.empty()) return true;
+    if (!peers_.server.Flush()) return false;
+    Due inHand{inFlight_, std::move(line_), std::move(recipientText_), std::move(senderText_)};
+    bool inStep = true;
+    for (Due& each : std::exchange(due_, {})) {
+        inFlight_ = each.code;
+        line_ = std::move(each.line);
+        recipientText_ = std::move(each.recipient);
+        senderText_ = std::move(each.sender);
+        inStep = RelayReply();
+        if (!inStep || closing_) break;
+    }
+    inFlight_ = inHand.code;
+    line_ = std::move(inHand.line);
+    recipientText_ = std::move(inHand.recipient);
+    senderText_ = std::move(inHand.sender);
+    return inStep;
+}
+
+// In one piece with what follows, where that is there already.
+bool Dialogue::Reply(std::string_view text) {
+    return hold_ || peers_.client.HasLineAhead() ? peers_.client.Queue(text)
+                                                 : peers_.client.Send(text);
+}
+
+// Whether the client has sent more before it could know what it is answered.
+bool Dialogue::TalksEarly(bool mayTalkOn) const {
+    if (peers_.settings.options.earlyTalker != EarlyTalker::kRefuse || mayTalkOn) return false;
+    return peers_.client.HasReadAhead() ||
+           (peers_.client.WaitReadable(std::chrono::milliseconds(0)) == Stream::Wait::kReady &&
+            !peers_.client.PeerGone());
 }
 
 Dialogue::Outcome Dialogue::TakeCommand() {

@@ -1,14 +1,16 @@
 // dialogue/: commands (command.cpp) and replies (reply.cpp).
 //
 // One run of the command dialogue: from a reply that is due, or the client's next command, to a
-// complete message or the end of the session. A strict ping-pong: one reply from the server, one
-// command from the client.
+// complete message or the end of the session. A ping-pong: one command from the client, one reply
+// from the server. Commands that a client sends together are answered in their order; those that
+// don't hang on the answers to others go on together to a server that takes batches.
 #pragma once
 
 #include <array>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "session/envelope.h"
 #include "session/message/reception.h"
@@ -60,14 +62,34 @@ class Dialogue {
         const char* word;
         InFlight code;
         Rule rule;
+        unsigned traits = 0;
     };
+    // Of a verb:
+    static constexpr unsigned kInBatch = 1;      // it may go on together with others
+    static constexpr unsigned kBeforeTls = 2;    // it is answered also where mail needs TLS
+    static constexpr unsigned kAlone = 4;        // a client has to wait for the answer in any case
+    static constexpr unsigned kBytesBehind = 8;  // what follows it is none of the dialogue's
     static const Verb kVerbs[];
+    // A command that has gone to the server, with what its reply will be about.
+    struct Due {
+        int code;
+        std::string line;
+        std::string recipient;
+        std::string sender;
+    };
+
+    bool Forward();
+    bool AnswerDue();
+    bool Reply(std::string_view text);
+    bool TalksEarly(bool mayTalkOn) const;
 
     bool RelayReply();
     void NoteLine();
     bool GuardAgainstHarvesting();
     Line RewriteLine();
     Line FilterEhloLine();
+    bool IsOffered(std::string_view keyword) const;
+    void AddOwnOffers();
     void OfferSize();
     void SetReply(std::string_view format);
     void Confirm();
@@ -77,6 +99,7 @@ class Dialogue {
     Outcome TakeAuthAnswer(bool whole);
     Outcome Dispatch(bool whole);
     Outcome Answer(std::string_view text);
+    Outcome AnswerAndEnd(std::string_view text);
     Outcome ForwardRule() { return Outcome::kForward; }
     // A message that the server would fetch itself never passes here, and nobody tells the server
     // who its client is but the proxy.
@@ -85,11 +108,16 @@ class Dialogue {
     Outcome SenderRule();
     Outcome DataRule();
     Outcome ChunkRule();
+    Outcome GreetingRule();
+    Outcome AuthRule();
+    Outcome StartTlsRule();
+    Outcome XclientRule();
     bool NamesPath(std::string_view keyword) const;
     // A zero byte, or a CR that isn't the line's end: a server might read a command behind it that
     // the checks here don't see.
     static bool HidesText(std::string_view line);
 
+    static constexpr std::string_view kUnknownCommand = "501 Unknown command\r\n";
     // With their line ends. Only an authentication exchange has long ones.
     static constexpr std::size_t kLongestCommand = 2048;
     static constexpr std::size_t kLongestAuthLine = 12288;
@@ -102,7 +130,10 @@ class Dialogue {
     Reception& reception_;
     CommandSource& commands_;
     const std::shared_ptr<asfilters::CASFilters> filters_;  // may be null
+    std::vector<Due> due_;  // commands whose replies are still to come, in their order
+    bool hold_ = false;     // replies wait for the one that follows them
     int inFlight_ = CMD_OTHER;
+    const Verb* verb_ = nullptr;
     int chunkingState_ = CHUNKING_UNKNOWN;
     bool authAnswer_ = false;    // the client's next line is its answer to a challenge
     bool startedTls_ = false;    // the server waits for a handshake

@@ -6,6 +6,7 @@
 
 #include "asfilters/asfilters.h"
 #include "session/address/normalize.h"
+#include "session/client/xclient.h"
 #include "session/dialogue/dialogue.h"
 #include "session/registry.h"
 #include "text/ascii.h"
@@ -19,17 +20,13 @@ constexpr std::string_view kOutOfStep =
 
 bool Continues(std::string_view line) { return line.size() > 3 && line[3] == '-'; }
 
-// Extensions that a client can't use here: the proxy reads one command after the other, sees every
-// message itself, and tells the server itself whom it speaks for.
+constexpr std::string_view kTooEarly =
+    "554 5.5.1 Not your turn before the greeting, closing transmission channel\r\n";
+
+// Offers of the server's that are not the client's: the proxy does its own TLS and batches, sees
+// every message itself, and tells the server itself whom it speaks for.
 constexpr std::string_view kNotOffered[] = {"pipelining",  "starttls",       "xclient", "xforward",
                                             "pipeconnect", "x_pipe_connect", "burl"};
-
-bool IsOffered(std::string_view keyword) {
-    for (const std::string_view each : kNotOffered) {
-        if (EqualIgnoringCase(keyword, each)) return false;
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -52,8 +49,12 @@ bool Dialogue::RelayReply() {
         if (!peers_.client.Send(pending)) return false;
         pending.clear();
     }
+    if (!std::exchange(peers_.greeted, true) && TalksEarly(false)) {
+        closing_ = true;
+        return peers_.client.Send(kTooEarly);
+    }
     // Also what came of a reply that never ended.
-    return peers_.client.Send(pending) && !reader.Failed();
+    return Reply(pending) && !reader.Failed();
 }
 
 // What the reply means for what comes next, whatever the client sees of it.
@@ -61,6 +62,7 @@ void Dialogue::NoteLine() {
     authAnswer_ = reply_.starts_with("334");
     // Whatever it says, the client has said its last word; and a server that answers 421 closes.
     if (inFlight_ == CMD_QUIT || reply_.starts_with("421")) closing_ = true;
+    if (inFlight_ == CMD_AUTH && reply_.starts_with("235")) peers_.authenticated = true;
     if (inFlight_ == CMD_STARTTLS && reply_.starts_with("220")) startedTls_ = true;
     if (!reply_.starts_with("354") || Continues(reply_)) return;
     // It takes what follows for a message, which would pass unscanned.
@@ -108,7 +110,8 @@ Dialogue::Line Dialogue::RewriteLine() {
     if (inFlight_ == CMD_EHLO) return FilterEhloLine();
     if (inFlight_ == CMD_HELO) {
         SetReply("250 %s ESMTP Vantrel Proxy, pleased to meet you\r\n");
-        peers_.server.takesChunks = false;
+        peers_.server.takesChunks = peers_.server.takesBatches = false;
+        peers_.pipelining = peers_.needsGreeting = false;
         envelope_.Clear();
         return Line::kWholeReply;
     }
@@ -145,12 +148,18 @@ void Dialogue::AcceptSender() {
 }
 
 Dialogue::Line Dialogue::FilterEhloLine() {
-    if (firstLine_) peers_.server.takesChunks = false;  // each reply offers anew
+    if (firstLine_) {  // each reply offers anew
+        peers_.server.takesChunks = peers_.server.takesBatches = false;
+        peers_.needsGreeting = false;
+    }
     if (firstLine_ && Continues(reply_)) {
         firstLine_ = false;
         SetReply("250-%s\r\n");
         envelope_.Clear();
+        AddOwnOffers();
+        return Line::kPass;
     }
+    if (firstLine_) AddOwnOffers();  // to a reply of one line
     if (chunkingState_ == CHUNKING_UNKNOWN) chunkingState_ = CHUNKING_ABSENT;
     int number = 0;
     char separator = '\0';
@@ -160,12 +169,44 @@ Dialogue::Line Dialogue::FilterEhloLine() {
         chunkingState_ = CHUNKING_OFFERED;
         peers_.server.takesChunks = true;
     }
+    if (EqualIgnoringCase(keyword, "pipelining")) peers_.server.takesBatches = true;
     if (EqualIgnoringCase(keyword, "size")) OfferSize();
     if (IsOffered(keyword)) return Line::kPass;
     // Whatever stands behind the code of the last line: it ends the reply, so the client gets one.
     if (Continues(reply_)) return Line::kDrop;
     reply_ = kLastEhloLine;
     return Line::kPass;
+}
+
+bool Dialogue::IsOffered(std::string_view keyword) const {
+    for (const std::string_view each : kNotOffered) {
+        if (EqualIgnoringCase(keyword, each)) return false;
+    }
+    constexpr std::string_view kAuth = "auth";  // some servers write "AUTH=" for old clients
+    const bool auth = EqualIgnoringCase(keyword.substr(0, kAuth.size()), kAuth) &&
+                      (keyword.size() == kAuth.size() || keyword[kAuth.size()] == '=');
+    return !auth || !peers_.settings.options.authOnlyOverTls || peers_.client.Secured();
+}
+
+// Behind the head of the reply, which may be all of it.
+void Dialogue::AddOwnOffers() {
+    const ConnectionOptions& options = peers_.settings.options;
+    peers_.pipelining = options.pipelining;
+    std::string offers;
+    const auto offer = [&offers](std::string_view text) {
+        offers.append("250-").append(text).append("\r\n");
+    };
+    if ((options.clientTls == ClientTls::kOffer || options.clientTls == ClientTls::kRequire) &&
+        !peers_.client.Secured())
+        offer("STARTTLS");
+    if (options.pipelining) offer("PIPELINING");
+    if (peers_.trusted) offer("XCLIENT " + std::string(kXclientAttributes));
+    if (offers.empty()) return;
+    if (!Continues(reply_)) {
+        reply_[3] = '-';
+        offers[offers.rfind("250-") + 3] = ' ';
+    }
+    reply_ += offers;
 }
 
 // The server's limit, or ours where that is lower: a message that would be refused at its end need

@@ -58,7 +58,7 @@ bool DataScanner::TakeBehindDot(char byte, std::string& text) {
                 state_ = State::kDotCr;
                 return true;
             }
-            if (byte == '\n' && (wholeLine || inFront_ == State::kLf)) {
+            if (byte == '\n' && !strict_ && (wholeLine || inFront_ == State::kLf)) {
                 state_ = State::kDotLf;
                 return true;
             }

@@ -9,6 +9,9 @@
 //
 // The result doesn't depend on where the reads cut the stream, but for one rule: without an offer
 // of PIPELINING the end counts only with nothing behind it in the same read.
+//
+// Where bare line ends don't count (newlines.h makes CR LF of them, or ends the session), a dot
+// between them never ends the message.
 #pragma once
 
 #include <cstddef>
@@ -24,7 +27,9 @@ class DataScanner {
     };
 
     // pipelining: the end counts wherever it stands, and what is behind it isn't the message's.
-    explicit DataScanner(bool pipelining) : pipelining_(pipelining) {}
+    // strict: CR LF, dot, CR LF alone is the end.
+    explicit DataScanner(bool pipelining, bool strict = false)
+        : pipelining_(pipelining), strict_(strict) {}
 
     // Takes the bytes of one read and appends what is text for certain to `text`. Gives how many
     // bytes it has used: all, unless the end came before the last of them.
@@ -53,6 +58,7 @@ class DataScanner {
     bool TakeBehindDot(char byte, std::string& text);
 
     const bool pipelining_;
+    const bool strict_;
     State state_ = State::kStart;
     State inFront_ = State::kStart;  // what stands in front of the dot that is held back
 };

@@ -18,6 +18,8 @@ constexpr std::size_t kTailSize = 10;
 // the connection cut while it sends.
 constexpr long long kMostDrained = 256LL << 20;
 constexpr std::string_view kStartMail = "354 Enter mail, end with \".\" on a line by itself\r\n";
+constexpr std::string_view kBareNewline =
+    "521 5.5.2 A line feed or carriage return alone, closing transmission channel\r\n";
 constexpr std::string_view kDiskFull =
     "452 Requested action not taken: insufficient system storage\r\n";
 
@@ -48,6 +50,16 @@ void Reception::Store(std::string_view bytes) {
     }
 }
 
+// Through the filter of line ends. atEnd: of the message.
+void Reception::StoreLines(std::string_view bytes, bool atEnd) {
+    if (newlines_.Idle()) return Store(bytes);
+    lines_.clear();
+    const bool good = newlines_.Feed(bytes, lines_) && (!atEnd || newlines_.Finish(lines_));
+    // The first reason stands: a message that is only drained isn't looked at any more.
+    if (!good && refusal_ == Refusal::kNone) Refuse(Refusal::kBareNewline);
+    Store(lines_);
+}
+
 void Reception::Refuse(Refusal refusal) {
     refusal_ = refusal;
     spool_.Remove();
@@ -70,7 +82,9 @@ Received Reception::Abandon() {
 
 Received Reception::AnswerAndEnd() {
     spool_.Remove();
-    peers_.client.Send(refusal_ == Refusal::kTooLarge ? kMessageTooLarge : kDiskFull);
+    peers_.client.Send(refusal_ == Refusal::kTooLarge      ? kMessageTooLarge
+                       : refusal_ == Refusal::kBareNewline ? kBareNewline
+                                                           : kDiskFull);
     peers_.client.EndSending();
     return Received::kFailed;
 }
@@ -85,8 +99,8 @@ Received Reception::Finish() {
 bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {
     switch (scanner.Ending()) {
         case DataScanner::End::kNow:
-            // With more behind it, it would be text.
-            return !moreMayBeThere ||
+            // With more behind it, it would be text, but for a client that may send more commands.
+            return peers_.pipelining || !moreMayBeThere ||
                    peers_.client.WaitReadable(milliseconds(0)) != Stream::Wait::kReady ||
                    peers_.client.PeerGone();
         case DataScanner::End::kIfSilent:
@@ -103,7 +117,8 @@ Received Reception::ReceiveData() {
     const auto block = std::make_unique_for_overwrite<char[]>(kBlockSize);
     if (!peers_.client.Send(kStartMail)) return Received::kFailed;
     if (!spool_.OpenNext()) Refuse(Refusal::kDiskFull);
-    DataScanner scanner(false);
+    newlines_ = NewlineFilter(peers_.settings.options.bareNewline);
+    DataScanner scanner(peers_.pipelining, !newlines_.Idle());
     std::string text;  // what is not in the file yet
     text.reserve(kBlockSize + kTailSize);
     for (;;) {
@@ -111,13 +126,18 @@ Received Reception::ReceiveData() {
         const int count = Read(block.get(), kReadSize, seconds(peers_.settings.connectionTimeout));
         if (DrainedEnough()) return AnswerAndEnd();
         if (count < 1) return Abandon();
-        scanner.Feed({block.get(), static_cast<std::size_t>(count)}, text);
+        const std::string_view bytes(block.get(), static_cast<std::size_t>(count));
+        const std::size_t used = scanner.Feed(bytes, text);
         const bool ended = Ended(scanner, ahead || count == kReadSize);
+        if (used < bytes.size()) peers_.client.PutBack(bytes.substr(used));
         const std::size_t held = scanner.HeldBack();
-        if (ended || text.size() + held > kTailSize) {
-            const std::size_t keep = ended ? 0 : std::min(kTailSize - held, text.size());
+        // Where line ends are looked at, it is done at once: nothing waits for more to come.
+        const bool all = ended || !newlines_.Idle();
+        if (all || text.size() + held > kTailSize) {
+            const std::size_t keep = all ? 0 : std::min(kTailSize - held, text.size());
             const std::size_t ready = text.size() - keep;
-            Store(std::string_view(text).substr(0, ready));
+            StoreLines(std::string_view(text).substr(0, ready), ended);
+            if (refusal_ == Refusal::kBareNewline) return AnswerAndEnd();
             text.erase(0, ready);
             if (IntervalOver()) {
                 if (KeepAlive(&peers_) != 0) return Abandon();
@@ -128,22 +148,28 @@ Received Reception::ReceiveData() {
     }
 }
 
-Received Reception::ReceiveChunk(bool first, long long size) {
+Received Reception::ReceiveChunk(const Chunk& chunk) {
     Begin();
+    if (chunk.first)
+        newlines_ = NewlineFilter(chunk.binary ? BareNewline::kAccept
+                                               : peers_.settings.options.bareNewline);
     // The chunk goes to the file in blocks as it comes: the memory of a session doesn't follow the
     // chunk's size.
     const auto block = std::make_unique_for_overwrite<char[]>(kBlockSize);
-    if (!(first ? spool_.OpenNext() : spool_.OpenAgain())) Refuse(Refusal::kDiskFull);
+    if (!(chunk.first ? spool_.OpenNext() : spool_.OpenAgain())) Refuse(Refusal::kDiskFull);
     const long long limit = peers_.settings.maxMessageSize;
-    if (limit > 0 && spool_.Size() + size > limit) Refuse(Refusal::kTooLarge);
-    for (long long missing = size; missing > 0;) {
+    if (limit > 0 && spool_.Size() + chunk.size > limit) Refuse(Refusal::kTooLarge);
+    for (long long missing = chunk.size; missing > 0;) {
         const int most = static_cast<int>(std::min<long long>(missing, kBlockSize));
         const int count = Read(block.get(), most, seconds(peers_.settings.noopInterval));
         if (DrainedEnough()) return AnswerAndEnd();
         if (count < 1) return Abandon();  // also a client that has closed: nothing more will come
         missing -= count;
-        Store({block.get(), static_cast<std::size_t>(count)});
+        StoreLines({block.get(), static_cast<std::size_t>(count)}, false);
+        if (refusal_ == Refusal::kBareNewline) return AnswerAndEnd();
     }
+    if (chunk.last) StoreLines({}, true);
+    if (refusal_ == Refusal::kBareNewline) return AnswerAndEnd();
     if (refusal_ == Refusal::kNone && IntervalOver() && KeepAlive(&peers_) != 0) return Abandon();
     return Finish();
 }

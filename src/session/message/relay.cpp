@@ -102,7 +102,9 @@ void MessageRelay::NoteRefusal() {
 bool MessageRelay::OpenFreshEnvelope() {
     if (!peers_.server.ReadReply(reply_) || !envelope_.savedMailLine.has_value()) return false;
     // A server that keeps the old envelope could give the message to its recipients.
-    if (!reply_.Refuses() && !peers_.server.Ask(*envelope_.savedMailLine, reply_)) return false;
+    if (!reply_.Refuses() && (peers_.TellOfClient() == Peers::Told::kFailed ||
+                              !peers_.server.Ask(*envelope_.savedMailLine, reply_)))
+        return false;
     if (reply_.Refuses()) NoteRefusal();
     return true;
 }

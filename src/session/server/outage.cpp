@@ -51,9 +51,9 @@ std::string OutageReply(std::string_view greetingName, ConnectFailure failure) {
     return reply.append(", try again later\r\n");
 }
 
-void LogOutage(const ServerAddress& server, const std::string& reason) {
+void LogOutage(const ServerAddress& server, std::string_view what, std::string_view reason) {
     if (!IsNews(server.Text())) return;
-    const std::string message = "No connection to the mail server: " + CleanText(reason);
+    const std::string message = std::string(what) + ": " + CleanText(std::string(reason));
     LogClientPost(kEventWarning, nullptr, nullptr, nullptr, server.host.c_str(), nullptr,
                   message.c_str());
 }

@@ -10,5 +10,6 @@
 // The client's only reply, with its line end: what is wrong, without a word on where.
 std::string OutageReply(std::string_view greetingName, ConnectFailure failure);
 
-// Tells the log, at most once a minute of each server: one that is down would fill it. Any thread.
-void LogOutage(const ServerAddress& server, const std::string& reason);
+// Tells the log what is wrong with a server, at most once a minute of each: one that is down would
+// fill it. Any thread.
+void LogOutage(const ServerAddress& server, std::string_view what, std::string_view reason);

@@ -1,0 +1,181 @@
+// What stands in front of a session's dialogue: who the client is, and a server for it.
+#include <algorithm>
+#include <chrono>
+
+#include "asfilters/asfilters.h"
+#include "logclient/logclient.h"
+#include "session/client/proxy_header.h"
+#include "session/dialogue/unserved.h"
+#include "session/secure.h"
+#include "session/server/outage.h"
+#include "session/server/prepare.h"
+#include "session/session.h"
+
+namespace {
+
+constexpr std::uint32_t kLongestHeader = 30;  // seconds
+constexpr std::string_view kNobodyTold = "451 4.3.2 No client has been named, no mail is taken\r\n";
+constexpr std::string_view kNoTls =
+    "454 4.7.0 TLS not available to the mail server, try again later\r\n";
+constexpr std::string_view kNotTold =
+    "451 4.3.2 The mail server can't be told who you are, try again later\r\n";
+
+}  // namespace
+
+// A stop of the service ends what goes on while one of these lives.
+class CSMTPProxy::Interruptible {
+  public:
+    explicit Interruptible(CSMTPProxy& session) : session_(session) {
+        session_.waitingForCommand_ = true;
+    }
+    Interruptible(const Interruptible&) = delete;
+    Interruptible& operator=(const Interruptible&) = delete;
+    ~Interruptible() { session_.waitingForCommand_ = false; }
+
+  private:
+    CSMTPProxy& session_;
+};
+
+bool CSMTPProxy::LearnClient() {
+    SocketAddress peer;
+    SocketAddress own;
+    clientSocket_.GetPeerAddress(peer);
+    // A connection that has broken already has no peer to be judged, and sends nothing any more.
+    if (!peer.Known()) return true;
+    clientSocket_.GetOwnAddress(own);
+    peers_.ownAddress = IpAddress::Of(peer);
+    ClientIdentity& identity = peers_.identity;
+    identity.address = peers_.ownAddress;
+    identity.port = peer.Port();
+    identity.destination = IpAddress::Of(own);
+    identity.destinationPort = own.Port();
+    const auto& trusted = settings_.options.trusted;
+    peers_.trusted = std::any_of(trusted.begin(), trusted.end(), [&](const IpNetwork& network) {
+        return network.Contains(peers_.ownAddress);
+    });
+    if (!peers_.trusted || !settings_.options.proxyProtocol) return true;
+    const Interruptible scope(*this);
+    if (stopRequested_) return false;
+    const Deadline deadline(std::min(kLongestHeader, settings_.connectionTimeout));
+    const ProxyHeader header = ReadProxyHeader(clientSocket_, deadline, identity);
+    nobodyTold_ = header == ProxyHeader::kLocal;
+    if (header == ProxyHeader::kTold) identity.toldBy = peers_.ownAddress.Text();
+    return header != ProxyHeader::kBroken;
+}
+
+bool CSMTPProxy::IsClientDenied() {
+    const bool known = peers_.identity.address != IpAddress();
+    peers_.address = known ? peers_.identity.address.Text() : "Unknown";
+    peers_.relayAllowed = known && settings_.MayRelay(peers_.identity.address);
+    const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
+    if (!known || filters == nullptr || filters->CheckIP(peers_.address.c_str()) != 2) return false;
+    peers_.SendStatEvent(80, nullptr, nullptr);
+    return true;
+}
+
+void CSMTPProxy::Serve() {
+    if (!configured_ || !SecureWrapped()) return;
+    peers_.pipelining = peers_.authenticated = false;
+    if (nobodyTold_) return AnswerWithoutServer(peers_, *this, kNobodyTold);
+    if (!OpenServer()) return;
+    Conversation(peers_, spool_).Run(*this);
+    if (!server_.HasSpoken() && !peers_.restart) AnswerOutage(ConnectFailure::kNone, "no greeting");
+}
+
+bool CSMTPProxy::SecureWrapped() {
+    if (settings_.options.clientTls != ClientTls::kWrapped || client_.Secured()) return true;
+    const Interruptible scope(*this);
+    const std::shared_ptr<const TlsContext> context = ClientContext(settings_.options);
+    return context != nullptr && !stopRequested_ && SecureClient(peers_, *context);
+}
+
+bool CSMTPProxy::OpenServer() {
+    for (bool plain = false; ConnectToServer(); plain = true) {
+        server_.Attach(serverSocket_);
+        const Preparation done = PrepareServer(peers_, settings_.forwardHost, plain);
+        const ServerAddress server{settings_.forwardHost, settings_.forwardPort};
+        switch (done.outcome) {
+            case Prepared::kReady:
+                return true;
+            case Prepared::kRetryPlain:
+                LogOutage(server, "TLS with the mail server failed, mail goes on without",
+                          done.text);
+                DropServer();
+                continue;
+            case Prepared::kRefused:
+                client_.Send(done.text);
+                client_.EndSending();
+                return false;
+            case Prepared::kFailed:
+                AnswerOutage(ConnectFailure::kNone, done.text);
+                return false;
+            case Prepared::kNoTls:
+                LogOutage(server, "No TLS with the mail server, its mail waits", done.text);
+                break;
+            case Prepared::kNotTold:
+                LogOutage(server, "The mail server can't be told of clients, mail waits",
+                          done.text);
+                break;
+        }
+        DropServer();
+        AnswerWithoutServer(peers_, *this, done.outcome == Prepared::kNoTls ? kNoTls : kNotTold);
+        return false;
+    }
+    return false;
+}
+
+bool CSMTPProxy::ConnectToServer() {
+    {
+        const std::lock_guard lock(handleMutex_);
+        connecting_ = true;
+    }
+    const ServerConnection made = ConnectToServers(
+        settings_.servers, std::chrono::seconds(settings_.options.connectTimeout), *this);
+    {
+        const std::lock_guard lock(handleMutex_);
+        connecting_ = false;
+    }
+    if (made.failure != ConnectFailure::kNone) {
+        AnswerOutage(made.failure, made.reason);
+        return false;
+    }
+    serverSocket_ = made.socket;
+    settings_.forwardHost = made.server.host;
+    settings_.forwardPort = made.server.port;
+    return true;
+}
+
+void CSMTPProxy::DropServer() {
+    server_.SayGoodbye();
+    {
+        const std::lock_guard lock(handleMutex_);
+        serverHandle_ = 0;
+    }
+    serverSocket_.Shutdown();
+    serverSocket_.Close();
+}
+
+bool CSMTPProxy::Trying(SOCKET socket) {
+    const std::lock_guard lock(handleMutex_);
+    serverHandle_ = socket;
+    return !stopRequested_;
+}
+
+void CSMTPProxy::Failed() {
+    const std::lock_guard lock(handleMutex_);
+    serverHandle_ = 0;
+}
+
+bool CSMTPProxy::Wanted() { return !stopRequested_ && !client_.PeerGone(); }
+
+void CSMTPProxy::AnswerOutage(ConnectFailure failure, const std::string& reason) {
+    if (stopRequested_) {
+        failure = ConnectFailure::kGivenUp;
+    } else {
+        const ServerAddress server{settings_.forwardHost, settings_.forwardPort};
+        LogOutage(server, "No connection to the mail server",
+                  failure == ConnectFailure::kNone ? server.Text() + ": " + reason : reason);
+    }
+    client_.Send(OutageReply(settings_.greetingName, failure));
+    client_.EndSending();
+}

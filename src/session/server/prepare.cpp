@@ -1,0 +1,165 @@
+#include "session/server/prepare.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "session/client/proxy_header.h"
+#include "session/client/xclient.h"
+#include "session/secure.h"
+#include "text/ascii.h"
+#include "tls/trust.h"
+
+namespace {
+
+// What a reply to EHLO offers of what the proxy uses itself.
+struct Offers {
+    bool startTls = false;
+    std::optional<std::string> xclient;  // the words behind it
+    std::optional<std::string> xforward;
+};
+
+Offers ReadOffers(std::string_view reply) {
+    Offers offers;
+    while (!reply.empty()) {
+        const std::size_t end = std::min(reply.find('\n'), reply.size() - 1) + 1;
+        std::string_view line = reply.substr(0, end);
+        reply.remove_prefix(end);
+        line = line.substr(std::min<std::size_t>(4, line.size()));
+        line = line.substr(0, line.find_last_not_of("\r\n ") + 1);
+        const std::size_t blank = std::min(line.find(' '), line.size());
+        const std::string_view keyword = line.substr(0, blank);
+        const std::string words(line.substr(std::min(blank + 1, line.size())));
+        if (EqualIgnoringCase(keyword, "STARTTLS")) offers.startTls = true;
+        if (EqualIgnoringCase(keyword, "XCLIENT")) offers.xclient = words;
+        if (EqualIgnoringCase(keyword, "XFORWARD")) offers.xforward = words;
+    }
+    return offers;
+}
+
+class Preparing {
+  public:
+    Preparing(Peers& peers, const std::string& host, bool plain)
+        : peers_(peers), options_(peers.settings.options), host_(host), plain_(plain) {}
+
+    Preparation Run();
+
+  private:
+    Preparation StartTls();
+    Preparation Handshake(Prepared otherwise);
+    Preparation Tell();
+    bool Greet();
+
+    Peers& peers_;
+    const ConnectionOptions& options_;
+    const std::string& host_;
+    const bool plain_;
+    ServerReply greeting_;
+    Offers offers_;
+};
+
+Preparation Preparing::Run() {
+    const TellServer tell = options_.tellServer;
+    if (tell == TellServer::kProxy1 || tell == TellServer::kProxy2) {
+        const std::string header = tell == TellServer::kProxy1 ? ProxyHeaderV1(peers_.identity)
+                                                               : ProxyHeaderV2(peers_.identity);
+        if (!peers_.server.Send(header)) return {Prepared::kFailed, "closed"};
+    }
+    if (options_.serverTls == ServerTls::kWrapped) {
+        if (Preparation done = Handshake(Prepared::kNoTls); done.outcome != Prepared::kReady)
+            return done;
+    }
+    const bool startTls =
+        options_.serverTls != ServerTls::kOff && options_.serverTls != ServerTls::kWrapped;
+    const bool command = tell == TellServer::kXclient || tell == TellServer::kXforward;
+    if (!startTls && !command) return {};
+
+    if (!peers_.server.ReadReply(greeting_)) return {Prepared::kFailed, "no greeting"};
+    if (!greeting_.Is("220")) return {Prepared::kRefused, greeting_.text};
+    if (!Greet()) return {Prepared::kFailed, "no reply to EHLO"};
+    if (startTls) {
+        if (Preparation done = StartTls(); done.outcome != Prepared::kReady) return done;
+    }
+    Preparation done = Tell();
+    if (done.outcome == Prepared::kReady) peers_.server.HoldReply(std::move(greeting_));
+    return done;
+}
+
+// Learns what the server offers. False: the connection is of no use.
+bool Preparing::Greet() {
+    const std::string& name = peers_.settings.greetingName;
+    // An address stands for a name between brackets.
+    const bool isName = std::any_of(name.begin(), name.end(), IsLetter);
+    const std::string own = isName ? name : "[" + (name.empty() ? "127.0.0.1" : name) + "]";
+    ServerReply reply;
+    if (!peers_.server.Ask("EHLO " + own + "\r\n", reply) || reply.Is("421")) return false;
+    // A server that knows no EHLO offers nothing.
+    offers_ = reply.Is("250") ? ReadOffers(reply.text) : Offers{};
+    return true;
+}
+
+Preparation Preparing::StartTls() {
+    const bool optional = options_.serverTls == ServerTls::kTry;
+    if (optional && plain_) return {};
+    if (!offers_.startTls) {
+        return optional ? Preparation{}
+                        : Preparation{Prepared::kNoTls, "the server offers no STARTTLS"};
+    }
+    ServerReply reply;
+    if (!peers_.server.Ask("STARTTLS\r\n", reply))
+        return {Prepared::kFailed, "no reply to STARTTLS"};
+    if (!reply.Is("220")) {
+        return optional ? Preparation{} : Preparation{Prepared::kNoTls, "STARTTLS is refused"};
+    }
+    // What came with the reply, somebody on the way has put there.
+    if (peers_.server.HasReadAhead())
+        return {optional ? Prepared::kRetryPlain : Prepared::kNoTls, "text behind STARTTLS"};
+    Preparation done = Handshake(optional ? Prepared::kRetryPlain : Prepared::kNoTls);
+    // What it offered before, somebody on the way may have written.
+    if (done.outcome == Prepared::kReady && !Greet())
+        return {Prepared::kFailed, "no reply to EHLO behind TLS"};
+    return done;
+}
+
+Preparation Preparing::Handshake(Prepared otherwise) {
+    const bool named = !options_.serverCaFile.empty() || !options_.serverCertName.empty();
+    const bool judge = options_.serverTls == ServerTls::kVerify ||
+                       (options_.serverTls == ServerTls::kWrapped && named);
+    std::string complaint;
+    const std::shared_ptr<const TlsContext> context =
+        judge ? TlsClientContext(options_.serverCaFile, complaint) : TlsClientContext();
+    if (context == nullptr) return {otherwise, complaint.empty() ? "no memory" : complaint};
+    const std::string& name = options_.serverCertName.empty() ? host_ : options_.serverCertName;
+    TlsOutcome outcome = TlsConnect(peers_.server.Socket(), *context, host_, judge ? name : "",
+                                    HandshakeLimit(peers_.settings));
+    if (outcome.transport == nullptr) return {otherwise, outcome.failure};
+    peers_.server.Secure(std::move(outcome.transport));
+    return {};
+}
+
+Preparation Preparing::Tell() {
+    const auto notTold = [this](const char* why) {
+        return options_.tellServerRequired ? Preparation{Prepared::kNotTold, why} : Preparation{};
+    };
+    if (options_.tellServer == TellServer::kXforward) {
+        if (!offers_.xforward) return notTold("the server offers no XFORWARD");
+        peers_.server.xforwardOffer = *offers_.xforward;
+    }
+    if (options_.tellServer != TellServer::kXclient) return {};
+    if (!offers_.xclient) return notTold("the server offers no XCLIENT");
+    const std::vector<std::string> commands = XclientCommands(peers_.identity, *offers_.xclient);
+    if (commands.empty()) return notTold("the server's XCLIENT takes no address");
+    for (const std::string& command : commands) {
+        ServerReply reply;
+        if (!peers_.server.Ask(command, reply) || reply.Is("421"))
+            return {Prepared::kFailed, "no reply to XCLIENT"};
+        if (!reply.Is("2")) return notTold("XCLIENT is refused");
+        greeting_ = std::move(reply);  // the session has begun anew
+    }
+    return {};
+}
+
+}  // namespace
+
+Preparation PrepareServer(Peers& peers, const std::string& host, bool plain) {
+    return Preparing(peers, host, plain).Run();
+}

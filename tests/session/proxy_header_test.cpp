@@ -116,6 +116,10 @@ std::vector<Header> Good() {
         {"PROXY UNKNOWN ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff "
          "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff 65535 65535\r\n",
          ProxyHeader::kLocal},
+        // The ends of the connection itself, and what differs from them in one.
+        {"PROXY TCP4 127.0.0.9 127.0.0.8 9 8\r\n", ProxyHeader::kLocal},
+        {"PROXY TCP4 127.0.0.9 127.0.0.8 10 8\r\n", ProxyHeader::kTold, "127.0.0.9 10 127.0.0.8 8"},
+        {"PROXY TCP4 127.0.0.9 127.0.0.7 9 8\r\n", ProxyHeader::kTold, "127.0.0.9 9 127.0.0.7 8"},
         {Binary(0x21, 0x11, kFour), ProxyHeader::kTold, kFromV4},
         {Binary(0x21, 0x21, kSix), ProxyHeader::kTold, kFromV6},
         {Binary(0x21, 0x21, kMapped), ProxyHeader::kTold, kFromV4},

@@ -103,19 +103,19 @@ TEST(Xclient, CommandsNameWhatIsOffered) {
         std::string xforward;
     } cases[] = {
         {Peer(), kXclientAttributes,
-         "XCLIENT NAME=peer.example ADDR=127.0.0.9 PORT=9 PROTO=ESMTP HELO=peer LOGIN=peer-login "
-         "DESTADDR=127.0.0.8 DESTPORT=8\r\n",
+         "XCLIENT PORT=9 PROTO=ESMTP HELO=peer LOGIN=peer-login DESTADDR=127.0.0.8 DESTPORT=8 "
+         "NAME=peer.example ADDR=127.0.0.9\r\n",
          "XFORWARD NAME=peer.example ADDR=127.0.0.9 PORT=9 PROTO=ESMTP HELO=peer\r\n"},
         {Peer(), kXforward,
-         "XCLIENT NAME=peer.example ADDR=127.0.0.9 PORT=9 PROTO=ESMTP HELO=peer\r\n",
+         "XCLIENT PORT=9 PROTO=ESMTP HELO=peer NAME=peer.example ADDR=127.0.0.9\r\n",
          "XFORWARD NAME=peer.example ADDR=127.0.0.9 PORT=9 PROTO=ESMTP HELO=peer "
          "SOURCE=REMOTE\r\n"},
         // Not known is said, lest the server keeps what it knows of us.
         {bare, kXclientAttributes,
-         "XCLIENT NAME=[UNAVAILABLE] ADDR=192.0.2.1 PORT=[UNAVAILABLE] HELO=[UNAVAILABLE] "
-         "LOGIN=[UNAVAILABLE] DESTADDR=[UNAVAILABLE] DESTPORT=[UNAVAILABLE]\r\n",
+         "XCLIENT PORT=[UNAVAILABLE] HELO=[UNAVAILABLE] LOGIN=[UNAVAILABLE] "
+         "DESTADDR=[UNAVAILABLE] DESTPORT=[UNAVAILABLE] NAME=[UNAVAILABLE] ADDR=192.0.2.1\r\n",
          "XFORWARD NAME=[UNAVAILABLE] ADDR=192.0.2.1 PORT=[UNAVAILABLE] HELO=[UNAVAILABLE]\r\n"},
-        {v6, " addr  Login\tSOMETHING \r\n", "XCLIENT ADDR=IPV6:2001:db8::1 LOGIN=a+2Bb+3Dc\r\n",
+        {v6, " addr  Login\tSOMETHING \r\n", "XCLIENT LOGIN=a+2Bb+3Dc ADDR=IPV6:2001:db8::1\r\n",
          "XFORWARD ADDR=IPV6:2001:db8::1\r\n"},
         // The rest alone would be said of our address.
         {Peer(), "NAME PORT PROTO HELO LOGIN SOURCE", "", ""},
@@ -154,9 +154,10 @@ TEST(Xclient, NothingLeavesItsCommand) {
         const auto commands = XclientCommands(identity, kXclientAttributes);
         ASSERT_EQ(commands.size(), 1U);
         // 200 plus signs are well, but no command has room for them.
-        EXPECT_EQ(commands.front(),
-                  "XCLIENT NAME=[UNAVAILABLE] ADDR=127.0.0.9 PORT=9 PROTO=ESMTP HELO=[UNAVAILABLE] "
-                  "LOGIN=[UNAVAILABLE] DESTADDR=127.0.0.8 DESTPORT=8\r\n");
+        EXPECT_EQ(
+            commands.front(),
+            "XCLIENT PORT=9 PROTO=ESMTP HELO=[UNAVAILABLE] LOGIN=[UNAVAILABLE] DESTADDR=127.0.0.8 "
+            "DESTPORT=8 NAME=[UNAVAILABLE] ADDR=127.0.0.9\r\n");
     }
     // What hides a line end behind its encoding comes out as it went in.
     ClientIdentity identity = Peer();
@@ -175,6 +176,8 @@ TEST(Xclient, LongOnesAreSeveralCommandsThatSayTheSame) {
     ClientIdentity told;
     for (const std::string& each : commands) {
         EXPECT_LE(each.size(), 512U);
+        // Who has become another may say no more.
+        EXPECT_EQ(each.find(" ADDR=") != std::string::npos, &each == &commands.back());
         ASSERT_TRUE(each.starts_with("XCLIENT ") && each.ends_with("\r\n"));
         EXPECT_EQ(each.find_first_of("\r\n"), each.size() - 2);
         EXPECT_TRUE(ReadXclient(std::string_view(each).substr(7), told));

@@ -82,10 +82,15 @@ bool Taker::Take(std::size_t most, bool line) {
     }
 }
 
-// Both forms end here: a client of no address is none.
+// Both forms end here. A client of no address is none. Whoever names the ends of the very
+// connection that this came by speaks for itself: so do balancers in version 1 that look whether we
+// are there.
 ProxyHeader Told(ClientIdentity& identity, const IpAddress& from, std::uint16_t fromPort,
                  const IpAddress& to, std::uint16_t toPort) {
     if (from == IpAddress() || from == IpAddress::OfV4(0)) return ProxyHeader::kBroken;
+    if (from == identity.address && fromPort == identity.port && to == identity.destination &&
+        toPort == identity.destinationPort)
+        return ProxyHeader::kLocal;
     identity.address = from;
     identity.port = fromPort;
     identity.destination = to;

@@ -14,7 +14,8 @@ enum class ProxyHeader {
     kBroken  // none, one that can't be read, or not in time
 };
 
-// Reads exactly the header from the socket; what follows stays there.
+// Reads exactly the header from the socket; what follows stays there. identity comes with the ends
+// of the connection itself, and keeps them unless others are told.
 ProxyHeader ReadProxyHeader(CSocket& socket, const Deadline& deadline, ClientIdentity& identity);
 
 // The header that tells a server of the client, with its line end in version 1.

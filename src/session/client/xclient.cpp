@@ -155,8 +155,10 @@ constexpr Attribute kDestinationPort{
 constexpr Attribute kSource{"SOURCE", nullptr,
                             [](const ClientIdentity&) { return std::string("REMOTE"); }};
 
-constexpr std::array kXclient{kName, kAddress, kPort,        kProto,
-                              kHelo, kLogin,   kDestination, kDestinationPort};
+// The name and the address come last: where there are several commands, servers ask before each of
+// them whether whom they now take us for may say it.
+constexpr std::array kXclient{kPort,        kProto,           kHelo, kLogin,
+                              kDestination, kDestinationPort, kName, kAddress};
 constexpr std::array kXforward{kName, kAddress, kPort, kProto, kHelo, kSource};
 
 // Cuts the next word off the text; empty at its end.

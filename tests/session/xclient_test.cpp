@@ -103,8 +103,8 @@ TEST(Xclient, CommandsNameWhatIsOffered) {
         std::string xforward;
     } cases[] = {
         {Peer(), kXclientAttributes,
-         "XCLIENT PORT=9 PROTO=ESMTP HELO=peer LOGIN=peer-login DESTADDR=127.0.0.8 DESTPORT=8 "
-         "NAME=peer.example ADDR=127.0.0.9\r\n",
+         "XCLIENT PORT=9 PROTO=ESMTP HELO=peer DESTADDR=127.0.0.8 DESTPORT=8 "
+         "NAME=peer.example LOGIN=peer-login ADDR=127.0.0.9\r\n",
          "XFORWARD NAME=peer.example ADDR=127.0.0.9 PORT=9 PROTO=ESMTP HELO=peer\r\n"},
         {Peer(), kXforward,
          "XCLIENT PORT=9 PROTO=ESMTP HELO=peer NAME=peer.example ADDR=127.0.0.9\r\n",
@@ -112,8 +112,8 @@ TEST(Xclient, CommandsNameWhatIsOffered) {
          "SOURCE=REMOTE\r\n"},
         // Not known is said, lest the server keeps what it knows of us.
         {bare, kXclientAttributes,
-         "XCLIENT PORT=[UNAVAILABLE] HELO=[UNAVAILABLE] LOGIN=[UNAVAILABLE] "
-         "DESTADDR=[UNAVAILABLE] DESTPORT=[UNAVAILABLE] NAME=[UNAVAILABLE] ADDR=192.0.2.1\r\n",
+         "XCLIENT PORT=[UNAVAILABLE] HELO=[UNAVAILABLE] DESTADDR=[UNAVAILABLE] "
+         "DESTPORT=[UNAVAILABLE] NAME=[UNAVAILABLE] LOGIN=[UNAVAILABLE] ADDR=192.0.2.1\r\n",
          "XFORWARD NAME=[UNAVAILABLE] ADDR=192.0.2.1 PORT=[UNAVAILABLE] HELO=[UNAVAILABLE]\r\n"},
         {v6, " addr  Login\tSOMETHING \r\n", "XCLIENT LOGIN=a+2Bb+3Dc ADDR=IPV6:2001:db8::1\r\n",
          "XFORWARD ADDR=IPV6:2001:db8::1\r\n"},
@@ -154,10 +154,9 @@ TEST(Xclient, NothingLeavesItsCommand) {
         const auto commands = XclientCommands(identity, kXclientAttributes);
         ASSERT_EQ(commands.size(), 1U);
         // 200 plus signs are well, but no command has room for them.
-        EXPECT_EQ(
-            commands.front(),
-            "XCLIENT PORT=9 PROTO=ESMTP HELO=[UNAVAILABLE] LOGIN=[UNAVAILABLE] DESTADDR=127.0.0.8 "
-            "DESTPORT=8 NAME=[UNAVAILABLE] ADDR=127.0.0.9\r\n");
+        EXPECT_EQ(commands.front(),
+                  "XCLIENT PORT=9 PROTO=ESMTP HELO=[UNAVAILABLE] DESTADDR=127.0.0.8 "
+                  "DESTPORT=8 NAME=[UNAVAILABLE] LOGIN=[UNAVAILABLE] ADDR=127.0.0.9\r\n");
     }
     // What hides a line end behind its encoding comes out as it went in.
     ClientIdentity identity = Peer();
@@ -176,8 +175,9 @@ TEST(Xclient, LongOnesAreSeveralCommandsThatSayTheSame) {
     ClientIdentity told;
     for (const std::string& each : commands) {
         EXPECT_LE(each.size(), 512U);
-        // Who has become another may say no more.
+        // Who has become another may say no more; and a login is forgotten with what follows.
         EXPECT_EQ(each.find(" ADDR=") != std::string::npos, &each == &commands.back());
+        EXPECT_EQ(each.find(" LOGIN=") != std::string::npos, &each == &commands.back());
         ASSERT_TRUE(each.starts_with("XCLIENT ") && each.ends_with("\r\n"));
         EXPECT_EQ(each.find_first_of("\r\n"), each.size() - 2);
         EXPECT_TRUE(ReadXclient(std::string_view(each).substr(7), told));

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <optional>
 #include <span>
+#include <utility>
 
 #include "text/ascii.h"
 
@@ -155,10 +156,10 @@ constexpr Attribute kDestinationPort{
 constexpr Attribute kSource{"SOURCE", nullptr,
                             [](const ClientIdentity&) { return std::string("REMOTE"); }};
 
-// The name and the address come last: where there are several commands, servers ask before each of
-// them whether whom they now take us for may say it.
-constexpr std::array kXclient{kPort,        kProto,           kHelo, kLogin,
-                              kDestination, kDestinationPort, kName, kAddress};
+// Where there are several commands, servers ask before each of them whether whom they now take us
+// for may say it: the address comes last. With each they forget a login: it comes with the address.
+constexpr std::array kXclient{kPort, kProto, kHelo,   kDestination, kDestinationPort,
+                              kName, kLogin, kAddress};
 constexpr std::array kXforward{kName, kAddress, kPort, kProto, kHelo, kSource};
 
 // Cuts the next word off the text; empty at its end.

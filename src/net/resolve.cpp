@@ -8,8 +8,9 @@
 
 namespace {
 
-std::vector<SocketAddress> Resolve(const char* name, int family, std::uint16_t port) {
+std::vector<SocketAddress> Resolve(const char* name, int family, int flags, std::uint16_t port) {
     addrinfo hints{};
+    hints.ai_flags = flags;
     hints.ai_family = family;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* answer = nullptr;
@@ -31,18 +32,20 @@ std::vector<SocketAddress> Resolve(const char* name, int family, std::uint16_t p
 
 SocketAddress ResolveHost(const char* name, std::uint16_t port) {
     if (name == nullptr) return {};
-    const std::vector<SocketAddress> found = Resolve(name, AF_INET, port);
+    const std::vector<SocketAddress> found = Resolve(name, AF_INET, 0, port);
     return found.empty() ? SocketAddress() : found.front();
 }
 
 std::vector<SocketAddress> ResolveAll(const std::string& host, std::uint16_t port) {
-    // Without a letter it is no name, and IPv4 in whatever form: nobody is asked for it.
-    if (host.find(':') == std::string::npos && std::none_of(host.begin(), host.end(), IsLetter)) {
+    // With a colon, or without a letter, it is no name: nobody is asked for it.
+    if (host.find(':') != std::string::npos)
+        return Resolve(host.c_str(), AF_UNSPEC, AI_NUMERICHOST, port);
+    if (std::none_of(host.begin(), host.end(), IsLetter)) {
         const SocketAddress address = NumericAddress(host.c_str(), port);
         if (address.V4().sin_addr.s_addr == INADDR_NONE) return {};
         return {address};
     }
-    return Resolve(host.c_str(), AF_UNSPEC, port);
+    return Resolve(host.c_str(), AF_UNSPEC, 0, port);
 }
 
 SocketAddress NumericAddress(const char* text, std::uint16_t port) {

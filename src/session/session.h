@@ -62,7 +62,7 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     bool ConnectToServer();
     void DropServer();
     // The client's only reply where there is no server.
-    void AnswerOutage(ConnectFailure failure, const std::string& reason);
+    void AnswerOutage(ConnectFailure failure);
 
     SessionSettings settings_;
     bool configured_ = false;

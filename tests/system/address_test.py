@@ -196,6 +196,7 @@ class Servers(Case):
                                             NET + "/FallbackServers/c": "localhost:%d" % second.port,
                                             NET + "/FallbackServers/d": "127.0.0.1:%d" % third.port})
         self.assertEqual(self.greeting(), b"554 1\r\n")
+        self.assertEqual([second.connections, third.connections], [0, 0])
         for server, answer in ((first, b"554 2\r\n"), (second, b"554 3\r\n"), (third, REFUSED)):
             server.listener.shutdown(socket.SHUT_RDWR)
             server.close()
@@ -283,6 +284,11 @@ class Outages(Case):
         self.assertTrue(wait_until(lambda: self.greeting() == CLOSED))
         self.assertTrue(wait_until(lambda: "127.0.0.1:%d: no greeting" % other in log()), log())
         self.assertEqual(log().count("127.0.0.1:%d: Connection refused" % port), 1, log())
+        # Nobody but the log tells that a server has gone for which another stands in.
+        port, stand_in = free_port(), self.serve()
+        proxy.load({NET + "/ServerToForward": "[::1]:%d" % port, NET + "/FallbackServers/a": "127.0.0.1:%d" % stand_in.port})
+        self.assertTrue(wait_until(lambda: self.greeting().startswith(b"220")))
+        self.assertTrue(wait_until(lambda: "[::1]:%d: Connection refused" % port in log()), log())
 
     def test_a_client_that_has_gone_ends_the_search(self):
         swallower = Swallower()

@@ -56,12 +56,13 @@ Attempt TryServer(const ServerAddress& server, std::chrono::milliseconds limit, 
 }  // namespace
 
 ServerConnection ConnectToServers(const std::vector<ServerAddress>& servers,
-                                  std::chrono::milliseconds limit, ConnectWatch& watch) {
+                                  std::chrono::milliseconds limit, ConnectWatch& watch,
+                                  CSocket& socket) {
     ServerConnection result;
     result.failure = ConnectFailure::kUnknownHost;
     bool wanted = true;
     for (const ServerAddress& server : servers) {
-        const Attempt attempt = TryServer(server, limit, watch, result.socket, wanted);
+        const Attempt attempt = TryServer(server, limit, watch, socket, wanted);
         if (attempt.failure == ConnectFailure::kNone) {
             result.server = server;
             result.failure = ConnectFailure::kNone;

@@ -34,15 +34,17 @@ enum class ConnectFailure {
 };
 
 struct ServerConnection {
-    CSocket socket;        // connected, and the caller's; empty on failure
-    ServerAddress server;  // whose it is
+    ServerAddress server;  // which it is
     ConnectFailure failure = ConnectFailure::kNone;
-    // Of the first server's last failure, for the log: addresses are in it, no controls.
+    // The first server's last failure, for the log: addresses are in it, no controls. Empty if it
+    // has taken the connection.
     std::string reason;
 };
 
 // Tries the addresses of the first server in the resolver's order, then those of the next server;
-// each has the limit for itself. The resolver's own waits are the system's. On success the watch
-// has the socket as the last one that it was told of.
+// each has the limit for itself. The resolver's own waits are the system's. The socket is the
+// caller's, who closes it, and empty on failure; a connected one is the last that the watch was
+// told of.
 ServerConnection ConnectToServers(const std::vector<ServerAddress>& servers,
-                                  std::chrono::milliseconds limit, ConnectWatch& watch);
+                                  std::chrono::milliseconds limit, ConnectWatch& watch,
+                                  CSocket& socket);

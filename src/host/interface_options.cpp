@@ -1,6 +1,8 @@
 // The keys of an interface that say how it speaks with the rest of the world.
 #include "host/interface_options.h"
 
+#include "logclient/logclient.h"
+#include "tls/identity.h"
 #include "trelis/keys/settings.h"
 
 namespace {
@@ -20,11 +22,50 @@ std::vector<std::string> ReadList(const trelis::Key& key, const std::string& int
     return values;
 }
 
+TlsIdentitySettings ReadIdentity(const std::string& interface) {
+    TlsIdentitySettings settings;
+    settings.certificate = trelis::ReadText(Key("TLS/Certificate"), {interface});
+    settings.key = trelis::ReadText(Key("TLS/Key"), {interface});
+    constexpr const char* kVersions[] = {"1.2", "1.3"};
+    settings.minVersion = kVersions[trelis::ReadChoice(Key("TLS/MinVersion"), {interface})];
+    settings.ciphers = trelis::ReadText(Key("TLS/Ciphers"), {interface});
+    return settings;
+}
+
+void Warn(const std::string& interface, const std::string& complaint) {
+    const std::string text = "interface " + interface + ": TLS: " + complaint;
+    LogClientPost(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
+}
+
 }  // namespace
 
-ConnectionOptions ReadConnectionOptions(const std::string& interface) {
+std::shared_ptr<TlsIdentity> InterfaceIdentities::Find(const std::string& interface) {
+    const TlsIdentitySettings settings = ReadIdentity(interface);
+    if (settings.certificate.empty()) {
+        Warn(interface, "no certificate is set");
+        return nullptr;
+    }
+    wanted_.insert(interface);
+    std::shared_ptr<TlsIdentity>& identity = kept_[interface];
+    if (identity == nullptr) identity = std::make_shared<TlsIdentity>();
+    identity->Configure(settings);
+    // Told at once, not only when the first client comes.
+    std::string complaint;
+    identity->Context(complaint);
+    if (!complaint.empty()) Warn(interface, complaint);
+    return identity;
+}
+
+void InterfaceIdentities::ForgetOthers() {
+    std::erase_if(kept_, [this](const auto& each) { return !wanted_.contains(each.first); });
+    wanted_.clear();
+}
+
+ConnectionOptions ReadConnectionOptions(const std::string& interface,
+                                        InterfaceIdentities& identities) {
     ConnectionOptions options;
     options.clientTls = Choice<ClientTls>(Key("TLS/Mode"), interface);
+    if (options.clientTls != ClientTls::kOff) options.identity = identities.Find(interface);
     options.authOnlyOverTls = trelis::ReadFlag(Key("AuthOnlyOverTLS"), {interface});
     options.serverTls = Choice<ServerTls>(Key("ServerTLS/Mode"), interface);
     options.serverCaFile = trelis::ReadText(Key("ServerTLS/CAFile"), {interface});

@@ -51,6 +51,7 @@ int CSMTP::LoadInterfaces() {
     std::string name;
     for (int position = 0; position < kInterfaceCount && names.Next(name); ++position)
         LoadInterface(position, name);
+    identities_.ForgetOthers();
     return 0;
 }
 
@@ -84,5 +85,5 @@ void CSMTP::LoadInterface(int position, const std::string& name) {
     entry.MaxMessageSize = trelis::ReadSize(Key("MaxMessageSize"), {name});
     entry.TimeoutBetweenNOOPs = trelis::ReadInt(Key("TimeoutBetweenNOOPs"), {name});
     entry.ConnectionTimeout = trelis::ReadInt(Key("ConnectionTimeout"), {name});
-    entry.options = ReadConnectionOptions(name);
+    entry.options = ReadConnectionOptions(name, identities_);
 }

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "host/interface_options.h"
 #include "host/scan_limit.h"
 #include "ntservice/ntservice.h"
 #include "platform/file.h"
@@ -58,6 +59,7 @@ class CSMTP : public CNTService {
     std::atomic<HANDLE> StopEvent{nullptr};
     HWND SocketWindow = nullptr;
     std::array<NetworkInterface, kInterfaceCount> interfaces_;
+    InterfaceIdentities identities_;
     // Running sessions by table position. Sessions hold pointers into it, so it outlives the host.
     std::array<std::atomic<std::int32_t>, kInterfaceCount>& ActiveConnectionCounts;
     std::atomic<bool> stopRequested_{false};

@@ -71,11 +71,14 @@ bool Stream::FindLine(std::string_view& line) {
 int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
                            const CSocket* other) {
     if (socket_.Empty()) return -1;
-    for (;;) {
+    const Deadline deadline(limit);
+    for (bool waited = false;; waited = true) {
         const int count = ReceiveNow(buffer, size);
         if (count != SOCKET_WOULD_BLOCK) return count;
+        // Bytes of the connection need not be bytes for us: by those no limit counts anew.
+        if (waited && deadline.Over()) return -1;
         // Who has to answer must have heard everything first.
-        if (!Flush() || WaitForSocket(limit, other) != Wait::kReady) return -1;
+        if (!Flush() || WaitForSocket(deadline.Left(), other) != Wait::kReady) return -1;
     }
 }
 
@@ -114,7 +117,8 @@ Stream::Wait Stream::WaitReadable(std::chrono::milliseconds limit, const CSocket
     if (transport_ == nullptr) return WaitForSocket(limit, other);
     // Bytes of the connection need not be bytes for us.
     const Deadline deadline(limit);
-    while (FillAhead() == SOCKET_WOULD_BLOCK) {
+    for (bool waited = false; FillAhead() == SOCKET_WOULD_BLOCK; waited = true) {
+        if (waited && deadline.Over()) return Wait::kTimeOver;
         const Wait wait = WaitForSocket(deadline.Left(), other);
         if (wait != Wait::kReady) return wait;
     }

@@ -86,6 +86,9 @@ int TlsTransport::ReceiveNow(void* buffer, int length) {
     std::size_t count = 0;
     const int result = SSL_read_ex(ssl_.get(), buffer, static_cast<std::size_t>(length), &count);
     const int outcome = result == 1 ? static_cast<int>(count) : Judge(result);
+    // By itself the library would keep the one to write with when a ticket has come, 16 KiB, as
+    // much as all the rest of an idle connection. With something in them they stay.
+    if (outcome == SOCKET_WOULD_BLOCK) SSL_free_buffers(ssl_.get());
     ERR_clear_error();
     return outcome;
 }

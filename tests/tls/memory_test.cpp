@@ -19,7 +19,7 @@ constexpr bool kOtherAllocator = true;
 constexpr bool kOtherAllocator = false;
 #endif
 
-constexpr std::size_t kConnections = 1000;
+constexpr std::size_t kConnections = 400;
 constexpr std::size_t kMostALeg = 25 * 1024;
 
 std::size_t Resident() {

@@ -29,7 +29,9 @@ class TlsContext {
     SSL_CTX* Get() const { return context_.get(); }
 
   private:
-    std::shared_ptr<TlsTicketKeys> tickets_;  // the context refers to it
+    // The library has a pointer to them, which it goes by in handshakes alone: connections that
+    // outlive this object have theirs behind them.
+    std::shared_ptr<TlsTicketKeys> tickets_;
     OwnedSslContext context_;
 };
 

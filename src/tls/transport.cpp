@@ -56,7 +56,7 @@ bool TlsTransport::Handshake(const Deadline& deadline, std::string& failure) {
         ERR_clear_error();
         link_.receives = kMostReceives;
         const int result = SSL_do_handshake(ssl_.get());
-        if (result == 1) return true;
+        if (result == 1) break;
         if (Judge(result) != SOCKET_WOULD_BLOCK) {
             dead_ = true;
             failure = Failure();
@@ -74,6 +74,9 @@ bool TlsTransport::Handshake(const Deadline& deadline, std::string& failure) {
             return false;
         }
     }
+    // A ticket that could not be opened, for example.
+    ERR_clear_error();
+    return true;
 }
 
 // Each thread has one list of errors, for all that it does: it is empty before a call, whose result

@@ -71,7 +71,7 @@ std::shared_ptr<const TlsContext> TlsClientContext(const std::string& caFile,
     complaint.clear();
     const std::lock_guard lock(mutex);
     Kept now = Look(caFile);
-    if (now.file && !now.file->plain) {
+    if (!caFile.empty() && now.file && !now.file->plain) {
         complaint = CleanText(caFile) + ": not a plain file";
         return nullptr;
     }

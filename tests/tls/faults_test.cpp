@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "tls/peers.h"
+#include "tls/transport.h"
 
 using namespace std::chrono_literals;
 
@@ -112,6 +113,37 @@ TEST(Faults, OfOneThreadAreNotTakenForAnothersResult) {
     ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH);
     char byte;
     EXPECT_EQ(both.client.transport->ReceiveNow(&byte, 1), SOCKET_WOULD_BLOCK);
+}
+
+TEST(Faults, WhatIsNothingForUsHoldsNobody) {
+    const Files files;
+    TlsIdentity identity;
+    const auto context =
+        Serve(identity, {files.Put("pem", Party::Authority("a").Issue().Both()), "", "1.2", ""});
+    const Wire wire(Wire::Mode::kNonBlocking, 1 << 18);
+    const Outcomes both = Shake(wire, *context, *ClientOf(TLS1_3_VERSION));
+    ASSERT_EQ(both.client.failure, "");
+    Transport& server = *both.server.transport;
+    Transport& client = *both.client.transport;
+    SSL* const peer = dynamic_cast<TlsTransport&>(client).Ssl();
+    // New keys, and nothing but new keys, as many as go out.
+    int sent = 0;
+    do {
+        ASSERT_EQ(SSL_key_update(peer, SSL_KEY_UPDATE_NOT_REQUESTED), 1);
+        ++sent;
+    } while (SSL_do_handshake(peer) == 1);
+    EXPECT_GT(sent, 2000);
+    char byte = 0;
+    EXPECT_EQ(server.ReceiveNow(&byte, 1), SOCKET_WOULD_BLOCK);
+    EXPECT_EQ(server.Wanted(), SocketWant::kRead);
+    EXPECT_EQ(SocketReceiveNow(wire.Server().Handle(), &byte, 1, true), 1)
+        << "it stayed until nothing more came";
+    // Nothing is lost by that.
+    while (SSL_do_handshake(peer) != 1) server.ReceiveNow(&byte, 1);
+    while (client.SendNow("x", 1) != 1) server.ReceiveNow(&byte, 1);
+    for (int tries = 0; tries < 1000 && server.ReceiveNow(&byte, 1) == SOCKET_WOULD_BLOCK; ++tries)
+        std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(byte, 'x');
 }
 
 }  // namespace

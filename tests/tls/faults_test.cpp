@@ -120,7 +120,7 @@ TEST(Faults, WhatIsNothingForUsHoldsNobody) {
     TlsIdentity identity;
     const auto context =
         Serve(identity, {files.Put("pem", Party::Authority("a").Issue().Both()), "", "1.2", ""});
-    const Wire wire(Wire::Mode::kNonBlocking, 1 << 18);
+    const Wire wire(Wire::Mode::kNonBlocking, 1 << 16);
     const Outcomes both = Shake(wire, *context, *ClientOf(TLS1_3_VERSION));
     ASSERT_EQ(both.client.failure, "");
     Transport& server = *both.server.transport;

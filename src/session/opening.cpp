@@ -15,10 +15,9 @@ namespace {
 
 constexpr std::uint32_t kLongestHeader = 30;  // seconds
 constexpr std::string_view kNobodyTold = "451 4.3.2 No client has been named, no mail is taken\r\n";
+constexpr std::string_view kNoConnection = "No connection to the mail server";
 constexpr std::string_view kNoTls =
     "454 4.7.0 TLS not available to the mail server, try again later\r\n";
-constexpr std::string_view kNotTold =
-    "451 4.3.2 The mail server can't be told who you are, try again later\r\n";
 
 }  // namespace
 
@@ -41,7 +40,8 @@ bool CSMTPProxy::LearnClient() {
     SocketAddress own;
     clientSocket_.GetPeerAddress(peer);
     // A connection that has broken already has no peer to be judged, and sends nothing any more.
-    if (!peer.Known()) return true;
+    // Where balancers look whether we are there, it has been such a look.
+    if (!peer.Known()) return !settings_.options.proxyProtocol;
     clientSocket_.GetOwnAddress(own);
     peers_.ownAddress = IpAddress::Of(peer);
     ClientIdentity& identity = peers_.identity;
@@ -79,7 +79,7 @@ void CSMTPProxy::Serve() {
     if (nobodyTold_) return AnswerWithoutServer(peers_, *this, kNobodyTold);
     if (!OpenServer()) return;
     Conversation(peers_, spool_).Run(*this);
-    if (!server_.HasSpoken() && !peers_.restart) AnswerOutage(ConnectFailure::kNone, "no greeting");
+    if (!server_.HasSpoken()) AnswerLoss("no greeting");
 }
 
 bool CSMTPProxy::SecureWrapped() {
@@ -107,7 +107,7 @@ bool CSMTPProxy::OpenServer() {
                 client_.EndSending();
                 return false;
             case Prepared::kFailed:
-                AnswerOutage(ConnectFailure::kNone, done.text);
+                AnswerLoss(done.text);
                 return false;
             case Prepared::kNoTls:
                 LogOutage(server, "No TLS with the mail server, its mail waits", done.text);
@@ -118,7 +118,8 @@ bool CSMTPProxy::OpenServer() {
                 break;
         }
         DropServer();
-        AnswerWithoutServer(peers_, *this, done.outcome == Prepared::kNoTls ? kNoTls : kNotTold);
+        AnswerWithoutServer(peers_, *this,
+                            done.outcome == Prepared::kNoTls ? kNoTls : kClientUntold);
         return false;
     }
     return false;
@@ -129,17 +130,19 @@ bool CSMTPProxy::ConnectToServer() {
         const std::lock_guard lock(handleMutex_);
         connecting_ = true;
     }
-    const ServerConnection made = ConnectToServers(
-        settings_.servers, std::chrono::seconds(settings_.options.connectTimeout), *this);
+    const ServerConnection made =
+        ConnectToServers(settings_.servers, std::chrono::seconds(settings_.options.connectTimeout),
+                         *this, serverSocket_);
     {
         const std::lock_guard lock(handleMutex_);
         connecting_ = false;
     }
+    if (!made.reason.empty() && !stopRequested_)  // also where another stands in
+        LogOutage(settings_.servers.front(), kNoConnection, made.reason);
     if (made.failure != ConnectFailure::kNone) {
-        AnswerOutage(made.failure, made.reason);
+        AnswerOutage(made.failure);
         return false;
     }
-    serverSocket_ = made.socket;
     settings_.forwardHost = made.server.host;
     settings_.forwardPort = made.server.port;
     return true;
@@ -168,14 +171,14 @@ void CSMTPProxy::Failed() {
 
 bool CSMTPProxy::Wanted() { return !stopRequested_ && !client_.PeerGone(); }
 
-void CSMTPProxy::AnswerOutage(ConnectFailure failure, const std::string& reason) {
-    if (stopRequested_) {
-        failure = ConnectFailure::kGivenUp;
-    } else {
-        const ServerAddress server{settings_.forwardHost, settings_.forwardPort};
-        LogOutage(server, "No connection to the mail server",
-                  failure == ConnectFailure::kNone ? server.Text() + ": " + reason : reason);
-    }
+void CSMTPProxy::AnswerOutage(ConnectFailure failure) {
+    if (stopRequested_) failure = ConnectFailure::kGivenUp;
     client_.Send(OutageReply(settings_.greetingName, failure));
     client_.EndSending();
+}
+
+void CSMTPProxy::AnswerLoss(const std::string& reason) {
+    const ServerAddress server{settings_.forwardHost, settings_.forwardPort};
+    if (!stopRequested_) LogOutage(server, kNoConnection, server.Text() + ": " + reason);
+    AnswerOutage(ConnectFailure::kNone);
 }

@@ -30,19 +30,23 @@ bool Peers::AnswerInsteadOfServer(std::string_view answer) {
     return client.Send(answer) && inStep;
 }
 
-Peers::Told Peers::TellOfClient() {
-    if (settings.options.tellServer != TellServer::kXforward) return Told::kYes;
+bool Peers::TellOfClient() {
+    // It may offer neither, which is borne with unless it is required.
+    if (server.tellOffer.empty()) return true;
     ClientIdentity told = identity;
     if (told.helo.empty()) told.helo = helo;
     if (told.proto.empty()) told.proto = proto;
-    const std::vector<std::string> commands = XforwardCommands(told, server.xforwardOffer);
-    Told outcome = commands.empty() ? Told::kNo : Told::kYes;
+    const bool xclient = settings.options.tellServer == TellServer::kXclient;
+    const std::vector<std::string> commands = xclient ? XclientCommands(told, server.tellOffer)
+                                                      : XforwardCommands(told, server.tellOffer);
+    bool all = !commands.empty();
     for (const std::string& command : commands) {
         ServerReply reply;
-        if (!server.Ask(command, reply) || reply.Is("421")) return Told::kFailed;
-        if (!reply.Is("2")) outcome = Told::kNo;
+        if (!server.Ask(command, reply) || reply.Is("421")) return false;
+        all = all && reply.Is("2");
     }
-    return outcome;
+    untold = !all && settings.options.tellServerRequired;
+    return true;
 }
 
 void Peers::SendStatEvent(int eventCode, const char* sender, const char* recipient) const {

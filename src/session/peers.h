@@ -9,6 +9,10 @@
 #include "session/server_link.h"
 #include "session/settings.h"
 
+// To mail, where the server has to know who the client is and can't be told.
+inline constexpr std::string_view kClientUntold =
+    "451 4.3.2 The mail server can't be told who you are, try again later\r\n";
+
 // What the phases of a session share. All of it belongs to the session, for its whole life.
 struct Peers {
     const SessionSettings& settings;
@@ -26,14 +30,15 @@ struct Peers {
     bool pipelining = false;     // it has been offered PIPELINING
     bool needsGreeting = false;  // what it said before TLS is forgotten
     bool authenticated = false;
+    bool untold = false;  // the server doesn't know who it is, and gets no mail before it does
     // The session ends only to begin again, for the client that a trusted one has named.
     bool restart = false;
     // A keep-alive has failed: a peer has gone, or the server is out of step. The session ends.
     bool lost = false;
 
-    // Tells the server with XFORWARD who the client of the next message is, where that is the way.
-    enum class Told { kYes, kNo, kFailed };
-    Told TellOfClient();
+    // Tells the server with XCLIENT or XFORWARD who the client is; sets `untold`. False: the server
+    // has gone.
+    bool TellOfClient();
     // Gives the client the answer to a message that goes no further, once the server has forgotten
     // what it had of it. False: the session ends, for the server is out of step or a peer has gone;
     // the client has its answer all the same.

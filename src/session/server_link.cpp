@@ -33,7 +33,8 @@ void ServerLink::Attach(const CSocket& socket) {
     lastSent_ = Clock::now();
     spoken_ = false;
     takesChunks = takesBatches = false;
-    xforwardOffer.clear();
+    tellOffer.clear();
+    xclientDue = false;
     held_.clear();
 }
 

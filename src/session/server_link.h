@@ -81,9 +81,9 @@ class ServerLink {
     // Whether the server has offered CHUNKING and PIPELINING in its last reply to a greeting.
     bool takesChunks = false;
     bool takesBatches = false;
-    // How it may be told of the client in front of each message: what it has offered behind
-    // XFORWARD.
-    std::string xforwardOffer;
+    // How it may be told of the client: what it has offered behind the keyword of TellServer.
+    std::string tellOffer;
+    bool xclientDue = false;  // in front of the client's first command
 
   private:
     bool ReadAnyReply(ServerReply& reply);

@@ -63,6 +63,8 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     void DropServer();
     // The client's only reply where there is no server.
     void AnswerOutage(ConnectFailure failure);
+    // The same where the connection was lost before the server said a word.
+    void AnswerLoss(const std::string& reason);
 
     SessionSettings settings_;
     bool configured_ = false;

@@ -77,7 +77,7 @@ class ProxyHeaders(Trust):
                 self.assertNotEqual(c.ask(b"MAIL FROM:<s@example.org>")[:1], b"2", "nobody would take it")
                 self.assertEqual(c.ask(b"QUIT")[:3], b"221")
                 self.assert_ends(c)
-                self.from_(BALANCER, first or own).close()
+                self.from_(BALANCER, first or LOCAL).close()
         self.assertEqual(self.server.connections, before)
         self.assertEqual(self.words(), words)
 

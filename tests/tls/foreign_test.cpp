@@ -197,7 +197,7 @@ TEST_F(Foreign, ServerSpeaksWithUs) {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(said.substr(at + 17))));
         CSocket socket;
-        ASSERT_TRUE(socket.Create(SOCK_STREAM) && socket.Connect(address));
+        ASSERT_TRUE(socket.Create(SOCK_STREAM) && socket.Connect(SocketAddress(address)));
         std::string complaint;
         const auto client = TlsClientContext(authorities_, complaint);
         TlsOutcome outcome =

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "asfilters/asfilters.h"
 #include "session/address/normalize.h"
@@ -23,8 +24,6 @@ constexpr std::string_view kNeedsTls = "530 5.7.0 Must issue a STARTTLS command 
 constexpr std::string_view kAuthNeedsTls =
     "538 5.7.11 Encryption required for requested authentication mechanism\r\n";
 constexpr std::string_view kNeedsGreeting = "503 5.5.1 Send EHLO or HELO first\r\n";
-constexpr std::string_view kNotTold =
-    "451 4.3.2 The mail server can't be told who you are, try again later\r\n";
 constexpr std::string_view kTooManyRecipients = "452 4.5.3 Too many recipients\r\n";
 // Of one message, whatever the server takes: each is kept until the message is over.
 constexpr std::size_t kMostRecipients = 10000;
@@ -98,7 +97,12 @@ Dialogue::Outcome Dialogue::Dispatch(bool whole) {
         if (!inStep || closing_) return Outcome::kEndSession;
     }
     inFlight_ = verb_->code;
-    return (this->*verb_->rule)();
+    const Outcome outcome = (this->*verb_->rule)();
+    // In front of the first command that goes on.
+    if (outcome != Outcome::kForward || !std::exchange(peers_.server.xclientDue, false))
+        return outcome;
+    if (!peers_.TellOfClient()) return Outcome::kEndSession;
+    return peers_.untold && (verb_->traits & kBeforeTls) == 0 ? Answer(kClientUntold) : outcome;
 }
 
 // Whether the second token begins with "KEYWORD:", or is KEYWORD and the third begins with ':'.
@@ -116,6 +120,7 @@ Dialogue::Outcome Dialogue::RecipientRule() {
                    ? Answer(kUnableToRelay)
                    : Outcome::kForward;
     }
+    if (peers_.untold) return Answer(kBadSequence);  // there is no sender
     const std::string_view text = BehindColon(copy_);
     if (stranger && (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
                      !StaysInside(text, peers_.settings.mailDomains)))
@@ -143,13 +148,10 @@ Dialogue::Outcome Dialogue::SenderRule() {
     const long long limit = peers_.settings.maxMessageSize;
     if (limit > 0 && DeclaredSize(path.parameters) > static_cast<unsigned long long>(limit))
         return Answer(kMessageTooLarge);
-    if (peers_.settings.options.tellServer == TellServer::kXforward) {
-        if (!AnswerDue() || closing_) return Outcome::kEndSession;
-        const Peers::Told told = peers_.TellOfClient();
-        if (told == Peers::Told::kFailed) return Outcome::kEndSession;
-        if (told == Peers::Told::kNo && peers_.settings.options.tellServerRequired)
-            return Answer(kNotTold);
-    }
+    if (peers_.settings.options.tellServer == TellServer::kXforward &&
+        (!AnswerDue() || closing_ || !peers_.TellOfClient()))
+        return Outcome::kEndSession;
+    if (peers_.untold) return Answer(kClientUntold);
     inFlight_ = EqualIgnoringCase(tokens_[0], "soml")   ? CMD_SOML
                 : EqualIgnoringCase(tokens_[0], "saml") ? CMD_SAML
                                                         : CMD_MAIL;

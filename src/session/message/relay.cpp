@@ -102,9 +102,15 @@ void MessageRelay::NoteRefusal() {
 bool MessageRelay::OpenFreshEnvelope() {
     if (!peers_.server.ReadReply(reply_) || !envelope_.savedMailLine.has_value()) return false;
     // A server that keeps the old envelope could give the message to its recipients.
-    if (!reply_.Refuses() && (peers_.TellOfClient() == Peers::Told::kFailed ||
-                              !peers_.server.Ask(*envelope_.savedMailLine, reply_)))
-        return false;
+    if (!reply_.Refuses()) {
+        if (peers_.settings.options.tellServer == TellServer::kXforward && !peers_.TellOfClient())
+            return false;
+        if (peers_.untold) {
+            reply_.text = kClientUntold;
+        } else if (!peers_.server.Ask(*envelope_.savedMailLine, reply_)) {
+            return false;
+        }
+    }
     if (reply_.Refuses()) NoteRefusal();
     return true;
 }

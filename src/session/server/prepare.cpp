@@ -4,7 +4,6 @@
 #include <optional>
 
 #include "session/client/proxy_header.h"
-#include "session/client/xclient.h"
 #include "session/secure.h"
 #include "text/ascii.h"
 #include "tls/trust.h"
@@ -46,7 +45,7 @@ class Preparing {
   private:
     Preparation StartTls();
     Preparation Handshake(Prepared otherwise);
-    Preparation Tell();
+    Preparation PlanToTell();
     bool Greet();
 
     Peers& peers_;
@@ -79,7 +78,7 @@ Preparation Preparing::Run() {
     if (startTls) {
         if (Preparation done = StartTls(); done.outcome != Prepared::kReady) return done;
     }
-    Preparation done = Tell();
+    Preparation done = PlanToTell();
     if (done.outcome == Prepared::kReady) peers_.server.HoldReply(std::move(greeting_));
     return done;
 }
@@ -136,24 +135,19 @@ Preparation Preparing::Handshake(Prepared otherwise) {
     return {};
 }
 
-Preparation Preparing::Tell() {
-    const auto notTold = [this](const char* why) {
-        return options_.tellServerRequired ? Preparation{Prepared::kNotTold, why} : Preparation{};
-    };
-    if (options_.tellServer == TellServer::kXforward) {
-        if (!offers_.xforward) return notTold("the server offers no XFORWARD");
-        peers_.server.xforwardOffer = *offers_.xforward;
-    }
-    if (options_.tellServer != TellServer::kXclient) return {};
-    if (!offers_.xclient) return notTold("the server offers no XCLIENT");
-    const std::vector<std::string> commands = XclientCommands(peers_.identity, *offers_.xclient);
-    if (commands.empty()) return notTold("the server's XCLIENT takes no address");
-    for (const std::string& command : commands) {
-        ServerReply reply;
-        if (!peers_.server.Ask(command, reply) || reply.Is("421"))
-            return {Prepared::kFailed, "no reply to XCLIENT"};
-        if (!reply.Is("2")) return notTold("XCLIENT is refused");
-        greeting_ = std::move(reply);  // the session has begun anew
+// The client's own name belongs to what is told, so it is told in front of the client's first
+// command (XCLIENT), or in front of each message (XFORWARD).
+Preparation Preparing::PlanToTell() {
+    const TellServer tell = options_.tellServer;
+    if (tell != TellServer::kXclient && tell != TellServer::kXforward) return {};
+    const std::optional<std::string>& offer =
+        tell == TellServer::kXclient ? offers_.xclient : offers_.xforward;
+    if (offer) {
+        peers_.server.tellOffer = *offer;
+        peers_.server.xclientDue = tell == TellServer::kXclient;
+    } else if (options_.tellServerRequired) {
+        return {Prepared::kNotTold, tell == TellServer::kXclient ? "the server offers no XCLIENT"
+                                                                 : "the server offers no XFORWARD"};
     }
     return {};
 }

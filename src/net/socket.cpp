@@ -31,7 +31,7 @@ bool CSocket::Create(int type) {
 }
 
 bool CSocket::Create(int type, const SocketAddress& address) {
-    handle_ = SocketCreate(type, address.Family());
+    handle_ = SocketCreateNonBlocking(type, address.Family());
     return handle_ != INVALID_SOCKET;
 }
 

@@ -27,7 +27,7 @@ class CSocket {
 
     // Opens an IPv4 socket; type 1 is a stream.
     bool Create(int type);
-    // Or one that can be bound or connected to this address.
+    // Or a non-blocking one that can be bound or connected to this address.
     bool Create(int type, const SocketAddress& address);
     void Close();
     void Shutdown();

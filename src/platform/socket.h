@@ -64,14 +64,16 @@ static_assert(sizeof(sockaddr_in) == 16);
 // A fresh socket as it came from the system, or another descriptor for it instead of 0, the empty
 // marker of the layer above; INVALID_SOCKET if there is none.
 SOCKET SocketAvoidZero(SOCKET socket);
-// A new socket of the family, close-on-exec; INVALID_SOCKET on failure.
-SOCKET SocketCreate(int type, int family = AF_INET);
+// A new IPv4 socket, close-on-exec; INVALID_SOCKET on failure.
+SOCKET SocketCreate(int type);
+// The same for the family, and non-blocking.
+SOCKET SocketCreateNonBlocking(int type, int family);
 // Accepts from a listener, non-blocking and close-on-exec. INVALID_SOCKET if nothing waits or on
 // failure; a shortage of descriptors or memory then holds back this thread's accept notifications
 // for 100 ms.
 SOCKET SocketAccept(SOCKET listener, SocketAddress* address);
-// Begins to connect without a wait; the socket is non-blocking from then on. 0 if it is connected
-// or on its way, else the system's error value.
+// Begins to connect a non-blocking socket. 0 if it is connected or on its way, else the system's
+// error value.
 int SocketBeginConnect(SOCKET socket, const SocketAddress& address);
 // Waits for the end of that: 0, or the system's error value, ETIMEDOUT once the time is over. A
 // shutdown of the socket by another thread ends the wait.

@@ -42,18 +42,21 @@ bool CSMTPProxy::LearnClient() {
     // A connection that has broken already has no peer to be judged, and sends nothing any more.
     // Where balancers look whether we are there, it has been such a look.
     if (!peer.Known()) return !settings_.options.proxyProtocol;
-    clientSocket_.GetOwnAddress(own);
+    // Nobody else wants to know it.
+    const ConnectionOptions& options = settings_.options;
+    if (options.proxyProtocol || options.tellServer != TellServer::kOff)
+        clientSocket_.GetOwnAddress(own);
     peers_.ownAddress = IpAddress::Of(peer);
     ClientIdentity& identity = peers_.identity;
     identity.address = peers_.ownAddress;
     identity.port = peer.Port();
     identity.destination = IpAddress::Of(own);
     identity.destinationPort = own.Port();
-    const auto& trusted = settings_.options.trusted;
+    const auto& trusted = options.trusted;
     peers_.trusted = std::any_of(trusted.begin(), trusted.end(), [&](const IpNetwork& network) {
         return network.Contains(peers_.ownAddress);
     });
-    if (!peers_.trusted || !settings_.options.proxyProtocol) return true;
+    if (!peers_.trusted || !options.proxyProtocol) return true;
     const Interruptible scope(*this);
     if (stopRequested_) return false;
     const Deadline deadline(std::min(kLongestHeader, settings_.connectionTimeout));

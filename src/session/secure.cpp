@@ -1,12 +1,26 @@
 #include "session/secure.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 
 #include "logclient/logclient.h"
 
 namespace {
 
 constexpr std::uint32_t kLongestHandshake = 30;  // seconds
+constexpr std::int64_t kMostTold = 10;           // failures a minute
+
+// Strangers cause them at will: they must not fill the log.
+bool IsWorthAWord() {
+    static std::atomic<std::int64_t> minute{0};
+    static std::atomic<std::int64_t> told{0};
+    const auto now = std::chrono::duration_cast<std::chrono::minutes>(
+                         std::chrono::steady_clock::now().time_since_epoch())
+                         .count();
+    if (minute.exchange(now) != now) told = 0;
+    return ++told <= kMostTold;
+}
 
 }  // namespace
 
@@ -27,7 +41,7 @@ std::shared_ptr<const TlsContext> ClientContext(const ConnectionOptions& options
 bool SecureClient(Peers& peers, const TlsContext& context) {
     TlsOutcome outcome = TlsAccept(peers.client.Socket(), context, HandshakeLimit(peers.settings));
     if (outcome.transport == nullptr) {
-        // Strangers cause it at will: nothing that an administrator has to look at.
+        if (!IsWorthAWord()) return false;
         const std::string text = "TLS with " + peers.address + " failed: " + outcome.failure;
         LogClientPost(kEventInfo, nullptr, nullptr, nullptr, peers.address.c_str(), nullptr,
                       text.c_str());

@@ -42,8 +42,10 @@ SOCKET SocketAvoidZero(SOCKET socket) {
     return moved < 0 ? INVALID_SOCKET : moved;
 }
 
-SOCKET SocketCreate(int type, int family) {
-    return SocketAvoidZero(socket(family, type | SOCK_CLOEXEC, 0));
+SOCKET SocketCreate(int type) { return SocketAvoidZero(socket(AF_INET, type | SOCK_CLOEXEC, 0)); }
+
+SOCKET SocketCreateNonBlocking(int type, int family) {
+    return SocketAvoidZero(socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 SOCKET SocketAccept(SOCKET listener, SocketAddress* address) {
@@ -58,8 +60,6 @@ SOCKET SocketAccept(SOCKET listener, SocketAddress* address) {
 }
 
 int SocketBeginConnect(SOCKET socket, const SocketAddress& address) {
-    const int flags = fcntl(socket, F_GETFL);
-    if (flags < 0 || fcntl(socket, F_SETFL, flags | O_NONBLOCK) != 0) return errno;
     if (connect(socket, address.Record(), address.Size()) == 0) return 0;
     return errno == EINPROGRESS ? 0 : errno;
 }
@@ -70,14 +70,12 @@ int SocketEndConnect(SOCKET socket, std::chrono::milliseconds limit) {
         platform::PollUntil(std::span(&entry, 1), std::chrono::steady_clock::now() + limit);
     if (ready < 0) return errno;
     if (ready == 0) return ETIMEDOUT;
+    if ((entry.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return 0;
     int error = 0;
     socklen_t length = sizeof error;
     if (getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0) return errno;
-    if (error != 0) return error;
     // One that was shut down while it was on its way may have told its error already.
-    SocketAddress peer;
-    length = SocketAddress::kRoom;
-    return getpeername(socket, peer.Room(), &length) == 0 ? 0 : errno;
+    return error != 0 ? error : ENOTCONN;
 }
 
 int SocketReceiveNow(SOCKET socket, void* buffer, int length, bool peek) {

@@ -41,7 +41,8 @@ std::shared_ptr<const TlsContext> ClientContext(const ConnectionOptions& options
 bool SecureClient(Peers& peers, const TlsContext& context) {
     TlsOutcome outcome = TlsAccept(peers.client.Socket(), context, HandshakeLimit(peers.settings));
     if (outcome.transport == nullptr) {
-        if (!IsWorthAWord()) return false;
+        // Who only looks whether somebody listens is nothing to speak of.
+        if (!outcome.heard || !IsWorthAWord()) return false;
         const std::string text = "TLS with " + peers.address + " failed: " + outcome.failure;
         LogClientPost(kEventInfo, nullptr, nullptr, nullptr, peers.address.c_str(), nullptr,
                       text.c_str());

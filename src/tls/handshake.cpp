@@ -20,7 +20,9 @@ TlsOutcome Failed(std::string why) {
 
 TlsOutcome Finish(std::unique_ptr<TlsTransport> transport, const Deadline& deadline) {
     TlsOutcome outcome;
-    if (!transport->Handshake(deadline, outcome.failure)) return outcome;
+    const bool done = transport->Handshake(deadline, outcome.failure);
+    outcome.heard = transport->Heard();
+    if (!done) return outcome;
     SSL* const ssl = transport->Ssl();
     outcome.protocol = SSL_get_version(ssl);
     outcome.cipher = SSL_get_cipher_name(ssl);

@@ -13,6 +13,7 @@ class TlsContext;
 struct TlsOutcome {
     std::unique_ptr<Transport> transport;  // null: it failed, and the connection is of no use
     std::string failure;                   // why, for the log; printable, one line
+    bool heard = false;                    // the peer has sent something
     std::string protocol;                  // "TLSv1.3"
     std::string cipher;
     bool resumed = false;

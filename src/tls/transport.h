@@ -14,6 +14,8 @@ class TlsTransport : public Transport {
     static std::unique_ptr<TlsTransport> Make(const CSocket& socket, const TlsContext& context);
 
     SSL* Ssl() { return ssl_.get(); }
+    // Whether the peer has sent anything.
+    bool Heard() const { return link_.firstByte >= 0; }
     // True once it is done. Else failure says why.
     bool Handshake(const Deadline& deadline, std::string& failure);
 

@@ -52,11 +52,7 @@ bool CSMTPProxy::LearnClient() {
     identity.port = peer.Port();
     identity.destination = IpAddress::Of(own);
     identity.destinationPort = own.Port();
-    const auto& trusted = options.trusted;
-    peers_.trusted = std::any_of(trusted.begin(), trusted.end(), [&](const IpNetwork& network) {
-        return network.Contains(peers_.ownAddress);
-    });
-    if (!peers_.trusted || !options.proxyProtocol) return true;
+    if (!options.proxyProtocol || !options.Trusts(identity.address)) return true;
     const Interruptible scope(*this);
     if (stopRequested_) return false;
     const Deadline deadline(std::min(kLongestHeader, settings_.connectionTimeout));
@@ -69,6 +65,8 @@ bool CSMTPProxy::LearnClient() {
 bool CSMTPProxy::IsClientDenied() {
     const bool known = peers_.identity.address != IpAddress();
     peers_.address = known ? peers_.identity.address.Text() : "Unknown";
+    // Whoever has been told of speaks for nobody, though somebody trusted may have put him through.
+    peers_.trusted = known && settings_.options.Trusts(peers_.identity.address);
     peers_.relayAllowed = known && settings_.MayRelay(peers_.identity.address);
     const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
     if (!known || filters == nullptr || filters->CheckIP(peers_.address.c_str()) != 2) return false;

@@ -3,6 +3,7 @@
 // Nothing here is on unless a key says so. A session keeps what it began with.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -52,4 +53,9 @@ struct ConnectionOptions {
     bool pipelining = false;
     EarlyTalker earlyTalker = EarlyTalker::kIgnore;
     BareNewline bareNewline = BareNewline::kAccept;
+
+    bool Trusts(const IpAddress& address) const {
+        return std::any_of(trusted.begin(), trusted.end(),
+                           [&](const IpNetwork& network) { return network.Contains(address); });
+    }
 };

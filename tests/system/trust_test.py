@@ -57,6 +57,15 @@ class ProxyHeaders(Trust):
         self.assert_ends(c)
         self.assertEqual(self.server.connections, before)
 
+    def test_who_was_told_of_speaks_for_nobody_else(self):
+        """Behind a balancer everybody comes from an address that is trusted."""
+        for header in (line4("203.0.113.9"), binary("203.0.113.9")):
+            c = self.from_(BALANCER, header)
+            self.assertNotIn(b"XCLIENT", self.begun(c))
+            self.assertEqual(c.ask(b"XCLIENT ADDR=192.0.2.7")[:1], b"5")
+            c.ask(b"MAIL FROM:<s@example.org>")
+            self.assertEqual(c.ask(b"RCPT TO:<u@elsewhere.test>")[:3], b"550")
+
     def test_silence_ends_at_a_time_of_its_own(self):
         before = self.server.connections
         for first in (b"", b"PROXY TCP4 192.0.2.7", SIGNATURE):
@@ -118,6 +127,14 @@ class TrustedMailServers(Trust):
     def test_offered_to_the_trusted_alone(self):
         self.assertIn(b"XCLIENT NAME ADDR PORT PROTO HELO LOGIN DESTADDR DESTPORT\r\n", self.begun(self.from_(BALANCER)))
         self.assertNotIn(b"XCLIENT", self.begun(self.from_(STRANGER)))
+
+    def test_who_was_told_of_tells_nothing(self):
+        c = self.from_(BALANCER)
+        self.begun(c)
+        self.told(c, b"ADDR=203.0.113.7")
+        self.assertEqual(c.ask(b"XCLIENT ADDR=192.0.2.7")[:1], b"5")
+        c.ask(b"MAIL FROM:<s@example.org>")
+        self.assertEqual(c.ask(b"RCPT TO:<u@elsewhere.test>")[:3], b"550")
 
     def test_the_servers_own_offer_reaches_nobody(self):
         self.server.rules["EHLO"] = b"250-real.example\r\n250-XCLIENT NAME ADDR SECRET\r\n250-XFORWARD NAME ADDR\r\n250 8BITMIME\r\n"

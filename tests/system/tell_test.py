@@ -140,22 +140,23 @@ class TellingInFront(Trust):
         c = self.from_(STRANGER)
         self.begun(c)
         self.sends(c)
-        self.assertEqual(self.server.headers[-1],
-                         b"PROXY TCP4 127.0.0.7 127.0.0.1 %d %d\r\n" % (c.socket.getsockname()[1], self.proxy.port))
+        # Who only looked whether we listen is told of too.
+        self.assertIn(b"PROXY TCP4 127.0.0.7 127.0.0.1 %d %d\r\n" % (c.socket.getsockname()[1], self.proxy.port),
+                      self.server.headers)
         for header in (line4("192.0.2.7"), b"PROXY TCP6 2001:db8::7 2001:db8::25 40000 25\r\n"):
             self.begun(self.from_(BALANCER, header))
-            self.assertEqual(self.server.headers[-1], header)
+            self.assertIn(header, self.server.headers)
 
     def test_binary(self):
         self.tell("proxy2")
         c = self.from_(STRANGER)
         self.begun(c)
         self.sends(c)
-        self.assertEqual(self.server.headers[-1], SIGNATURE + b"\x21\x11\0\x0c\x7f\0\0\x07\x7f\0\0\x01"
-                         + c.socket.getsockname()[1].to_bytes(2, "big") + self.proxy.port.to_bytes(2, "big"))
+        self.assertIn(SIGNATURE + b"\x21\x11\0\x0c\x7f\0\0\x07\x7f\0\0\x01"
+                      + c.socket.getsockname()[1].to_bytes(2, "big") + self.proxy.port.to_bytes(2, "big"), self.server.headers)
         for header in (binary("192.0.2.7"), binary("2001:db8::7")):
             self.begun(self.from_(BALANCER, header))
-            self.assertEqual(self.server.headers[-1], header)
+            self.assertIn(header, self.server.headers)
 
 
 @unittest.skipUnless(real_server.available(), "needs root and Postfix")

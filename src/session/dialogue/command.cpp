@@ -84,11 +84,10 @@ Dialogue::Outcome Dialogue::Dispatch(bool whole) {
     const bool mayTalkOn = peers_.pipelining && (verb_->traits & kAlone) == 0;
     if (TalksEarly(mayTalkOn || (verb_->traits & kBytesBehind) != 0))
         return AnswerAndEnd(kTooEarly);
-    if ((verb_->traits & kBeforeTls) == 0) {
-        if (peers_.settings.options.clientTls == ClientTls::kRequire && !peers_.client.Secured())
-            return Answer(kNeedsTls);
-        if (peers_.needsGreeting) return Answer(kNeedsGreeting);
-    }
+    // A chunk is read first, or its bytes would be taken for commands.
+    if (const std::string_view refusal = NotBefore();
+        !refusal.empty() && verb_->rule != &Dialogue::ChunkRule)
+        return Answer(refusal);
     if ((verb_->traits & kInBatch) == 0) {
         // It hangs on the answers to what came before it.
         hold_ = true;
@@ -103,6 +102,14 @@ Dialogue::Outcome Dialogue::Dispatch(bool whole) {
         return outcome;
     if (!peers_.TellOfClient()) return Outcome::kEndSession;
     return peers_.untold && (verb_->traits & kBeforeTls) == 0 ? Answer(kClientUntold) : outcome;
+}
+
+// The answer to a command whose turn comes behind TLS or a greeting only; else empty.
+std::string_view Dialogue::NotBefore() const {
+    if ((verb_->traits & kBeforeTls) != 0) return {};
+    if (peers_.settings.options.clientTls == ClientTls::kRequire && !peers_.client.Secured())
+        return kNeedsTls;
+    return peers_.needsGreeting ? kNeedsGreeting : std::string_view();
 }
 
 // Whether the second token begins with "KEYWORD:", or is KEYWORD and the third begins with ':'.
@@ -170,12 +177,14 @@ Dialogue::Outcome Dialogue::DataRule() {
 }
 
 Dialogue::Outcome Dialogue::ChunkRule() {
+    const std::string_view refusal = NotBefore();
+    const std::string_view unknown = refusal.empty() ? kUnknownCommand : refusal;
     // Read wide: ten digits can name more than an int holds, which is no chunk size.
     long long size = -1;
     if (std::sscanf(tokens_[1], "%lld", &size) != 1 || size > 0x7FFFFFFF) size = -1;
     if (chunkingState_ == CHUNKING_ABSENT || (tokenCount_ != 2 && tokenCount_ != 3) || size < 0)
-        return Answer(kUnknownCommand);
-    if (tokenCount_ == 3 && !EqualIgnoringCase(tokens_[2], "last")) return Answer(kUnknownCommand);
+        return Answer(unknown);
+    if (tokenCount_ == 3 && !EqualIgnoringCase(tokens_[2], "last")) return Answer(unknown);
     const bool last = tokenCount_ == 3;
     // The chunk is read before the envelope is looked at, or its bytes would be taken for commands.
     const Chunk chunk{envelope_.messagePhase != PHASE_BDAT, last, envelope_.binaryMime, size};
@@ -189,6 +198,7 @@ Dialogue::Outcome Dialogue::ChunkRule() {
         case Received::kFailed:
             return Outcome::kEndSession;
     }
+    if (!refusal.empty()) return Answer(refusal);
     if (!envelope_.haveRecipient || !envelope_.haveMail) return Answer(kBadSequence);
     envelope_.messagePhase = PHASE_BDAT;
     inFlight_ = CMD_BDAT;

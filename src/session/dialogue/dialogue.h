@@ -107,6 +107,7 @@ class Dialogue {
     Outcome RecipientRule();
     Outcome SenderRule();
     Outcome DataRule();
+    std::string_view NotBefore() const;
     Outcome ChunkRule();
     Outcome GreetingRule();
     Outcome AuthRule();

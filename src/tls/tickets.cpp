@@ -92,5 +92,8 @@ int TlsTicketKeys::OnTicket(SSL* ssl, unsigned char* name, unsigned char* start,
     if (EVP_MAC_CTX_set_params(mac, settings) != 1 ||
         EVP_CipherInit_ex(cipher, method, nullptr, key->cipher.data(), start, seal) != 1)
         return kFailed;
-    return old ? kGoodButOld : kGood;
+    // By TLS 1.3 a client uses each ticket once: without another one behind it, only every second
+    // connection would be resumed.
+    const bool again = old || SSL_version(ssl) >= TLS1_3_VERSION;
+    return again ? kGoodButOld : kGood;
 }

@@ -17,6 +17,7 @@ using Session = std::unique_ptr<SSL_SESSION, OpensslFree<SSL_SESSION_free>>;
 struct Visit {
     bool resumed = false;
     Session session;  // for the next one
+    std::string ticket;
     std::string key;  // the name of the key that its ticket is sealed with
 };
 
@@ -47,7 +48,8 @@ Visit Go(const TlsContext& server, int version, SSL_SESSION* before) {
     std::size_t length = 0;
     SSL_SESSION_get0_ticket(visit.session.get(), &ticket, &length);
     EXPECT_GT(length, 16U);
-    if (length > 16) visit.key.assign(ticket, ticket + 16);
+    visit.ticket.assign(ticket, ticket + length);
+    visit.key = visit.ticket.substr(0, 16);
     SSL_shutdown(ssl.get());
     other.join();
     EXPECT_EQ(SSL_session_reused(ssl.get()) == 1, visit.resumed);
@@ -89,6 +91,15 @@ TEST_P(Tickets, OpenAsLongAsTheirKeyAndOneMore) {
     EXPECT_TRUE(Again(third).resumed);
     now_ = now_.load() + 24h;
     EXPECT_FALSE(Again(third).resumed);
+}
+
+// A client of TLS 1.3 throws away what it has used.
+TEST_P(Tickets, AResumedConnectionHasOneOfItsOwn) {
+    const Visit first = Go(*server_, GetParam(), nullptr);
+    const Visit second = Again(first);
+    ASSERT_TRUE(second.resumed);
+    EXPECT_EQ(second.ticket != first.ticket, GetParam() == TLS1_3_VERSION);
+    EXPECT_TRUE(Again(second).resumed);
 }
 
 TEST_P(Tickets, AKeyThatNobodyWantedInTimeIsNotKept) {

@@ -77,6 +77,8 @@ bool CSMTPProxy::IsClientDenied() {
 void CSMTPProxy::Serve() {
     if (!configured_ || !SecureWrapped()) return;
     peers_.pipelining = peers_.authenticated = false;
+    peers_.helo.clear();  // who speaks now has not said it
+    peers_.proto.clear();
     if (nobodyTold_) return AnswerWithoutServer(peers_, *this, kNobodyTold);
     if (!OpenServer()) return;
     Conversation(peers_, spool_).Run(*this);

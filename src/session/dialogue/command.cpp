@@ -18,12 +18,12 @@ constexpr std::string_view kBadSequence = "503 Bad sequence of commands\r\n";
 constexpr std::string_view kUnableToRelay = "550 Unable to relay\r\n";
 constexpr std::string_view kChunkReceived = "250 chunk received ok\r\n";
 constexpr std::string_view kTooLong = "500 5.5.2 Line too long\r\n";
-constexpr std::string_view kTooEarly =
-    "554 5.5.1 Commands came before their turn, closing transmission channel\r\n";
 constexpr std::string_view kNeedsTls = "530 5.7.0 Must issue a STARTTLS command first\r\n";
 constexpr std::string_view kAuthNeedsTls =
     "538 5.7.11 Encryption required for requested authentication mechanism\r\n";
 constexpr std::string_view kNeedsGreeting = "503 5.5.1 Send EHLO or HELO first\r\n";
+constexpr std::string_view kTellingFailed =
+    "421 4.3.2 Lost the mail server, closing transmission channel\r\n";
 constexpr std::string_view kTooManyRecipients = "452 4.5.3 Too many recipients\r\n";
 // Of one message, whatever the server takes: each is kept until the message is over.
 constexpr std::size_t kMostRecipients = 10000;
@@ -100,7 +100,7 @@ Dialogue::Outcome Dialogue::Dispatch(bool whole) {
     // In front of the first command that goes on.
     if (outcome != Outcome::kForward || !std::exchange(peers_.server.xclientDue, false))
         return outcome;
-    if (!peers_.TellOfClient()) return Outcome::kEndSession;
+    if (!peers_.TellOfClient()) return AnswerAndEnd(kTellingFailed);
     return peers_.untold && (verb_->traits & kBeforeTls) == 0 ? Answer(kClientUntold) : outcome;
 }
 
@@ -132,8 +132,10 @@ Dialogue::Outcome Dialogue::RecipientRule() {
     if (stranger && (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
                      !StaysInside(text, peers_.settings.mailDomains)))
         return Answer(kUnableToRelay);
-    if (envelope_.recipients.size() + due_.size() >= kMostRecipients)
-        return Answer(kTooManyRecipients);
+    // What is due may begin another envelope.
+    if (envelope_.recipients.size() + due_.size() >= kMostRecipients && (!AnswerDue() || closing_))
+        return Outcome::kEndSession;
+    if (envelope_.recipients.size() >= kMostRecipients) return Answer(kTooManyRecipients);
     recipientText_ = ReadPath(text).address.substr(0, kLongestAddress);
     inFlight_ = CMD_RCPT;
     return Outcome::kForward;
@@ -155,9 +157,10 @@ Dialogue::Outcome Dialogue::SenderRule() {
     const long long limit = peers_.settings.maxMessageSize;
     if (limit > 0 && DeclaredSize(path.parameters) > static_cast<unsigned long long>(limit))
         return Answer(kMessageTooLarge);
-    if (peers_.settings.options.tellServer == TellServer::kXforward &&
-        (!AnswerDue() || closing_ || !peers_.TellOfClient()))
-        return Outcome::kEndSession;
+    if (peers_.settings.options.tellServer == TellServer::kXforward) {
+        if (!AnswerDue() || closing_) return Outcome::kEndSession;
+        if (!peers_.TellOfClient()) return AnswerAndEnd(kTellingFailed);
+    }
     if (peers_.untold) return Answer(kClientUntold);
     inFlight_ = EqualIgnoringCase(tokens_[0], "soml")   ? CMD_SOML
                 : EqualIgnoringCase(tokens_[0], "saml") ? CMD_SAML
@@ -198,6 +201,7 @@ Dialogue::Outcome Dialogue::ChunkRule() {
         case Received::kFailed:
             return Outcome::kEndSession;
     }
+    if (TalksEarly(peers_.pipelining)) return AnswerAndEnd(kTooEarly);
     if (!refusal.empty()) return Answer(refusal);
     if (!envelope_.haveRecipient || !envelope_.haveMail) return Answer(kBadSequence);
     envelope_.messagePhase = PHASE_BDAT;

@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::string_view kCancelAuth = "*\r\n";
 constexpr std::size_t kMostDue = 100;
+// What answers wait for others at most, before the next is waited for.
+constexpr std::chrono::milliseconds kLongestHeld{1000};
 
 }  // namespace
 
@@ -71,6 +73,7 @@ bool Dialogue::AnswerDue() {
     if (!peers_.server.Flush()) return false;
     Due inHand{inFlight_, std::move(line_), std::move(recipientText_), std::move(senderText_)};
     bool inStep = true;
+    inBatch_ = true;
     for (Due& each : std::exchange(due_, {})) {
         inFlight_ = each.code;
         line_ = std::move(each.line);
@@ -79,6 +82,7 @@ bool Dialogue::AnswerDue() {
         inStep = RelayReply();
         if (!inStep || closing_) break;
     }
+    inBatch_ = false;
     inFlight_ = inHand.code;
     line_ = std::move(inHand.line);
     recipientText_ = std::move(inHand.recipient);
@@ -86,10 +90,13 @@ bool Dialogue::AnswerDue() {
     return inStep;
 }
 
-// In one piece with what follows, where that is there already.
+// In one piece with what follows, where that is there already and the server is quick: a client's
+// patience with each answer begins with the one before.
 bool Dialogue::Reply(std::string_view text) {
-    return hold_ || peers_.client.HasLineAhead() ? peers_.client.Queue(text)
-                                                 : peers_.client.Send(text);
+    if ((hold_ || peers_.client.HasLineAhead()) && !heldUntil_.Over())
+        return peers_.client.Queue(text);
+    heldUntil_ = Deadline(kLongestHeld);
+    return peers_.client.Send(text);
 }
 
 // Whether the client has sent more before it could know what it is answered.
@@ -102,8 +109,10 @@ bool Dialogue::TalksEarly(bool mayTalkOn) const {
 
 Dialogue::Outcome Dialogue::TakeCommand() {
     std::string_view line;
+    const bool ahead = peers_.client.HasLineAhead();
     const Stream::Line outcome = commands_.ReadCommand(line, kLongestAuthLine);
     if (outcome == Stream::Line::kFailed) return Outcome::kEndSession;
+    if (!ahead) heldUntil_ = Deadline(kLongestHeld);
     line_ = line;
     const bool whole = outcome == Stream::Line::kWhole;
     if (authAnswer_) return TakeAuthAnswer(whole);
@@ -119,6 +128,7 @@ Dialogue::Outcome Dialogue::TakeCommand() {
 // An answer that can't be sent on, or that a server could take for two lines, gives the exchange up
 // instead; the reply to that is the client's.
 Dialogue::Outcome Dialogue::TakeAuthAnswer(bool whole) {
+    if (TalksEarly(false)) return AnswerAndEnd(kTooEarly);
     if (!whole || HidesText(line_)) line_ = kCancelAuth;
     return Outcome::kForward;
 }

@@ -119,6 +119,8 @@ class Dialogue {
     static bool HidesText(std::string_view line);
 
     static constexpr std::string_view kUnknownCommand = "501 Unknown command\r\n";
+    static constexpr std::string_view kTooEarly =
+        "554 5.5.1 Commands came before their turn, closing transmission channel\r\n";
     // With their line ends. Only an authentication exchange has long ones.
     static constexpr std::size_t kLongestCommand = 2048;
     static constexpr std::size_t kLongestAuthLine = 12288;
@@ -132,7 +134,9 @@ class Dialogue {
     CommandSource& commands_;
     const std::shared_ptr<asfilters::CASFilters> filters_;  // may be null
     std::vector<Due> due_;  // commands whose replies are still to come, in their order
+    bool inBatch_ = false;  // the reply in hand is to one of these
     bool hold_ = false;     // replies wait for the one that follows them
+    Deadline heldUntil_{0U};
     int inFlight_ = CMD_OTHER;
     const Verb* verb_ = nullptr;
     int chunkingState_ = CHUNKING_UNKNOWN;

@@ -20,7 +20,7 @@ constexpr std::string_view kOutOfStep =
 
 bool Continues(std::string_view line) { return line.size() > 3 && line[3] == '-'; }
 
-constexpr std::string_view kTooEarly =
+constexpr std::string_view kBeforeGreeting =
     "554 5.5.1 Not your turn before the greeting, closing transmission channel\r\n";
 
 // Offers of the server's that are not the client's: the proxy does its own TLS and batches, sees
@@ -51,7 +51,7 @@ bool Dialogue::RelayReply() {
     }
     if (!std::exchange(peers_.greeted, true) && TalksEarly(false)) {
         closing_ = true;
-        return peers_.client.Send(kTooEarly);
+        return peers_.client.Send(kBeforeGreeting);
     }
     // Also what came of a reply that never ended.
     return Reply(pending) && !reader.Failed();
@@ -64,8 +64,10 @@ void Dialogue::NoteLine() {
     if (inFlight_ == CMD_QUIT || reply_.starts_with("421")) closing_ = true;
     if (inFlight_ == CMD_AUTH && reply_.starts_with("235")) peers_.authenticated = true;
     if (inFlight_ == CMD_STARTTLS && reply_.starts_with("220")) startedTls_ = true;
-    if (!reply_.starts_with("354") || Continues(reply_)) return;
-    // It takes what follows for a message, which would pass unscanned.
+    // It takes what follows for a message, which would pass unscanned; or, in a batch, the next
+    // command for an answer, and then the client's answer for a command.
+    if (Continues(reply_) || (!reply_.starts_with("354") && !(inBatch_ && authAnswer_))) return;
+    authAnswer_ = false;
     closing_ = true;
     reply_ = kOutOfStep;
 }
@@ -159,7 +161,7 @@ Dialogue::Line Dialogue::FilterEhloLine() {
         AddOwnOffers();
         return Line::kPass;
     }
-    if (firstLine_) AddOwnOffers();  // to a reply of one line
+    const bool only = firstLine_;  // of a reply of one line
     if (chunkingState_ == CHUNKING_UNKNOWN) chunkingState_ = CHUNKING_ABSENT;
     int number = 0;
     char separator = '\0';
@@ -171,10 +173,13 @@ Dialogue::Line Dialogue::FilterEhloLine() {
     }
     if (EqualIgnoringCase(keyword, "pipelining")) peers_.server.takesBatches = true;
     if (EqualIgnoringCase(keyword, "size")) OfferSize();
-    if (IsOffered(keyword)) return Line::kPass;
-    // Whatever stands behind the code of the last line: it ends the reply, so the client gets one.
-    if (Continues(reply_)) return Line::kDrop;
-    reply_ = kLastEhloLine;
+    if (!IsOffered(keyword)) {
+        // Whatever stands behind the code of the last line: it ends the reply, so the client gets
+        // one.
+        if (Continues(reply_)) return Line::kDrop;
+        reply_ = kLastEhloLine;
+    }
+    if (only) AddOwnOffers();
     return Line::kPass;
 }
 

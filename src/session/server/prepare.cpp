@@ -142,7 +142,7 @@ Preparation Preparing::PlanToTell() {
     if (tell != TellServer::kXclient && tell != TellServer::kXforward) return {};
     const std::optional<std::string>& offer =
         tell == TellServer::kXclient ? offers_.xclient : offers_.xforward;
-    if (offer) {
+    if (offer && !offer->empty()) {  // one without attributes takes none
         peers_.server.tellOffer = *offer;
         peers_.server.xclientDue = tell == TellServer::kXclient;
     } else if (options_.tellServerRequired) {

@@ -163,9 +163,9 @@ class Exim(RealServer):
 
 
 class Postfix(RealServer):
-    """settings: parameters of main.cf, which may replace those above."""
+    """settings: parameters of main.cf, which may replace those above; services: further lines of master.cf."""
 
-    def __init__(self, limit=0, settings=None):
+    def __init__(self, limit=0, settings=None, services=""):
         super().__init__("postfix")
         self.mailbox = self.dir + "/mail/r"
         self.log = self.dir + "/log"
@@ -180,6 +180,6 @@ class Postfix(RealServer):
         with open(self.dir + "/etc/main.cf", "w") as f:
             f.write("".join("%s = %s\n" % each for each in parameters.items()))
         with open(self.dir + "/etc/master.cf", "w") as f:
-            f.write(SERVICES.format(port=self.port))
+            f.write(SERVICES.format(port=self.port) + services)
         subprocess.run(["postfix", "-c", self.dir + "/etc", "check"], check=True, capture_output=True)
         self.start([MASTER, "-c", self.dir + "/etc", "-d"])

@@ -103,19 +103,19 @@ Preparation Preparing::StartTls() {
         return optional ? Preparation{}
                         : Preparation{Prepared::kNoTls, "the server offers no STARTTLS"};
     }
+    const Prepared otherwise = optional ? Prepared::kRetryPlain : Prepared::kNoTls;
     ServerReply reply;
-    if (!peers_.server.Ask("STARTTLS\r\n", reply))
-        return {Prepared::kFailed, "no reply to STARTTLS"};
+    if (!peers_.server.Ask("STARTTLS\r\n", reply)) return {otherwise, "no reply to STARTTLS"};
     if (!reply.Is("220")) {
         return optional ? Preparation{} : Preparation{Prepared::kNoTls, "STARTTLS is refused"};
     }
     // What came with the reply, somebody on the way has put there.
-    if (peers_.server.HasReadAhead())
-        return {optional ? Prepared::kRetryPlain : Prepared::kNoTls, "text behind STARTTLS"};
-    Preparation done = Handshake(optional ? Prepared::kRetryPlain : Prepared::kNoTls);
-    // What it offered before, somebody on the way may have written.
+    if (peers_.server.HasReadAhead()) return {otherwise, "text behind STARTTLS"};
+    Preparation done = Handshake(otherwise);
+    // What it offered before, somebody on the way may have written. A server that dislikes our side
+    // of a handshake of TLS 1.3 closes only now.
     if (done.outcome == Prepared::kReady && !Greet())
-        return {Prepared::kFailed, "no reply to EHLO behind TLS"};
+        return {otherwise, "no reply to EHLO behind TLS"};
     return done;
 }
 
@@ -128,7 +128,8 @@ Preparation Preparing::Handshake(Prepared otherwise) {
         judge ? TlsClientContext(options_.serverCaFile, complaint) : TlsClientContext();
     if (context == nullptr) return {otherwise, complaint.empty() ? "no memory" : complaint};
     const std::string& name = options_.serverCertName.empty() ? host_ : options_.serverCertName;
-    TlsOutcome outcome = TlsConnect(peers_.server.Socket(), *context, host_, judge ? name : "",
+    // It is also the name that the server is asked for: one at an address may have several.
+    TlsOutcome outcome = TlsConnect(peers_.server.Socket(), *context, name, judge ? name : "",
                                     HandshakeLimit(peers_.settings));
     if (outcome.transport == nullptr) return {otherwise, outcome.failure};
     peers_.server.Secure(std::move(outcome.transport));

@@ -87,15 +87,24 @@ void CSMTPProxy::Serve() {
 
 bool CSMTPProxy::SecureWrapped() {
     if (settings_.options.clientTls != ClientTls::kWrapped || client_.Secured()) return true;
-    const Interruptible scope(*this);
     const std::shared_ptr<const TlsContext> context = ClientContext(settings_.options);
-    return context != nullptr && !stopRequested_ && SecureClient(peers_, *context);
+    return context != nullptr && Handshake(*context);
+}
+
+bool CSMTPProxy::Handshake(const TlsContext& context) {
+    const Interruptible scope(*this);
+    return !stopRequested_ && SecureClient(peers_, context);
 }
 
 bool CSMTPProxy::OpenServer() {
     for (bool plain = false; ConnectToServer(); plain = true) {
         server_.Attach(serverSocket_);
         const Preparation done = PrepareServer(peers_, settings_.forwardHost, plain);
+        SetConnecting(false);
+        if (stopRequested_) {  // which may have cut the preparation
+            AnswerOutage(ConnectFailure::kGivenUp);
+            return false;
+        }
         const ServerAddress server{settings_.forwardHost, settings_.forwardPort};
         switch (done.outcome) {
             case Prepared::kReady:
@@ -129,26 +138,26 @@ bool CSMTPProxy::OpenServer() {
 }
 
 bool CSMTPProxy::ConnectToServer() {
-    {
-        const std::lock_guard lock(handleMutex_);
-        connecting_ = true;
-    }
+    SetConnecting(true);
     const ServerConnection made =
         ConnectToServers(settings_.servers, std::chrono::seconds(settings_.options.connectTimeout),
                          *this, serverSocket_);
-    {
-        const std::lock_guard lock(handleMutex_);
-        connecting_ = false;
-    }
     if (!made.reason.empty() && !stopRequested_)  // also where another stands in
         LogOutage(settings_.servers.front(), kNoConnection, made.reason);
     if (made.failure != ConnectFailure::kNone) {
+        SetConnecting(false);
         AnswerOutage(made.failure);
         return false;
     }
     settings_.forwardHost = made.server.host;
     settings_.forwardPort = made.server.port;
     return true;
+}
+
+// Until the server is prepared a stop ends the wait for it.
+void CSMTPProxy::SetConnecting(bool connecting) {
+    const std::lock_guard lock(handleMutex_);
+    connecting_ = connecting;
 }
 
 void CSMTPProxy::DropServer() {

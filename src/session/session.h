@@ -47,6 +47,7 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     class Interruptible;
 
     Stream::Line ReadCommand(std::string_view& line, std::size_t limit) override;
+    bool Handshake(const TlsContext& context) override;
     bool Trying(SOCKET socket) override;
     void Failed() override;
     bool Wanted() override;
@@ -60,6 +61,7 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     bool SecureWrapped();
     bool OpenServer();
     bool ConnectToServer();
+    void SetConnecting(bool connecting);
     void DropServer();
     // The client's only reply where there is no server.
     void AnswerOutage(ConnectFailure failure);
@@ -85,7 +87,7 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     std::mutex handleMutex_;
     SOCKET clientHandle_ = 0;  // guarded by handleMutex_, as the next
     SOCKET serverHandle_ = 0;
-    bool connecting_ = false;  // guarded by handleMutex_: there is nothing in hand yet
+    bool connecting_ = false;  // guarded by handleMutex_: nothing of the client's is at the server
 };
 
 // Makes the session of an accepted socket, which passes into its care. Null if it can't be made:

@@ -36,10 +36,14 @@ enum InFlight {
 };
 enum ChunkingState { CHUNKING_UNKNOWN = 0, CHUNKING_ABSENT = 1, CHUNKING_OFFERED = 2 };
 
-// How a session waits for a client's command: a stop of the service ends the wait.
+class TlsContext;
+
+// How a session waits for its client: a stop of the service ends the wait.
 class CommandSource {
   public:
     virtual Stream::Line ReadCommand(std::string_view& line, std::size_t limit) = 0;
+    // The client's handshake, as SecureClient has it.
+    virtual bool Handshake(const TlsContext& context) = 0;
 
   protected:
     ~CommandSource() = default;

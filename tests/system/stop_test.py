@@ -1,0 +1,72 @@
+"""A stop of the service waits for nobody who only makes ready: handshakes, headers, servers that say nothing."""
+
+import os
+import socket
+import subprocess
+import time
+import unittest
+
+from harness import NET, Client, MailServer, Proxy
+
+WAIT = {NET + "/ConnectionTimeout": "60"}
+
+
+class StopWhileOpening(unittest.TestCase):
+    def setUp(self):
+        self.server = MailServer()
+        self.addCleanup(self.server.close)
+        self.silent = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(self.silent.close)
+
+    def proxy(self, keys, silent=False):
+        port = self.silent.getsockname()[1] if silent else self.server.port
+        proxy = Proxy(port, {**WAIT, **keys}, start=False)
+        self.addCleanup(lambda: proxy.process is None or not proxy.alive() or proxy.stop())
+        path = os.path.join(proxy.home, "mail.pem")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", path + ".key",
+                        "-out", path, "-days", "30", "-subj", "/CN=mail.test"], check=True, capture_output=True)
+        proxy.load({NET + "/TLS/Certificate": path, NET + "/TLS/Key": path + ".key"})
+        proxy.start()
+        return proxy
+
+    def opens(self, proxy):
+        client = socket.create_connection(("127.0.0.1", proxy.port), 10)
+        self.addCleanup(client.close)
+        return client
+
+    def assert_stops(self, proxy):
+        time.sleep(0.5)  # the session gets to its wait
+        begin = time.monotonic()
+        proxy.stop()
+        self.assertLess(time.monotonic() - begin, 3)
+
+    def test_a_handshake_behind_starttls(self):
+        proxy = self.proxy({NET + "/TLS/Mode": "offer"})
+        client = Client(proxy.port)
+        self.addCleanup(client.close)
+        client.reply()
+        client.ask(b"EHLO me")
+        self.assertEqual(client.ask(b"STARTTLS")[:3], b"220")
+        self.assert_stops(proxy)
+
+    def test_a_handshake_from_the_first_byte(self):
+        proxy = self.proxy({NET + "/TLS/Mode": "wrapped"})
+        self.opens(proxy)
+        self.assert_stops(proxy)
+
+    def test_a_header_that_does_not_come(self):
+        proxy = self.proxy({NET + "/ProxyProtocol": "Y", NET + "/Trust/a": "127.0.0.1"})
+        self.opens(proxy)
+        self.assert_stops(proxy)
+
+    def test_a_server_that_says_nothing(self):
+        for mode in ("require", "wrapped"):
+            with self.subTest(mode):
+                proxy = self.proxy({NET + "/ServerTLS/Mode": mode}, silent=True)
+                client = self.opens(proxy)
+                self.assert_stops(proxy)
+                self.assertEqual(client.recv(100)[:9], b"421 4.3.2")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -2,6 +2,7 @@
 #include "host/interface_options.h"
 
 #include "logclient/logclient.h"
+#include "text/printable.h"
 #include "tls/identity.h"
 #include "trelis/keys/settings.h"
 
@@ -33,7 +34,7 @@ TlsIdentitySettings ReadIdentity(const std::string& interface) {
 }
 
 void Warn(const std::string& interface, const std::string& complaint) {
-    const std::string text = "interface " + interface + ": TLS: " + complaint;
+    const std::string text = "interface " + interface + ": " + complaint;
     LogClientPost(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
 }
 
@@ -42,7 +43,7 @@ void Warn(const std::string& interface, const std::string& complaint) {
 std::shared_ptr<TlsIdentity> InterfaceIdentities::Find(const std::string& interface) {
     const TlsIdentitySettings settings = ReadIdentity(interface);
     if (settings.certificate.empty()) {
-        Warn(interface, "no certificate is set");
+        Warn(interface, "TLS: no certificate is set");
         return nullptr;
     }
     wanted_.insert(interface);
@@ -52,7 +53,7 @@ std::shared_ptr<TlsIdentity> InterfaceIdentities::Find(const std::string& interf
     // Told at once, not only when the first client comes.
     std::string complaint;
     identity->Context(complaint);
-    if (!complaint.empty()) Warn(interface, complaint);
+    if (!complaint.empty()) Warn(interface, "TLS: " + complaint);
     return identity;
 }
 
@@ -74,8 +75,11 @@ ConnectionOptions ReadConnectionOptions(const std::string& interface,
         static_cast<std::uint32_t>(trelis::ReadInt(Key("ConnectTimeout"), {interface}));
     options.fallbackServers = ReadList(Key("FallbackServers/*"), interface);
     for (const std::string& text : ReadList(Key("Trust/*"), interface)) {
-        // What is no network can't be trusted by mistake.
-        if (const auto network = IpNetwork::Parse(text)) options.trusted.push_back(*network);
+        if (const auto network = IpNetwork::Parse(text)) {
+            options.trusted.push_back(*network);
+        } else {
+            Warn(interface, "Trust: no address or network: " + CleanText(text));
+        }
     }
     options.proxyProtocol = trelis::ReadFlag(Key("ProxyProtocol"), {interface});
     options.tellServer = Choice<TellServer>(Key("TellServer"), interface);

@@ -44,8 +44,7 @@ bool SecureClient(Peers& peers, const TlsContext& context) {
         // Who only looks whether somebody listens is nothing to speak of.
         if (!outcome.heard || !IsWorthAWord()) return false;
         const std::string text = "TLS with " + peers.address + " failed: " + outcome.failure;
-        LogClientPost(kEventInfo, nullptr, nullptr, nullptr, peers.address.c_str(), nullptr,
-                      text.c_str());
+        LogClientPost(kEventInfo, nullptr, text.c_str());
         return false;
     }
     peers.client.Secure(std::move(outcome.transport));

@@ -14,6 +14,9 @@
 
 namespace {
 
+// Of a certificate with its chain, or a key: bytes.
+constexpr std::uint64_t kMostSize = 1 << 20;
+
 // Nobody is there to be asked for the passphrase of a key.
 int RefusePassphrase(char*, int, int, void*) { return -1; }
 
@@ -89,9 +92,10 @@ bool Expired(const TlsContext& context) {
     return X509_cmp_current_time(X509_get0_notAfter(certificate)) < 0;
 }
 
-// A pipe would hold its reader for ever.
-std::string NotPlain(const std::string& name, const std::optional<platform::FileState>& state) {
-    return state && !state->plain ? CleanText(name) + ": not a plain file" : std::string();
+// A pipe would hold its reader for ever, and what is that large for long.
+std::string NotReadable(const std::string& name, const std::optional<platform::FileState>& state) {
+    if (state && !state->plain) return CleanText(name) + ": not a plain file";
+    return state && state->size > kMostSize ? CleanText(name) + ": too large" : std::string();
 }
 
 }  // namespace
@@ -112,8 +116,8 @@ std::shared_ptr<const TlsContext> TlsIdentity::Context(std::string& complaint) {
                       platform::LookAtFile(KeyFile(settings_))};
     if (tried_ != now) {
         tried_ = now;
-        complaint = NotPlain(settings_.certificate, now.certificate);
-        if (complaint.empty()) complaint = NotPlain(KeyFile(settings_), now.key);
+        complaint = NotReadable(settings_.certificate, now.certificate);
+        if (complaint.empty()) complaint = NotReadable(KeyFile(settings_), now.key);
         OwnedSslContext fresh;
         if (complaint.empty()) {
             fresh = NewServerContext(settings_, *tickets_);

@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::string_view kCancelAuth = "*\r\n";
 constexpr std::size_t kMostDue = 100;
+constexpr std::size_t kMostDueBytes = 16384;
 // What answers wait for others at most, before the next is waited for.
 constexpr std::chrono::milliseconds kLongestHeld{1000};
 
@@ -61,8 +62,9 @@ bool Dialogue::Forward() {
     if (!peers_.server.Queue(line_)) return false;
     const bool more = (verb_->traits & kInBatch) != 0 && peers_.pipelining &&
                       peers_.server.takesBatches && due_.size() < kMostDue &&
-                      peers_.client.HasLineAhead();
+                      dueBytes_ < kMostDueBytes && peers_.client.HasLineAhead();
     if (due_.empty() && !more) return peers_.server.Flush() && RelayReply();
+    dueBytes_ += line_.size();
     due_.push_back({inFlight_, line_, recipientText_, senderText_});
     return more || AnswerDue();
 }
@@ -70,6 +72,7 @@ bool Dialogue::Forward() {
 // Gives the client the replies that are still to come. False ends the session.
 bool Dialogue::AnswerDue() {
     if (due_.empty()) return true;
+    dueBytes_ = 0;
     if (!peers_.server.Flush()) return false;
     Due inHand{inFlight_, std::move(line_), std::move(recipientText_), std::move(senderText_)};
     bool inStep = true;

@@ -138,6 +138,7 @@ class Dialogue {
     CommandSource& commands_;
     const std::shared_ptr<asfilters::CASFilters> filters_;  // may be null
     std::vector<Due> due_;  // commands whose replies are still to come, in their order
+    std::size_t dueBytes_ = 0;
     bool inBatch_ = false;  // the reply in hand is to one of these
     bool hold_ = false;     // replies wait for the one that follows them
     Deadline heldUntil_{0U};

@@ -23,13 +23,14 @@ def free_port():
 
 
 def wait_until(check, seconds=10):
-    """A check that finds nobody on its port goes on: interfaces that are read anew are closed for a moment."""
+    """A check that finds nobody on its port, or is cut there, goes on: interfaces that are read anew are closed for a
+    moment."""
     end = time.monotonic() + seconds
     while time.monotonic() < end:
         try:
             if check():
                 return True
-        except ConnectionRefusedError:
+        except ConnectionError:
             pass
         time.sleep(0.01)
     return False

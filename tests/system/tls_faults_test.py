@@ -5,7 +5,7 @@ import time
 import unittest
 
 from harness import wait_until
-from tls import NAME, Tls, TlsClient, talk
+from tls import NAME, Tls, TlsClient
 
 OFFER = {"TLS/Mode": "offer"}
 WRAPPED = {"TLS/Mode": "wrapped"}
@@ -70,7 +70,13 @@ class TlsFaults(Tls):
     def check(self, keys):
         self.start(dict(keys, ConnectionTimeout="3"))
         # What stays for good, such as the way to the log, has been begun then.
-        talk(self.proxy.port, b"EHLO me\r\n" if keys is WRAPPED else b"STARTTLS\r\n")
+        first = self.client()
+        if keys is not WRAPPED:
+            first.reply()
+            self.assertEqual(first.ask(b"STARTTLS")[:3], b"220")
+        first.send(b"EHLO me\r\n")
+        self.assert_closed(first)
+        self.assert_logged("TLS with 127.0.0.1 failed: ")
         c = self.client()
         if keys is WRAPPED:
             c.secure(self.authority.trusting())

@@ -47,9 +47,12 @@ TEST(Newlines, NothingButTheEndIsAnEnd) {
         std::string_view text;  // as it is stored
         bool ends;
     } cases[] = {
-        {"a\r\n.\r\n", "a\r\n", true},           {"a\n.\n", "a\r\n..\r\n", false},
-        {"a\r\n.\n", "a\r\n..\r\n", false},      {"a\n.\r\n", "a\r\n..\r\n", false},
-        {"a\r.\r\r\n.\r\n", "a\r\n..\r\n\r\n", true}, {".\n.\r\n.\r\n", "..\r\n..\r\n", true},
+        {"a\r\n.\r\n", "a\r\n", true},
+        {"a\n.\n", "a\r\n..\r\n", false},
+        {"a\r\n.\n", "a\r\n..\r\n", false},
+        {"a\n.\r\n", "a\r\n..\r\n", false},
+        {"a\r.\r\r\n.\r\n", "a\r\n..\r\n\r\n", true},
+        {".\n.\r\n.\r\n", "..\r\n..\r\n", true},
     };
     for (const auto& each : cases) {
         DataScanner scanner(false, true);

@@ -27,8 +27,7 @@ inline constexpr KeyRow kInterfaceRows[] = {
     Text("GreetingDomainName", "127.0.0.1", "the name in the proxy's own replies")
         .Width(64)
         .EmptyCounts(),
-    Text("IPAddress", "",
-         "address to listen on, IPv4 or IPv6; `::` serves both families")
+    Text("IPAddress", "", "address to listen on, IPv4 or IPv6; `::` serves both families")
         .Width(64)
         .Shown("all IPv4 addresses"),
     Number("Port", "25", -kMostInt, kMostInt, "port to listen on"),

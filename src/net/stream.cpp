@@ -199,14 +199,16 @@ bool Stream::PeerGone() {
     return seen == 0 || seen == SOCKET_BROKEN;
 }
 
-void Stream::SayGoodbye() {
-    if (transport_ != nullptr && !socket_.Empty()) transport_->SayGoodbye();
+void Stream::Detach() {
+    if (transport_ != nullptr) transport_->SayGoodbye();
+    transport_.reset();
+    socket_ = CSocket();
 }
 
 void Stream::EndSending() {
     if (socket_.Empty()) return;
     Flush();
-    SayGoodbye();
+    if (transport_ != nullptr) transport_->SayGoodbye();
     SocketEndSending(socket_.Handle());
     // What still comes is nobody's: it needn't pass the transport.
     transport_.reset();

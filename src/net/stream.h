@@ -83,9 +83,9 @@ class Stream {
     // Closes in such a way that the last reply reaches a peer that is still sending: says that
     // nothing more comes, and takes what is on its way, up to a bound in bytes and time.
     void EndSending();
-    // The last word of a secured connection, as far as it goes out at once; the socket's owner then
-    // closes.
-    void SayGoodbye();
+    // Says the last word of a secured connection, as far as it goes out at once, and lets go of the
+    // socket, whose number may soon be another's: its owner then closes it.
+    void Detach();
 
   private:
     bool FindLine(std::string_view& line);

@@ -161,7 +161,7 @@ void CSMTPProxy::SetConnecting(bool connecting) {
 }
 
 void CSMTPProxy::DropServer() {
-    server_.SayGoodbye();
+    server_.Detach();
     {
         const std::lock_guard lock(handleMutex_);
         serverHandle_ = 0;

@@ -28,7 +28,11 @@ class ServerLink {
 
     // From now on the server's bytes pass through TLS.
     void Secure(std::unique_ptr<Transport> transport) { stream_.Secure(std::move(transport)); }
-    void SayGoodbye() { stream_.SayGoodbye(); }
+    // The session is about to close the socket.
+    void Detach() {
+        stream_.Detach();
+        socket_ = CSocket();
+    }
     // Whether more has come than was asked for.
     bool HasReadAhead() const { return stream_.HasReadAhead(); }
     // A reply that has been read already, and is the answer to what comes next.

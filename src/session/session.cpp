@@ -87,7 +87,7 @@ int CSMTPProxy::RunSession() {
             DropServer();
         }
         client_.Flush();
-        client_.SayGoodbye();
+        client_.Detach();
     } catch (...) {  // memory ran out: an ordinary end
     }
     if (counted) --*connectionCounter_;

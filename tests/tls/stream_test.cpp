@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -85,7 +86,7 @@ TEST_P(SecuredStream, OnlyTheLastWordIsAnEnd) {
             EXPECT_EQ(ReadAll(ours, 4), "half");
             // What the peer has not read would make a reset of its end.
             EXPECT_FALSE(peers.PeerGone());
-            if (each.goodbye) peers.SayGoodbye();
+            if (each.goodbye) peers.Detach();
             both.wire.Close(!server, each.reset);
             if (!each.reset) {
                 EXPECT_EQ(ours.WaitReadable(10s), Stream::Wait::kReady);
@@ -98,7 +99,7 @@ TEST_P(SecuredStream, OnlyTheLastWordIsAnEnd) {
             // A connection without its end raises no signal, and doesn't hold its user.
             while (ours.Send(std::string(1 << 16, 'x'))) {
             }
-            ours.SayGoodbye();
+            ours.Detach();
         }
     }
 }
@@ -176,6 +177,26 @@ TEST_P(SecuredStream, BytesOfARecordCountForNoArrival) {
     EXPECT_GE(Clock::now() - start, 2s);
     over = true;
     peer.join();
+}
+
+// Between two connections of a session to its server the number may become a stranger's.
+TEST_P(SecuredStream, WhatIsDetachedTouchesTheNumberNoMore) {
+    Secured both(GetParam());
+    both.server.Detach();
+    const int number = both.wire.Server().Handle();
+    Wire other;
+    ASSERT_EQ(dup2(other.Server().Handle(), number), number);
+    EXPECT_EQ(CSocket(other.Client()).SendAll("theirs\r\n", 8), 1);
+    both.server.Detach();
+    char byte;
+    EXPECT_EQ(both.server.Read(&byte, 1, 0ms), -1);
+    EXPECT_FALSE(both.server.Send("x"));
+    CSocket reader = other.Server();
+    char line[16];
+    int length = 0;
+    EXPECT_EQ(reader.ReadLine(line, length, sizeof line, 1), 1);
+    EXPECT_STREQ(line, "theirs\r\n");
+    EXPECT_EQ(SocketReceiveNow(other.Client().Handle(), &byte, 1, false), SOCKET_WOULD_BLOCK);
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, SecuredStream, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION));

@@ -76,7 +76,7 @@ bool CSMTPProxy::IsClientDenied() {
 
 void CSMTPProxy::Serve() {
     if (!configured_ || !SecureWrapped()) return;
-    peers_.pipelining = peers_.authenticated = false;
+    peers_.pipelining = peers_.authenticated = peers_.untold = false;
     peers_.helo.clear();  // who speaks now has not said it
     peers_.proto.clear();
     if (nobodyTold_) return AnswerWithoutServer(peers_, *this, kNobodyTold);

@@ -9,6 +9,7 @@
 #include "session/client/xclient.h"
 #include "session/dialogue/dialogue.h"
 #include "session/registry.h"
+#include "session/secure.h"
 #include "text/ascii.h"
 
 namespace {
@@ -201,9 +202,11 @@ void Dialogue::AddOwnOffers() {
     const auto offer = [&offers](std::string_view text) {
         offers.append("250-").append(text).append("\r\n");
     };
-    if ((options.clientTls == ClientTls::kOffer || options.clientTls == ClientTls::kRequire) &&
-        !peers_.client.Secured())
-        offer("STARTTLS");
+    // Where mail also goes without it, a client had better not try what can't succeed.
+    const bool starts =
+        options.clientTls == ClientTls::kRequire ||
+        (options.clientTls == ClientTls::kOffer && ClientContext(options) != nullptr);
+    if (starts && !peers_.client.Secured()) offer("STARTTLS");
     if (options.pipelining) offer("PIPELINING");
     if (peers_.trusted) offer("XCLIENT " + std::string(kXclientAttributes));
     if (offers.empty()) return;

@@ -13,7 +13,9 @@ constexpr std::size_t kLineRead = 2048;
 constexpr std::size_t kKeptAhead = 4096;
 // What may wait for more to be sent with it.
 constexpr std::size_t kMostQueued = 32768;
-// One call's share of what is sent.
+// One call's share of a file.
+constexpr int kFileBlock = 1 << 18;
+// And of other things that are sent.
 constexpr std::size_t kMostSent = std::size_t{1} << 30;
 // What a peer may still send behind our last word.
 constexpr int kMostLingering = 1 << 20;
@@ -32,6 +34,7 @@ void Stream::Attach(const CSocket& socket) {
     queued_.clear();
     ahead_.clear();
     at_ = looked_ = 0;
+    drained_ = false;
     // Replies and commands are put together here; waiting for acknowledgements would only cost the
     // other side's delay, some 40 ms a piece.
     SocketSendAtOnce(socket_.Handle());
@@ -41,6 +44,7 @@ void Stream::Secure(std::unique_ptr<Transport> transport) {
     transport_ = std::move(transport);
     ahead_.clear();
     at_ = looked_ = 0;
+    drained_ = false;
 }
 
 void Stream::PutBack(std::string_view bytes) {
@@ -48,9 +52,11 @@ void Stream::PutBack(std::string_view bytes) {
     at_ = looked_ = 0;
 }
 
-int Stream::ReceiveNow(char* buffer, int size) const {
-    return transport_ != nullptr ? transport_->ReceiveNow(buffer, size)
-                                 : SocketReceiveNow(socket_.Handle(), buffer, size, false);
+int Stream::ReceiveNow(char* buffer, int size) {
+    if (transport_ != nullptr) return transport_->ReceiveNow(buffer, size);
+    const int count = SocketReceiveNow(socket_.Handle(), buffer, size, false);
+    drained_ = count > 0 && count < size;
+    return count;
 }
 
 // One receive behind what was read ahead; its result.
@@ -73,7 +79,7 @@ int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds lim
     if (socket_.Empty()) return -1;
     const Deadline deadline(limit);
     for (bool waited = false;; waited = true) {
-        const int count = ReceiveNow(buffer, size);
+        const int count = drained_ ? SOCKET_WOULD_BLOCK : ReceiveNow(buffer, size);
         if (count != SOCKET_WOULD_BLOCK) return count;
         // Bytes of the connection need not be bytes for us: by those no limit counts anew.
         if (waited && deadline.Over()) return -1;
@@ -134,6 +140,7 @@ Stream::Wait Stream::WaitForSocket(std::chrono::milliseconds limit, const CSocke
     if (two) watches[1] = {other->Handle(), SocketWant::kNothing, {}};
     if (!SocketWaitAny(watches.data(), two ? 2 : 1, limit)) return Wait::kTimeOver;
     if (watches[0].found.exception || (two && watches[1].found.exception)) return Wait::kFailed;
+    drained_ = false;
     return Wait::kReady;
 }
 
@@ -178,14 +185,45 @@ bool Stream::SendNow(std::string_view bytes) {
                               ? transport_->SendNow(bytes.data(), length)
                               : SocketSendNow(socket_.Handle(), bytes.data(), length);
         if (count == SOCKET_WOULD_BLOCK) {
-            SocketWatch watch{socket_.Handle(),
-                              transport_ != nullptr ? transport_->Wanted() : SocketWant::kWrite,
-                              {}};
-            if (!SocketWaitAny(&watch, 1, deadline.Left()) || watch.found.exception) return false;
+            if (!WaitForRoom(deadline)) return false;
             continue;
         }
         if (count < 1) return false;
         bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+bool Stream::WaitForRoom(const Deadline& deadline) {
+    SocketWatch watch{socket_.Handle(),
+                      transport_ != nullptr ? transport_->Wanted() : SocketWant::kWrite,
+                      {}};
+    return SocketWaitAny(&watch, 1, deadline.Left()) && !watch.found.exception;
+}
+
+bool Stream::SendFile(const platform::File& file, long long offset, long long length) {
+    if (!Flush()) return false;
+    const auto block = transport_ == nullptr
+                           ? nullptr
+                           : std::make_unique_for_overwrite<char[]>(kFileBlock);
+    while (length > 0) {
+        int left = static_cast<int>(std::min<long long>(length, kFileBlock));
+        length -= left;
+        if (block != nullptr) {
+            const long long count =
+                file.ReadAt(offset, block.get(), static_cast<std::size_t>(left));
+            if (count != left || !SendNow({block.get(), static_cast<std::size_t>(left)}))
+                return false;
+            offset += left;
+        }
+        for (const Deadline deadline(seconds_); block == nullptr && left > 0;) {
+            if (socket_.Empty()) return false;
+            const int count = SocketSendFileNow(socket_.Handle(), file, offset, left);
+            if (count == SOCKET_WOULD_BLOCK && WaitForRoom(deadline)) continue;
+            if (count < 1) return false;
+            offset += count;
+            left -= count;
+        }
     }
     return true;
 }

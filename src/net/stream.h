@@ -14,6 +14,7 @@
 
 #include "net/socket.h"
 #include "net/transport.h"
+#include "platform/file.h"
 
 // The end of a time that several waits share.
 class Deadline {
@@ -74,6 +75,9 @@ class Stream {
     // of it.
     bool Queue(std::string_view bytes);
     bool Flush();
+    // The same of `length` bytes of the file, from its position `offset` on; without TLS they don't
+    // pass our memory. False also if the file has fewer.
+    bool SendFile(const platform::File& file, long long offset, long long length);
 
     // Whether the peer has closed, with nothing that it sent left to read, or the connection is
     // broken. Never waits.
@@ -91,13 +95,14 @@ class Stream {
     bool FindLine(std::string_view& line);
     int TakeAhead(char* buffer, int size);
     // These look at the connection alone, not at what was read ahead.
-    int ReceiveNow(char* buffer, int size) const;
+    int ReceiveNow(char* buffer, int size);
     int FillAhead();
     int ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
                        const CSocket* other);
     Wait WaitForSocket(std::chrono::milliseconds limit, const CSocket* other);
 
     bool SendNow(std::string_view bytes);
+    bool WaitForRoom(const Deadline& deadline);
 
     CSocket socket_;  // a copy: not closed here
     std::unique_ptr<Transport> transport_;
@@ -106,4 +111,6 @@ class Stream {
     std::size_t at_ = 0;      // everything in front of it has been given out
     std::size_t looked_ = 0;  // no line end between at_ and it
     std::string queued_;      // to be sent
+    // A short read has taken all that was there: what comes next is worth a wait, not a look.
+    bool drained_ = false;
 };

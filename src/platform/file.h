@@ -30,6 +30,17 @@ inline constexpr char kSeparator = '\\';
 inline constexpr char kSeparator = '/';
 #endif
 
+// What tells one state of a file from another, as long as nobody sets its time back.
+struct FileState {
+    bool plain = false;  // not a directory, pipe or device
+    std::uint64_t size = 0;
+    std::int64_t written = 0;  // nanoseconds since 1970
+    std::uint64_t number = 0;  // another one when the file has been replaced
+    bool operator==(const FileState&) const = default;
+};
+// That of the file or whatever else is there, behind links too. Nothing if it can't be looked at.
+std::optional<FileState> LookAtFile(const std::string& path);
+
 // Owner of an open file. One thread at a time. Reads and writes are unbuffered.
 class File {
   public:
@@ -48,6 +59,11 @@ class File {
     bool Write(const void* data, std::size_t length);
     // The count, 0 at the end, -1 on failure.
     long long Read(void* buffer, std::size_t length);
+    // The same from a position, which the next Read knows nothing of.
+    long long ReadAt(long long offset, void* buffer, std::size_t length) const;
+    // Its state, with a time of writing that lies a little back: the clock of files is a coarse one,
+    // and so a later write shows however soon it comes. Nothing if that can't be had.
+    std::optional<FileState> Stamp();
     // False if the system reports a late write error.
     bool Close();
 
@@ -57,17 +73,6 @@ class File {
   private:
     UniqueDescriptor descriptor_;
 };
-
-// What tells one state of a file from another, as long as nobody sets its time back.
-struct FileState {
-    bool plain = false;  // not a directory, pipe or device
-    std::uint64_t size = 0;
-    std::int64_t written = 0;  // nanoseconds since 1970
-    std::uint64_t number = 0;  // another one when the file has been replaced
-    bool operator==(const FileState&) const = default;
-};
-// That of the file or whatever else is there, behind links too. Nothing if it can't be looked at.
-std::optional<FileState> LookAtFile(const std::string& path);
 
 // Reads a small file of the instance whole (1 MiB at most). False if it can't be read.
 bool ReadWholeFile(const std::string& path, std::string& text);

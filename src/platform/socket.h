@@ -1,5 +1,5 @@
 // Sockets: the operations of the socket layer with their documented names, and the few that POSIX
-// and Windows spell differently. No call here raises SIGPIPE, none is limited to low
+// and Windows spell differently. No call here but that for files raises SIGPIPE, none is limited to low
 // descriptors, and none hands out descriptor 0, which is the empty marker of the layer above.
 #pragma once
 
@@ -8,6 +8,10 @@
 #include <cstdint>
 
 #include "platform/types.h"
+
+namespace platform {
+class File;
+}
 
 #ifdef _WIN32
 #include <winsock2.h>
@@ -84,6 +88,10 @@ inline constexpr int SOCKET_WOULD_BLOCK = -2;
 inline constexpr int SOCKET_BROKEN = -1;
 int SocketReceiveNow(SOCKET socket, void* buffer, int length, bool peek);
 int SocketSendNow(SOCKET socket, const void* buffer, int length);
+// As SocketSendNow, of a file's bytes from `offset` on, which don't pass the process. SOCKET_BROKEN
+// also where the file can't be sent in that way, or ends in front of the offset. A broken connection
+// raises SIGPIPE, which the programs ignore (console.h).
+int SocketSendFileNow(SOCKET socket, const platform::File& file, long long offset, int length);
 // What one look at a socket shows.
 struct SocketReadiness {
     bool ready;      // readable, or writable, as asked for

@@ -43,6 +43,10 @@ class ServerLink {
     // The same, but it may wait for what is sent next.
     bool Queue(std::string_view bytes);
     bool Flush() { return stream_.Flush(); }
+    bool SendFile(const platform::File& file, long long offset, long long length) {
+        lastSent_ = Clock::now();
+        return stream_.SendFile(file, offset, length);
+    }
     bool Ask(std::string_view command, ServerReply& reply) {
         return Send(command) && ReadReply(reply);
     }

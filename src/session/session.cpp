@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "net/kept_threads.h"
 #include "session/registry.h"
 
 namespace {
@@ -43,9 +44,9 @@ int CSMTPProxy::Start() {
     if (started_) return 0;
     if (!SessionRegistry::Instance().Enter(this)) return -1;
     started_ = true;
-    // The new thread may end, and the object with it, before StartThread returns: nothing of it is
-    // touched then, and its handle is not kept.
-    if (StartThread(nullptr, SessionThread, this) == 0) return 0;
+    // The session may be over, and the object gone, before this returns: nothing of it is touched
+    // then.
+    if (RunOnKeptThread(SessionThread, this) == 0) return 0;
     started_ = false;
     SessionRegistry::Instance().Leave(this);
     SessionRegistry::Instance().Done();

@@ -42,6 +42,15 @@ DWORD GetModuleFileNameA(HANDLE, LPSTR buffer, DWORD size) {
 }
 
 namespace platform {
+namespace {
+
+FileState StateOf(const struct stat& info) {
+    constexpr std::int64_t kSecond = 1'000'000'000;
+    return {S_ISREG(info.st_mode), static_cast<std::uint64_t>(info.st_size),
+            info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec, info.st_ino};
+}
+
+}  // namespace
 
 File File::CreateExclusive(const char* path, int group) {
     const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -84,6 +93,14 @@ long long File::Read(void* buffer, std::size_t length) {
     return done;
 }
 
+long long File::ReadAt(long long offset, void* buffer, std::size_t length) const {
+    ssize_t done = 0;
+    do {
+        done = pread(Descriptor(), buffer, length, offset);
+    } while (done < 0 && errno == EINTR);
+    return done;
+}
+
 bool File::Close() {
     const int descriptor = descriptor_.Release();
     return descriptor < 0 || close(descriptor) == 0;
@@ -92,9 +109,17 @@ bool File::Close() {
 std::optional<FileState> LookAtFile(const std::string& path) {
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) return std::nullopt;
-    constexpr std::int64_t kSecond = 1'000'000'000;
-    return FileState{S_ISREG(info.st_mode), static_cast<std::uint64_t>(info.st_size),
-                     info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec, info.st_ino};
+    return StateOf(info);
+}
+
+std::optional<FileState> File::Stamp() {
+    constexpr time_t kBack = 2;  // seconds: some file systems know no finer time
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const timespec times[] = {{0, UTIME_OMIT}, {now.tv_sec - kBack, now.tv_nsec}};
+    struct stat info {};
+    if (futimens(Descriptor(), times) != 0 || fstat(Descriptor(), &info) != 0) return std::nullopt;
+    return StateOf(info);
 }
 
 bool ReadWholeFile(const std::string& path, std::string& text) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <netinet/tcp.h>
+#include <sys/sendfile.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <span>
 
+#include "platform/file.h"
 #include "platform/linux/wait/object.h"
 #include "platform/window.h"
 
@@ -94,6 +96,15 @@ int SocketSendNow(SOCKET socket, const void* buffer, int length) {
             send(socket, buffer, static_cast<std::size_t>(length), MSG_DONTWAIT | MSG_NOSIGNAL);
     } while (result < 0 && errno == EINTR);
     return Outcome(result);
+}
+
+int SocketSendFileNow(SOCKET socket, const platform::File& file, long long offset, int length) {
+    off_t at = offset;
+    ssize_t result = 0;
+    do {
+        result = sendfile(socket, file.Descriptor(), &at, static_cast<std::size_t>(length));
+    } while (result < 0 && errno == EINTR);
+    return result == 0 ? SOCKET_BROKEN : Outcome(result);
 }
 
 bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit) {

@@ -45,7 +45,7 @@ void Reception::Store(std::string_view bytes) {
     const long long limit = peers_.settings.maxMessageSize;
     if (limit > 0 && spool_.Size() + length > limit) {
         Refuse(Refusal::kTooLarge);
-    } else if (!spool_.Write(bytes.data(), bytes.size())) {
+    } else if (!spool_.Write(bytes)) {
         Refuse(Refusal::kDiskFull);
     }
 }
@@ -91,7 +91,6 @@ Received Reception::AnswerAndEnd() {
 
 Received Reception::Finish() {
     if (refusal_ == Refusal::kTooLarge) return Received::kTooLarge;
-    // A close that fails tells of a write that did: the message is not whole on the disk.
     if (refusal_ == Refusal::kNone && spool_.Close()) return Received::kWhole;
     return AnswerAndEnd();
 }

@@ -1,7 +1,6 @@
 #include "session/message/relay.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -11,14 +10,15 @@
 
 namespace {
 
-constexpr int kBlockSize = 32768;
+constexpr long long kBlockSize = 32768;
 constexpr std::string_view kRejected = "550 Rejected by Vantrel.\r\n";
 constexpr std::string_view kNotChecked =
     "451 4.3.0 Message could not be checked, try again later\r\n";
 constexpr std::string_view kEndOfData = "\r\n.\r\n";
+// What of a large message goes out between two looks at its client.
+constexpr long long kPiece = 1 << 20;
 // Room in front of a block for its bdat command.
 constexpr std::size_t kCommandRoom = 32;
-constexpr std::size_t kRelayBuffer = kCommandRoom + kBlockSize + kEndOfData.size();
 constexpr UINT kRedirectRefusedString = 5602;
 
 TextList SplitAddresses(const std::string& text) {
@@ -41,18 +41,19 @@ int MessageRelay::Run(int* expectReply) {
     if (verdict_ == VERDICT_FAILED) {
         goOn = AnswerFailedScan(expectReply);
     } else {
-        file_ = platform::File::OpenRead(spool_.Path().c_str());
-        const bool gone = !file_ && errno == ENOENT;
-        remaining_ = file_ ? file_.Size() : -1;
-        // Gone after the scan: the daemon has taken the message away, and the reply to the RSET is
-        // the client's. A file that is there and can't be read must not be called accepted.
-        if (gone) {
-            goOn = peers_.server.Send("RSET\r\n");
-        } else {
-            goOn = remaining_ < 0 ? AnswerFailedScan(expectReply) : Deliver(expectReply);
+        switch (spool_.LookAgain()) {
+            case SpoolFile::Found::kWhole:
+                goOn = Deliver(expectReply);
+                break;
+            case SpoolFile::Found::kGone:
+                // The daemon has taken the message away: the reply to the RSET is the client's.
+                goOn = peers_.server.Send("RSET\r\n");
+                break;
+            case SpoolFile::Found::kUnreadable:
+                goOn = AnswerFailedScan(expectReply);  // it must not be called accepted
+                break;
         }
     }
-    file_.Close();
     spool_.Remove();
     return goOn ? 1 : 0;
 }
@@ -144,18 +145,16 @@ bool MessageRelay::SendMessage() {
 }
 
 bool MessageRelay::SendAsData() {
-    const auto buffer = std::make_unique_for_overwrite<char[]>(kRelayBuffer);
-    for (;;) {
-        const long long count = remaining_ > 0 ? file_.Read(buffer.get(), kBlockSize) : 0;
-        if (count < 0 || peers_.client.HasException()) return false;
-        remaining_ -= count;
-        auto length = static_cast<std::size_t>(count);
-        // The end goes out with the last block: one segment less for each small message.
-        const bool last = remaining_ <= 0 || count == 0;
-        if (last) length += kEndOfData.copy(buffer.get() + length, kEndOfData.size());
-        if (!peers_.server.Send({buffer.get(), length})) return false;
-        if (last) return true;
+    // In one piece: one segment less for each small message.
+    if (const auto kept = spool_.Kept())
+        return peers_.server.Queue(*kept) && peers_.server.Send(kEndOfData);
+    const long long size = spool_.Size();
+    for (long long at = 0; at < size; at += kPiece) {
+        if (!peers_.server.SendFile(spool_.File(), at, std::min(kPiece, size - at)) ||
+            peers_.client.HasException())
+            return false;
     }
+    return peers_.server.Send(kEndOfData);
 }
 
 // Each chunk's command goes out with its block in one piece.
@@ -169,18 +168,25 @@ bool MessageRelay::SendAsChunks() {
             return true;
         }
     }
-    const auto buffer = std::make_unique_for_overwrite<char[]>(kRelayBuffer);
+    const std::optional<std::string_view> kept = spool_.Kept();
+    const auto buffer = std::make_unique_for_overwrite<char[]>(kCommandRoom + kBlockSize);
     char* const block = buffer.get() + kCommandRoom;
-    for (;;) {
-        const long long count = remaining_ > 0 ? file_.Read(block, kBlockSize) : 0;
-        if (count < 0 || peers_.client.HasException()) return false;
-        remaining_ -= count;
-        const bool last = remaining_ <= 0 || count == 0;
+    const long long size = spool_.Size();
+    for (long long at = 0;;) {
+        const auto count = static_cast<std::size_t>(std::min(kBlockSize, size - at));
+        if (kept) {
+            kept->copy(block, count, static_cast<std::size_t>(at));
+        } else if (spool_.File().ReadAt(at, block, count) != static_cast<long long>(count)) {
+            return false;
+        }
+        if (peers_.client.HasException()) return false;
+        at += static_cast<long long>(count);
+        const bool last = at >= size;
         char line[kCommandRoom];
         const int length = std::snprintf(line, sizeof line, "bdat %d %s \r\n",
                                          static_cast<int>(count), last ? "last" : "");
         std::memcpy(block - length, line, static_cast<std::size_t>(length));
-        if (!peers_.server.Send({block - length, static_cast<std::size_t>(length + count)}))
+        if (!peers_.server.Send({block - length, static_cast<std::size_t>(length) + count}))
             return false;
         if (last) return true;  // its reply is the answer to the message
         // Each chunk has a reply of its own; left unread, all later replies would be out of step.

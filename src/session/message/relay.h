@@ -42,8 +42,6 @@ class MessageRelay {
     Envelope& envelope_;
     SpoolFile& spool_;
     Verdict verdict_ = VERDICT_FAILED;
-    platform::File file_;
-    long long remaining_ = 0;
     TextList redirects_;
     ServerReply reply_;
     // The server's refusal of the sender, of DATA or of a chunk before the last: the client's

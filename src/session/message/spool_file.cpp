@@ -1,6 +1,7 @@
 #include "session/message/spool_file.h"
 
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 
 namespace {
@@ -8,6 +9,7 @@ namespace {
 constexpr char kDirectory[] = "VTNP";
 constexpr char kPrefix[] = "VTSMTP";
 constexpr std::size_t kStemSize = 260;  // with its zero byte
+constexpr std::size_t kMostKept = 65536;
 std::atomic<int> g_group{-1};
 
 std::string Directory() {
@@ -56,7 +58,7 @@ bool SpoolFile::OpenNext() {
         MakeDirectory();
         file_ = platform::File::CreateExclusive(path.c_str(), g_group);
     }
-    present_ = static_cast<bool>(file_);
+    present_ = keeping_ = static_cast<bool>(file_);
     return present_;
 }
 
@@ -65,14 +67,55 @@ bool SpoolFile::OpenAgain() {
     return static_cast<bool>(file_);
 }
 
-bool SpoolFile::Write(const void* data, std::size_t length) {
-    if (!file_.Write(data, length)) return false;
-    size_ += static_cast<long long>(length);
-    return true;
+bool SpoolFile::Write(std::string_view bytes) {
+    size_ += static_cast<long long>(bytes.size());
+    if (!keeping_) return file_.Write(bytes.data(), bytes.size());
+    kept_.append(bytes);
+    if (kept_.size() <= kMostKept) return true;
+    const bool stored = Store();
+    Forget();
+    return stored;
+}
+
+// What is in memory alone.
+bool SpoolFile::Store() {
+    const std::string_view left = std::string_view(kept_).substr(stored_);
+    stored_ = kept_.size();
+    return left.empty() || file_.Write(left.data(), left.size());
+}
+
+void SpoolFile::Forget() {
+    std::string().swap(kept_);
+    stored_ = 0;
+    keeping_ = false;
+    state_.reset();
+}
+
+bool SpoolFile::Close() {
+    const bool stored = Store();
+    if (keeping_ && stored) state_ = file_.Stamp();
+    // A close that fails tells of a write that did: the message is not whole on the disk.
+    return file_.Close() && stored;
+}
+
+SpoolFile::Found SpoolFile::LookAgain() {
+    const std::string path = Path();
+    if (keeping_ && state_.has_value() && platform::LookAtFile(path) == state_)
+        return Found::kWhole;
+    Forget();
+    file_ = platform::File::OpenRead(path.c_str());
+    if (!file_) return errno == ENOENT ? Found::kGone : Found::kUnreadable;
+    size_ = file_.Size();
+    return size_ < 0 ? Found::kUnreadable : Found::kWhole;
+}
+
+std::optional<std::string_view> SpoolFile::Kept() const {
+    return keeping_ ? std::optional<std::string_view>(kept_) : std::nullopt;
 }
 
 void SpoolFile::Remove() {
     file_.Close();
+    Forget();
     if (!present_) return;
     DeleteFileA(Path().c_str());
     present_ = false;

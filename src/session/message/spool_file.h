@@ -1,8 +1,13 @@
 // The file of the message in hand: its name, its modes, and its end. A session has one at a time;
 // each message gets a new number, and the file of the message before goes with it.
+//
+// A small message stays in memory as well: it goes to its file in one write, and needn't be read
+// back as long as nobody has changed the file.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/file.h"
 #include "platform/socket.h"
@@ -22,24 +27,44 @@ class SpoolFile {
     bool OpenNext();
     // Opens the file of the message in hand again, to add to it.
     bool OpenAgain();
-    // False: nothing more can be stored, the disk is full as a rule.
-    bool Write(const void* data, std::size_t length);
-    // False if the system tells only now that something could not be stored.
-    bool Close() { return file_.Close(); }
+    // False: nothing more can be stored, the disk is full as a rule. What is written may wait for
+    // Close.
+    bool Write(std::string_view bytes);
+    // Everything is in the file then. False if something could not be stored.
+    bool Close();
     // Also closes it. No file is no failure.
     void Remove();
 
+    enum class Found { kWhole, kGone, kUnreadable };
+    // What there is of the message behind the scan, during which the daemon may have changed it or
+    // taken it away: Size, Kept and File are about that from here on.
+    Found LookAgain();
     // What has been written to the message in hand.
     long long Size() const { return size_; }
+    // All of the message if it is still in memory.
+    std::optional<std::string_view> Kept() const;
+    // Otherwise open for reading.
+    platform::File& File() { return file_; }
     // For the scan daemon, which opens the file by it.
     std::string Path() const;
 
   private:
+    bool Store();
+    // What is in memory.
+    void Forget();
+
     std::string stem_;
     int number_ = 0;
     bool present_ = false;
     long long size_ = 0;
     platform::File file_;
+    // The message from its first byte on, as long as it is small; what is in front of stored_ is in
+    // the file.
+    std::string kept_;
+    std::size_t stored_ = 0;
+    bool keeping_ = false;
+    // The file as this session has left it; nothing, if changes of it could not be seen.
+    std::optional<platform::FileState> state_;
 };
 
 // The group that may read the spool besides its owner, for a scan daemon that runs as another user;

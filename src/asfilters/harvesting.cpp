@@ -2,9 +2,9 @@
 
 #include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "asfilters/text.h"
+#include "platform/task.h"
 #include "text/ascii.h"
 #include "trelis/keys/settings.h"
 
@@ -37,7 +37,7 @@ int CDirectoryHarvesting::CheckRecipient(const char* recipient, const char* doma
     asfilters::WriteDenyReply(set->sendDenyMessage, set->denyText, denyText, denySize);
     const std::chrono::seconds delay(set->responseTimeout);
     set.reset();
-    std::this_thread::sleep_for(delay);
+    platform::SleepFor(delay);
     // Nothing of this object from here on: a stop of the service may have destroyed it meanwhile.
     return 2;
 }

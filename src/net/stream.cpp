@@ -5,6 +5,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/task.h"
+
 namespace {
 
 // What one look for lines takes at most, beyond what is read ahead already.
@@ -17,6 +19,8 @@ constexpr std::size_t kMostQueued = 32768;
 constexpr int kFileBlock = 1 << 18;
 // And of other things that are sent.
 constexpr std::size_t kMostSent = std::size_t{1} << 30;
+// Reads and writes without a wait between them, before other tasks have their turn.
+constexpr int kMostUnwaited = 16;
 // What a peer may still send behind our last word.
 constexpr int kMostLingering = 1 << 20;
 constexpr std::chrono::milliseconds kLongestLingering{2000};
@@ -80,11 +84,14 @@ int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds lim
     const Deadline deadline(limit);
     for (bool waited = false;; waited = true) {
         const int count = drained_ ? SOCKET_WOULD_BLOCK : ReceiveNow(buffer, size);
-        if (count != SOCKET_WOULD_BLOCK) return count;
+        if (count != SOCKET_WOULD_BLOCK) {
+            if (!waited) LetOthersRun();
+            return count;
+        }
         // Bytes of the connection need not be bytes for us: by those no limit counts anew.
         if (waited && deadline.Over()) return -1;
         // Who has to answer must have heard everything first.
-        if (!Flush() || WaitForSocket(deadline.Left(), other) != Wait::kReady) return -1;
+        if (!Flush() || WaitForSocket(deadline.Left(), other, true) != Wait::kReady) return -1;
     }
 }
 
@@ -120,25 +127,34 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
 
 Stream::Wait Stream::WaitReadable(std::chrono::milliseconds limit, const CSocket* other) {
     if (HasReadAhead()) return Wait::kReady;
-    if (transport_ == nullptr) return WaitForSocket(limit, other);
+    if (transport_ == nullptr) return WaitForSocket(limit, other, false);
     // Bytes of the connection need not be bytes for us.
     const Deadline deadline(limit);
     for (bool waited = false; FillAhead() == SOCKET_WOULD_BLOCK; waited = true) {
         if (waited && deadline.Over()) return Wait::kTimeOver;
-        const Wait wait = WaitForSocket(deadline.Left(), other);
+        const Wait wait = WaitForSocket(deadline.Left(), other, true);
         if (wait != Wait::kReady) return wait;
     }
     return Wait::kReady;
 }
 
-Stream::Wait Stream::WaitForSocket(std::chrono::milliseconds limit, const CSocket* other) {
+// A peer that sends without a pause must not keep the thread from its other tasks.
+void Stream::LetOthersRun() {
+    if (++unwaited_ < kMostUnwaited) return;
+    unwaited_ = 0;
+    platform::YieldTask();
+}
+
+Stream::Wait Stream::WaitForSocket(std::chrono::milliseconds limit, const CSocket* other,
+                                   bool blocked) {
+    unwaited_ = 0;
     if (socket_.Empty()) return Wait::kFailed;
     std::array<SocketWatch, kMostWatches> watches;
     watches[0] = {
         socket_.Handle(), transport_ != nullptr ? transport_->Wanted() : SocketWant::kRead, {}};
     const bool two = other != nullptr && !other->Empty();
     if (two) watches[1] = {other->Handle(), SocketWant::kNothing, {}};
-    if (!SocketWaitAny(watches.data(), two ? 2 : 1, limit)) return Wait::kTimeOver;
+    if (!SocketWaitAny(watches.data(), two ? 2 : 1, limit, blocked)) return Wait::kTimeOver;
     if (watches[0].found.exception || (two && watches[1].found.exception)) return Wait::kFailed;
     drained_ = false;
     return Wait::kReady;
@@ -198,7 +214,7 @@ bool Stream::WaitForRoom(const Deadline& deadline) {
     SocketWatch watch{socket_.Handle(),
                       transport_ != nullptr ? transport_->Wanted() : SocketWant::kWrite,
                       {}};
-    return SocketWaitAny(&watch, 1, deadline.Left()) && !watch.found.exception;
+    return SocketWaitAny(&watch, 1, deadline.Left(), true) && !watch.found.exception;
 }
 
 bool Stream::SendFile(const platform::File& file, long long offset, long long length) {
@@ -223,6 +239,7 @@ bool Stream::SendFile(const platform::File& file, long long offset, long long le
             if (count < 1) return false;
             offset += count;
             left -= count;
+            LetOthersRun();
         }
     }
     return true;

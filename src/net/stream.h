@@ -99,7 +99,9 @@ class Stream {
     int FillAhead();
     int ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
                        const CSocket* other);
-    Wait WaitForSocket(std::chrono::milliseconds limit, const CSocket* other);
+    // `blocked` as SocketWaitAny has it.
+    Wait WaitForSocket(std::chrono::milliseconds limit, const CSocket* other, bool blocked);
+    void LetOthersRun();
 
     bool SendNow(std::string_view bytes);
     bool WaitForRoom(const Deadline& deadline);
@@ -113,4 +115,5 @@ class Stream {
     std::string queued_;      // to be sent
     // A short read has taken all that was there: what comes next is worth a wait, not a look.
     bool drained_ = false;
+    int unwaited_ = 0;  // reads and writes since the last wait
 };

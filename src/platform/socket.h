@@ -107,8 +107,10 @@ struct SocketWatch {
 };
 inline constexpr std::size_t kMostWatches = 2;
 // Waits until one of `count` sockets (kMostWatches at most) shows something, or for the time; a
-// signal restarts the wait with the time that is left. False: the time is over.
-bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit);
+// signal restarts the wait with the time that is left. False: the time is over. `blocked`: the caller
+// has just seen that what it wants is not there; it saves a look, and the wait may end for nothing.
+bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit,
+                   bool blocked = false);
 // Waits up to `seconds`; a signal restarts the wait with the time that is left. Both false: the
 // time is over.
 SocketReadiness SocketWait(SOCKET socket, SocketWant want, DWORD seconds);

@@ -9,6 +9,7 @@
 
 #include "lipc/deliver.h"
 #include "lipc/lipc.h"
+#include "platform/task.h"
 #include "scanclient/reply.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
@@ -68,7 +69,8 @@ int SendWhenFree(const MailScanRecord& record, const OwnedFlatForm& flat,
         if (result != LIPC_BUSY) return result;
         const Clock::time_point now = Clock::now();
         if (now < end) {
-            std::this_thread::sleep_for(std::min<Clock::duration>(kLIPCBusyPause, end - now));
+            platform::SleepFor(std::chrono::ceil<std::chrono::milliseconds>(
+                std::min<Clock::duration>(kLIPCBusyPause, end - now)));
         } else {
             if (Cancelled(record)) return result;
             end = Clock::now() + slice;

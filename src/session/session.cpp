@@ -3,15 +3,15 @@
 #include <new>
 #include <utility>
 
-#include "net/kept_threads.h"
+#include "platform/task.h"
 #include "session/registry.h"
 
 namespace {
 
 constexpr int kReceiveBuffer = 32768;  // what bulk reception wants
 
-DWORD SessionThread(LPVOID argument) {
-    if (argument == nullptr) return 0;
+void SessionThread(void* argument) {
+    if (argument == nullptr) return;
     std::unique_ptr<CSMTPProxy> session(static_cast<CSMTPProxy*>(argument));
     try {
         session->RunSession();
@@ -19,7 +19,6 @@ DWORD SessionThread(LPVOID argument) {
     }
     session.reset();
     SessionRegistry::Instance().Done();
-    return 0;
 }
 
 }  // namespace
@@ -46,7 +45,7 @@ int CSMTPProxy::Start() {
     started_ = true;
     // The session may be over, and the object gone, before this returns: nothing of it is touched
     // then.
-    if (RunOnKeptThread(SessionThread, this) == 0) return 0;
+    if (platform::StartTask(SessionThread, this)) return 0;
     started_ = false;
     SessionRegistry::Instance().Leave(this);
     SessionRegistry::Instance().Done();

@@ -12,14 +12,23 @@
 #include <span>
 
 #include "platform/file.h"
+#include "platform/linux/task/task_thread.h"
 #include "platform/linux/wait/object.h"
 #include "platform/window.h"
+
+using platform::TaskThread;
 
 namespace {
 
 int Outcome(ssize_t result) {
     if (result >= 0) return static_cast<int>(result);
     return errno == EAGAIN || errno == EWOULDBLOCK ? SOCKET_WOULD_BLOCK : SOCKET_BROKEN;
+}
+
+int Poll(std::span<pollfd> entries, std::chrono::steady_clock::time_point end, bool blocked) {
+    TaskThread* const thread = TaskThread::Current();
+    return thread != nullptr ? thread->PollSockets(entries, end, blocked)
+                             : platform::PollUntil(entries, end);
 }
 
 }  // namespace
@@ -34,6 +43,7 @@ int WSACleanup() { return 0; }
 
 int closesocket(SOCKET socket) {
     ForgetAsyncSocket(socket);
+    if (TaskThread* const thread = TaskThread::Current()) thread->Forget(socket);
     return close(socket);
 }
 
@@ -69,7 +79,7 @@ int SocketBeginConnect(SOCKET socket, const SocketAddress& address) {
 int SocketEndConnect(SOCKET socket, std::chrono::milliseconds limit) {
     pollfd entry{socket, POLLOUT, 0};
     const int ready =
-        platform::PollUntil(std::span(&entry, 1), std::chrono::steady_clock::now() + limit);
+        Poll(std::span(&entry, 1), std::chrono::steady_clock::now() + limit, false);
     if (ready < 0) return errno;
     if (ready == 0) return ETIMEDOUT;
     if ((entry.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return 0;
@@ -107,7 +117,8 @@ int SocketSendFileNow(SOCKET socket, const platform::File& file, long long offse
     return result == 0 ? SOCKET_BROKEN : Outcome(result);
 }
 
-bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit) {
+bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit,
+                   bool blocked) {
     std::array<pollfd, kMostWatches> entries{};
     count = std::min(count, kMostWatches);
     const auto wanted = [](SocketWant want) {
@@ -117,8 +128,8 @@ bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::millise
         watches[i].found = {false, false};
         entries[i] = {watches[i].socket, static_cast<short>(wanted(watches[i].want) | POLLPRI), 0};
     }
-    const int result = platform::PollUntil(std::span(entries.data(), count),
-                                           std::chrono::steady_clock::now() + limit);
+    const int result = Poll(std::span(entries.data(), count),
+                            std::chrono::steady_clock::now() + limit, blocked);
     if (result < 0) {
         for (std::size_t i = 0; i < count; ++i) watches[i].found.exception = true;
     }

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "platform/linux/task/task_thread.h"
 #include "platform/linux/wait/object.h"
 
 namespace platform {
@@ -18,6 +19,7 @@ void DescriptorKind::Close(int descriptor) {
 }
 
 int PollUntil(std::span<pollfd> entries, std::optional<Clock::time_point> end) {
+    if (TaskThread* const thread = TaskThread::Current()) return thread->Poll(entries, end);
     constexpr long long kLongest = 1 << 30;  // milliseconds
     for (;;) {
         long long wait = -1;

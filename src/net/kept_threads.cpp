@@ -2,12 +2,14 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <vector>
 
 #include "net/socket.h"
+#include "platform/task.h"
 
 namespace {
 
@@ -71,6 +73,36 @@ DWORD KeptThread(LPVOID first) {
 }
 
 }  // namespace
+
+void RunAside(const std::function<void()>& work) {
+    // Whichever of the two threads is the last one to touch it.
+    struct Errand {
+        const std::function<void()>* work;
+        UniqueHandle done;
+        std::exception_ptr failure;
+    };
+    if (!platform::InTask()) return work();
+    const auto errand = std::make_shared<Errand>();
+    errand->work = &work;
+    errand->done.Reset(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    auto given = std::make_unique<std::shared_ptr<Errand>>(errand);
+    const auto run = [](LPVOID argument) -> DWORD {
+        const std::unique_ptr<std::shared_ptr<Errand>> taken(
+            static_cast<std::shared_ptr<Errand>*>(argument));
+        Errand& mine = **taken;
+        try {
+            (*mine.work)();
+        } catch (...) {
+            mine.failure = std::current_exception();
+        }
+        SetEvent(mine.done.Get());
+        return 0;
+    };
+    if (!errand->done || RunOnKeptThread(run, given.get()) != 0) return work();
+    [[maybe_unused]] auto* const theThreads = given.release();
+    WaitForSingleObject(errand->done.Get(), INFINITE);
+    if (errand->failure) std::rethrow_exception(errand->failure);
+}
 
 int RunOnKeptThread(LPTHREAD_START_ROUTINE procedure, LPVOID argument) {
     const Work work{procedure, argument};

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "net/address.h"
+#include "net/kept_threads.h"
 #include "net/socket.h"
 #include "text/ascii.h"
 
@@ -45,7 +46,10 @@ std::vector<SocketAddress> ResolveAll(const std::string& host, std::uint16_t por
         if (address.V4().sin_addr.s_addr == INADDR_NONE) return {};
         return {address};
     }
-    return Resolve(host.c_str(), AF_UNSPEC, 0, port);
+    std::vector<SocketAddress> found;
+    // The name service may take its time.
+    RunAside([&] { found = Resolve(host.c_str(), AF_UNSPEC, 0, port); });
+    return found;
 }
 
 SocketAddress NumericAddress(const char* text, std::uint16_t port) {

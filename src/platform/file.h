@@ -45,8 +45,8 @@ std::optional<FileState> LookAtFile(const std::string& path);
 class File {
   public:
     File() = default;
-    // A new file for writing; fails if anything of that name exists. With a group, the group may
-    // read it.
+    // A new file for reading, and for writing at its end; fails if anything of that name exists.
+    // With a group, the group may read it.
     static File CreateExclusive(const char* path, int group);
     static File OpenAppend(const char* path);
     static File OpenRead(const char* path);
@@ -64,6 +64,10 @@ class File {
     // Its state, with a time of writing that lies a little back: the clock of files is a coarse one,
     // and so a later write shows however soon it comes. Nothing if that can't be had.
     std::optional<FileState> Stamp();
+    bool MakeEmpty();
+    // Whether nobody else has it: it has one name, and is open here alone. False also where that
+    // can't be known.
+    bool OnlyOurs() const;
     // False if the system reports a late write error.
     bool Close();
 
@@ -74,6 +78,8 @@ class File {
     UniqueDescriptor descriptor_;
 };
 
+// Gives a file a second name, in the same file system. False if that can't be done, or is taken.
+bool LinkFile(const std::string& path, const std::string& name);
 // Reads a small file of the instance whole (1 MiB at most). False if it can't be read.
 bool ReadWholeFile(const std::string& path, std::string& text);
 // Puts a new file, for its owner alone, in the place of an old one; readers see the one or the

@@ -53,7 +53,8 @@ FileState StateOf(const struct stat& info) {
 }  // namespace
 
 File File::CreateExclusive(const char* path, int group) {
-    const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const int descriptor =
+        open(path, O_RDWR | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (descriptor >= 0 && group >= 0 &&
         fchown(descriptor, static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0)
         fchmod(descriptor, 0640);
@@ -101,6 +102,16 @@ long long File::ReadAt(long long offset, void* buffer, std::size_t length) const
     return done;
 }
 
+bool File::MakeEmpty() { return ftruncate(Descriptor(), 0) == 0; }
+
+bool File::OnlyOurs() const {
+    struct stat info {};
+    if (fstat(Descriptor(), &info) != 0 || info.st_nlink != 1) return false;
+    // The system gives such a lease only where there is no other descriptor of the file.
+    return fcntl(Descriptor(), F_SETLEASE, F_WRLCK) == 0 &&
+           fcntl(Descriptor(), F_SETLEASE, F_UNLCK) == 0;
+}
+
 bool File::Close() {
     const int descriptor = descriptor_.Release();
     return descriptor < 0 || close(descriptor) == 0;
@@ -120,6 +131,10 @@ std::optional<FileState> File::Stamp() {
     struct stat info {};
     if (futimens(Descriptor(), times) != 0 || fstat(Descriptor(), &info) != 0) return std::nullopt;
     return StateOf(info);
+}
+
+bool LinkFile(const std::string& path, const std::string& name) {
+    return link(path.c_str(), name.c_str()) == 0;
 }
 
 bool ReadWholeFile(const std::string& path, std::string& text) {

@@ -9,8 +9,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr int kBlockSize = 32768;
-constexpr int kReadSize = kBlockSize - 1;
+// A read's size. One that is filled says that there is more than a small message.
+constexpr int kSmallRead = 32768;
+constexpr int kLargeRead = 262144;
 // What is held back between two reads: longer than any end, so that one that has begun in one read
 // is whole in the next.
 constexpr std::size_t kTailSize = 10;
@@ -113,21 +114,23 @@ bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {
 
 Received Reception::ReceiveData() {
     Begin();
-    const auto block = std::make_unique_for_overwrite<char[]>(kBlockSize);
+    int size = kSmallRead;
+    auto block = std::make_unique_for_overwrite<char[]>(kSmallRead);
     if (!peers_.client.Send(kStartMail)) return Received::kFailed;
     if (!spool_.OpenNext()) Refuse(Refusal::kDiskFull);
     newlines_ = NewlineFilter(peers_.settings.options.bareNewline);
     DataScanner scanner(peers_.pipelining, !newlines_.Idle());
     std::string text;  // what is not in the file yet
-    text.reserve(kBlockSize + kTailSize);
+    text.reserve(kSmallRead + kTailSize);
     for (;;) {
         const bool ahead = peers_.client.HasReadAhead();
-        const int count = Read(block.get(), kReadSize, seconds(peers_.settings.connectionTimeout));
+        const int count = Read(block.get(), size, seconds(peers_.settings.connectionTimeout));
         if (DrainedEnough()) return AnswerAndEnd();
         if (count < 1) return Abandon();
         const std::string_view bytes(block.get(), static_cast<std::size_t>(count));
         const std::size_t used = scanner.Feed(bytes, text);
-        const bool ended = Ended(scanner, ahead || count == kReadSize);
+        const bool filled = count == size;
+        const bool ended = Ended(scanner, ahead || filled);
         if (used < bytes.size()) peers_.client.PutBack(bytes.substr(used));
         const std::size_t held = scanner.HeldBack();
         // Where line ends are looked at, it is done at once: nothing waits for more to come.
@@ -144,6 +147,10 @@ Received Reception::ReceiveData() {
             }
         }
         if (ended) return Finish();
+        if (filled && size == kSmallRead) {
+            size = kLargeRead;
+            block = std::make_unique_for_overwrite<char[]>(kLargeRead);
+        }
     }
 }
 
@@ -154,12 +161,13 @@ Received Reception::ReceiveChunk(const Chunk& chunk) {
                                                : peers_.settings.options.bareNewline);
     // The chunk goes to the file in blocks as it comes: the memory of a session doesn't follow the
     // chunk's size.
-    const auto block = std::make_unique_for_overwrite<char[]>(kBlockSize);
+    const int size = static_cast<int>(std::min<long long>(chunk.size, kLargeRead));
+    const auto block = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(size));
     if (!(chunk.first ? spool_.OpenNext() : spool_.OpenAgain())) Refuse(Refusal::kDiskFull);
     const long long limit = peers_.settings.maxMessageSize;
     if (limit > 0 && spool_.Size() + chunk.size > limit) Refuse(Refusal::kTooLarge);
     for (long long missing = chunk.size; missing > 0;) {
-        const int most = static_cast<int>(std::min<long long>(missing, kBlockSize));
+        const int most = static_cast<int>(std::min<long long>(missing, size));
         const int count = Read(block.get(), most, seconds(peers_.settings.noopInterval));
         if (DrainedEnough()) return AnswerAndEnd();
         if (count < 1) return Abandon();  // also a client that has closed: nothing more will come

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <utility>
 
 namespace {
 
@@ -30,6 +31,7 @@ void SetSpoolGroup(int group) { g_group = group; }
 void CleanSpoolDirectory() {
     const std::string directory = Directory();
     if (!directory.empty()) platform::RemoveFiles(directory, kPrefix);
+    CleanSpareFiles();
 }
 
 bool SpoolFile::Name(SOCKET client) {
@@ -50,26 +52,30 @@ bool SpoolFile::OpenNext() {
     ++number_;
     size_ = 0;
     const std::string path = Path();
-    file_ = platform::File::CreateExclusive(path.c_str(), g_group);
-    if (!file_) {
+    const int group = g_group;
+    spare_ = SpareFiles::Instance().Take(group);
+    present_ = spare_.file && platform::LinkFile(spare_.path, path);
+    if (!present_) {
+        SpareFiles::Drop(std::exchange(spare_, {}));
         // The instance's lock makes this process the only one here: whatever has the name is a
         // leaving. Or the directory has been cleared away.
         DeleteFileA(path.c_str());
         MakeDirectory();
-        file_ = platform::File::CreateExclusive(path.c_str(), g_group);
+        spare_.file = platform::File::CreateExclusive(path.c_str(), group);
+        present_ = static_cast<bool>(spare_.file);
     }
-    present_ = keeping_ = static_cast<bool>(file_);
+    keeping_ = present_;
     return present_;
 }
 
 bool SpoolFile::OpenAgain() {
-    file_ = platform::File::OpenAppend(Path().c_str());
-    return static_cast<bool>(file_);
+    if (!spare_.file) spare_.file = platform::File::OpenAppend(Path().c_str());
+    return static_cast<bool>(spare_.file);
 }
 
 bool SpoolFile::Write(std::string_view bytes) {
     size_ += static_cast<long long>(bytes.size());
-    if (!keeping_) return file_.Write(bytes.data(), bytes.size());
+    if (!keeping_) return spare_.file.Write(bytes.data(), bytes.size());
     kept_.append(bytes);
     if (kept_.size() <= kMostKept) return true;
     const bool stored = Store();
@@ -81,31 +87,31 @@ bool SpoolFile::Write(std::string_view bytes) {
 bool SpoolFile::Store() {
     const std::string_view left = std::string_view(kept_).substr(stored_);
     stored_ = kept_.size();
-    return left.empty() || file_.Write(left.data(), left.size());
+    return left.empty() || spare_.file.Write(left.data(), left.size());
 }
 
 void SpoolFile::Forget() {
     std::string().swap(kept_);
     stored_ = 0;
     keeping_ = false;
-    state_.reset();
 }
 
 bool SpoolFile::Close() {
-    const bool stored = Store();
-    if (keeping_ && stored) state_ = file_.Stamp();
-    // A close that fails tells of a write that did: the message is not whole on the disk.
-    return file_.Close() && stored;
+    if (!Store()) return false;
+    state_ = spare_.file.Stamp();
+    // A close that fails tells of a write that did: the message is not whole on the disk. Where
+    // files are used again there are no such late news.
+    return !spare_.path.empty() || spare_.file.Close();
 }
 
 SpoolFile::Found SpoolFile::LookAgain() {
     const std::string path = Path();
-    if (keeping_ && state_.has_value() && platform::LookAtFile(path) == state_)
-        return Found::kWhole;
+    const bool same = state_.has_value() && platform::LookAtFile(path) == state_;
+    if (same && (keeping_ || spare_.file)) return Found::kWhole;
     Forget();
-    file_ = platform::File::OpenRead(path.c_str());
-    if (!file_) return errno == ENOENT ? Found::kGone : Found::kUnreadable;
-    size_ = file_.Size();
+    changed_ = platform::File::OpenRead(path.c_str());
+    if (!changed_) return errno == ENOENT ? Found::kGone : Found::kUnreadable;
+    size_ = changed_.Size();
     return size_ < 0 ? Found::kUnreadable : Found::kWhole;
 }
 
@@ -114,9 +120,13 @@ std::optional<std::string_view> SpoolFile::Kept() const {
 }
 
 void SpoolFile::Remove() {
-    file_.Close();
     Forget();
-    if (!present_) return;
-    DeleteFileA(Path().c_str());
-    present_ = false;
+    state_.reset();
+    changed_.Close();
+    if (std::exchange(present_, false)) DeleteFileA(Path().c_str());
+    if (spare_.path.empty()) {
+        spare_.file.Close();
+    } else {
+        SpareFiles::Instance().Give(std::exchange(spare_, {}));
+    }
 }

@@ -11,6 +11,7 @@
 
 #include "platform/file.h"
 #include "platform/socket.h"
+#include "session/message/spare_files.h"
 
 class SpoolFile {
   public:
@@ -32,7 +33,7 @@ class SpoolFile {
     bool Write(std::string_view bytes);
     // Everything is in the file then. False if something could not be stored.
     bool Close();
-    // Also closes it. No file is no failure.
+    // No file is no failure.
     void Remove();
 
     enum class Found { kWhole, kGone, kUnreadable };
@@ -43,8 +44,8 @@ class SpoolFile {
     long long Size() const { return size_; }
     // All of the message if it is still in memory.
     std::optional<std::string_view> Kept() const;
-    // Otherwise open for reading.
-    platform::File& File() { return file_; }
+    // Otherwise: open for reading.
+    const platform::File& File() const { return changed_ ? changed_ : spare_.file; }
     // For the scan daemon, which opens the file by it.
     std::string Path() const;
 
@@ -57,7 +58,10 @@ class SpoolFile {
     int number_ = 0;
     bool present_ = false;
     long long size_ = 0;
-    platform::File file_;
+    // The message's file. With a path it is one for many messages, and stays open; it has the
+    // message's name beside its own.
+    SpareFile spare_;
+    platform::File changed_;  // what has been found instead of it
     // The message from its first byte on, as long as it is small; what is in front of stored_ is in
     // the file.
     std::string kept_;

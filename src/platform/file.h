@@ -48,6 +48,7 @@ class File {
     // A new file for reading, and for writing at its end; fails if anything of that name exists.
     // With a group, the group may read it.
     static File CreateExclusive(const char* path, int group);
+    // For the same, of one that is there.
     static File OpenAppend(const char* path);
     static File OpenRead(const char* path);
 

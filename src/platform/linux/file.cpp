@@ -62,7 +62,7 @@ File File::CreateExclusive(const char* path, int group) {
 }
 
 File File::OpenAppend(const char* path) {
-    return File(open(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
+    return File(open(path, O_RDWR | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
 }
 
 File File::OpenRead(const char* path) {

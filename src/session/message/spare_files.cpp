@@ -5,7 +5,7 @@
 namespace {
 
 constexpr char kDirectory[] = "spare";
-constexpr std::size_t kMostKept = 64;
+constexpr std::size_t kMostKept = 256;
 
 std::string Directory() {
     char path[4096];
@@ -13,6 +13,9 @@ std::string Directory() {
 }
 
 }  // namespace
+
+// With all the room that it may need: a file is given back also where nothing may throw.
+SpareFiles::SpareFiles() { spares_.reserve(kMostKept); }
 
 SpareFiles& SpareFiles::Instance() {
     static SpareFiles& files = *new SpareFiles;
@@ -26,8 +29,10 @@ SpareFile SpareFiles::Take(int group) {
         while (!spares_.empty()) {
             SpareFile spare = std::move(spares_.back());
             spares_.pop_back();
-            if (spare.group == group) return spare;
-            Drop(std::move(spare));  // the setting has changed
+            if (spare.group == group)
+                spare.file = platform::File::OpenAppend(spare.path.c_str());
+            if (spare.file) return spare;
+            Drop(spare);  // the setting has changed, for example
         }
     }
     return Make(group);
@@ -48,22 +53,23 @@ SpareFile SpareFiles::Make(int group) {
         made.file = platform::File::CreateExclusive(made.path.c_str(), group);
     }
     if (!made.file || made.file.OnlyOurs()) return made;
-    Drop(std::move(made));
+    Drop(made);
     const std::lock_guard lock(mutex_);
     useless_ = true;
     return {};
 }
 
 void SpareFiles::Give(SpareFile spare) {
-    if (spare.file.OnlyOurs() && spare.file.MakeEmpty()) {
+    const bool good = spare.file.OnlyOurs() && spare.file.MakeEmpty();
+    if (spare.file.Close() && good) {
         const std::lock_guard lock(mutex_);
         if (spares_.size() < kMostKept) return spares_.push_back(std::move(spare));
     }
-    Drop(std::move(spare));
+    Drop(spare);
 }
 
-void SpareFiles::Drop(SpareFile spare) {
-    if (spare.file) DeleteFileA(spare.path.c_str());
+void SpareFiles::Drop(const SpareFile& spare) {
+    if (!spare.path.empty()) DeleteFileA(spare.path.c_str());
 }
 
 void CleanSpareFiles() {

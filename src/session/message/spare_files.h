@@ -24,14 +24,15 @@ class SpareFiles {
     // A file whose other name is gone. It is used again only if nobody else has it, neither by a
     // name nor open: whoever still reads the message before must not find another in its place.
     void Give(SpareFile spare);
-    // Ends a file that is not to be used again.
-    static void Drop(SpareFile spare);
+    // Takes the name of a file away that is not to be used again.
+    static void Drop(const SpareFile& spare);
 
   private:
+    SpareFiles();
     SpareFile Make(int group);
 
     std::mutex mutex_;
-    std::vector<SpareFile> spares_;    // guarded by mutex_, as all below
+    std::vector<SpareFile> spares_;    // guarded by mutex_, as all below; none is open
     unsigned long long lastName_ = 0;  // the files are numbered
     bool useless_ = false;             // here it can't be known who has a file
 };

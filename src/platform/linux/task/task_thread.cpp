@@ -282,8 +282,10 @@ class TaskThread::Waiting {
             Watched& watched = Of(entry);
             entry.revents = static_cast<short>(static_cast<int>(watched.seen) &
                                                (entry.events | kAlways));
-            // A broken connection stays so.
             watched.seen &= ~static_cast<std::uint32_t>(entry.revents & ~kAlways);
+            // A broken connection stays so, and nobody will tell of a closed one again.
+            if ((watched.seen & EPOLLRDHUP) != 0)
+                entry.revents = static_cast<short>(entry.revents | (entry.events & POLLIN));
             told += entry.revents != 0 ? 1 : 0;
         }
         return told;

@@ -53,22 +53,14 @@ INSTANTIATE_TEST_SUITE_P(
         HeaderCase{"Plain", "Content-Length: 12\r\n\r\nbody\n", "content-LENGTH", "12", "body\n"},
         HeaderCase{"NoBlankLowerCase", "content-length:12\r\n\r\nbody\n", "Content-Length", "12",
                    "body\n"},
-        HeaderCase{"LineFeedsAlone", "a: 1\nb: 2\n\nbody\n", "b", "2", "body\n"},
         HeaderCase{"TwoCarriageReturnsGo", "a: 1\r\r\r\n\r\r\nbody\n", "a", "1\r", "body\n"},
-        HeaderCase{"CarriageReturnsEndIt", "a: 1\r\n\r\r\r\r\nbody\n", "a", "1", "body\n"},
-        HeaderCase{"ValueWithColon", "Location: http://h:1/\r\n\r\nbody\n", "location",
-                   "http://h:1/", "body\n"},
         HeaderCase{"BlanksAndTabsBeforeKeptBehind", "a: \t 1 \t\r\n\r\nbody\n", "a", "1 \t",
                    "body\n"},
-        HeaderCase{"EmptyValue", "a:  \r\n\r\nbody\n", "a", "", "body\n"},
         HeaderCase{"FirstOfTwo", "A: 1\r\na: 2\r\n\r\nbody\n", "a", "1", "body\n"},
         HeaderCase{"NoColonIsSkipped", "nonsense\r\na: 1\r\n\r\nbody\n", "a", "1", "body\n"},
-        HeaderCase{"Missing", "a: 1\r\n\r\nbody\n", "b", "(none)", "body\n"},
         HeaderCase{"BrokenOffKeepsWhatCame", "a: 1\r\nb: 2", "a", "1", "(failed)"},
         HeaderCase{"LongLineIsCut", "a: " + std::string(9995, 'x') + "\r\n\r\nbody\n", "a",
                    std::string(9994, 'x'), "(failed)"},
-        HeaderCase{"AsManyAsAllowed", Repeat(99, "a: 1\r\n") + "z: 2\r\n\r\nbody\n", "z", "2",
-                   "body\n"},
         HeaderCase{"Many", Repeat(2000, "a: 1\r\n") + "z: 2\r\n\r\nbody\n", "z", "2", "body\n"},
         HeaderCase{"TooManyWithoutColon", Repeat(100000, "a\r\n"), "a", "(none)", "(failed)"},
         HeaderCase{"TooLarge", Repeat(30, "a: " + std::string(9000, 'x') + "\r\n") + "\r\nbody\n",
@@ -111,12 +103,8 @@ TEST(Http, NoConnection) {
     for (const int port : {0, -1, 65536}) EXPECT_EQ(client.ConnectTo("127.0.0.1", port), -1);
     char buffer[16];
     EXPECT_EQ(client.SendText("x"), 0);
-    EXPECT_EQ(client.SendFormat("%d", 1), 0);
     EXPECT_EQ(client.ReadResponseLine(buffer, sizeof buffer), -1);
     EXPECT_EQ(client.ReadBody(buffer, 1), -1);
-    EXPECT_EQ(client.ReadHeaders(), 0);
-    EXPECT_EQ(client.GetHeader(nullptr), nullptr);
-    client.CloseConnection();
     HttpServer server({"again\n"});
     EXPECT_EQ(client.ConnectTo("127.0.0.1", server.Port()), 0);
     client.SendText("\r\n\r\n");

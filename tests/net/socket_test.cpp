@@ -159,16 +159,4 @@ TEST(Socket, NeverHandsOutDescriptorZero) {
     }
 }
 
-TEST(Resolve, UnknownNameGivesFamilyZero) {
-    const SocketAddress unknown = ResolveHost("no.such.host.invalid", 25);
-    EXPECT_EQ(unknown.Family(), 0);
-    CSocket socket;
-    EXPECT_TRUE(socket.Create(1));
-    EXPECT_FALSE(socket.Connect(unknown));
-    socket.Close();
-    const SocketAddress local = ResolveHost("localhost", 25);
-    EXPECT_EQ(local.Family(), AF_INET);
-    EXPECT_EQ(local.Port(), 25);
-}
-
 }  // namespace

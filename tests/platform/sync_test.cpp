@@ -94,22 +94,6 @@ TEST(Waits, LoseNoWakeUpBetweenManyThreads) {
     EXPECT_EQ(taken, kTokens);
 }
 
-TEST(Threads, HandleIsSignalledAtTheEnd) {
-    std::atomic<int> ran{0};
-    HANDLE raw = nullptr;
-    ASSERT_EQ(StartThread(
-                  &raw,
-                  [](LPVOID p) -> DWORD {
-                      ++*static_cast<std::atomic<int>*>(p);
-                      return 0;
-                  },
-                  &ran),
-              0);
-    const UniqueHandle thread(raw);
-    EXPECT_EQ(WaitForSingleObject(thread.Get(), 5000), WAIT_OBJECT_0);
-    EXPECT_EQ(ran, 1);
-}
-
 int g_accepts = 0;
 CSocket g_listener;
 LRESULT AcceptProcedure(HWND, UINT message, WPARAM wParam, LPARAM lParam) {

@@ -13,17 +13,12 @@ TEST(ServerAddress, Texts) {
         std::uint16_t port;
     } cases[] = {
         {"mail.example", "mail.example", 10025},
-        {"mail.example:25", "mail.example", 25},
         {"mail.example:25\r\n", "mail.example", 25},
-        {"192.0.2.1\n", "192.0.2.1", 10025},
-        {"192.0.2.1:2525", "192.0.2.1", 2525},
         {"mail.example:", "mail.example", 0},
         {"mail.example:25:26", "mail.example", 25},  // at the first colon
         {"[2001:db8::1]:25", "2001:db8::1", 25},
         {"[2001:db8::1]\r\n", "2001:db8::1", 10025},
-        {"2001:db8::1", "2001:db8::1", 10025},
         {"::1", "::1", 10025},
-        {"fe80::1%eth0", "fe80::1%eth0", 10025},
         {"[fe80::1%eth0]:25", "fe80::1%eth0", 25},
         {"[2001:db8::1", "[2001:db8::1", 10025},
         {"[2001:db8::1]25", "[2001:db8::1]25", 10025},

@@ -154,36 +154,39 @@ TEST_F(Scan, EntriesAreCutAndKeepTheirBit) {
     EXPECT_EQ(std::string(record_.entries->message).size(), 2047U);
 }
 
-struct ReplyCase {
-    const char* name;
-    Build build;
-    int status;
-};
-class Replies : public Scan, public testing::WithParamInterface<ReplyCase> {};
-TEST_P(Replies, HaveTheirStatus) {
-    FakeDaemon daemon("vtmaild", GetParam().build);
-    EXPECT_EQ(MailScan(&record_), GetParam().status);
-    EXPECT_EQ(record_.entries, nullptr);
-    EXPECT_EQ(record_.verdict, nullptr);
+TEST_F(Scan, RepliesHaveTheirStatus) {
+    const struct {
+        const char* name;
+        Build build;
+        int status;
+    } cases[] = {
+        {"no data", nullptr, -5},
+        {"no mask", [](TagMsgNode*) {}, -11},
+        {"bit without children", [](TagMsgNode* reply) { Number(reply, TagActionMask, 0x11); }, 0},
+        {"children without bit",
+         [](TagMsgNode* reply) {
+             Number(reply, TagActionMask, 1);
+             TagMsgAddAttr(Child(reply), TagSection, "Antivirus");
+         },
+         0},
+        {"entry with a tag missing",
+         [](TagMsgNode* reply) {
+             Number(reply, TagActionMask, 0x11);
+             Number(Child(reply), TagEntryCode, 1);
+         },
+         -11},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        FakeDaemon daemon("vtmaild", each.build);
+        EXPECT_EQ(MailScan(&record_), each.status);
+        EXPECT_EQ(record_.entries, nullptr);
+        EXPECT_EQ(record_.verdict, nullptr);
+        // The next daemon has pipes of its own.
+        MailScanUninit();
+        ASSERT_EQ(MailScanInit(), 0);
+    }
 }
-INSTANTIATE_TEST_SUITE_P(
-    Cases, Replies,
-    testing::Values(ReplyCase{"NoData", nullptr, -5}, ReplyCase{"NoMask", [](TagMsgNode*) {}, -11},
-                    ReplyCase{"BitWithoutChildren",
-                              [](TagMsgNode* reply) { Number(reply, TagActionMask, 0x11); }, 0},
-                    ReplyCase{"ChildrenWithoutBit",
-                              [](TagMsgNode* reply) {
-                                  Number(reply, TagActionMask, 1);
-                                  TagMsgAddAttr(Child(reply), TagSection, "Antivirus");
-                              },
-                              0},
-                    ReplyCase{"EntryWithATagMissing",
-                              [](TagMsgNode* reply) {
-                                  Number(reply, TagActionMask, 0x11);
-                                  Number(Child(reply), TagEntryCode, 1);
-                              },
-                              -11}),
-    [](const auto& each) { return each.param.name; });
 
 TEST_F(Scan, AsksTheCallbackAfterEachSliceAndGivesUpWhenTold) {
     static int calls;

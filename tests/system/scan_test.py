@@ -3,12 +3,11 @@ can't be scanned."""
 
 import os
 import signal
-import subprocess
 import threading
 import time
 import unittest
 
-from harness import BIN, NET, Proxy, wait_until
+from harness import NET, Proxy, wait_until
 from scanning import EICAR, KEY, NOT_CHECKED, QUEUED, REJECTED, Scanning, archive, attached, body
 
 
@@ -177,11 +176,9 @@ class Engine(Scanning):
 class Logger(unittest.TestCase):
     def test_log_keeps_its_size(self):
         proxy = Proxy(1, {"/VTWIN/Daemons/LoggerDaemon/MaxLogSize": "500", KEY + "ClamdSocket": "/nothing" * 8}, start=False)
-        logger = subprocess.Popen([BIN + "/vtlogd", "debug"], env=proxy.env, stdout=subprocess.DEVNULL)
-        self.assertTrue(wait_until(lambda: os.path.exists(proxy.home + "/pipes/vtlogd"), 20))
+        logger = proxy.logger()
         for _ in range(6):  # each start of the scan daemon logs that there is no engine
-            scan = subprocess.Popen([BIN + "/vtmaild", "debug"], env=proxy.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            wait_until(lambda: os.path.exists(proxy.home + "/pipes/vtmaild"), 20)
+            scan = proxy.daemon("vtmaild", "vtmaild")
             time.sleep(0.3)
             scan.terminate()
             scan.wait(20)

@@ -208,21 +208,10 @@ class TlsPostfix(ServerTls):
         self.assert_logged("its mail waits: hostname mismatch")
 
     def refused(self):
-        c = self.client()
-        c.reply()
+        c = self.opened()
         for line, start in ((b"EHLO me", b"250"), (b"NOOP", b"250"), (b"RSET", b"250"), (b"MAIL FROM:<s@example.org>", REFUSED), (b"QUIT", b"221")):
             self.assertTrue(c.ask(line).startswith(start), line)
         self.assertNotIn("client.example", self.server.logged())
-
-    def test_stands_behind_without_tls(self):
-        self.through("try", self.postfix())
-        self.goes()
-        self.server.next_message()
-        for mode in ("require", "verify"):
-            self.through(mode, self.server)
-            self.refused()
-            self.assert_logged("the server offers no STARTTLS")
-        self.assertEqual(len(self.server.delivered()), 1)
 
 
 if __name__ == "__main__":

@@ -89,6 +89,12 @@ TEST_F(Reports, TheRequestIsExact) {
               "date_start=2024-01-02&date_end=2024-02-03");
 }
 
+std::string Repeat(int times, const std::string& text) {
+    std::string all;
+    for (int i = 0; i < times; ++i) all += text;
+    return all;
+}
+
 TEST_F(Reports, OnlyAWholeOneGivesAPath) {
     const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: ";
     const struct {
@@ -104,11 +110,17 @@ TEST_F(Reports, OnlyAWholeOneGivesAPath) {
         {head + "9\r\n\r\nabc", false, 1},
         {head + "4294967299\r\n\r\nabc", false, 1},  // as a 32-bit number this would be 3
         {"HTTP/1.1 200 OK\r\nContent-Le", false, 0},
+        {"HTTP/1.1 200 OK\r\n" + Repeat(3000, "X: y\r\n") + "content-length:3\r\n\r\nabc", true, 1},
+        {"HTTP/1.1 200 OK\n" + Repeat(9, "no colon\n") + "Content-Length: \t3\n\nabc", true, 1},
+        // Headers without end, and such that fill the memory.
+        {"HTTP/1.1 200 OK\r\n" + Repeat(100000, "a\r\n"), false, 0},
+        {head + "3\r\n" + Repeat(30, "a: " + std::string(9000, 'x') + "\r\n") + "\r\nabc", false,
+         0},
         {"", false, 0},
     };
     query_.Format = 9;
     for (const auto& each : cases) {
-        SCOPED_TRACE(each.answer);
+        SCOPED_TRACE(each.answer.substr(0, 100));
         HttpServer server({each.answer});
         Register(server);
         const std::size_t before = Files();

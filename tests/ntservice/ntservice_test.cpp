@@ -123,23 +123,6 @@ TEST(EventSource, IsListedOnceAndTheOthersKeepTheirOrder) {
     EXPECT_EQ(ReadValue(kLog + "FIRST"s, "TypesSupported", type), "no key");
 }
 
-TEST(Recovery, SaysWhoHoldsTheDatabase) {
-    Noted service("LOCKED");
-    SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
-    CloseServiceHandle(CreateServiceA(manager, "LOCKED", "Locked", SERVICE_ALL_ACCESS, 16, 2, 1,
-                                      "/bin/true", nullptr, nullptr, nullptr, nullptr, nullptr));
-    SC_LOCK lock = LockServiceDatabase(manager);
-    ASSERT_NE(lock, nullptr);
-    testing::internal::CaptureStdout();
-    service.ConfigureRecovery("");
-    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("Locked by: ", 0), 0U);
-    UnlockServiceDatabase(lock);
-    testing::internal::CaptureStdout();
-    service.ConfigureRecovery("");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    CloseServiceHandle(manager);
-}
-
 TEST(EventLog, OneLineARecordWhateverItsText) {
     Noted service("LINES");
     service.LogEvent("two\nlines\r\x01", EVENTLOG_WARNING_TYPE, static_cast<unsigned>(-1));

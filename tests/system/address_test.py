@@ -4,8 +4,6 @@ import contextlib
 import os
 import signal
 import socket
-import struct
-import threading
 import time
 import unittest
 
@@ -207,23 +205,9 @@ class Servers(Case):
 
 
 class Outages(Case):
-    def hang_up(self, greeting=b"", hard=False):
-        """A server that closes instead of a greeting; its port."""
-        listener = socket.create_server((V4, 0))
-        self.addCleanup(listener.close)
-
-        def accept():
-            while True:
-                try:
-                    client, _ = listener.accept()
-                except OSError:
-                    return
-                if hard:
-                    client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-                client.sendall(greeting)
-                client.close()
-        threading.Thread(target=accept, daemon=True).start()
-        return listener.getsockname()[1]
+    def hang_up(self, greeting=b"", how=None):
+        """The port of a server that closes behind its greeting."""
+        return self.serve(GREETING=greeting, HELLO=how).port
 
     def test_the_client_hears_why(self):
         swallower = Swallower()
@@ -235,7 +219,7 @@ class Outages(Case):
                              ("300.1.1.1", UNKNOWN), ("127.0.0.1:%d" % mute.port, CLOSED),
                              ("127.0.0.1:%d" % self.hang_up(), CLOSED), ("127.0.0.1:%d" % self.hang_up(b"ab\r\n22"), CLOSED),
                              # A reset is seen while the connection is being made, or after that.
-                             ("127.0.0.1:%d" % self.hang_up(hard=True), CLOSED + REFUSED)):
+                             ("127.0.0.1:%d" % self.hang_up(how=MailServer.RESET), CLOSED + REFUSED)):
             self.change(ServerToForward=text)
             name = b"change%d.example" % self.changes
             for sent in (b"", b"EHLO early\r\nMAIL FROM:<s@example.org>\r\n" * 100):
@@ -300,7 +284,3 @@ class Outages(Case):
         self.assertEqual(proxy.process.wait(10), 1)
         self.assertLess(time.monotonic() - start, 20)
         self.assertEqual(last.connections, 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

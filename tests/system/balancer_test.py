@@ -90,7 +90,3 @@ class Balanced(Trust):
                 c = self.through(STRANGER)
                 self.begun(c)
                 c.ask(b"QUIT")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,6 @@
 """Batches of commands when a server is odd or slow: answers in their order, nothing past the checks, no standstill."""
 
 import time
-import unittest
 
 from harness import NET, wait_until
 from pipelining_test import EARLY, ENVELOPE, OK, START, Pipelined
@@ -138,7 +137,3 @@ class OddlyTold(Trust):
                 self.assertEqual(c.ask(line)[:10], b"421 4.3.2 ", (how, answer))
                 self.assertEqual(c.reply(), b"")
                 self.assertFalse(self.said(b"MAIL"))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,9 +4,8 @@ and every reply stays in step."""
 import itertools
 import threading
 import time
-import unittest
 
-from harness import NET, Client, MailServer, clean, verdict, wait_until
+from harness import NET, Client, clean, verdict, wait_until
 from system_test import REJECTED, System
 
 TOO_LARGE = b"552 5.3.4 Message size exceeds fixed limit\r\n"
@@ -369,12 +368,17 @@ class Silence(System):
         for c in clients:
             c.close()
 
-    def test_a_client_that_closes_during_a_scan(self):
-        self.scan.answer = lambda request: time.sleep(12) or clean()
+    def scanned(self, seconds):
+        """A client whose message is being scanned."""
+        self.scan.answer = lambda request: time.sleep(seconds) or clean()
         c = self.ready()
         c.ask(b"DATA")
         c.send(b"text\r\n.\r\n")
         self.assertTrue(wait_until(lambda: self.scan.requests))
+        return c
+
+    def test_a_client_that_closes_during_a_scan(self):
+        c = self.scanned(12)
         threads = self.proxy.threads()
         c.close()
         self.assertTrue(wait_until(lambda: not self.proxy.spool(), 8))
@@ -382,16 +386,8 @@ class Silence(System):
         self.assertEqual(self.server.messages, [])
 
     def test_a_client_that_has_said_its_last_word_gets_its_message_delivered(self):
-        self.scan.answer = lambda request: time.sleep(2) or clean()
-        c = self.ready()
-        c.ask(b"DATA")
-        c.send(b"text\r\n.\r\n")
-        self.assertTrue(wait_until(lambda: self.scan.requests))
+        c = self.scanned(2)
         c.send(b"QUIT\r\n")
         c.socket.shutdown(1)
         self.assertEqual(c.reply(), b"250 queued\r\n")
         self.assertTrue(c.reply().startswith(b"221"))
-
-
-if __name__ == "__main__":
-    unittest.main()

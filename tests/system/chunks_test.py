@@ -6,7 +6,7 @@ import resource
 import time
 import unittest
 
-from harness import BIN, NET, Client, MailServer, Proxy, ScanDaemon, verdict, wait_until
+from harness import NET, Client, MailServer, Proxy, ScanDaemon, verdict, wait_until
 from real_server import Postfix, available
 from system_test import NOT_CHECKED, REJECTED, System
 
@@ -50,18 +50,6 @@ class Chunks(Chunked):
                 self.assertEqual(b"".join(self.server.messages), data)
                 self.in_step(c)
                 self.again(c)
-
-    def test_chunks_are_joined_unchanged(self):
-        c = self.begun()
-        parts = [b"", b".\r\n", ODD, b"", b"x" * 40000, ODD * 200, b"\r\n.\r\n"]
-        for part in parts:
-            self.assertEqual(self.chunk(c, part), OK)
-            self.assertEqual(len(self.proxy.spool()), 1)
-        self.assertEqual(self.server.messages, [])
-        self.assertEqual(self.chunk(c, b"", last=True), b"250 ok\r\n")
-        self.assertEqual(b"".join(self.server.messages), b"".join(parts))
-        self.assertEqual(self.bdats()[-1].split()[-1], b"last")
-        self.in_step(c)
 
     def test_chunk_in_pieces_and_with_the_next_command_behind(self):
         c = self.begun()
@@ -372,7 +360,3 @@ class RealServer(unittest.TestCase):
         self.assertRegex(reply, rb"^5\d\d .*\r\n$")
         self.assertTrue(c.ask(b"NOOP").startswith(b"250"), "replies are in step")
         self.assertEqual(self.server.delivered(), [])
-
-
-if __name__ == "__main__":
-    unittest.main()

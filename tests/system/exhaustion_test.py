@@ -94,7 +94,3 @@ class FullDisk(unittest.TestCase):
         for words in (("vtregistry", "watch", "/a"), ("vtmaild", "debug"), ("vtsmtpproxy", "debug")):
             with self.subTest(words[0]):
                 self.assertIsNone(self.run_for_a_while(BIN + "/" + words[0], *words[1:]))
-
-
-if __name__ == "__main__":
-    unittest.main()

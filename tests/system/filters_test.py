@@ -184,7 +184,3 @@ class Events(unittest.TestCase):
                                   (82, *same, "s@x.example", "Who@example.org")])
         proxy.stop()
         server.close()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -7,7 +7,6 @@ import os
 import signal
 import socket
 import time
-import unittest
 import zipfile
 
 from harness import BIN, wait_until
@@ -260,7 +259,3 @@ class LateEngine(Scanning):
         finally:
             self.clamd.send_signal(signal.SIGCONT)
         self.start_scanner()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -64,7 +64,7 @@ class Listening:
 
 class MailServer(Listening):
     """Answers each command line with the rule for its verb: bytes, or a function of the line; None closes, RESET does so
-    hard."""
+    hard; as HELLO behind the greeting."""
     RESET = b"reset"
 
     def __init__(self, host="127.0.0.1", **rules):
@@ -79,10 +79,17 @@ class MailServer(Listening):
         self.port = self.listener.getsockname()[1]
         self.listen()
 
+    def ends(self, client, reply):
+        if reply == self.RESET:
+            client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        return reply is None or reply == self.RESET
+
     def _serve(self, client):
         with client, client.makefile("rb") as stream:
             try:
                 client.sendall(self.rules["GREETING"])
+                if self.ends(client, self.rules.get("HELLO", b"")):
+                    return
                 for line in stream:
                     self.lines.append(line)
                     words = line.split() or [b""]
@@ -91,9 +98,7 @@ class MailServer(Listening):
                     if verb == "BDAT":
                         self.messages.append(stream.read(int(words[1])))
                     reply = rule(line) if callable(rule) else rule
-                    if reply == self.RESET:
-                        client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-                    if reply is None or reply == self.RESET:
+                    if self.ends(client, reply):
                         return
                     client.sendall(reply)
                     if verb == "DATA" and reply.startswith(b"354"):

@@ -125,7 +125,3 @@ class ScanBurst(Instance):
         # The pipes that stay for the next scans, and a few of the waits'.
         self.assertTrue(wait_until(lambda: self.proxy.spool() == [] and self.proxy.descriptors() <= descriptors + 40, 15),
                         self.proxy.descriptors() - descriptors)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,7 +3,6 @@ together, and clients that don't wait for their turn. And line ends that are non
 
 import subprocess
 import time
-import unittest
 
 from harness import NET, verdict, wait_until
 from real_server import Postfix, available

@@ -436,7 +436,3 @@ class StatFaults(Statd):
             done.set()
             for thread in threads:
                 thread.join()
-
-
-if __name__ == "__main__":
-    unittest.main()

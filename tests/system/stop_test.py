@@ -61,7 +61,3 @@ class StopWhileOpening(unittest.TestCase):
                 client = self.opens(proxy)
                 self.assert_stops(proxy)
                 self.assertEqual(client.recv(100)[:9], b"421 4.3.2")
-
-
-if __name__ == "__main__":
-    unittest.main()

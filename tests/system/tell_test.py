@@ -219,7 +219,3 @@ class ToldPostfix(Trust):
             self.begun(c)
             self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>")[:4], b"451 ")
             self.assertNotIn("client=", self.server.logged())
-
-
-if __name__ == "__main__":
-    unittest.main()

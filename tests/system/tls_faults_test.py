@@ -2,9 +2,7 @@
 
 import ssl
 import time
-import unittest
 
-from harness import wait_until
 from tls import NAME, Tls, TlsClient
 
 OFFER = {"TLS/Mode": "offer"}
@@ -131,7 +129,3 @@ class TlsFaults(Tls):
         self.proxy.process.wait(60)
         self.assertLess(time.monotonic() - began, 15)
         self.proxy.start()
-
-
-if __name__ == "__main__":
-    unittest.main()

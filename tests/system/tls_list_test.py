@@ -1,6 +1,5 @@
 """What a judge of TLS servers looks at, asked with openssl: protocols, ciphers, renegotiation, compression, ALPN."""
 
-import unittest
 
 from tls import Tls, run
 
@@ -46,7 +45,3 @@ class TlsList(Tls):
         self.assertIn("No ALPN negotiated", said)
         self.assertIn("RENEGOTIATING", said)
         self.assertRegex(said, "no renegotiation", said)
-
-
-if __name__ == "__main__":
-    unittest.main()

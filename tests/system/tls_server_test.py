@@ -64,11 +64,10 @@ class ServerModes(ServerTls):
     def test_certificates_that_are_not_good(self):
         cases = (("wrong name", self.certificate, "other.test", "hostname mismatch"),
                  ("expired", self.authority.issue("old.pem", days=-1), NAME, "certificate has expired"))
-        for mode, wrapped in (("verify", False), ("wrapped", True)):
-            for name, certificate, wanted, why in cases:
-                with self.subTest(name, mode=mode):
-                    self.begin(mode, certificate, wrapped, Name=wanted)
-                    self.waits(why)
+        for (name, certificate, wanted, why), mode in zip(cases, ("verify", "wrapped")):
+            with self.subTest(name, mode=mode):
+                self.begin(mode, certificate, mode == "wrapped", Name=wanted)
+                self.waits(why)
         self.begin("verify", CAFile="", Name=NAME)
         self.waits("unable to get local issuer certificate")
         self.begin("verify", CAFile="/nonexistent", Name=NAME)
@@ -212,7 +211,3 @@ class TlsPostfix(ServerTls):
         for line, start in ((b"EHLO me", b"250"), (b"NOOP", b"250"), (b"RSET", b"250"), (b"MAIL FROM:<s@example.org>", REFUSED), (b"QUIT", b"221")):
             self.assertTrue(c.ask(line).startswith(start), line)
         self.assertNotIn("client.example", self.server.logged())
-
-
-if __name__ == "__main__":
-    unittest.main()

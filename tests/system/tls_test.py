@@ -3,7 +3,6 @@
 import os
 import ssl
 import time
-import unittest
 
 from harness import NET, wait_until
 from tls import NAME, Tls, run, talk
@@ -203,7 +202,3 @@ class StartTls(Tls):
     def plain_offer(self):
         c = self.opened()
         return c.ask(b"EHLO me")
-
-
-if __name__ == "__main__":
-    unittest.main()

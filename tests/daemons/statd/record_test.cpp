@@ -63,14 +63,6 @@ TEST(StatRecord, LongTextsAreCut) {
     EXPECT_GT(record->Size(), kTextLimit);
 }
 
-TEST(StatRecord, EveryCutOfAMessageIsRefused) {
-    const std::string flat = Message().Text(TagSender, "a@b").Number(TagEventCode, 80).Flat();
-    for (std::uint32_t length = 0; length < flat.size(); ++length)
-        EXPECT_FALSE(ParseRecord(flat.data(), length)) << length;
-    EXPECT_FALSE(ParseRecord(nullptr, 0));
-    EXPECT_FALSE(ParseRecord(flat.data(), 0xFFFFFFFF));
-}
-
 TEST(StatText, Domains) {
     const struct {
         const char* address;

@@ -189,27 +189,6 @@ TEST_F(Harvesting, Verdicts) {
     EXPECT_EQ(Check(filters, "a@x.example", "x.example"), "3 untouched 0");
 }
 
-TEST_F(Harvesting, DelaysWithoutASoundNumberAreTheDefault) {
-    // Each delay on a thread of its own: that none is over soon is all that is looked at, so the
-    // threads are left to the end of the process.
-    for (const char* value : {"0", "-5", "soon", "99999999999999999999"}) {
-        TrelisDelKey(kLocalStore, kFilterRoot.c_str());
-        Set({{"/DirectoryHarvesting/Enabled", "Y"},
-             {"/DirectoryHarvesting/ResponseTimeout", value}});
-        auto over = std::make_shared<std::atomic<bool>>(false);
-        ASSERT_EQ(CreateASFilters(), 0);
-        ASSERT_EQ(GetASFilters()->Reload(), 0);
-        std::thread([over, filters = GetASFilters()] {
-            char deny[64];
-            filters->CheckRecipient("a@x.example", "x.example", deny, sizeof deny);
-            *over = true;
-        }).detach();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1300));
-        EXPECT_FALSE(*over) << value;
-        EXPECT_EQ(DestroyASFilters(), 0);
-    }
-}
-
 TEST_F(FilterStore, OneInstanceWhoseLastUserDeletesIt) {
     EXPECT_EQ(GetASFilters(), nullptr);
     EXPECT_EQ(ShareASFilters(), nullptr);

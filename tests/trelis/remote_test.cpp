@@ -23,18 +23,18 @@ using Clock = std::chrono::steady_clock;
 constexpr std::uint32_t kOther = 0x7F000002;
 constexpr char kFolder[] = "/VTWIN/Daemons/StoreDaemon/";
 
-sockaddr_in Address(int port) {
+sockaddr_in Address(int port, std::uint32_t host = kOther) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(kOther);
+    address.sin_addr.s_addr = htonl(host);
     return address;
 }
 
-// A listener at the other host; port 0 takes a free one.
-int Listen(int* port) {
+// A listener; port 0 takes a free one.
+int Listen(int* port, std::uint32_t host = kOther) {
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = Address(*port);
+    sockaddr_in address = Address(*port, host);
     socklen_t length = sizeof address;
     EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
     EXPECT_EQ(listen(listener, 8), 0);
@@ -88,7 +88,7 @@ class Remote : public testing::Test {
   protected:
     Remote() {
         EXPECT_EQ(TrelisInit2(), 0);
-        close(Listen(&port_));
+        close(Listen(&port_, INADDR_ANY));  // on every address, as the server may want it
         Set(std::string(kFolder) + "Port", std::to_string(port_));
         Set(std::string(kFolder) + "Address", "127.0.0.2");
         Set("/VTWIN/Daemons/StatsDaemon/HTTPPort", "8181");
@@ -184,7 +184,7 @@ TEST_F(Remote, SettingsAreFollowed) {
     EXPECT_TRUE(Soon(reads));
     const int before = port_;
     port_ = 0;
-    close(Listen(&port_));
+    close(Listen(&port_, INADDR_ANY));  // on every address, as the server may want it
     Set(std::string(kFolder) + "Port", std::to_string(port_));
     EXPECT_TRUE(Soon([&] { return Ask(before, "\n") == "(refused)" && reads(); }));
     Set(std::string(kFolder) + "RemoteReads", "no");
@@ -210,6 +210,8 @@ TEST_F(Remote, AnotherHostMaySayAnything) {
         {"VTSTORE1 0 3\nok", "(failed)"},
         {"VTSTORE1 0 -1\nok", "(failed)"},
         {"VTSTORE1 0 65537\nok", "(failed)"},
+        {"VTSTORE1 0 99999999999999999999999\nok", "(failed)"},
+        {"VTSTORE1 0 2x\nok", "(failed)"},
         {"VTSTORE1 02\nok", "(failed)"},
         {"VTSTORE2 0 2\nok", "(failed)"},
         {std::string(100000, 'x'), "(failed)"},

@@ -40,6 +40,7 @@ TEST_F(Settings, NumbersKeepTheirBounds) {
         {kDays, "", 400},          {kDays, "-3", 0},        {kDays, "soon", 0},
         {kDays, "200000", 100000}, {kStorePort, "0", 8485}, {kStorePort, "70000", 8485},
         {kPort, "", 25},           {kPort, "0", 0},         {kDelay, "99999999999", 0x7FFFFFFF},
+        {kDelay, "0", 45},         {kDelay, "-5", 45},      {kDelay, "soon", 45},
     };
     for (const auto& each : cases) {
         Set(each.key.Path({"a"}), each.text);

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "session/settings.h"
-
 namespace {
 
 TEST(ServerAddress, Texts) {
@@ -33,18 +31,6 @@ TEST(ServerAddress, Texts) {
     }
     EXPECT_EQ(ServerAddress::Parse("[::1]:25").Text(), "[::1]:25");
     EXPECT_EQ(ServerAddress::Parse("mail.example").Text(), "mail.example:10025");
-}
-
-TEST(ServerAddress, ASessionTriesTheRealOneFirst) {
-    NetworkInterface interface;
-    interface.ServerToForward = "first.example:26\r\n";
-    interface.options.fallbackServers = {"", "second.example", "[::1]:27"};
-    const SessionSettings settings = SessionSettings::Of(interface, 0);
-    const std::vector<ServerAddress> expected = {
-        {"first.example", 26}, {"second.example", 10025}, {"::1", 27}};
-    EXPECT_EQ(settings.servers, expected);
-    EXPECT_EQ(settings.forwardHost, "first.example");
-    EXPECT_EQ(settings.forwardPort, 26);
 }
 
 }  // namespace

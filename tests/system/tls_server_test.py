@@ -75,16 +75,6 @@ class ServerModes(ServerTls):
         self.begin("require", self.authority.issue("old.pem", days=-1), CAFile="", Name="other.test")
         self.goes()
 
-    def test_the_server_is_asked_for_the_name(self):
-        self.begin("verify", self.authority.issue("other.pem", "other.test"), Name=NAME)
-        right = serving(self.certificate)
-
-        def choose(connection, name, context):
-            if name == NAME:
-                connection.context = right
-        self.server.context.sni_callback = choose
-        self.goes()
-
     def test_no_offer_and_refusals(self):
         for rules, why in (({"EHLO": b"250 real.example\r\n"}, "the server offers no STARTTLS"),
                            ({"EHLO": b"502 what\r\n"}, "the server offers no STARTTLS"),

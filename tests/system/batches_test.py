@@ -2,7 +2,7 @@
 
 import time
 
-from harness import NET, wait_until
+from harness import NET
 from pipelining_test import EARLY, ENVELOPE, OK, START, Pipelined
 from system_test import System
 from trust import BALANCER, TRUST, Trust
@@ -100,11 +100,7 @@ class EarlyBehindText(System):
 class OddlyTold(Trust):
     def tell(self, how, **rules):
         self.server.rules.update(rules)
-        self.proxy.load(dict(TRUST, **{NET + "/TellServer": how, NET + "/TellServerRequired": "Y"}))
-        key = NET + "/TellServer"
-        self.assertTrue(wait_until(lambda: self.proxy.tool("get", key).stdout.strip() == how))
-        time.sleep(1)
-        self.assertTrue(wait_until(self.proxy.listening))
+        self.reconfigure(dict(TRUST, **{NET + "/TellServer": how, NET + "/TellServerRequired": "Y"}))
         self.server.lines.clear()
 
     def test_an_offer_of_nothing_is_none(self):

@@ -115,8 +115,7 @@ class Batches(Pipelined):
             self.skipTest("no Postfix")
         postfix = Postfix()
         try:
-            self.proxy.load({NET + "/ServerToForward": "127.0.0.1:%d" % postfix.port, NET + "/GreetingDomainName": "anew.example"})
-            self.assertTrue(wait_until(lambda: b"anew.example" in self.client().reply()))
+            self.reconfigure({NET + "/ServerToForward": "127.0.0.1:%d" % postfix.port})
             out = subprocess.run(["/usr/sbin/smtp-source", "-m", "20", "-s", "4", "-r", "5", "-f", "s@example.org", "-t",
                                   "r@example.org", "127.0.0.1:%d" % self.proxy.port], capture_output=True, timeout=60)
             self.assertEqual(out.returncode, 0, out.stderr)
@@ -179,12 +178,7 @@ class BareNewlines(System):
         return c.data(body)
 
     def use(self, word):
-        self.proxy.load({NET + "/BareNewline": word})
-        self.assertTrue(wait_until(self.proxy.listening))
-        self.assertTrue(wait_until(lambda: self.has(word)))
-
-    def has(self, word):
-        return self.proxy.tool("get", NET + "/BareNewline").stdout.strip() == word
+        self.reconfigure({NET + "/BareNewline": word})
 
     def test_normalized(self):
         self.use("normalize")

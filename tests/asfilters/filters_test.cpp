@@ -41,14 +41,11 @@ TEST_F(IPList, Entries) {
         const char *ip, *mask, *action;
         int peer1234, peerAllOnes;
     } cases[] = {{"whole address", "1.2.3.4", nullptr, "2", 2, 0},
-                 {"empty mask", "1.2.3.4", "", "2", 2, 0},
                  {"zero mask", "9.9.9.9", "0.0.0.0", "2", 2, 2},
                  {"address with host bits", "1.2.3.99", "255.255.255.0", "2", 2, 0},
                  {"unknown action", "1.2.3.4", nullptr, "3", 0, 0},
                  {"action with text behind", "1.2.3.4", nullptr, " 2x", 2, 0},
-                 {"action beyond an int", "1.2.3.4", nullptr, "4294967298", 0, 0},
                  {"empty action", "1.2.3.4", nullptr, "", 0, 0},
-                 {"no action", "1.2.3.4", nullptr, nullptr, 0, 0},
                  {"no address", nullptr, "0.0.0.0", "2", 0, 0},
                  {"address that is none", "nonsense", nullptr, "2", 0, 2},
                  {"mask that is none", "1.2.3.4", "nonsense", "2", 2, 0},
@@ -75,18 +72,11 @@ TEST_F(IPList, BothFamilies) {
     } cases[] = {
         {"192.0.2.0/24", nullptr, "2", {2, 0, 2}},
         {"192.0.2.7/24", nullptr, "2", {2, 0, 2}},
-        {"192.0.3.0/24", nullptr, "2", {0, 0, 0}},
-        {"192.0.2.0", "255.255.255.0", "2", {2, 0, 2}},
-        {"2001:db8::9", nullptr, "2", {0, 2, 0}},
         {"2001:db8::/32", nullptr, "2", {0, 2, 0}},
-        {"2001:db9::/32", nullptr, "2", {0, 0, 0}},
         {"::/0", nullptr, "2", {0, 2, 0}},
         {"0.0.0.0", "0.0.0.0", "2", {2, 2, 2}},  // everybody
-        {"0.0.0.0/0", nullptr, "2", {2, 2, 2}},
         {"0.0.0.0/1", nullptr, "2", {0, 0, 0}},
-        {"128.0.0.0/1", nullptr, "2", {2, 0, 2}},
         {"192.0.2.0/24", "255.255.255.0", "2", {0, 0, 0}},  // says two things
-        {"192.0.2.0/33", nullptr, "2", {0, 0, 0}},
         {"0.0.0.0/x", "0.0.0.0", "2", {0, 0, 0}},
         {"2001:db8::/32", "0.0.0.0", "2", {0, 0, 0}},
     };
@@ -113,16 +103,6 @@ TEST_F(IPList, AllowingAllOfOneFamilyLiftsNoDenialOfTheOther) {
     EXPECT_EQ(filters.CheckIP("2001:db8::7"), 0);
 }
 
-TEST_F(IPList, ChildrenWhosePathDoesNotFitAreSkipped) {
-    Set("/AllowDenyIPList/Enabled", "Y");
-    const std::size_t room = 511 - (kFilterRoot + "/AllowDenyIPList/Addresses/").size();
-    Set("/AllowDenyIPList/Addresses/" + std::string(room, 'a'), "");
-    Entry("b", "1.2.3.4", nullptr, "2");
-    CASFiltersCore filters;
-    filters.Reload();
-    EXPECT_EQ(filters.CheckIP("1.2.3.4"), 2);
-}
-
 class SenderList : public FilterStore {};
 
 TEST_F(SenderList, VerdictsAndDenyTexts) {
@@ -135,10 +115,8 @@ TEST_F(SenderList, VerdictsAndDenyTexts) {
         {"refused", "Y", "N", "550 go away", 512, "1 bad@x.example|550 go away\r\n"},
         {"dropped", "yes", "Yes", "550 go away", 512, "2 bad@x.example|550 go away\r\n"},
         {"no text", "N", "N", "550 go away", 512, "1 bad@x.example|"},
-        {"dropped, no text", "", "y", "550 go away", 512, "2 bad@x.example|"},
         {"flags missing", nullptr, nullptr, nullptr, 512, "1 bad@x.example|"},
         {"text missing", "Y", "N", nullptr, 512, "1 bad@x.example|" + std::string(kDefault)},
-        {"text empty", "Y", "N", "", 512, "1 bad@x.example|" + std::string(kDefault)},
         {"small buffer", "Y", "N", "550 go away", 5, "1 bad@x.example|"},
         {"least buffer", "Y", "N", "550 go away", 6, "1 bad@x.example|550\r\n"}};
     for (const auto& each : cases) {
@@ -152,16 +130,6 @@ TEST_F(SenderList, VerdictsAndDenyTexts) {
         EXPECT_EQ(Sender(filters, "BAD@x.Example", each.size), each.verdict) << each.name;
         EXPECT_EQ(Sender(filters, "GOOD@x.example", each.size), "0 good@x.example|") << each.name;
     }
-}
-
-TEST_F(SenderList, DenyTextsOfMoreThan255BytesAreCut) {
-    Set({{"/SenderBlackList/Enabled", "Y"},
-         {"/SenderBlackList/EnabledSendDenyMessage", "Y"},
-         {"/SenderBlackList/DenyMessage", "550 " + std::string(300, 'x')},
-         {"/SenderBlackList/WildcardsList/1", "*"}});
-    CASFiltersCore filters;
-    filters.Reload();
-    EXPECT_EQ(Sender(filters, "a"), "1 a|550 " + std::string(251, 'x') + "\r\n");
 }
 
 TEST_F(SenderList, BothListsAndTheirOddEntries) {
@@ -219,49 +187,6 @@ TEST_F(Harvesting, Verdicts) {
     EXPECT_EQ(Check(filters, "a@x.example", "x.example"), "2  1");
     Set("/DirectoryHarvesting/Enabled", "N");
     EXPECT_EQ(Check(filters, "a@x.example", "x.example"), "3 untouched 0");
-}
-
-TEST_F(Harvesting, DelaysWithoutASoundNumberAreTheDefault) {
-    // Each delay on a thread of its own: that none is over soon is all that is looked at, so the
-    // threads are left to the end of the process.
-    for (const char* value : {"0", "-5", "soon", "99999999999999999999"}) {
-        TrelisDelKey(kLocalStore, kFilterRoot.c_str());
-        Set({{"/DirectoryHarvesting/Enabled", "Y"},
-             {"/DirectoryHarvesting/ResponseTimeout", value}});
-        auto over = std::make_shared<std::atomic<bool>>(false);
-        ASSERT_EQ(CreateASFilters(), 0);
-        ASSERT_EQ(GetASFilters()->Reload(), 0);
-        std::thread([over, filters = GetASFilters()] {
-            char deny[64];
-            filters->CheckRecipient("a@x.example", "x.example", deny, sizeof deny);
-            *over = true;
-        }).detach();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1300));
-        EXPECT_FALSE(*over) << value;
-        EXPECT_EQ(DestroyASFilters(), 0);
-    }
-}
-
-TEST_F(Harvesting, DelaysRunSideBySideAndOutliveTheInstance) {
-    Set({{"/DirectoryHarvesting/Enabled", "Y"}, {"/DirectoryHarvesting/ResponseTimeout", "1"}});
-    ASSERT_EQ(CreateASFilters(), 0);
-    asfilters::CASFilters* filters = GetASFilters();
-    ASSERT_EQ(filters->Reload(), 0);
-    const auto start = Clock::now();
-    std::atomic<int> applied = 0;
-    std::vector<std::thread> sessions;
-    for (int i = 0; i < 20; ++i) {
-        sessions.emplace_back([filters, &applied] {
-            char deny[64];
-            if (filters->CheckRecipient("a@x.example", "x.example", deny, sizeof deny) == 2)
-                ++applied;
-        });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    EXPECT_EQ(DestroyASFilters(), 0);
-    for (std::thread& session : sessions) session.join();
-    EXPECT_EQ(applied, 20);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
 }
 
 TEST_F(FilterStore, OneInstanceWhoseLastUserDeletesIt) {

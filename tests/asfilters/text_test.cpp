@@ -9,13 +9,6 @@
 
 namespace {
 
-TEST(FilterText, Hashes) {
-    EXPECT_EQ(asfilters::HashText("", 0), 0U);
-    EXPECT_EQ(asfilters::HashText("ab", 2), 1090U);
-    EXPECT_EQ(asfilters::HashText("\x80", 1), 0x7FFFFFA0U) << "bytes are signed";
-    EXPECT_EQ(asfilters::HashText("aaaaaaaa", 8) & 0x80000000U, 0U);
-}
-
 TEST(FilterText, DenyRepliesKeepWithinTheirBuffer) {
     const struct {
         const char* name;

@@ -43,43 +43,39 @@ struct Pair {
     }
 };
 
-struct LineCase {
-    const char* name;
-    std::string sent;
-    int size;
-    std::string line;
-    std::string rest;
-};
-
-class ReadLine : public testing::TestWithParam<LineCase> {};
-
-TEST_P(ReadLine, TakesTheLineAndNothingBehindIt) {
-    Pair pair;
-    pair.Send(GetParam().sent);
-    char buffer[2048];
-    int length = 0;
-    ASSERT_EQ(pair.ours.ReadLine(buffer, length, GetParam().size, 1), 1);
-    EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(length)), GetParam().line);
-    EXPECT_EQ(buffer[length], '\0');
-    EXPECT_EQ(pair.Rest(), GetParam().rest);
-}
-
 std::string Line(std::size_t size, const std::string& end) {
     return std::string(size - end.size(), 'x') + end;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Lines, ReadLine,
-    testing::Values(
-        LineCase{"WithMoreBehind", "one\r\ntwo\r\n", 1024, "one\r\n", "two\r\n"},
-        LineCase{"BareLineFeed", "one\ntwo", 1024, "one\n", "two"},
-        LineCase{"ZeroByteInside", std::string("a\0b\n", 4), 1024, std::string("a\0b\n", 4), ""},
-        LineCase{"LongestUnchanged", Line(1022, "\n") + "rest", 1024, Line(1022, "\n"), "rest"},
-        LineCase{"OneMoreIsOverLong", Line(1023, "\r\n") + "rest", 1024, Line(1023, "\r\n"), ""},
-        LineCase{"CutAndDrained", std::string(3000, 'y') + "\nrest", 1024,
-                 Line(1023, "\r\n").replace(0, 1021, 1021, 'y'), ""},
-        LineCase{"SmallestSize", "abc\n", 3, "\r\n", ""}),
-    [](const auto& each) { return each.param.name; });
+TEST(Socket, TakesTheLineAndNothingBehindIt) {
+    const struct {
+        const char* name;
+        std::string sent;
+        int size;
+        std::string line;
+        std::string rest;
+    } cases[] = {
+        {"WithMoreBehind", "one\r\ntwo\r\n", 1024, "one\r\n", "two\r\n"},
+        {"BareLineFeed", "one\ntwo", 1024, "one\n", "two"},
+        {"ZeroByteInside", std::string("a\0b\n", 4), 1024, std::string("a\0b\n", 4), ""},
+        {"LongestUnchanged", Line(1022, "\n") + "rest", 1024, Line(1022, "\n"), "rest"},
+        {"OneMoreIsOverLong", Line(1023, "\r\n") + "rest", 1024, Line(1023, "\r\n"), ""},
+        {"CutAndDrained", std::string(3000, 'y') + "\nrest", 1024,
+         Line(1023, "\r\n").replace(0, 1021, 1021, 'y'), ""},
+        {"SmallestSize", "abc\n", 3, "\r\n", ""},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        Pair pair;
+        pair.Send(each.sent);
+        char buffer[2048];
+        int length = 0;
+        ASSERT_EQ(pair.ours.ReadLine(buffer, length, each.size, 1), 1);
+        EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(length)), each.line);
+        EXPECT_EQ(buffer[length], '\0');
+        EXPECT_EQ(pair.Rest(), each.rest);
+    }
+}
 
 TEST(Socket, RefusesSmallSizesAndReportsEnds) {
     Pair pair;
@@ -157,18 +153,6 @@ TEST(Socket, NeverHandsOutDescriptorZero) {
         dup2(kept, 0);
         close(kept);
     }
-}
-
-TEST(Resolve, UnknownNameGivesFamilyZero) {
-    const SocketAddress unknown = ResolveHost("no.such.host.invalid", 25);
-    EXPECT_EQ(unknown.Family(), 0);
-    CSocket socket;
-    EXPECT_TRUE(socket.Create(1));
-    EXPECT_FALSE(socket.Connect(unknown));
-    socket.Close();
-    const SocketAddress local = ResolveHost("localhost", 25);
-    EXPECT_EQ(local.Family(), AF_INET);
-    EXPECT_EQ(local.Port(), 25);
 }
 
 }  // namespace

@@ -72,8 +72,6 @@ TEST(CommandLine, TheLastOptionWinsAndUnknownWordsAreSkipped) {
         {{}, "dispatch ", 0},
         {{"-install", "Install", "/stop"}, "dispatch ", 0},
         {{"install", "stop"}, "stop ", 0},
-        {{"stop", "other", "install"}, "install ", 0},
-        {{"register"}, "register ", 0},
         {{"unregister"}, "unregister ", -1},
         {{"install", "debug"}, "run1 ", 1},
         {{"debug", "install", "x"}, "run3 ", 1},
@@ -104,17 +102,6 @@ TEST(CommandLine, WithoutAManagerTheProgramRunsHiddenAndInstallsItselfForTheNext
     EXPECT_EQ(ReadValue(key, "NOTED", type), "no value");
 }
 
-TEST(ErrorText, NeedsFourteenBytesToSpare) {
-    const std::string text = "Access is denied.";
-    const auto fits = static_cast<DWORD>(text.size() + 2 + 14);
-    std::vector<char> buffer(256, 'x');
-    SetLastError(ERROR_ACCESS_DENIED);
-    EXPECT_EQ(CNTService::GetLastErrorText(buffer.data(), fits), text);
-    EXPECT_STREQ(CNTService::GetLastErrorText(buffer.data(), fits - 1), "");
-    SetLastError(999999);
-    EXPECT_STREQ(CNTService::GetLastErrorText(buffer.data(), 256), "");
-}
-
 TEST(EventSource, IsListedOnceAndTheOthersKeepTheirOrder) {
     Noted first("FIRST");
     first.InstallEventSource("/path", 7);
@@ -134,27 +121,6 @@ TEST(EventSource, IsListedOnceAndTheOthersKeepTheirOrder) {
     first.RemoveEventSource();
     EXPECT_EQ(ReadValue(kLog, "Sources", type), "Application\0SECOND\0\0"s);
     EXPECT_EQ(ReadValue(kLog + "FIRST"s, "TypesSupported", type), "no key");
-}
-
-TEST(Recovery, SaysWhoHoldsTheDatabase) {
-    Noted service("LOCKED");
-    SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
-    CloseServiceHandle(CreateServiceA(manager, "LOCKED", "Locked", SERVICE_ALL_ACCESS, 16, 2, 1,
-                                      "/bin/true", nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(CreateServiceA(manager, "LOCKED", "Locked", SERVICE_ALL_ACCESS, 16, 2, 1, "/bin/true",
-                             nullptr, nullptr, nullptr, nullptr, nullptr),
-              nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_EXISTS);
-    SC_LOCK lock = LockServiceDatabase(manager);
-    ASSERT_NE(lock, nullptr);
-    testing::internal::CaptureStdout();
-    service.ConfigureRecovery("");
-    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("Locked by: ", 0), 0U);
-    UnlockServiceDatabase(lock);
-    testing::internal::CaptureStdout();
-    service.ConfigureRecovery("");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    CloseServiceHandle(manager);
 }
 
 TEST(EventLog, OneLineARecordWhateverItsText) {

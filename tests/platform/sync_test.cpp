@@ -7,9 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "net/address.h"
-#include "net/socket.h"
-#include "platform/window.h"
 #include "support/no_descriptors.h"
 
 namespace {
@@ -92,65 +89,6 @@ TEST(Waits, LoseNoWakeUpBetweenManyThreads) {
     SetEvent(stop.Get());
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(taken, kTokens);
-}
-
-TEST(Threads, HandleIsSignalledAtTheEnd) {
-    std::atomic<int> ran{0};
-    HANDLE raw = nullptr;
-    ASSERT_EQ(StartThread(
-                  &raw,
-                  [](LPVOID p) -> DWORD {
-                      ++*static_cast<std::atomic<int>*>(p);
-                      return 0;
-                  },
-                  &ran),
-              0);
-    const UniqueHandle thread(raw);
-    EXPECT_EQ(WaitForSingleObject(thread.Get(), 5000), WAIT_OBJECT_0);
-    EXPECT_EQ(ran, 1);
-}
-
-int g_accepts = 0;
-CSocket g_listener;
-LRESULT AcceptProcedure(HWND, UINT message, WPARAM wParam, LPARAM lParam) {
-    if (message != 1124) return 0;
-    EXPECT_EQ(static_cast<SOCKET>(wParam), g_listener.Handle());
-    EXPECT_EQ(lParam & 0xFFFF, FD_ACCEPT);
-    CSocket client;
-    if (g_listener.Accept(client, nullptr)) ++g_accepts;
-    client.Close();
-    return 0;
-}
-
-TEST(MessageQueue, NotifiesOncePerWaitingConnectionAndAfterHandles) {
-    WNDCLASSA windowClass{};
-    windowClass.lpfnWndProc = AcceptProcedure;
-    windowClass.lpszClassName = "test";
-    ASSERT_NE(RegisterClassA(&windowClass), 0);
-    HWND window =
-        CreateWindowExA(0, "test", "test", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
-    SocketAddress address = IpAddress::OfV4(htonl(INADDR_LOOPBACK)).WithPort(0);
-    ASSERT_TRUE(g_listener.Create(1) && g_listener.Bind(address) && g_listener.Listen());
-    socklen_t length = SocketAddress::kRoom;
-    getsockname(g_listener.Handle(), address.Room(), &length);
-    ASSERT_EQ(WSAAsyncSelect(g_listener.Handle(), window, 1124, FD_ACCEPT), 0);
-    const UniqueHandle event(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    const HANDLE handles[] = {event.Get()};
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, handles, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
-
-    CSocket clients[3];
-    for (CSocket& client : clients) ASSERT_TRUE(client.Create(1) && client.Connect(address));
-    while (MsgWaitForMultipleObjects(1, handles, FALSE, 200, QS_ALLINPUT) == 1) {
-        MSG message;
-        while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) != FALSE)
-            DispatchMessageA(&message);
-    }
-    EXPECT_EQ(g_accepts, 3);
-    SetEvent(event.Get());
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, handles, FALSE, 200, QS_ALLINPUT), 0U);
-    for (CSocket& client : clients) client.Close();
-    g_listener.Close();
-    DestroyWindow(window);
 }
 
 }  // namespace

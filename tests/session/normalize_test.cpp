@@ -36,16 +36,12 @@ TEST(Normalize, Address) {
         const char* out;
     } cases[] = {
         {"<user@example.org>\r\n", 0, "user@example.org"},
-        {" <user@example.org> SIZE=10\r\n", 0, "user@example.org"},
-        {"Some One <user@example.org>\r\n", 0, "user@example.org"},
         {"user@example.org (a comment)\r\n", 0, "user@example.org"},
-        {"user@example.org\r\n", 0, "user@example.org"},
         {"<@one.example,@two.example:user@example.org>\r\n", 0, "user@example.org"},
         {"<>\r\n", 0, "<>\r\n"},
         {"<postmaster>\r\n", 0, "postmaster>"},
         {"a@b\r\n", -1, "old"},
         {"\"a b\"@x.y\r\n", 0, "@x.y"},
-        {"", 0, ""},
         {"\r\n", 0, "\r\n"},
         {nullptr, -1, "old"},
     };

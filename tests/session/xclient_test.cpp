@@ -120,7 +120,6 @@ TEST(Xclient, CommandsNameWhatIsOffered) {
         // The rest alone would be said of our address.
         {Peer(), "NAME PORT PROTO HELO LOGIN SOURCE", "", ""},
         {Peer(), "ADDRESS XADDR", "", ""},
-        {Peer(), "\r\n", "", ""},
         {Peer(), "", "", ""},
         {ClientIdentity(), kXclientAttributes, "", ""},
     };
@@ -137,17 +136,11 @@ TEST(Xclient, CommandsNameWhatIsOffered) {
 
 // Whatever a session puts into the identity, a command stays one command.
 TEST(Xclient, NothingLeavesItsCommand) {
-    const std::vector<std::string> hostile = {"a\r\nMAIL FROM:<x@y.example>",
-                                              "a\n",
-                                              "a b",
-                                              "a\tADDR=127.0.0.1",
-                                              "a\0b"s,
-                                              "<a>",
-                                              "\xC3\xA4",
-                                              "a\x7F",
-                                              std::string(256, 'h'),
-                                              std::string(200, '+'),
-                                              std::string(100000, 'h')};
+    const std::vector<std::string> hostile = {
+        "a\r\nMAIL FROM:<x@y.example>", "a\n", "a b", "a\tADDR=127.0.0.1", "a\0b"s, "<a>",
+        "\xC3\xA4", "a\x7F",
+        // Too long as it is, or encoded.
+        std::string(256, 'h'), std::string(200, '+'), std::string(100000, 'h')};
     for (const std::string& each : hostile) {
         ClientIdentity identity = Peer();
         identity.name = identity.helo = identity.login = each;

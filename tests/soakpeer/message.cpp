@@ -3,6 +3,8 @@
 #include <array>
 #include <charconv>
 
+#include "text/base64.h"
+
 namespace {
 
 constexpr std::string_view kMark = "X-Soak: ";
@@ -18,21 +20,6 @@ std::uint64_t Digest(std::string_view text) {
     std::uint64_t hash = 0xCBF29CE484222325U;
     for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3U;
     return hash;
-}
-
-std::string Base64(std::string_view bytes) {
-    constexpr std::string_view kDigits =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        std::uint32_t word = 0;
-        for (std::size_t k = 0; k < 3; ++k)
-            word =
-                word << 8 | (i + k < bytes.size() ? static_cast<unsigned char>(bytes[i + k]) : 0U);
-        for (std::size_t k = 0; k < 4; ++k)
-            out += i + k <= bytes.size() ? kDigits[word >> (18 - 6 * k) & 63] : '=';
-    }
-    return out;
 }
 
 // Mail's sizes, roughly: most are small, a few take several buffers, one in two thousand is large.
@@ -83,7 +70,7 @@ std::string MakeMessage(std::uint64_t number) {
         rest +=
             "--b\r\nContent-Type: application/octet-stream\r\n"
             "Content-Transfer-Encoding: base64\r\n\r\n" +
-            Base64(pattern) + "\r\n--b--\r\n";
+            Base64Encode(pattern) + "\r\n--b--\r\n";
     }
     return std::string(kMark) + std::to_string(number) + " " + std::to_string(Digest(rest)) +
            "\r\n" + rest;

@@ -1,10 +1,9 @@
 """Batches of commands when a server is odd or slow: answers in their order, nothing past the checks, no standstill."""
 
 import time
-import unittest
 
-from harness import NET, wait_until
-from pipelining_test import EARLY, ENVELOPE, OK, START
+from harness import NET
+from pipelining_test import EARLY, ENVELOPE, OK, START, Pipelined
 from system_test import System
 from trust import BALANCER, TRUST, Trust
 
@@ -12,15 +11,7 @@ OUT_OF_STEP = b"421 4.3.0 Server out of step, closing transmission channel\r\n"
 ELSEWHERE = b"RCPT TO:<x@elsewhere.example>\r\n"
 
 
-class OddServer(System):
-    keys = {NET + "/Pipelining": "Y"}
-
-    def greeted(self):
-        c = self.client()
-        c.reply()
-        self.assertIn(b"250-PIPELINING\r\n", c.ask(b"EHLO me"))
-        return c
-
+class OddServer(Pipelined):
     def test_a_server_that_asks_for_more_in_a_batch(self):
         """It takes the batch's next command, or a NOOP, for that; what comes then is no answer to it, and is not unseen."""
         for verb in ("MAIL", "RCPT", "RSET"):
@@ -42,8 +33,7 @@ class OddServer(System):
     def test_a_greeting_reply_of_one_line_that_looks_like_an_offer(self):
         for line in (b"250 PIPELINING\r\n", b"250 STARTTLS\r\n", b"250 XCLIENT\r\n", b"250 burl x\r\n"):
             self.server.rules["EHLO"] = line
-            c = self.client()
-            c.reply()
+            c = self.opened()
             self.assertEqual(c.ask(b"EHLO me"), b"250-EHLO\r\n250 PIPELINING\r\n", line)
             self.assertEqual(c.ask(b"NOOP"), OK)
 
@@ -70,7 +60,7 @@ class OddServer(System):
         start = time.monotonic()
         c.send(b"MAIL FROM:<s@example.org>\r\n" + b"RCPT TO:<r@example.org>\r\n" * 10 + b"DATA\r\n")
         self.assertEqual(c.reply(), OK)
-        self.assertLess(time.monotonic() - start, 5)
+        self.assertLess(time.monotonic() - start, 7)
         for _ in range(10):
             self.assertEqual(c.reply(), OK)
         self.assertEqual(c.reply(), START)
@@ -92,8 +82,7 @@ class EarlyBehindText(System):
 
     def test_behind_a_chunk(self):
         for chunk in (b"BDAT 5\r\nhello", b"BDAT 5 LAST\r\nhello"):
-            c = self.client()
-            c.envelope()
+            c = self.ready()
             c.send(chunk + b"BDAT 5 LAST\r\nhello")
             self.assertEqual(c.reply(), EARLY[1])
             self.assertEqual(c.reply(), b"")
@@ -101,9 +90,7 @@ class EarlyBehindText(System):
 
     def test_behind_the_answer_to_a_challenge(self):
         self.server.rules.update(AUTH=b"334 who\r\n")
-        c = self.client()
-        c.reply()
-        c.ask(b"EHLO me")
+        c = self.opened(b"EHLO me")
         self.assertEqual(c.ask(b"AUTH LOGIN"), b"334 who\r\n")
         c.send(b"dXNlcg==\r\nMAIL FROM:<s@example.org>\r\n")
         self.assertEqual(c.reply(), EARLY[1])
@@ -113,11 +100,7 @@ class EarlyBehindText(System):
 class OddlyTold(Trust):
     def tell(self, how, **rules):
         self.server.rules.update(rules)
-        self.proxy.load(dict(TRUST, **{NET + "/TellServer": how, NET + "/TellServerRequired": "Y"}))
-        key = NET + "/TellServer"
-        self.assertTrue(wait_until(lambda: self.proxy.tool("get", key).stdout.strip() == how))
-        time.sleep(1)
-        self.assertTrue(wait_until(self.proxy.listening))
+        self.reconfigure(dict(TRUST, **{NET + "/TellServer": how, NET + "/TellServerRequired": "Y"}))
         self.server.lines.clear()
 
     def test_an_offer_of_nothing_is_none(self):
@@ -144,14 +127,9 @@ class OddlyTold(Trust):
             for how, line in (("xclient", b"EHLO me"), ("xforward", b"MAIL FROM:<s@example.org>")):
                 self.tell(how, EHLO=b"250-real\r\n250-XFORWARD ADDR\r\n250 XCLIENT ADDR\r\n",
                           **{how.upper(): answer})
-                c = self.client()
-                c.reply()
+                c = self.opened()
                 if how == "xforward":
                     c.ask(b"EHLO me")
                 self.assertEqual(c.ask(line)[:10], b"421 4.3.2 ", (how, answer))
                 self.assertEqual(c.reply(), b"")
                 self.assertFalse(self.said(b"MAIL"))
-
-
-if __name__ == "__main__":
-    unittest.main()

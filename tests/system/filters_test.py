@@ -1,13 +1,9 @@
 """The pre-filters in the running proxy: who is refused and how, and that a change is judged by at once."""
 
-import contextlib
-import os
-import sqlite3
-import subprocess
 import time
 import unittest
 
-from harness import BIN, NET, Client, MailServer, Proxy, free_port, wait_until
+from harness import NET, Client, MailServer, Proxy, wait_until
 from system_test import System
 
 AS = "/VTWIN/Filters/AS"
@@ -69,12 +65,6 @@ class Senders(Filters):
         self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
         self.assertIn(b"MAIL FROM:<good@x.example>\r\n", self.server.lines, "the line passes unchanged")
 
-    def test_always_one_reply_also_without_a_deny_text(self):
-        self.change("/SenderBlackList/EnabledSendDenyMessage", "N")
-        c = self.greeted()
-        self.assertEqual(c.ask(b"MAIL FROM:<bad@x.example>"), DEFAULT)
-        self.assertEqual(c.ask(b"NOOP"), b"250 ok\r\n")
-
     def test_drop(self):
         self.change("/SenderBlackList/EnabledDropConnection", "Y")
         c = self.greeted()
@@ -116,7 +106,7 @@ class Guard(Filters):
         for recipient in (b"who@example.org", b"who@SECOND.example"):
             c, reply, seconds = self.probe(recipient)
             self.assertEqual(reply, b"550 too curious\r\n")
-            self.assertTrue(1 <= seconds < 3, seconds)
+            self.assertTrue(1 <= seconds < 10, seconds)
             self.assertEqual(c.reply(), b"", "the session ends")
 
     def test_what_the_guard_leaves_alone(self):
@@ -133,12 +123,6 @@ class Guard(Filters):
         self.assertEqual(c.ask(b"RCPT TO:<who@example.org>"), b"550 no\r\n")
         self.assertEqual(c.ask(b"NOOP"), b"250 ok\r\n")
 
-    def test_without_a_deny_text_the_session_just_ends(self):
-        self.change("/DirectoryHarvesting/EnabledSendDenyMessage", "N")
-        c, reply, seconds = self.probe(b"who@example.org")
-        self.assertEqual(reply, b"")
-        self.assertTrue(1 <= seconds < 3, seconds)
-
     def test_delays_run_side_by_side(self):
         sessions = [self.greeted() for _ in range(10)]
         for c in sessions:
@@ -148,7 +132,7 @@ class Guard(Filters):
             c.send(b"RCPT TO:<who@example.org>\r\n")
         for c in sessions:
             self.assertEqual(c.reply(), b"550 too curious\r\n")
-        self.assertLess(time.monotonic() - start, 4)
+        self.assertLess(time.monotonic() - start, 8)  # ten of a second each
 
 
 class GuardAndStop(unittest.TestCase):
@@ -162,7 +146,7 @@ class GuardAndStop(unittest.TestCase):
         c.send(b"RCPT TO:<who@example.org>\r\n")
         time.sleep(0.3)
         proxy.process.terminate()
-        self.assertEqual(proxy.process.wait(3), 1)
+        self.assertEqual(proxy.process.wait(15), 1)
         self.assertEqual(c.reply(), b"")
         code, output = proxy.stop()
         self.assertNotIn(b"Sanitizer", output)
@@ -176,10 +160,8 @@ class Events(unittest.TestCase):
         proxy = Proxy(server.port, {
             AS + "/AllowDenyIPList/Enabled": "Y", AS + "/SenderBlackList/Enabled": "Y",
             AS + "/SenderBlackList/EnabledDropConnection": "Y", AS + "/SenderBlackList/UsersList/1": "bad@x.example",
-            AS + "/DirectoryHarvesting/Enabled": "Y", AS + "/DirectoryHarvesting/ResponseTimeout": "1",
-            "/VTWIN/Daemons/StatsDaemon/HTTPPort": str(free_port())}, start=False)
-        daemon = subprocess.Popen([BIN + "/vtstatd", "debug"], env=proxy.env, stdout=subprocess.DEVNULL)
-        self.assertTrue(wait_until(lambda: os.path.exists(proxy.home + "/pipes/VTSTATD"), 20))
+            AS + "/DirectoryHarvesting/Enabled": "Y", AS + "/DirectoryHarvesting/ResponseTimeout": "1"}, start=False)
+        proxy.statistics()
         proxy.start()
         c = Client(proxy.port)
         c.reply()
@@ -195,18 +177,10 @@ class Events(unittest.TestCase):
         self.assertEqual(Client(proxy.port).reply(), b"")
 
         def rows():
-            with contextlib.closing(sqlite3.connect("file:%s/stats.db?mode=ro" % proxy.home, uri=True)) as database:
-                return database.execute("SELECT event_code, source_host, agent_id, service_id, action_mask, object_status, sender,"
-                                        " recipients FROM records ORDER BY event_code").fetchall()
+            return sorted(proxy.records("event_code, source_host, agent_id, service_id, action_mask, object_status, sender, recipients"))
         self.assertTrue(wait_until(lambda: len(rows()) == 3), rows())
         same = (0x0100007F, 4, 22, 62, 30)
         self.assertEqual(rows(), [(80, *same, None, None), (81, *same, "bad@x.example", None),
                                   (82, *same, "s@x.example", "Who@example.org")])
         proxy.stop()
-        daemon.terminate()
-        daemon.wait(20)
         server.close()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -7,7 +7,6 @@ import os
 import signal
 import socket
 import time
-import unittest
 import zipfile
 
 from harness import BIN, wait_until
@@ -256,11 +255,7 @@ class LateEngine(Scanning):
             begin = time.monotonic()
             self.maild.send_signal(signal.SIGTERM)
             self.maild.wait(20)
-            self.assertLess(time.monotonic() - begin, 5)
+            self.assertLess(time.monotonic() - begin, 15)
         finally:
             self.clamd.send_signal(signal.SIGCONT)
         self.start_scanner()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,11 +1,13 @@
 """Whole programs on loopback: an instance in a directory of its own, a mail server and a scan daemon whose faults a
 test chooses, and a client that speaks raw bytes."""
 
+import contextlib
 import json
 import os
 import shutil
 import signal
 import socket
+import sqlite3
 import struct
 import subprocess
 import tempfile
@@ -36,9 +38,33 @@ def wait_until(check, seconds=10):
     return False
 
 
-class MailServer:
+class Listening:
+    """Serves each connection of `listener` on a thread of its own; `clients` are all that came."""
+
+    def listen(self):
+        self.clients = []
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            try:
+                client, _ = self.listener.accept()
+            except OSError:
+                return
+            self.clients.append(client)
+            threading.Thread(target=self._serve, args=(client,), daemon=True).start()
+
+    @property
+    def connections(self):
+        return len(self.clients)
+
+    def close(self):
+        self.listener.close()
+
+
+class MailServer(Listening):
     """Answers each command line with the rule for its verb: bytes, or a function of the line; None closes, RESET does so
-    hard."""
+    hard; as HELLO behind the greeting."""
     RESET = b"reset"
 
     def __init__(self, host="127.0.0.1", **rules):
@@ -48,27 +74,22 @@ class MailServer:
         self.rules.update(rules)
         self.lines = []
         self.messages = []
-        self.connections = 0
-        self.clients = []
         family = socket.AF_INET6 if ":" in host else socket.AF_INET
         self.listener = socket.create_server((host, 0), family=family, backlog=200)
         self.port = self.listener.getsockname()[1]
-        threading.Thread(target=self._accept, daemon=True).start()
+        self.listen()
 
-    def _accept(self):
-        while True:
-            try:
-                client, _ = self.listener.accept()
-            except OSError:
-                return
-            self.connections += 1
-            self.clients.append(client)
-            threading.Thread(target=self._serve, args=(client,), daemon=True).start()
+    def ends(self, client, reply):
+        if reply == self.RESET:
+            client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        return reply is None or reply == self.RESET
 
     def _serve(self, client):
         with client, client.makefile("rb") as stream:
             try:
                 client.sendall(self.rules["GREETING"])
+                if self.ends(client, self.rules.get("HELLO", b"")):
+                    return
                 for line in stream:
                     self.lines.append(line)
                     words = line.split() or [b""]
@@ -77,9 +98,7 @@ class MailServer:
                     if verb == "BDAT":
                         self.messages.append(stream.read(int(words[1])))
                     reply = rule(line) if callable(rule) else rule
-                    if reply == self.RESET:
-                        client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-                    if reply is None or reply == self.RESET:
+                    if self.ends(client, reply):
                         return
                     client.sendall(reply)
                     if verb == "DATA" and reply.startswith(b"354"):
@@ -96,9 +115,6 @@ class MailServer:
                         client.sendall(self.rules["END"])
             except OSError:
                 pass
-
-    def close(self):
-        self.listener.close()
 
 
 def flat(attributes, children=()):
@@ -129,7 +145,7 @@ def verdict(mask, section="Antivirus", section_mask=0, recipients=None):
     return flat([(0x1401, mask | 0x10)], [(attrs, [])])
 
 
-class ScanDaemon:
+class ScanDaemon(Listening):
     """Speaks the frames on the pipe vtmaild; answer gets the request and gives the reply, None closes."""
 
     def __init__(self, home, answer=lambda request: clean()):
@@ -141,17 +157,7 @@ class ScanDaemon:
         self.listener = socket.socket(socket.AF_UNIX)
         self.listener.bind(self.path)
         self.listener.listen(64)
-        self.clients = []
-        threading.Thread(target=self._accept, daemon=True).start()
-
-    def _accept(self):
-        while True:
-            try:
-                client, _ = self.listener.accept()
-            except OSError:
-                return
-            self.clients.append(client)
-            threading.Thread(target=self._serve, args=(client,), daemon=True).start()
+        self.listen()
 
     def _serve(self, client):
         with client, client.makefile("rb") as stream:
@@ -170,7 +176,7 @@ class ScanDaemon:
                 pass
 
     def close(self):
-        self.listener.close()
+        super().close()
         if os.path.exists(self.path):
             os.unlink(self.path)
         for client in self.clients:
@@ -204,12 +210,15 @@ class Client:
         self.send(line + b"\r\n")
         return self.reply()
 
-    def envelope(self, sender=b"s@example.org", recipients=(b"r@example.org",)):
+    def mail(self, sender=b"s@example.org", recipients=(b"r@example.org",), parameters=b""):
+        for line in (b"MAIL FROM:<" + sender + b">" + parameters, *(b"RCPT TO:<" + each + b">" for each in recipients)):
+            answer = self.ask(line)
+            assert answer.startswith(b"250"), (line, answer)
+
+    def envelope(self, *args, **options):
         assert self.reply().startswith(b"220"), "greeting"
         assert self.ask(b"EHLO me").startswith(b"250")
-        assert self.ask(b"MAIL FROM:<" + sender + b">").startswith(b"250")
-        for recipient in recipients:
-            assert self.ask(b"RCPT TO:<" + recipient + b">").startswith(b"250")
+        self.mail(*args, **options)
 
     def data(self, body):
         assert self.ask(b"DATA").startswith(b"354")
@@ -241,6 +250,7 @@ class Proxy:
         self.host = "::1" if ":" in values[NET + "/IPAddress"] else "127.0.0.1"  # where it listens
         self.command = [BIN + "/vtsmtpproxy", "debug"]
         self.process = None
+        self.daemons = []
         if start:
             self.start()
 
@@ -253,6 +263,33 @@ class Proxy:
     def start(self):
         self.process = subprocess.Popen(self.command, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         assert wait_until(self.listening, 20), "the proxy does not listen"
+
+    def daemon(self, name, pipe, *before):
+        """A program of the instance, once it serves its pipe."""
+        process = subprocess.Popen([*before, BIN + "/" + name, "debug"], env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.daemons.append(process)
+        assert wait_until(lambda: os.path.exists(self.home + "/pipes/" + pipe), 20), name
+        return process
+
+    def logger(self):
+        return self.daemon("vtlogd", "vtlogd")
+
+    def statistics(self):
+        self.tool("set", "/VTWIN/Daemons/StatsDaemon/HTTPPort", str(free_port()))
+        return self.daemon("vtstatd", "VTSTATD")
+
+    def log(self):
+        try:
+            with open(self.home + "/log/vtlogd.log", encoding="utf-8") as file:
+                return file.read()
+        except FileNotFoundError:
+            return ""
+
+    def records(self, columns, where="1"):
+        """Of the statistics."""
+        with contextlib.closing(sqlite3.connect("file:%s/stats.db?mode=ro" % self.home, uri=True)) as database:
+            database.text_factory = lambda text: text.decode(errors="replace")
+            return database.execute("SELECT %s FROM records WHERE %s ORDER BY id" % (columns, where)).fetchall()
 
     def listening(self):
         try:
@@ -282,5 +319,9 @@ class Proxy:
         output = self.process.stdout.read() if self.process is not None else b""
         if self.process is not None:
             self.process.stdout.close()
+        for each in reversed(self.daemons):
+            each.send_signal(signal.SIGCONT)
+            each.terminate()
+            each.wait(30)
         shutil.rmtree(self.home, ignore_errors=True)
         return code, output

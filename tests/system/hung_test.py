@@ -1,14 +1,12 @@
 """Daemons that hang, and more scans at once than there are connections: mail goes on, and what was lost is told."""
 
-import os
 import re
 import signal
-import subprocess
 import threading
 import time
 import unittest
 
-from harness import BIN, NET, Client, MailServer, Proxy, ScanDaemon, clean, free_port, verdict, wait_until
+from harness import NET, Client, MailServer, Proxy, ScanDaemon, clean, verdict, wait_until
 
 MAILD = "/VTWIN/Daemons/MailDaemon/"
 
@@ -17,32 +15,12 @@ class Instance(unittest.TestCase):
     """A proxy and real daemons, each of which can be stopped in its tracks."""
 
     def setUp(self):
-        self.processes = []
         self.server = MailServer()
         self.addCleanup(self.server.close)
         self.proxy = Proxy(self.server.port, {
             NET + "/MaxThreads": "0", NET + "/ConnectionTimeout": "60", MAILD + "PassWhenDown": "Y",
-            MAILD + "ClamdSocket": "/nowhere", "/VTWIN/Daemons/StatsDaemon/HTTPPort": str(free_port())}, start=False)
+            MAILD + "ClamdSocket": "/nowhere"}, start=False)
         self.addCleanup(self.proxy.stop)
-        self.addCleanup(self.end)
-
-    def spawn(self, name, pipe):
-        process = subprocess.Popen([BIN + "/" + name, "debug"], env=self.proxy.env, stdout=subprocess.DEVNULL,
-                                   stderr=subprocess.DEVNULL)
-        self.processes.append(process)
-        self.assertTrue(wait_until(lambda: os.path.exists(self.proxy.home + "/pipes/" + pipe), 20))
-        return process
-
-    def end(self):
-        for process in self.processes:
-            if process.poll() is None:
-                process.send_signal(signal.SIGCONT)
-                process.terminate()
-                process.wait(30)
-
-    def log(self):
-        with open(self.proxy.home + "/log/vtlogd.log") as file:
-            return file.read()
 
     def stop_in_time(self, process, seconds):
         start = time.monotonic()
@@ -57,8 +35,7 @@ class Instance(unittest.TestCase):
         client.envelope()
         for number in range(count):
             if number > 0:
-                client.ask(b"MAIL FROM:<s@example.org>")
-                client.ask(b"RCPT TO:<r@example.org>")
+                client.mail()
             self.assertEqual(client.data(b"Subject: x\r\n\r\nx\r\n.\r\n"), b"250 queued\r\n")
         client.close()
         return time.monotonic() - start
@@ -66,35 +43,35 @@ class Instance(unittest.TestCase):
 
 class HungDaemons(Instance):
     def test_scans_go_on_and_all_stop(self):
-        logger = self.spawn("vtlogd", "vtlogd")
-        statistics = self.spawn("vtstatd", "VTSTATD")
-        scanner = self.spawn("vtmaild", "vtmaild")
+        logger = self.proxy.logger()
+        statistics = self.proxy.statistics()
+        scanner = self.proxy.daemon("vtmaild", "vtmaild")
         self.proxy.start()
         healthy = self.send(50)
-        self.assertIn("passes unscanned", self.log())
+        self.assertIn("passes unscanned", self.proxy.log())
         logger.send_signal(signal.SIGSTOP)
         statistics.send_signal(signal.SIGSTOP)
         # Each message is an event and a record of the scanner's.
         self.assertLess(self.send(50), 3 * healthy + 2)
-        self.assertNotIn("posted=", self.log())
+        self.assertNotIn("posted=", self.proxy.log())
         time.sleep(2.5)
         logger.send_signal(signal.SIGCONT)
-        self.assertTrue(wait_until(lambda: self.log().count("passes unscanned") >= 100))
-        self.assertIn('posted="20', self.log(), "a late event says when it was")
+        self.assertTrue(wait_until(lambda: self.proxy.log().count("passes unscanned") >= 100))
+        self.assertIn('posted="20', self.proxy.log(), "a late event says when it was")
         logger.send_signal(signal.SIGSTOP)
         self.send(5)
-        self.stop_in_time(scanner, 8)
+        self.stop_in_time(scanner, 20)
         start = time.monotonic()
         self.proxy.process.terminate()
         self.proxy.process.wait(60)
-        self.assertLess(time.monotonic() - start, 10)
+        self.assertLess(time.monotonic() - start, 25)
         statistics.send_signal(signal.SIGCONT)
-        self.stop_in_time(statistics, 8)
+        self.stop_in_time(statistics, 20)
 
     def test_lost_events_are_told(self):
         self.server.rules["RCPT"] = lambda line: b"550 no\r\n" if line == b"RCPT TO: r@x\r\n" else b"250 ok\r\n"
         answer = verdict(2, section_mask=1, recipients=";".join(["r@x"] * 120))
-        logger = self.spawn("vtlogd", "vtlogd")
+        logger = self.proxy.logger()
         daemon = ScanDaemon(self.proxy.home, lambda request: answer)
         self.addCleanup(daemon.close)
         self.proxy.start()
@@ -108,9 +85,9 @@ class HungDaemons(Instance):
         posted = self.server.lines.count(b"RCPT TO: r@x\r\n")
         self.assertGreater(posted, 10500, "more than what waits for the logger")
         logger.send_signal(signal.SIGCONT)
-        self.assertTrue(wait_until(lambda: "events lost" in self.log(), 30))
-        lost = sum(int(number) for number in re.findall(r'"(\d+) events lost"', self.log()))
-        self.assertEqual(self.log().count("not accepted!") + lost, posted)
+        self.assertTrue(wait_until(lambda: "events lost" in self.proxy.log(), 30))
+        lost = sum(int(number) for number in re.findall(r'"(\d+) events lost"', self.proxy.log()))
+        self.assertEqual(self.proxy.log().count("not accepted!") + lost, posted)
 
 
 class ScanBurst(Instance):
@@ -148,7 +125,3 @@ class ScanBurst(Instance):
         # The pipes that stay for the next scans, and a few of the waits'.
         self.assertTrue(wait_until(lambda: self.proxy.spool() == [] and self.proxy.descriptors() <= descriptors + 40, 15),
                         self.proxy.descriptors() - descriptors)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -171,7 +171,3 @@ class Package(unittest.TestCase):
         self.assertEqual((done.returncode, done.stdout), (0, ""))
         self.assertEqual([self.state(name) for name in ("VTREGISTRY", "VTMAILD", "VTLOGD")], ["running", "running", "never started"])
         self.assertFalse(os.path.exists(self.root + "/run/vantrel-restart"))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -73,7 +73,3 @@ class Reference(unittest.TestCase):
         self.assertGreater(len(rows), 50)
         unread = [key for key, effect in rows if effect not in ("-", "never") and '"%s"' % key not in code]
         self.assertEqual(unread, [])
-
-
-if __name__ == "__main__":
-    unittest.main()

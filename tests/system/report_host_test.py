@@ -46,7 +46,3 @@ class OtherHost(unittest.TestCase):
         self.assertIn("Infected, refused", report().stdout)
         here["VANTREL_REPORT_PASSWORD"] = "wrong"
         self.assertEqual(report().returncode, 1)
-
-
-if __name__ == "__main__":
-    unittest.main()

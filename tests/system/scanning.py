@@ -2,25 +2,22 @@
 class; and messages to send through it."""
 
 import base64
-import contextlib
 import glob
 import io
 import os
 import signal
 import socket
-import sqlite3
 import subprocess
 import unittest
 import zipfile
 
-from harness import BIN, Client, MailServer, Proxy, free_port, wait_until
+from harness import BIN, Client, MailServer, Proxy, wait_until
+from system_test import NOT_CHECKED, REJECTED
 
 # The standard test pattern for scanners, in two pieces so that this file is none itself.
 EICAR = rb"X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-" + b"ANTIVIRUS-TEST-FILE!" + b"$H+H*"
 DATABASE = os.path.join(os.path.dirname(__file__), "..", "..", "src", "daemons", "maild", "data")
 KEY = "/VTWIN/Daemons/MailDaemon/"
-REJECTED = b"550 Rejected by Vantrel.\r\n"
-NOT_CHECKED = b"451 4.3.0 Message could not be checked, try again later\r\n"
 QUEUED = b"250 queued\r\n"
 
 
@@ -79,11 +76,8 @@ class Scanning(unittest.TestCase):
         cls.processes = []
         if not cls.LATE:
             cls.start_engine()
-        cls.spawn(BIN + "/vtlogd", "debug")
-        assert wait_until(lambda: os.path.exists(home + "/pipes/vtlogd"), 20)
-        cls.proxy.tool("set", "/VTWIN/Daemons/StatsDaemon/HTTPPort", str(free_port()))
-        cls.spawn(BIN + "/vtstatd", "debug")
-        assert wait_until(lambda: os.path.exists(home + "/pipes/VTSTATD"), 20)
+        cls.proxy.logger()
+        cls.proxy.statistics()
         cls.start_scanner()
         cls.proxy.start()
 
@@ -143,8 +137,7 @@ class Scanning(unittest.TestCase):
             self.proxy.tool("set", KEY + name, value)
 
     def log(self):
-        with open(self.proxy.home + "/log/vtlogd.log") as file:
-            return file.read()
+        return self.proxy.log()
 
     def logged(self, text, count=1):
         """Whether a line with this text (a part of it) is there so many times; events come on their own time."""
@@ -152,7 +145,4 @@ class Scanning(unittest.TestCase):
 
     def events(self, first=0):
         """The scan daemon's records of the statistics."""
-        with contextlib.closing(sqlite3.connect("file:%s/stats.db?mode=ro" % self.proxy.home, uri=True)) as database:
-            database.text_factory = lambda text: text.decode(errors="replace")
-            return database.execute("SELECT event_code, label, sender, recipients, value FROM records WHERE agent_id = 5"
-                                    " AND id > ? ORDER BY id", (first,)).fetchall()
+        return self.proxy.records("event_code, label, sender, recipients, value", "agent_id = 5 AND id > %d" % first)

@@ -8,7 +8,6 @@ import socket
 import subprocess
 import tempfile
 import threading
-import time
 import unittest
 
 from harness import BIN, NET, Client, MailServer, free_port, wait_until
@@ -293,7 +292,3 @@ class CrashHandler(Instance):
                     with open(output) as file:
                         self.assertEqual(file.read(), os.path.dirname(library) + "/ VTSTATD 2 0 0 0")
                     os.unlink(output)
-
-
-if __name__ == "__main__":
-    unittest.main()

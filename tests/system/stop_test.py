@@ -1,12 +1,11 @@
 """A stop of the service waits for nobody who only makes ready: handshakes, headers, servers that say nothing."""
 
-import os
 import socket
-import subprocess
 import time
 import unittest
 
 from harness import NET, Client, MailServer, Proxy
+from tls import Authority
 
 WAIT = {NET + "/ConnectionTimeout": "60"}
 
@@ -22,10 +21,9 @@ class StopWhileOpening(unittest.TestCase):
         port = self.silent.getsockname()[1] if silent else self.server.port
         proxy = Proxy(port, {**WAIT, **keys}, start=False)
         self.addCleanup(lambda: proxy.process is None or not proxy.alive() or proxy.stop())
-        path = os.path.join(proxy.home, "mail.pem")
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", path + ".key",
-                        "-out", path, "-days", "30", "-subj", "/CN=mail.test"], check=True, capture_output=True)
-        proxy.load({NET + "/TLS/Certificate": path, NET + "/TLS/Key": path + ".key"})
+        authority = Authority()
+        self.addCleanup(authority.close)
+        proxy.load({NET + "/TLS/Certificate": authority.issue("mail.pem")})
         proxy.start()
         return proxy
 
@@ -38,7 +36,7 @@ class StopWhileOpening(unittest.TestCase):
         time.sleep(0.5)  # the session gets to its wait
         begin = time.monotonic()
         proxy.stop()
-        self.assertLess(time.monotonic() - begin, 3)
+        self.assertLess(time.monotonic() - begin, 6)  # two are for a client that does not close; a wait would cost ten
 
     def test_a_handshake_behind_starttls(self):
         proxy = self.proxy({NET + "/TLS/Mode": "offer"})
@@ -49,15 +47,12 @@ class StopWhileOpening(unittest.TestCase):
         self.assertEqual(client.ask(b"STARTTLS")[:3], b"220")
         self.assert_stops(proxy)
 
-    def test_a_handshake_from_the_first_byte(self):
-        proxy = self.proxy({NET + "/TLS/Mode": "wrapped"})
-        self.opens(proxy)
-        self.assert_stops(proxy)
-
-    def test_a_header_that_does_not_come(self):
-        proxy = self.proxy({NET + "/ProxyProtocol": "Y", NET + "/Trust/a": "127.0.0.1"})
-        self.opens(proxy)
-        self.assert_stops(proxy)
+    def test_what_does_not_come(self):
+        for keys in ({NET + "/TLS/Mode": "wrapped"}, {NET + "/ProxyProtocol": "Y", NET + "/Trust/a": "127.0.0.1"}):
+            with self.subTest(**keys):
+                proxy = self.proxy(keys)
+                self.opens(proxy)
+                self.assert_stops(proxy)
 
     def test_a_server_that_says_nothing(self):
         for mode in ("require", "wrapped"):
@@ -66,7 +61,3 @@ class StopWhileOpening(unittest.TestCase):
                 client = self.opens(proxy)
                 self.assert_stops(proxy)
                 self.assertEqual(client.recv(100)[:9], b"421 4.3.2")
-
-
-if __name__ == "__main__":
-    unittest.main()

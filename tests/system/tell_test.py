@@ -135,28 +135,20 @@ class TellingInFront(Trust):
         self.scan = ScanDaemon(self.proxy.home)
         self.server.headers.clear()
 
-    def test_line(self):
-        self.tell("proxy1")
-        c = self.from_(STRANGER)
-        self.begun(c)
-        self.sends(c)
-        # Who only looked whether we listen is told of too.
-        self.assertIn(b"PROXY TCP4 127.0.0.7 127.0.0.1 %d %d\r\n" % (c.socket.getsockname()[1], self.proxy.port),
-                      self.server.headers)
-        for header in (line4("192.0.2.7"), b"PROXY TCP6 2001:db8::7 2001:db8::25 40000 25\r\n"):
-            self.begun(self.from_(BALANCER, header))
-            self.assertIn(header, self.server.headers)
-
-    def test_binary(self):
-        self.tell("proxy2")
-        c = self.from_(STRANGER)
-        self.begun(c)
-        self.sends(c)
-        self.assertIn(SIGNATURE + b"\x21\x11\0\x0c\x7f\0\0\x07\x7f\0\0\x01"
-                      + c.socket.getsockname()[1].to_bytes(2, "big") + self.proxy.port.to_bytes(2, "big"), self.server.headers)
-        for header in (binary("192.0.2.7"), binary("2001:db8::7")):
-            self.begun(self.from_(BALANCER, header))
-            self.assertIn(header, self.server.headers)
+    def test_both_versions(self):
+        for how, own, others in (("proxy1", lambda port: b"PROXY TCP4 127.0.0.7 127.0.0.1 %d %d\r\n" % (port, self.proxy.port),
+                                  (line4("192.0.2.7"), b"PROXY TCP6 2001:db8::7 2001:db8::25 40000 25\r\n")),
+                                 ("proxy2", lambda port: SIGNATURE + b"\x21\x11\0\x0c\x7f\0\0\x07\x7f\0\0\x01" + port.to_bytes(2, "big")
+                                  + self.proxy.port.to_bytes(2, "big"), (binary("192.0.2.7"), binary("2001:db8::7")))):
+            self.tell(how)
+            c = self.from_(STRANGER)
+            self.begun(c)
+            self.sends(c)
+            # Who only looked whether we listen is told of too.
+            self.assertIn(own(c.socket.getsockname()[1]), self.server.headers)
+            for header in others:
+                self.begun(self.from_(BALANCER, header))
+                self.assertIn(header, self.server.headers)
 
 
 @unittest.skipUnless(real_server.available(), "needs root and Postfix")
@@ -167,6 +159,9 @@ class ToldPostfix(Trust):
         self.proxy = None
 
     def start(self, how, header="Y", **settings):
+        if self.proxy is not None:
+            self.scan.close()
+            self.proxy.stop()
         self.server = real_server.Postfix(settings=dict({"inet_protocols": "all", "smtpd_peername_lookup": "no"}, **settings))
         self.addCleanup(self.server.close)
         self.proxy = Proxy(self.server.port, dict(TRUST, **{NET + "/TellServer": how, NET + "/TellServerRequired": "Y",
@@ -209,17 +204,13 @@ class ToldPostfix(Trust):
         self.server.next_message()
         self.assertIn("client=a.example[2001:db8::7]", self.server.logged())
 
-    def test_xforward(self):
-        self.start("xforward", smtpd_authorized_xforward_hosts="127.0.0.1")
-        self.all_clients("orig_client=unknown[%s]")
-
-    def test_proxy1(self):
-        self.start("proxy1", smtpd_upstream_proxy_protocol="haproxy")
-        self.all_clients("client=unknown[%s]")
-
-    def test_proxy2(self):
-        self.start("proxy2", smtpd_upstream_proxy_protocol="haproxy")
-        self.all_clients("client=unknown[%s]")
+    def test_other_ways(self):
+        haproxy = {"smtpd_upstream_proxy_protocol": "haproxy"}
+        for how, settings, word in (("xforward", {"smtpd_authorized_xforward_hosts": "127.0.0.1"}, "orig_client"), ("proxy1", haproxy, "client"),
+                                    ("proxy2", haproxy, "client")):
+            with self.subTest(how):
+                self.start(how, **settings)
+                self.all_clients(word + "=unknown[%s]")
 
     def test_one_that_does_not_authorize_us_is_not_told_and_gets_no_mail(self):
         for how in ("xclient", "xforward"):
@@ -228,7 +219,3 @@ class ToldPostfix(Trust):
             self.begun(c)
             self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>")[:4], b"451 ")
             self.assertNotIn("client=", self.server.logged())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -8,7 +8,7 @@ import ssl
 import subprocess
 import tempfile
 
-from harness import BIN, NET, Client, MailServer, Proxy, ScanDaemon, wait_until
+from harness import NET, Client, MailServer, Proxy, ScanDaemon, wait_until
 from system_test import System
 
 NAME = "mail.test"
@@ -76,10 +76,7 @@ class TlsClient(Client):
         assert answer.startswith(b"250"), answer
 
     def send_message(self, body=b"Subject: x\r\n\r\nhello\r\n.\r\n"):
-        for line in (b"MAIL FROM:<s@example.org>", b"RCPT TO:<r@example.org>"):
-            answer = self.ask(line)
-            if not answer.startswith(b"250"):
-                return answer
+        self.mail()
         return self.data(body)
 
 
@@ -144,10 +141,7 @@ class Tls(System):
             self.proxy.stop()
         keys = dict({"TLS/Certificate": self.certificate} if "TLS/Mode" in keys else {}, **keys)
         self.proxy = Proxy(self.server.port, {NET + "/" + key: value for key, value in keys.items()}, start=False)
-        self.logger = subprocess.Popen([BIN + "/vtlogd", "debug"], env=self.proxy.env, stdout=subprocess.DEVNULL)
-        self.addCleanup(self.logger.wait)
-        self.addCleanup(self.logger.terminate)
-        assert wait_until(lambda: os.path.exists(self.proxy.home + "/pipes/vtlogd"), 20)
+        self.proxy.logger()
         self.proxy.start()
         self.scan = ScanDaemon(self.proxy.home, **({"answer": answer} if answer else {}))
 
@@ -162,11 +156,7 @@ class Tls(System):
         return client
 
     def log(self):
-        try:
-            with open(self.proxy.home + "/log/vtlogd.log", encoding="utf-8") as file:
-                return file.read()
-        except FileNotFoundError:
-            return ""
+        return self.proxy.log()
 
     def assert_logged(self, text):
         self.assertTrue(wait_until(lambda: text in self.log()), text + "\n" + self.log())

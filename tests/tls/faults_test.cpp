@@ -62,10 +62,7 @@ void Play(const Fault& fault, Wire& wire, bool server, const std::atomic<bool>& 
 }
 
 TEST(Faults, EndOneHandshakeInTimeAndNothingElse) {
-    const Files files;
-    TlsIdentity identity;
-    const auto context =
-        Serve(identity, {files.Put("pem", Party::Authority("a").Issue().Both()), "", "1.2", ""});
+    const AnyServer any;
     const auto client = TlsClientContext();
     for (const Fault& fault : kFaults) {
         for (const bool weServe : {true, false}) {
@@ -76,7 +73,7 @@ TEST(Faults, EndOneHandshakeInTimeAndNothingElse) {
             const auto start = std::chrono::steady_clock::now();
             const CSocket ours = wire.End(weServe);
             const TlsOutcome outcome =
-                weServe ? TlsAccept(ours, *context, Deadline(kLimit))
+                weServe ? TlsAccept(ours, *any.context, Deadline(kLimit))
                         : TlsConnect(ours, *client, "mail.test", "", Deadline(kLimit));
             const auto took = std::chrono::steady_clock::now() - start;
             over = true;
@@ -86,29 +83,26 @@ TEST(Faults, EndOneHandshakeInTimeAndNothingElse) {
                 weServe && fault.ofServer != nullptr ? fault.ofServer : fault.failure;
             EXPECT_NE(outcome.failure.find(failure), std::string::npos) << outcome.failure;
             EXPECT_EQ(outcome.failure.find_first_of("\r\n"), std::string::npos);
-            EXPECT_LT(took, kLimit + 1s);
+            EXPECT_LT(took, kLimit + 5s);
             if (std::string(fault.failure) == "time over") {
                 EXPECT_GE(took, kLimit);
             }
         }
         const Wire next;
-        const Outcomes both = Shake(next, *context, *client);
+        const Outcomes both = Shake(next, *any.context, *client);
         EXPECT_EQ(both.server.failure + both.client.failure, "") << "after " << fault.what;
     }
 }
 
 TEST(Faults, OfOneThreadAreNotTakenForAnothersResult) {
-    const Files files;
-    TlsIdentity identity;
-    const auto context =
-        Serve(identity, {files.Put("pem", Party::Authority("a").Issue().Both()), "", "1.2", ""});
+    const AnyServer any;
     const auto client = TlsClientContext();
     // In this thread's list of errors there is something of before.
     std::string complaint;
-    EXPECT_EQ(TlsClientContext(files.Put("no", "garbage"), complaint), nullptr);
+    EXPECT_EQ(TlsClientContext(any.files.Put("no", "garbage"), complaint), nullptr);
     ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH);
     const Wire wire;
-    const Outcomes both = Shake(wire, *context, *client);
+    const Outcomes both = Shake(wire, *any.context, *client);
     ASSERT_EQ(both.client.failure, "");
     ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH);
     char byte;
@@ -116,12 +110,9 @@ TEST(Faults, OfOneThreadAreNotTakenForAnothersResult) {
 }
 
 TEST(Faults, WhatIsNothingForUsHoldsNobody) {
-    const Files files;
-    TlsIdentity identity;
-    const auto context =
-        Serve(identity, {files.Put("pem", Party::Authority("a").Issue().Both()), "", "1.2", ""});
+    const AnyServer any;
     const Wire wire(Wire::Mode::kNonBlocking, 1 << 16);
-    const Outcomes both = Shake(wire, *context, *ClientOf(TLS1_3_VERSION));
+    const Outcomes both = Shake(wire, *any.context, *ClientOf(TLS1_3_VERSION));
     ASSERT_EQ(both.client.failure, "");
     Transport& server = *both.server.transport;
     Transport& client = *both.client.transport;

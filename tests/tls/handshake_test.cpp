@@ -12,105 +12,51 @@ namespace {
 
 struct Case {
     const char* what;
-    Wish wish{};
-    TlsIdentitySettings settings{};  // the files are put in
-    int version = 0;                 // the client's; 0: a client that knows an authority
-    const char* clientCiphers = nullptr;
-    bool otherAuthority = false;
-    Call call{};
-    const char* protocol = "";  // empty: it fails, with these words
+    const char* protocol;  // empty: it fails, with these words
     const char* server = "";
     const char* client = "";
+    Call call{};
+    Wish wish{};
+    int version = 0;  // the client's; 0: a client that knows an authority
+    const char* minVersion = "1.2";
+    const char* ciphers = "";
+    const char* clientCiphers = nullptr;
+    bool otherAuthority = false;
 };
-
-TlsIdentitySettings With(const char* minVersion, const char* ciphers) {
-    return {"", "", minVersion, ciphers};
-}
 
 const Wish kAddresses{.names = "IP:127.0.0.1,IP:2001:db8::1"};
 const Wish kExpired{.fromDays = -9, .toDays = -1};
+const Call kMail{"mail.test", "mail.test"};
+const Call kMx{"mx1.mail.test", "mx1.mail.test"};
+constexpr char kNoIssuer[] = "unable to get local issuer certificate";
 
 const Case kCases[] = {
-    {.what = "TLS 1.3", .version = TLS1_3_VERSION, .protocol = "TLSv1.3"},
-    {.what = "TLS 1.2", .version = TLS1_2_VERSION, .protocol = "TLSv1.2"},
-    {.what = "an RSA key", .wish = {.rsa = true}, .version = TLS1_2_VERSION, .protocol = "TLSv1.2"},
-    {.what = "nobody older than 1.3",
-     .settings = With("1.3", ""),
-     .version = TLS1_2_VERSION,
-     .server = "unsupported protocol",
-     .client = "alert protocol version"},
-    {.what = "1.3 where it has to be",
-     .settings = With("1.3", ""),
-     .version = TLS1_3_VERSION,
-     .protocol = "TLSv1.3"},
-    {.what = "no cipher in common",
-     .settings = With("1.2", "ECDHE-ECDSA-AES256-GCM-SHA384"),
-     .version = TLS1_2_VERSION,
-     .clientCiphers = "ECDHE-ECDSA-AES128-GCM-SHA256",
-     .server = "no shared cipher",
-     .client = "alert handshake failure"},
-    {.what = "both kinds of names in one list",
-     .settings = With("1.2", "TLS_AES_128_GCM_SHA256:ECDHE-ECDSA-AES256-GCM-SHA384"),
-     .version = TLS1_3_VERSION,
-     .protocol = "TLSv1.3"},
-    {.what = "the server's name", .call = {"mail.test", "mail.test"}, .protocol = "TLSv1.3"},
-    {.what = "in capitals and with the root's dot",
-     .call = {"mail.test.", "Mail.Test."},
-     .protocol = "TLSv1.3"},
-    {.what = "a name other than the host's",
-     .call = {"10.0.0.1", "mail.test"},
-     .protocol = "TLSv1.3"},
-    {.what = "any name where nobody judges", .call = {"other.test", ""}, .protocol = "TLSv1.3"},
-    {.what = "a wrong name",
-     .call = {"other.test", "other.test"},
-     .server = "alert",
-     .client = "hostname mismatch"},
-    {.what = "a name by a wildcard",
-     .wish = {.names = "DNS:*.mail.test"},
-     .call = {"mx1.mail.test", "mx1.mail.test"},
-     .protocol = "TLSv1.3"},
-    {.what = "a part of a name by a wildcard",
-     .wish = {.names = "DNS:m*1.mail.test"},
-     .call = {"mx1.mail.test", "mx1.mail.test"},
-     .server = "alert",
-     .client = "hostname mismatch"},
-    {.what = "an IPv4 address",
-     .wish = kAddresses,
-     .call = {"127.0.0.1", "127.0.0.1"},
-     .protocol = "TLSv1.3"},
-    {.what = "an IPv6 address",
-     .wish = kAddresses,
-     .call = {"2001:db8::1", "2001:db8:0::1"},
-     .protocol = "TLSv1.3"},
-    {.what = "a wrong address",
-     .wish = kAddresses,
-     .call = {"127.0.0.2", "127.0.0.2"},
-     .server = "alert",
-     .client = "IP address mismatch"},
-    {.what = "expired, judged",
-     .wish = kExpired,
-     .call = {"mail.test", "mail.test"},
-     .server = "alert certificate expired",
-     .client = "certificate has expired"},
-    {.what = "expired, not judged",
-     .wish = kExpired,
-     .version = TLS1_3_VERSION,
-     .protocol = "TLSv1.3"},
-    {.what = "not good yet",
-     .wish = {.fromDays = 2},
-     .call = {"mail.test", "mail.test"},
-     .server = "alert",
-     .client = "certificate is not yet valid"},
-    {.what = "an authority that the client doesn't know",
-     .otherAuthority = true,
-     .call = {"mail.test", "mail.test"},
-     .server = "alert unknown ca",
-     .client = "unable to get local issuer certificate"},
-    {.what = "judged without knowing any authority",
-     .version = TLS1_3_VERSION,
-     .call = {"mail.test", "mail.test"},
-     .server = "alert unknown ca",
-     .client = "unable to get local issuer certificate"},
+    {"TLS 1.3", "TLSv1.3", "", "", {}, {}, TLS1_3_VERSION},
+    {"TLS 1.2", "TLSv1.2", "", "", {}, {}, TLS1_2_VERSION},
+    {"an RSA key", "TLSv1.2", "", "", {}, {.rsa = true}, TLS1_2_VERSION},
+    {"nobody older", "", "unsupported protocol", "version", {}, {}, TLS1_2_VERSION, "1.3"},
+    {"no cipher in common",
+     "",
+     "no shared cipher",
+     "handshake failure",
+     {},
+     {},
+     TLS1_2_VERSION,
+     "1.2",
+     "ECDHE-ECDSA-AES256-GCM-SHA384",
+     "ECDHE-ECDSA-AES128-GCM-SHA256"},
+    {"capitals and the root's dot", "TLSv1.3", "", "", {"mail.test.", "Mail.Test."}},
+    {"a name other than the host's", "TLSv1.3", "", "", {"10.0.0.1", "mail.test"}},
+    {"a wrong name", "", "alert", "hostname mismatch", {"other.test", "other.test"}},
+    {"a wildcard", "TLSv1.3", "", "", kMx, {.names = "DNS:*.mail.test"}},
+    {"a part of one", "", "alert", "hostname mismatch", kMx, {.names = "DNS:m*1.mail.test"}},
+    {"an address", "TLSv1.3", "", "", {"2001:db8::1", "2001:db8:0::1"}, kAddresses},
+    {"a wrong one", "", "alert", "IP address mismatch", {"127.0.0.2", "127.0.0.2"}, kAddresses},
+    {"expired, judged", "", "alert certificate expired", "certificate has expired", kMail,
+     kExpired},
+    {"expired, not judged", "TLSv1.3", "", "", {}, kExpired, TLS1_3_VERSION},
+    {"not good yet", "", "alert", "certificate is not yet valid", kMail, {.fromDays = 2}},
+    {"an unknown authority", "", "unknown ca", kNoIssuer, kMail, {}, 0, "1.2", "", nullptr, true},
 };
 
 void Expect(const TlsOutcome& outcome, const char* protocol, const char* failure) {
@@ -130,7 +76,7 @@ TEST(Handshake, SucceedsOrSaysWhy) {
         SCOPED_TRACE(each.what);
         const Party party = (each.otherAuthority ? other : authority).Issue(each.wish);
         TlsIdentity identity;
-        TlsIdentitySettings settings = each.settings;
+        TlsIdentitySettings settings{"", "", each.minVersion, each.ciphers};
         settings.certificate = files.Put("certificate", party.Certificate());
         settings.key = files.Put("key", party.Key());
         identity.Configure(settings);
@@ -151,10 +97,6 @@ TEST(Handshake, SucceedsOrSaysWhy) {
 }
 
 TEST(Handshake, TheServersNameIsSaidUnlessItIsAnAddress) {
-    const Files files;
-    TlsIdentity identity;
-    const auto server =
-        Serve(identity, {files.Put("pem", Party::Authority("a").Issue().Both()), "", "1.2", ""});
     const auto client = ClientOf(TLS1_3_VERSION);
     // A name in the first message of the client, which is in plain text.
     for (const auto& [host, said] :

@@ -1,13 +1,13 @@
 // What a connection costs that nothing happens on.
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
 #include <vector>
 
+#include "platform/file.h"
 #include "tls/peers.h"
 
 namespace {
@@ -31,24 +31,16 @@ std::size_t Resident() {
 
 TEST(Memory, OfAnIdleLegIsSmall) {
     if (kOtherAllocator) GTEST_SKIP() << "the sanitizer's allocator";
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur < 2 * kConnections + 50) GTEST_SKIP() << "too few descriptors";
-    const Files files;
-    const Party authority = Party::Authority("authority");
+    platform::RaiseDescriptorLimit();
+    const AnyServer any({.rsa = true});
     std::string complaint;
-    TlsIdentity identity;
-    const auto server =
-        Serve(identity, {files.Put("pem", authority.Issue({.rsa = true}).Both()), "", "1.2", ""});
     const auto client =
-        TlsClientContext(files.Put("authorities", authority.Certificate()), complaint);
+        TlsClientContext(any.files.Put("authorities", any.authority.Certificate()), complaint);
     std::vector<std::unique_ptr<Wire>> wires;
     std::vector<Outcomes> idle;
     const auto one = [&] {
         wires.push_back(std::make_unique<Wire>());
-        idle.push_back(Shake(*wires.back(), *server, *client, {"mail.test", "mail.test"}));
+        idle.push_back(Shake(*wires.back(), *any.context, *client, {"mail.test", "mail.test"}));
         Outcomes& both = idle.back();
         ASSERT_EQ(both.server.failure + both.client.failure, "");
         // Both have read and written, and wait.

@@ -68,6 +68,9 @@ std::shared_ptr<const TlsContext> Serve(TlsIdentity& identity, TlsIdentitySettin
     return context;
 }
 
+AnyServer::AnyServer(const Wish& wish)
+    : context(Serve(identity, {files.Put("pem", authority.Issue(wish).Both()), "", "1.2", ""})) {}
+
 std::shared_ptr<const TlsContext> ClientOf(int version, const char* ciphers) {
     OwnedSslContext context = NewSslContext(TLS_client_method());
     SSL_CTX_set_max_proto_version(context.get(), version);
@@ -78,9 +81,7 @@ std::shared_ptr<const TlsContext> ClientOf(int version, const char* ciphers) {
 }
 
 Secured::Secured(int version, Wire::Mode mode, int buffer) : wire(mode, buffer) {
-    const Party party = Party::Authority("authority").Issue();
-    const auto context = Serve(identity_, {files_.Put("pem", party.Both()), "", "1.2", ""});
-    Outcomes both = Shake(wire, *context, *ClientOf(version));
+    Outcomes both = Shake(wire, *server_.context, *ClientOf(version));
     EXPECT_EQ(both.server.failure, "");
     EXPECT_EQ(both.client.failure, "");
     server.Attach(wire.Server());

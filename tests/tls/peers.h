@@ -46,6 +46,15 @@ Outcomes Shake(const Wire& wire, const TlsContext& server, const TlsContext& cli
 
 // Server's context of a certificate, without a complaint.
 std::shared_ptr<const TlsContext> Serve(TlsIdentity& identity, TlsIdentitySettings settings);
+// A server with a certificate for mail.test of an authority of its own.
+struct AnyServer {
+    explicit AnyServer(const Wish& wish = {});
+
+    Files files;
+    Party authority = Party::Authority("authority");
+    TlsIdentity identity;
+    std::shared_ptr<const TlsContext> context;
+};
 // A client that judges nobody and speaks this version at most: TLS1_2_VERSION, ...
 std::shared_ptr<const TlsContext> ClientOf(int version, const char* ciphers = nullptr);
 
@@ -59,6 +68,5 @@ class Secured {
     Stream client;
 
   private:
-    Files files_;
-    TlsIdentity identity_;
+    AnyServer server_;
 };

@@ -53,19 +53,6 @@ TEST_P(SecuredStream, CarriesMuchBothWaysThroughSmallBuffers) {
     }
 }
 
-TEST_P(SecuredStream, LinesAndBlocksTakeTurns) {
-    Secured both(GetParam());
-    EXPECT_TRUE(both.client.Queue("first\r\n"));
-    EXPECT_TRUE(both.client.Send("second\r\nblock"));
-    std::string_view line;
-    EXPECT_EQ(both.server.ReadLine(line, 100), Stream::Line::kWhole);
-    EXPECT_EQ(line, "first\r\n");
-    EXPECT_TRUE(both.server.HasLineAhead());
-    EXPECT_EQ(both.server.ReadLine(line, 100), Stream::Line::kWhole);
-    EXPECT_EQ(line, "second\r\n");
-    EXPECT_EQ(ReadAll(both.server, 5), "block");
-}
-
 TEST_P(SecuredStream, OnlyTheLastWordIsAnEnd) {
     struct Case {
         const char* what;
@@ -173,7 +160,7 @@ TEST_P(SecuredStream, BytesOfARecordCountForNoArrival) {
     both.server.SetLimit(1);
     std::string_view line;
     EXPECT_EQ(both.server.ReadLine(line, 100), Stream::Line::kFailed);
-    EXPECT_LT(Clock::now() - start, 4s);
+    EXPECT_LT(Clock::now() - start, 12s);
     EXPECT_GE(Clock::now() - start, 2s);
     over = true;
     peer.join();

@@ -102,12 +102,6 @@ TEST_P(Tickets, AResumedConnectionHasOneOfItsOwn) {
     EXPECT_TRUE(Again(second).resumed);
 }
 
-TEST_P(Tickets, AKeyThatNobodyWantedInTimeIsNotKept) {
-    const Visit first = Go(*server_, GetParam(), nullptr);
-    now_ = now_.load() + 121min;
-    EXPECT_FALSE(Again(first).resumed);
-}
-
 TEST_P(Tickets, OutliveTheCertificateButNotTheRules) {
     const Visit first = Go(*server_, GetParam(), nullptr);
     const auto before = server_;

@@ -18,11 +18,10 @@ std::string Judge(const TlsContext& server, const std::string& caFile) {
 }
 
 TEST(Trust, FollowsItsFile) {
-    const Files files;
-    const Party authority = Party::Authority("authority");
-    TlsIdentity identity;
-    const auto server =
-        Serve(identity, {files.Put("pem", authority.Issue().Both()), "", "1.2", ""});
+    const AnyServer any;
+    const Files& files = any.files;
+    const Party& authority = any.authority;
+    const auto& server = any.context;
     const std::string file = files.Put("authorities", Party::Authority("other").Certificate());
     constexpr char kUnknown[] = "unable to get local issuer certificate";
     EXPECT_EQ(Judge(*server, file), kUnknown);

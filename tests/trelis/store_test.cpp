@@ -75,10 +75,6 @@ TEST_F(Store, ChildrenInByteOrderAndDeletionOfAll) {
         names += std::string(name) + " ";
     TrelisEnumClose(kLocalStore, walk);
     EXPECT_EQ(names, "B a a.c b \xC3\xA4 ");
-    walk = TrelisEnumOpen(kLocalStore, "/e/a");
-    ASSERT_NE(walk, nullptr);
-    EXPECT_NE(TrelisEnumRead(kLocalStore, walk, name, sizeof name), 0);
-    TrelisEnumClose(kLocalStore, walk);
     EXPECT_EQ(TrelisEnumOpen(kLocalStore, "/missing"), nullptr);
     TrelisEnumClose(kLocalStore, nullptr);
     TrelisSetValue(kLocalStore, "/e.x", "sibling");
@@ -111,7 +107,7 @@ TEST_F(Store, AnotherProcessIsSeenSoon) {
     const UniqueHandle event(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch));
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(Finish(Tool({"set", "/x/y", "1"})), 0);
-        EXPECT_EQ(WaitForSingleObject(event.Get(), 1000), WAIT_OBJECT_0) << i;
+        EXPECT_EQ(WaitForSingleObject(event.Get(), 10000), WAIT_OBJECT_0) << i;
         ResetEvent(event.Get());
         EXPECT_EQ(TrelisWaitNotify(kLocalStore, watch, 0), 1);
     }

@@ -1,0 +1,136 @@
+#include "session/message/spool_file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include "support/instance.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class Spool : public testing::Test {
+  protected:
+    Spool() {
+        for (const char* each : {"/tmp", "/services", "/pipes"})
+            fs::create_directories(g_instance.Path() + each);
+        EXPECT_TRUE(spool_.Name(4711));
+    }
+    // A message in its file.
+    void Have(const std::string& text) {
+        ASSERT_TRUE(spool_.OpenNext());
+        ASSERT_TRUE(spool_.Write(text));
+        ASSERT_TRUE(spool_.Close());
+    }
+    // What would go to the server.
+    std::string Whole() const {
+        if (const auto kept = spool_.Kept()) return std::string(*kept);
+        std::string text(static_cast<std::size_t>(spool_.Size()), '\0');
+        EXPECT_EQ(spool_.File().ReadAt(0, text.data(), text.size()), spool_.Size());
+        return text;
+    }
+    static std::string Read(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    ino_t Number() const {
+        struct stat info {};
+        EXPECT_EQ(stat(spool_.Path().c_str(), &info), 0);
+        return info.st_ino;
+    }
+    SpoolFile spool_;
+};
+
+void Overwrite(const std::string& path, const std::string& text, int flags) {
+    const int file = open(path.c_str(), O_WRONLY | flags);
+    EXPECT_EQ(write(file, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(file);
+}
+
+// What counts is what the scan leaves, however soon it comes and whatever its size.
+TEST_F(Spool, WhatTheScanLeavesIsWhatGoesOn) {
+    const std::string small(1000, 's');
+    const std::string large(200000, 'l');
+    using Change = std::function<void(const std::string&)>;
+    struct Case {
+        const char* what;
+        std::function<std::string(const std::string&)> becomes;
+        Change change;
+    };
+    const auto marked = [](std::string text) { return text.replace(0, 5, "MARKS"); };
+    const Case cases[] = {
+        {"nothing", [](const std::string& text) { return text; }, [](const std::string&) {}},
+        {"same size, in place", marked, [](const std::string& path) { Overwrite(path, "MARKS", 0); }},
+        {"grown", [](const std::string& text) { return text + "MORE"; },
+         [](const std::string& path) { Overwrite(path, "MORE", O_APPEND); }},
+        {"cut", [](const std::string& text) { return text.substr(0, 7); },
+         [](const std::string& path) { fs::resize_file(path, 7); }},
+        {"replaced", marked,
+         [](const std::string& path) {
+             fs::copy_file(path, path + ".new");
+             Overwrite(path + ".new", "MARKS", 0);
+             fs::last_write_time(path + ".new", fs::last_write_time(path));
+             fs::rename(path + ".new", path);
+         }},
+    };
+    for (const std::string& text : {small, large}) {
+        for (const Case& each : cases) {
+            ASSERT_NO_FATAL_FAILURE(Have(text));
+            EXPECT_EQ(Read(spool_.Path()), text);
+            each.change(spool_.Path());
+            ASSERT_EQ(spool_.LookAgain(), SpoolFile::Found::kWhole) << each.what;
+            EXPECT_EQ(Whole(), each.becomes(text)) << each.what;
+        }
+        ASSERT_NO_FATAL_FAILURE(Have(text));
+        fs::remove(spool_.Path());
+        EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kGone);
+    }
+}
+
+TEST_F(Spool, PiecesAreStoredAsTheyCome) {
+    ASSERT_NO_FATAL_FAILURE(Have("first "));
+    std::string all = "first ";
+    for (const std::size_t size : {10, 70000, 3}) {
+        const std::string piece(size, 'p');
+        ASSERT_TRUE(spool_.OpenAgain() && spool_.Write(piece) && spool_.Close());
+        all += piece;
+        EXPECT_EQ(Read(spool_.Path()), all);
+    }
+    ASSERT_EQ(spool_.LookAgain(), SpoolFile::Found::kWhole);
+    EXPECT_EQ(Whole(), all);
+}
+
+// A file is used again, but never one that somebody still has.
+TEST_F(Spool, AFileThatSomebodyHasIsHisForGood) {
+    ASSERT_NO_FATAL_FAILURE(Have("the first message"));
+    const ino_t first = Number();
+    ASSERT_NO_FATAL_FAILURE(Have("another"));
+    EXPECT_EQ(Number(), first) << "nobody has it: what follows would show nothing";
+    EXPECT_EQ(Read(spool_.Path()), "another");
+
+    const int reader = open(spool_.Path().c_str(), O_RDONLY);
+    ASSERT_NO_FATAL_FAILURE(Have("a third one"));
+    char text[20] = "";
+    EXPECT_EQ(read(reader, text, sizeof text), 7);
+    EXPECT_STREQ(text, "another");
+    close(reader);
+
+    const std::string kept = g_instance.Path() + "/kept";
+    fs::create_hard_link(spool_.Path(), kept);
+    ASSERT_NO_FATAL_FAILURE(Have("a fourth one"));
+    EXPECT_EQ(Read(kept), "a third one");
+    fs::rename(spool_.Path(), kept + "2");
+    ASSERT_NO_FATAL_FAILURE(Have("a fifth one"));
+    EXPECT_EQ(Read(kept + "2"), "a fourth one");
+    spool_.Remove();
+    EXPECT_TRUE(fs::is_empty(g_instance.Path() + "/tmp/VTNP"));
+}
+
+}  // namespace

@@ -2,8 +2,8 @@
 // admission of connections, and the program's main.
 //
 // All of the host's work is done by one thread, the one in Run: it alone touches the table, the
-// listeners and the hidden window, so none of them has a lock. Sessions run on threads of their
-// own.
+// listeners and the hidden window, so none of them has a lock. Sessions run as tasks on the
+// platform's threads.
 #pragma once
 
 #include <array>

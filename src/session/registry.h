@@ -13,12 +13,12 @@ class SessionRegistry {
     // The one registry of the process; never destroyed, so that late threads find it.
     static SessionRegistry& Instance();
 
-    // A session is about to be handed to its thread. False: the service is stopping and takes none
+    // A session is about to be handed to its task. False: the service is stopping and takes none
     // any more.
     bool Enter(CSMTPProxy* session);
     // The session is about to close its sockets: the registry reaches for it no more.
     void Leave(CSMTPProxy* session);
-    // The session's thread has nothing left to do.
+    // The session's task has nothing left to do.
     void Done();
 
     // From now on a session ends instead of waiting for a client's command; those that wait now end
@@ -26,11 +26,11 @@ class SessionRegistry {
     void BeginStop();
     // Cuts the connections of all sessions that are left.
     void CutAll();
-    // Waits until no session's thread is at work. False if the time was not enough.
+    // Waits until no session's task is at work. False if the time was not enough.
     bool WaitIdle(std::chrono::milliseconds limit);
-    // Whether no session's thread is left at all, at work or not.
+    // Whether no session's task is left at all, at work or not.
     bool Empty();
-    // While one lives, its session's thread only sleeps, with nothing in hand: a stop doesn't wait
+    // While one lives, its session's task only sleeps, with nothing in hand: a stop doesn't wait
     // for it.
     class Delay {
       public:

@@ -9,7 +9,7 @@
 #include "tls/handshake.h"
 #include "tls/identity.h"
 
-// How long a handshake may take: a stranger's thread isn't held for longer.
+// How long a handshake may take: a stranger's session isn't held for longer.
 Deadline HandshakeLimit(const SessionSettings& settings);
 
 // What the next handshake with a client shows; null: there is no certificate that can be used. What

@@ -1,9 +1,10 @@
-// session/: one CSMTPProxy and one thread a client connection. Read it along a message's road:
-// conversation.h, dialogue/ (commands and replies), message/ (into the spool file, scan, and on to
-// the server), address/ (what a path means); what these share is in peers.h and envelope.h.
+// session/: one CSMTPProxy and one task (platform/task.h) a client connection. Read it along a
+// message's road: conversation.h, dialogue/ (commands and replies), message/ (into the spool file,
+// scan, and on to the server), address/ (what a path means); what these share is in peers.h and
+// envelope.h.
 //
 // A session is made on the host's thread (CreateSession, ApplyInterface, SetConnectionCounter,
-// Start) and belongs to its own thread from Start on, which destroys it. Results of the phases: 1
+// Start) and belongs to its own task from Start on, which destroys it. Results of the phases: 1
 // go on, 0 end the session.
 #pragma once
 
@@ -32,9 +33,9 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     void ApplyInterface(const NetworkInterface& interface, long long scanLimit);
     // The counter must outlive the session.
     void SetConnectionCounter(std::atomic<std::int32_t>* counter) { connectionCounter_ = counter; }
-    // Starts the session's thread. 0 (also if it runs already), or -1.
+    // Starts the session's task. 0 (also if it runs already), or -1.
     int Start();
-    // The whole session, on its thread. Always 0.
+    // The whole session, in its task. Always 0.
     int RunSession();
 
     // Called by the registry under its lock, from the host's thread.
@@ -80,7 +81,7 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     SpoolFile spool_;
     bool nobodyTold_ = false;  // somebody trusted speaks for itself: a health check
 
-    // For the registry: whether the thread waits for a command, whether it shall end, and the
+    // For the registry: whether the task waits for a command, whether it shall end, and the
     // sockets to cut. A socket is closed only after its handle has been taken out of here.
     std::atomic<bool> waitingForCommand_{false};
     std::atomic<bool> stopRequested_{false};

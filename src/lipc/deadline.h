@@ -1,0 +1,27 @@
+// Inside lipc/: a point in time that is waited to.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+
+class Deadline {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // Milliseconds as the layer takes them; below 0: no limit.
+    explicit Deadline(std::int32_t timeoutMs)
+        : end_(timeoutMs < 0 ? Clock::time_point::max()
+                             : Clock::now() + std::chrono::milliseconds(timeoutMs)) {}
+    bool Never() const { return end_ == Clock::time_point::max(); }
+    Clock::time_point End() const { return end_; }
+    // Milliseconds, as the operations take them.
+    std::int32_t Left() const {
+        if (Never()) return -1;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
+        return static_cast<std::int32_t>(std::max<std::int64_t>(left, 0));
+    }
+
+  private:
+    Clock::time_point end_;
+};

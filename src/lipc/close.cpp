@@ -27,6 +27,9 @@ void CloseConnections(LIPCEndpoint& endpoint) {
     for (const int each : channels) {
         if (each >= 0) PipeClose(each);
     }
+    const std::lock_guard lock(endpoint.lock);
+    endpoint.connections.remove_if([](const auto& each) { return !each->inUse; });
+    endpoint.idle.clear();
 }
 
 // Wakes those who wait for the daemon, or for a client. Asked again and again: one that connects
@@ -47,6 +50,7 @@ void WakeUsers(LIPCEndpoint& endpoint) {
 void Bury(LIPCEndpoint* endpoint) {
     static std::mutex& mutex = *new std::mutex;
     static auto& graves = *new std::vector<std::unique_ptr<LIPCEndpoint>>;
+    endpoint->served.Reset();
     endpoint->completions.Reset();
     const std::lock_guard lock(mutex);
     graves.emplace_back(endpoint);

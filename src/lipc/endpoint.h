@@ -65,6 +65,7 @@ struct LIPCEndpoint {
     // Server. All who serve wait on the one queue of the channels' completions. What a completion
     // has led to stands here, for whoever comes first.
     UniqueHandle completions;              // not guarded: as long as there are users
+    UniqueHandle served;                   // the name
     std::deque<LIPCConnection*> requests;  // connections with a request, which nobody has
     std::deque<LIPCConnection*> lost;      // to be dropped
     std::size_t listening = 0;             // connections that wait for a client

@@ -96,6 +96,8 @@ int StepUntil(PipeChannel& channel, const Done& done) {
     return status;
 }
 
+std::string PathOf(const char* name) { return std::string("\\\\.\\pipe\\") + name; }
+
 int StatusOfOpen(DWORD error) {
     if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return LIPC_NOT_THERE;
     return error == ERROR_PIPE_BUSY ? LIPC_BUSY : LIPC_FAILED;
@@ -119,9 +121,13 @@ int Connect(PipeChannel& channel, const char* path) {
     return LIPC_OK;
 }
 
+HANDLE NewInstance(const char* path) {
+    return CreateNamedPipeA(path, kListenAccess, PIPE_TYPE_BYTE, kPipeInstances, kPipeBufferSize,
+                            kPipeBufferSize, INFINITE, nullptr);
+}
+
 int Listen(PipeChannel& channel, const char* path) {
-    channel.pipe.Reset(CreateNamedPipeA(path, kListenAccess, PIPE_TYPE_BYTE, kPipeInstances,
-                                        kPipeBufferSize, kPipeBufferSize, INFINITE, nullptr));
+    channel.pipe.Reset(NewInstance(path));
     if (!channel.pipe || !BindToQueue(channel)) return LIPC_FAILED;
     ++channel.pendingIo;
     if (ConnectNamedPipe(channel.pipe.Get(), &channel.connectIo.overlapped) != FALSE ||
@@ -187,6 +193,11 @@ int SendByQueue(PipeChannel& channel) {
 
 }  // namespace
 
+HANDLE PipeServeName(const char* name) {
+    const HANDLE instance = NewInstance(PathOf(name).c_str());
+    return instance == INVALID_HANDLE_VALUE ? nullptr : instance;
+}
+
 int PipeOpen(const char* name, unsigned flags, ...) {
     if (name == nullptr) return LIPC_BAD_ARGUMENT;
     const int number = Reserve();
@@ -194,7 +205,7 @@ int PipeOpen(const char* name, unsigned flags, ...) {
     int status = LIPC_NO_MEMORY;
     std::shared_ptr<PipeChannel> channel;
     try {
-        const std::string path = std::string("\\\\.\\pipe\\") + name;
+        const std::string path = PathOf(name);
         channel = std::make_shared<PipeChannel>();
         for (PipeIoRecord* record : {&channel->connectIo, &channel->readIo, &channel->writeIo})
             record->owner = channel.get();

@@ -33,6 +33,10 @@ enum PipeEvent {
 };
 using PipeCallback = void (*)(void* context, int event);
 
+// Takes the name for a server, whose channels come and go: clients that wait in its backlog stay
+// while none of them listens. Null if another process has it.
+HANDLE PipeServeName(const char* name);
+
 // The channel's number, or a negative status. A listening channel goes on listening behind its
 // return.
 int PipeOpen(const char* name, unsigned flags, ...);

@@ -114,8 +114,10 @@ int LIPCOpenServer(LIPCEndpoint** endpoint, const char* name) {
         return status;
     LIPCEndpoint& made = **endpoint;
     made.completions.Reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
+    made.served.Reset(PipeServeName(name));
     const Work first = TakeWork(made);
-    if (made.completions && first.fresh != nullptr && Listen(made, *first.fresh) == LIPC_OK)
+    if (made.completions && made.served && first.fresh != nullptr &&
+        Listen(made, *first.fresh) == LIPC_OK)
         return LIPC_OK;
     LIPCClose(*endpoint);
     *endpoint = nullptr;

@@ -181,7 +181,9 @@ TEST_F(Serving, ClientsThatHaveComeMeanwhile) {
     for (int i = 0; i < 100; ++i)
         askers.emplace_back([this, i] {
             const std::string text = std::to_string(i);
-            EXPECT_EQ(Ask(client_, text, 20000).reply, text);
+            const Exchange result = Ask(client_, text, 20000);
+            EXPECT_EQ(result.status, LIPC_OK);
+            EXPECT_EQ(result.reply, text);
         });
     std::this_thread::sleep_for(50ms);
     Serve(3);

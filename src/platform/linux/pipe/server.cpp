@@ -66,8 +66,8 @@ PipeServer::~PipeServer() {
 
 bool PipeServer::Watch(CompletionQueue* queue) {
     const std::lock_guard lock(mutex_);
-    if (watch_ != 0) return true;
     // All instances of a name use one queue: the first one's.
+    if (watch_ != 0) return queue_.get() == queue;
     target_.reset(NewObject<Listener>(weak_from_this()));
     if (target_ != nullptr) watch_ = queue->Watch(listener_.Get(), target_.get());
     if (watch_ != 0) queue_ = Share(queue);

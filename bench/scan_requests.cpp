@@ -1,13 +1,14 @@
 // The question to the scan daemon: scan_requests VTMAILD [REQUESTS]. Starts the daemon with the
-// instant answer and asks it with 1 and with 10 threads, the bare request and the whole scan. For
-// each: requests a second, and of client and daemon the processor time and the voluntary context
-// switches of one request.
+// instant answer and asks it with 1 and with 10 threads, and tasks, the bare request and the whole
+// scan. For each: requests a second, and of client and daemon the processor time and the voluntary
+// context switches of one request.
 #include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "lipc/deliver.h"
+#include "platform/task.h"
 #include "scanclient/scanclient.h"
 #include "support/instance.h"
 #include "tagmsg/owned.h"
@@ -47,6 +49,15 @@ Cost CostOf(pid_t process) {
     return cost;
 }
 
+LIPCEndpoint* g_endpoint = nullptr;
+
+bool Request() {
+    OwnedFlatForm flat;
+    const TagMsgField fields[] = {{TagPath, "/var/spool/vantrel/message-1"}};
+    TagMsgFlatten(fields, flat);
+    return LIPCDeliver(g_endpoint, flat.data, flat.length) == LIPC_OK;
+}
+
 bool Scan() {
     MailScanRecord record{};
     record.path = "/var/spool/vantrel/message-1";
@@ -71,28 +82,46 @@ Cost MyCost() {
             static_cast<double>(usage.ru_nvcsw)};
 }
 
-template <typename Request>
-void Measure(const char* name, pid_t daemon, int threads, int requests, const Request& request) {
+// Runs `count` of them at once, on threads or as tasks, each `times` times.
+void RunAll(bool tasks, int count, int times, bool (*request)()) {
+    struct Run {
+        int times;
+        bool (*request)();
+        std::atomic<int> running;
+    } run{times, request, count};
+    const auto work = [](void* argument) {
+        auto& all = *static_cast<Run*>(argument);
+        for (int n = 0; n < all.times; ++n) {
+            if (!all.request()) std::abort();
+        }
+        --all.running;
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        if (tasks)
+            platform::StartTask(work, &run);
+        else
+            threads.emplace_back(work, &run);
+    }
+    for (std::thread& each : threads) each.join();
+    while (run.running > 0) platform::SleepFor(std::chrono::milliseconds(1));
+}
+
+void Measure(const char* name, pid_t daemon, bool tasks, int count, int requests,
+             bool (*request)()) {
     const Cost theirs = CostOf(daemon);
     const Cost mine = MyCost();
     const auto start = std::chrono::steady_clock::now();
-    std::vector<std::thread> all;
-    for (int i = 0; i < threads; ++i)
-        all.emplace_back([&request, count = requests / threads] {
-            for (int n = 0; n < count; ++n) {
-                if (!request()) std::abort();
-            }
-        });
-    for (std::thread& each : all) each.join();
+    RunAll(tasks, count, requests / count, request);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
     const Cost now = MyCost();
     const Cost theirsNow = CostOf(daemon);
-    std::printf(
-        "%-8s %2d threads %6.0f/s   client %5.1f us %5.2f switches   daemon %5.1f us %5.2f\n", name,
-        threads, requests / took.count(), (now.microseconds - mine.microseconds) / requests,
-        (now.switches - mine.switches) / requests,
-        (theirsNow.microseconds - theirs.microseconds) / requests,
-        (theirsNow.switches - theirs.switches) / requests);
+    std::printf("%-8s %2d %s %6.0f/s   client %5.1f us %5.2f switches   daemon %5.1f us %5.2f\n",
+                name, count, tasks ? "tasks  " : "threads", requests / took.count(),
+                (now.microseconds - mine.microseconds) / requests,
+                (now.switches - mine.switches) / requests,
+                (theirsNow.microseconds - theirs.microseconds) / requests,
+                (theirsNow.switches - theirs.switches) / requests);
 }
 
 }  // namespace
@@ -108,17 +137,14 @@ int main(int argc, char** argv) {
     MailScanInit();
     for (int i = 0; i < 500 && !Scan(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    OwnedFlatForm flat;
-    const TagMsgField fields[] = {{TagPath, "/var/spool/vantrel/message-1"}};
-    TagMsgFlatten(fields, flat);
-    LIPCEndpoint* endpoint = nullptr;
-    LIPCOpenClient(&endpoint, "vtmaild");
-    for (const int threads : {1, 10}) {
-        Measure("request", daemon, threads, requests,
-                [&] { return LIPCDeliver(endpoint, flat.data, flat.length) == LIPC_OK; });
-        Measure("scan", daemon, threads, requests, Scan);
+    LIPCOpenClient(&g_endpoint, "vtmaild");
+    for (const bool tasks : {false, true}) {
+        for (const int count : {1, 10}) {
+            Measure("request", daemon, tasks, count, requests, Request);
+            Measure("scan", daemon, tasks, count, requests, Scan);
+        }
     }
-    LIPCClose(endpoint);
+    LIPCClose(g_endpoint);
     MailScanUninit();
     kill(daemon, SIGTERM);
     waitpid(daemon, nullptr, 0);

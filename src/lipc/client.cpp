@@ -55,7 +55,8 @@ int LIPCAcquire(LIPCEndpoint& endpoint, LIPCConnection** connection) {
 // Waits in the line until the caller is its first and there is a connection to be had.
 int WaitForTurn(LIPCEndpoint& endpoint, std::unique_lock<std::mutex>& lock,
                 LIPCConnection** connection, std::uint64_t turn, const Deadline& end) {
-    LIPCWaiter waiter;
+    LIPCWaiter waiter{UniqueHandle(CreateEventA(nullptr, FALSE, FALSE, nullptr))};
+    if (!waiter.wake) return LIPC_NO_MEMORY;
     endpoint.waiting.emplace(turn, &waiter);
     int status = kAllHeld;
     for (bool late = false; status == kAllHeld;) {
@@ -65,12 +66,13 @@ int WaitForTurn(LIPCEndpoint& endpoint, std::unique_lock<std::mutex>& lock,
             status = TakeConnection(endpoint, connection);
         }
         if (status != kAllHeld) break;
-        if (late)
+        if (late) {
             status = LIPC_BUSY;
-        else if (end.Never())
-            waiter.wake.wait(lock);
-        else
-            late = waiter.wake.wait_until(lock, end.End()) == std::cv_status::timeout;
+            break;
+        }
+        lock.unlock();
+        late = WaitForSingleObject(waiter.wake.Get(), WaitLimit(end.Left())) == WAIT_TIMEOUT;
+        lock.lock();
     }
     endpoint.waiting.erase(turn);
     // There may be more than one, or the one that it was woken for is not taken.

@@ -3,12 +3,12 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "lipc/endpoint.h"
 #include "lipc/pipe.h"
+#include "platform/task.h"
 
 namespace {
 
@@ -63,12 +63,12 @@ int LIPCClose(LIPCEndpoint* endpoint) {
     {
         const std::lock_guard lock(endpoint->lock);
         endpoint->closing = true;
-        for (const auto& [turn, waiter] : endpoint->waiting) waiter->wake.notify_one();
+        for (const auto& [turn, waiter] : endpoint->waiting) SetEvent(waiter->wake.Get());
     }
     for (auto pause = std::chrono::milliseconds(1); endpoint->users > 0;
          pause = std::min(pause * 2, kLongestPoll)) {
         WakeUsers(*endpoint);
-        std::this_thread::sleep_for(pause);
+        platform::SleepFor(pause);
     }
     CloseConnections(*endpoint);
     Bury(endpoint);

@@ -13,11 +13,9 @@ class Deadline {
     explicit Deadline(std::int32_t timeoutMs)
         : end_(timeoutMs < 0 ? Clock::time_point::max()
                              : Clock::now() + std::chrono::milliseconds(timeoutMs)) {}
-    bool Never() const { return end_ == Clock::time_point::max(); }
-    Clock::time_point End() const { return end_; }
     // Milliseconds, as the operations take them.
     std::int32_t Left() const {
-        if (Never()) return -1;
+        if (end_ == Clock::time_point::max()) return -1;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
         return static_cast<std::int32_t>(std::max<std::int64_t>(left, 0));
     }

@@ -72,7 +72,7 @@ int LIPCOpenConnection(LIPCEndpoint& endpoint, LIPCConnection& connection) {
 }
 
 void LIPCWakeNext(LIPCEndpoint& endpoint) {
-    if (!endpoint.waiting.empty()) endpoint.waiting.begin()->second->wake.notify_one();
+    if (!endpoint.waiting.empty()) SetEvent(endpoint.waiting.begin()->second->wake.Get());
 }
 
 void LIPCDropConnection(LIPCEndpoint& endpoint, LIPCConnection& connection) {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -46,7 +45,7 @@ struct LIPCConnection {
 
 // A caller who waits for a free connection, on its own stack.
 struct LIPCWaiter {
-    std::condition_variable wake;
+    UniqueHandle wake;
 };
 
 struct LIPCEndpoint {

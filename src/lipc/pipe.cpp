@@ -114,7 +114,7 @@ int Connect(PipeChannel& channel, const char* path) {
     channel.pipe.Reset(CreateFileA(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                    FILE_FLAG_OVERLAPPED, nullptr));
     if (!channel.pipe) return StatusOfOpen(GetLastError());
-    channel.ownQueue.Reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
+    channel.ownQueue.Reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
     channel.queue = channel.ownQueue.Get();
     if (!channel.ownQueue || !BindToQueue(channel)) return LIPC_FAILED;
     OnConnected(channel);

@@ -44,8 +44,9 @@ BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED* overlapped);
 // started later. Any thread.
 BOOL DisconnectNamedPipe(HANDLE pipe);
 
-// With INVALID_HANDLE_VALUE and null: a new queue. With a pipe and a queue: binds the pipe; its
-// completions carry `key`. Null on failure.
+// With INVALID_HANDLE_VALUE and null: a new queue. `threads` 1: one thread or task at a time will
+// use it, to post too, for one connected pipe; 0: any number of threads, no tasks, for any number
+// of pipes. With a pipe and a queue: binds the pipe; its completions carry `key`. Null on failure.
 HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD threads);
 // Waits for the next completion; of several threads that wait one is woken for each. TRUE: success.
 // FALSE with *overlapped not null: a failed operation, its error the last error (ERROR_BROKEN_PIPE:

@@ -144,7 +144,8 @@ TEST_F(Burst, LeavesNoMoreThanAFewPipesOpen) {
             ++started;
             EXPECT_EQ(Ask(std::to_string(i), 100000), LIPC_OK);
         });
-    EXPECT_TRUE(Eventually([&] { return started == 200 && Descriptors() > before + 200; }));
+    // The first one's pipe is there already; the server takes the others when it comes to it.
+    EXPECT_TRUE(Eventually([&] { return started == 200 && Descriptors() >= before + 199; }));
     server.held = false;
     for (std::thread& each : askers) each.join();
     // Both ends of each of 16 pipes are in this process, and what the waits keep for the next ones.

@@ -20,10 +20,12 @@ class PollTarget : public Object {
     virtual void OnReady(std::uint32_t events) = 0;
 };
 
-// Any number of threads wait. Each takes one event or record at a time, and one is woken for it.
+// Shared, any number of threads wait; each takes one event or record at a time, and one is woken
+// for it. Otherwise one thread or task at a time uses it, for one pipe: no more than the pipe's own
+// descriptor is needed then.
 class CompletionQueue final : public Object {
   public:
-    CompletionQueue();
+    explicit CompletionQueue(bool shared);
     bool Ready() const { return ready_; }
 
     // Tells the target what there is to be read, until Unwatch. The watch's number, 0 on failure.
@@ -43,16 +45,21 @@ class CompletionQueue final : public Object {
         OVERLAPPED* overlapped;
         DWORD error;
     };
-    // Sleeps until something happens, and deals with an event of a descriptor. False, with the last
-    // error, if the time is over or it failed.
-    bool Sleep(std::unique_lock<std::mutex>& lock,
-               std::optional<std::chrono::steady_clock::time_point> end);
+    using End = std::optional<std::chrono::steady_clock::time_point>;
+    // What poll gives, with one event and whose it is.
+    int WaitForEvent(End end, bool look, std::uint64_t& watch, std::uint32_t& events) const;
+    // Sleeps until something happens, and deals with an event of a descriptor. `look`: the end is
+    // here. False, with the last error, if the time is over or it failed.
+    bool Sleep(std::unique_lock<std::mutex>& lock, End end, bool look);
     // Wakes one of those who sleep, unless somebody comes for the records anyway. Under mutex_.
     void Ring();
 
-    const UniqueDescriptor epoll_;
-    const int wake_;
+    const bool shared_;
+    const UniqueDescriptor epoll_;  // shared
+    const int bell_;                // shared
     bool ready_ = false;
+    int descriptor_ = -1;  // not shared: the one that is watched, and for what
+    std::uint32_t wanted_ = 0;
     std::mutex mutex_;               // guards all below; inside a pipe's
     std::deque<Completion> posted_;  // with records in it somebody comes, or nobody sleeps
     int sleeping_ = 0;               // threads in epoll_wait, or on their way there or back

@@ -78,9 +78,9 @@ BOOL DisconnectNamedPipe(HANDLE pipe) {
     return object != nullptr && object->Disconnect() ? TRUE : FALSE;
 }
 
-HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD) {
+HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD threads) {
     if (pipe == INVALID_HANDLE_VALUE && existingPort == nullptr) {
-        platform::Reference<CompletionQueue> queue(NewObject<CompletionQueue>());
+        platform::Reference<CompletionQueue> queue(NewObject<CompletionQueue>(threads != 1));
         if (queue == nullptr || !queue->Ready()) return platform::Fail(ERROR_TOO_MANY_OPEN_FILES);
         return ToHandle(queue.release());
     }

@@ -98,8 +98,10 @@ class Waitable : public Object {
 };
 
 // As poll, until the end (nothing: for ever). A signal restarts it with the time that is left; an
-// end in the past is one look. What all waits come to.
-int PollUntil(std::span<pollfd> entries, std::optional<std::chrono::steady_clock::time_point> end);
+// end in the past is one look. What all waits come to. `blocked`: the caller has just seen that
+// what it wants is not there; it saves a task a look.
+int PollUntil(std::span<pollfd> entries, std::optional<std::chrono::steady_clock::time_point> end,
+              bool blocked = false);
 
 // Waits until one of the objects is signalled (its index is given and it is consumed), one of the
 // extra descriptors shows an event (objects.size() is given, revents are filled in), or the time is

@@ -252,11 +252,9 @@ class TaskThread::Waiting {
         for (std::size_t i = 0; i < entries.size(); ++i) {
             entries[i].revents = 0;
             if (entries[i].fd < 0) continue;
-            // What stays is there for all waits to come; else events that nobody wants would only
-            // wake the thread.
-            const std::uint32_t events =
-                stay ? kAllEvents : static_cast<std::uint32_t>(entries[i].events);
-            whole_ = thread.Register(entries[i].fd, events) && whole_;
+            // Else events that nobody wants would wake the thread.
+            const auto wanted = static_cast<std::uint32_t>(entries[i].events);
+            whole_ = thread.Register(entries[i].fd, stay ? kAllEvents : wanted) && whole_;
             Watched& watched = Of(entries[i]);
             first[i] = {thread.running_, entries[i].events, watched.waiting};
             watched.waiting = &first[i];

@@ -80,8 +80,10 @@ void CompletionQueue::WatchRoom(int descriptor, std::uint64_t watch, bool room) 
 }
 
 void CompletionQueue::Unwatch(int descriptor, std::uint64_t watch) {
-    descriptor_ = -1;
-    if (shared_) epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
+    if (shared_)
+        epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
+    else
+        descriptor_ = -1;
     const std::lock_guard lock(mutex_);
     targets_.erase(watch);  // never the last reference: the caller has one
 }

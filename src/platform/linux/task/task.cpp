@@ -51,7 +51,7 @@ void YieldTask() {
 
 void SleepFor(std::chrono::milliseconds time) {
     if (TaskThread* const thread = TaskThread::Current()) {
-        thread->Poll({}, std::chrono::steady_clock::now() + time, false);
+        thread->Poll({}, std::chrono::steady_clock::now() + time);
     } else {
         std::this_thread::sleep_for(time);
     }

@@ -286,8 +286,8 @@ class TaskThread::Waiting {
         for (pollfd& entry : entries_) {
             if (entry.fd < 0) continue;
             Watched& watched = Of(entry);
-            entry.revents = static_cast<short>(static_cast<int>(watched.seen) &
-                                               (entry.events | kAlways));
+            entry.revents =
+                static_cast<short>(static_cast<int>(watched.seen) & (entry.events | kAlways));
             watched.seen &= ~static_cast<std::uint32_t>(entry.revents & ~kAlways);
             // A broken connection stays so, and nobody will tell of a closed one again.
             if ((watched.seen & EPOLLRDHUP) != 0)
@@ -327,25 +327,14 @@ int TaskThread::Wait(std::span<pollfd> entries, std::optional<Clock::time_point>
     }
 }
 
-int TaskThread::Poll(std::span<pollfd> entries, std::optional<Clock::time_point> end,
-                     bool blocked) {
-    if (blocked) return Wait(entries, end, false);
+int TaskThread::Poll(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool blocked,
+                     bool stay) {
+    if (blocked) return Wait(entries, end, stay);
     for (;;) {
         const int ready = poll(entries.data(), entries.size(), 0);
         if (ready > 0 || (ready < 0 && errno != EINTR)) return ready;
         if (end && Clock::now() >= *end) return 0;
-        Wait(entries, end, false);
-    }
-}
-
-int TaskThread::PollSockets(std::span<pollfd> entries, std::optional<Clock::time_point> end,
-                            bool blocked) {
-    if (blocked) return Wait(entries, end, true);
-    for (;;) {
-        const int ready = poll(entries.data(), entries.size(), 0);
-        if (ready > 0 || (ready < 0 && errno != EINTR)) return ready;
-        if (end && Clock::now() >= *end) return 0;
-        Wait(entries, end, true);
+        Wait(entries, end, stay);
     }
 }
 

@@ -38,9 +38,9 @@ class TaskThread {
 
     // As PollUntil, for the calling task, which the following are for too. `blocked`: the caller
     // has just seen that what it wants is not there, and bears with a wait that ends for nothing.
-    int Poll(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool blocked);
-    // The same for sockets, which stay in the epoll set until Forget.
-    int PollSockets(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool blocked);
+    // `stay`: they are sockets, which stay in the epoll set until Forget.
+    int Poll(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool blocked = false,
+             bool stay = false);
     void Yield();
     // The socket is about to be closed.
     void Forget(int socket);

@@ -3,12 +3,12 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "lipc/endpoint.h"
 #include "lipc/pipe.h"
+#include "platform/task.h"
 
 namespace {
 
@@ -17,36 +17,31 @@ constexpr std::chrono::milliseconds kLongestPoll{250};
 // Drops all connections. One that somebody still holds keeps its record and its message, a reply or
 // a request that may be read at this moment; only its pipe goes.
 void CloseConnections(LIPCEndpoint& endpoint) {
-    for (;;) {
-        LIPCConnection* next = nullptr;
-        int channel = -1;
-        bool held = false;
-        {
-            const std::lock_guard lock(endpoint.lock);
-            for (const auto& each : endpoint.connections) {
-                held = each->inUse;
-                if (held && each->channel < 0) continue;
-                next = each.get();
-                channel = std::exchange(next->channel, held ? -1 : next->channel);
-                break;
-            }
-        }
-        if (next == nullptr) return;
-        if (held) {
-            PipeClose(channel);
-        } else {
-            LIPCDropConnection(endpoint, next);
+    std::vector<int> channels;
+    {
+        const std::lock_guard lock(endpoint.lock);
+        for (LIPCConnections* list : {&endpoint.connections, &endpoint.idle}) {
+            for (const auto& each : *list) channels.push_back(std::exchange(each->channel, -1));
         }
     }
+    for (const int each : channels) {
+        if (each >= 0) PipeClose(each);
+    }
+    const std::lock_guard lock(endpoint.lock);
+    endpoint.connections.remove_if([](const auto& each) { return !each->inUse; });
+    endpoint.idle.clear();
 }
 
-// Wakes the callers whose daemon takes no bytes. Asked again and again: one that connects meanwhile
-// gets its pipe a moment later. A server's replies have their own limit.
-void AbandonSends(LIPCEndpoint& endpoint) {
+// Wakes those who wait for the daemon, or for a client. Asked again and again: one that connects
+// meanwhile gets its pipe a moment later. A server's replies have their own limit.
+void WakeUsers(LIPCEndpoint& endpoint) {
+    if (endpoint.mode == kServerMode) {
+        for (int i = endpoint.users; i > 0; --i) PipeWake(endpoint.completions.Get());
+        return;
+    }
     const std::lock_guard lock(endpoint.lock);
-    if (endpoint.mode != kClientMode) return;
     for (const auto& each : endpoint.connections) {
-        if (each->channel >= 0) PipeAbandonSend(each->channel);
+        if (each->channel >= 0) PipeAbandon(each->channel);
     }
 }
 
@@ -55,11 +50,8 @@ void AbandonSends(LIPCEndpoint& endpoint) {
 void Bury(LIPCEndpoint* endpoint) {
     static std::mutex& mutex = *new std::mutex;
     static auto& graves = *new std::vector<std::unique_ptr<LIPCEndpoint>>;
-    {
-        // The last one to leave may still be inside the lock.
-        const std::lock_guard lock(endpoint->lock);
-        endpoint->queue.clear();
-    }
+    endpoint->served.Reset();
+    endpoint->completions.Reset();
     const std::lock_guard lock(mutex);
     graves.emplace_back(endpoint);
 }
@@ -71,21 +63,14 @@ int LIPCClose(LIPCEndpoint* endpoint) {
     {
         const std::lock_guard lock(endpoint->lock);
         endpoint->closing = true;
-        for (const auto& [turn, waiter] : endpoint->waiting) waiter->wake.notify_one();
-        endpoint->keep.notify_one();
+        for (const auto& [turn, waiter] : endpoint->waiting) SetEvent(waiter->wake.Get());
     }
-    SetEvent(endpoint->stopEvent.Get());
-    const auto waitForUsers = [endpoint] {
-        for (auto pause = std::chrono::milliseconds(1); endpoint->users > 0;
-             pause = std::min(pause * 2, kLongestPoll)) {
-            AbandonSends(*endpoint);
-            std::this_thread::sleep_for(pause);
-        }
-    };
-    if (endpoint->keeper.joinable()) endpoint->keeper.join();
-    waitForUsers();
+    for (auto pause = std::chrono::milliseconds(1); endpoint->users > 0;
+         pause = std::min(pause * 2, kLongestPoll)) {
+        WakeUsers(*endpoint);
+        platform::SleepFor(pause);
+    }
     CloseConnections(*endpoint);
-    waitForUsers();
     Bury(endpoint);
     return LIPC_OK;
 }

@@ -1,6 +1,6 @@
 #include "lipc/deliver.h"
 
-#include <thread>
+#include "platform/task.h"
 
 int LIPCDeliver(LIPCEndpoint* endpoint, const void* data, std::uint32_t length) {
     LIPCConnection* connection = nullptr;
@@ -14,6 +14,6 @@ int LIPCDeliver(LIPCEndpoint* endpoint, const void* data, std::uint32_t length) 
 int LIPCDeliverWhenFree(LIPCEndpoint* endpoint, const void* data, std::uint32_t length) {
     int status = LIPC_OK;
     while ((status = LIPCDeliver(endpoint, data, length)) == LIPC_BUSY)
-        std::this_thread::sleep_for(kLIPCBusyPause);
+        platform::SleepFor(kLIPCBusyPause);
     return status;
 }

@@ -1,9 +1,8 @@
-// Inside lipc/: the records behind endpoints and connections. Locks are taken in the order
-// endpoint, connection, channel.
+// Inside lipc/: the records behind endpoints and connections. An endpoint's lock comes before the
+// channels'.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -11,102 +10,84 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "lipc/lipc.h"
 #include "platform/sync.h"
 
-enum QueueCode { kCodeMessage = 1, kCodeSent = 2, kCodeLost = 3, kCodeShutdown = 4 };
 enum EndpointMode { kServerMode = 0, kClientMode = 1 };
 
-inline constexpr int kMaxBusyConnections = 256;
+// A client may have one more than this in use.
+inline constexpr std::size_t kMaxBusyConnections = 256;
 // Free connections that a client keeps for the next requests: what a burst has opened beyond them
 // is closed as it comes back.
-inline constexpr int kIdleConnections = 16;
-// A server begins with this many connections. A client may open one more, there may be several
-// clients, and one that found nobody to take its connection would wait in the socket's backlog
-// until another goes, which a pool never lets go: so while fewer than kServerSpare are left that no
-// client has used, more are made, up to the limit.
-inline constexpr std::size_t kServerConnections = 256;
-inline constexpr std::size_t kServerSpare = 64;
+inline constexpr std::size_t kIdleConnections = 16;
+// The connections that a server takes, of all its clients. Those beyond it wait in the socket's
+// backlog until another goes.
 inline constexpr std::size_t kServerLimit = 512;
-inline constexpr LONG kQueueLimit = 4096;
 
-struct LIPCQueueItem {
-    int code;
-    LIPCConnection* value;  // in an endpoint's queue: the connection concerned
-};
+using LIPCConnections = std::list<std::unique_ptr<LIPCConnection>>;
 
+// A client's connection is its holder's alone, with all that is not said to be guarded.
 struct LIPCConnection {
-    bool inUse = false;  // guarded by the endpoint's lock, as the five below
-    bool broken = false;
-    bool peerClosed = false;
-    bool awaiting = false;  // a request has gone out and its reply has not been taken
-    bool met = false;       // server: a client has sent a request on it
-    bool queued = false;    // server: a request of it waits in the endpoint's queue
-    int channel = -1;
-    std::vector<char> reply;
     LIPCEndpoint* owner = nullptr;
-    std::deque<LIPCQueueItem> queue;  // guarded by lock
-    UniqueHandle semaphore;           // counts queue
-    std::recursive_mutex lock;        // guards queue and the read of a reply
+    LIPCConnections::iterator place;  // guarded by the endpoint's lock
+    int channel = -1;                 // written under the endpoint's lock
+    std::vector<char> reply;
+    bool broken = false;  // server: guarded by the endpoint's lock, as the three below
+    bool peerClosed = false;
+    bool inUse = false;     // server: somebody has it
+    bool queued = false;    // server: it is in the endpoint's queue
+    bool met = false;       // server: a client has come; guarded by the endpoint's lock
+    bool awaiting = false;  // client: a request has gone out and its reply has not been taken
+    bool written = false;   // client: the request has gone out since somebody looked
 };
 
 // A caller who waits for a free connection, on its own stack.
 struct LIPCWaiter {
-    std::condition_variable_any wake;
+    UniqueHandle wake;
 };
 
 struct LIPCEndpoint {
     EndpointMode mode = kClientMode;
     std::string name;
-    bool closing = false;    // guarded by lock
-    UniqueHandle semaphore;  // counts queue
-    UniqueHandle stopEvent;
-    std::deque<LIPCQueueItem> queue;  // guarded by lock: events of connections that nobody holds
-    std::recursive_mutex lock;
-    std::list<std::unique_ptr<LIPCConnection>> connections;  // guarded by lock
-    std::atomic<int> users{0};  // calls and callbacks inside the endpoint; raised under lock
-    // Client: those who wait for a free connection, by their turns. The first one is woken when a
+    std::atomic<bool> closing{false};  // written under lock
+    std::atomic<int> users{0};         // calls inside the endpoint
+    std::mutex lock;                   // guards all below
+    LIPCConnections connections;       // client: those in use
+    // Client.
+    LIPCConnections idle;  // longest first
+    // Those who wait for a free connection, by their turns. The first one is woken when a
     // connection comes free and takes it; nobody who asks for a turn overtakes it.
-    std::map<std::uint64_t, LIPCWaiter*> waiting;  // guarded by lock
-    std::uint64_t lastTurn = 0;                    // guarded by lock
-    // Server: connections that no client has are made, and lost ones ended, by a thread of the
-    // endpoint's own, so that a client gets its connection also while all who serve are busy.
-    std::size_t met = 0;               // guarded by lock: connections that a client has used
-    std::deque<LIPCConnection*> lost;  // guarded by lock: to be dropped, held by the thread
-    std::condition_variable_any keep;  // of lost, met, connections and closing
-    std::thread keeper;
-    // Server: one thread at a time waits for the next request, the others for their turn. Were all
-    // to wait for the request, each would wake them all.
-    std::mutex turnMutex;
-    std::condition_variable turn;
-    bool turnTaken = false;  // guarded by turnMutex
+    std::map<std::uint64_t, LIPCWaiter*> waiting;
+    std::uint64_t lastTurn = 0;
+    // Server. All who serve wait on the one queue of the channels' completions. What a completion
+    // has led to stands here, for whoever comes first.
+    UniqueHandle completions;              // not guarded: as long as there are users
+    UniqueHandle served;                   // the name
+    std::deque<LIPCConnection*> requests;  // connections with a request, which nobody has
+    std::deque<LIPCConnection*> lost;      // to be dropped
+    std::size_t listening = 0;             // connections that wait for a client
 };
 
 int LIPCCreateEndpoint(LIPCEndpoint** endpoint, const char* name, EndpointMode mode);
-// A new record at the end of the list, without a pipe, held by the caller. Under the endpoint's
-// lock. Null without memory.
+// A new record without a pipe, held by the caller. Under the endpoint's lock. Null without memory.
 LIPCConnection* LIPCAddConnection(LIPCEndpoint& endpoint);
 // Opens the pipe of a held record: connects (client), or listens (server) and lets go of it: before
 // its channel is known nobody could read a request. On failure the record is dropped. With no lock
 // held.
-int LIPCOpenConnection(LIPCEndpoint& endpoint, LIPCConnection* connection);
-// A further listening connection.
-int LIPCListen(LIPCEndpoint& endpoint);
-void LIPCDropConnection(LIPCEndpoint& endpoint, LIPCConnection* connection);
-// Ends a connection that is in the list no more. With no lock held.
-void LIPCDiscard(LIPCEndpoint& endpoint, std::unique_ptr<LIPCConnection> dropped);
-// Gives a held connection back to the pool. One that is broken is dropped, by the keeper in server
-// mode, as is one more than a client's pool keeps.
-void LIPCRecycle(LIPCEndpoint& endpoint, LIPCConnection* connection);
+int LIPCOpenConnection(LIPCEndpoint& endpoint, LIPCConnection& connection);
+// Ends a held connection. With no lock held.
+void LIPCDropConnection(LIPCEndpoint& endpoint, LIPCConnection& connection);
+// Server: what a channel tells; see PipeEvent.
+void LIPCOnServerEvent(void* connection, int event);
+// Server: gives a held connection back, or has it dropped if it has failed.
+void LIPCLetGo(LIPCEndpoint& endpoint, LIPCConnection& connection, bool failed);
 // Wakes the first of those who wait for a free connection. Under the endpoint's lock.
 void LIPCWakeNext(LIPCEndpoint& endpoint);
-// The keeper's thread.
-void LIPCKeepListening(LIPCEndpoint& endpoint);
 int LIPCSend(LIPCConnection& connection, const void* data, std::uint32_t length,
              std::int32_t timeoutMs);
+// Takes all that has come whole. LIPC_NOT_THERE if there is nothing.
 int LIPCReadMessage(LIPCConnection& connection);
 // Whether the bytes are the payload that stands for no data.
 bool IsNoReply(const void* data, std::uint32_t length);

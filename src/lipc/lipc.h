@@ -63,8 +63,8 @@ int LIPCClose(LIPCEndpoint* endpoint);
 bool LIPCEnter(LIPCEndpoint& endpoint);
 void LIPCLeave(LIPCEndpoint& endpoint);
 
-// Makes a serving endpoint with 256 listening connections, and more as clients take them.
-// LIPC_FAILED if the name is served already.
+// Makes a serving endpoint. Clients connect from then on; they wait until somebody is in
+// LIPCReceive. LIPC_FAILED if the name is served already.
 int LIPCOpenServer(LIPCEndpoint** endpoint, const char* name);
 // Waits for the next request of any client, up to timeoutMs. On 0 the caller holds *connection
 // until LIPCReply; the request's bytes are valid as long. LIPC_CLOSING once LIPCClose has begun.

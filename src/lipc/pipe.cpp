@@ -1,19 +1,19 @@
 #include "lipc/pipe.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
-#include <thread>
+#include <string>
+#include <utility>
 
 #include "lipc/channel.h"
+#include "lipc/wait_end.h"
 #include "lipc/lipc.h"
 
 namespace {
 
-constexpr std::chrono::milliseconds kLongestPoll{250};
 constexpr DWORD kPipeInstances = 255;
 constexpr DWORD kListenAccess = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED;
 
@@ -25,9 +25,8 @@ struct Slot {
     std::shared_ptr<PipeChannel> channel;
 };
 struct ChannelTable {
-    std::mutex lock;  // guards all below; never taken by a worker
+    std::mutex lock;  // guards the slots
     std::array<Slot, kPipeTableSize> slots;
-    PipeWorkerContext workers[2];  // connecting, listening
 };
 ChannelTable& Table() {
     static ChannelTable& table = *new ChannelTable;
@@ -38,129 +37,6 @@ std::shared_ptr<PipeChannel> Find(int channel) {
     if (channel < 0 || channel >= kPipeTableSize) return nullptr;
     const std::lock_guard lock(Table().lock);
     return Table().slots[static_cast<std::size_t>(channel)].channel;
-}
-
-// Waits for the event or the channel's failure: 0, -5, or the status of a failure; which that is, a
-// state may tell.
-int WaitFor(PipeChannel& channel, HANDLE event, const std::atomic<int>* state = nullptr) {
-    const HANDLE handles[] = {event, channel.failedEvent.Get()};
-    switch (WaitForMultipleObjects(2, handles, FALSE, WaitLimit(channel.timeout))) {
-        case WAIT_OBJECT_0:
-            return LIPC_OK;
-        case WAIT_TIMEOUT:
-            return LIPC_TIMED_OUT;
-        default:
-            return state != nullptr && *state == kFailedState ? LIPC_BROKEN : LIPC_FAILED;
-    }
-}
-
-bool StartWorker(PipeWorkerContext& worker, PipeChannel& channel) {
-    const std::lock_guard lock(Table().lock);
-    if (worker.channels == 0) {
-        worker.port.Reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
-        if (worker.port)
-            worker.thread.Reset(
-                CreateThread(nullptr, 0, PipeWorker, worker.port.Get(), 0, nullptr));
-        if (!worker.thread) {
-            worker.port.Reset();
-            return false;
-        }
-    }
-    ++worker.channels;
-    channel.port = worker.port.Get();
-    return true;
-}
-
-void StopWorker(PipeWorkerContext& worker) {
-    const std::lock_guard lock(Table().lock);
-    if (worker.channels > 0) --worker.channels;
-    if (worker.channels > 0 || !worker.thread) return;
-    PostQueuedCompletionStatus(worker.port.Get(), 0, kKeyEnd, nullptr);
-    WaitForSingleObject(worker.thread.Get(), INFINITE);
-    worker.thread.Reset();
-    worker.port.Reset();
-}
-
-// Until every completion of the channel has been dealt with: at once as a rule, else with growing
-// pauses.
-void WaitForPendingIo(const PipeChannel& channel) {
-    for (auto pause = std::chrono::milliseconds(1); channel.pendingIo > 0;
-         pause = std::min(pause * 2, kLongestPoll))
-        std::this_thread::sleep_for(pause);
-}
-
-void EndIo(PipeChannel& channel) {
-    if (!channel.pipe) return;
-    // A completion that the worker finds behind the cancel below must start no further operation:
-    // nobody would end that one.
-    for (PipeIoRecord* record : {&channel.connectIo, &channel.readIo, &channel.writeIo})
-        record->cancelled = true;
-    ++channel.pendingIo;
-    if (PostQueuedCompletionStatus(channel.port, 0, kKeyCancel, &channel.connectIo.overlapped) ==
-        FALSE)
-        --channel.pendingIo;
-    // Also a write that a sender had begun when its time ran out.
-    CancelIoEx(channel.pipe.Get(), nullptr);
-    WaitForPendingIo(channel);
-    channel.pendingIo = 0;
-}
-
-int StatusOfOpen(DWORD error) {
-    if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return LIPC_NOT_THERE;
-    return error == ERROR_PIPE_BUSY ? LIPC_BUSY : LIPC_FAILED;
-}
-
-// What is done at once is dealt with by the thread that started it, without a turn of the worker.
-bool BindToWorker(PipeChannel& channel) {
-    const HANDLE pipe = channel.pipe.Get();
-    return CreateIoCompletionPort(pipe, channel.port, kKeyIo, 0) != nullptr &&
-           SetFileCompletionNotificationModes(pipe, FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) != FALSE;
-}
-
-int Connect(PipeChannel& channel, const char* path) {
-    channel.pipe.Reset(CreateFileA(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                   FILE_FLAG_OVERLAPPED, nullptr));
-    if (!channel.pipe) return StatusOfOpen(GetLastError());
-    if (!BindToWorker(channel)) return LIPC_FAILED;
-    ++channel.pendingIo;
-    if (PostQueuedCompletionStatus(channel.port, 0, kKeyIo, &channel.connectIo.overlapped) ==
-        FALSE) {
-        --channel.pendingIo;
-        return LIPC_FAILED;
-    }
-    return WaitFor(channel, channel.connectedEvent.Get());
-}
-
-int Listen(PipeChannel& channel, const char* path) {
-    channel.pipe.Reset(CreateNamedPipeA(path, kListenAccess, PIPE_TYPE_BYTE, kPipeInstances,
-                                        kPipeBufferSize, kPipeBufferSize, INFINITE, nullptr));
-    if (!channel.pipe || !BindToWorker(channel)) return LIPC_FAILED;
-    channel.connectIo.cancelled = true;
-    CancelIo(channel.pipe.Get());
-    DisconnectNamedPipe(channel.pipe.Get());
-    WaitForPendingIo(channel);
-    channel.connectIo.cancelled = false;
-    ++channel.pendingIo;
-    if (ConnectNamedPipe(channel.pipe.Get(), &channel.connectIo.overlapped) == FALSE &&
-        GetLastError() != ERROR_IO_PENDING) {
-        --channel.pendingIo;
-        return LIPC_FAILED;
-    }
-    const int status = WaitFor(channel, channel.connectedEvent.Get());
-    return status == LIPC_TIMED_OUT && channel.timeout == 0 ? LIPC_OK : status;
-}
-
-std::shared_ptr<PipeChannel> MakeChannel(const char* name) {
-    auto channel = std::make_shared<PipeChannel>();
-    channel->name = name;
-    for (UniqueHandle* event : {&channel->writeDoneEvent, &channel->messageEvent,
-                                &channel->failedEvent, &channel->connectedEvent}) {
-        event->Reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
-        if (!*event) return nullptr;
-    }
-    for (PipeIoRecord* record : {&channel->connectIo, &channel->readIo, &channel->writeIo})
-        record->owner = channel.get();
-    return channel;
 }
 
 int Reserve() {
@@ -181,20 +57,146 @@ void SetSlot(int number, std::shared_ptr<PipeChannel> channel) {
     slot.channel = std::move(channel);
 }
 
-int Open(PipeChannel& channel) {
-    PipeWorkerContext& worker = Table().workers[channel.isClient ? 0 : 1];
-    if (!StartWorker(worker, channel)) return LIPC_FAILED;
-    char path[1024];
-    std::snprintf(path, sizeof path, "\\\\.\\pipe\\%s", channel.name.c_str());
-    const int status = channel.isClient ? Connect(channel, path) : Listen(channel, path);
-    if (status == LIPC_OK) return LIPC_OK;
-    EndIo(channel);
-    channel.pipe.Reset();
-    StopWorker(worker);
+void OnConnected(PipeChannel& channel) {
+    channel.readState = kIdle;
+    channel.writeState = kIdle;
+    if (channel.Listens()) channel.Call(kPipeConnected);
+    PipeReadOn(channel, 0);
+}
+
+// The frame is out. A channel that has failed meanwhile stays so.
+void OnWritten(PipeChannel& channel) {
+    if (channel.frame.size() > kPipeBufferSize) std::vector<char>().swap(channel.frame);
+    int busy = kBusy;
+    channel.writeState.compare_exchange_strong(busy, kIdle);
+    channel.Call(kPipeWritten);
+}
+
+void OnCompletion(PipeChannel& channel, const PipeIoRecord& record, DWORD error, DWORD bytes) {
+    if (error != 0) {
+        PipeFail(channel, error);
+    } else if (&record == &channel.connectIo) {
+        OnConnected(channel);
+    } else if (channel.readState == kFailedState) {
+        // Nothing new is started on a failed channel.
+    } else if (&record == &channel.readIo) {
+        PipeReadOn(channel, bytes);
+    } else {
+        OnWritten(channel);
+    }
+}
+
+// Steps the channel's queue until there is what is waited for, or the channel's time is over: 0,
+// -5, or -13.
+template <class Done>
+int StepUntil(PipeChannel& channel, const Done& done) {
+    const WaitEnd end(channel.timeout);
+    int status = LIPC_OK;
+    while (status == LIPC_OK && !done()) status = PipeStepQueue(channel.queue, end.Left());
     return status;
 }
 
+std::string PathOf(const char* name) { return std::string("\\\\.\\pipe\\") + name; }
+
+int StatusOfOpen(DWORD error) {
+    if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return LIPC_NOT_THERE;
+    return error == ERROR_PIPE_BUSY ? LIPC_BUSY : LIPC_FAILED;
+}
+
+// What is done at once is dealt with by the thread that started it.
+bool BindToQueue(const PipeChannel& channel) {
+    const HANDLE pipe = channel.pipe.Get();
+    return CreateIoCompletionPort(pipe, channel.queue, kKeyIo, 0) != nullptr &&
+           SetFileCompletionNotificationModes(pipe, FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) != FALSE;
+}
+
+int Connect(PipeChannel& channel, const char* path) {
+    channel.pipe.Reset(CreateFileA(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                   FILE_FLAG_OVERLAPPED, nullptr));
+    if (!channel.pipe) return StatusOfOpen(GetLastError());
+    channel.ownQueue.Reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
+    channel.queue = channel.ownQueue.Get();
+    if (!channel.ownQueue || !BindToQueue(channel)) return LIPC_FAILED;
+    OnConnected(channel);
+    return LIPC_OK;
+}
+
+HANDLE NewInstance(const char* path) {
+    return CreateNamedPipeA(path, kListenAccess, PIPE_TYPE_BYTE, kPipeInstances, kPipeBufferSize,
+                            kPipeBufferSize, INFINITE, nullptr);
+}
+
+int Listen(PipeChannel& channel, const char* path) {
+    channel.pipe.Reset(NewInstance(path));
+    if (!channel.pipe || !BindToQueue(channel)) return LIPC_FAILED;
+    ++channel.pendingIo;
+    if (ConnectNamedPipe(channel.pipe.Get(), &channel.connectIo.overlapped) != FALSE ||
+        GetLastError() == ERROR_IO_PENDING)
+        return LIPC_OK;
+    --channel.pendingIo;
+    return LIPC_FAILED;
+}
+
+void EndIo(PipeChannel& channel) {
+    channel.closing = true;
+    channel.pipe.Reset();
+    // What was outstanding has its completion in the queue; what another thread has in hand ends by
+    // itself.
+    while (channel.pendingIo > 0) PipeStepQueue(channel.queue, 1);
+}
+
+// The frame in one piece: header and payload leave with one write.
+void BuildFrame(std::vector<char>& frame, const void* data, std::uint32_t length) {
+    frame.resize(kFrameHeaderSize + std::size_t{length});
+    char* header = frame.data();
+    std::memset(header, 0, kFrameHeaderSize);
+    std::memcpy(header, kFrameMagic, sizeof kFrameMagic);
+    for (std::uint32_t i = 0; i < 4; ++i) {
+        const char byte = static_cast<char>(length >> (8 * i));
+        header[kFrameLengthOffset + i] = byte;
+        header[kFrameRemainingOffset + i] = byte;
+    }
+    std::memcpy(header + kFrameHeaderSize, data, length);
+}
+
+// The serving threads that take completions may all have a frame that waits for its client: each
+// sees to its own.
+int SendHere(PipeChannel& channel) {
+    if (WriteFileWithin(channel.pipe.Get(), channel.frame.data(),
+                        static_cast<DWORD>(channel.frame.size()),
+                        WaitLimit(channel.timeout)) != FALSE) {
+        OnWritten(channel);
+        return LIPC_OK;
+    }
+    const bool late = GetLastError() == WAIT_TIMEOUT;
+    channel.writeState = kFailedState;
+    return late ? LIPC_TIMED_OUT : LIPC_BROKEN;
+}
+
+int SendByQueue(PipeChannel& channel) {
+    ++channel.pendingIo;
+    if (WriteFile(channel.pipe.Get(), channel.frame.data(),
+                  static_cast<DWORD>(channel.frame.size()), nullptr,
+                  &channel.writeIo.overlapped) != FALSE) {
+        --channel.pendingIo;
+        OnWritten(channel);
+        return LIPC_OK;
+    }
+    if (GetLastError() != ERROR_IO_PENDING) {
+        --channel.pendingIo;
+        PipeFail(channel, GetLastError());
+        return LIPC_BROKEN;
+    }
+    const int status = StepUntil(channel, [&channel] { return channel.writeState != kBusy; });
+    return status == LIPC_OK && channel.writeState == kFailedState ? LIPC_BROKEN : status;
+}
+
 }  // namespace
+
+HANDLE PipeServeName(const char* name) {
+    const HANDLE instance = NewInstance(PathOf(name).c_str());
+    return instance == INVALID_HANDLE_VALUE ? nullptr : instance;
+}
 
 int PipeOpen(const char* name, unsigned flags, ...) {
     if (name == nullptr) return LIPC_BAD_ARGUMENT;
@@ -203,11 +205,10 @@ int PipeOpen(const char* name, unsigned flags, ...) {
     int status = LIPC_NO_MEMORY;
     std::shared_ptr<PipeChannel> channel;
     try {
-        channel = MakeChannel(name);
-        if (channel == nullptr) status = LIPC_FAILED;
-    } catch (const std::bad_alloc&) {
-    }
-    if (channel != nullptr) {
+        const std::string path = PathOf(name);
+        channel = std::make_shared<PipeChannel>();
+        for (PipeIoRecord* record : {&channel->connectIo, &channel->readIo, &channel->writeIo})
+            record->owner = channel.get();
         va_list list;
         va_start(list, flags);
         if ((flags & kPipeCallback) != 0) {
@@ -215,78 +216,50 @@ int PipeOpen(const char* name, unsigned flags, ...) {
             channel->callbackContext = va_arg(list, void*);
         }
         if ((flags & kPipeTimeout) != 0) channel->timeout = va_arg(list, int);
+        if ((flags & kPipeListen) != 0) channel->queue = va_arg(list, HANDLE);
         va_end(list);
-        channel->isClient = (flags & kPipeListen) == 0;
-        status = Open(*channel);
+        status = channel->queue != nullptr ? Listen(*channel, path.c_str())
+                                           : Connect(*channel, path.c_str());
+    } catch (const std::bad_alloc&) {
     }
+    if (status != LIPC_OK && channel != nullptr) EndIo(*channel);
     SetSlot(number, status == LIPC_OK ? channel : nullptr);
     return status == LIPC_OK ? number : status;
 }
 
 int PipeClose(int number) {
-    std::shared_ptr<PipeChannel> channel = Find(number);
+    const std::shared_ptr<PipeChannel> channel = Find(number);
     if (channel == nullptr) return LIPC_BAD_ARGUMENT;
     SetSlot(number, nullptr);
     EndIo(*channel);
-    // Closed while its worker still runs, which has to let go of it.
-    channel->pipe.Reset();
-    StopWorker(Table().workers[channel->isClient ? 0 : 1]);
     return LIPC_OK;
 }
 
 int PipeSend(int number, const void* data, std::uint32_t length) {
     const std::shared_ptr<PipeChannel> channel = Find(number);
     if (channel == nullptr || data == nullptr || length == 0) return LIPC_BAD_ARGUMENT;
-    if (channel->writeState == kFailedState) return LIPC_BROKEN;
     if (channel->writeState == kNotConnected) return LIPC_BUSY;
-    bool queued = false;
-    {
-        const std::lock_guard lock(channel->lock);
-        queued = !channel->sendQueue.empty();
-    }
-    if (queued) {
-        const int status = WaitFor(*channel, channel->writeDoneEvent.Get(), &channel->writeState);
-        if (status != LIPC_OK) return status;
-    }
-    int idle = kIdle;
-    if (!channel->writeState.compare_exchange_strong(idle, kBusy) && idle == kFailedState)
-        return LIPC_BROKEN;
-    try {
-        const std::lock_guard lock(channel->lock);
-        ChunkAppend(channel->sendQueue, data, length);
-        char* header = channel->writeBuffer.data();
-        std::memset(header, 0, kFrameHeaderSize);
-        std::memcpy(header, kFrameMagic, sizeof kFrameMagic);
-        for (std::uint32_t i = 0; i < 4; ++i) {
-            const char byte = static_cast<char>(length >> (8 * i));
-            header[kFrameLengthOffset + i] = byte;
-            header[kFrameRemainingOffset + i] = byte;
-        }
-        channel->sendLeft = length;
-        channel->writeCount = kFrameHeaderSize;
-    } catch (const std::bad_alloc&) {
-        return LIPC_NO_MEMORY;
-    }
-    bool finished = false;
-    int status = PipeWriteOn(*channel, &finished);
+    // A frame that was late may still be on its way.
+    const int status = StepUntil(*channel, [&channel] { return channel->writeState != kBusy; });
     if (status != LIPC_OK) return status;
-    if (finished) {
-        // All of it went out at once, as a rule: the worker has nothing to do with it. A channel
-        // that has failed meanwhile stays so.
+    int idle = kIdle;
+    if (!channel->writeState.compare_exchange_strong(idle, kBusy)) return LIPC_BROKEN;
+    try {
+        BuildFrame(channel->frame, data, length);
+    } catch (const std::bad_alloc&) {
         int busy = kBusy;
         channel->writeState.compare_exchange_strong(busy, kIdle);
-        channel->Call(kPipeWritten);
-        return static_cast<int>(length);
+        return LIPC_NO_MEMORY;
     }
-    status = WaitFor(*channel, channel->writeDoneEvent.Get(), &channel->writeState);
-    return status == LIPC_OK ? static_cast<int>(length) : status;
+    const int sent = channel->Listens() ? SendHere(*channel) : SendByQueue(*channel);
+    return sent == LIPC_OK ? static_cast<int>(length) : sent;
 }
 
 int PipeBytesWaiting(int number, std::uint32_t* count) {
     const std::shared_ptr<PipeChannel> channel = Find(number);
     if (channel == nullptr || count == nullptr) return LIPC_BAD_ARGUMENT;
     const std::lock_guard lock(channel->lock);
-    *count = ChunkTotal(channel->readyBytes);
+    *count = static_cast<std::uint32_t>(channel->ready.size());
     return LIPC_OK;
 }
 
@@ -294,21 +267,19 @@ int PipeReceive(int number, void* buffer, std::uint32_t size) {
     const std::shared_ptr<PipeChannel> channel = Find(number);
     if (channel == nullptr || buffer == nullptr) return LIPC_BAD_ARGUMENT;
     if (channel->readState == kNotConnected) return LIPC_BUSY;
+    std::uint32_t taken = 0;
     // What came whole before the peer closed is still good: a close costs the connection only.
-    const auto take = [&channel, buffer, size] {
+    const int status = StepUntil(*channel, [&] {
+        const bool failed = channel->readState == kFailedState;
         const std::lock_guard lock(channel->lock);
-        return ChunkTake(channel->readyBytes, buffer, size);
-    };
-    if (channel->readState == kFailedState) {
-        const std::uint32_t left = take();
-        return left > 0 ? static_cast<int>(left) : LIPC_BROKEN;
-    }
-    const int status = WaitFor(*channel, channel->messageEvent.Get(), &channel->readState);
-    const std::uint32_t count = status == LIPC_OK || status == LIPC_BROKEN ? take() : 0;
-    if (count == 0) return status == LIPC_OK ? LIPC_FAILED : status;
-    const std::lock_guard lock(channel->lock);
-    if (!channel->readyBytes.empty()) SetEvent(channel->messageEvent.Get());
-    return static_cast<int>(count);
+        std::vector<char>& ready = channel->ready;
+        taken = std::min(size, static_cast<std::uint32_t>(ready.size()));
+        std::copy_n(ready.begin(), taken, static_cast<char*>(buffer));
+        ready.erase(ready.begin(), ready.begin() + taken);
+        return taken > 0 || failed;
+    });
+    if (taken > 0) return static_cast<int>(taken);
+    return status == LIPC_OK ? LIPC_BROKEN : status;
 }
 
 int PipeSetTimeout(int number, std::int32_t timeoutMs) {
@@ -318,10 +289,34 @@ int PipeSetTimeout(int number, std::int32_t timeoutMs) {
     return LIPC_OK;
 }
 
-int PipeAbandonSend(int number) {
+int PipeAbandon(int number) {
     const std::shared_ptr<PipeChannel> channel = Find(number);
     if (channel == nullptr) return LIPC_BAD_ARGUMENT;
     channel->writeState = kFailedState;
-    SetEvent(channel->failedEvent.Get());
+    DisconnectNamedPipe(channel->pipe.Get());
     return LIPC_OK;
 }
+
+int PipeStep(int number, std::int32_t timeoutMs) {
+    const std::shared_ptr<PipeChannel> channel = Find(number);
+    return channel == nullptr ? LIPC_BAD_ARGUMENT : PipeStepQueue(channel->queue, timeoutMs);
+}
+
+int PipeStepQueue(HANDLE queue, std::int32_t timeoutMs) {
+    DWORD bytes = 0;
+    ULONG_PTR key = 0;
+    OVERLAPPED* overlapped = nullptr;
+    const bool good =
+        GetQueuedCompletionStatus(queue, &bytes, &key, &overlapped, WaitLimit(timeoutMs)) != FALSE;
+    const DWORD error = good ? 0 : GetLastError();
+    if (overlapped == nullptr)
+        return good ? LIPC_OK : error == WAIT_TIMEOUT ? LIPC_TIMED_OUT : LIPC_FAILED;
+    const auto& record = *reinterpret_cast<PipeIoRecord*>(overlapped);
+    PipeChannel& channel = *record.owner;
+    if (!channel.closing) OnCompletion(channel, record, error, bytes);
+    // Behind it a channel that is being closed may be gone.
+    --channel.pendingIo;
+    return LIPC_OK;
+}
+
+void PipeWake(HANDLE queue) { PostQueuedCompletionStatus(queue, 0, kKeyIo, nullptr); }

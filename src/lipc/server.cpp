@@ -1,75 +1,127 @@
-#include <chrono>
-
+#include "lipc/wait_end.h"
 #include "lipc/endpoint.h"
 #include "lipc/pipe.h"
+#include "platform/pipe.h"
 
 namespace {
 
-// Takes the next connection that has a request: it is held from here on. Null if there is none.
-LIPCConnection* TakeRequest(LIPCEndpoint& endpoint) {
-    const std::lock_guard lock(endpoint.lock);
-    if (endpoint.queue.empty()) return nullptr;
-    LIPCConnection* connection = endpoint.queue.front().value;
-    endpoint.queue.pop_front();
-    // A peer that sent two requests at once: the second one is the holder's affair, or that of the
-    // thread that ends the connection.
-    if (connection->inUse) return nullptr;
-    connection->queued = false;
-    connection->inUse = true;
-    return connection;
-}
+// Where no further connection can be made, until the next attempt.
+constexpr std::int32_t kListenPauseMs = 1000;
 
-// The one thread's turn to wait for a request.
-class Turn {
-  public:
-    // Waits for it, up to the limit and not beyond the endpoint's end.
-    Turn(LIPCEndpoint& endpoint, std::int32_t timeoutMs) : endpoint_(endpoint) {
-        std::unique_lock lock(endpoint_.turnMutex);
-        const auto free = [this] { return !endpoint_.turnTaken; };
-        if (timeoutMs < 0) {
-            endpoint_.turn.wait(lock, free);
-            taken_ = true;
-        } else {
-            taken_ = endpoint_.turn.wait_for(lock, std::chrono::milliseconds(timeoutMs), free);
-        }
-        if (taken_) endpoint_.turnTaken = true;
-    }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-    ~Turn() {
-        if (!taken_) return;
-        {
-            const std::lock_guard lock(endpoint_.turnMutex);
-            endpoint_.turnTaken = false;
-        }
-        endpoint_.turn.notify_one();
-    }
-    bool Taken() const { return taken_; }
-
-  private:
-    LIPCEndpoint& endpoint_;
-    bool taken_ = false;
+// What there is to do for a thread that serves: one of them, or nothing.
+struct Work {
+    LIPCConnection* request = nullptr;  // the caller's from here on
+    LIPCConnection* lost = nullptr;     // to be dropped
+    LIPCConnection* fresh = nullptr;    // to be opened, for a further client
 };
 
-// The next message of any connection, which the caller holds then.
-int NextMessage(LIPCEndpoint& endpoint, LIPCConnection** connection, std::int32_t timeoutMs) {
-    const Turn turn(endpoint, timeoutMs);
-    if (!turn.Taken()) return LIPC_TIMED_OUT;
-    const HANDLE handles[] = {endpoint.semaphore.Get(), endpoint.stopEvent.Get()};
-    for (;;) {
-        const DWORD result = WaitForMultipleObjects(2, handles, FALSE, WaitLimit(timeoutMs));
-        if (result == WAIT_TIMEOUT) return LIPC_TIMED_OUT;
-        if (result != WAIT_OBJECT_0)
-            return result == WAIT_OBJECT_0 + 1 ? LIPC_CLOSING : LIPC_FAILED;
-        *connection = TakeRequest(endpoint);
-        if (*connection != nullptr) return LIPC_OK;
+Work TakeWork(LIPCEndpoint& endpoint) {
+    Work work;
+    const std::lock_guard lock(endpoint.lock);
+    if (endpoint.listening == 0 && endpoint.connections.size() < kServerLimit) {
+        work.fresh = LIPCAddConnection(endpoint);
+        if (work.fresh != nullptr) ++endpoint.listening;
+    } else if (!endpoint.lost.empty()) {
+        work.lost = endpoint.lost.front();
+        endpoint.lost.pop_front();
+    } else if (!endpoint.requests.empty()) {
+        work.request = endpoint.requests.front();
+        endpoint.requests.pop_front();
+        work.request->queued = false;
+        work.request->inUse = true;
     }
+    return work;
+}
+
+// A connection that nobody has: what has come of it is for whoever comes first. Under the
+// endpoint's lock.
+void QueueConnection(LIPCEndpoint& endpoint, LIPCConnection& connection, bool request) {
+    if (connection.queued) return;  // whoever takes its request sees by itself that it is lost
+    if (request) {
+        connection.queued = true;
+        endpoint.requests.push_back(&connection);
+    } else if (connection.broken) {
+        connection.inUse = true;
+        endpoint.lost.push_back(&connection);
+    }
+}
+
+// Waits for a client in a fresh connection.
+int Listen(LIPCEndpoint& endpoint, LIPCConnection& fresh) {
+    const int status = LIPCOpenConnection(endpoint, fresh);
+    if (status == LIPC_OK) return status;
+    const std::lock_guard lock(endpoint.lock);
+    --endpoint.listening;
+    return status;
+}
+
+// The next message of any connection, which the caller holds then.
+int NextMessage(LIPCEndpoint& endpoint, LIPCConnection** connection, const WaitEnd& end) {
+    while (!endpoint.closing) {
+        const Work work = TakeWork(endpoint);
+        std::int32_t limit = end.Left();
+        bool pause = false;
+        if (work.request != nullptr) {
+            *connection = work.request;
+            return LIPC_OK;
+        }
+        if (work.lost != nullptr) {
+            LIPCDropConnection(endpoint, *work.lost);
+            continue;
+        }
+        if (work.fresh != nullptr) {
+            if (Listen(endpoint, *work.fresh) == LIPC_OK) continue;
+            pause = limit < 0 || limit > kListenPauseMs;
+            if (pause) limit = kListenPauseMs;
+        }
+        const int status = PipeStepQueue(endpoint.completions.Get(), limit);
+        if (status != LIPC_OK && !(pause && status == LIPC_TIMED_OUT)) return status;
+    }
+    return LIPC_CLOSING;
 }
 
 }  // namespace
 
+void LIPCOnServerEvent(void* context, int event) {
+    if (event == kPipeWritten) return;
+    auto& connection = *static_cast<LIPCConnection*>(context);
+    LIPCEndpoint& endpoint = *connection.owner;
+    const std::lock_guard lock(endpoint.lock);
+    if (event == kPipePeerClosed) connection.peerClosed = true;
+    if (event == kPipeFailed || event == kPipePeerClosed) connection.broken = true;
+    if (!connection.met) --endpoint.listening;
+    connection.met = true;
+    // Whoever holds it sees to it when letting go.
+    if (!connection.inUse) QueueConnection(endpoint, connection, event == kPipeMessage);
+}
+
+void LIPCLetGo(LIPCEndpoint& endpoint, LIPCConnection& connection, bool failed) {
+    {
+        const std::lock_guard lock(endpoint.lock);
+        connection.broken = connection.broken || failed;
+        std::uint32_t waiting = 0;
+        if (!connection.broken) PipeBytesWaiting(connection.channel, &waiting);
+        connection.inUse = false;
+        QueueConnection(endpoint, connection, waiting > 0);
+        if (!connection.inUse && !connection.queued) return;
+    }
+    // For one who waits; the caller may be off to something else.
+    PipeWake(endpoint.completions.Get());
+}
+
 int LIPCOpenServer(LIPCEndpoint** endpoint, const char* name) {
-    return LIPCCreateEndpoint(endpoint, name, kServerMode);
+    if (const int status = LIPCCreateEndpoint(endpoint, name, kServerMode); status != LIPC_OK)
+        return status;
+    LIPCEndpoint& made = **endpoint;
+    made.completions.Reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
+    made.served.Reset(PipeServeName(name));
+    const Work first = TakeWork(made);
+    if (made.completions && made.served && first.fresh != nullptr &&
+        Listen(made, *first.fresh) == LIPC_OK)
+        return LIPC_OK;
+    LIPCClose(*endpoint);
+    *endpoint = nullptr;
+    return LIPC_FAILED;
 }
 
 int LIPCReceive(LIPCEndpoint* endpoint, LIPCConnection** connection, const void** data,
@@ -77,11 +129,13 @@ int LIPCReceive(LIPCEndpoint* endpoint, LIPCConnection** connection, const void*
     if (endpoint == nullptr || connection == nullptr || data == nullptr || length == nullptr)
         return LIPC_BAD_ARGUMENT;
     if (!LIPCEnter(*endpoint)) return LIPC_CLOSING;
+    const WaitEnd end(timeoutMs);
     int status = LIPC_OK;
     LIPCConnection* held = nullptr;
-    while ((status = NextMessage(*endpoint, &held, timeoutMs)) == LIPC_OK) {
-        if (LIPCReadMessage(*held) == LIPC_OK) break;
-        LIPCRecycle(*endpoint, held);
+    while ((status = NextMessage(*endpoint, &held, end)) == LIPC_OK) {
+        const int read = LIPCReadMessage(*held);
+        if (read == LIPC_OK) break;
+        LIPCLetGo(*endpoint, *held, read != LIPC_NOT_THERE);
     }
     if (status == LIPC_OK) {
         const auto size = static_cast<std::uint32_t>(held->reply.size());
@@ -102,11 +156,7 @@ int LIPCReply(LIPCEndpoint* endpoint, LIPCConnection* connection, const void* da
     constexpr std::int32_t kReplyLimitMs = 30000;
     const int status = LIPCSend(*connection, data, length, kReplyLimitMs);
     std::vector<char>().swap(connection->reply);
-    if (status != LIPC_OK) {
-        const std::lock_guard lock(endpoint->lock);
-        connection->broken = true;
-    }
-    LIPCRecycle(*endpoint, connection);
+    LIPCLetGo(*endpoint, *connection, status != LIPC_OK);
     LIPCLeave(*endpoint);
     return status;
 }

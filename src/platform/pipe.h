@@ -3,9 +3,9 @@
 // On Linux a pipe \\.\pipe\NAME is the Unix stream socket pipes/NAME of the instance's directory
 // (home.h). Reads and writes on a pipe that is bound to a completion queue are asynchronous: each
 // started operation gives exactly one completion on that queue, also one that completes at once or
-// is cancelled. What would block is finished by the thread that waits on the queue. At most one
-// read, one write and one connect may be outstanding on a pipe; the caller keeps buffer and
-// OVERLAPPED alive until the completion has been taken.
+// is ended by the pipe's close. What would block is finished by a thread that waits on the queue.
+// At most one read, one write and one connect may be outstanding on a pipe; the caller keeps buffer
+// and OVERLAPPED alive until the completion has been taken.
 #pragma once
 
 #include "platform/types.h"
@@ -40,15 +40,18 @@ HANDLE CreateNamedPipeA(LPCSTR path, DWORD openMode, DWORD pipeMode, DWORD maxIn
 // Starts waiting for a client: FALSE with ERROR_IO_PENDING when started; the completion comes to
 // the queue.
 BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED* overlapped);
-// Drops the instance's client, if any; the instance can be connected anew.
+// Cuts the connection of either end for good: what is outstanding fails, and so does what is
+// started later. Any thread.
 BOOL DisconnectNamedPipe(HANDLE pipe);
 
-// With INVALID_HANDLE_VALUE and null: a new queue. With a pipe and a queue: binds the pipe; its
-// completions carry `key`. Null on failure.
+// With INVALID_HANDLE_VALUE and null: a new queue. `threads` 1: one thread or task at a time will
+// use it, to post too, for one connected pipe; 0: any number of threads, no tasks, for any number
+// of pipes. With a pipe and a queue: binds the pipe; its completions carry `key`. Null on failure.
 HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD threads);
-// Waits for the next completion, one waiting thread a queue. TRUE: success. FALSE with *overlapped
-// not null: a failed operation, its error the last error (ERROR_BROKEN_PIPE: the peer has gone;
-// ERROR_OPERATION_ABORTED: cancelled). FALSE with *overlapped null: WAIT_TIMEOUT or a failed wait.
+// Waits for the next completion; of several threads that wait one is woken for each. TRUE: success.
+// FALSE with *overlapped not null: a failed operation, its error the last error (ERROR_BROKEN_PIPE:
+// the peer has gone; ERROR_OPERATION_ABORTED: the pipe was closed). FALSE with *overlapped null:
+// WAIT_TIMEOUT or a failed wait.
 BOOL GetQueuedCompletionStatus(HANDLE port, DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped,
                                DWORD milliseconds);
 // Puts a completion of the caller's own into the queue. Any thread.
@@ -63,9 +66,8 @@ BOOL WriteFile(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD* done, OVERLAPPED*
 // more; the caller goes on by itself. The only flag, and it stays.
 inline constexpr BYTE FILE_SKIP_COMPLETION_PORT_ON_SUCCESS = 1;
 BOOL SetFileCompletionNotificationModes(HANDLE pipe, BYTE flags);
-// Cancels the I/O that the calling thread started on the pipe; its completions come with
-// ERROR_OPERATION_ABORTED.
-BOOL CancelIo(HANDLE pipe);
-// As CancelIo, for what any thread has started. The record must be null: all operations.
-BOOL CancelIoEx(HANDLE pipe, OVERLAPPED* overlapped);
+// Writes all on the calling thread, which waits, up to `milliseconds`, where the pipe is full. No
+// completion. FALSE: WAIT_TIMEOUT, when a part may have gone out, or the error of a failure. Not
+// while a write is outstanding.
+BOOL WriteFileWithin(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD milliseconds);
 #endif

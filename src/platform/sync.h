@@ -1,4 +1,4 @@
-// Events, counting semaphores, threads, and the waits on them.
+// Events, threads, and the waits on them.
 //
 // Any thread may use any handle. A handle must not be closed while another thread waits on it.
 // On Linux an object's state lives in the process; it has a descriptor (eventfd) while a thread
@@ -22,11 +22,6 @@ HANDLE CreateEventA(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, 
 HANDLE OpenEventA(DWORD access, BOOL inherit, LPCSTR name);
 BOOL SetEvent(HANDLE event);
 BOOL ResetEvent(HANDLE event);
-
-// A counting semaphore. A wait that returns it takes one count.
-HANDLE CreateSemaphoreA(LPSECURITY_ATTRIBUTES, LONG initialCount, LONG maximumCount, LPCSTR name);
-// Fails with ERROR_TOO_MANY_POSTS, count unchanged, if the maximum would be passed.
-BOOL ReleaseSemaphore(HANDLE semaphore, LONG releaseCount, LONG* previousCount);
 
 // Starts a thread at once. The handle is signalled when the procedure has returned; closing it
 // leaves the thread alone. stackSize 0 is the default; flags must be 0. Null on failure.

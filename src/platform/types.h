@@ -27,8 +27,7 @@ using WPARAM = std::uintptr_t;
 using LPARAM = std::intptr_t;
 using LRESULT = std::intptr_t;
 
-// An owned reference to an event, semaphore, thread, pipe or completion queue. Closed with
-// CloseHandle.
+// An owned reference to an event, thread, pipe or completion queue. Closed with CloseHandle.
 using HANDLE = void*;
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(-1)))
 
@@ -55,7 +54,6 @@ inline constexpr DWORD ERROR_INVALID_NAME = 123;
 inline constexpr DWORD ERROR_ALREADY_EXISTS = 183;
 inline constexpr DWORD ERROR_PIPE_BUSY = 231;
 inline constexpr DWORD ERROR_MORE_DATA = 234;
-inline constexpr DWORD ERROR_TOO_MANY_POSTS = 298;
 inline constexpr DWORD ERROR_PIPE_CONNECTED = 535;
 inline constexpr DWORD ERROR_OPERATION_ABORTED = 995;
 inline constexpr DWORD ERROR_IO_PENDING = 997;

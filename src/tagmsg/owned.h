@@ -38,11 +38,4 @@ struct TagMsgField {
 };
 
 // The flat form of a message of one node with these attributes, in the order of adding.
-inline int TagMsgFlatten(std::span<const TagMsgField> fields, OwnedFlatForm& flat) {
-    OwnedMessage message;
-    int status = TagMsgCreate(&message.root);
-    for (const TagMsgField& field : fields) {
-        if (status == TAGMSG_OK) status = TagMsgAddAttr(message.root, field.tag, field.value);
-    }
-    return status == TAGMSG_OK ? TagMsgSerialize(message.root, &flat.data, &flat.length) : status;
-}
+int TagMsgFlatten(std::span<const TagMsgField> fields, OwnedFlatForm& flat);

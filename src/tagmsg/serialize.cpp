@@ -1,7 +1,10 @@
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "tagmsg/flat.h"
+#include "tagmsg/owned.h"
 #include "tagmsg/tree.h"
 
 namespace {
@@ -41,4 +44,25 @@ int TagMsgSerialize(TagMsgNode* root, void** buffer, std::uint32_t* length) {
     *buffer = flat;
     *length = static_cast<std::uint32_t>(at - flat);
     return TAGMSG_OK;
+}
+
+// The node stands on the stack, and its attributes borrow the caller's texts.
+int TagMsgFlatten(std::span<const TagMsgField> fields, OwnedFlatForm& flat) {
+    const std::unique_ptr<TagMsgAttr[]> attrs(new (std::nothrow) TagMsgAttr[fields.size()]);
+    if (attrs == nullptr) return TAGMSG_NO_MEMORY;
+    TagMsgNode node{};
+    node.root = &node;
+    node.size = kFlatNodeHeader;
+    TagMsgAttr* attr = attrs.get();
+    for (const TagMsgField& field : fields) {
+        if (field.value == nullptr) continue;
+        if (TagType(field.tag) > kTagTypeInteger) return TAGMSG_BAD;
+        attr->tag = field.tag;
+        if (TagType(field.tag) == kTagTypeInteger)
+            std::memcpy(&attr->value.number, field.value, sizeof attr->value.number);
+        else
+            attr->value.text = static_cast<char*>(const_cast<void*>(field.value));
+        TagMsgPushAttr(&node, attr++);
+    }
+    return TagMsgSerialize(&node, &flat.data, &flat.length);
 }

@@ -143,6 +143,46 @@ TEST_F(Client, APeerThatClosesCostsItsConnectionOnly) {
     ASSERT_EQ(LIPCOpenClient(&endpoint_, "raw"), LIPC_OK);
 }
 
+// A free connection whose peer does something on its own meanwhile.
+TEST_F(Client, WhatComesUnaskedCostsTheNextRequestNothing) {
+    const RawServer server("raw");
+    const struct {
+        const char* name;
+        std::string bytes;  // empty: the connection is closed
+    } cases[] = {{"a close", ""},
+                 {"a reply too many", Frame("unasked")},
+                 {"junk", "this is no frame at all"},
+                 {"a part of a frame", Frame("unasked").substr(0, 7)}};
+    for (const auto& each : cases) {
+        LIPCEndpoint* endpoint = nullptr;
+        ASSERT_EQ(LIPCOpenClient(&endpoint, "raw"), LIPC_OK);
+        std::atomic<bool> done{false};
+        std::thread peer([&] {
+            const int first = server.Accept();
+            ReadBytes(first, 21);
+            Write(first, Frame("first"));
+            if (each.bytes.empty()) {
+                close(first);
+            } else {
+                EXPECT_EQ(send(first, each.bytes.data(), each.bytes.size(), MSG_NOSIGNAL),
+                          static_cast<ssize_t>(each.bytes.size()));
+            }
+            done = true;
+            const int second = server.Accept();
+            ReadBytes(second, 21);
+            Write(second, Frame("right"));
+            ReadBytes(second, 1);
+            close(second);
+            if (!each.bytes.empty()) close(first);
+        });
+        EXPECT_EQ(Ask(endpoint, "1", 5000).reply, "first") << each.name;
+        while (!done) std::this_thread::sleep_for(1ms);
+        EXPECT_EQ(Ask(endpoint, "2", 5000).reply, "right") << each.name;
+        LIPCClose(endpoint);
+        peer.join();
+    }
+}
+
 // Answers each connection's one request and closes behind the reply, until it is closed itself.
 void AnswerAndClose(const RawServer& server, const std::atomic<bool>& ended) {
     const std::string frame = Frame("done");

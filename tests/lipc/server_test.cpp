@@ -23,9 +23,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
+void Echo(LIPCEndpoint* server) {
+    for (;;) {
+        LIPCConnection* connection = nullptr;
+        const void* data = nullptr;
+        std::uint32_t length = 0;
+        const int status = LIPCReceive(server, &connection, &data, &length, -1);
+        if (status == LIPC_CLOSING) return;
+        if (status == LIPC_OK) LIPCReply(server, connection, data, length);
+    }
+}
+
 TEST(LIPCServer, RefusesAClientThatItHasNoDescriptorFor) {
     LIPCEndpoint* server = nullptr;
     ASSERT_EQ(LIPCOpenServer(&server, "refusing"), LIPC_OK);
+    std::thread worker(Echo, server);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::string path = RawServer::platform_path("refusing");
@@ -43,17 +55,7 @@ TEST(LIPCServer, RefusesAClientThatItHasNoDescriptorFor) {
     EXPECT_EQ(poll(&entry, 1, 200), 0) << "there is room again";
     for (const int each : clients) close(each);
     LIPCClose(server);
-}
-
-void Echo(LIPCEndpoint* server) {
-    for (;;) {
-        LIPCConnection* connection = nullptr;
-        const void* data = nullptr;
-        std::uint32_t length = 0;
-        const int status = LIPCReceive(server, &connection, &data, &length, -1);
-        if (status == LIPC_CLOSING) return;
-        if (status == LIPC_OK) LIPCReply(server, connection, data, length);
-    }
+    worker.join();
 }
 
 TEST(LIPC, ManyThreadsThroughAServerThatRestarts) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tagmsg/flat.h"
+#include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 
 namespace {
@@ -74,6 +75,23 @@ TEST(TagMsg, WorkedExampleToTheByte) {
     EXPECT_EQ(TagMsgGetChild(parsed, &child, -1), TAGMSG_NOT_FOUND);
     EXPECT_EQ(Flat(parsed).size(), expected.size());
     TagMsgFree(parsed, 1, 1);
+}
+
+TEST(TagMsg, FlattenIsTheShortWayToTheSameBytes) {
+    const std::int32_t number = -7;
+    const TagMsgField fields[] = {
+        {TagPath, "/spool/1"}, {TagSender, nullptr}, {TagAgentId, &number}, {TagLabel, ""}};
+    OwnedFlatForm quick;
+    ASSERT_EQ(TagMsgFlatten(fields, quick), TAGMSG_OK);
+    OwnedMessage message;
+    TagMsgCreate(&message.root);
+    for (const TagMsgField& each : fields) TagMsgAddAttr(message.root, each.tag, each.value);
+    OwnedFlatForm slow;
+    ASSERT_EQ(TagMsgSerialize(message.root, &slow.data, &slow.length), TAGMSG_OK);
+    EXPECT_EQ(std::string(static_cast<const char*>(quick.data), quick.length),
+              std::string(static_cast<const char*>(slow.data), slow.length));
+    const TagMsgField bad[] = {{0x0102, "no such type"}};
+    EXPECT_EQ(TagMsgFlatten(bad, quick), TAGMSG_BAD);
 }
 
 TEST(TagMsg, EmptyValuesAndTypes) {

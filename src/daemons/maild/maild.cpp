@@ -186,13 +186,13 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
     if (request.Parse(data, length) != TAGMSG_OK) return;
     const std::string path = Text(request.root, TagPath);
     if (path.empty()) return;
-    const std::shared_ptr<const Settings> settings = settings_.Current();
     OwnedMessage answer;
     if (TagMsgCreate(&answer.root) != TAGMSG_OK) return;
     if (null_) {
         if (BuildForward(answer.root)) TagMsgSerialize(answer.root, reply, replyLength);
         return;
     }
+    const std::shared_ptr<const Settings> settings = settings_.Current();
     const Judgement judgement =
         JudgeMessage(engine_, *settings, path.c_str(), TransferOf(request.root));
     const Decision decision = Decide(*settings, judgement);

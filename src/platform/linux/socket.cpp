@@ -27,7 +27,7 @@ int Outcome(ssize_t result) {
 
 int Poll(std::span<pollfd> entries, std::chrono::steady_clock::time_point end, bool blocked) {
     TaskThread* const thread = TaskThread::Current();
-    return thread != nullptr ? thread->PollSockets(entries, end, blocked)
+    return thread != nullptr ? thread->Poll(entries, end, blocked, true)
                              : platform::PollUntil(entries, end);
 }
 
@@ -78,8 +78,7 @@ int SocketBeginConnect(SOCKET socket, const SocketAddress& address) {
 
 int SocketEndConnect(SOCKET socket, std::chrono::milliseconds limit) {
     pollfd entry{socket, POLLOUT, 0};
-    const int ready =
-        Poll(std::span(&entry, 1), std::chrono::steady_clock::now() + limit, false);
+    const int ready = Poll(std::span(&entry, 1), std::chrono::steady_clock::now() + limit, false);
     if (ready < 0) return errno;
     if (ready == 0) return ETIMEDOUT;
     if ((entry.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return 0;
@@ -128,8 +127,8 @@ bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::millise
         watches[i].found = {false, false};
         entries[i] = {watches[i].socket, static_cast<short>(wanted(watches[i].want) | POLLPRI), 0};
     }
-    const int result = Poll(std::span(entries.data(), count),
-                            std::chrono::steady_clock::now() + limit, blocked);
+    const int result =
+        Poll(std::span(entries.data(), count), std::chrono::steady_clock::now() + limit, blocked);
     if (result < 0) {
         for (std::size_t i = 0; i < count; ++i) watches[i].found.exception = true;
     }

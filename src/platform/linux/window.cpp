@@ -33,8 +33,8 @@ struct AsyncSocket {
 struct MessageQueue {
     std::mutex mutex;
     std::deque<MSG> messages;  // guarded by mutex
-    platform::Waitable filled{platform::Waitable::Kind::kManualEvent, 0,
-                              1};      // set while messages isn't empty
+    platform::Waitable filled{platform::Waitable::Kind::kManualEvent,
+                              false};  // set while messages isn't empty
     std::vector<AsyncSocket> sockets;  // the owning thread alone
     std::vector<HWND> windows;         // the owning thread alone: its own, deleted at its end
     Clock::time_point heldUntil{};     // the owning thread alone
@@ -42,7 +42,7 @@ struct MessageQueue {
     void Post(const MSG& message) {
         const std::lock_guard lock(mutex);
         messages.push_back(message);
-        filled.Signal(1, nullptr);
+        filled.Set(true);
     }
 };
 
@@ -120,7 +120,7 @@ BOOL DestroyWindow(HWND window) {
         const std::lock_guard lock(queue.mutex);
         std::erase_if(queue.messages,
                       [window](const MSG& message) { return message.hwnd == window; });
-        if (queue.messages.empty()) queue.filled.Reset();
+        if (queue.messages.empty()) queue.filled.Set(false);
     }
     std::erase(queue.windows, window);
     delete window;
@@ -160,7 +160,7 @@ BOOL PeekMessageA(MSG* message, HWND window, UINT first, UINT last, UINT remove)
     *message = *found;
     if ((remove & PM_REMOVE) == 0) return TRUE;
     queue.messages.erase(found);
-    if (queue.messages.empty()) queue.filled.Reset();
+    if (queue.messages.empty()) queue.filled.Set(false);
     for (AsyncSocket& entry : queue.sockets) {
         if (static_cast<WPARAM>(entry.socket) == message->wParam &&
             entry.message == message->message)

@@ -1,10 +1,11 @@
-// Inside platform/: the completion queue: an epoll set with a queue of posted records, for one
-// waiting thread.
+// Inside platform/: the completion queue: an epoll set with a queue of posted records.
 #pragma once
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <mutex>
+#include <optional>
 
 #include "platform/descriptor.h"
 #include "platform/linux/wait/object.h"
@@ -12,23 +13,27 @@
 
 namespace platform {
 
-// What an epoll entry leads to. The queue holds a reference to each, which its waiting thread alone
-// gives back: so no entry of a batch that it has fetched can be gone.
+// What an epoll entry leads to. A thread that has fetched an event may be late: behind Unwatch the
+// call still comes to an object that is there.
 class PollTarget : public Object {
   public:
     virtual void OnReady(std::uint32_t events) = 0;
 };
 
+// Shared, any number of threads wait; each takes one event or record at a time, and one is woken
+// for it. Otherwise one thread or task at a time uses it, for one pipe: no more than the pipe's own
+// descriptor is needed then.
 class CompletionQueue final : public Object {
   public:
-    CompletionQueue();
-    ~CompletionQueue() override;
-    bool Ready() const { return epoll_ && wake_; }
+    explicit CompletionQueue(bool shared);
+    bool Ready() const { return ready_; }
 
-    // Tells the target what becomes of the descriptor, until Unwatch. False on failure.
-    bool Watch(int descriptor, PollTarget* target);
-    // Ends a Watch; the descriptor is still open.
-    void Unwatch(int descriptor, PollTarget* target);
+    // Tells the target what there is to be read, until Unwatch. The watch's number, 0 on failure.
+    std::uint64_t Watch(int descriptor, PollTarget* target);
+    // Whether the watch also tells of room to write. It tells at once if there is some.
+    void WatchRoom(int descriptor, std::uint64_t watch, bool room);
+    // Ends a watch; the descriptor is still open.
+    void Unwatch(int descriptor, std::uint64_t watch);
     void Post(DWORD bytes, ULONG_PTR key, OVERLAPPED* overlapped, DWORD error);
     // As GetQueuedCompletionStatus.
     BOOL Take(DWORD* bytes, ULONG_PTR* key, OVERLAPPED** overlapped, DWORD milliseconds);
@@ -39,19 +44,28 @@ class CompletionQueue final : public Object {
         ULONG_PTR key;
         OVERLAPPED* overlapped;
         DWORD error;
-        PollTarget* released;  // not null: a reference to give back, no completion
     };
-    // False if there is none; the thread then counts as asleep.
-    bool PopOrSleep(Completion& entry);
-    // Sleeps until something happens. False, with the last error, if the time is over or it failed.
-    bool WaitForEvents(DWORD milliseconds);
-    void Push(const Completion& entry);
+    using End = std::optional<std::chrono::steady_clock::time_point>;
+    // What poll gives, with one event and whose it is.
+    int WaitForEvent(End end, bool look, std::uint64_t& watch, std::uint32_t& events) const;
+    // Sleeps until something happens, and deals with an event of a descriptor. `look`: the end is
+    // here. False, with the last error, if the time is over or it failed.
+    bool Sleep(std::unique_lock<std::mutex>& lock, End end, bool look);
+    // Wakes one of those who sleep, unless somebody comes for the records anyway. Under mutex_.
+    void Ring();
 
-    const UniqueDescriptor epoll_;
-    const UniqueDescriptor wake_;
-    std::mutex mutex_;
-    std::deque<Completion> posted_;  // guarded by mutex_
-    bool sleeping_ = false;  // guarded by mutex_: a thread is in epoll_wait, or on its way there
+    const bool shared_;
+    const UniqueDescriptor epoll_;  // shared
+    const int bell_;                // shared
+    bool ready_ = false;
+    int descriptor_ = -1;  // not shared: the one that is watched, and for what
+    std::uint32_t wanted_ = 0;
+    std::mutex mutex_;               // guards all below; inside a pipe's
+    std::deque<Completion> posted_;  // with records in it somebody comes, or nobody sleeps
+    int sleeping_ = 0;               // threads in epoll_wait, or on their way there or back
+    int coming_ = 0;                 // threads that look at posted_ behind their event
+    std::uint64_t lastWatch_ = 0;
+    std::map<std::uint64_t, Reference<PollTarget>> targets_;
 };
 
 }  // namespace platform

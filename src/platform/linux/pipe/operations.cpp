@@ -78,9 +78,9 @@ BOOL DisconnectNamedPipe(HANDLE pipe) {
     return object != nullptr && object->Disconnect() ? TRUE : FALSE;
 }
 
-HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD) {
+HANDLE CreateIoCompletionPort(HANDLE pipe, HANDLE existingPort, ULONG_PTR key, DWORD threads) {
     if (pipe == INVALID_HANDLE_VALUE && existingPort == nullptr) {
-        platform::Reference<CompletionQueue> queue(NewObject<CompletionQueue>());
+        platform::Reference<CompletionQueue> queue(NewObject<CompletionQueue>(threads != 1));
         if (queue == nullptr || !queue->Ready()) return platform::Fail(ERROR_TOO_MANY_OPEN_FILES);
         return ToHandle(queue.release());
     }
@@ -115,23 +115,14 @@ BOOL WriteFile(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD* done, OVERLAPPED*
     return object == nullptr ? FALSE : object->Write(buffer, size, done, overlapped);
 }
 
+BOOL WriteFileWithin(HANDLE pipe, LPCVOID buffer, DWORD size, DWORD milliseconds) {
+    auto* object = ObjectOf<Pipe>(pipe);
+    return object == nullptr ? FALSE : object->WriteWithin(buffer, size, milliseconds);
+}
+
 BOOL SetFileCompletionNotificationModes(HANDLE pipe, BYTE flags) {
     auto* object = ObjectOf<Pipe>(pipe);
     if (object == nullptr || flags != FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) return FALSE;
     object->SkipCompletionsOnSuccess();
-    return TRUE;
-}
-
-BOOL CancelIo(HANDLE pipe) {
-    auto* object = ObjectOf<Pipe>(pipe);
-    if (object == nullptr) return FALSE;
-    object->Cancel(false);
-    return TRUE;
-}
-
-BOOL CancelIoEx(HANDLE pipe, OVERLAPPED* overlapped) {
-    auto* object = ObjectOf<Pipe>(pipe);
-    if (object == nullptr || overlapped != nullptr) return FALSE;
-    object->Cancel(true);
     return TRUE;
 }

@@ -1,9 +1,11 @@
 #include "platform/linux/pipe/pipe.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "platform/linux/pipe/server.h"
@@ -31,7 +33,8 @@ bool Pipe::Bind(CompletionQueue* queue, ULONG_PTR key) {
     if (queue_ != nullptr) return false;
     queue_ = Share(queue);
     key_ = key;
-    return !descriptor_ || queue->Watch(descriptor_.Get(), this);
+    watch_ = descriptor_ ? queue->Watch(descriptor_.Get(), this) : 0;
+    return !descriptor_ || watch_ != 0;
 }
 
 Pipe::Tried Pipe::TryRead(DWORD& error) {
@@ -53,17 +56,17 @@ Pipe::Tried Pipe::TryRead(DWORD& error) {
     return Tried::kDone;
 }
 
-Pipe::Tried Pipe::TryWrite(DWORD& error) {
-    while (write_.done < write_.size) {
-        const ssize_t count = send(descriptor_.Get(), write_.buffer + write_.done,
-                                   write_.size - write_.done, MSG_DONTWAIT | MSG_NOSIGNAL);
+Pipe::Tried Pipe::TryWrite(Operation& operation, DWORD& error) {
+    while (operation.done < operation.size) {
+        const ssize_t count = send(descriptor_.Get(), operation.buffer + operation.done,
+                                   operation.size - operation.done, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Tried::kWouldBlock;
         if (count < 0) {
             error = IoError();
             return Tried::kFailed;
         }
-        write_.done += static_cast<DWORD>(count);
+        operation.done += static_cast<DWORD>(count);
     }
     return Tried::kDone;
 }
@@ -91,7 +94,7 @@ bool Pipe::Begin(Operation& operation, void* buffer, DWORD size, OVERLAPPED* ove
     if (!descriptor_ || queue_ == nullptr || overlapped == nullptr ||
         operation.overlapped != nullptr)
         return Fail(ERROR_INVALID_HANDLE);
-    operation = {overlapped, static_cast<char*>(buffer), size, 0, GetCurrentThreadId()};
+    operation = {overlapped, static_cast<char*>(buffer), size, 0};
     return true;
 }
 
@@ -107,8 +110,29 @@ BOOL Pipe::Write(const void* buffer, DWORD size, DWORD* done, OVERLAPPED* overla
     const std::lock_guard lock(mutex_);
     if (!Begin(write_, const_cast<void*>(buffer), size, overlapped)) return FALSE;
     DWORD error = 0;
-    const Tried tried = TryWrite(error);
+    const Tried tried = TryWrite(write_, error);
+    if (tried == Tried::kWouldBlock) queue_->WatchRoom(descriptor_.Get(), watch_, true);
     return Result(write_, tried, error, done);
+}
+
+BOOL Pipe::WriteWithin(const void* buffer, DWORD size, DWORD milliseconds) {
+    using Clock = std::chrono::steady_clock;
+    std::optional<Clock::time_point> end;
+    if (milliseconds != INFINITE) end = Clock::now() + std::chrono::milliseconds(milliseconds);
+    Operation write{nullptr, const_cast<char*>(static_cast<const char*>(buffer)), size, 0};
+    for (;;) {
+        pollfd room{-1, POLLOUT, 0};
+        {
+            const std::lock_guard lock(mutex_);
+            if (!descriptor_) return Fail(ERROR_INVALID_HANDLE);
+            DWORD error = 0;
+            const Tried tried = TryWrite(write, error);
+            if (tried == Tried::kDone) return TRUE;
+            if (tried == Tried::kFailed) return Fail(error);
+            room.fd = descriptor_.Get();
+        }
+        if (PollUntil({&room, 1}, end) <= 0) return Fail(WAIT_TIMEOUT);
+    }
 }
 
 void Pipe::SkipCompletionsOnSuccess() {
@@ -123,7 +147,7 @@ BOOL Pipe::Connect(OVERLAPPED* overlapped) {
             connect_.overlapped != nullptr)
             return Fail(ERROR_INVALID_HANDLE);
         if (descriptor_) return Fail(ERROR_PIPE_CONNECTED);
-        connect_ = {overlapped, nullptr, 0, 0, GetCurrentThreadId()};
+        connect_ = {overlapped, nullptr, 0, 0};
     }
     server_->Wait(this);
     return Fail(ERROR_IO_PENDING);
@@ -134,8 +158,8 @@ void Pipe::Adopt(UniqueDescriptor descriptor) {
     descriptor_ = std::move(descriptor);
     drained_ = false;
     hungUp_ = false;
-    const bool watched = queue_->Watch(descriptor_.Get(), this);
-    Complete(connect_, 0, watched ? 0 : ERROR_NOT_ENOUGH_MEMORY);
+    watch_ = queue_->Watch(descriptor_.Get(), this);
+    Complete(connect_, 0, watch_ != 0 ? 0 : ERROR_NOT_ENOUGH_MEMORY);
 }
 
 void Pipe::OnReady(std::uint32_t events) {
@@ -151,34 +175,16 @@ void Pipe::OnReady(std::uint32_t events) {
         }
     }
     if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0 && write_.overlapped != nullptr) {
-        const Tried tried = TryWrite(error);
+        const Tried tried = TryWrite(write_, error);
+        // Else each read of the peer's would wake somebody.
+        if (tried != Tried::kWouldBlock) queue_->WatchRoom(descriptor_.Get(), watch_, false);
         Finish(write_, tried, error);
     }
 }
 
-void Pipe::Cancel(bool ofAnyThread) {
-    const bool waited = server_ != nullptr && server_->StopWaiting(this);
-    const std::lock_guard lock(mutex_);
-    const DWORD thread = GetCurrentThreadId();
-    for (Operation* operation : {&read_, &write_}) {
-        if (operation->overlapped != nullptr && (ofAnyThread || operation->thread == thread))
-            Complete(*operation, operation->done, ERROR_OPERATION_ABORTED);
-    }
-    // Whoever cancels first ends the wait for a client: nothing else could.
-    if (waited && connect_.overlapped != nullptr) Complete(connect_, 0, ERROR_OPERATION_ABORTED);
-}
-
-void Pipe::Drop() {
-    if (!descriptor_) return;
-    if (queue_ != nullptr) queue_->Unwatch(descriptor_.Get(), this);
-    descriptor_.Reset();
-}
-
 bool Pipe::Disconnect() {
     const std::lock_guard lock(mutex_);
-    if (server_ == nullptr) return false;
-    Drop();
-    return true;
+    return descriptor_ && shutdown(descriptor_.Get(), SHUT_RDWR) == 0;
 }
 
 void Pipe::OnClose() {
@@ -188,7 +194,8 @@ void Pipe::OnClose() {
         if (operation->overlapped != nullptr)
             Complete(*operation, operation->done, ERROR_OPERATION_ABORTED);
     }
-    Drop();
+    if (watch_ != 0) queue_->Unwatch(descriptor_.Get(), watch_);
+    descriptor_.Reset();
 }
 
 }  // namespace platform

@@ -24,9 +24,9 @@ class Pipe final : public PollTarget {
     bool Bind(CompletionQueue* queue, ULONG_PTR key);
     BOOL Read(void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
     BOOL Write(const void* buffer, DWORD size, DWORD* done, OVERLAPPED* overlapped);
+    BOOL WriteWithin(const void* buffer, DWORD size, DWORD milliseconds);
     void SkipCompletionsOnSuccess();
     BOOL Connect(OVERLAPPED* overlapped);
-    void Cancel(bool ofAnyThread);
     bool Disconnect();
     // A client for an instance that waits for one. Called by the server, under its lock.
     void Adopt(UniqueDescriptor descriptor);
@@ -37,23 +37,22 @@ class Pipe final : public PollTarget {
         char* buffer = nullptr;
         DWORD size = 0;
         DWORD done = 0;
-        DWORD thread = 0;
     };
     enum class Tried { kWouldBlock, kDone, kFailed };
     // Each leaves its count in the operation's `done`, and a failure in `error`.
     Tried TryRead(DWORD& error);
-    Tried TryWrite(DWORD& error);
+    Tried TryWrite(Operation& operation, DWORD& error);
     // False, with the last error, if such a one can't be started now.
     bool Begin(Operation& operation, void* buffer, DWORD size, OVERLAPPED* overlapped);
     // What a call that was tried at once gives: see ReadFile.
     BOOL Result(Operation& operation, Tried tried, DWORD error, DWORD* done);
     void Finish(Operation& operation, Tried tried, DWORD error);
     void Complete(Operation& operation, DWORD bytes, DWORD error);
-    void Drop();
 
     std::mutex mutex_;  // guards all below; inside the server's lock
     UniqueDescriptor descriptor_;
     Reference<CompletionQueue> queue_;
+    std::uint64_t watch_ = 0;  // the queue's number for the descriptor
     ULONG_PTR key_ = 0;
     Operation read_;
     Operation write_;

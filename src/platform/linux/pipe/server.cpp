@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <utility>
@@ -17,7 +16,8 @@
 namespace platform {
 namespace {
 
-constexpr int kBacklog = 128;
+// What clients of several processes may open while all who would accept them are busy.
+constexpr int kBacklog = 512;
 
 struct ServerTable {
     std::mutex mutex;
@@ -59,20 +59,19 @@ bool PipeServer::Open(const std::string& name) {
 }
 
 PipeServer::~PipeServer() {
-    if (target_ != nullptr) queue_->Unwatch(listener_.Get(), target_.get());
+    if (watch_ != 0) queue_->Unwatch(listener_.Get(), watch_);
     // While the lock is still held: the next server's socket must not be meant.
     if (listener_) unlink(path_.c_str());
 }
 
 bool PipeServer::Watch(CompletionQueue* queue) {
     const std::lock_guard lock(mutex_);
-    if (target_ != nullptr) return true;
     // All instances of a name use one queue: the first one's.
-    Reference<Listener> target(NewObject<Listener>(weak_from_this()));
-    if (target == nullptr || !queue->Watch(listener_.Get(), target.get())) return false;
-    queue_ = Share(queue);
-    target_ = std::move(target);
-    return true;
+    if (watch_ != 0) return queue_.get() == queue;
+    target_.reset(NewObject<Listener>(weak_from_this()));
+    if (target_ != nullptr) watch_ = queue->Watch(listener_.Get(), target_.get());
+    if (watch_ != 0) queue_ = Share(queue);
+    return watch_ != 0;
 }
 
 void PipeServer::Wait(Pipe* pipe) {
@@ -83,12 +82,9 @@ void PipeServer::Wait(Pipe* pipe) {
     AcceptWaiting();
 }
 
-bool PipeServer::StopWaiting(Pipe* pipe) {
+void PipeServer::StopWaiting(Pipe* pipe) {
     const std::lock_guard lock(mutex_);
-    const auto found = std::find(waiting_.begin(), waiting_.end(), pipe);
-    if (found == waiting_.end()) return false;
-    waiting_.erase(found);
-    return true;
+    std::erase(waiting_, pipe);
 }
 
 UniqueDescriptor PipeServer::Accept() {

@@ -26,7 +26,7 @@ class PipeServer : public std::enable_shared_from_this<PipeServer> {
     bool Watch(CompletionQueue* queue);
     // The next client for the instance, now or later.
     void Wait(Pipe* pipe);
-    bool StopWaiting(Pipe* pipe);
+    void StopWaiting(Pipe* pipe);
     void AcceptWaiting();
 
   private:
@@ -54,6 +54,7 @@ class PipeServer : public std::enable_shared_from_this<PipeServer> {
     std::deque<Pipe*> waiting_;
     Reference<CompletionQueue> queue_;
     Reference<Listener> target_;
+    std::uint64_t watch_ = 0;  // the queue's number for the listener; 0: none
 };
 
 }  // namespace platform

@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::size_t kMostSpareStacks = 64;
 constexpr int kAlways = POLLERR | POLLHUP;
+constexpr std::uint32_t kAllEvents = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP;
 // How often a descriptor is looked at that the epoll set has no room for.
 constexpr std::chrono::milliseconds kLook{50};
 
@@ -153,8 +154,8 @@ void TaskThread::WaitForEvents() {
     if (firstReady_ != nullptr) {
         limit = 0;
     } else if (!timers_.empty()) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first -
-                                                                       Clock::now());
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first - Clock::now());
         limit = static_cast<int>(std::clamp<long long>(left.count(), 0, 1 << 30));
     }
     if (limit != 0) {
@@ -219,16 +220,19 @@ void TaskThread::Yield() {
 }
 
 // False if the epoll set has no room for it.
-bool TaskThread::Register(int descriptor) {
+bool TaskThread::Register(int descriptor, std::uint32_t events) {
     const auto at = static_cast<std::size_t>(descriptor);
     if (at >= watched_.size()) watched_.resize(std::max(at + 1, watched_.size() * 2));
     Watched& watched = watched_[at];
-    if (watched.registered) return true;
+    const bool known = watched.registered;
+    if (known && (watched.events & events) == events) return true;
+    if (!known) watched.events = watched.seen = 0;
+    watched.events |= events;
     epoll_event event{};
-    event.events = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP | EPOLLET;
+    event.events = watched.events | EPOLLET;
     event.data.fd = descriptor;
-    watched.seen = 0;
-    watched.registered = epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
+    const int operation = known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+    watched.registered = epoll_ctl(epoll_.Get(), operation, descriptor, &event) == 0;
     return watched.registered;
 }
 
@@ -248,7 +252,9 @@ class TaskThread::Waiting {
         for (std::size_t i = 0; i < entries.size(); ++i) {
             entries[i].revents = 0;
             if (entries[i].fd < 0) continue;
-            whole_ = thread.Register(entries[i].fd) && whole_;
+            // Else events that nobody wants would wake the thread.
+            const auto wanted = static_cast<std::uint32_t>(entries[i].events);
+            whole_ = thread.Register(entries[i].fd, stay ? kAllEvents : wanted) && whole_;
             Watched& watched = Of(entries[i]);
             first[i] = {thread.running_, entries[i].events, watched.waiting};
             watched.waiting = &first[i];
@@ -280,8 +286,8 @@ class TaskThread::Waiting {
         for (pollfd& entry : entries_) {
             if (entry.fd < 0) continue;
             Watched& watched = Of(entry);
-            entry.revents = static_cast<short>(static_cast<int>(watched.seen) &
-                                               (entry.events | kAlways));
+            entry.revents =
+                static_cast<short>(static_cast<int>(watched.seen) & (entry.events | kAlways));
             watched.seen &= ~static_cast<std::uint32_t>(entry.revents & ~kAlways);
             // A broken connection stays so, and nobody will tell of a closed one again.
             if ((watched.seen & EPOLLRDHUP) != 0)
@@ -321,23 +327,14 @@ int TaskThread::Wait(std::span<pollfd> entries, std::optional<Clock::time_point>
     }
 }
 
-int TaskThread::Poll(std::span<pollfd> entries, std::optional<Clock::time_point> end) {
+int TaskThread::Poll(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool blocked,
+                     bool stay) {
+    if (blocked) return Wait(entries, end, stay);
     for (;;) {
         const int ready = poll(entries.data(), entries.size(), 0);
         if (ready > 0 || (ready < 0 && errno != EINTR)) return ready;
         if (end && Clock::now() >= *end) return 0;
-        Wait(entries, end, false);
-    }
-}
-
-int TaskThread::PollSockets(std::span<pollfd> entries, std::optional<Clock::time_point> end,
-                            bool blocked) {
-    if (blocked) return Wait(entries, end, true);
-    for (;;) {
-        const int ready = poll(entries.data(), entries.size(), 0);
-        if (ready > 0 || (ready < 0 && errno != EINTR)) return ready;
-        if (end && Clock::now() >= *end) return 0;
-        Wait(entries, end, true);
+        Wait(entries, end, stay);
     }
 }
 

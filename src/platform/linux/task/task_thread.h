@@ -36,11 +36,11 @@ class TaskThread {
     // A new task, by any thread. False without memory.
     bool Start(TaskProcedure procedure, void* argument);
 
-    // As PollUntil, for the calling task, which the following are for too.
-    int Poll(std::span<pollfd> entries, std::optional<Clock::time_point> end);
-    // The same for sockets, which stay in the epoll set until Forget. `blocked`: the caller has just
-    // seen that what it wants is not there, and bears with a wait that ends for nothing.
-    int PollSockets(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool blocked);
+    // As PollUntil, for the calling task, which the following are for too. `blocked`: the caller
+    // has just seen that what it wants is not there, and bears with a wait that ends for nothing.
+    // `stay`: they are sockets, which stay in the epoll set until Forget.
+    int Poll(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool blocked = false,
+             bool stay = false);
     void Yield();
     // The socket is about to be closed.
     void Forget(int socket);
@@ -57,7 +57,8 @@ class TaskThread {
     // What is known of a descriptor.
     struct Watched {
         Entry* waiting = nullptr;
-        std::uint32_t seen = 0;  // what has happened and nobody has been told of
+        std::uint32_t events = 0;  // what the epoll set tells
+        std::uint32_t seen = 0;    // what has happened and nobody has been told of
         bool registered = false;
     };
     class Waiting;
@@ -71,7 +72,7 @@ class TaskThread {
     void WaitForEvents();
     void MakeReady(Task* task);
     void Retire(Task* task);
-    bool Register(int descriptor);
+    bool Register(int descriptor, std::uint32_t events);
     // Gives the thread to others until somebody makes the running task ready, or the end is over.
     void Pause(std::optional<Clock::time_point> end);
     int Wait(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool stay);

@@ -18,8 +18,9 @@ void DescriptorKind::Close(int descriptor) {
     errno = error;
 }
 
-int PollUntil(std::span<pollfd> entries, std::optional<Clock::time_point> end) {
-    if (TaskThread* const thread = TaskThread::Current()) return thread->Poll(entries, end);
+int PollUntil(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool blocked) {
+    if (TaskThread* const thread = TaskThread::Current())
+        return thread->Poll(entries, end, blocked);
     constexpr long long kLongest = 1 << 30;  // milliseconds
     for (;;) {
         long long wait = -1;

@@ -1,4 +1,4 @@
-// Events and semaphores.
+// Events.
 #include <map>
 #include <mutex>
 #include <string>
@@ -26,8 +26,8 @@ NameTable& Names() {
 
 class NamedEvent final : public Waitable {
   public:
-    NamedEvent(Kind kind, LONG initial, std::string name)
-        : Waitable(kind, initial, 1), name_(std::move(name)) {}
+    NamedEvent(Kind kind, bool initial, std::string name)
+        : Waitable(kind, initial), name_(std::move(name)) {}
     // The name goes with the last handle, under the table's lock, so that an open never meets a
     // dying event.
     void OnClose() override {
@@ -45,8 +45,8 @@ class NamedEvent final : public Waitable {
 HANDLE CreateEventA(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, LPCSTR name) {
     const auto kind =
         manualReset != FALSE ? Waitable::Kind::kManualEvent : Waitable::Kind::kAutoEvent;
-    const LONG initial = initialState != FALSE ? 1 : 0;
-    if (name == nullptr) return ToHandle(NewObject<Waitable>(kind, initial, 1));
+    const bool initial = initialState != FALSE;
+    if (name == nullptr) return ToHandle(NewObject<Waitable>(kind, initial));
     if (HANDLE existing = OpenEventA(EVENT_ALL_ACCESS, FALSE, name))
         return platform::FailWith(existing, ERROR_ALREADY_EXISTS);
     const std::lock_guard lock(Names().mutex);
@@ -68,28 +68,14 @@ HANDLE OpenEventA(DWORD, BOOL, LPCSTR name) {
 
 BOOL SetEvent(HANDLE event) {
     Waitable* waitable = ObjectOf<Waitable>(event);
-    if (waitable == nullptr || waitable->kind() == Waitable::Kind::kSemaphore) return FALSE;
-    return waitable->Signal(1, nullptr) ? TRUE : FALSE;
+    if (waitable == nullptr) return FALSE;
+    waitable->Set(true);
+    return TRUE;
 }
 
 BOOL ResetEvent(HANDLE event) {
     Waitable* waitable = ObjectOf<Waitable>(event);
-    if (waitable == nullptr || waitable->kind() == Waitable::Kind::kSemaphore) return FALSE;
-    waitable->Reset();
-    return TRUE;
-}
-
-HANDLE CreateSemaphoreA(LPSECURITY_ATTRIBUTES, LONG initialCount, LONG maximumCount, LPCSTR name) {
-    if (maximumCount <= 0 || initialCount < 0 || initialCount > maximumCount || name != nullptr)
-        return platform::Fail(ERROR_INVALID_PARAMETER);
-    return ToHandle(NewObject<Waitable>(Waitable::Kind::kSemaphore, initialCount, maximumCount));
-}
-
-BOOL ReleaseSemaphore(HANDLE semaphore, LONG releaseCount, LONG* previousCount) {
-    Waitable* waitable = ObjectOf<Waitable>(semaphore);
     if (waitable == nullptr) return FALSE;
-    if (waitable->kind() != Waitable::Kind::kSemaphore || releaseCount <= 0)
-        return platform::Fail(ERROR_INVALID_PARAMETER);
-    if (waitable->Signal(releaseCount, previousCount)) return TRUE;
-    return platform::Fail(ERROR_TOO_MANY_POSTS);
+    waitable->Set(false);
+    return TRUE;
 }

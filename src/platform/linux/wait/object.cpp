@@ -14,7 +14,7 @@ Waitable::~Waitable() {
 }
 
 void Waitable::SyncDescriptor() {
-    if (descriptor_ < 0 || waiters_ == 0 || raised_ == (count_ > 0)) return;
+    if (descriptor_ < 0 || waiters_ == 0 || raised_ == signalled_) return;
     std::uint64_t value = 1;
     // An eventfd's write of 1 and read never fail here: its counter is only ever 0 or 1.
     [[maybe_unused]] const ssize_t done = raised_ ? read(descriptor_, &value, sizeof value)
@@ -22,29 +22,16 @@ void Waitable::SyncDescriptor() {
     raised_ = !raised_;
 }
 
-bool Waitable::Signal(LONG n, LONG* previous) {
+void Waitable::Set(bool signalled) {
     const std::lock_guard lock(mutex_);
-    if (previous != nullptr) *previous = count_;
-    if (kind_ == Kind::kSemaphore) {
-        if (n > maximum_ - count_) return false;
-        count_ += n;
-    } else {
-        count_ = 1;
-    }
-    SyncDescriptor();
-    return true;
-}
-
-void Waitable::Reset() {
-    const std::lock_guard lock(mutex_);
-    count_ = 0;
+    signalled_ = signalled;
     SyncDescriptor();
 }
 
 bool Waitable::TryConsume() {
     const std::lock_guard lock(mutex_);
-    if (count_ <= 0) return false;
-    if (kind_ != Kind::kManualEvent) --count_;
+    if (!signalled_) return false;
+    signalled_ = kind_ == Kind::kManualEvent;
     SyncDescriptor();
     return true;
 }

@@ -69,42 +69,39 @@ Kind* NewObject(Arguments&&... arguments) {
     return object != nullptr ? object : Fail(ERROR_NOT_ENOUGH_MEMORY);
 }
 
-// An object that can be waited on: a count (events: 0 or 1) and, while somebody sleeps on it, a
-// descriptor that is readable while the count is above 0.
+// An object that can be waited on: signalled or not and, while somebody sleeps on it, a descriptor
+// that is readable while it is.
 class Waitable : public Object {
   public:
-    enum class Kind { kManualEvent, kAutoEvent, kSemaphore };
+    enum class Kind { kManualEvent, kAutoEvent };
 
-    Waitable(Kind kind, LONG initial, LONG maximum)
-        : kind_(kind), count_(initial), maximum_(maximum) {}
+    Waitable(Kind kind, bool signalled) : kind_(kind), signalled_(signalled) {}
     ~Waitable() override;
 
-    // Raises the count by n; false (unchanged) if a semaphore's maximum would be passed.
-    bool Signal(LONG n, LONG* previous);
-    void Reset();
+    void Set(bool signalled);
     // If signalled: takes what one wait takes and gives true.
     bool TryConsume();
     // Registers the calling thread as a waiter and gives the descriptor to poll for POLLIN; -1 on
     // failure. Each successful call is followed by one EndWait.
     int BeginWait();
     void EndWait();
-    Kind kind() const { return kind_; }
 
   private:
     void SyncDescriptor();  // under mutex_
 
     const Kind kind_;
     std::mutex mutex_;
-    LONG count_;  // guarded by mutex_
-    const LONG maximum_;
+    bool signalled_;       // guarded by mutex_
     int waiters_ = 0;      // guarded by mutex_
     int descriptor_ = -1;  // guarded by mutex_; -1 while there are no waiters
     bool raised_ = false;  // guarded by mutex_: the descriptor is readable
 };
 
 // As poll, until the end (nothing: for ever). A signal restarts it with the time that is left; an
-// end in the past is one look. What all waits come to.
-int PollUntil(std::span<pollfd> entries, std::optional<std::chrono::steady_clock::time_point> end);
+// end in the past is one look. What all waits come to. `blocked`: the caller has just seen that
+// what it wants is not there; it saves a task a look.
+int PollUntil(std::span<pollfd> entries, std::optional<std::chrono::steady_clock::time_point> end,
+              bool blocked = false);
 
 // Waits until one of the objects is signalled (its index is given and it is consumed), one of the
 // extra descriptors shows an event (objects.size() is given, revents are filled in), or the time is

@@ -36,7 +36,7 @@ void* ThreadMain(void* argument) {
     const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
     t_threadId = start->id;
     start->procedure(start->argument);
-    start->ended->Signal(1, nullptr);
+    start->ended->Set(true);
     return nullptr;
 }
 
@@ -48,7 +48,7 @@ void SetLastError(DWORD error) { t_lastError = error; }
 HANDLE CreateThread(LPSECURITY_ATTRIBUTES, ULONG_PTR stackSize, LPTHREAD_START_ROUTINE procedure,
                     LPVOID argument, DWORD flags, DWORD* threadId) {
     if (procedure == nullptr || flags != 0) return Fail(ERROR_INVALID_PARAMETER);
-    Reference<Waitable> ended(NewObject<Waitable>(Waitable::Kind::kManualEvent, 0, 1));
+    Reference<Waitable> ended(NewObject<Waitable>(Waitable::Kind::kManualEvent, false));
     if (ended == nullptr) return nullptr;
     const DWORD id = g_nextThreadId.fetch_add(1);
     std::unique_ptr<ThreadStart> start(

@@ -2,9 +2,11 @@
 // are told of.
 #pragma once
 
-#include <ucontext.h>
-
 #include <cstddef>
+
+#ifndef __x86_64__
+#include <ucontext.h>
+#endif
 
 namespace platform {
 
@@ -41,7 +43,11 @@ class Context {
     void Arrived(Context& from);
 
   private:
+#ifdef __x86_64__
+    void* top_ = nullptr;  // of the stack, with the registers on it
+#else
     ucontext_t context_{};
+#endif
     const void* bottom_ = nullptr;  // of its stack, as the next
     std::size_t size_ = 0;
     void* fakeStack_ = nullptr;  // the address sanitizer's

@@ -71,13 +71,13 @@ class Listeners(Logged):
                 self.change(**{"Trust/a": "192.0.2.%d" % number})
                 self.proxy.tool("del", INTERFACES + "/first")
                 self.change(**{"MailDomains/b": "b%d.example" % number})
+                self.assertEqual(before.ask(b"NOOP"), b"250 ok\r\n")
         finally:
             stop.set()
             for client in clients:
                 client.join()
         self.assertEqual(faults, [])
         self.assertGreater(len(served), 60)
-        self.assertEqual(before.ask(b"NOOP"), b"250 ok\r\n")
         before.close()
 
     def test_clients_in_the_backlog_stay_there(self):

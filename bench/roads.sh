@@ -1,8 +1,9 @@
-# What bench/system and bench/tls share; sourced from the top of the tree.
+# What bench/system and bench/tls share; sourced from the top of the tree. BENCH_DIR: where the
+# instances and their spool files are, else /tmp.
 # shellcheck shell=bash disable=SC2034
 bin=$PWD/build/release/bin
 export VANTREL_HOME
-work=$(mktemp -d /tmp/vantrel-bench.XXXXXX)
+work=$(mktemp -d "${BENCH_DIR:-/tmp}/vantrel-bench.XXXXXX")
 chmod 755 "$work"
 pids=()
 scratch=
@@ -12,9 +13,10 @@ trap finish EXIT
 free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 
 declare -A road  # the processes of each road, whose CPU time counts
+declare -A fewer  # by which number the messages are divided for a slow road
 
-start_sink() {  # start_sink PORT
-  smtp-sink -m 1200 -u nobody "127.0.0.1:$1" 1000 >/dev/null 2>&1 & pids+=($!); road[straight]=$!
+start_sink() {  # start_sink PORT [SESSIONS]
+  smtp-sink -m "${2:-1200}" -u nobody "127.0.0.1:$1" 1000 >/dev/null 2>&1 & pids+=($!); road[straight]=$!
 }
 
 set_keys() {  # set_keys "KEY VALUE"... of the interface
@@ -45,21 +47,22 @@ ticks() {  # of all the processes given
 }
 
 measure() {  # measure TITLE MESSAGES "ROAD PORT"... -- COMMAND...: the first road is what the others are shares of
-  local title=$1 n=$2 base='' first each name port s before cpu roads=(); shift 2
+  local title=$1 n=$2 base='' first each name port s before cpu m roads=(); shift 2
   while [ "$1" != -- ]; do roads+=("$1"); shift; done
   shift
   first=${roads[0]% *}
   echo "$title"
   for each in "${roads[@]}"; do
-    name=${each% *} port=${each#* }
+    name=${each% *} port=${each#* } m=$((n / ${fewer[${each% *}]:-1}))
     # shellcheck disable=SC2086
     before=$(ticks ${road[$name]})
-    s=$(seconds "$n" "$port" "$@")
+    s=$(seconds "$m" "$port" "$@")
     # shellcheck disable=SC2086
     cpu=$(($(ticks ${road[$name]}) - before))
     base=${base:-$s}
-    awk -v r="$name" -v s="$s" -v n="$n" -v b="$base" -v c="$cpu" -v f="$first" 'BEGIN {
+    awk -v r="$name" -v s="$s" -v n="$n" -v m="$m" -v b="$base" -v c="$cpu" -v f="$first" 'BEGIN {
       if (s == 0) s = 0.01
-      printf "  %-9s %8.1f messages/s   %.2f of %s   CPU %.2f s%s\n", r, n / s, b / s, f, c / 100, r == "straight" ? " (the sink)" : "" }'
+      printf "  %-9s %8.1f messages/s   %.2f of %s   CPU %.2f s%s%s\n", r, m / s, b * m / n / s, f, c / 100,
+        m == n ? "" : " for " m, r == "straight" ? " (the sink)" : "" }'
   done
 }

@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <optional>
 
 #include "host/smtp.h"
 #include "platform/library.h"
@@ -23,21 +23,19 @@ LRESULT SocketWindowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM l
 
 void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
     if ((event & 0xFFFF) != FD_ACCEPT) return;
-    const auto entry = std::find_if(
-        interfaces_.begin(), interfaces_.end(), [socket](const NetworkInterface& each) {
-            return !each.listener.Empty() && each.listener.Handle() == socket;
-        });
-    if (entry == interfaces_.end()) return;  // left over from a listener that a reload has closed
-    const auto position = static_cast<std::size_t>(entry - interfaces_.begin());
+    const std::optional<std::size_t> position = listeners_.PositionOf(socket);
+    if (!position) return;  // left over from a listener that a reload has closed
+    const NetworkInterface& entry = interfaces_[*position];
+    std::atomic<std::int32_t>& active = ActiveConnectionCounts[*position];
 
     CSocket client;
-    if (!entry->listener.Accept(client, nullptr)) return;
+    if (!CSocket(socket).Accept(client, nullptr)) return;
     WSAAsyncSelect(client.Handle(), SocketWindow, 0, 0);
     const auto drop = [&client] {
         client.Shutdown();
         client.Close();
     };
-    if (entry->MaxThreads > 0 && ActiveConnectionCounts[position] >= entry->MaxThreads) {
+    if (entry.MaxThreads > 0 && active >= entry.MaxThreads) {
         char text[512];
         LoadStringA(nullptr, 6000, text, sizeof text);
         client.SendAll(text);
@@ -50,8 +48,8 @@ void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
         return;
     }
     const std::shared_ptr<const long long> limit = scanLimit_.Current();  // null: not read yet
-    session->ApplyInterface(*entry, limit != nullptr ? *limit : 0);
-    session->SetConnectionCounter(&ActiveConnectionCounts[position]);
+    session->ApplyInterface(entry, limit != nullptr ? *limit : 0);
+    session->SetConnectionCounter(&active);
     if (session->Start() == 0) {
         [[maybe_unused]] CSMTPProxy* const handedOver =
             session.release();  // its thread destroys it

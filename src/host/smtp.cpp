@@ -1,5 +1,6 @@
 #include "host/smtp.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -7,6 +8,7 @@
 #include "asfilters/asfilters.h"
 #include "libstats/libstats.h"
 #include "logclient/logclient.h"
+#include "net/stream.h"
 #include "platform/home.h"
 #include "platform/library.h"
 #include "platform/memory.h"
@@ -22,7 +24,9 @@ constexpr char kServiceName[] = "VTSMTPPROXY";
 constexpr trelis::Key kActiveConnections{trelis::kProxyKey, "ActiveConnections"};
 constexpr DWORD kStartHint = 3000;  // milliseconds, as all below
 constexpr DWORD kStopHint = 10000;
-constexpr DWORD kPublishInterval = 10000;
+constexpr std::chrono::milliseconds kPublishInterval{10000};
+// For a port that somebody else has and an address that isn't there yet.
+constexpr std::chrono::milliseconds kListenAgain{3000};
 constexpr std::chrono::milliseconds kMessageInHand{10000};
 constexpr std::chrono::milliseconds kCutSessions{3000};
 constexpr WORD kSocketVersion = 0x0202;
@@ -119,7 +123,7 @@ void CSMTP::Run(int, char**) {
     }
 
     // Nobody accepts any more: a client is better refused at once than left without a greeting.
-    ReleaseInterfaces();
+    listeners_.CloseAll();
     EndSessions();
     DestroyASFilters();
     ReleaseLibStats();
@@ -136,8 +140,18 @@ void CSMTP::Run(int, char**) {
 
 void CSMTP::RunLoop(HANDLE notification) {
     const HANDLE handles[] = {StopEvent, notification};
+    // Each wake but one for a listener begins the quiet time anew.
+    Deadline quiet(kPublishInterval);
+    Deadline again(kListenAgain);
     for (;;) {
-        switch (MsgWaitForMultipleObjects(2, handles, FALSE, kPublishInterval, QS_ALLINPUT)) {
+        if (again.Over()) {
+            listeners_.OpenMissing();
+            again = Deadline(kListenAgain);
+        }
+        std::chrono::milliseconds limit = quiet.Left();
+        if (listeners_.AnyMissing()) limit = std::min(limit, again.Left());
+        switch (MsgWaitForMultipleObjects(2, handles, FALSE, static_cast<DWORD>(limit.count()),
+                                          QS_ALLINPUT)) {
             case WAIT_OBJECT_0 + 1:
                 // Reset first, so that a change during the reload wakes the loop again.
                 ResetEvent(notification);
@@ -152,11 +166,13 @@ void CSMTP::RunLoop(HANDLE notification) {
                 break;
             }
             case WAIT_TIMEOUT:
+                if (!quiet.Over()) continue;
                 PublishActiveConnections();
                 break;
             default:
                 return;
         }
+        quiet = Deadline(kPublishInterval);
     }
 }
 

@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "host/interface_options.h"
+#include "host/listeners.h"
 #include "host/scan_limit.h"
 #include "ntservice/ntservice.h"
 #include "platform/file.h"
@@ -36,7 +37,8 @@ class CSMTP : public CNTService {
     int RegisterDefaults() override;
     int UnregisterDefaults() override;
 
-    // Rebuilds the table and all listeners from the store. Always 0. Run's thread.
+    // Rebuilds the table from the store; listeners that are wanted as before stay open. Always 0.
+    // Run's thread.
     int LoadInterfaces();
     // One connection waits on the listener. Run's thread.
     void OnAcceptNotification(SOCKET socket, LPARAM event);
@@ -51,8 +53,7 @@ class CSMTP : public CNTService {
     void RunLoop(HANDLE notification);
     void PublishActiveConnections();
     void EndSessions();
-    void ReleaseInterfaces();
-    void LoadInterface(int position, const std::string& name);
+    void LoadInterface(NetworkInterface& entry, const std::string& name);
 
     // Lives as long as the host: a late signal may still come to it.
     UniqueHandle stopEvent_;
@@ -60,6 +61,9 @@ class CSMTP : public CNTService {
     HWND SocketWindow = nullptr;
     std::array<NetworkInterface, kInterfaceCount> interfaces_;
     InterfaceIdentities identities_;
+    Listeners listeners_{[this](SOCKET listener) {
+        WSAAsyncSelect(listener, SocketWindow, AcceptMessage, FD_ACCEPT);
+    }};
     // Running sessions by table position. Sessions hold pointers into it, so it outlives the host.
     std::array<std::atomic<std::int32_t>, kInterfaceCount>& ActiveConnectionCounts;
     std::atomic<bool> stopRequested_{false};

@@ -51,6 +51,19 @@ bool CSocket::Bind(const SocketAddress& address) {
 
 bool CSocket::Listen() { return !Empty() && listen(handle_, kBacklog) == 0; }
 
+int CSocket::CreateListener(const SocketAddress& address, bool bothFamilies) {
+    const auto open = [&] {
+        if (!Create(SOCK_STREAM, address)) return false;
+        SocketAllowReuse(handle_);
+        if (address.Family() == AF_INET6) SocketTakeBothFamilies(handle_, bothFamilies);
+        return Bind(address) && Listen();
+    };
+    if (open()) return 0;
+    const int error = errno;
+    Close();
+    return error;
+}
+
 bool CSocket::Accept(CSocket& out, SocketAddress* address) {
     out.handle_ = Empty() ? INVALID_SOCKET : SocketAccept(handle_, address);
     return out.handle_ != INVALID_SOCKET;

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "net/socket.h"
 #include "session/options.h"
 #include "session/relay_network.h"
 
@@ -23,5 +22,4 @@ struct NetworkInterface {
     int TimeoutBetweenNOOPs = 180;            // seconds, 1 to 3600
     int ConnectionTimeout = 600;              // seconds, 1 to 3600
     ConnectionOptions options;
-    CSocket listener;  // empty if the entry is not in use
 };

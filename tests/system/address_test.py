@@ -72,11 +72,7 @@ class Case(unittest.TestCase):
             return client.reply()
 
     def change(self, **keys):
-        """Waits until sessions have the new settings: they show the name that comes with them."""
-        self.changes = getattr(self, "changes", 0) + 1
-        name = "change%d.example" % self.changes
-        self.proxy.load({NET + "/GreetingDomainName": name, **{NET + "/" + key: value for key, value in keys.items()}})
-        self.assertTrue(wait_until(lambda: name.encode() in self.greeting()))
+        self.proxy.change({NET + "/" + key: value for key, value in keys.items()})
 
 
 class Families(Case):
@@ -212,14 +208,13 @@ class Outages(Case):
                              # A reset is seen while the connection is being made, or after that.
                              ("127.0.0.1:%d" % self.hang_up(how=MailServer.RESET), CLOSED + REFUSED)):
             self.change(ServerToForward=text)
-            name = b"change%d.example" % self.changes
             for sent in (b"", b"EHLO early\r\nMAIL FROM:<s@example.org>\r\n" * 100):
                 c = self.client()
                 with contextlib.suppress(ConnectionError):
                     c.send(sent)
                 reply = c.reply()
                 self.assertTrue(reply.endswith(b"\r\n"), (text, reply))
-                self.assertIn(reply, answer.replace(b"proxy.example", name), text)
+                self.assertIn(reply, answer, text)
                 self.assertEqual(c.stream.read(), b"", "a close in good order")
                 c.close()
 

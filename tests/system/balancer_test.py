@@ -62,7 +62,7 @@ class Balanced(Trust):
         return c
 
     def test_both_versions_tell_the_client(self):
-        self.proxy.load({NET + "/RelayNetworks/client/IPAddress": "127.0.0.8", NET + "/RelayNetworks/client/Mask": "255.255.255.255"})
+        self.proxy.change({NET + "/RelayNetworks/client/IPAddress": "127.0.0.8", NET + "/RelayNetworks/client/Mask": "255.255.255.255"})
         for version in ("send-proxy", "send-proxy-v2", "send-proxy-v2 proxy-v2-options crc32c,unique-id"):
             self.balancer(version)
             for source, relays in ((STRANGER, False), ("127.0.0.8", True)):

@@ -100,7 +100,7 @@ class EarlyBehindText(System):
 class OddlyTold(Trust):
     def tell(self, how, **rules):
         self.server.rules.update(rules)
-        self.reconfigure(dict(TRUST, **{NET + "/TellServer": how, NET + "/TellServerRequired": "Y"}))
+        self.proxy.change(dict(TRUST, **{NET + "/TellServer": how, NET + "/TellServerRequired": "Y"}))
         self.server.lines.clear()
 
     def test_an_offer_of_nothing_is_none(self):

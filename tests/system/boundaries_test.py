@@ -385,6 +385,18 @@ class Silence(System):
         self.assertTrue(wait_until(lambda: self.proxy.threads() < threads, 8))
         self.assertEqual(self.server.messages, [])
 
+    def test_an_end_that_comes_with_the_last_bytes_is_seen_at_once(self):
+        for last in (b"half a message\r\n", b"half a line", b"and more" * 5000):
+            for _ in range(5):
+                c = self.client()
+                c.envelope()
+                c.ask(b"DATA")
+                c.send(last)
+                c.socket.shutdown(1)
+                start = time.monotonic()
+                self.assertEqual(c.reply(), b"")
+                self.assertLess(time.monotonic() - start, 2, last)
+
     def test_a_client_that_has_said_its_last_word_gets_its_message_delivered(self):
         c = self.scanned(2)
         c.send(b"QUIT\r\n")

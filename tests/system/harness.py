@@ -16,6 +16,7 @@ import time
 
 BIN = os.environ["VANTREL_BIN"]
 NET = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces/net"
+SEEN = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces/seen"
 
 
 def free_port():
@@ -25,17 +26,18 @@ def free_port():
 
 
 def wait_until(check, seconds=10):
-    """A check that finds nobody on its port, or is cut there, goes on: interfaces that are read anew are closed for a
-    moment."""
     end = time.monotonic() + seconds
     while time.monotonic() < end:
-        try:
-            if check():
-                return True
-        except ConnectionError:
-            pass
+        if check():
+            return True
         time.sleep(0.01)
     return False
+
+
+def listens(port):
+    """Whether somebody does, on 127.0.0.1: found out without a connection, which would count as one."""
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        return any(line.split()[1] == "0100007F:%04X" % port and line.split()[3] == "0A" for line in table)
 
 
 class Listening:
@@ -256,6 +258,12 @@ class Proxy:
 
     def load(self, values):
         subprocess.run([BIN + "/vtregistry", "load"], input=json.dumps(values), text=True, env=self.env, check=True)
+
+    def change(self, values):
+        """Loads them, and waits until the interfaces have been read anew: the one that comes with them listens."""
+        port = free_port()
+        self.load({**values, SEEN + "/Port": str(port), SEEN + "/IPAddress": "127.0.0.1"})
+        assert wait_until(lambda: listens(port)), "the change is not seen"
 
     def tool(self, *words):
         return subprocess.run([BIN + "/vtregistry", *words], env=self.env, text=True, capture_output=True)

@@ -115,7 +115,7 @@ class Batches(Pipelined):
             self.skipTest("no Postfix")
         postfix = Postfix()
         try:
-            self.reconfigure({NET + "/ServerToForward": "127.0.0.1:%d" % postfix.port})
+            self.proxy.change({NET + "/ServerToForward": "127.0.0.1:%d" % postfix.port})
             out = subprocess.run(["/usr/sbin/smtp-source", "-m", "20", "-s", "4", "-r", "5", "-f", "s@example.org", "-t",
                                   "r@example.org", "127.0.0.1:%d" % self.proxy.port], capture_output=True, timeout=60)
             self.assertEqual(out.returncode, 0, out.stderr)
@@ -178,7 +178,7 @@ class BareNewlines(System):
         return c.data(body)
 
     def use(self, word):
-        self.reconfigure({NET + "/BareNewline": word})
+        self.proxy.change({NET + "/BareNewline": word})
 
     def test_normalized(self):
         self.use("normalize")

@@ -57,13 +57,6 @@ class System(unittest.TestCase):
         client.close()
         return reply
 
-    def reconfigure(self, keys):
-        """Waits until new sessions have them: they show the name that comes with them."""
-        self.changes = getattr(self, "changes", 0) + 1
-        name = "proxy.example%d" % self.changes
-        self.proxy.load({**keys, NET + "/GreetingDomainName": name})
-        self.assertTrue(wait_until(lambda: name.encode() in self.greeting()))
-
     def in_step(self, client):
         self.assertEqual(client.ask(b"VRFY step"), b"250 ok\r\n")
         self.assertEqual(self.server.lines[-1], b"VRFY step\r\n")

@@ -187,8 +187,8 @@ class StartTls(Tls):
         for _ in range(3):
             self.assertEqual(serial(), second)
         self.assert_logged(path + ": ")
-        self.proxy.tool("set", NET + "/TLS/Mode", "off")
-        self.assertTrue(wait_until(lambda: b"STARTTLS" not in self.plain_offer()))
+        self.proxy.change({NET + "/TLS/Mode": "off"})
+        self.assertNotIn(b"STARTTLS", self.plain_offer())
         self.assertEqual(running.send_message()[:3], b"250")
 
     def plain_offer(self):

@@ -4,7 +4,7 @@ import os
 import socket
 import time
 
-from harness import NET, wait_until
+from harness import NET
 from trust import BALANCER, RELAY, SIGNATURE, STRANGER, TRUST, Trust, binary, line4
 
 LOCAL = SIGNATURE + b"\x20\0\0\0"
@@ -98,8 +98,8 @@ class ProxyHeaders(Trust):
         self.assertFalse([line for line in self.server.lines if b"elsewhere.test" in line])
 
     def test_the_header_is_of_the_trusted_only_while_the_key_is_there(self):
-        self.proxy.tool("set", NET + "/Trust/lb", "127.0.0.3")
-        self.assertTrue(wait_until(lambda: self.from_(BALANCER, b"NOOP\r\n").reply().startswith(b"220")))
+        self.proxy.change({NET + "/Trust/lb": "127.0.0.3"})
+        self.assertTrue(self.from_(BALANCER, b"NOOP\r\n").reply().startswith(b"220"))
         self.assert_ends(self.from_("127.0.0.3", b"EHLO me\r\n"))
 
 

@@ -246,9 +246,9 @@ class Outages(Case):
         self.addCleanup(swallower.close)
         last = self.serve()
         self.run_proxy(swallower.port, {NET + "/ConnectTimeout": "1", NET + "/FallbackServers/a": "127.0.0.1:%d" % last.port})
-        threads = self.proxy.threads()
+        sockets = self.proxy.sockets()
         gone = self.client()
-        self.assertTrue(wait_until(lambda: self.proxy.threads() > threads))
+        self.assertTrue(wait_until(lambda: self.proxy.sockets() > sockets))
         gone.close()
         # The next one, which came later, has its turn.
         self.assertTrue(self.greeting().startswith(b"220"))

@@ -359,12 +359,12 @@ class Silence(System):
 
     def test_a_client_that_reads_nothing(self):
         self.server.rules["HELP"] = b"250-" + b"x" * 900 + b"\r\n" + (b"250-" + b"y" * 900 + b"\r\n") * 60 + b"250 end\r\n"
-        before = self.proxy.threads()
+        before = self.proxy.sockets()
         clients = [Client(self.proxy.port) for _ in range(10)]
         for c in clients:
             c.send(b"HELP\r\n" * 400)
-        self.assertTrue(wait_until(lambda: self.proxy.threads() > before, 5))
-        self.assertTrue(wait_until(lambda: self.proxy.threads() <= before, 25), self.proxy.threads())
+        self.assertTrue(wait_until(lambda: self.proxy.sockets() > before, 5))
+        self.assertTrue(wait_until(lambda: self.proxy.sockets() <= before, 25), self.proxy.sockets())
         for c in clients:
             c.close()
 
@@ -379,10 +379,10 @@ class Silence(System):
 
     def test_a_client_that_closes_during_a_scan(self):
         c = self.scanned(12)
-        threads = self.proxy.threads()
+        sockets = self.proxy.sockets()
         c.close()
         self.assertTrue(wait_until(lambda: not self.proxy.spool(), 8))
-        self.assertTrue(wait_until(lambda: self.proxy.threads() < threads, 8))
+        self.assertTrue(wait_until(lambda: self.proxy.sockets() < sockets, 8))
         self.assertEqual(self.server.messages, [])
 
     def test_an_end_that_comes_with_the_last_bytes_is_seen_at_once(self):

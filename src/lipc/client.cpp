@@ -2,9 +2,9 @@
 #include <new>
 #include <utility>
 
-#include "lipc/wait_end.h"
 #include "lipc/endpoint.h"
 #include "lipc/pipe.h"
+#include "lipc/wait_end.h"
 
 namespace {
 

@@ -34,13 +34,13 @@ struct LIPCConnection {
     LIPCConnections::iterator place;  // guarded by the endpoint's lock
     int channel = -1;                 // written under the endpoint's lock
     std::vector<char> reply;
-    bool broken = false;  // server: guarded by the endpoint's lock, as the three below
-    bool peerClosed = false;
-    bool inUse = false;     // server: somebody has it
-    bool queued = false;    // server: it is in the endpoint's queue
-    bool met = false;       // server: a client has come; guarded by the endpoint's lock
-    bool awaiting = false;  // client: a request has gone out and its reply has not been taken
-    bool written = false;   // client: the request has gone out since somebody looked
+    bool broken = false;      // server: guarded by the endpoint's lock, as the next three
+    bool inUse = false;       // server: somebody has it
+    bool queued = false;      // server: it is in the endpoint's queue
+    bool met = false;         // server: a client has come
+    bool peerClosed = false;  // client
+    bool awaiting = false;    // client: a request has gone out and its reply has not been taken
+    bool written = false;     // client: the request has gone out since somebody looked
 };
 
 // A caller who waits for a free connection, on its own stack.

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "lipc/channel.h"
-#include "lipc/wait_end.h"
 #include "lipc/lipc.h"
+#include "lipc/wait_end.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "lipc/wait_end.h"
 #include "lipc/endpoint.h"
 #include "lipc/pipe.h"
+#include "lipc/wait_end.h"
 #include "platform/pipe.h"
 
 namespace {
@@ -13,14 +13,16 @@ struct Work {
     LIPCConnection* request = nullptr;  // the caller's from here on
     LIPCConnection* lost = nullptr;     // to be dropped
     LIPCConnection* fresh = nullptr;    // to be opened, for a further client
+    bool deaf = false;                  // no further client can come
 };
 
-Work TakeWork(LIPCEndpoint& endpoint) {
+Work TakeWork(LIPCEndpoint& endpoint, bool mayListen) {
     Work work;
     const std::lock_guard lock(endpoint.lock);
-    if (endpoint.listening == 0 && endpoint.connections.size() < kServerLimit) {
-        work.fresh = LIPCAddConnection(endpoint);
-        if (work.fresh != nullptr) ++endpoint.listening;
+    work.deaf = endpoint.listening == 0 && endpoint.connections.size() < kServerLimit;
+    if (work.deaf && mayListen) work.fresh = LIPCAddConnection(endpoint);
+    if (work.fresh != nullptr) {
+        ++endpoint.listening;
     } else if (!endpoint.lost.empty()) {
         work.lost = endpoint.lost.front();
         endpoint.lost.pop_front();
@@ -46,36 +48,35 @@ void QueueConnection(LIPCEndpoint& endpoint, LIPCConnection& connection, bool re
     }
 }
 
-// Waits for a client in a fresh connection.
-int Listen(LIPCEndpoint& endpoint, LIPCConnection& fresh) {
-    const int status = LIPCOpenConnection(endpoint, fresh);
-    if (status == LIPC_OK) return status;
+// Waits for a client in a fresh connection. False if that can't be had.
+bool Listen(LIPCEndpoint& endpoint, LIPCConnection& fresh) {
+    if (LIPCOpenConnection(endpoint, fresh) == LIPC_OK) return true;
     const std::lock_guard lock(endpoint.lock);
     --endpoint.listening;
-    return status;
+    return false;
 }
 
 // The next message of any connection, which the caller holds then.
 int NextMessage(LIPCEndpoint& endpoint, LIPCConnection** connection, const WaitEnd& end) {
+    bool listens = true;
     while (!endpoint.closing) {
-        const Work work = TakeWork(endpoint);
-        std::int32_t limit = end.Left();
-        bool pause = false;
+        const Work work = TakeWork(endpoint, listens);
         if (work.request != nullptr) {
             *connection = work.request;
             return LIPC_OK;
         }
         if (work.lost != nullptr) {
             LIPCDropConnection(endpoint, *work.lost);
-            continue;
+        } else if (work.fresh != nullptr) {
+            listens = Listen(endpoint, *work.fresh);
+        } else {
+            const std::int32_t left = end.Left();
+            const bool pause = work.deaf && (left < 0 || left > kListenPauseMs);
+            const int status =
+                PipeStepQueue(endpoint.completions.Get(), pause ? kListenPauseMs : left);
+            if (status != LIPC_OK && !(pause && status == LIPC_TIMED_OUT)) return status;
+            listens = true;
         }
-        if (work.fresh != nullptr) {
-            if (Listen(endpoint, *work.fresh) == LIPC_OK) continue;
-            pause = limit < 0 || limit > kListenPauseMs;
-            if (pause) limit = kListenPauseMs;
-        }
-        const int status = PipeStepQueue(endpoint.completions.Get(), limit);
-        if (status != LIPC_OK && !(pause && status == LIPC_TIMED_OUT)) return status;
     }
     return LIPC_CLOSING;
 }
@@ -87,7 +88,6 @@ void LIPCOnServerEvent(void* context, int event) {
     auto& connection = *static_cast<LIPCConnection*>(context);
     LIPCEndpoint& endpoint = *connection.owner;
     const std::lock_guard lock(endpoint.lock);
-    if (event == kPipePeerClosed) connection.peerClosed = true;
     if (event == kPipeFailed || event == kPipePeerClosed) connection.broken = true;
     if (!connection.met) --endpoint.listening;
     connection.met = true;
@@ -115,9 +115,8 @@ int LIPCOpenServer(LIPCEndpoint** endpoint, const char* name) {
     LIPCEndpoint& made = **endpoint;
     made.completions.Reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
     made.served.Reset(PipeServeName(name));
-    const Work first = TakeWork(made);
-    if (made.completions && made.served && first.fresh != nullptr &&
-        Listen(made, *first.fresh) == LIPC_OK)
+    const Work first = TakeWork(made, true);
+    if (made.completions && made.served && first.fresh != nullptr && Listen(made, *first.fresh))
         return LIPC_OK;
     LIPCClose(*endpoint);
     *endpoint = nullptr;

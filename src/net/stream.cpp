@@ -211,17 +211,15 @@ bool Stream::SendNow(std::string_view bytes) {
 }
 
 bool Stream::WaitForRoom(const Deadline& deadline) {
-    SocketWatch watch{socket_.Handle(),
-                      transport_ != nullptr ? transport_->Wanted() : SocketWant::kWrite,
-                      {}};
+    SocketWatch watch{
+        socket_.Handle(), transport_ != nullptr ? transport_->Wanted() : SocketWant::kWrite, {}};
     return SocketWaitAny(&watch, 1, deadline.Left(), true) && !watch.found.exception;
 }
 
 bool Stream::SendFile(const platform::File& file, long long offset, long long length) {
     if (!Flush()) return false;
-    const auto block = transport_ == nullptr
-                           ? nullptr
-                           : std::make_unique_for_overwrite<char[]>(kFileBlock);
+    const auto block =
+        transport_ == nullptr ? nullptr : std::make_unique_for_overwrite<char[]>(kFileBlock);
     while (length > 0) {
         int left = static_cast<int>(std::min<long long>(length, kFileBlock));
         length -= left;

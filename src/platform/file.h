@@ -62,8 +62,8 @@ class File {
     long long Read(void* buffer, std::size_t length);
     // The same from a position, which the next Read knows nothing of.
     long long ReadAt(long long offset, void* buffer, std::size_t length) const;
-    // Its state, with a time of writing that lies a little back: the clock of files is a coarse one,
-    // and so a later write shows however soon it comes. Nothing if that can't be had.
+    // Its state, with a time of writing that lies a little back: the clock of files is a coarse
+    // one, and so a later write shows however soon it comes. Nothing if that can't be had.
     std::optional<FileState> Stamp();
     bool MakeEmpty();
     // Whether nobody else has it: it has one name, and is open here alone. False also where that

@@ -1,6 +1,6 @@
 // Sockets: the operations of the socket layer with their documented names, and the few that POSIX
-// and Windows spell differently. No call here but that for files raises SIGPIPE, none is limited to low
-// descriptors, and none hands out descriptor 0, which is the empty marker of the layer above.
+// and Windows spell differently. No call here but that for files raises SIGPIPE, none is limited to
+// low descriptors, and none hands out descriptor 0, which is the empty marker of the layer above.
 #pragma once
 
 #include <chrono>
@@ -89,8 +89,8 @@ inline constexpr int SOCKET_BROKEN = -1;
 int SocketReceiveNow(SOCKET socket, void* buffer, int length, bool peek);
 int SocketSendNow(SOCKET socket, const void* buffer, int length);
 // As SocketSendNow, of a file's bytes from `offset` on, which don't pass the process. SOCKET_BROKEN
-// also where the file can't be sent in that way, or ends in front of the offset. A broken connection
-// raises SIGPIPE, which the programs ignore (console.h).
+// also where the file can't be sent in that way, or ends in front of the offset. A broken
+// connection raises SIGPIPE, which the programs ignore (console.h).
 int SocketSendFileNow(SOCKET socket, const platform::File& file, long long offset, int length);
 // What one look at a socket shows.
 struct SocketReadiness {
@@ -107,8 +107,9 @@ struct SocketWatch {
 };
 inline constexpr std::size_t kMostWatches = 2;
 // Waits until one of `count` sockets (kMostWatches at most) shows something, or for the time; a
-// signal restarts the wait with the time that is left. False: the time is over. `blocked`: the caller
-// has just seen that what it wants is not there; it saves a look, and the wait may end for nothing.
+// signal restarts the wait with the time that is left. False: the time is over. `blocked`: the
+// caller has just seen that what it wants is not there; it saves a look, and the wait may end for
+// nothing.
 bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::milliseconds limit,
                    bool blocked = false);
 // Waits up to `seconds`; a signal restarts the wait with the time that is left. Both false: the

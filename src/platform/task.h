@@ -4,9 +4,9 @@
 // and one that waits costs its stack.
 //
 // A task stays on its thread. What holds the thread up otherwise (a file, a mutex, a name service)
-// holds up the tasks beside it, so: no lock is held across a wait, and what may take long is done by
-// another thread while the task waits for it. Its last error (GetLastError, errno) is its thread's:
-// it holds until the next wait.
+// holds up the tasks beside it, so: no lock is held across a wait, and what may take long is done
+// by another thread while the task waits for it. Its last error (GetLastError, errno) is its
+// thread's: it holds until the next wait.
 #pragma once
 
 #include <chrono>

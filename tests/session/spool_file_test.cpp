@@ -67,7 +67,8 @@ TEST_F(Spool, WhatTheScanLeavesIsWhatGoesOn) {
     const auto marked = [](std::string text) { return text.replace(0, 5, "MARKS"); };
     const Case cases[] = {
         {"nothing", [](const std::string& text) { return text; }, [](const std::string&) {}},
-        {"same size, in place", marked, [](const std::string& path) { Overwrite(path, "MARKS", 0); }},
+        {"same size, in place", marked,
+         [](const std::string& path) { Overwrite(path, "MARKS", 0); }},
         {"grown", [](const std::string& text) { return text + "MORE"; },
          [](const std::string& path) { Overwrite(path, "MORE", O_APPEND); }},
         {"cut", [](const std::string& text) { return text.substr(0, 7); },

@@ -29,8 +29,7 @@ SpareFile SpareFiles::Take(int group) {
         while (!spares_.empty()) {
             SpareFile spare = std::move(spares_.back());
             spares_.pop_back();
-            if (spare.group == group)
-                spare.file = platform::File::OpenAppend(spare.path.c_str());
+            if (spare.group == group) spare.file = platform::File::OpenAppend(spare.path.c_str());
             if (spare.file) return spare;
             Drop(spare);  // the setting has changed, for example
         }

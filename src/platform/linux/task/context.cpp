@@ -70,9 +70,8 @@ std::size_t PageSize() {
 }  // namespace
 
 Stack::Stack() : memory_(nullptr) {
-    void* const memory =
-        mmap(nullptr, PageSize() + kStackSize, PROT_READ | PROT_WRITE,
-             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
+    void* const memory = mmap(nullptr, PageSize() + kStackSize, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
     if (memory == MAP_FAILED) return;
     // Stacks grow downwards.
     if (mprotect(memory, PageSize(), PROT_NONE) != 0) {

@@ -48,7 +48,7 @@ class HungDaemons(Instance):
         scanner = self.proxy.daemon("vtmaild", "vtmaild")
         self.proxy.start()
         healthy = self.send(50)
-        self.assertIn("passes unscanned", self.proxy.log())
+        self.assertTrue(wait_until(lambda: self.proxy.log().count("passes unscanned") == 50), self.proxy.log())
         logger.send_signal(signal.SIGSTOP)
         statistics.send_signal(signal.SIGSTOP)
         # Each message is an event and a record of the scanner's.

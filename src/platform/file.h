@@ -66,9 +66,9 @@ class File {
     // one, and so a later write shows however soon it comes. Nothing if that can't be had.
     std::optional<FileState> Stamp();
     bool MakeEmpty();
-    // Whether nobody else has it: it has one name, and is open here alone. False also where that
-    // can't be known.
-    bool OnlyOurs() const;
+    // Whether nobody else has it: the name is its only one, and it is open here alone. False also
+    // where that can't be known. From the first call on the process ignores SIGIO.
+    bool OnlyOurs(const char* name) const;
     // False if the system reports a late write error.
     bool Close();
 

@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "support/instance.h"
 
@@ -132,6 +134,34 @@ TEST_F(Spool, AFileThatSomebodyHasIsHisForGood) {
     EXPECT_EQ(Read(kept + "2"), "a fourth one");
     spool_.Remove();
     EXPECT_TRUE(fs::is_empty(g_instance.Path() + "/tmp/VTNP"));
+}
+
+// Somebody clears the directory away, and then the message is kept elsewhere: the file has one name
+// again, which is not ours.
+TEST_F(Spool, AFileWhoseOwnNameIsGoneIsNoneOfOurs) {
+    ASSERT_NO_FATAL_FAILURE(Have("to be kept"));
+    fs::remove_all(g_instance.Path() + "/tmp/spare");
+    const std::string kept = g_instance.Path() + "/elsewhere";
+    fs::rename(spool_.Path(), kept);
+    ASSERT_NO_FATAL_FAILURE(Have("the next one"));
+    EXPECT_EQ(Read(kept), "to be kept");
+}
+
+// A backup, for example, that opens the file at the very moment of the question.
+TEST_F(Spool, TheQuestionWhoHasAFileEndsNoProcess) {
+    const std::string path = g_instance.Path() + "/asked";
+    const platform::File file = platform::File::CreateExclusive(path.c_str(), -1);
+    ASSERT_TRUE(file);
+    std::atomic<bool> over{false};
+    std::thread other([&] {
+        for (int i = 0; i < 20000; ++i) EXPECT_TRUE(platform::File::OpenRead(path.c_str()));
+        over = true;
+    });
+    int ours = 0;
+    while (!over) ours += file.OnlyOurs(path.c_str()) ? 1 : 0;
+    other.join();
+    EXPECT_GT(ours, 0);
+    EXPECT_TRUE(file.OnlyOurs(path.c_str()));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -17,6 +18,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 class Spool : public testing::Test {
   protected:
@@ -71,6 +73,13 @@ TEST_F(Spool, WhatTheScanLeavesIsWhatGoesOn) {
         {"nothing", [](const std::string& text) { return text; }, [](const std::string&) {}},
         {"same size, in place", marked,
          [](const std::string& path) { Overwrite(path, "MARKS", 0); }},
+        {"the same, with its time put back", marked,
+         [](const std::string& path) {
+             std::this_thread::sleep_for(20ms);
+             const auto time = fs::last_write_time(path);
+             Overwrite(path, "MARKS", 0);
+             fs::last_write_time(path, time);
+         }},
         {"grown", [](const std::string& text) { return text + "MORE"; },
          [](const std::string& path) { Overwrite(path, "MORE", O_APPEND); }},
         {"cut", [](const std::string& text) { return text.substr(0, 7); },

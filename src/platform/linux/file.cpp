@@ -48,7 +48,8 @@ namespace {
 FileState StateOf(const struct stat& info) {
     constexpr std::int64_t kSecond = 1'000'000'000;
     return {S_ISREG(info.st_mode), static_cast<std::uint64_t>(info.st_size),
-            info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec, info.st_ino};
+            info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec, info.st_ino,
+            info.st_ctim.tv_sec * kSecond + info.st_ctim.tv_nsec};
 }
 
 }  // namespace

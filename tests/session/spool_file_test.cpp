@@ -173,4 +173,33 @@ TEST_F(Spool, TheQuestionWhoHasAFileEndsNoProcess) {
     EXPECT_TRUE(file.OnlyOurs(path.c_str()));
 }
 
+// A scan that the session has given up may still be about its name when the next session has the
+// number of its socket.
+TEST_F(Spool, ANameIsNoOtherMessagesLater) {
+    ASSERT_NO_FATAL_FAILURE(Have("given up"));
+    const std::string name = spool_.Path();
+    spool_.Remove();
+    SpoolFile next;
+    EXPECT_TRUE(next.Name(4711));
+    ASSERT_TRUE(next.OpenNext());
+    EXPECT_NE(next.Path(), name);
+}
+
+TEST_F(Spool, AGroupThatIsSetLaterMayRead) {
+    const auto mode = [](const std::string& path) {
+        struct stat info {};
+        EXPECT_EQ(stat(path.c_str(), &info), 0);
+        return info.st_mode & 0777;
+    };
+    ASSERT_NO_FATAL_FAILURE(Have("ours alone"));
+    EXPECT_EQ(mode(spool_.Path()), 0600U);
+    SetSpoolGroup(static_cast<int>(getgid()));
+    ASSERT_NO_FATAL_FAILURE(Have("shared"));
+    EXPECT_EQ(mode(spool_.Path()), 0640U);
+    EXPECT_EQ(mode(fs::path(spool_.Path()).parent_path()), 0750U);
+    SetSpoolGroup(-1);
+    ASSERT_NO_FATAL_FAILURE(Have("ours alone again"));
+    EXPECT_EQ(mode(spool_.Path()), 0600U);
+}
+
 }  // namespace

@@ -38,7 +38,9 @@ struct PipeChannel {
     PipeIoRecord readIo;
     PipeIoRecord writeIo;
     std::atomic<std::int32_t> pendingIo{0};  // completions to come, or in hand
-    std::atomic<bool> closing{false};        // they are only counted off
+    // They are only counted off. Written under the lock, under which reads are started: another
+    // thread that deals with one may come to the next when the pipe is gone.
+    std::atomic<bool> closing{false};
     std::atomic<int> readState{kNotConnected};
     std::atomic<int> writeState{kNotConnected};
     std::vector<char> frame;  // being sent: the sender's

@@ -138,7 +138,10 @@ int Listen(PipeChannel& channel, const char* path) {
 }
 
 void EndIo(PipeChannel& channel) {
-    channel.closing = true;
+    {
+        const std::lock_guard lock(channel.lock);
+        channel.closing = true;
+    }
     channel.pipe.Reset();
     // What was outstanding has its completion in the queue; what another thread has in hand ends by
     // itself.

@@ -77,8 +77,15 @@ void PipeReadOn(PipeChannel& channel, DWORD count) {
     for (;;) {
         if (!Take(channel, count)) return PipeFail(channel, 0);
         ++channel.pendingIo;
-        if (ReadFile(channel.pipe.Get(), channel.readBuffer.data(), kPipeBufferSize, &count,
-                     &channel.readIo.overlapped) == FALSE) {
+        std::unique_lock lock(channel.lock);
+        if (channel.closing) {
+            --channel.pendingIo;
+            return;
+        }
+        const bool done = ReadFile(channel.pipe.Get(), channel.readBuffer.data(), kPipeBufferSize,
+                                   &count, &channel.readIo.overlapped) != FALSE;
+        lock.unlock();
+        if (!done) {
             // Another thread may have its completion already.
             if (GetLastError() == ERROR_IO_PENDING) return;
             --channel.pendingIo;

@@ -90,8 +90,9 @@ int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds lim
         }
         // Bytes of the connection need not be bytes for us: by those no limit counts anew.
         if (waited && deadline.Over()) return -1;
+        if (waited) platform::YieldTask();  // they may come without a pause
         // Who has to answer must have heard everything first.
-        if (!Flush() || WaitForSocket(deadline.Left(), other, true) != Wait::kReady) return -1;
+        if (!Flush() || WaitForSocket(deadline.Left(), other, Blocked()) != Wait::kReady) return -1;
     }
 }
 
@@ -132,7 +133,8 @@ Stream::Wait Stream::WaitReadable(std::chrono::milliseconds limit, const CSocket
     const Deadline deadline(limit);
     for (bool waited = false; FillAhead() == SOCKET_WOULD_BLOCK; waited = true) {
         if (waited && deadline.Over()) return Wait::kTimeOver;
-        const Wait wait = WaitForSocket(deadline.Left(), other, true);
+        if (waited) platform::YieldTask();
+        const Wait wait = WaitForSocket(deadline.Left(), other, Blocked());
         if (wait != Wait::kReady) return wait;
     }
     return Wait::kReady;
@@ -213,7 +215,7 @@ bool Stream::SendNow(std::string_view bytes) {
 bool Stream::WaitForRoom(const Deadline& deadline) {
     SocketWatch watch{
         socket_.Handle(), transport_ != nullptr ? transport_->Wanted() : SocketWant::kWrite, {}};
-    return SocketWaitAny(&watch, 1, deadline.Left(), true) && !watch.found.exception;
+    return SocketWaitAny(&watch, 1, deadline.Left(), Blocked()) && !watch.found.exception;
 }
 
 bool Stream::SendFile(const platform::File& file, long long offset, long long length) {
@@ -229,6 +231,7 @@ bool Stream::SendFile(const platform::File& file, long long offset, long long le
             if (count != left || !SendNow({block.get(), static_cast<std::size_t>(left)}))
                 return false;
             offset += left;
+            LetOthersRun();
         }
         for (const Deadline deadline(seconds_); block == nullptr && left > 0;) {
             if (socket_.Empty()) return false;

@@ -99,6 +99,9 @@ class Stream {
     int FillAhead();
     int ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
                        const CSocket* other);
+    // Whether a call that would have blocked has seen that the socket has nothing: a transport may
+    // have had enough of it before.
+    bool Blocked() const { return transport_ == nullptr; }
     // `blocked` as SocketWaitAny has it.
     Wait WaitForSocket(std::chrono::milliseconds limit, const CSocket* other, bool blocked);
     void LetOthersRun();

@@ -17,7 +17,8 @@ class Transport {
     // with the same bytes.
     virtual int ReceiveNow(void* buffer, int length) = 0;
     virtual int SendNow(const void* buffer, int length) = 0;
-    // What the socket has to become before the call that would have blocked can go on.
+    // What the socket has to become before the call that would have blocked can go on; it may be
+    // that already.
     virtual SocketWant Wanted() const = 0;
     // Tells the peer that nothing more comes, as far as that goes at once.
     virtual void SayGoodbye() = 0;

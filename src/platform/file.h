@@ -30,12 +30,14 @@ inline constexpr char kSeparator = '\\';
 inline constexpr char kSeparator = '/';
 #endif
 
-// What tells one state of a file from another, as long as nobody sets its time back.
+// What tells one state of a file from another.
 struct FileState {
     bool plain = false;  // not a directory, pipe or device
     std::uint64_t size = 0;
     std::int64_t written = 0;  // nanoseconds since 1970
     std::uint64_t number = 0;  // another one when the file has been replaced
+    // As `written`, of the last change of anything about it, which nobody can put back.
+    std::int64_t changed = 0;
     bool operator==(const FileState&) const = default;
 };
 // That of the file or whatever else is there, behind links too. Nothing if it can't be looked at.
@@ -66,9 +68,9 @@ class File {
     // one, and so a later write shows however soon it comes. Nothing if that can't be had.
     std::optional<FileState> Stamp();
     bool MakeEmpty();
-    // Whether nobody else has it: it has one name, and is open here alone. False also where that
-    // can't be known.
-    bool OnlyOurs() const;
+    // Whether nobody else has it: the name is its only one, and it is open here alone. False also
+    // where that can't be known. From the first call on the process ignores SIGIO.
+    bool OnlyOurs(const char* name) const;
     // False if the system reports a late write error.
     bool Close();
 

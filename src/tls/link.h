@@ -9,7 +9,8 @@
 
 // The library is at it as long as something comes that is nothing for us. A peer that sends such
 // things without a pause would keep it there, past all limits of time: after so many receives it
-// hears that nothing has come, and the caller has a look at the time.
+// hears that nothing has come, and the caller has a look at the time. So a call that would have
+// blocked has not always seen an empty socket.
 inline constexpr int kMostReceives = 4;
 
 struct TlsLink {

@@ -65,7 +65,7 @@ bool TlsTransport::Handshake(const Deadline& deadline, std::string& failure) {
         }
         SocketWatch watch{link_.socket, wanted_, {}};
         // Looked at here: for a peer that sends without a pause nobody ever waits.
-        if (deadline.Over() || !SocketWaitAny(&watch, 1, deadline.Left(), true)) {
+        if (deadline.Over() || !SocketWaitAny(&watch, 1, deadline.Left())) {
             failure = "time over";
             return false;
         }

@@ -190,6 +190,26 @@ TEST_F(Serving, ClientsThatHaveComeMeanwhile) {
     for (std::thread& each : askers) each.join();
 }
 
+// One thread gives the connection up, for its reply finds no reader, while another takes what still
+// comes on it.
+TEST_F(Serving, ClientsThatSendOnAndReadNothing) {
+    Serve(3);
+    const std::string much = Frame(std::string(4000000, 'm'));
+    for (int i = 0; i < 50; ++i) {
+        const int peer = Connect("serving");
+        shutdown(peer, SHUT_RD);
+        const std::string bytes = Frame("q") + much;
+        for (std::size_t sent = 0; sent < bytes.size();) {
+            const ssize_t count =
+                send(peer, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            if (count <= 0) break;
+            sent += static_cast<std::size_t>(count);
+        }
+        close(peer);
+    }
+    EXPECT_EQ(Ask(client_, "x", 5000).reply, "x");
+}
+
 TEST_F(Serving, ALimitEndsTheWaitOfOneThread) {
     LIPCConnection* connection = nullptr;
     const void* data = nullptr;

@@ -8,10 +8,12 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <list>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +23,24 @@
 #include "platform/sync.h"
 
 using namespace std::chrono_literals;
+
+// The address sanitizer wants to have memory for itself.
+#ifndef __SANITIZE_ADDRESS__
+namespace {
+
+// This thread gets no memory any more.
+thread_local bool t_poor = false;
+
+}  // namespace
+
+// Not inline: the compiler would miss the pairs.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* const memory = t_poor ? nullptr : std::malloc(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+#endif
 
 namespace {
 
@@ -170,5 +190,54 @@ TEST(Tasks, OneThatHasMuchToDoLetsOthersRun) {
     ended = true;
     for (std::future<void>& task : tasks) ASSERT_EQ(task.wait_for(10s), std::future_status::ready);
 }
+
+// Several tasks of a thread wait for the same event, alone or together with others: what one of
+// them has been told of is still news to the next.
+TEST(Tasks, WhatSeveralWaitForWakesEachOfThem) {
+    const unsigned many = 4 * std::max(2U, std::thread::hardware_concurrency());
+    for (int round = 0; round < 20; ++round) {
+        const UniqueHandle all(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+        const UniqueHandle one(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+        std::atomic<unsigned> there{0};
+        std::vector<std::future<void>> tasks;
+        for (unsigned i = 0; i < many; ++i)
+            tasks.push_back(Start([&] {
+                const HANDLE both[] = {one.Get(), all.Get()};
+                ++there;
+                EXPECT_NE(WaitForMultipleObjects(2, both, FALSE, 20000), WAIT_TIMEOUT);
+            }));
+        while (there < many) std::this_thread::sleep_for(1ms);
+        std::this_thread::sleep_for(2ms);
+        SetEvent(one.Get());
+        SetEvent(all.Get());
+        for (std::future<void>& task : tasks)
+            ASSERT_EQ(task.wait_for(10s), std::future_status::ready) << round;
+    }
+}
+
+#ifndef __SANITIZE_ADDRESS__
+// A wait may be for something on the stack that others work on: it can't be left for want of
+// memory.
+TEST(Tasks, AWaitNeedsNoMemory) {
+    Pair pair;
+    constexpr int kHigh = 1000;  // nothing is known of such a descriptor yet
+    ASSERT_EQ(dup2(pair.ends[0], kHigh), kHigh);
+    std::atomic<bool> there{false};
+    SocketReadiness found{};
+    std::future<void> task = Start([&] {
+        t_poor = there = true;
+        platform::SleepFor(20ms);
+        found = SocketWait(kHigh, SocketWant::kRead, 20);
+        t_poor = false;
+    });
+    while (!there) std::this_thread::sleep_for(1ms);
+    std::this_thread::sleep_for(50ms);
+    ASSERT_EQ(write(pair.ends[1], "x", 1), 1);
+    ASSERT_EQ(task.wait_for(10s), std::future_status::ready);
+    EXPECT_NO_THROW(task.get());
+    EXPECT_TRUE(found.ready && !found.exception);
+    close(kHigh);
+}
+#endif
 
 }  // namespace

@@ -5,16 +5,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "support/instance.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 class Spool : public testing::Test {
   protected:
@@ -69,6 +73,13 @@ TEST_F(Spool, WhatTheScanLeavesIsWhatGoesOn) {
         {"nothing", [](const std::string& text) { return text; }, [](const std::string&) {}},
         {"same size, in place", marked,
          [](const std::string& path) { Overwrite(path, "MARKS", 0); }},
+        {"the same, with its time put back", marked,
+         [](const std::string& path) {
+             std::this_thread::sleep_for(20ms);
+             const auto time = fs::last_write_time(path);
+             Overwrite(path, "MARKS", 0);
+             fs::last_write_time(path, time);
+         }},
         {"grown", [](const std::string& text) { return text + "MORE"; },
          [](const std::string& path) { Overwrite(path, "MORE", O_APPEND); }},
         {"cut", [](const std::string& text) { return text.substr(0, 7); },
@@ -132,6 +143,63 @@ TEST_F(Spool, AFileThatSomebodyHasIsHisForGood) {
     EXPECT_EQ(Read(kept + "2"), "a fourth one");
     spool_.Remove();
     EXPECT_TRUE(fs::is_empty(g_instance.Path() + "/tmp/VTNP"));
+}
+
+// Somebody clears the directory away, and then the message is kept elsewhere: the file has one name
+// again, which is not ours.
+TEST_F(Spool, AFileWhoseOwnNameIsGoneIsNoneOfOurs) {
+    ASSERT_NO_FATAL_FAILURE(Have("to be kept"));
+    fs::remove_all(g_instance.Path() + "/tmp/spare");
+    const std::string kept = g_instance.Path() + "/elsewhere";
+    fs::rename(spool_.Path(), kept);
+    ASSERT_NO_FATAL_FAILURE(Have("the next one"));
+    EXPECT_EQ(Read(kept), "to be kept");
+}
+
+// A backup, for example, that opens the file at the very moment of the question.
+TEST_F(Spool, TheQuestionWhoHasAFileEndsNoProcess) {
+    const std::string path = g_instance.Path() + "/asked";
+    const platform::File file = platform::File::CreateExclusive(path.c_str(), -1);
+    ASSERT_TRUE(file);
+    std::atomic<bool> over{false};
+    std::thread other([&] {
+        for (int i = 0; i < 20000; ++i) EXPECT_TRUE(platform::File::OpenRead(path.c_str()));
+        over = true;
+    });
+    int ours = 0;
+    while (!over) ours += file.OnlyOurs(path.c_str()) ? 1 : 0;
+    other.join();
+    EXPECT_GT(ours, 0);
+    EXPECT_TRUE(file.OnlyOurs(path.c_str()));
+}
+
+// A scan that the session has given up may still be about its name when the next session has the
+// number of its socket.
+TEST_F(Spool, ANameIsNoOtherMessagesLater) {
+    ASSERT_NO_FATAL_FAILURE(Have("given up"));
+    const std::string name = spool_.Path();
+    spool_.Remove();
+    SpoolFile next;
+    EXPECT_TRUE(next.Name(4711));
+    ASSERT_TRUE(next.OpenNext());
+    EXPECT_NE(next.Path(), name);
+}
+
+TEST_F(Spool, AGroupThatIsSetLaterMayRead) {
+    const auto mode = [](const std::string& path) {
+        struct stat info {};
+        EXPECT_EQ(stat(path.c_str(), &info), 0);
+        return info.st_mode & 0777;
+    };
+    ASSERT_NO_FATAL_FAILURE(Have("ours alone"));
+    EXPECT_EQ(mode(spool_.Path()), 0600U);
+    SetSpoolGroup(static_cast<int>(getgid()));
+    ASSERT_NO_FATAL_FAILURE(Have("shared"));
+    EXPECT_EQ(mode(spool_.Path()), 0640U);
+    EXPECT_EQ(mode(fs::path(spool_.Path()).parent_path()), 0750U);
+    SetSpoolGroup(-1);
+    ASSERT_NO_FATAL_FAILURE(Have("ours alone again"));
+    EXPECT_EQ(mode(spool_.Path()), 0600U);
 }
 
 }  // namespace

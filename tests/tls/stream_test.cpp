@@ -8,9 +8,13 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
+#include <future>
 #include <thread>
 
+#include "platform/task.h"
 #include "tls/peers.h"
+#include "tls/transport.h"
 
 using namespace std::chrono_literals;
 
@@ -184,6 +188,34 @@ TEST_P(SecuredStream, WhatIsDetachedTouchesTheNumberNoMore) {
     EXPECT_EQ(reader.ReadLine(line, length, sizeof line, 1), 1);
     EXPECT_STREQ(line, "theirs\r\n");
     EXPECT_EQ(SocketReceiveNow(other.Client().Handle(), &byte, 1, false), SOCKET_WOULD_BLOCK);
+}
+
+// So many that the library is not let through all of them at once: what it has left is still there
+// for a task, which hears of each arrival once only.
+TEST(SecuredStreams, BehindManyTicketsATextIsFound) {
+    constexpr int kTickets = 800;
+    AnyServer server;
+    Wire wire(Wire::Mode::kNonBlocking, 1 << 20);
+    Outcomes both = Shake(wire, *server.context, *ClientOf(TLS1_3_VERSION));
+    SSL* const ssl = dynamic_cast<TlsTransport&>(*both.server.transport).Ssl();
+    for (int i = 0; i < kTickets; ++i) {
+        ASSERT_EQ(SSL_new_session_ticket(ssl), 1);
+        ASSERT_EQ(SSL_do_handshake(ssl), 1);
+    }
+    ASSERT_EQ(both.server.transport->SendNow("text", 4), 4);
+    std::promise<std::string> seen;
+    const auto read = [&] {
+        Stream client;
+        client.Attach(wire.Client());
+        client.Secure(std::move(both.client.transport));
+        seen.set_value(ReadAll(client, 4));
+        client.Detach();
+    };
+    const std::function<void()> work = read;
+    ASSERT_TRUE(platform::StartTask(
+        [](void* argument) { (*static_cast<const std::function<void()>*>(argument))(); },
+        const_cast<std::function<void()>*>(&work)));
+    EXPECT_EQ(seen.get_future().get(), "text");
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, SecuredStream, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION));

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <memory>
 
@@ -47,7 +48,8 @@ namespace {
 FileState StateOf(const struct stat& info) {
     constexpr std::int64_t kSecond = 1'000'000'000;
     return {S_ISREG(info.st_mode), static_cast<std::uint64_t>(info.st_size),
-            info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec, info.st_ino};
+            info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec, info.st_ino,
+            info.st_ctim.tv_sec * kSecond + info.st_ctim.tv_nsec};
 }
 
 }  // namespace
@@ -104,11 +106,16 @@ long long File::ReadAt(long long offset, void* buffer, std::size_t length) const
 
 bool File::MakeEmpty() { return ftruncate(Descriptor(), 0) == 0; }
 
-bool File::OnlyOurs() const {
+bool File::OnlyOurs(const char* name) const {
     struct stat info {};
-    if (fstat(Descriptor(), &info) != 0 || info.st_nlink != 1) return false;
-    // The system gives such a lease only where there is no other descriptor of the file.
-    return fcntl(Descriptor(), F_SETLEASE, F_WRLCK) == 0 &&
+    struct stat named {};
+    if (fstat(Descriptor(), &info) != 0 || info.st_nlink != 1 || stat(name, &named) != 0 ||
+        named.st_ino != info.st_ino || named.st_dev != info.st_dev)
+        return false;
+    // The system gives such a lease only where there is no other descriptor of the file. It tells
+    // of one that comes while the lease lasts by a signal, which would end the process.
+    static const bool deaf = signal(SIGIO, SIG_IGN) != SIG_ERR;
+    return deaf && fcntl(Descriptor(), F_SETLEASE, F_WRLCK) == 0 &&
            fcntl(Descriptor(), F_SETLEASE, F_UNLCK) == 0;
 }
 

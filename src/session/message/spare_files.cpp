@@ -51,7 +51,7 @@ SpareFile SpareFiles::Make(int group) {
         CreateDirectoryA(directory.c_str(), nullptr);
         made.file = platform::File::CreateExclusive(made.path.c_str(), group);
     }
-    if (!made.file || made.file.OnlyOurs()) return made;
+    if (!made.file || made.file.OnlyOurs(made.path.c_str())) return made;
     Drop(made);
     const std::lock_guard lock(mutex_);
     useless_ = true;
@@ -59,7 +59,7 @@ SpareFile SpareFiles::Make(int group) {
 }
 
 void SpareFiles::Give(SpareFile spare) {
-    const bool good = spare.file.OnlyOurs() && spare.file.MakeEmpty();
+    const bool good = spare.file.OnlyOurs(spare.path.c_str()) && spare.file.MakeEmpty();
     if (spare.file.Close() && good) {
         const std::lock_guard lock(mutex_);
         if (spares_.size() < kMostKept) return spares_.push_back(std::move(spare));

@@ -12,6 +12,7 @@ constexpr char kPrefix[] = "VTSMTP";
 constexpr std::size_t kStemSize = 260;  // with its zero byte
 constexpr std::size_t kMostKept = 65536;
 std::atomic<int> g_group{-1};
+std::atomic<unsigned> g_lastNumber{0};
 
 std::string Directory() {
     char path[4096];
@@ -26,7 +27,10 @@ void MakeDirectory() {
 
 }  // namespace
 
-void SetSpoolGroup(int group) { g_group = group; }
+void SetSpoolGroup(int group) {
+    // The directory may be there already, without the group.
+    if (g_group.exchange(group) != group) platform::ShareDirectory(Directory().c_str(), group);
+}
 
 void CleanSpoolDirectory() {
     const std::string directory = Directory();
@@ -49,7 +53,7 @@ std::string SpoolFile::Path() const { return stem_ + "x" + std::to_string(number
 
 bool SpoolFile::OpenNext() {
     Remove();
-    ++number_;
+    number_ = ++g_lastNumber;
     size_ = 0;
     const std::string path = Path();
     const int group = g_group;

@@ -20,8 +20,9 @@ class SpoolFile {
     SpoolFile& operator=(const SpoolFile&) = delete;
     ~SpoolFile() { Remove(); }
 
-    // Names the files after the client's socket, whose number no other live session has. False if
-    // the name doesn't fit.
+    // Names the files after the client's socket, whose number no other live session has. A number
+    // behind it, which no other message has, keeps what still goes on about an earlier session's
+    // file away from this one's. False if the name doesn't fit.
     bool Name(SOCKET client);
     // Removes the file of the message before, goes to the next number and makes its file, empty and
     // open for writing. False if it can't be made.
@@ -55,7 +56,7 @@ class SpoolFile {
     void Forget();
 
     std::string stem_;
-    int number_ = 0;
+    unsigned number_ = 0;
     bool present_ = false;
     long long size_ = 0;
     // The message's file. With a path it is one for many messages, and stays open; it has the

@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t kMostSpareStacks = 64;
 constexpr int kAlways = POLLERR | POLLHUP;
 constexpr std::uint32_t kAllEvents = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP;
-// How often a descriptor is looked at that the epoll set has no room for.
+// How often a descriptor is looked at that there is no room for, in the epoll set or in memory.
 constexpr std::chrono::milliseconds kLook{50};
 
 thread_local TaskThread* t_current = nullptr;
@@ -39,6 +39,7 @@ struct TaskThread::Task {
     // right when its time comes, for most waits end long before.
     Timers::iterator timer;
     bool timed = false;
+    Timers::node_type spareTimer;  // that entry while it is not among them: a wait needs no memory
 };
 
 TaskThread::TaskThread()
@@ -46,6 +47,7 @@ TaskThread::TaskThread()
     epoll_event event{};
     event.events = EPOLLIN | EPOLLET;  // each write is an edge: never read back
     event.data.fd = wake_.Get();
+    spareStacks_.reserve(kMostSpareStacks);  // so that nothing throws later
     epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event);
 }
 
@@ -64,6 +66,9 @@ bool TaskThread::Start(TaskProcedure procedure, void* argument) {
         auto task = std::make_unique<Task>();
         task->procedure = procedure;
         task->argument = argument;
+        Timers fresh;
+        fresh.emplace(Clock::time_point(), task.get());
+        task->spareTimer = fresh.extract(fresh.begin());
         const std::lock_guard lock(mutex_);
         if (spareStacks_.empty()) {
             task->stack = std::make_unique<Stack>();
@@ -111,7 +116,7 @@ void TaskThread::Run() {
 }
 
 void TaskThread::TakePosted() {
-    std::deque<std::unique_ptr<Task>> begun;
+    std::vector<std::unique_ptr<Task>> begun;
     {
         const std::lock_guard lock(mutex_);
         begun.swap(posted_);
@@ -143,9 +148,10 @@ void TaskThread::FireTimers() {
         if (task->timed) {
             node.key() = *task->end;
             task->timer = timers_.insert(std::move(node));
-        } else if (task->waiting && task->end.has_value()) {
-            MakeReady(task);
+            continue;
         }
+        task->spareTimer = std::move(node);
+        if (task->waiting && task->end.has_value()) MakeReady(task);
     }
 }
 
@@ -177,6 +183,7 @@ void TaskThread::WaitForEvents() {
         Watched& watched = watched_[descriptor];
         watched.seen |= event.events;
         for (Entry* entry = watched.waiting; entry != nullptr; entry = entry->next) {
+            entry->seen |= event.events;
             if ((event.events & static_cast<std::uint32_t>(entry->wanted | kAlways)) != 0)
                 MakeReady(entry->task);
         }
@@ -201,7 +208,8 @@ void TaskThread::Retire(Task* task) {
 void TaskThread::Pause(std::optional<Clock::time_point> end) {
     Task& task = *running_;
     if (end && !task.timed) {
-        task.timer = timers_.emplace(*end, &task);
+        task.spareTimer.key() = *end;
+        task.timer = timers_.insert(std::move(task.spareTimer));
         task.timed = true;
     } else if (end && task.timer->first > *end) {
         auto node = timers_.extract(task.timer);
@@ -219,11 +227,15 @@ void TaskThread::Yield() {
     running_->context.SwitchTo(*own_, false);
 }
 
+void TaskThread::MakeRoom(int descriptor) {
+    if (descriptor < 0) return;
+    const std::size_t least = static_cast<std::size_t>(descriptor) + 1;
+    if (least > watched_.size()) watched_.resize(std::max(least, watched_.size() * 2));
+}
+
 // False if the epoll set has no room for it.
 bool TaskThread::Register(int descriptor, std::uint32_t events) {
-    const auto at = static_cast<std::size_t>(descriptor);
-    if (at >= watched_.size()) watched_.resize(std::max(at + 1, watched_.size() * 2));
-    Watched& watched = watched_[at];
+    Watched& watched = watched_[static_cast<std::size_t>(descriptor)];
     const bool known = watched.registered;
     if (known && (watched.events & events) == events) return true;
     if (!known) watched.events = watched.seen = 0;
@@ -247,7 +259,9 @@ class TaskThread::Waiting {
   public:
     Waiting(TaskThread& thread, std::span<pollfd> entries, bool stay)
         : thread_(thread), entries_(entries), stay_(stay) {
+        // What may throw comes first.
         if (entries.size() > few_.size()) many_.resize(entries.size());
+        for (const pollfd& entry : entries) thread.MakeRoom(entry.fd);
         Entry* const first = many_.empty() ? few_.data() : many_.data();
         for (std::size_t i = 0; i < entries.size(); ++i) {
             entries[i].revents = 0;
@@ -256,7 +270,7 @@ class TaskThread::Waiting {
             const auto wanted = static_cast<std::uint32_t>(entries[i].events);
             whole_ = thread.Register(entries[i].fd, stay ? kAllEvents : wanted) && whole_;
             Watched& watched = Of(entries[i]);
-            first[i] = {thread.running_, entries[i].events, watched.waiting};
+            first[i] = {thread.running_, entries[i].events, watched.waiting, 0};
             watched.waiting = &first[i];
         }
         first_ = first;
@@ -283,14 +297,15 @@ class TaskThread::Waiting {
     // Tells the entries what has been seen. How many have something to be told.
     int Tell() {
         int told = 0;
-        for (pollfd& entry : entries_) {
+        for (std::size_t i = 0; i < entries_.size(); ++i) {
+            pollfd& entry = entries_[i];
             if (entry.fd < 0) continue;
             Watched& watched = Of(entry);
-            entry.revents =
-                static_cast<short>(static_cast<int>(watched.seen) & (entry.events | kAlways));
+            const std::uint32_t seen = watched.seen | std::exchange(first_[i].seen, 0);
+            entry.revents = static_cast<short>(static_cast<int>(seen) & (entry.events | kAlways));
             watched.seen &= ~static_cast<std::uint32_t>(entry.revents & ~kAlways);
             // A broken connection stays so, and nobody will tell of a closed one again.
-            if ((watched.seen & EPOLLRDHUP) != 0)
+            if ((seen & EPOLLRDHUP) != 0)
                 entry.revents = static_cast<short>(entry.revents | (entry.events & POLLIN));
             told += entry.revents != 0 ? 1 : 0;
         }
@@ -312,11 +327,15 @@ class TaskThread::Waiting {
 };
 
 int TaskThread::Wait(std::span<pollfd> entries, std::optional<Clock::time_point> end, bool stay) {
-    Waiting waiting(*this, entries, stay);
+    std::optional<Waiting> waiting;
+    try {
+        waiting.emplace(*this, entries, stay);
+    } catch (const std::bad_alloc&) {
+    }
     for (;;) {
-        if (const int told = waiting.Tell(); told > 0) return told;
+        if (const int told = waiting ? waiting->Tell() : 0; told > 0) return told;
         if (end && Clock::now() >= *end) return 0;
-        if (waiting.Whole()) {
+        if (waiting && waiting->Whole()) {
             Pause(end);
             continue;
         }

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -53,6 +52,7 @@ class TaskThread {
         Task* task = nullptr;
         int wanted = 0;
         Entry* next = nullptr;
+        std::uint32_t seen = 0;  // what has happened since, also where another has been told
     };
     // What is known of a descriptor.
     struct Watched {
@@ -72,6 +72,8 @@ class TaskThread {
     void WaitForEvents();
     void MakeReady(Task* task);
     void Retire(Task* task);
+    // What is known of a descriptor has its place from here on.
+    void MakeRoom(int descriptor);
     bool Register(int descriptor, std::uint32_t events);
     // Gives the thread to others until somebody makes the running task ready, or the end is over.
     void Pause(std::optional<Clock::time_point> end);
@@ -80,7 +82,7 @@ class TaskThread {
     const UniqueDescriptor epoll_;
     const UniqueDescriptor wake_;
     std::mutex mutex_;
-    std::deque<std::unique_ptr<Task>> posted_;         // guarded by mutex_: not begun
+    std::vector<std::unique_ptr<Task>> posted_;        // guarded by mutex_: not begun
     std::vector<std::unique_ptr<Stack>> spareStacks_;  // guarded by mutex_
     bool sleeping_ = false;  // guarded by mutex_: in epoll_wait, or on its way there
     // The thread's alone, as all below.

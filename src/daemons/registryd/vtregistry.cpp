@@ -5,6 +5,7 @@
 #include <iostream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "daemons/registryd/reference.h"
 #include "daemons/registryd/store_server.h"
 #include "ntservice/ntservice.h"
+#include "ntservice/words.h"
 #include "platform/console.h"
 #include "platform/file.h"
 #include "platform/home.h"
@@ -24,7 +26,6 @@
 namespace {
 
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 constexpr int kValueSize = 1 << 20;
 
 using Arguments = std::vector<std::string>;
@@ -173,18 +174,27 @@ constexpr Command kCommands[] = {
     {"dump", 0, 1, Dump}, {"load", 0, 1, Load}, {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
 };
 
-int Usage() {
-    std::cerr << "usage: vtregistry get KEY | set KEY VALUE | del KEY | list KEY | dump [KEY] | "
-                 "load [FILE] | watch KEY | keys [PREFIX | --reference]\n"
-                 "       vtregistry install | uninstall | start | stop | debug | register | "
-                 "unregister\n"
-                 "Keys are absolute paths, such as /VTWIN/Agents/VTSMTPProxy.\n";
-    return kExitUsage;
-}
+constexpr ServiceWords kWords{
+    "vtregistry",
+    "Reads, changes and follows the configuration; also the service that lets other hosts read "
+    "it.\n",
+    "  get KEY               print a value\n"
+    "  set KEY VALUE         store a value, at once\n"
+    "  del KEY               delete a key and all below it\n"
+    "  list KEY              print the names below a key\n"
+    "  dump [KEY]            print all values as one JSON object\n"
+    "  load [FILE]           store the values of such an object, all or none\n"
+    "  watch KEY             print each change, until Ctrl-C\n"
+    "  keys [PREFIX | --reference]\n"
+    "                        print the keys that programs know, with their meaning\n"
+    "Keys are absolute paths, such as /VTWIN/Agents/VTSMTPProxy. Manual: vtregistry(1)\n"};
+
+int WrongWords(const std::string& what) { return WrongUsage(ServiceUsage(kWords), what); }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (const std::optional<int> code = AnswerHelp(ServiceUsage(kWords), argc, argv)) return *code;
     const Arguments words(argv + 1, argv + argc);
     if (words.empty() ? platform::StartedByServiceManager() : CNTService::IsOption(words[0])) {
         StoreService service;
@@ -195,7 +205,8 @@ int main(int argc, char** argv) {
     for (const Command& command : kCommands) {
         if (words.empty() || words[0] != command.word) continue;
         const Arguments arguments(words.begin() + 1, words.end());
-        if (arguments.size() < command.least || arguments.size() > command.most) return Usage();
+        if (arguments.size() < command.least || arguments.size() > command.most)
+            return WrongWords(words[0] + ": too many or too few words behind it");
         if (TrelisInit2() != 0)
             return Failed(platform::HomeError().empty() ? "can't open the store"
                                                         : platform::HomeError());
@@ -203,5 +214,5 @@ int main(int argc, char** argv) {
         TrelisUninit();
         return code;
     }
-    return Usage();
+    return WrongWords(words.empty() ? "nothing to do" : "unknown word: " + words[0]);
 }

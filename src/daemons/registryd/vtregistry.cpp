@@ -12,6 +12,8 @@
 #include "daemons/frame/daemon.h"
 #include "daemons/registryd/any_bytes.h"
 #include "daemons/registryd/reference.h"
+#include "daemons/registryd/set.h"
+#include "daemons/registryd/show.h"
 #include "daemons/registryd/store_server.h"
 #include "ntservice/ntservice.h"
 #include "ntservice/words.h"
@@ -20,54 +22,51 @@
 #include "platform/home.h"
 #include "platform/sync.h"
 #include "trelis/admin.h"
+#include "trelis/keys/check.h"
+#include "trelis/keys/names.h"
 #include "trelis/keys/registration.h"
 #include "trelis/trelis.h"
 
 namespace {
 
-constexpr int kExitFailed = 1;
 constexpr int kValueSize = 1 << 20;
-
-using Arguments = std::vector<std::string>;
-
-int Failed(const std::string& what) {
-    std::cerr << "vtregistry: " << what << '\n';
-    return kExitFailed;
-}
 
 int Missing(const std::string& key) { return Failed("no such key: " + key); }
 
 int Get(const Arguments& arguments) {
+    const auto key = PathOf(arguments[0]);
+    if (!key) return kExitFailed;
     std::vector<char> value(kValueSize);
-    if (TrelisGetValue(kLocalStore, arguments[0].c_str(), value.data(), kValueSize) != 0)
-        return Missing(arguments[0]);
-    std::cout << value.data() << '\n';
-    return 0;
-}
-
-int Set(const Arguments& arguments) {
-    return TrelisSetValue(kLocalStore, arguments[0].c_str(), arguments[1].c_str()) == 0
-               ? 0
-               : Failed("can't set " + arguments[0]);
+    if (TrelisGetValue(kLocalStore, key->c_str(), value.data(), kValueSize) == 0) {
+        std::cout << value.data() << '\n';
+        return 0;
+    }
+    const auto known = trelis::FindByPath(*key);
+    return known ? Failed("not set: " + arguments[0] +
+                          " (default: " + trelis::DefaultInWords(*known->row) + ')')
+                 : UnknownKey(arguments[0]);
 }
 
 int Del(const Arguments& arguments) {
-    return TrelisDelKey(kLocalStore, arguments[0].c_str()) == 0
-               ? 0
-               : Failed("can't delete " + arguments[0]);
+    const auto key = PathOf(arguments[0]);
+    if (!key) return kExitFailed;
+    return TrelisDelKey(kLocalStore, key->c_str()) == 0 ? 0 : Failed("can't delete " + *key);
 }
 
 int List(const Arguments& arguments) {
-    const auto names = trelis::ListChildren(arguments[0]);
-    if (!names) return Missing(arguments[0]);
+    const auto key = PathOf(arguments[0]);
+    if (!key) return kExitFailed;
+    const auto names = trelis::ListChildren(*key);
+    if (!names) return Missing(*key);
     for (const std::string& name : *names) std::cout << name << '\n';
     return 0;
 }
 
 int Dump(const Arguments& arguments) {
-    const std::string key = arguments.empty() ? "/" : arguments[0];
-    const auto values = trelis::DumpTree(key);
-    if (!values) return Missing(key);
+    const auto key = PathOf(arguments.empty() ? "/" : arguments[0]);
+    if (!key) return kExitFailed;
+    const auto values = trelis::DumpTree(*key);
+    if (!values) return Missing(*key);
     nlohmann::json object = nlohmann::json::object();
     for (const auto& [path, value] : *values) object[AsJsonKey(path)] = AsJson(value);
     std::cout << object.dump(2) << '\n';
@@ -97,14 +96,18 @@ int Load(const Arguments& arguments) {
 
 int Keys(const Arguments& arguments) {
     const std::string what = arguments.empty() ? "" : arguments[0];
-    std::cout << (what == "--reference" ? ReferenceTables() : ListOfKeys(what));
+    std::cout << (what == "--reference" ? ReferenceTables()
+                  : what == "--short"   ? ShortNames()
+                                        : ListOfKeys(what));
     return 0;
 }
 
 BOOL EndWatch(DWORD) { platform::ExitNow(0); }
 
 int WatchKey(const Arguments& arguments) {
-    const std::string& key = arguments[0];
+    const auto typed = PathOf(arguments[0]);
+    if (!typed) return kExitFailed;
+    const std::string& key = *typed;
     const std::string below = key == "/" ? key : key + '/';
     SetConsoleCtrlHandler(EndWatch, TRUE);
     const bool following = trelis::FollowChanges([&](const std::string& path) {
@@ -170,24 +173,32 @@ struct Command {
     int (*run)(const Arguments&);
 };
 constexpr Command kCommands[] = {
-    {"get", 1, 1, Get},   {"set", 2, 2, Set},   {"del", 1, 1, Del},        {"list", 1, 1, List},
-    {"dump", 0, 1, Dump}, {"load", 0, 1, Load}, {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
+    {"get", 1, 1, Get},   {"set", 2, 3, SetKey},     {"show", 0, 2, Show},
+    {"del", 1, 1, Del},   {"list", 1, 1, List},      {"dump", 0, 1, Dump},
+    {"load", 0, 1, Load}, {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
 };
 
 constexpr ServiceWords kWords{
     "vtregistry",
     "Reads, changes and follows the configuration; also the service that lets other hosts read "
     "it.\n",
+    "  show [--changed] [KEY]\n"
+    "                        print the keys that programs know, as they stand: all, or those at "
+    "and\n"
+    "                        below KEY; with --changed what somebody has changed\n"
     "  get KEY               print a value\n"
-    "  set KEY VALUE         store a value, at once\n"
+    "  set [--force] KEY VALUE\n"
+    "                        store a value, which counts at once\n"
     "  del KEY               delete a key and all below it\n"
     "  list KEY              print the names below a key\n"
     "  dump [KEY]            print all values as one JSON object\n"
     "  load [FILE]           store the values of such an object, all or none\n"
     "  watch KEY             print each change, until Ctrl-C\n"
-    "  keys [PREFIX | --reference]\n"
-    "                        print the keys that programs know, with their meaning\n"
-    "Keys are absolute paths, such as /VTWIN/Agents/VTSMTPProxy. Manual: vtregistry(1)\n"};
+    "  keys [PREFIX | --short | --reference]\n"
+    "                        print the paths that programs know, with their meaning, or the short\n"
+    "                        names alone\n"
+    "KEY is a short name, such as interface.net.server or maild.scantimeout, or an absolute path.\n"
+    "Sizes and times may have units: 25M, 10m. Manual: vtregistry(1), vantrel-keys(5)\n"};
 
 int WrongWords(const std::string& what) { return WrongUsage(ServiceUsage(kWords), what); }
 

@@ -172,6 +172,37 @@ class Registry(Person):
         self.assertIn("default: 25", err)
         self.assertEqual(self.vt("get", "/no/such")[:2], (1, ""))
 
+    def file(self, values):
+        with open(self.parent + "/file.json", "w", encoding="ascii") as file:
+            json.dump(values, file)
+        return file.name
+
+    def test_a_file_is_looked_at_before_it_is_loaded(self):
+        for values, said in (({}, ""), ({NET + "/Port": "25", NET: "", MAILD + "/Path": "/x", FILTERS: ""}, ""),
+                             ({NET + "/MaxThreads": "99"}, NET + '/MaxThreads: "99" should be a number from 0 to 50\n'),
+                             ({NET + "/Prot": "1"}, NET + "/Prot: no program reads it. Is " + NET + "/Port meant?\n"),
+                             ({"/a": "\x1b"}, "/a: no program reads it.\n")):
+            self.assertEqual(self.vt("load", "--check", self.file(values)), (1 if said else 0, said, ""), values)
+            self.assertEqual(self.stored(), {})
+        for content in ("[]", "{", '{"/a": 1}'):
+            with open(self.parent + "/bad.json", "w", encoding="ascii") as file:
+                file.write(content)
+            for words, code in ((("load", "--check"), 1), (("load",), 1), (("diff",), 2)):
+                self.assertEqual(self.vt(*words, file.name)[:2], (code, ""), (words, content))
+        self.assertEqual(self.vt("load", "--check", self.parent)[0], 1)
+        self.assertEqual(self.vt("load", "--check", self.parent + "/none")[0], 1)
+
+    def test_diff(self):
+        here = {NET + "/Port": "25", NET + "/ServerToForward": "a", "/a": "1", "/ab": "1"}
+        there = {NET + "/Port": "26", NET + "/ServerToForward": "a", "/a": "1", "/c": "\n", MAILD + "/Path": "/x"}
+        self.assertEqual(self.vt("load", self.file(here))[0], 0)
+        self.assertEqual(self.vt("diff", self.file(here)), (0, "", ""))
+        port = '- %s/Port "25"\n+ %s/Port "26"\n' % (NET, NET)
+        self.assertEqual(self.vt("diff", self.file(there)), (1, port + '- /ab "1"\n+ /c "?"\n', ""))
+        for key, said in (("interface.net", port), (NET + "/Port", port), ("/a", ""), ("maild", ""), ("/nowhere", "")):
+            self.assertEqual(self.vt("diff", self.file(there), key), (1 if said else 0, said, ""), key)
+        self.assertEqual(self.vt("diff", self.file(there), "maill")[:2], (2, ""))
+
     def shown(self, *words):
         """Name to (value, state) of each key."""
         code, out, err = self.vt("show", *words)

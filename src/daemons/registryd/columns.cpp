@@ -31,7 +31,7 @@ std::string TakeLine(std::string_view& text, std::size_t width) {
     const std::size_t room = BytesOf(text, width);
     const std::size_t blank = text.rfind(' ', room);
     const bool atBlank = blank != std::string_view::npos && blank != 0;
-    const std::string line(text.substr(0, atBlank ? blank : room));
+    std::string line(text.substr(0, atBlank ? blank : room));
     text.remove_prefix(atBlank ? blank + 1 : room);
     return line;
 }

@@ -24,7 +24,7 @@ int UnknownKey(const std::string& typed) {
 std::optional<std::string> PathOf(const std::string& typed) {
     if (typed.starts_with('/')) return typed;
     if (const auto key = trelis::FindByShortName(typed)) return key->Path();
-    if (const auto above = trelis::PathAbove(typed)) return above;
+    if (auto above = trelis::PathAbove(typed)) return above;
     UnknownKey(typed);
     return std::nullopt;
 }

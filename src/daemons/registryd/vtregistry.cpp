@@ -1,16 +1,13 @@
 // The store's tool: reads, changes, lists and follows the configuration. With one of the options of
 // a service, or started by a service manager, it is the service VTREGISTRY.
 #include <cstdio>
-#include <fstream>
 #include <iostream>
-#include <iterator>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "daemons/frame/daemon.h"
-#include "daemons/registryd/any_bytes.h"
+#include "daemons/registryd/files.h"
 #include "daemons/registryd/reference.h"
 #include "daemons/registryd/set.h"
 #include "daemons/registryd/show.h"
@@ -60,38 +57,6 @@ int List(const Arguments& arguments) {
     if (!names) return Missing(*key);
     for (const std::string& name : *names) std::cout << name << '\n';
     return 0;
-}
-
-int Dump(const Arguments& arguments) {
-    const auto key = PathOf(arguments.empty() ? "/" : arguments[0]);
-    if (!key) return kExitFailed;
-    const auto values = trelis::DumpTree(*key);
-    if (!values) return Missing(*key);
-    nlohmann::json object = nlohmann::json::object();
-    for (const auto& [path, value] : *values) object[AsJsonKey(path)] = AsJson(value);
-    std::cout << object.dump(2) << '\n';
-    return 0;
-}
-
-int Load(const Arguments& arguments) {
-    std::ifstream file;
-    if (!arguments.empty()) {
-        file.open(arguments[0], std::ios::binary);
-        if (!file) return Failed("can't read " + arguments[0]);
-    }
-    std::istream& input = arguments.empty() ? std::cin : file;
-    const std::string text((std::istreambuf_iterator<char>(input)),
-                           std::istreambuf_iterator<char>());
-    const nlohmann::json object = nlohmann::json::parse(text, nullptr, false);
-    if (!object.is_object()) return Failed("not a JSON object");
-    trelis::Values values;
-    for (const auto& [key, json] : object.items()) {
-        const auto path = FromJsonKey(key);
-        const auto value = FromJson(json);
-        if (!path || !value) return Failed("not a text: " + key);
-        values.emplace_back(*path, *value);
-    }
-    return trelis::LoadValues(values) ? 0 : Failed("can't load; nothing was changed");
 }
 
 int Keys(const Arguments& arguments) {
@@ -173,9 +138,9 @@ struct Command {
     int (*run)(const Arguments&);
 };
 constexpr Command kCommands[] = {
-    {"get", 1, 1, Get},   {"set", 2, 3, SetKey},     {"show", 0, 2, Show},
-    {"del", 1, 1, Del},   {"list", 1, 1, List},      {"dump", 0, 1, Dump},
-    {"load", 0, 1, Load}, {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
+    {"get", 1, 1, Get},        {"set", 2, 3, SetKey}, {"show", 0, 2, Show}, {"del", 1, 1, Del},
+    {"list", 1, 1, List},      {"dump", 0, 1, Dump},  {"load", 0, 2, Load}, {"diff", 1, 2, Diff},
+    {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
 };
 
 constexpr ServiceWords kWords{
@@ -192,7 +157,10 @@ constexpr ServiceWords kWords{
     "  del KEY               delete a key and all below it\n"
     "  list KEY              print the names below a key\n"
     "  dump [KEY]            print all values as one JSON object\n"
-    "  load [FILE]           store the values of such an object, all or none\n"
+    "  load [--check] [FILE] store the values of such an object, all or none; with --check only "
+    "print\n"
+    "                        what programs won't take or don't read\n"
+    "  diff FILE [KEY]       print what stands otherwise in such a file: - here, + there\n"
     "  watch KEY             print each change, until Ctrl-C\n"
     "  keys [PREFIX | --short | --reference]\n"
     "                        print the paths that programs know, with their meaning, or the short\n"

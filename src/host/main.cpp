@@ -1,8 +1,18 @@
 #include "host/smtp.h"
+#include "ntservice/words.h"
 #include "platform/console.h"
 #include "platform/memory.h"
 
+namespace {
+
+constexpr ServiceWords kWords{"vtsmtpproxy",
+                              "Mail security proxy in front of a mail server.\n"
+                              "Settings: `vtregistry show interface`; manual: vtsmtpproxy(8)\n"};
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    if (const std::optional<int> code = AnswerServiceWords(kWords, argc, argv)) return *code;
     platform::HoldSignals();
     platform::TuneAllocator();
     platform::RaiseDescriptorLimit();

@@ -23,12 +23,12 @@
 #include "platform/home.h"
 #include "text/day.h"
 #include "text/printable.h"
+#include "text/usage.h"
 
 namespace {
 
 constexpr int kExitFine = 0;
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 
 // What the reader is known by; the server's answer doesn't depend on them.
 constexpr int kRequestId = 1;
@@ -43,23 +43,20 @@ constexpr char kPasswordVariable[] = "VANTREL_REPORT_PASSWORD";
 // Made by the statistics daemon for its own user: "user:password".
 constexpr char kTokenFile[] = "report.token";
 
-constexpr char kUsage[] =
+const Usage kUsage{
+    "vtreport",
     "usage: vtreport [--host HOST] [--format html|txt|csv] [--from DAY] [--to DAY]\n"
+    "       vtreport --help | --version\n"
     "Prints the statistics as tables, or with --format makes a report file in the current\n"
     "directory and prints its path. HOST is 127.0.0.1 if not given. Days are YYYY-MM-DD, UTC,\n"
     "both included; without them the last 30 days.\n"
     "User and password: VANTREL_REPORT_USER and VANTREL_REPORT_PASSWORD, else for 127.0.0.1\n"
     "the file report.token of the instance, which goes to the instance's own daemon by a\n"
-    "socket in its directory and to nobody else; else asked for in a terminal.\n";
+    "socket in its directory and to nobody else; else asked for in a terminal.\n"};
 
 int Fail(const std::string& what) {
     std::fprintf(stderr, "vtreport: %s\n", what.c_str());
     return kExitFailed;
-}
-
-int WrongUsage(const std::string& what) {
-    std::fprintf(stderr, "vtreport: %s\n%s", what.c_str(), kUsage);
-    return kExitUsage;
 }
 
 // Arguments
@@ -80,13 +77,17 @@ int ParseFormat(const char* word) {
 }
 
 constexpr int kHelp = 1;
+constexpr int kVersion = 2;
 
 // Nothing if the program goes on, else its exit code.
 std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
-    constexpr option kOptions[] = {
-        {"host", required_argument, nullptr, 'h'}, {"format", required_argument, nullptr, 'F'},
-        {"from", required_argument, nullptr, 'f'}, {"to", required_argument, nullptr, 't'},
-        {"help", no_argument, nullptr, kHelp},     {nullptr, 0, nullptr, 0}};
+    constexpr option kOptions[] = {{"host", required_argument, nullptr, 'h'},
+                                   {"format", required_argument, nullptr, 'F'},
+                                   {"from", required_argument, nullptr, 'f'},
+                                   {"to", required_argument, nullptr, 't'},
+                                   {"help", no_argument, nullptr, kHelp},
+                                   {"version", no_argument, nullptr, kVersion},
+                                   {nullptr, 0, nullptr, 0}};
     opterr = 0;
     for (;;) {
         const char* word = optind < argc ? argv[optind] : "";
@@ -99,26 +100,28 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
             case 'F':
                 options.format = ParseFormat(optarg);
                 if (options.format == 0)
-                    return WrongUsage(std::string("no such format: ") + optarg);
+                    return WrongUsage(kUsage, std::string("no such format: ") + optarg);
                 break;
             case 'f':
             case 't': {
                 const std::optional<std::int64_t> day = ParseDay(optarg);
-                if (!day) return WrongUsage(std::string("no day as YYYY-MM-DD: ") + optarg);
+                if (!day) return WrongUsage(kUsage, std::string("no day as YYYY-MM-DD: ") + optarg);
                 (found == 'f' ? options.from : options.to) = day;
                 break;
             }
             case kHelp:
-                std::fputs(kUsage, stdout);
-                return kExitFine;
+                return PrintUsage(kUsage);
+            case kVersion:
+                return PrintVersion(kUsage);
             default:
-                return WrongUsage(std::string("unknown option, or its value is missing: ") + word);
+                return WrongUsage(kUsage,
+                                  std::string("unknown option, or its value is missing: ") + word);
         }
     }
-    if (optind < argc) return WrongUsage(std::string("unexpected: ") + argv[optind]);
+    if (optind < argc) return WrongUsage(kUsage, std::string("unexpected: ") + argv[optind]);
     if (!options.to) options.to = DayOf(platform::UtcSeconds());
     if (!options.from) options.from = *options.to - (kDefaultDays - 1);
-    if (*options.from > *options.to) return WrongUsage("--from lies behind --to");
+    if (*options.from > *options.to) return WrongUsage(kUsage, "--from lies behind --to");
     return std::nullopt;
 }
 
@@ -250,6 +253,7 @@ int Report(const Options& options, const std::string& address, const Credentials
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (const std::optional<int> code = AnswerHelp(kUsage, argc, argv)) return *code;
     Options options;
     if (const std::optional<int> code = ParseArguments(argc, argv, options)) return *code;
     const SocketAddress resolved = ResolveHost(options.host.c_str(), 0);

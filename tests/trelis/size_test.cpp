@@ -25,4 +25,16 @@ TEST(Size, NumbersWithUnits) {
     for (const auto& each : cases) EXPECT_EQ(ParseSize(each.text), each.size) << each.text;
 }
 
+TEST(Size, DurationsHaveAUnit) {
+    const struct {
+        const char* text;
+        std::optional<long long> seconds;
+    } cases[] = {
+        {"90s", 90},           {"10m", 600},         {"2 H", 7200},
+        {"1d", 86400},         {"2w", 1209600},      {"0m", 0},
+        {"10", std::nullopt},  {"", std::nullopt},   {"-1m", std::nullopt},
+        {"1mm", std::nullopt}, {"1y", std::nullopt}, {"9223372036854775807m", std::nullopt}};
+    for (const auto& each : cases) EXPECT_EQ(ParseDuration(each.text), each.seconds) << each.text;
+}
+
 }  // namespace

@@ -14,6 +14,7 @@
 
 #include "daemons/frame/daemon.h"
 #include "logclient/levels.h"
+#include "ntservice/words.h"
 #include "platform/clock.h"
 #include "platform/descriptor.h"
 #include "platform/home.h"
@@ -201,9 +202,14 @@ class LogDaemon final : public Daemon {
     bool toSyslog_ = false;
 };
 
+constexpr ServiceWords kWords{"vtlogd",
+                              "Keeps the log of the Vantrel programs.\n"
+                              "Settings: `vtregistry show logd`; manual: vtlogd(8)\n"};
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (const std::optional<int> code = AnswerServiceWords(kWords, argc, argv)) return *code;
     LogDaemon daemon;
     return RunDaemon(daemon, argc, argv);
 }

@@ -1,5 +1,6 @@
 #include "daemons/registryd/reference.h"
 
+#include "trelis/keys/check.h"
 #include "trelis/keys/rows.h"
 
 namespace {
@@ -7,15 +8,14 @@ namespace {
 using trelis::KeyRow;
 using trelis::KeySection;
 
-std::string Default(const KeyRow& row) {
-    if (row.shown != nullptr) return row.shown;
-    return *row.fallback == '\0' ? "none" : row.fallback;
-}
-
 // From when on a change counts.
 std::string Effect(const KeySection& section, const KeyRow& row) {
     if (row.kind == trelis::KeyKind::kWritten) return "-";
     return row.effect != nullptr ? row.effect : section.effect;
+}
+
+std::string Alias(const KeyRow& row) {
+    return row.alias == nullptr ? "" : std::string("; short name: `") + row.alias + '`';
 }
 
 }  // namespace
@@ -26,12 +26,12 @@ std::string ListOfKeys(const std::string& prefix) {
         for (const KeyRow& row : section.rows) {
             const std::string path = std::string(section.root) + '/' + row.name;
             if (!path.starts_with(prefix)) continue;
-            text +=
-                path + "\n    " + row.meaning + " (" +
-                (row.kind == trelis::KeyKind::kWritten
-                     ? row.shown
-                     : "default: " + Default(row) + "; a change counts: " + Effect(section, row)) +
-                ")\n";
+            text += path + "\n    " + row.meaning + " (" +
+                    (row.kind == trelis::KeyKind::kWritten
+                         ? row.shown
+                         : "default: " + trelis::DefaultInWords(row) +
+                               "; a change counts: " + Effect(section, row)) +
+                    ")\n";
         }
     }
     return text;
@@ -40,11 +40,12 @@ std::string ListOfKeys(const std::string& prefix) {
 std::string ReferenceTables() {
     std::string text;
     for (const KeySection& section : trelis::kKeySections) {
-        text += std::string("## ") + section.title + ": `" + section.root +
-                "/`\n\n| Key | Default | A change counts | Meaning |\n|---|---|---|---|\n";
+        text += std::string("## ") + section.title + ": `" + section.root + "/`, short `" +
+                section.brief +
+                ".`\n\n| Key | Default | A change counts | Meaning |\n|---|---|---|---|\n";
         for (const KeyRow& row : section.rows)
-            text += std::string("| `") + row.name + "` | " + Default(row) + " | " +
-                    Effect(section, row) + " | " + row.meaning + " |\n";
+            text += std::string("| `") + row.name + "` | " + trelis::DefaultInWords(row) + " | " +
+                    Effect(section, row) + " | " + row.meaning + Alias(row) + " |\n";
         text += '\n';
     }
     return text;

@@ -1,109 +1,78 @@
 // The store's tool: reads, changes, lists and follows the configuration. With one of the options of
 // a service, or started by a service manager, it is the service VTREGISTRY.
 #include <cstdio>
-#include <fstream>
 #include <iostream>
-#include <iterator>
-#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "daemons/frame/daemon.h"
-#include "daemons/registryd/any_bytes.h"
+#include "daemons/registryd/files.h"
 #include "daemons/registryd/reference.h"
+#include "daemons/registryd/set.h"
+#include "daemons/registryd/show.h"
 #include "daemons/registryd/store_server.h"
 #include "ntservice/ntservice.h"
+#include "ntservice/words.h"
 #include "platform/console.h"
 #include "platform/file.h"
 #include "platform/home.h"
 #include "platform/sync.h"
 #include "trelis/admin.h"
+#include "trelis/keys/check.h"
+#include "trelis/keys/names.h"
 #include "trelis/keys/registration.h"
 #include "trelis/trelis.h"
 
 namespace {
 
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 constexpr int kValueSize = 1 << 20;
-
-using Arguments = std::vector<std::string>;
-
-int Failed(const std::string& what) {
-    std::cerr << "vtregistry: " << what << '\n';
-    return kExitFailed;
-}
 
 int Missing(const std::string& key) { return Failed("no such key: " + key); }
 
 int Get(const Arguments& arguments) {
+    const auto key = PathOf(arguments[0]);
+    if (!key) return kExitFailed;
     std::vector<char> value(kValueSize);
-    if (TrelisGetValue(kLocalStore, arguments[0].c_str(), value.data(), kValueSize) != 0)
-        return Missing(arguments[0]);
-    std::cout << value.data() << '\n';
-    return 0;
-}
-
-int Set(const Arguments& arguments) {
-    return TrelisSetValue(kLocalStore, arguments[0].c_str(), arguments[1].c_str()) == 0
-               ? 0
-               : Failed("can't set " + arguments[0]);
+    if (TrelisGetValue(kLocalStore, key->c_str(), value.data(), kValueSize) == 0) {
+        std::cout << value.data() << '\n';
+        return 0;
+    }
+    const auto known = trelis::FindByPath(*key);
+    return known ? Failed("not set: " + arguments[0] +
+                          " (default: " + trelis::DefaultInWords(*known->row) + ')')
+                 : UnknownKey(arguments[0]);
 }
 
 int Del(const Arguments& arguments) {
-    return TrelisDelKey(kLocalStore, arguments[0].c_str()) == 0
-               ? 0
-               : Failed("can't delete " + arguments[0]);
+    const auto key = PathOf(arguments[0]);
+    if (!key) return kExitFailed;
+    return TrelisDelKey(kLocalStore, key->c_str()) == 0 ? 0 : Failed("can't delete " + *key);
 }
 
 int List(const Arguments& arguments) {
-    const auto names = trelis::ListChildren(arguments[0]);
-    if (!names) return Missing(arguments[0]);
+    const auto key = PathOf(arguments[0]);
+    if (!key) return kExitFailed;
+    const auto names = trelis::ListChildren(*key);
+    if (!names) return Missing(*key);
     for (const std::string& name : *names) std::cout << name << '\n';
     return 0;
 }
 
-int Dump(const Arguments& arguments) {
-    const std::string key = arguments.empty() ? "/" : arguments[0];
-    const auto values = trelis::DumpTree(key);
-    if (!values) return Missing(key);
-    nlohmann::json object = nlohmann::json::object();
-    for (const auto& [path, value] : *values) object[AsJsonKey(path)] = AsJson(value);
-    std::cout << object.dump(2) << '\n';
-    return 0;
-}
-
-int Load(const Arguments& arguments) {
-    std::ifstream file;
-    if (!arguments.empty()) {
-        file.open(arguments[0], std::ios::binary);
-        if (!file) return Failed("can't read " + arguments[0]);
-    }
-    std::istream& input = arguments.empty() ? std::cin : file;
-    const std::string text((std::istreambuf_iterator<char>(input)),
-                           std::istreambuf_iterator<char>());
-    const nlohmann::json object = nlohmann::json::parse(text, nullptr, false);
-    if (!object.is_object()) return Failed("not a JSON object");
-    trelis::Values values;
-    for (const auto& [key, json] : object.items()) {
-        const auto path = FromJsonKey(key);
-        const auto value = FromJson(json);
-        if (!path || !value) return Failed("not a text: " + key);
-        values.emplace_back(*path, *value);
-    }
-    return trelis::LoadValues(values) ? 0 : Failed("can't load; nothing was changed");
-}
-
 int Keys(const Arguments& arguments) {
     const std::string what = arguments.empty() ? "" : arguments[0];
-    std::cout << (what == "--reference" ? ReferenceTables() : ListOfKeys(what));
+    std::cout << (what == "--reference" ? ReferenceTables()
+                  : what == "--short"   ? ShortNames()
+                                        : ListOfKeys(what));
     return 0;
 }
 
 BOOL EndWatch(DWORD) { platform::ExitNow(0); }
 
 int WatchKey(const Arguments& arguments) {
-    const std::string& key = arguments[0];
+    const auto typed = PathOf(arguments[0]);
+    if (!typed) return kExitFailed;
+    const std::string& key = *typed;
     const std::string below = key == "/" ? key : key + '/';
     SetConsoleCtrlHandler(EndWatch, TRUE);
     const bool following = trelis::FollowChanges([&](const std::string& path) {
@@ -169,22 +138,42 @@ struct Command {
     int (*run)(const Arguments&);
 };
 constexpr Command kCommands[] = {
-    {"get", 1, 1, Get},   {"set", 2, 2, Set},   {"del", 1, 1, Del},        {"list", 1, 1, List},
-    {"dump", 0, 1, Dump}, {"load", 0, 1, Load}, {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
+    {"get", 1, 1, Get},        {"set", 2, 3, SetKey}, {"show", 0, 2, Show}, {"del", 1, 1, Del},
+    {"list", 1, 1, List},      {"dump", 0, 1, Dump},  {"load", 0, 2, Load}, {"diff", 1, 2, Diff},
+    {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
 };
 
-int Usage() {
-    std::cerr << "usage: vtregistry get KEY | set KEY VALUE | del KEY | list KEY | dump [KEY] | "
-                 "load [FILE] | watch KEY | keys [PREFIX | --reference]\n"
-                 "       vtregistry install | uninstall | start | stop | debug | register | "
-                 "unregister\n"
-                 "Keys are absolute paths, such as /VTWIN/Agents/VTSMTPProxy.\n";
-    return kExitUsage;
-}
+constexpr ServiceWords kWords{
+    "vtregistry",
+    "Reads, changes and follows the configuration; also the service that lets other hosts read "
+    "it.\n",
+    "  show [--changed] [KEY]\n"
+    "                        print the keys that programs know, as they stand: all, or those at "
+    "and\n"
+    "                        below KEY; with --changed what somebody has changed\n"
+    "  get KEY               print a value\n"
+    "  set [--force] KEY VALUE\n"
+    "                        store a value, which counts at once\n"
+    "  del KEY               delete a key and all below it\n"
+    "  list KEY              print the names below a key\n"
+    "  dump [KEY]            print all values as one JSON object\n"
+    "  load [--check] [FILE] store the values of such an object, all or none; with --check only "
+    "print\n"
+    "                        what programs won't take or don't read\n"
+    "  diff FILE [KEY]       print what stands otherwise in such a file: - here, + there\n"
+    "  watch KEY             print each change, until Ctrl-C\n"
+    "  keys [PREFIX | --short | --reference]\n"
+    "                        print the paths that programs know, with their meaning, or the short\n"
+    "                        names alone\n"
+    "KEY is a short name, such as interface.net.server or maild.scantimeout, or an absolute path.\n"
+    "Sizes and times may have units: 25M, 10m. Manual: vtregistry(1), vantrel-keys(5)\n"};
+
+int WrongWords(const std::string& what) { return WrongUsage(ServiceUsage(kWords), what); }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (const std::optional<int> code = AnswerHelp(ServiceUsage(kWords), argc, argv)) return *code;
     const Arguments words(argv + 1, argv + argc);
     if (words.empty() ? platform::StartedByServiceManager() : CNTService::IsOption(words[0])) {
         StoreService service;
@@ -195,7 +184,8 @@ int main(int argc, char** argv) {
     for (const Command& command : kCommands) {
         if (words.empty() || words[0] != command.word) continue;
         const Arguments arguments(words.begin() + 1, words.end());
-        if (arguments.size() < command.least || arguments.size() > command.most) return Usage();
+        if (arguments.size() < command.least || arguments.size() > command.most)
+            return WrongWords(words[0] + ": too many or too few words behind it");
         if (TrelisInit2() != 0)
             return Failed(platform::HomeError().empty() ? "can't open the store"
                                                         : platform::HomeError());
@@ -203,5 +193,5 @@ int main(int argc, char** argv) {
         TrelisUninit();
         return code;
     }
-    return Usage();
+    return WrongWords(words.empty() ? "nothing to do" : "unknown word: " + words[0]);
 }

@@ -17,6 +17,7 @@
 #include "daemons/statd/web/site.h"
 #include "libstats/httpclient.h"
 #include "logclient/logclient.h"
+#include "ntservice/words.h"
 #include "platform/home.h"
 #include "platform/local_socket.h"
 #include "trelis/keys/followed.h"
@@ -153,11 +154,20 @@ class StatsDaemon final : public Daemon {
     bool ending_ = false;  // guarded by mutex_
 };
 
+constexpr ServiceWords kWords{
+    "vtstatd",
+    "Keeps the statistics of the mail and serves their pages.\n"
+    "Settings: `vtregistry show statd`; manual: vtstatd(8)\n",
+    "  passwd NAME           make an account; the password is one line of standard input\n"
+    "  passwd -d NAME        delete it\n"};
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (const std::optional<int> code = AnswerHelp(ServiceUsage(kWords), argc, argv)) return *code;
     if (argc > 1 && std::strcmp(argv[1], "passwd") == 0)
         return stats::PasswdCommand(argc - 1, argv + 1);
+    if (const std::optional<int> code = AnswerServiceWords(kWords, argc, argv)) return *code;
     StatsDaemon daemon;
     return RunDaemon(daemon, argc, argv);
 }

@@ -9,18 +9,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <optional>
 
 #include "daemons/supervisor/supervision.h"
 #include "platform/home.h"
+#include "text/usage.h"
 
 int main(int argc, char** argv) {
+    const Usage usage{
+        "vtservice",
+        "usage: vtservice --help | --version\n"
+        "Supervises one service of an instance. It is not for people: `PROGRAM start` "
+        "starts it for\nan installed service, `PROGRAM stop` ends it. Manual: "
+        "vtservice(8)\n"};
+    if (const std::optional<int> code = AnswerHelp(usage, argc, argv)) return *code;
     const auto isOpen = [](int descriptor) { return fcntl(descriptor, F_SETFD, FD_CLOEXEC) == 0; };
-    if (argc != 2 || !platform::ValidServiceName(argv[1]) || platform::Home().empty() ||
-        !isOpen(platform::kSupervisorLock) || !isOpen(platform::kSupervisorReport)) {
-        std::fprintf(stderr, "vtservice supervises one service; start it with PROGRAM start\n");
-        return 2;
-    }
+    if (argc != 2 || !platform::ValidServiceName(argv[1]) || !isOpen(platform::kSupervisorLock) ||
+        !isOpen(platform::kSupervisorReport) || platform::Home().empty())
+        return WrongUsage(usage, "not started by `PROGRAM start`");
     umask(077);
     if (chdir("/") != 0) return 1;
     const auto record = platform::ReadServiceRecord(argv[1]);

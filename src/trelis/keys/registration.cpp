@@ -1,13 +1,20 @@
 #include "trelis/keys/registration.h"
 
 #include "platform/file.h"
+#include "text/usage.h"
 #include "trelis/keys/rows.h"
 #include "trelis/trelis.h"
 
 namespace trelis {
 namespace {
 
-constexpr char kVersion[] = "2, 0, 67, 0";
+// Four numbers, as a program's resources on other systems have them.
+std::string RegisteredVersion() {
+    std::string version;
+    for (const char* at = ProgramVersion(); *at != '\0'; ++at)
+        version += *at == '.' ? std::string(", ") : std::string(1, *at);
+    return version + ", 0";
+}
 
 std::string Versions(const Registration& registration) {
     return std::string(kVersionsKey) + '/' + registration.serviceName;
@@ -50,7 +57,7 @@ int Register(const Registration& registration) {
         }
     }
     Write(Versions(registration) + "/Name", registration.displayName);
-    Write(Versions(registration) + "/Version", kVersion);
+    Write(Versions(registration) + "/Version", RegisteredVersion());
     if (opened) TrelisUninit();
     return 1;
 }

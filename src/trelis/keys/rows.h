@@ -26,20 +26,24 @@ inline constexpr long long kMostSize = std::numeric_limits<long long>::max();
 inline constexpr KeyRow kInterfaceRows[] = {
     Text("GreetingDomainName", "127.0.0.1", "the name in the proxy's own replies")
         .Width(64)
+        .Alias("greeting")
         .EmptyCounts(),
     Text("IPAddress", "", "address to listen on, IPv4 or IPv6; `::` serves both families")
         .Width(64)
+        .Alias("address")
         .Shown("all IPv4 addresses"),
-    Number("Port", "25", -kMostInt, kMostInt, "port to listen on"),
+    Number("Port", "25", -kMostInt, kMostInt, "port to listen on").Sane(1, 0xFFFF),
     Text("ServerToForward", "127.0.0.1:10025",
          "the real mail server: host, host:port, [IPv6]:port; each address of a name is tried in "
          "turn")
-        .Width(64),
+        .Width(64)
+        .Alias("server"),
     Text("RelayNetworks/*/IPAddress", "",
          "clients of this network may send to any recipient: an IPv4 address with the mask below, "
          "or a network (192.0.2.0/24, 2001:db8::/32) or IPv6 address without one; what can't be "
          "read lets nobody")
         .Width(64)
+        .Alias("relaynetworks.*.address")
         .RegistersList(),
     Text("RelayNetworks/*/Mask", "", "the mask of an IPv4 address; without one a single address")
         .Width(64),
@@ -52,10 +56,10 @@ inline constexpr KeyRow kInterfaceRows[] = {
          "bytes, or with K, M, G; a larger message is refused with 552, and the SIZE offered is no "
          "larger; 0: no limit")
         .Shown("what the scanner takes"),
-    Number("TimeoutBetweenNOOPs", "180", 1, 3600,
-           "seconds between signs of life to the server, 1 to 3600"),
-    Number("ConnectionTimeout", "600", 1, 3600,
-           "seconds to wait for a client or server, reading and writing, 1 to 3600"),
+    Seconds("TimeoutBetweenNOOPs", "180", 1, 3600,
+            "seconds between signs of life to the server, 1 to 3600"),
+    Seconds("ConnectionTimeout", "600", 1, 3600,
+            "seconds to wait for a client or server, reading and writing, 1 to 3600"),
     Text("Name", "", "a name for people; nothing reads it").Counts("never"),
 };
 
@@ -83,8 +87,8 @@ inline constexpr KeyRow kInternetRows[] = {
         .Shown("the system's store"),
     Text("ServerTLS/Name", "", "the name that must be in its certificate")
         .Shown("the server's host"),
-    Number("ConnectTimeout", "30", 1, 3600,
-           "seconds to wait for a connection to each of the server's addresses, 1 to 3600"),
+    Seconds("ConnectTimeout", "30", 1, 3600,
+            "seconds to wait for a connection to each of the server's addresses, 1 to 3600"),
     Text("FallbackServers/*", "",
          "the value is a server, as `ServerToForward`, that is tried when the ones before it take "
          "no "
@@ -124,7 +128,8 @@ inline constexpr KeyRow kAddressListRows[] = {
     Text("Addresses/*/Mask", "", "the mask of an IPv4 address; without one a single address"),
     Number("Addresses/*/Action", "", -kMostInt, kMostInt,
            "1 allow, 2 deny; a matching allow wins over any deny; a deny of all IPv4 addresses is "
-           "one of IPv6 too, an allow is not"),
+           "one of IPv6 too, an allow is not")
+        .Sane(1, 2),
 };
 
 inline constexpr KeyRow kBlackListRows[] = {
@@ -138,8 +143,8 @@ inline constexpr KeyRow kBlackListRows[] = {
 
 inline constexpr KeyRow kHarvestingRows[] = {
     Flag("Enabled", "slow down clients that ask for recipients that don't exist").Registers("Y"),
-    Number("ResponseTimeout", "45", 1, kMostInt,
-           "seconds until the answer; the session ends behind it"),
+    Seconds("ResponseTimeout", "45", 1, kMostInt,
+            "seconds until the answer; the session ends behind it"),
     Flag("EnabledSendDenyMessage", "answer with the text below").Registers("Y"),
     Text("DenyMessage", kDenyText, "that text"),
 };
@@ -154,16 +159,17 @@ inline constexpr KeyRow kMailDaemonRows[] = {
         .Registers(""),
     Size("MaxFileSize", "26214400", 1, 2LL << 30,
          "bytes, or with K, M, G, at most 2 GB; a larger message counts as too big"),
-    Number("ConnectTimeout", "5", 1, 3600, "seconds to reach clamd"),
-    Number("ScanTimeout", "120", 1, 3600, "seconds for one message"),
+    Seconds("ConnectTimeout", "5", 1, 3600, "seconds to reach clamd"),
+    Seconds("ScanTimeout", "120", 1, 3600, "seconds for one message"),
     Number("Threads", "16", 1, 200, "scans at a time").Counts(kAtStart),
-    Text("VirusAction", "reject", "`reject`, `drop` or `redirect`"),
+    Text("VirusAction", "reject", "`reject`, `drop` or `redirect`").Words("reject|drop|redirect"),
     Text("RedirectAddress", "", "where `redirect` sends infected mail; without it, it is rejected")
         .Registers(""),
     Text(
         "WhenEncrypted", "pass",
         "mail with an encrypted archive: `pass`, `refuse` (550) or `put off` (451); any other word "
-        "puts off"),
+        "puts off")
+        .Words("pass|refuse|put off"),
     Flag("PassWhenDown", "deliver unscanned while clamd doesn't answer").Registers("N"),
     Flag("PassWhenBusy", "deliver unscanned what clamd has no place for").Registers("N"),
     Flag("PassWhenTimedOut", "deliver unscanned what is not scanned in time").Registers("N"),
@@ -178,19 +184,22 @@ inline constexpr KeyRow kLogLevelRows[] = {
          "`none`, nothing; `low`, a line in the log file; `medium`, syslog besides, as "
          "information; `high`, there as a notice, warning or error")
         .Width(31)
+        .Words("none|low|medium|high")
         .EmptyCounts(),
 };
 inline constexpr KeyRow kLoggerRows[] = {
     Number("MaxLogSize", "10485760", 1, kMostSize,
            "bytes of one log file; four older ones are kept")
+        .In(Unit::kBytes)
         .Counts(kAtStart),
     Written("Path", "the program's file"),
 };
 
 inline constexpr KeyRow kStatsRows[] = {
-    Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports"),
+    Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports").Sane(1, 0xFFFF),
     Text("HTTPAddress", "127.0.0.1", "address to listen on"),
     Number("KeepDays", "400", 0, 100000, "days that records are kept; 0: for ever")
+        .In(Unit::kDays)
         .OutOfBounds(Beyond::kNearest),
     Text("Accounts/*", "", "salted hash of an account's password, made with `vtstatd passwd NAME`"),
     Written("Path", "the program's file"),
@@ -217,21 +226,27 @@ inline constexpr KeyRow kVersionRows[] = {
 };
 
 inline constexpr KeySection kKeySections[] = {
-    {kInterfaceKey, "Interfaces", Program::kProxy, "with the next session", kInterfaceRows},
-    {kInterfaceKey, "Interfaces on the Internet", Program::kNone, "with the next session",
-     kInternetRows},
-    {kProxyKey, "The proxy", Program::kProxy, "at the start, and when an interface changes",
-     kProxyRows},
-    {kAddressListKey, "Addresses of clients", Program::kProxy, "at once", kAddressListRows, 256},
-    {kBlackListKey, "Senders", Program::kProxy, "at once", kBlackListRows, 256},
-    {kHarvestingKey, "Unknown recipients", Program::kProxy, "at once", kHarvestingRows, 256},
-    {kMailDaemonKey, "Scanning", Program::kMailDaemon, "with the next scan", kMailDaemonRows},
-    {kLogLevelKey, "Levels of the log", Program::kLogger, "with the next event", kLogLevelRows},
-    {kLoggerKey, "The log", Program::kLogger, kAtStart, kLoggerRows},
-    {kStatsKey, "Statistics", Program::kStatistics, "within a second", kStatsRows},
-    {kStoreKey, "The store for other hosts", Program::kStore, "within a second", kStoreRows, 64},
-    {kCrashKey, "Crash reports", Program::kNone, kAtStart, kCrashRows},
-    {kVersionsKey, "Versions", Program::kNone, kAtStart, kVersionRows},
+    {kInterfaceKey, "interface.*", "Interfaces", Program::kProxy, "with the next session",
+     kInterfaceRows},
+    {kInterfaceKey, "interface.*", "Interfaces on the Internet", Program::kNone,
+     "with the next session", kInternetRows},
+    {kProxyKey, "proxy", "The proxy", Program::kProxy,
+     "at the start, and when an interface changes", kProxyRows},
+    {kAddressListKey, "filters.addresses", "Addresses of clients", Program::kProxy, "at once",
+     kAddressListRows, 256},
+    {kBlackListKey, "filters.senders", "Senders", Program::kProxy, "at once", kBlackListRows, 256},
+    {kHarvestingKey, "filters.recipients", "Unknown recipients", Program::kProxy, "at once",
+     kHarvestingRows, 256},
+    {kMailDaemonKey, "maild", "Scanning", Program::kMailDaemon, "with the next scan",
+     kMailDaemonRows},
+    {kLogLevelKey, "logd.level", "Levels of the log", Program::kLogger, "with the next event",
+     kLogLevelRows},
+    {kLoggerKey, "logd", "The log", Program::kLogger, kAtStart, kLoggerRows},
+    {kStatsKey, "statd", "Statistics", Program::kStatistics, "within a second", kStatsRows},
+    {kStoreKey, "store", "The store for other hosts", Program::kStore, "within a second",
+     kStoreRows, 64},
+    {kCrashKey, "crash", "Crash reports", Program::kNone, kAtStart, kCrashRows},
+    {kVersionsKey, "versions", "Versions", Program::kNone, kAtStart, kVersionRows},
 };
 
 }  // namespace trelis

@@ -21,6 +21,9 @@ enum class KeyKind {
 // The programs whose `register` writes keys.
 enum class Program { kNone, kProxy, kMailDaemon, kLogger, kStatistics, kStore };
 
+// What a number counts, where people write it with a unit: 25M, 10m, 2w.
+enum class Unit { kNone, kBytes, kSeconds, kDays };
+
 // What a number outside its bounds stands for.
 enum class Beyond {
     kDefaultBelow,  // below: the default; above: the upper bound
@@ -44,9 +47,16 @@ struct KeyRow {
     bool registersList = false;   // `register` makes the key above its '*', for entries to come
     const char* shown = nullptr;  // the default in words, where `fallback` doesn't say it
     const char* registered = nullptr;  // what `register` writes; null: a default that is not empty
-    const char* words = nullptr;       // of a choice, a '|' between two
-    const char* unknown = nullptr;     // the word that any other stands for; null: the default
-    const char* effect = nullptr;      // from when on a change counts, where the section differs
+    const char* words =
+        nullptr;  // of a choice, a '|' between two; of a text: those that mean something
+    const char* unknown = nullptr;  // the word that any other stands for; null: the default
+    const char* effect = nullptr;   // from when on a change counts, where the section differs
+    Unit unit = Unit::kNone;        // of a number
+    const char* alias = nullptr;    // its short name, where the rule's is ugly (names.h)
+    // Bounds of what `vtregistry set` takes, where programs read more than makes sense; both 0: as
+    // least and most.
+    long long saneLeast = 0;
+    long long saneMost = 0;
 
     template <typename Field>
     constexpr KeyRow With(Field KeyRow::*field, Field value) const {
@@ -63,10 +73,17 @@ struct KeyRow {
     constexpr KeyRow Registers(const char* v) const { return With(&KeyRow::registered, v); }
     constexpr KeyRow Unknown(const char* word) const { return With(&KeyRow::unknown, word); }
     constexpr KeyRow Counts(const char* when) const { return With(&KeyRow::effect, when); }
+    constexpr KeyRow In(Unit what) const { return With(&KeyRow::unit, what); }
+    constexpr KeyRow Alias(const char* tail) const { return With(&KeyRow::alias, tail); }
+    constexpr KeyRow Words(const char* all) const { return With(&KeyRow::words, all); }
+    constexpr KeyRow Sane(long long from, long long to) const {
+        return With(&KeyRow::saneLeast, from).With(&KeyRow::saneMost, to);
+    }
 };
 
 struct KeySection {
     const char* root;
+    const char* brief;  // the root in short names: `maild`, `interface.*`
     const char* title;
     Program program;
     const char* effect;  // from when on a change counts
@@ -87,6 +104,10 @@ constexpr KeyRow Choice(const char* name, const char* fallback, const char* word
 constexpr KeyRow Number(const char* name, const char* fallback, long long least, long long most,
                         const char* meaning) {
     return {name, KeyKind::kNumber, fallback, meaning, least, most};
+}
+constexpr KeyRow Seconds(const char* name, const char* fallback, long long least, long long most,
+                         const char* meaning) {
+    return Number(name, fallback, least, most, meaning).In(Unit::kSeconds);
 }
 constexpr KeyRow Size(const char* name, const char* fallback, long long least, long long most,
                       const char* meaning) {

@@ -29,7 +29,7 @@ class CASFilters {
     // line end included; it is empty if none is to be sent or denySize is below 6.
     virtual int CheckSender(char* sender, char* denyText, unsigned denySize) = 0;
     // recipient: the address of a refused RCPT; domain: one mail domain. -1 not this domain, 2
-    // guard applied, 3 filter off. With 2 the calling thread has been held for the configured
+    // guard applied, 3 filter off. With 2 the caller has been held for the configured
     // delay, and denyText is as above. The instance may be gone by the end of the delay.
     virtual int CheckRecipient(const char* recipient, const char* domain, char* denyText,
                                unsigned denySize) = 0;

@@ -52,7 +52,7 @@ void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
     session->SetConnectionCounter(&active);
     if (session->Start() == 0) {
         [[maybe_unused]] CSMTPProxy* const handedOver =
-            session.release();  // its thread destroys it
+            session.release();  // its task destroys it
         return;
     }
     drop();

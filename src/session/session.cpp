@@ -15,7 +15,7 @@ void SessionThread(void* argument) {
     std::unique_ptr<CSMTPProxy> session(static_cast<CSMTPProxy*>(argument));
     try {
         session->RunSession();
-    } catch (...) {  // the thread ends quietly, whatever it was
+    } catch (...) {  // the task ends quietly, whatever it was
     }
     session.reset();
     SessionRegistry::Instance().Done();
@@ -67,7 +67,7 @@ void CSMTPProxy::Cut() {
 }
 
 Stream::Line CSMTPProxy::ReadCommand(std::string_view& line, std::size_t limit) {
-    // Either this thread sees the request, or the requester sees it waiting.
+    // Either this task sees the request, or the requester sees it waiting.
     waitingForCommand_ = true;
     const Stream::Line result =
         stopRequested_ ? Stream::Line::kFailed : client_.ReadLine(line, limit);

@@ -8,8 +8,8 @@
 #include "trelis/store.h"
 #include "trelis/watches.h"
 
+using trelis::PlacedWatch;
 using trelis::Store;
-using trelis::Watch;
 using trelis::Watches;
 
 struct TrelisEnumState {
@@ -137,15 +137,15 @@ void TrelisEnumClose(std::uint32_t, TrelisEnum walk) { delete walk; }
 TrelisNotify TrelisPlaceNotify(std::uint32_t store, const char* key, int) {
     if (key == nullptr || !trelis::ValidPath(key, true)) return nullptr;
     return With(store, static_cast<TrelisNotify>(nullptr), [&](Store& opened) -> TrelisNotify {
-        const Watch* watch = Watches::Instance().Place(key, opened.Origin());
+        const PlacedWatch* watch = Watches::Instance().Place(key, opened.Origin());
         return watch == nullptr ? nullptr : watch->name;
     });
 }
 
 int TrelisWaitNotify(std::uint32_t, TrelisNotify watch, int) {
     if (watch == nullptr) return kFailed;
-    static_assert(offsetof(Watch, name) == 0);
-    auto* record = reinterpret_cast<Watch*>(const_cast<char*>(watch));
+    static_assert(offsetof(PlacedWatch, name) == 0);
+    auto* record = reinterpret_cast<PlacedWatch*>(const_cast<char*>(watch));
     return Watches::Instance().Look(*record) ? 1 : 0;
 }
 

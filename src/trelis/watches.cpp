@@ -113,7 +113,7 @@ bool Watches::CatchUp() {
     return found;
 }
 
-bool Watches::Look(Watch& watch) {
+bool Watches::Look(PlacedWatch& watch) {
     const std::uint32_t now = Sequence::Instance().Now();
     if (watch.seen.load(std::memory_order_relaxed) == now) return false;
     CatchUp();
@@ -127,11 +127,11 @@ void Watches::Announce(const std::vector<std::string>& paths) {
     Sequence::Instance().Raise();
 }
 
-Watch* Watches::Place(const std::string& key, std::int64_t origin) {
+PlacedWatch* Watches::Place(const std::string& key, std::int64_t origin) {
     const std::lock_guard threadLock(threadMutex_);
     if (!StartWatcher(origin)) return nullptr;
     const std::lock_guard lock(mutex_);
-    auto watch = std::make_unique<Watch>();
+    auto watch = std::make_unique<PlacedWatch>();
     std::snprintf(watch->name, sizeof watch->name, "Trelis.Notify.%d.%d",
                   static_cast<int>(getpid()), ++nextName_);
     watch->key = key;
@@ -149,7 +149,7 @@ void Watches::Cancel(const char* name) {
         const std::lock_guard lock(mutex_);
         const auto found = std::find_if(
             watches_.begin(), watches_.end(),
-            [name](const std::unique_ptr<Watch>& watch) { return watch->name == name; });
+            [name](const std::unique_ptr<PlacedWatch>& watch) { return watch->name == name; });
         if (found == watches_.end()) return;
         (*found)->event.Reset();
         cancelled_.push_back(std::move(*found));
@@ -161,7 +161,7 @@ void Watches::Cancel(const char* name) {
 
 void Watches::Fire(const std::string& changed) {
     const std::lock_guard lock(mutex_);
-    for (const std::unique_ptr<Watch>& watch : watches_) {
+    for (const std::unique_ptr<PlacedWatch>& watch : watches_) {
         if (!Concerns(changed, watch->key)) continue;
         watch->changed.store(true, std::memory_order_release);
         SetEvent(watch->event.Get());

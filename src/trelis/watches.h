@@ -18,7 +18,7 @@ namespace trelis {
 class ChangeReader;
 
 // One watch. `name` stands first: a pointer to it is the handle that the callers hold.
-struct Watch {
+struct PlacedWatch {
     char name[64] = "";
     // The count of changes up to which this watch has been looked at: as long as it stands, there
     // is nothing new.
@@ -33,11 +33,11 @@ class Watches {
     static Watches& Instance();  // never destroyed
 
     // Null on failure.
-    Watch* Place(const std::string& key, std::int64_t origin);
+    PlacedWatch* Place(const std::string& key, std::int64_t origin);
     void Cancel(const char* name);
     // Whether a change has come since the last look; true once per change. One atomic load of the
     // shared count as long as nothing changes anywhere in the store.
-    bool Look(Watch& watch);
+    bool Look(PlacedWatch& watch);
     // This process has changed something: fires the watches that are concerned, then tells the
     // other processes.
     void Announce(const std::vector<std::string>& paths);
@@ -57,12 +57,12 @@ class Watches {
     void Fire(const std::string& changed);
 
     std::mutex mutex_;
-    std::vector<std::unique_ptr<Watch>> watches_;  // guarded by mutex_
+    std::vector<std::unique_ptr<PlacedWatch>> watches_;  // guarded by mutex_
     // Ended ones stay, silent: a thread may be about to look at one.
-    std::vector<std::unique_ptr<Watch>> cancelled_;  // guarded by mutex_
-    int nextName_ = 0;                               // guarded by mutex_
-    std::mutex readerMutex_;                         // taken before mutex_
-    std::unique_ptr<ChangeReader> reader_;           // guarded by readerMutex_
+    std::vector<std::unique_ptr<PlacedWatch>> cancelled_;  // guarded by mutex_
+    int nextName_ = 0;                                     // guarded by mutex_
+    std::mutex readerMutex_;                               // taken before mutex_
+    std::unique_ptr<ChangeReader> reader_;                 // guarded by readerMutex_
     std::mutex threadMutex_;  // guards the thread's start and end; taken before the other two
     std::thread thread_;      // guarded by threadMutex_
     std::uint32_t told_ = 0;  // the thread alone: the count at its last look

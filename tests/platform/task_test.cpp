@@ -8,12 +8,10 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <future>
 #include <list>
 #include <memory>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,26 +19,9 @@
 #include "net/kept_threads.h"
 #include "net/stream.h"
 #include "platform/sync.h"
+#include "support/no_memory.h"
 
 using namespace std::chrono_literals;
-
-// The address sanitizer wants to have memory for itself.
-#ifndef __SANITIZE_ADDRESS__
-namespace {
-
-// This thread gets no memory any more.
-thread_local bool t_poor = false;
-
-}  // namespace
-
-// Not inline: the compiler would miss the pairs.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const memory = t_poor ? nullptr : std::malloc(size);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-#endif
 
 namespace {
 

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "support/instance.h"
+#include "support/no_memory.h"
 
 namespace {
 
@@ -201,5 +202,16 @@ TEST_F(Spool, AGroupThatIsSetLaterMayRead) {
     ASSERT_NO_FATAL_FAILURE(Have("ours alone again"));
     EXPECT_EQ(mode(spool_.Path()), 0600U);
 }
+
+#ifndef __SANITIZE_ADDRESS__
+// Where memory has run out a session still has to end.
+TEST_F(Spool, AFileGoesWithoutMemory) {
+    ASSERT_NO_FATAL_FAILURE(Have("a message"));
+    t_poor = true;
+    EXPECT_NO_THROW(spool_.Remove());
+    t_poor = false;
+    EXPECT_TRUE(fs::is_empty(g_instance.Path() + "/tmp/VTNP"));
+}
+#endif
 
 }  // namespace

@@ -4,6 +4,7 @@
 - A system's headers are named only on that system's side: elsewhere `<...>` is the C++ library.
 - A folder includes what its CMake target links, and that stands above it in CMakeLists.txt.
 - No file includes itself by a detour; none is longer than a reader keeps in mind.
+- No two headers have different classes of one name.
 """
 import re
 import sys
@@ -159,11 +160,28 @@ def check_lengths(root):
                 yield f"{name}: short enough to be no exception"
 
 
+def check_names(root):
+    """A program with two classes of one name has one of them, for both."""
+    known = {}
+    for path in sorted((root / "src").rglob("*.h")):
+        name, spaces = path.relative_to(root / "src").as_posix(), []
+        for line in path.read_text().splitlines():
+            if space := re.match(r"namespace (\w+) \{", line):
+                spaces.append(space[1])
+            elif spaces and re.match(r"\}  // namespace", line):
+                spaces.pop()
+            elif made := re.match(r"(?:class|struct|union|enum class|enum) (\w+)[^;]*\{", line):
+                full = "::".join([*spaces, made[1]])
+                if known.setdefault(full, name) != name:
+                    yield f"{name}: {full} is something else in {known[full]}"
+
+
 def breaches(root):
     src = root / "src"
     files = {path.relative_to(src).as_posix(): list(includes(path))
              for path in sorted(src.rglob("*")) if path.suffix in (".cpp", ".h")}
-    return [*check_systems(files), *check_layers(root, files), *check_cycles(files), *check_lengths(root)]
+    return [*check_systems(files), *check_layers(root, files), *check_cycles(files), *check_lengths(root),
+            *check_names(root)]
 
 
 if __name__ == "__main__":

@@ -16,7 +16,7 @@ TREE = {
     "src/net/b.h": "#include <string>\n",
     "src/net/b.cpp": "#include \"net/b.h\"\n#include \"platform/a.h\"\n",
     "src/host/CMakeLists.txt": "vantrel_program(c SOURCES c.cpp LINKS vantrel_platform)\n",
-    "src/host/c.h": "",
+    "src/host/c.h": "namespace a {\nclass A {\n};\n}  // namespace a\nclass B {\n};\n",
     "src/host/c.cpp": "#include \"host/c.h\"\n",
 }
 
@@ -49,6 +49,7 @@ class Structure(unittest.TestCase):
                 ("a folder that is not linked", "src/host/c.h", "#include \"net/b.h\"\n", "link"),
                 ("a path beside the includer", "src/net/b.cpp", "#include \"b.h\"\n", "path"),
                 ("a file that includes itself", "src/net/b.h", "#include \"net/b.h\"\n", "cycle"),
+                ("a name that is taken", "src/net/b.h", "namespace a {\nstruct A {};\n}  // namespace a\n", "a::A is"),
                 ("a file without end", "tests/net/b_test.cpp", "x\n" * 351, "351 lines"),
                 ("an exception without need", next(iter(structure.LONG)), "", "exception")):
             with self.subTest(why):

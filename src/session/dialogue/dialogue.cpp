@@ -35,7 +35,7 @@ Dialogue::Dialogue(Peers& peers, Envelope& envelope, Reception& reception, Comma
 int Dialogue::Run(bool readReply) {
     if (readReply && !RelayReply()) return 0;
     while (!closing_) {
-        // What is due is fetched before this thread waits for its client.
+        // What is due is fetched before this task waits for its client.
         if (!peers_.client.HasLineAhead() && !AnswerDue()) return 0;
         if (closing_) break;
         switch (TakeCommand()) {

@@ -49,23 +49,20 @@ bool SpoolFile::Name(SOCKET client) {
     return stem_.size() < kStemSize;
 }
 
-std::string SpoolFile::Path() const { return stem_ + "x" + std::to_string(number_); }
-
 bool SpoolFile::OpenNext() {
     Remove();
-    number_ = ++g_lastNumber;
+    path_ = stem_ + "x" + std::to_string(++g_lastNumber);
     size_ = 0;
-    const std::string path = Path();
     const int group = g_group;
     spare_ = SpareFiles::Instance().Take(group);
-    present_ = spare_.file && platform::LinkFile(spare_.path, path);
+    present_ = spare_.file && platform::LinkFile(spare_.path, path_);
     if (!present_) {
         SpareFiles::Drop(std::exchange(spare_, {}));
         // The instance's lock makes this process the only one here: whatever has the name is a
         // leaving. Or the directory has been cleared away.
-        DeleteFileA(path.c_str());
+        DeleteFileA(path_.c_str());
         MakeDirectory();
-        spare_.file = platform::File::CreateExclusive(path.c_str(), group);
+        spare_.file = platform::File::CreateExclusive(path_.c_str(), group);
         present_ = static_cast<bool>(spare_.file);
     }
     keeping_ = present_;
@@ -73,7 +70,7 @@ bool SpoolFile::OpenNext() {
 }
 
 bool SpoolFile::OpenAgain() {
-    if (!spare_.file) spare_.file = platform::File::OpenAppend(Path().c_str());
+    if (!spare_.file) spare_.file = platform::File::OpenAppend(path_.c_str());
     return static_cast<bool>(spare_.file);
 }
 
@@ -109,11 +106,10 @@ bool SpoolFile::Close() {
 }
 
 SpoolFile::Found SpoolFile::LookAgain() {
-    const std::string path = Path();
-    const bool same = state_.has_value() && platform::LookAtFile(path) == state_;
+    const bool same = state_.has_value() && platform::LookAtFile(path_) == state_;
     if (same && (keeping_ || spare_.file)) return Found::kWhole;
     Forget();
-    changed_ = platform::File::OpenRead(path.c_str());
+    changed_ = platform::File::OpenRead(path_.c_str());
     if (!changed_) return errno == ENOENT ? Found::kGone : Found::kUnreadable;
     size_ = changed_.Size();
     return size_ < 0 ? Found::kUnreadable : Found::kWhole;
@@ -127,7 +123,7 @@ void SpoolFile::Remove() {
     Forget();
     state_.reset();
     changed_.Close();
-    if (std::exchange(present_, false)) DeleteFileA(Path().c_str());
+    if (std::exchange(present_, false)) DeleteFileA(path_.c_str());
     if (spare_.path.empty()) {
         spare_.file.Close();
     } else {

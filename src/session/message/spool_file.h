@@ -34,7 +34,7 @@ class SpoolFile {
     bool Write(std::string_view bytes);
     // Everything is in the file then. False if something could not be stored.
     bool Close();
-    // No file is no failure.
+    // No file is no failure. Throws nothing.
     void Remove();
 
     enum class Found { kWhole, kGone, kUnreadable };
@@ -48,7 +48,7 @@ class SpoolFile {
     // Otherwise: open for reading.
     const platform::File& File() const { return changed_ ? changed_ : spare_.file; }
     // For the scan daemon, which opens the file by it.
-    std::string Path() const;
+    const std::string& Path() const { return path_; }
 
   private:
     bool Store();
@@ -56,7 +56,7 @@ class SpoolFile {
     void Forget();
 
     std::string stem_;
-    unsigned number_ = 0;
+    std::string path_;  // of the message in hand: it can be removed without memory
     bool present_ = false;
     long long size_ = 0;
     // The message's file. With a path it is one for many messages, and stays open; it has the

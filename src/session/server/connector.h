@@ -9,7 +9,7 @@
 #include "net/socket.h"
 #include "session/server/server_address.h"
 
-// Who may end an attempt. Called on the connecting thread.
+// Who may end an attempt. Called in the connecting task.
 class ConnectWatch {
   public:
     // An attempt with this socket is under way: from now on its shutdown by another thread ends

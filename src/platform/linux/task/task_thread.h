@@ -45,6 +45,7 @@ class TaskThread {
     void Forget(int socket);
 
   private:
+    static constexpr int kAlways = POLLERR | POLLHUP;  // told of whether it is wanted or not
     struct Task;
     using Timers = std::multimap<Clock::time_point, Task*>;
     // One entry of a task's wait, on its stack.

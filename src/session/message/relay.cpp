@@ -39,6 +39,7 @@ int MessageRelay::Run(int* expectReply) {
     redirects_ = SplitAddresses(redirectAddresses);
     bool goOn = false;
     if (verdict_ == VERDICT_FAILED) {
+        spool_.KeepName();
         goOn = AnswerFailedScan(expectReply);
     } else {
         switch (spool_.LookAgain()) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <map>
 #include <mutex>
 #include <utility>
 
@@ -12,7 +13,16 @@ constexpr char kPrefix[] = "VTSMTP";
 constexpr std::size_t kStemSize = 260;  // with its zero byte
 constexpr std::size_t kMostKept = 65536;
 std::atomic<int> g_group{-1};
-std::atomic<unsigned> g_lastNumber{0};
+
+// What other sessions may not call their files, for each stem: numbers up to this one.
+struct TakenNumbers {
+    std::mutex mutex;
+    std::map<std::string, int> last;  // guarded by mutex
+};
+TakenNumbers& Taken() {
+    static TakenNumbers& taken = *new TakenNumbers;
+    return taken;
+}
 
 std::string Directory() {
     char path[4096];
@@ -46,12 +56,20 @@ bool SpoolFile::Name(SOCKET client) {
     static std::once_flag made;
     std::call_once(made, MakeDirectory);
     stem_ = directory + platform::kSeparator + kPrefix + std::to_string(client);
+    const std::lock_guard lock(Taken().mutex);
+    const auto taken = Taken().last.find(stem_);
+    number_ = taken == Taken().last.end() ? 0 : taken->second;
     return stem_.size() < kStemSize;
+}
+
+void SpoolFile::KeepName() {
+    const std::lock_guard lock(Taken().mutex);
+    Taken().last[stem_] = number_;
 }
 
 bool SpoolFile::OpenNext() {
     Remove();
-    path_ = stem_ + "x" + std::to_string(++g_lastNumber);
+    path_ = stem_ + "x" + std::to_string(++number_);
     size_ = 0;
     const int group = g_group;
     spare_ = SpareFiles::Instance().Take(group);

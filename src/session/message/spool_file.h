@@ -20,9 +20,8 @@ class SpoolFile {
     SpoolFile& operator=(const SpoolFile&) = delete;
     ~SpoolFile() { Remove(); }
 
-    // Names the files after the client's socket, whose number no other live session has. A number
-    // behind it, which no other message has, keeps what still goes on about an earlier session's
-    // file away from this one's. False if the name doesn't fit.
+    // Names the files after the client's socket, whose number no other live session has, and
+    // numbers them from 1 on. False if the name doesn't fit.
     bool Name(SOCKET client);
     // Removes the file of the message before, goes to the next number and makes its file, empty and
     // open for writing. False if it can't be made.
@@ -36,6 +35,10 @@ class SpoolFile {
     bool Close();
     // No file is no failure. Throws nothing.
     void Remove();
+
+    // The scan has been given up, and may still go on: the file's name will be no other message's,
+    // whatever session gets the number of this one's socket.
+    void KeepName();
 
     enum class Found { kWhole, kGone, kUnreadable };
     // What there is of the message behind the scan, during which the daemon may have changed it or
@@ -56,6 +59,7 @@ class SpoolFile {
     void Forget();
 
     std::string stem_;
+    int number_ = 0;
     std::string path_;  // of the message in hand: it can be removed without memory
     bool present_ = false;
     long long size_ = 0;

@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "net/address.h"
-#include "net/kept_threads.h"
+#include "net/aside.h"
 #include "net/socket.h"
 #include "text/ascii.h"
 
@@ -48,7 +48,7 @@ std::vector<SocketAddress> ResolveAll(const std::string& host, std::uint16_t por
     }
     std::vector<SocketAddress> found;
     // The name service may take its time.
-    RunAside([&] { found = Resolve(host.c_str(), AF_UNSPEC, 0, port); });
+    if (!RunAside([&] { found = Resolve(host.c_str(), AF_UNSPEC, 0, port); })) return {};
     return found;
 }
 

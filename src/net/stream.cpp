@@ -19,8 +19,10 @@ constexpr std::size_t kMostQueued = 32768;
 constexpr int kFileBlock = 1 << 18;
 // And of other things that are sent.
 constexpr std::size_t kMostSent = std::size_t{1} << 30;
-// Reads and writes without a wait between them, before other tasks have their turn.
-constexpr int kMostUnwaited = 16;
+// What is read and written without a wait between before other tasks have their turn, in bytes;
+// each call counts for so many more.
+constexpr int kMostUnwaited = 1 << 18;
+constexpr int kWeight = 1 << 14;
 // What a peer may still send behind our last word.
 constexpr int kMostLingering = 1 << 20;
 constexpr std::chrono::milliseconds kLongestLingering{2000};
@@ -85,7 +87,7 @@ int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds lim
     for (bool waited = false;; waited = true) {
         const int count = drained_ ? SOCKET_WOULD_BLOCK : ReceiveNow(buffer, size);
         if (count != SOCKET_WOULD_BLOCK) {
-            if (!waited) LetOthersRun();
+            if (!waited) LetOthersRun(count);
             return count;
         }
         // Bytes of the connection need not be bytes for us: by those no limit counts anew.
@@ -141,8 +143,9 @@ Stream::Wait Stream::WaitReadable(std::chrono::milliseconds limit, const CSocket
 }
 
 // A peer that sends without a pause must not keep the thread from its other tasks.
-void Stream::LetOthersRun() {
-    if (++unwaited_ < kMostUnwaited) return;
+void Stream::LetOthersRun(int bytes) {
+    unwaited_ += kWeight + bytes;
+    if (unwaited_ < kMostUnwaited) return;
     unwaited_ = 0;
     platform::YieldTask();
 }
@@ -231,7 +234,7 @@ bool Stream::SendFile(const platform::File& file, long long offset, long long le
             if (count != left || !SendNow({block.get(), static_cast<std::size_t>(left)}))
                 return false;
             offset += left;
-            LetOthersRun();
+            LetOthersRun(left);
         }
         for (const Deadline deadline(seconds_); block == nullptr && left > 0;) {
             if (socket_.Empty()) return false;
@@ -240,7 +243,7 @@ bool Stream::SendFile(const platform::File& file, long long offset, long long le
             if (count < 1) return false;
             offset += count;
             left -= count;
-            LetOthersRun();
+            LetOthersRun(count);
         }
     }
     return true;

@@ -104,7 +104,7 @@ class Stream {
     bool Blocked() const { return transport_ == nullptr; }
     // `blocked` as SocketWaitAny has it.
     Wait WaitForSocket(std::chrono::milliseconds limit, const CSocket* other, bool blocked);
-    void LetOthersRun();
+    void LetOthersRun(int bytes);
 
     bool SendNow(std::string_view bytes);
     bool WaitForRoom(const Deadline& deadline);
@@ -118,5 +118,5 @@ class Stream {
     std::string queued_;      // to be sent
     // A short read has taken all that was there: what comes next is worth a wait, not a look.
     bool drained_ = false;
-    int unwaited_ = 0;  // reads and writes since the last wait
+    int unwaited_ = 0;  // what has been read and written since the last wait
 };

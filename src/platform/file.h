@@ -56,8 +56,10 @@ class File {
 
     explicit operator bool() const { return static_cast<bool>(descriptor_); }
     int Descriptor() const { return descriptor_.Get(); }
-    // The size in bytes, or -1.
+    // The size in bytes, or -1, also of what is no plain file.
     long long Size() const;
+    // Whether it is a plain file without a byte, of one name.
+    bool Fresh() const;
     // Writes all, or gives false (disk full, quota, I/O error).
     bool Write(const void* data, std::size_t length);
     // The count, 0 at the end, -1 on failure.

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "net/kept_threads.h"
+#include "net/aside.h"
 #include "net/stream.h"
 #include "platform/sync.h"
 #include "support/no_memory.h"

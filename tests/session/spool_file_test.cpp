@@ -157,6 +157,26 @@ TEST_F(Spool, AFileWhoseOwnNameIsGoneIsNoneOfOurs) {
     EXPECT_EQ(Read(kept), "to be kept");
 }
 
+// What somebody writes into a file that waits for its next message is no part of it.
+TEST_F(Spool, ASpareFileThatSomebodyHasWrittenToIsNoneAnyMore) {
+    const std::string directory = g_instance.Path() + "/tmp/spare";
+    ASSERT_NO_FATAL_FAILURE(Have("the first"));
+    spool_.Remove();
+    for (const bool pipe : {false, true}) {
+        for (const auto& spare : fs::directory_iterator(directory)) {
+            if (!pipe) {
+                Overwrite(spare.path(), "foreign ", 0);
+                continue;
+            }
+            fs::remove(spare);
+            EXPECT_EQ(mkfifo(spare.path().c_str(), 0600), 0);
+        }
+        ASSERT_NO_FATAL_FAILURE(Have("a message"));
+        EXPECT_EQ(Read(spool_.Path()), "a message");
+        spool_.Remove();
+    }
+}
+
 // A backup, for example, that opens the file at the very moment of the question.
 TEST_F(Spool, TheQuestionWhoHasAFileEndsNoProcess) {
     const std::string path = g_instance.Path() + "/asked";
@@ -164,7 +184,7 @@ TEST_F(Spool, TheQuestionWhoHasAFileEndsNoProcess) {
     ASSERT_TRUE(file);
     std::atomic<bool> over{false};
     std::thread other([&] {
-        for (int i = 0; i < 20000; ++i) EXPECT_TRUE(platform::File::OpenRead(path.c_str()));
+        for (int i = 0; i < 20000; ++i) EXPECT_TRUE(platform::File(open(path.c_str(), O_RDONLY)));
         over = true;
     });
     int ours = 0;

@@ -64,16 +64,24 @@ File File::CreateExclusive(const char* path, int group) {
 }
 
 File File::OpenAppend(const char* path) {
-    return File(open(path, O_RDWR | O_APPEND | O_NOFOLLOW | O_CLOEXEC));
+    return File(open(path, O_RDWR | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
 }
 
 File File::OpenRead(const char* path) {
-    return File(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    // Who opens a pipe would wait for somebody who writes to it.
+    return File(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
 }
 
 long long File::Size() const {
     struct stat info {};
-    return fstat(Descriptor(), &info) == 0 ? static_cast<long long>(info.st_size) : -1;
+    const bool plain = fstat(Descriptor(), &info) == 0 && S_ISREG(info.st_mode);
+    return plain ? static_cast<long long>(info.st_size) : -1;
+}
+
+bool File::Fresh() const {
+    struct stat info {};
+    return fstat(Descriptor(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size == 0 &&
+           info.st_nlink == 1;
 }
 
 bool File::Write(const void* data, std::size_t length) {

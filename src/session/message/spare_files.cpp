@@ -30,7 +30,8 @@ SpareFile SpareFiles::Take(int group) {
             SpareFile spare = std::move(spares_.back());
             spares_.pop_back();
             if (spare.group == group) spare.file = platform::File::OpenAppend(spare.path.c_str());
-            if (spare.file) return spare;
+            // Somebody may have been at it meanwhile.
+            if (spare.file && spare.file.Fresh()) return spare;
             Drop(spare);  // the setting has changed, for example
         }
     }

@@ -1,0 +1,9 @@
+// Work that would hold up a task's thread is done by other threads, which stay for the next.
+#pragma once
+
+#include <functional>
+
+// Does the work on another thread while the calling task waits; what it throws is thrown here.
+// There are so many of these threads and no more: work waits for one. Outside of a task it is done
+// here and now. False if there is no thread for it; it is not done then.
+bool RunAside(const std::function<void()>& work);

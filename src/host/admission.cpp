@@ -51,8 +51,7 @@ void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
     session->ApplyInterface(entry, limit != nullptr ? *limit : 0);
     session->SetConnectionCounter(&active);
     if (session->Start() == 0) {
-        [[maybe_unused]] CSMTPProxy* const handedOver =
-            session.release();  // its task destroys it
+        [[maybe_unused]] CSMTPProxy* const handedOver = session.release();  // its task destroys it
         return;
     }
     drop();

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "host/check/check.h"
+#include "host/setup/setup.h"
 #include "host/smtp.h"
 #include "ntservice/words.h"
 #include "platform/console.h"
@@ -14,6 +15,7 @@ constexpr ServiceWords kWords{
     "vtsmtpproxy",
     "Mail security proxy in front of a mail server.\n"
     "Settings: `vtregistry show interface`; manual: vtsmtpproxy(8)\n",
+    "  setup         write the first configuration; without options it asks\n"
     "  check         look for mistakes in the configuration, and for what it needs\n"};
 
 }  // namespace
@@ -21,7 +23,7 @@ constexpr ServiceWords kWords{
 int main(int argc, char** argv) {
     // Words of people, which begin no service; they answer --help by themselves.
     const std::string_view word = argc > 1 ? argv[1] : "";
-    const bool persons = word == "check";
+    const bool persons = word == "check" || word == "setup";
     if (!persons) {
         if (const std::optional<int> code = AnswerServiceWords(kWords, argc, argv)) return *code;
     }
@@ -30,7 +32,7 @@ int main(int argc, char** argv) {
     platform::RaiseDescriptorLimit();
     if (persons) {
         const std::vector<std::string> words(argv + 2, argv + argc);
-        return RunCheck(words);
+        return word == "check" ? RunCheck(words) : RunSetup(words);
     }
     LoadCrashHandler("VTSTATD");
     CSMTP service;

@@ -282,4 +282,12 @@ class Wrong(Checking):
     def test_words_that_it_does_not_know(self):
         done = subprocess.run([BIN + "/vtsmtpproxy", "check", "--xml"], env=self.proxy.env, capture_output=True, text=True)
         self.assertEqual((done.returncode, done.stdout), (2, ""))
-        self.assertIn("usage", done.stderr)
+        self.assertIn("usage: vtsmtpproxy check", done.stderr)
+
+    def test_help_touches_nothing(self):
+        for word in ("check", "setup"):
+            env = dict(self.proxy.env, VANTREL_HOME=self.proxy.home + "/none")
+            done = subprocess.run([BIN + "/vtsmtpproxy", word, "--help"], env=env, capture_output=True, text=True)
+            self.assertEqual((done.returncode, done.stderr), (0, ""))
+            self.assertIn("usage: vtsmtpproxy " + word, done.stdout)
+            self.assertFalse(os.path.exists(self.proxy.home + "/none"))

@@ -12,16 +12,6 @@ namespace {
 
 constexpr char kEveryAddress[] = "0.0.0.0";
 
-// Nothing for a text that is no address. The system would listen on a broadcast address and on one
-// of "this network", where no client ever comes, and would keep the port from a good entry.
-std::optional<IpAddress> ReadAddress(const std::string& text) {
-    if (text.find(':') != std::string::npos) return IpAddress::Parse(text);
-    const std::uint32_t address = inet_addr(text.empty() ? kEveryAddress : text.c_str());
-    if (address != INADDR_ANY && (address == INADDR_NONE || ntohl(address) >> 24 == 0))
-        return std::nullopt;
-    return IpAddress::OfV4(address);
-}
-
 // Told once, until something else is to be told.
 void Complain(const ListenerWish& wish, const std::string& complaint, std::string& told) {
     if (complaint == told) return;
@@ -32,8 +22,18 @@ void Complain(const ListenerWish& wish, const std::string& complaint, std::strin
 
 }  // namespace
 
+// The system would listen on a broadcast address and on one of "this network", where no client ever
+// comes, and would keep the port from a good entry.
+std::optional<IpAddress> ListenAddress(const std::string& text) {
+    if (text.find(':') != std::string::npos) return IpAddress::Parse(text);
+    const std::uint32_t address = inet_addr(text.empty() ? kEveryAddress : text.c_str());
+    if (address != INADDR_ANY && (address == INADDR_NONE || ntohl(address) >> 24 == 0))
+        return std::nullopt;
+    return IpAddress::OfV4(address);
+}
+
 std::optional<Listeners::Place> Listeners::PlaceOf(const ListenerWish& wish) {
-    const std::optional<IpAddress> address = ReadAddress(wish.address);
+    const std::optional<IpAddress> address = ListenAddress(wish.address);
     if (!address) return std::nullopt;
     return Place{*address, static_cast<std::uint16_t>(wish.port)};
 }

@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr char kServiceName[] = "VTSMTPPROXY";
 constexpr trelis::Key kActiveConnections{trelis::kProxyKey, "ActiveConnections"};
 constexpr DWORD kStartHint = 3000;  // milliseconds, as all below
 constexpr DWORD kStopHint = 10000;
@@ -48,7 +47,7 @@ void TellStatsLost(std::uint64_t lost) {
 
 }  // namespace
 
-CSMTP::CSMTP() : CNTService(kServiceName), ActiveConnectionCounts(g_activeConnectionCounts) {
+CSMTP::CSMTP() : CNTService(kProxyServiceName), ActiveConnectionCounts(g_activeConnectionCounts) {
     displayName = ResourceText(120);
     description = ResourceText(121);
     acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
@@ -95,8 +94,8 @@ bool CSMTP::StartClients() {
 void CSMTP::Run(int, char**) {
     ReportStatus(SERVICE_START_PENDING, kStartHint, 0);
     // Two proxies in one directory would give their spool files the same names.
-    if (!lock_.Take(kServiceName)) {
-        std::fprintf(stderr, "%s: %s\n", kServiceName,
+    if (!lock_.Take(kProxyServiceName)) {
+        std::fprintf(stderr, "%s: %s\n", kProxyServiceName,
                      platform::HomeError().empty() ? "already running in this directory"
                                                    : platform::HomeError().c_str());
         return;

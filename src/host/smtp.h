@@ -22,6 +22,7 @@
 #include "trelis/keys/rows.h"
 
 inline constexpr int kInterfaceCount = 16;
+inline constexpr char kProxyServiceName[] = "VTSMTPPROXY";
 // Posted to SocketWindow when a connection waits on a listener; wParam the socket, lParam's low 16
 // bits the event.
 inline constexpr UINT AcceptMessage = 1124;

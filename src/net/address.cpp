@@ -106,3 +106,5 @@ bool IpNetwork::Contains(const IpAddress& address) const {
     if (!std::equal(ours.begin(), ours.begin() + whole, theirs.begin())) return false;
     return bits == 0 || (ours[whole] ^ theirs[whole]) >> (8 - bits) == 0;
 }
+
+bool IpNetwork::IsEverybody() const { return prefix_ == (address_.IsV4() ? kBits - kV4Bits : 0); }

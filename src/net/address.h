@@ -48,6 +48,8 @@ class IpNetwork {
 
     // An address of the other family is in no network.
     bool Contains(const IpAddress& address) const;
+    // Whether all addresses of its family are in it.
+    bool IsEverybody() const;
 
   private:
     IpAddress address_;

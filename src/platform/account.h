@@ -32,6 +32,9 @@ BOOL CopySid(DWORD size, PSID to, PSID from);
 
 namespace platform {
 
+// The host's name, with its domain where the resolver knows one; which may take the resolver's
+// time.
+std::string HostName();
 // "S-1-22-1-NUMBER", or "-" for null or an invalid one.
 std::string SidText(PSID identifier);
 

@@ -11,6 +11,8 @@ namespace platform {
 // another user (HomeError says which); but root becomes that user, with the power to serve low
 // ports as all that is left of its own. So a program asks for it before it starts a thread.
 const std::string& Home();
+// The directory that Home would make, where it isn't there yet; else empty. Makes nothing.
+std::string MissingHome();
 // Why Home is empty, for a person; empty text if it isn't.
 const std::string& HomeError();
 // Home plus "/" plus the relative path. Empty if there is no home.

@@ -15,3 +15,7 @@ bool RelayNetwork::Contains(const IpAddress& client) const {
     if (masked_) return client.IsV4() && address_ == (mask_ & client.V4());
     return network_ && network_->Contains(client);
 }
+
+bool RelayNetwork::IsEverybody() const {
+    return masked_ ? address_ == 0 && mask_ == 0 : network_ && network_->IsEverybody();
+}

@@ -18,6 +18,8 @@ class RelayNetwork {
     // An address of the other family is in no network. With a mask the configured address is
     // compared as it stands: bits of it behind the mask make it match nobody.
     bool Contains(const IpAddress& client) const;
+    // Whether all clients of a family are in it.
+    bool IsEverybody() const;
 
   private:
     bool masked_;                // the first form

@@ -1,5 +1,6 @@
 #include "platform/account.h"
 
+#include <netdb.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -79,4 +80,16 @@ std::string platform::SidText(PSID identifier) {
     std::string text = "S-1-" + std::to_string(read.authority[5]);
     for (const DWORD part : read.parts) text += '-' + std::to_string(part);
     return text;
+}
+
+std::string platform::HostName() {
+    char name[256] = "";
+    if (gethostname(name, sizeof name - 1) != 0 || std::strchr(name, '.') != nullptr) return name;
+    addrinfo hints{};
+    hints.ai_flags = AI_CANONNAME;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(name, nullptr, &hints, &found) != 0) return name;
+    std::string full = found->ai_canonname != nullptr ? found->ai_canonname : name;
+    freeaddrinfo(found);
+    return full;
 }

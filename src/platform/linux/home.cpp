@@ -62,7 +62,7 @@ bool BecomeOwner(uid_t user, gid_t group) {
     return true;
 }
 
-HomeState Prepare() {
+std::string FullPath() {
     std::string path = ChoosePath();
     if (!path.empty() && path.front() != '/') {
         char* absolute = realpath(".", nullptr);
@@ -70,6 +70,11 @@ HomeState Prepare() {
         std::free(absolute);
     }
     while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+HomeState Prepare() {
+    std::string path = FullPath();
     if (!MakeDirectories(path)) return {"", path + ": " + std::strerror(errno)};
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) return {"", path + ": " + std::strerror(errno)};
@@ -96,6 +101,10 @@ const HomeState& State() {
 }  // namespace
 
 const std::string& Home() { return State().path; }
+std::string MissingHome() {
+    const std::string path = FullPath();
+    return access(path.c_str(), F_OK) != 0 && errno == ENOENT ? path : std::string();
+}
 const std::string& HomeError() { return State().error; }
 
 std::string HomePath(const char* relative) {

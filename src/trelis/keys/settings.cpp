@@ -1,6 +1,7 @@
 #include "trelis/keys/settings.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -15,9 +16,12 @@
 namespace trelis {
 namespace {
 
+std::atomic<bool> g_quiet{false};
+
 // Once for a value: a key that is read again and again is no flood. Not every value is this host's
 // own, and the terminal is a person's.
 void Complain(const std::string& path, const std::string& value, const std::string& instead) {
+    if (g_quiet) return;
     static std::mutex mutex;
     static auto& told = *new std::map<std::string, std::string>;  // never destroyed, as threads
     const std::lock_guard lock(mutex);
@@ -155,6 +159,8 @@ bool ReadFlag(const Key& key, Names names) {
     if (first != 'y' && first != 'n') Complain(key.Path(names), text, "N");
     return first == 'y';
 }
+
+void ReadQuietly() { g_quiet = true; }
 
 NameWalk::NameWalk(const Key& key, Names names)
     : parentLength_(key.ListPath(names).size()),

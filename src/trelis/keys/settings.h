@@ -67,6 +67,10 @@ std::optional<long long> ReadSize(const Key& key, Names names = {});
 int ReadChoice(const Key& key, Names names = {});
 bool ReadFlag(const Key& key, Names names = {});
 
+// From now on this process tells nothing of values that can't be used: for a program that judges
+// all of them by itself.
+void ReadQuietly();
+
 // A walk over the names that stand for the first '*' that `names` leave over, in the store's order.
 // A missing key has none; names whose path would be too long are passed over.
 class NameWalk {

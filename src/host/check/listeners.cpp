@@ -1,0 +1,92 @@
+// Whether the interfaces can have their addresses and ports. A port is tried by a bind alone: no
+// client ever meets a listener of this program.
+#include <cerrno>
+#include <map>
+#include <optional>
+#include <system_error>
+
+#include "host/check/parts.h"
+#include "host/listeners.h"
+#include "host/smtp.h"
+#include "net/socket.h"
+#include "platform/listener.h"
+
+namespace {
+
+// 0, or the platform's error value.
+int TryBind(const SocketAddress& where, bool bothFamilies) {
+    CSocket socket;
+    if (!socket.Create(SOCK_STREAM, where)) return errno;
+    SocketAllowReuse(socket.Handle());
+    if (where.Family() == AF_INET6) SocketTakeBothFamilies(socket.Handle(), bothFamilies);
+    const int error = socket.Bind(where) ? 0 : errno;
+    socket.Close();
+    return error;
+}
+
+class ListenerCheck {
+  public:
+    explicit ListenerCheck(Findings& findings) : findings_(findings) {}
+
+    void Check(const std::string& interface) {
+        const std::string portKey = InterfaceKey("Port").Path({interface});
+        const std::string addressKey = InterfaceKey("IPAddress").Path({interface});
+        const std::string text = trelis::ReadText(InterfaceKey("IPAddress"), {interface});
+        const int port = trelis::ReadInt(InterfaceKey("Port"), {interface});
+        if (port < 1 || port > 0xFFFF) return;  // a value that can't be used
+        const std::optional<IpAddress> address = ListenAddress(text);
+        if (!address) {
+            findings_.Error(addressKey, "\"" + text + "\" is no address to listen on",
+                            "set an address of this host, :: for all of both families, or nothing "
+                            "for all of IPv4");
+            return;
+        }
+        const SocketAddress where = address->WithPort(static_cast<std::uint16_t>(port));
+        const auto [first, fresh] = taken_.emplace(AddressAndPort(where), interface);
+        if (!fresh)
+            findings_.Error(portKey,
+                            "the interface " + first->second + " has this address and port",
+                            "set another port or address");
+        else
+            Judge(TryBind(where, *address == IpAddress()), where, portKey, addressKey);
+    }
+
+  private:
+    void Judge(int error, const SocketAddress& where, const std::string& portKey,
+               const std::string& addressKey) {
+        if (error == 0) return;
+        const std::string shown = AddressAndPort(where);
+        const platform::PortHolder holder = platform::WhoListens(where, kProxyServiceName);
+        if (holder == platform::PortHolder::kService) return;
+        if (holder == platform::PortHolder::kOther || error == EADDRINUSE) {
+            findings_.Error(portKey, "another program has " + shown,
+                            "stop that program (ss -ltnp shows it), or set another port");
+        } else if (error == EACCES) {
+            findings_.Warn(portKey, "this user may not listen on " + shown,
+                           "run the check as root; the service of systemd may");
+        } else {
+            findings_.Error(addressKey,
+                            shown + " can't be had: " +
+                                std::error_code(error, std::system_category()).message(),
+                            "set an address of this host, or nothing for all of IPv4");
+        }
+    }
+
+    Findings& findings_;
+    std::map<std::string, std::string> taken_;  // the first interface with an address and port
+};
+
+}  // namespace
+
+void CheckListeners(const std::vector<std::string>& interfaces, Findings& findings) {
+    ListenerCheck check(findings);
+    for (std::size_t i = 0; i < interfaces.size(); ++i) {
+        if (i < kInterfaceCount)
+            check.Check(interfaces[i]);
+        else
+            findings.Error(
+                InterfaceKey("Port").Path({interfaces[i]}),
+                "only the first " + std::to_string(kInterfaceCount) + " interfaces listen",
+                "delete interfaces that nobody needs");
+    }
+}

@@ -21,21 +21,27 @@ LRESULT SocketWindowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM l
     }
 }
 
+// Takes what else has come by now, up to a bound: a burst costs one look at the listeners.
 void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
+    constexpr int kMostAtOnce = 16;
     if ((event & 0xFFFF) != FD_ACCEPT) return;
     const std::optional<std::size_t> position = listeners_.PositionOf(socket);
     if (!position) return;  // left over from a listener that a reload has closed
-    const NetworkInterface& entry = interfaces_[*position];
-    std::atomic<std::int32_t>& active = ActiveConnectionCounts[*position];
-
     CSocket client;
-    if (!CSocket(socket).Accept(client, nullptr)) return;
+    for (int i = 0; i < kMostAtOnce && CSocket(socket).Accept(client, nullptr); ++i)
+        Admit(client, *position);
+}
+
+void CSMTP::Admit(CSocket client, std::size_t position) {
+    const NetworkInterface& entry = interfaces_[position];
+    std::atomic<std::int32_t>& active = ActiveConnectionCounts[position];
+    std::atomic<std::int32_t>& arriving = arrivingCounts_[position];
     WSAAsyncSelect(client.Handle(), SocketWindow, 0, 0);
     const auto drop = [&client] {
         client.Shutdown();
         client.Close();
     };
-    if (entry.MaxThreads > 0 && active >= entry.MaxThreads) {
+    if (entry.MaxThreads > 0 && active + arriving >= entry.MaxThreads) {
         char text[512];
         LoadStringA(nullptr, 6000, text, sizeof text);
         client.SendAll(text);
@@ -50,6 +56,7 @@ void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
     const std::shared_ptr<const long long> limit = scanLimit_.Current();  // null: not read yet
     session->ApplyInterface(entry, limit != nullptr ? *limit : 0);
     session->SetConnectionCounter(&active);
+    session->SetArrivalCounter(&arriving);
     if (session->Start() == 0) {
         [[maybe_unused]] CSMTPProxy* const handedOver = session.release();  // its task destroys it
         return;

@@ -32,6 +32,7 @@ constexpr WORD kSocketVersion = 0x0202;
 
 // Sessions hold pointers into it and may outlive the host: static, with nothing to destroy.
 std::array<std::atomic<std::int32_t>, kInterfaceCount> g_activeConnectionCounts{};
+std::array<std::atomic<std::int32_t>, kInterfaceCount> g_arrivingCounts{};
 
 std::string ResourceText(UINT number) {
     char text[256];
@@ -47,7 +48,10 @@ void TellStatsLost(std::uint64_t lost) {
 
 }  // namespace
 
-CSMTP::CSMTP() : CNTService(kProxyServiceName), ActiveConnectionCounts(g_activeConnectionCounts) {
+CSMTP::CSMTP()
+    : CNTService(kProxyServiceName),
+      ActiveConnectionCounts(g_activeConnectionCounts),
+      arrivingCounts_(g_arrivingCounts) {
     displayName = ResourceText(120);
     description = ResourceText(121);
     acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;

@@ -13,6 +13,7 @@
 #include "host/interface_options.h"
 #include "host/listeners.h"
 #include "host/scan_limit.h"
+#include "net/socket.h"
 #include "ntservice/ntservice.h"
 #include "platform/file.h"
 #include "platform/sync.h"
@@ -41,8 +42,10 @@ class CSMTP : public CNTService {
     // Rebuilds the table from the store; listeners that are wanted as before stay open. Always 0.
     // Run's thread.
     int LoadInterfaces();
-    // One connection waits on the listener. Run's thread.
+    // Connections wait on the listener. Run's thread.
     void OnAcceptNotification(SOCKET socket, LPARAM event);
+    // A connection of the interface at this position.
+    void Admit(CSocket client, std::size_t position);
 
     // Sessions were still running when Run returned: the process must end without destroying what
     // they use.
@@ -67,6 +70,8 @@ class CSMTP : public CNTService {
     }};
     // Running sessions by table position. Sessions hold pointers into it, so it outlives the host.
     std::array<std::atomic<std::int32_t>, kInterfaceCount>& ActiveConnectionCounts;
+    // Those that are not in there yet.
+    std::array<std::atomic<std::int32_t>, kInterfaceCount>& arrivingCounts_;
     std::atomic<bool> stopRequested_{false};
     bool sessionsLeft_ = false;
     trelis::Followed<long long> scanLimit_{trelis::kMailDaemonKey, ReadScanLimit};

@@ -15,6 +15,7 @@ constexpr int kBacklog = 5;
 constexpr int kBacklog = 512;
 #endif
 constexpr std::uint32_t kSendSeconds = 300;
+constexpr int kReceiveBuffer = 32768;  // what the reception of messages wants
 constexpr char kLineFeed = '\n';
 constexpr char kCarriageReturn = '\r';
 
@@ -56,6 +57,9 @@ int CSocket::CreateListener(const SocketAddress& address, bool bothFamilies) {
         if (!Create(SOCK_STREAM, address)) return false;
         SocketAllowReuse(handle_);
         if (address.Family() == AF_INET6) SocketTakeBothFamilies(handle_, bothFamilies);
+        // Its connections have these from it.
+        SocketSendAtOnce(handle_);
+        SocketRaiseReceiveBuffer(handle_, kReceiveBuffer);
         return Bind(address) && Listen();
     };
     if (open()) return 0;

@@ -33,8 +33,10 @@ class CSocket {
     void Shutdown();
     bool Bind(const SocketAddress& address);
     bool Listen();
-    // Opens a non-blocking listener, which gets its port while old connections of it linger. An
-    // IPv6 one takes IPv4 clients too with `bothFamilies`. 0, or the platform's error value: it is
+    // Opens a non-blocking listener, which gets its port while old connections of it linger. Its
+    // connections send without waiting for acknowledgements: what belongs together is put together
+    // before, and the other side's delay, some 40 ms a piece, would be all that is had. An IPv6 one
+    // takes IPv4 clients too with `bothFamilies`. 0, or the platform's error value: it is
     // empty then.
     int CreateListener(const SocketAddress& address, bool bothFamilies);
     // out holds the new socket, non-blocking. address may be null.

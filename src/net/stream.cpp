@@ -41,9 +41,6 @@ void Stream::Attach(const CSocket& socket) {
     ahead_.clear();
     at_ = looked_ = 0;
     drained_ = false;
-    // Replies and commands are put together here; waiting for acknowledgements would only cost the
-    // other side's delay, some 40 ms a piece.
-    SocketSendAtOnce(socket_.Handle());
 }
 
 void Stream::Secure(std::unique_ptr<Transport> transport) {

@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr int kReceiveBuffer = 32768;  // what bulk reception wants
-
 void SessionThread(void* argument) {
     if (argument == nullptr) return;
     std::unique_ptr<CSMTPProxy> session(static_cast<CSMTPProxy*>(argument));
@@ -27,7 +25,6 @@ std::unique_ptr<CSMTPProxy> CreateSession(SOCKET socket) {
     try {
         auto session = std::make_unique<CSMTPProxy>(socket);
         if (!session->spool_.Name(socket)) return nullptr;
-        SocketRaiseReceiveBuffer(socket, kReceiveBuffer);
         return session;
     } catch (const std::bad_alloc&) {
         return nullptr;
@@ -76,13 +73,14 @@ Stream::Line CSMTPProxy::ReadCommand(std::string_view& line, std::size_t limit) 
 }
 
 int CSMTPProxy::RunSession() {
-    bool counted = false;
+    CountPlace counted;
     try {
         client_.Attach(clientSocket_);
         client_.SetLimit(settings_.connectionTimeout);
         peers_.restart = LearnClient();
         while (std::exchange(peers_.restart, false) && !IsClientDenied()) {
-            if (!std::exchange(counted, true)) ++*connectionCounter_;
+            if (!counted.Taken()) counted = CountPlace(connectionCounter_);
+            arrival_.GiveBack();
             Serve();
             DropServer();
         }
@@ -90,7 +88,7 @@ int CSMTPProxy::RunSession() {
         client_.Detach();
     } catch (...) {  // memory ran out: an ordinary end
     }
-    if (counted) --*connectionCounter_;
+    counted.GiveBack();
     // A message that was abandoned between two chunks, or by an exception. The file has its name
     // from the client's socket, whose number the next session may get.
     spool_.Remove();

@@ -15,6 +15,7 @@
 
 #include "net/stream.h"
 #include "session/conversation.h"
+#include "session/count_place.h"
 #include "session/interface.h"
 #include "session/message/spool_file.h"
 #include "session/peers.h"
@@ -33,6 +34,9 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     void ApplyInterface(const NetworkInterface& interface, long long scanLimit);
     // The counter must outlive the session.
     void SetConnectionCounter(std::atomic<std::int32_t>* counter) { connectionCounter_ = counter; }
+    // Counts it in here until it is counted there, or has ended: a burst is admitted before the
+    // first of its sessions has come to count itself. The counter must outlive the session.
+    void SetArrivalCounter(std::atomic<std::int32_t>* counter) { arrival_ = CountPlace(counter); }
     // Starts the session's task. 0 (also if it runs already), or -1.
     int Start();
     // The whole session, in its task. Always 0.
@@ -73,6 +77,7 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     bool configured_ = false;
     bool started_ = false;
     std::atomic<std::int32_t>* connectionCounter_ = nullptr;
+    CountPlace arrival_;
     CSocket clientSocket_;
     CSocket serverSocket_;
     Stream client_;

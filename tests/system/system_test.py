@@ -322,6 +322,16 @@ class Host(System):
             return c.reply().startswith(b"220")
         self.assertTrue(wait_until(admitted))
 
+    def test_a_burst_is_no_way_past_the_limit(self):
+        """All are there before the first session has begun."""
+        self.assertTrue(wait_until(lambda: self.client().reply()[:3] == b"220"))
+        for _ in range(3):
+            time.sleep(0.5)  # the sessions of the round before have ended
+            clients = [self.client() for _ in range(100)]
+            self.assertLessEqual([c.reply()[:3] for c in clients].count(b"220"), 2)
+            for c in clients:
+                c.close()
+
     def test_an_interface_without_a_proper_address_takes_no_port(self):
         for text in ("rubbish", "255.255.255.255", "5"):
             with self.subTest(text):

@@ -27,6 +27,7 @@ Attempt TryAddress(const SocketAddress& address, std::chrono::milliseconds limit
         socket.Close();
         return {ConnectFailure::kUnreachable, where + ErrorText(error)};
     }
+    SocketSendAtOnce(socket.Handle());  // commands are put together in front of it
     bool wanted = true;
     const int error = socket.Connect(address, limit, [&] {
         wanted = watch.Trying(socket.Handle());

@@ -95,7 +95,8 @@ int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds lim
     }
 }
 
-Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole) {
+Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole,
+                              const CSocket* other) {
     bool tooLong = false;
     const std::chrono::milliseconds arrival = std::chrono::seconds(seconds_);
     const Deadline own(arrival * kLongestLineTimes);
@@ -117,9 +118,8 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
         const std::chrono::milliseconds left = whole != nullptr ? whole->Left() : own.Left();
         if (left.count() == 0) return Line::kFailed;
         std::array<char, kLineRead> block;
-        const int count =
-            ReceiveWaiting(block.data(), static_cast<int>(block.size()),
-                           whole != nullptr ? left : std::min(left, arrival), nullptr);
+        const int count = ReceiveWaiting(block.data(), static_cast<int>(block.size()),
+                                         whole != nullptr ? left : std::min(left, arrival), other);
         if (count < 1) return Line::kFailed;
         ahead_.append(block.data(), static_cast<std::size_t>(count));
     }

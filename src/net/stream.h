@@ -50,9 +50,11 @@ class Stream {
     };
     // The next line, of at most `limit` bytes with its end. The time counts anew with each arrival,
     // but nobody holds a session by a byte now and then: kLongestLineTimes of it are the end. With
-    // `whole` it is that for all of it. The view holds until the next read.
+    // `whole` it is that for all of it. With `other`, a broken connection there is a failure. The
+    // view holds until the next read.
     static constexpr std::uint32_t kLongestLineTimes = 5;
-    Line ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole = nullptr);
+    Line ReadLine(std::string_view& line, std::size_t limit, const Deadline* whole = nullptr,
+                  const CSocket* other = nullptr);
 
     enum class Wait { kReady, kTimeOver, kFailed };
     // Waits until there is something to read, or the end of the connection. With `other`, a broken

@@ -191,6 +191,8 @@ void CSMTPProxy::AnswerOutage(ConnectFailure failure) {
 
 void CSMTPProxy::AnswerLoss(const std::string& reason) {
     const ServerAddress server{settings_.forwardHost, settings_.forwardPort};
-    if (!stopRequested_) LogOutage(server, kNoConnection, server.Text() + ": " + reason);
+    // Of a client that has gone the server is not to blame.
+    if (!stopRequested_ && !client_.HasException())
+        LogOutage(server, kNoConnection, server.Text() + ": " + reason);
     AnswerOutage(ConnectFailure::kNone);
 }

@@ -49,7 +49,7 @@ bool ServerLink::Queue(std::string_view bytes) {
 }
 
 Stream::Line ServerLink::ReadLine(std::string_view& line, const Deadline& whole) {
-    if (held_.empty()) return stream_.ReadLine(line, kLongestLine, &whole);
+    if (held_.empty()) return stream_.ReadLine(line, kLongestLine, &whole, &client_);
     const std::size_t end = std::min(held_.find('\n'), held_.size() - 1) + 1;
     heldLine_ = held_.substr(0, end);
     held_.erase(0, end);

@@ -23,6 +23,10 @@ class ServerLink {
   public:
     explicit ServerLink(const SessionSettings& settings) : settings_(settings) {}
 
+    // Whom the replies are for: no reply is waited for any more once that connection is broken. An
+    // empty one is never.
+    void SetClient(const CSocket& client) { client_ = client; }
+
     // The socket is the session's, connected.
     void Attach(const CSocket& socket);
 
@@ -102,6 +106,7 @@ class ServerLink {
 
     const SessionSettings& settings_;
     CSocket socket_;  // a copy: closed by the session
+    CSocket client_;  // the same
     Stream stream_;
     Clock::time_point lastSent_;
     int ownAnswers_ = 0;

@@ -77,6 +77,7 @@ int CSMTPProxy::RunSession() {
     try {
         client_.Attach(clientSocket_);
         client_.SetLimit(settings_.connectionTimeout);
+        server_.SetClient(clientSocket_);
         peers_.restart = LearnClient();
         while (std::exchange(peers_.restart, false) && !IsClientDenied()) {
             if (!counted.Taken()) counted = CountPlace(connectionCounter_);

@@ -339,6 +339,18 @@ class Silence(System):
         self.assertEqual(c.ask(b"MAIL FROM:<s@example.org>"), b"")
         self.assertLess(time.monotonic() - start, 14)
 
+    def test_clients_that_have_gone_wait_for_no_server(self):
+        self.server.rules["HELP"] = lambda line: time.sleep(30) or b"214 late\r\n"
+        self.proxy.change({NET + "/ConnectionTimeout": "60"})
+        before = self.proxy.sockets()
+        clients = [self.opened() for _ in range(5)]
+        for c in clients:
+            c.send(b"HELP\r\n")
+        self.assertGreaterEqual(self.proxy.sockets(), before + 10)
+        for c in clients:
+            c.reset()
+        self.assertTrue(wait_until(lambda: self.proxy.sockets() <= before, 15), self.proxy.sockets())
+
     def work(self):
         """The processor time of the proxy, in clock ticks."""
         with open("/proc/%d/stat" % self.proxy.process.pid) as stat:

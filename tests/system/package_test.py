@@ -27,6 +27,7 @@ esac
 class Package(unittest.TestCase):
     def setUp(self):
         self.root = tempfile.mkdtemp(prefix="vantrel-package.")
+        self.addCleanup(shutil.rmtree, self.root, ignore_errors=True)  # behind all other cleanups
         self.wants = os.path.join(self.root, "etc/systemd/system/multi-user.target.wants")
         for name in ("lib", "bin", "active", "masked", "run/systemd/system", self.wants):
             os.makedirs(os.path.join(self.root, name))
@@ -36,9 +37,6 @@ class Package(unittest.TestCase):
         self.tool("systemctl", SYSTEMCTL.format(root=self.root))
         for other in ("adduser", "chown", "deluser"):
             self.tool(other, "#!/bin/sh\n")
-
-    def tearDown(self):
-        shutil.rmtree(self.root, ignore_errors=True)
 
     def tool(self, name, text, folder="bin"):
         path = os.path.join(self.root, folder, name)

@@ -1,10 +1,13 @@
 // The running sessions, so that a stop of the service can end them in good order.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <unordered_set>
+#include <utility>
 
 class CSMTPProxy;
 
@@ -51,4 +54,27 @@ class SessionRegistry {
     int running_ = 0;                           // guarded by mutex_: entered and not done
     int delayed_ = 0;                           // guarded by mutex_: of these, those that sleep
     bool stopping_ = false;                     // guarded by mutex_
+};
+
+// A session's place in a count of sessions. One owner, any thread; the count outlives it.
+class CountPlace {
+  public:
+    CountPlace() = default;
+    explicit CountPlace(std::atomic<std::int32_t>* count) : count_(count) { ++*count_; }
+    CountPlace(const CountPlace&) = delete;
+    CountPlace& operator=(const CountPlace&) = delete;
+    CountPlace& operator=(CountPlace&& other) noexcept {
+        GiveBack();
+        count_ = std::exchange(other.count_, nullptr);
+        return *this;
+    }
+    ~CountPlace() { GiveBack(); }
+
+    void GiveBack() {
+        if (count_ != nullptr) --*std::exchange(count_, nullptr);
+    }
+    bool Taken() const { return count_ != nullptr; }
+
+  private:
+    std::atomic<std::int32_t>* count_ = nullptr;
 };

@@ -15,10 +15,10 @@
 
 #include "net/stream.h"
 #include "session/conversation.h"
-#include "session/count_place.h"
 #include "session/interface.h"
 #include "session/message/spool_file.h"
 #include "session/peers.h"
+#include "session/registry.h"
 #include "session/server/connector.h"
 #include "session/settings.h"
 

@@ -69,7 +69,7 @@ std::string Join(const TextList& texts) {
 Verdict ScanMessage(Peers& peers, const Envelope& envelope, const SpoolFile& spool,
                     std::string& redirectAddresses) {
     redirectAddresses.clear();
-    const std::string path = spool.Path();
+    const std::string& path = spool.Path();
     const std::string sender = SenderOf(envelope);
     ScanRecord scan;
     MailScanRecord& record = scan.record;

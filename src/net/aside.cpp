@@ -14,6 +14,8 @@ namespace {
 
 constexpr int kMostThreads = 64;
 constexpr std::chrono::seconds kKeptFor{60};
+// Until a thread comes to it, in milliseconds.
+constexpr DWORD kLongestLine = 30000;
 
 // Whichever of the two threads is the last one to touch it.
 struct Errand {
@@ -53,6 +55,12 @@ class Threads {
         if (--threads_ > 0) return true;  // one of them comes to it
         std::erase(errands_, errand);
         return false;
+    }
+
+    // Takes back what no thread has come to. False: one has.
+    bool Withdraw(const std::shared_ptr<Errand>& errand) {
+        const std::lock_guard lock(mutex_);
+        return std::erase(errands_, errand) > 0;
     }
 
   private:
@@ -95,7 +103,10 @@ bool RunAside(const std::function<void()>& work) {
     errand->work = &work;
     errand->done.Reset(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     if (!errand->done || !Threads::Instance().Give(errand)) return false;
-    WaitForSingleObject(errand->done.Get(), INFINITE);
+    if (WaitForSingleObject(errand->done.Get(), kLongestLine) == WAIT_TIMEOUT) {
+        if (Threads::Instance().Withdraw(errand)) return false;
+        WaitForSingleObject(errand->done.Get(), INFINITE);
+    }
     if (errand->failure) std::rethrow_exception(errand->failure);
     return true;
 }

@@ -4,6 +4,6 @@
 #include <functional>
 
 // Does the work on another thread while the calling task waits; what it throws is thrown here.
-// There are so many of these threads and no more: work waits for one. Outside of a task it is done
-// here and now. False if there is no thread for it; it is not done then.
+// There are so many of these threads and no more: work waits for one, but not for ever. Outside of
+// a task it is done here and now. False if there is no thread for it; it is not done then.
 bool RunAside(const std::function<void()>& work);

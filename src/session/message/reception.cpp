@@ -9,7 +9,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// A read's size. One that is filled says that there is more than a small message.
 constexpr int kSmallRead = 32768;
 constexpr int kLargeRead = 262144;
 // What is held back between two reads: longer than any end, so that one that has begun in one read
@@ -23,6 +22,22 @@ constexpr std::string_view kBareNewline =
     "521 5.5.2 A line feed or carriage return alone, closing transmission channel\r\n";
 constexpr std::string_view kDiskFull =
     "452 Requested action not taken: insufficient system storage\r\n";
+
+// Room for one read. It grows once a read has filled it, which no client has by words alone.
+class ReadBlock {
+  public:
+    char* Data() const { return data_.get(); }
+    int Size() const { return size_; }
+    void GrowIfFilledBy(int count) {
+        if (count < size_ || size_ == kLargeRead) return;
+        size_ = kLargeRead;
+        data_ = std::make_unique_for_overwrite<char[]>(kLargeRead);
+    }
+
+  private:
+    int size_ = kSmallRead;
+    std::unique_ptr<char[]> data_ = std::make_unique_for_overwrite<char[]>(kSmallRead);
+};
 
 }  // namespace
 
@@ -114,8 +129,7 @@ bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {
 
 Received Reception::ReceiveData() {
     Begin();
-    int size = kSmallRead;
-    auto block = std::make_unique_for_overwrite<char[]>(kSmallRead);
+    ReadBlock block;
     if (!peers_.client.Send(kStartMail)) return Received::kFailed;
     if (!spool_.OpenNext()) Refuse(Refusal::kDiskFull);
     newlines_ = NewlineFilter(peers_.settings.options.bareNewline);
@@ -124,13 +138,13 @@ Received Reception::ReceiveData() {
     text.reserve(kSmallRead + kTailSize);
     for (;;) {
         const bool ahead = peers_.client.HasReadAhead();
-        const int count = Read(block.get(), size, seconds(peers_.settings.connectionTimeout));
+        const int count =
+            Read(block.Data(), block.Size(), seconds(peers_.settings.connectionTimeout));
         if (DrainedEnough()) return AnswerAndEnd();
         if (count < 1) return Abandon();
-        const std::string_view bytes(block.get(), static_cast<std::size_t>(count));
+        const std::string_view bytes(block.Data(), static_cast<std::size_t>(count));
         const std::size_t used = scanner.Feed(bytes, text);
-        const bool filled = count == size;
-        const bool ended = Ended(scanner, ahead || filled);
+        const bool ended = Ended(scanner, ahead || count == block.Size());
         if (used < bytes.size()) peers_.client.PutBack(bytes.substr(used));
         const std::size_t held = scanner.HeldBack();
         // Where line ends are looked at, it is done at once: nothing waits for more to come.
@@ -147,10 +161,7 @@ Received Reception::ReceiveData() {
             }
         }
         if (ended) return Finish();
-        if (filled && size == kSmallRead) {
-            size = kLargeRead;
-            block = std::make_unique_for_overwrite<char[]>(kLargeRead);
-        }
+        block.GrowIfFilledBy(count);
     }
 }
 
@@ -161,19 +172,19 @@ Received Reception::ReceiveChunk(const Chunk& chunk) {
                                                : peers_.settings.options.bareNewline);
     // The chunk goes to the file in blocks as it comes: the memory of a session doesn't follow the
     // chunk's size.
-    const int size = static_cast<int>(std::min<long long>(chunk.size, kLargeRead));
-    const auto block = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(size));
+    ReadBlock block;
     if (!(chunk.first ? spool_.OpenNext() : spool_.OpenAgain())) Refuse(Refusal::kDiskFull);
     const long long limit = peers_.settings.maxMessageSize;
     if (limit > 0 && spool_.Size() + chunk.size > limit) Refuse(Refusal::kTooLarge);
     for (long long missing = chunk.size; missing > 0;) {
-        const int most = static_cast<int>(std::min<long long>(missing, size));
-        const int count = Read(block.get(), most, seconds(peers_.settings.noopInterval));
+        const int most = static_cast<int>(std::min<long long>(missing, block.Size()));
+        const int count = Read(block.Data(), most, seconds(peers_.settings.noopInterval));
         if (DrainedEnough()) return AnswerAndEnd();
         if (count < 1) return Abandon();  // also a client that has closed: nothing more will come
         missing -= count;
-        StoreLines({block.get(), static_cast<std::size_t>(count)}, false);
+        StoreLines({block.Data(), static_cast<std::size_t>(count)}, false);
         if (refusal_ == Refusal::kBareNewline) return AnswerAndEnd();
+        block.GrowIfFilledBy(count);
     }
     if (chunk.last) StoreLines({}, true);
     if (refusal_ == Refusal::kBareNewline) return AnswerAndEnd();

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "lipc/lipc.h"
+#include "lipc/serve.h"
 #include "platform/home.h"
 #include "platform/task.h"
 #include "support/instance.h"
@@ -54,16 +55,10 @@ class EchoServer {
 
   private:
     void Serve() {
-        for (;;) {
-            LIPCConnection* connection = nullptr;
-            const void* data = nullptr;
-            std::uint32_t length = 0;
-            const int status = LIPCReceive(server_, &connection, &data, &length, -1);
-            if (status == LIPC_CLOSING) return;
-            if (status != LIPC_OK) continue;
+        ServeUntilClosed(server_, [this](auto* connection, const void* data, auto length) {
             while (held) std::this_thread::sleep_for(1ms);
             LIPCReply(server_, connection, data, length);
-        }
+        });
     }
     LIPCEndpoint* server_ = nullptr;
     std::vector<std::thread> threads_;

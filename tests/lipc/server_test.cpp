@@ -16,6 +16,7 @@
 #include "lipc/lipc.h"
 #include "lipc/pipe.h"
 #include "lipc/raw_peer.h"
+#include "lipc/serve.h"
 #include "support/instance.h"
 #include "support/no_descriptors.h"
 
@@ -24,14 +25,9 @@ namespace {
 using namespace std::chrono_literals;
 
 void Echo(LIPCEndpoint* server) {
-    for (;;) {
-        LIPCConnection* connection = nullptr;
-        const void* data = nullptr;
-        std::uint32_t length = 0;
-        const int status = LIPCReceive(server, &connection, &data, &length, -1);
-        if (status == LIPC_CLOSING) return;
-        if (status == LIPC_OK) LIPCReply(server, connection, data, length);
-    }
+    ServeUntilClosed(server, [server](auto* connection, const void* data, auto length) {
+        LIPCReply(server, connection, data, length);
+    });
 }
 
 TEST(LIPCServer, RefusesAClientThatItHasNoDescriptorFor) {

@@ -16,6 +16,7 @@
 
 #include "lipc/lipc.h"
 #include "lipc/raw_peer.h"
+#include "lipc/serve.h"
 #include "support/instance.h"
 
 namespace {
@@ -70,19 +71,13 @@ class Serving : public testing::Test {
             const std::lock_guard lock(mutex_);
             ids_.push_back(gettid());
         }
-        for (;;) {
-            LIPCConnection* connection = nullptr;
-            const void* data = nullptr;
-            std::uint32_t length = 0;
-            const int status = LIPCReceive(server_, &connection, &data, &length, -1);
-            if (status == LIPC_CLOSING) return;
-            if (status != LIPC_OK) continue;
+        ServeUntilClosed(server_, [&](auto* connection, const void* data, auto length) {
             if (reply.empty())
                 LIPCReply(server_, connection, data, length);
             else
                 LIPCReply(server_, connection, reply.data(),
                           static_cast<std::uint32_t>(reply.size()));
-        }
+        });
     }
     std::mutex mutex_;
     std::vector<pid_t> ids_;  // guarded by mutex_

@@ -234,6 +234,8 @@ class FuzzClient final : public CommandSource {
         PushBehind(asked.back().line);
         return outcome;
     }
+    // The interface has no certificate.
+    bool Handshake(const TlsContext&) override { return false; }
     // Takes what the session has said since the last time.
     void Collect() {
         char block[65536];

@@ -225,6 +225,8 @@ class FuzzClient final : public CommandSource {
         : script_(script), stream_(stream), socket_(socket) {}
 
     Stream::Line ReadCommand(std::string_view& line, std::size_t limit) override {
+        // Replies may wait for others to go out with; here each is put down to its command.
+        stream_.Flush();
         Collect();
         if (!stream_.HasReadAhead())
             Push([](const std::string& text) { return text.ends_with('\n'); });

@@ -78,6 +78,21 @@ class Dialogue(System):
             c = self.opened()
             self.assertEqual(c.ask(b"EHLO me"), b"250-proxy.example\r\n250-SIZE\r\n250 EHLO\r\n", last)
 
+    def test_a_challenge_that_no_command_has_asked_for(self):
+        """What comes next is taken for its answer, and the proxy lives on."""
+        usual = self.server.rules
+        for verb in ("END", "GREETING"):
+            self.server.rules = {**usual, verb: b"334 Q2hhbGxlbmdl\r\n"}
+            c = self.client()
+            if verb == "END":
+                c.envelope()
+                c.data(b"text\r\n.\r\n")
+            else:
+                c.reply()
+            c.send(b"QW5zd2Vy\r\n")
+            self.assertTrue(wait_until(lambda: b"QW5zd2Vy\r\n" in self.server.lines), verb)
+            self.server.lines.clear()
+
     def test_replies_of_several_lines_stay_in_step(self):
         self.server.rules.update(GREETING=b"220-one\r\n220-two\r\n220 three\r\n", HELO=b"250-a\r\n250 b\r\n",
                                  MAIL=b"250-x\r\n250 y\r\n", RCPT=b"250-x\r\n250 y\r\n",

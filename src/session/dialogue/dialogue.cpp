@@ -60,9 +60,10 @@ int Dialogue::Run(bool readReply) {
 // systems hold for a connection, or each would wait for the other to read.
 bool Dialogue::Forward() {
     if (!peers_.server.Queue(line_)) return false;
-    const bool more = (verb_->traits & kInBatch) != 0 && peers_.pipelining &&
-                      peers_.server.takesBatches && due_.size() < kMostDue &&
-                      dueBytes_ < kMostDueBytes && peers_.client.HasLineAhead();
+    const bool inBatch = verb_ != nullptr && (verb_->traits & kInBatch) != 0;
+    const bool more = inBatch && peers_.pipelining && peers_.server.takesBatches &&
+                      due_.size() < kMostDue && dueBytes_ < kMostDueBytes &&
+                      peers_.client.HasLineAhead();
     if (due_.empty() && !more) return peers_.server.Flush() && RelayReply();
     dueBytes_ += line_.size();
     due_.push_back({inFlight_, line_, recipientText_, senderText_});
@@ -131,6 +132,7 @@ Dialogue::Outcome Dialogue::TakeCommand() {
 // An answer that can't be sent on, or that a server could take for two lines, gives the exchange up
 // instead; the reply to that is the client's.
 Dialogue::Outcome Dialogue::TakeAuthAnswer(bool whole) {
+    verb_ = nullptr;  // it is no command, whatever the challenge was a reply to
     if (TalksEarly(false)) return AnswerAndEnd(kTooEarly);
     if (!whole || HidesText(line_)) line_ = kCancelAuth;
     return Outcome::kForward;

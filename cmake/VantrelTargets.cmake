@@ -34,5 +34,6 @@ function(vantrel_test name)
   add_executable(test_${name} ${ARG_SOURCES})
   target_include_directories(test_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(test_${name} PRIVATE vantrel_options ${ARG_LINKS} GTest::gtest GTest::gtest_main)
-  gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST ${run})
+  gtest_discover_tests(test_${name} DISCOVERY_MODE PRE_TEST ${run}
+    ENVIRONMENT "TSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/support/tsan.supp")
 endfunction()

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "platform/task.h"
@@ -80,18 +81,23 @@ bool Stream::FindLine(std::string_view& line) {
 int Stream::ReceiveWaiting(char* buffer, int size, std::chrono::milliseconds limit,
                            const CSocket* other) {
     if (socket_.Empty()) return -1;
-    const Deadline deadline(limit);
-    for (bool waited = false;; waited = true) {
+    std::optional<Deadline> deadline;  // most reads end with their first wait, and need none
+    for (;;) {
         const int count = drained_ ? SOCKET_WOULD_BLOCK : ReceiveNow(buffer, size);
         if (count != SOCKET_WOULD_BLOCK) {
-            if (!waited) LetOthersRun(count);
+            if (!deadline) LetOthersRun(count);
             return count;
         }
         // Bytes of the connection need not be bytes for us: by those no limit counts anew.
-        if (waited && deadline.Over()) return -1;
-        if (waited) platform::YieldTask();  // they may come without a pause
+        if (deadline && deadline->Over()) return -1;
+        if (deadline) platform::YieldTask();  // they may come without a pause
         // Who has to answer must have heard everything first.
-        if (!Flush() || WaitForSocket(deadline.Left(), other, Blocked()) != Wait::kReady) return -1;
+        if (!Flush()) return -1;
+        if (deadline)
+            limit = deadline->Left();
+        else
+            deadline.emplace(limit);
+        if (WaitForSocket(limit, other, Blocked()) != Wait::kReady) return -1;
     }
 }
 
@@ -99,7 +105,7 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
                               const CSocket* other) {
     bool tooLong = false;
     const std::chrono::milliseconds arrival = std::chrono::seconds(seconds_);
-    const Deadline own(arrival * kLongestLineTimes);
+    std::optional<Deadline> own;  // where the line has to be waited for
     for (;;) {
         const bool found = FindLine(line);
         tooLong = tooLong || line.size() > limit;
@@ -108,6 +114,7 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
             at_ = looked_;
             return tooLong ? Line::kTooLong : Line::kWhole;
         }
+        if (!own) own.emplace(arrival * kLongestLineTimes);
         ahead_.erase(0, at_);
         at_ = 0;
         // Of a line that is too long only the beginning is kept.
@@ -115,7 +122,7 @@ Stream::Line Stream::ReadLine(std::string_view& line, std::size_t limit, const D
         looked_ = ahead_.size();
         if (ahead_.empty() && ahead_.capacity() > kKeptAhead) std::string().swap(ahead_);
         // Looked at here: from a peer that sends without a pause the read never has to wait.
-        const std::chrono::milliseconds left = whole != nullptr ? whole->Left() : own.Left();
+        const std::chrono::milliseconds left = whole != nullptr ? whole->Left() : own->Left();
         if (left.count() == 0) return Line::kFailed;
         std::array<char, kLineRead> block;
         const int count = ReceiveWaiting(block.data(), static_cast<int>(block.size()),
@@ -195,7 +202,7 @@ bool Stream::Flush() {
 }
 
 bool Stream::SendNow(std::string_view bytes) {
-    const Deadline deadline(seconds_);
+    std::optional<Deadline> deadline;  // from the first wait on
     while (!bytes.empty()) {
         if (socket_.Empty()) return false;
         const int length = static_cast<int>(std::min(bytes.size(), kMostSent));
@@ -203,7 +210,8 @@ bool Stream::SendNow(std::string_view bytes) {
                               ? transport_->SendNow(bytes.data(), length)
                               : SocketSendNow(socket_.Handle(), bytes.data(), length);
         if (count == SOCKET_WOULD_BLOCK) {
-            if (!WaitForRoom(deadline)) return false;
+            if (!deadline) deadline.emplace(seconds_);
+            if (!WaitForRoom(*deadline)) return false;
             continue;
         }
         if (count < 1) return false;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/descriptor.h"
 #include "platform/types.h"
@@ -38,6 +39,7 @@ struct FileState {
     std::uint64_t number = 0;  // another one when the file has been replaced
     // As `written`, of the last change of anything about it, which nobody can put back.
     std::int64_t changed = 0;
+    std::uint64_t names = 0;  // by which it can be found
     bool operator==(const FileState&) const = default;
 };
 // That of the file or whatever else is there, behind links too. Nothing if it can't be looked at.
@@ -58,17 +60,16 @@ class File {
     int Descriptor() const { return descriptor_.Get(); }
     // The size in bytes, or -1, also of what is no plain file.
     long long Size() const;
-    // Whether it is a plain file without a byte, of one name.
-    bool Fresh() const;
+    // Nothing if it can't be had.
+    std::optional<FileState> State() const;
     // Writes all, or gives false (disk full, quota, I/O error).
     bool Write(const void* data, std::size_t length);
     // The count, 0 at the end, -1 on failure.
     long long Read(void* buffer, std::size_t length);
     // The same from a position, which the next Read knows nothing of.
     long long ReadAt(long long offset, void* buffer, std::size_t length) const;
-    // Its state, with a time of writing that lies a little back: the clock of files is a coarse
-    // one, and so a later write shows however soon it comes. Nothing if that can't be had.
-    std::optional<FileState> Stamp();
+    // Whether it begins with these bytes.
+    bool BeginsWith(std::string_view bytes) const;
     bool MakeEmpty();
     // Whether nobody else has it: the name is its only one, and it is open here alone. False also
     // where that can't be known. From the first call on the process ignores SIGIO.
@@ -114,5 +115,7 @@ class InstanceLock {
 
 // Lets the process open as many descriptors as the system allows it.
 void RaiseDescriptorLimit();
+// How many it may have open.
+std::size_t DescriptorLimit();
 
 }  // namespace platform

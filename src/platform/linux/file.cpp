@@ -47,9 +47,12 @@ namespace {
 
 FileState StateOf(const struct stat& info) {
     constexpr std::int64_t kSecond = 1'000'000'000;
-    return {S_ISREG(info.st_mode), static_cast<std::uint64_t>(info.st_size),
-            info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec, info.st_ino,
-            info.st_ctim.tv_sec * kSecond + info.st_ctim.tv_nsec};
+    return {S_ISREG(info.st_mode),
+            static_cast<std::uint64_t>(info.st_size),
+            info.st_mtim.tv_sec * kSecond + info.st_mtim.tv_nsec,
+            info.st_ino,
+            info.st_ctim.tv_sec * kSecond + info.st_ctim.tv_nsec,
+            info.st_nlink};
 }
 
 }  // namespace
@@ -78,10 +81,10 @@ long long File::Size() const {
     return plain ? static_cast<long long>(info.st_size) : -1;
 }
 
-bool File::Fresh() const {
+std::optional<FileState> File::State() const {
     struct stat info {};
-    return fstat(Descriptor(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size == 0 &&
-           info.st_nlink == 1;
+    if (fstat(Descriptor(), &info) != 0) return std::nullopt;
+    return StateOf(info);
 }
 
 bool File::Write(const void* data, std::size_t length) {
@@ -112,6 +115,17 @@ long long File::ReadAt(long long offset, void* buffer, std::size_t length) const
     return done;
 }
 
+bool File::BeginsWith(std::string_view bytes) const {
+    const auto found = std::make_unique_for_overwrite<char[]>(bytes.size());
+    for (std::size_t have = 0; have < bytes.size();) {
+        const long long count =
+            ReadAt(static_cast<long long>(have), found.get() + have, bytes.size() - have);
+        if (count <= 0) return false;
+        have += static_cast<std::size_t>(count);
+    }
+    return std::memcmp(found.get(), bytes.data(), bytes.size()) == 0;
+}
+
 bool File::MakeEmpty() { return ftruncate(Descriptor(), 0) == 0; }
 
 bool File::OnlyOurs(const char* name) const {
@@ -135,16 +149,6 @@ bool File::Close() {
 std::optional<FileState> LookAtFile(const std::string& path) {
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) return std::nullopt;
-    return StateOf(info);
-}
-
-std::optional<FileState> File::Stamp() {
-    constexpr time_t kBack = 2;  // seconds: some file systems know no finer time
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const timespec times[] = {{0, UTIME_OMIT}, {now.tv_sec - kBack, now.tv_nsec}};
-    struct stat info {};
-    if (futimens(Descriptor(), times) != 0 || fstat(Descriptor(), &info) != 0) return std::nullopt;
     return StateOf(info);
 }
 
@@ -228,6 +232,11 @@ void RaiseDescriptorLimit() {
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+std::size_t DescriptorLimit() {
+    rlimit limit{};
+    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? static_cast<std::size_t>(limit.rlim_cur) : 0;
 }
 
 }  // namespace platform

@@ -1,11 +1,14 @@
 #include "session/message/spare_files.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
 
 constexpr char kDirectory[] = "spare";
 constexpr std::size_t kMostKept = 256;
+// Of all the descriptors, most are for connections.
+constexpr std::size_t kShare = 16;
 
 std::string Directory() {
     char path[4096];
@@ -15,7 +18,9 @@ std::string Directory() {
 }  // namespace
 
 // With all the room that it may need: a file is given back also where nothing may throw.
-SpareFiles::SpareFiles() { spares_.reserve(kMostKept); }
+SpareFiles::SpareFiles() : most_(std::min(kMostKept, platform::DescriptorLimit() / kShare)) {
+    spares_.reserve(most_);
+}
 
 SpareFiles& SpareFiles::Instance() {
     static SpareFiles& files = *new SpareFiles;
@@ -29,10 +34,8 @@ SpareFile SpareFiles::Take(int group) {
         while (!spares_.empty()) {
             SpareFile spare = std::move(spares_.back());
             spares_.pop_back();
-            if (spare.group == group) spare.file = platform::File::OpenAppend(spare.path.c_str());
-            // Somebody may have been at it meanwhile.
-            if (spare.file && spare.file.Fresh()) return spare;
-            Drop(spare);  // the setting has changed, for example
+            if (spare.group == group) return spare;
+            Drop(spare);  // the setting has changed
         }
     }
     return Make(group);
@@ -60,10 +63,9 @@ SpareFile SpareFiles::Make(int group) {
 }
 
 void SpareFiles::Give(SpareFile spare) {
-    const bool good = spare.file.OnlyOurs(spare.path.c_str()) && spare.file.MakeEmpty();
-    if (spare.file.Close() && good) {
+    if (spare.file.OnlyOurs(spare.path.c_str()) && spare.file.MakeEmpty()) {
         const std::lock_guard lock(mutex_);
-        if (spares_.size() < kMostKept) return spares_.push_back(std::move(spare));
+        if (spares_.size() < most_) return spares_.push_back(std::move(spare));
     }
     Drop(spare);
 }

@@ -18,8 +18,9 @@ struct SpareFile {
 class SpareFiles {
   public:
     static SpareFiles& Instance();
-    // An empty file; the caller gives it a second name, by which the message is known. Without a
-    // file: there is none, and none can be made.
+    // An empty file, open for reading and for writing at its end; the caller gives it a second
+    // name, by which the message is known, and sees that this has become its. Without a file: there
+    // is none, and none can be made.
     SpareFile Take(int group);
     // A file whose other name is gone. It is used again only if nobody else has it, neither by a
     // name nor open: whoever still reads the message before must not find another in its place.
@@ -32,7 +33,8 @@ class SpareFiles {
     SpareFile Make(int group);
 
     std::mutex mutex_;
-    std::vector<SpareFile> spares_;    // guarded by mutex_, as all below; none is open
+    const std::size_t most_;           // that are kept
+    std::vector<SpareFile> spares_;    // guarded by mutex_, as all below; all are open
     unsigned long long lastName_ = 0;  // the files are numbered
     bool useless_ = false;             // here it can't be known who has a file
 };

@@ -74,7 +74,11 @@ bool SpoolFile::OpenNext() {
     const int group = g_group;
     spare_ = SpareFiles::Instance().Take(group);
     present_ = spare_.file && platform::LinkFile(spare_.path, path_);
-    if (!present_) {
+    // Somebody may have been at it meanwhile.
+    const auto state = present_ ? spare_.file.State() : std::nullopt;
+    if (state && state->plain && state->size == 0 && state->names == 2) {
+        fileNumber_ = state->number;
+    } else {
         SpareFiles::Drop(std::exchange(spare_, {}));
         // The instance's lock makes this process the only one here: whatever has the name is a
         // leaving. Or the directory has been cleared away.
@@ -117,15 +121,19 @@ void SpoolFile::Forget() {
 
 bool SpoolFile::Close() {
     if (!Store()) return false;
-    state_ = spare_.file.Stamp();
     // A close that fails tells of a write that did: the message is not whole on the disk. Where
     // files are used again there are no such late news.
     return !spare_.path.empty() || spare_.file.Close();
 }
 
 SpoolFile::Found SpoolFile::LookAgain() {
-    const bool same = state_.has_value() && platform::LookAtFile(path_) == state_;
-    if (same && (keeping_ || spare_.file)) return Found::kWhole;
+    const std::optional<platform::FileState> now =
+        spare_.file ? platform::LookAtFile(path_) : std::nullopt;
+    if (now && now->plain && now->number == fileNumber_) {
+        size_ = static_cast<long long>(now->size);
+        if (keeping_ && (now->size != kept_.size() || !spare_.file.BeginsWith(kept_))) Forget();
+        return Found::kWhole;
+    }
     Forget();
     changed_ = platform::File::OpenRead(path_.c_str());
     if (!changed_) return errno == ENOENT ? Found::kGone : Found::kUnreadable;
@@ -139,7 +147,6 @@ std::optional<std::string_view> SpoolFile::Kept() const {
 
 void SpoolFile::Remove() {
     Forget();
-    state_.reset();
     changed_.Close();
     if (std::exchange(present_, false)) DeleteFileA(path_.c_str());
     if (spare_.path.empty()) {

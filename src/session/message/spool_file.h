@@ -5,6 +5,7 @@
 // back as long as nobody has changed the file.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -72,8 +73,7 @@ class SpoolFile {
     std::string kept_;
     std::size_t stored_ = 0;
     bool keeping_ = false;
-    // The file as this session has left it; nothing, if changes of it could not be seen.
-    std::optional<platform::FileState> state_;
+    std::uint64_t fileNumber_ = 0;  // the file's own, by which it is known again
 };
 
 // The group that may read the spool besides its owner, for a scan daemon that runs as another user;

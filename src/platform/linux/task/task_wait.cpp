@@ -12,7 +12,9 @@
 namespace platform {
 namespace {
 
-constexpr std::uint32_t kAllEvents = EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP;
+// What the epoll set tells of a socket that stays in it, wanted or not. Of its room only from the
+// first time on that somebody has waited for that: nearly all have room all the time.
+constexpr std::uint32_t kStanding = EPOLLIN | EPOLLPRI | EPOLLRDHUP;
 // How often a descriptor is looked at that there is no room for, in the epoll set or in memory.
 constexpr std::chrono::milliseconds kLook{50};
 
@@ -59,7 +61,7 @@ class TaskThread::Waiting {
             if (entries[i].fd < 0) continue;
             // Else events that nobody wants would wake the thread.
             const auto wanted = static_cast<std::uint32_t>(entries[i].events);
-            whole_ = thread.Register(entries[i].fd, stay ? kAllEvents : wanted) && whole_;
+            whole_ = thread.Register(entries[i].fd, stay ? kStanding | wanted : wanted) && whole_;
             Watched& watched = Of(entries[i]);
             first[i] = {thread.running_, entries[i].events, watched.waiting, 0};
             watched.waiting = &first[i];

@@ -18,6 +18,7 @@ file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/systemd/*.serv
 install(FILES ${units} DESTINATION lib/systemd/system)
 install(PROGRAMS packaging/clamd-settings DESTINATION ${VANTREL_PROGRAM_DIR})
 install(FILES packaging/completion/vtregistry DESTINATION share/bash-completion/completions)
+install(FILES packaging/completion/_vtregistry DESTINATION share/zsh/vendor-completions)
 install(FILES README.md ARCHITECTURE.md DESTINATION share/doc/vantrel)
 install(DIRECTORY docs DESTINATION share/doc/vantrel)
 foreach(section 1 5 8)

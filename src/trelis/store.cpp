@@ -72,7 +72,7 @@ sqlite::Connection OpenDatabase() {
     const bool ready =
         error == SQLITE_OK &&
         ExecuteInTurn(database.get(), "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;") &&
-        ExecuteInTurn(database.get(), kSchema);
+        ExecuteInTurn(database.get(), kSchema) && ExecuteInTurn(database.get(), kHistorySchema);
     return ready ? std::move(database) : nullptr;
 }
 
@@ -96,7 +96,21 @@ std::optional<std::string> Store::Get(const std::string& key) {
     return value;
 }
 
+bool Store::Begin(std::int64_t undoes) {
+    history_.Begin(undoes);
+    return Execute("BEGIN IMMEDIATE");
+}
+
+// Unlike Get it knows a key without a value from one with an empty one.
+std::optional<std::string> Store::Value(const std::string& key) {
+    sqlite::Statement get = Prepare("SELECT value FROM keys WHERE path = ? AND value IS NOT NULL");
+    if (!get) return std::nullopt;
+    get.Bind(1, key);
+    return get.Row() ? std::optional(get.Text(0)) : std::nullopt;
+}
+
 bool Store::SetOne(const std::string& key, const std::string& value) {
+    if (!history_.Note(database_.get(), {key, Value(key), value})) return false;
     sqlite::Statement parent =
         Prepare("INSERT OR IGNORE INTO keys(path, parent, name) VALUES(?, ?, ?)");
     sqlite::Statement set = Prepare(
@@ -115,6 +129,37 @@ bool Store::SetOne(const std::string& key, const std::string& value) {
         start = end;
     }
     return NoteChange(key);
+}
+
+// The keys above that were only made for it go too: an interface without keys would listen.
+bool Store::TakeValue(const std::string& key) {
+    if (!history_.Note(database_.get(), {key, Value(key), std::nullopt})) return false;
+    sqlite::Statement take = Prepare("UPDATE keys SET value = NULL WHERE path = ?");
+    sqlite::Statement prune = Prepare(
+        "DELETE FROM keys WHERE path = ?1 AND value IS NULL AND NOT EXISTS"
+        " (SELECT 1 FROM keys WHERE parent = ?1)");
+    if (!take || !prune) return false;
+    take.Bind(1, key);
+    if (!take.Run()) return false;
+    for (std::string path = key; !path.empty(); path.resize(path.rfind('/'))) {
+        prune.Bind(1, path);
+        if (!prune.Run()) return false;
+        if (sqlite3_changes(database_.get()) == 0) break;
+    }
+    return NoteChange(key);
+}
+
+bool Store::NoteDeleted(const std::string& key) {
+    sqlite::Statement rows = Prepare(
+        "SELECT path, value FROM keys WHERE value IS NOT NULL AND (path = ?1 OR (path >= ?2 AND "
+        "path < ?3))");
+    if (!rows) return false;
+    BindKeyAndBelow(rows, key);
+    while (rows.Row()) {
+        if (!history_.Note(database_.get(), {rows.Text(0), rows.Text(1), std::nullopt}))
+            return false;
+    }
+    return !rows.Failed();
 }
 
 bool Store::NoteChange(const std::string& key) {
@@ -139,7 +184,7 @@ bool Store::Set(const Pairs& values) {
         if (!ValidPath(key, false)) return false;
     }
     const std::lock_guard lock(mutex_);
-    if (!Execute("BEGIN IMMEDIATE")) return false;
+    if (!Begin(0)) return false;
     bool good = true;
     for (const auto& [key, value] : values) good = good && SetOne(key, value);
     return Commit(good);
@@ -148,13 +193,42 @@ bool Store::Set(const Pairs& values) {
 bool Store::Delete(const std::string& key) {
     if (!ValidPath(key, false)) return false;
     const std::lock_guard lock(mutex_);
-    if (!Execute("BEGIN IMMEDIATE")) return false;
+    if (!Begin(0)) return false;
     sqlite::Statement remove =
         Prepare("DELETE FROM keys WHERE path = ?1 OR (path >= ?2 AND path < ?3)");
     if (remove) BindKeyAndBelow(remove, key);
-    bool good = remove && remove.Run();
+    bool good = remove && NoteDeleted(key) && remove.Run();
     if (good && sqlite3_changes(database_.get()) > 0) good = NoteChange(key);
     return Commit(good);
+}
+
+Applied Store::Apply(const std::vector<ValueChange>& changes, bool force, std::int64_t undoes,
+                     std::string& where) {
+    for (const ValueChange& change : changes) {
+        if (!ValidPath(change.path, false)) return Applied::kFailed;
+    }
+    const std::lock_guard lock(mutex_);
+    if (!Begin(undoes)) return Applied::kFailed;
+    bool good = true;
+    for (const ValueChange& change : changes) {
+        if (!force && Value(change.path) != change.before) {
+            where = change.path;
+            Commit(false);
+            return Applied::kOtherwise;
+        }
+        good = good && (change.after ? SetOne(change.path, *change.after) : TakeValue(change.path));
+    }
+    return Commit(good) ? Applied::kDone : Applied::kFailed;
+}
+
+void Store::KeepHistory(const std::string& who, const std::string& how) {
+    const std::lock_guard lock(mutex_);
+    history_.Keep(who, how);
+}
+
+std::optional<std::vector<Act>> Store::ReadHistory() {
+    const std::lock_guard lock(mutex_);
+    return History::Read(database_.get());
 }
 
 std::optional<std::vector<std::string>> Store::Children(const std::string& key) {

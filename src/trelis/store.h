@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "trelis/admin.h"
+#include "trelis/history.h"
 #include "trelis/sqlite.h"
 
 namespace trelis {
@@ -37,6 +39,11 @@ class Store {
     // All or none.
     bool Set(const Pairs& values);
     bool Delete(const std::string& key);
+    // As ApplyChanges.
+    Applied Apply(const std::vector<ValueChange>& changes, bool force, std::int64_t undoes,
+                  std::string& where);
+    void KeepHistory(const std::string& who, const std::string& how);
+    std::optional<std::vector<Act>> ReadHistory();
     std::optional<std::vector<std::string>> Children(const std::string& key);
     // Keys that were given a value, at and below key, in byte order.
     std::optional<Pairs> Dump(const std::string& key);
@@ -47,13 +54,19 @@ class Store {
     explicit Store(sqlite::Connection database);
     bool Execute(const char* sql) { return sqlite::Execute(database_.get(), sql); }
     sqlite::Statement Prepare(const char* sql) { return {database_.get(), sql}; }
+    // These are called within a transaction.
+    bool Begin(std::int64_t undoes);
+    std::optional<std::string> Value(const std::string& key);
     bool SetOne(const std::string& key, const std::string& value);
+    bool TakeValue(const std::string& key);
+    bool NoteDeleted(const std::string& key);
     bool NoteChange(const std::string& key);
     bool Commit(bool good);
 
     std::mutex mutex_;  // guards all below
     sqlite::Connection database_;
     sqlite::Statement get_;
+    History history_;
     const std::int64_t origin_;
 };
 

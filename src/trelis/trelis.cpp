@@ -170,6 +170,30 @@ bool LoadValues(const Values& values) {
     });
 }
 
+Applied ApplyChanges(const std::vector<ValueChange>& changes, bool force, std::int64_t undoes,
+                     std::string& where) {
+    return With(kLocalStore, Applied::kFailed, [&](Store& opened) {
+        const Applied applied = opened.Apply(changes, force, undoes, where);
+        if (applied != Applied::kDone) return applied;
+        std::vector<std::string> paths;
+        for (const ValueChange& change : changes) paths.push_back(change.path);
+        Watches::Instance().Announce(paths);
+        return applied;
+    });
+}
+
+void KeepHistory(const std::string& who, const std::string& how) {
+    With(kLocalStore, false, [&](Store& opened) {
+        opened.KeepHistory(who, how);
+        return true;
+    });
+}
+
+std::optional<std::vector<Act>> ReadHistory() {
+    return With(kLocalStore, std::optional<std::vector<Act>>(),
+                [](Store& opened) { return opened.ReadHistory(); });
+}
+
 std::optional<std::vector<std::string>> ListChildren(const std::string& key) {
     return With(kLocalStore, std::optional<std::vector<std::string>>(),
                 [&](Store& opened) { return opened.Children(key); });

@@ -260,7 +260,10 @@ class Registry(Person):
                                ("vtregistry get inter", ["interface."]), ("vtregistry get interface.", ["interface.net."]),
                                ("vtregistry set --force interface.net.tr", ["interface.net.trust."]),
                                ("vtregistry set interface.net.trust.", []), ("vtregistry show --c", ["--changed"]),
-                               ("vtregistry get /VTWIN/Ag", ["/VTWIN/Agents/"]), ("vtregistry set maild.scantimeout 1", [])):
+                               ("vtregistry get /VTWIN/Ag", ["/VTWIN/Agents/"]), ("vtregistry set maild.scantimeout 1", ["120"]),
+                               ("vtregistry set --force maild.virusaction d", ["drop"]), ("vtregistry undo --", ["--force"]),
+                               ("vtregistry set interface.net.pipelining o", ["on", "off"]), ("vtregistry set no.such o", []),
+                               ("vtregistry set maild.whenencrypted pu", ["put\\", "off"])):
             self.assertEqual(self.completed(line), expected, line)
 
 

@@ -1,6 +1,9 @@
 #include "daemons/registryd/reference.h"
 
+#include <algorithm>
+
 #include "trelis/keys/check.h"
+#include "trelis/keys/names.h"
 #include "trelis/keys/rows.h"
 
 namespace {
@@ -35,6 +38,17 @@ std::string ListOfKeys(const std::string& prefix) {
         }
     }
     return text;
+}
+
+std::string ValuesOf(const std::string& typed) {
+    const auto key =
+        typed.starts_with('/') ? trelis::FindByPath(typed) : trelis::FindByShortName(typed);
+    if (!key) return "";
+    const KeyRow& row = *key->row;
+    if (row.kind == trelis::KeyKind::kFlag) return "on\noff\n";
+    std::string text = row.words != nullptr ? row.words : row.fallback;
+    std::replace(text.begin(), text.end(), '|', '\n');
+    return text.empty() ? text : text + '\n';
 }
 
 std::string ReferenceTables() {

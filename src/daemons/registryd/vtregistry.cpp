@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "daemons/frame/daemon.h"
+#include "daemons/registryd/changes/edit.h"
+#include "daemons/registryd/changes/history.h"
 #include "daemons/registryd/files.h"
 #include "daemons/registryd/reference.h"
 #include "daemons/registryd/set.h"
@@ -61,6 +63,12 @@ int List(const Arguments& arguments) {
 
 int Keys(const Arguments& arguments) {
     const std::string what = arguments.empty() ? "" : arguments[0];
+    if ((what == "--values") != (arguments.size() == 2))
+        return Failed("keys takes a prefix, --short, --reference, or --values and a key");
+    if (what == "--values") {
+        std::cout << ValuesOf(arguments[1]);
+        return 0;
+    }
     std::cout << (what == "--reference" ? ReferenceTables()
                   : what == "--short"   ? ShortNames()
                                         : ListOfKeys(what));
@@ -138,9 +146,19 @@ struct Command {
     int (*run)(const Arguments&);
 };
 constexpr Command kCommands[] = {
-    {"get", 1, 1, Get},        {"set", 2, 3, SetKey}, {"show", 0, 2, Show}, {"del", 1, 1, Del},
-    {"list", 1, 1, List},      {"dump", 0, 1, Dump},  {"load", 0, 2, Load}, {"diff", 1, 2, Diff},
-    {"watch", 1, 1, WatchKey}, {"keys", 0, 1, Keys},
+    {"get", 1, 1, Get},
+    {"set", 2, 3, SetKey},
+    {"show", 0, 2, Show},
+    {"del", 1, 1, Del},
+    {"list", 1, 1, List},
+    {"dump", 0, 1, Dump},
+    {"load", 0, 2, Load},
+    {"diff", 1, 2, Diff},
+    {"edit", 1, 1, Edit},
+    {"undo", 0, 2, Undo},
+    {"watch", 1, 1, WatchKey},
+    {"keys", 0, 2, Keys},
+    {"history", 0, 2, ShowHistory},
 };
 
 constexpr ServiceWords kWords{
@@ -161,10 +179,15 @@ constexpr ServiceWords kWords{
     "print\n"
     "                        what programs won't take or don't read\n"
     "  diff FILE [KEY]       print what stands otherwise in such a file: - here, + there\n"
+    "  edit KEY              open what stands at and below a key in $EDITOR, and take what was "
+    "changed\n"
+    "  history [--json] [KEY]\n"
+    "                        print what people have changed: who, when, old and new value\n"
+    "  undo [--force] [ACT]  take back the last change, or one by its number in the history\n"
     "  watch KEY             print each change, until Ctrl-C\n"
-    "  keys [PREFIX | --short | --reference]\n"
+    "  keys [PREFIX | --short | --reference | --values KEY]\n"
     "                        print the paths that programs know, with their meaning, or the short\n"
-    "                        names alone\n"
+    "                        names alone, or the values that a key knows\n"
     "KEY is a short name, such as interface.net.server or maild.scantimeout, or an absolute path.\n"
     "Sizes and times may have units: 25M, 10m. Manual: vtregistry(1), vantrel-keys(5)\n"};
 
@@ -189,6 +212,7 @@ int main(int argc, char** argv) {
         if (TrelisInit2() != 0)
             return Failed(platform::HomeError().empty() ? "can't open the store"
                                                         : platform::HomeError());
+        KeepAsPersons(words[0]);
         const int code = command.run(arguments);
         TrelisUninit();
         return code;

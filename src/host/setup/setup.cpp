@@ -12,6 +12,7 @@
 #include "platform/home.h"
 #include "text/printable.h"
 #include "text/usage.h"
+#include "trelis/admin.h"
 #include "trelis/keys/settings.h"
 
 namespace {
@@ -63,16 +64,24 @@ std::string InterfaceRoot() {
 }
 
 // What the interface had besides, a network that may relay above all, must not go on in the new
-// one. Its keys go one by one: the proxy keeps the listener of an interface that stays.
-bool DeleteOthers(const trelis::Values& old, const trelis::Values& plan) {
-    return std::all_of(old.begin(), old.end(), [&](const auto& each) {
-        const std::string& path = each.first;
-        const bool kept = std::any_of(plan.begin(), plan.end(), [&](const auto& planned) {
-            return planned.first == path || planned.first.starts_with(path + '/');
-        });
-        return kept || path == kAnyKey.Path({kSetupInterface}) || path == InterfaceRoot() ||
-               TrelisDelKey(kLocalStore, path.c_str()) == 0;
-    });
+// one.
+bool Store(const trelis::Values& old, const trelis::Values& plan) {
+    std::vector<trelis::ValueChange> changes;
+    for (const auto& [path, value] : old) {
+        const bool kept =
+            std::any_of(plan.begin(), plan.end(), [&path = path](const auto& planned) {
+                return planned.first == path || planned.first.starts_with(path + '/');
+            });
+        if (!kept && path != kAnyKey.Path({kSetupInterface}) && path != InterfaceRoot())
+            changes.push_back({path, value, std::nullopt});
+    }
+    for (const auto& [path, value] : plan) changes.push_back({path, std::nullopt, value});
+    char user[256] = "";
+    DWORD size = sizeof user;
+    GetUserNameA(user, &size);
+    trelis::KeepHistory(*user != '\0' ? user : "somebody", "setup");
+    std::string where;
+    return trelis::ApplyChanges(changes, true, 0, where) == trelis::Applied::kDone;
 }
 
 // The other keys of the proxy get their defaults where nobody has registered it before: later that
@@ -93,8 +102,7 @@ int Write(const SetupWishes& wishes) {
                            ": nothing was changed; --force writes it anew");
     if (untouched) RegisterIfNew();
     old = trelis::DumpTree(InterfaceRoot()).value_or(trelis::Values());
-    if (!DeleteOthers(old, plan) || !trelis::LoadValues(plan))
-        return NothingDone("can't write to the store");
+    if (!Store(old, plan)) return NothingDone("can't write to the store");
     for (const auto& [path, value] : plan)
         std::printf("%s = %s\n", CleanText(path).c_str(), CleanText(value).c_str());
     std::fflush(stdout);

@@ -24,25 +24,32 @@ void LIPCOutbox::Open(LIPCEndpoint* endpoint, TellLost tellLost) {
     open_ = true;
 }
 
-int LIPCOutbox::Lose(int status) {
-    ++lost_;
+int LIPCOutbox::Lose(int status, std::uint32_t count) {
+    lost_ += count;
     return status;
 }
 
-int LIPCOutbox::Post(const void* data, std::uint32_t length) {
+void LIPCOutbox::CountLost(std::uint64_t count) {
+    const std::lock_guard lock(mutex_);
+    if (open_) lost_ += count;
+}
+
+int LIPCOutbox::Post(const void* data, std::uint32_t length, std::uint32_t count) {
     const std::lock_guard lock(mutex_);
     if (!open_) return LIPC_CLOSING;
-    if (queue_.size() >= kMostRequests || length > kMostBytes - bytes_) return Lose(LIPC_BUSY);
+    if (waiting_ + count > kMostRequests || length > kMostBytes - bytes_)
+        return Lose(LIPC_BUSY, count);
     try {
         if (!thread_.joinable()) thread_ = std::thread([this] { Work(); });
         const char* from = static_cast<const char*>(data);
-        queue_.emplace_back(from, from + length);
+        queue_.push_back({Request(from, from + length), count});
     } catch (const std::bad_alloc&) {
-        return Lose(LIPC_NO_MEMORY);
+        return Lose(LIPC_NO_MEMORY, count);
     } catch (const std::system_error&) {  // no thread to be had
-        return Lose(LIPC_NO_MEMORY);
+        return Lose(LIPC_NO_MEMORY, count);
     }
     bytes_ += length;
+    waiting_ += count;
     idle_ = false;
     if (queue_.size() == 1) changed_.notify_all();
     return LIPC_OK;
@@ -54,9 +61,10 @@ int LIPCOutbox::Send(const Request& request) {
 
 // The request at the head and its reply. Whether the daemon has answered.
 bool LIPCOutbox::SendHead(std::unique_lock<std::mutex>& lock) {
-    const Request request = std::move(queue_.front());
+    const auto [request, count] = std::move(queue_.front());
     queue_.pop_front();
     bytes_ -= request.size();
+    waiting_ -= count;
     int status = LIPC_OK;
     for (;;) {
         lock.unlock();
@@ -66,14 +74,14 @@ bool LIPCOutbox::SendHead(std::unique_lock<std::mutex>& lock) {
         Pause(lock, status == LIPC_BUSY ? kLIPCBusyPause : kPauseAfterFailure);
     }
     if (status == LIPC_OK) return true;
-    ++lost_;
+    lost_ += count;
     if (open_) {
         Pause(lock, kPauseAfterFailure);
     } else {
         // Nobody to deliver to, and no time to wait for one.
-        lost_ += queue_.size();
+        lost_ += waiting_;
         queue_.clear();
-        bytes_ = 0;
+        bytes_ = waiting_ = 0;
     }
     return false;
 }

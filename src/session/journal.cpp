@@ -2,16 +2,32 @@
 
 #include <algorithm>
 
+#include "logclient/line.h"
+#include "logclient/logclient.h"
+#include "platform/clock.h"
+
 namespace {
 
 // Bytes that the log has of a text.
 constexpr std::size_t kMostRecipientBytes = 4096;
+constexpr std::size_t kLongestHelo = 255;
 constexpr std::size_t kLongestReply = 512;
 constexpr std::string_view kMore = "...";
 constexpr std::size_t kAroundId = 5;  // blank, brackets, line end
 
 std::int64_t Milliseconds(std::chrono::steady_clock::duration time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+}
+
+std::string_view Bounded(const std::string& helo) {
+    return std::string_view(helo).substr(0, kLongestHelo);
+}
+
+// Some addresses are kept with what stood behind them: "<>" with the line end, "postmaster>".
+std::string Tidy(std::string address) {
+    address.resize(address.find_last_not_of(" \t\r\n") + 1);
+    if (address.ends_with('>') && !address.starts_with('<')) address.pop_back();
+    return address;
 }
 
 void JoinBounded(const TextList& texts, std::string& all) {
@@ -21,7 +37,7 @@ void JoinBounded(const TextList& texts, std::string& all) {
             all += kMore;
             return;
         }
-        all += text;
+        all += Tidy(text);
     }
 }
 
@@ -38,7 +54,7 @@ void Journal::BeginMessage(const Envelope& envelope, std::string_view via) {
     EndMessage();
     message.Clear();
     message.id.append(session.id).append("-").append(std::to_string(++session.messages));
-    message.from = SenderOf(envelope);
+    message.from = Tidy(SenderOf(envelope));
     message.via = via;
     JoinBounded(envelope.recipients, message.to);
     finder_.Begin();
@@ -90,11 +106,55 @@ void Journal::EndMessage() {
     if (!InMessage()) return;
     state_ = State::kNone;
     if (message.verdict != kVerdictNone) message.relayMs = Lap();
+    WriteMessage();
 }
 
-void Journal::EndSession() {
-    EndMessage();
-    session.durationMs = Milliseconds(Clock::now() - begun_);
+void Journal::WriteMessage() {
+    if (!LogClientTakesLines()) return;
+    line_.clear();
+    LogLineWriter line(line_, LogLineKind::kMessage, platform::UtcMilliseconds());
+    for (const std::string* text : {&session.id, &message.id, &session.peer, &session.toldBy})
+        line.Text(*text);
+    line.Text(Bounded(session.helo));
+    line.Text(session.tls);
+    line.Text(message.from);
+    line.Text(message.to);
+    line.Number(message.size);
+    line.Text(message.via);
+    line.Text(message.messageId);
+    line.Text(message.verdict);
+    line.Text(message.section);
+    line.Text(message.reason);
+    line.Text(message.reply);
+    line.Text(message.queueId);
+    line.Number(message.receptionMs);
+    line.Number(message.scanMs);
+    line.Number(message.relayMs);
+    line.End();
+    LogClientLine(line_);
+}
+
+void Journal::WriteSession() {
+    if (!LogClientTakesLines()) return;
+    line_.clear();
+    LogLineWriter line(line_, LogLineKind::kSession, platform::UtcMilliseconds());
+    for (const std::string* text : {&session.id, &session.peer, &session.toldBy}) line.Text(*text);
+    line.Text(Bounded(session.helo));
+    line.Text(session.tls);
+    line.Number(session.messages);
+    line.Text(session.ended);
+    line.Number(session.durationMs);
+    line.End();
+    LogClientLine(line_);
+}
+
+void Journal::EndSession() noexcept {
+    try {
+        EndMessage();
+        session.durationMs = Milliseconds(Clock::now() - begun_);
+        WriteSession();
+    } catch (...) {  // no memory for the line
+    }
 }
 
 std::string Journal::WithId(std::string_view reply) const {

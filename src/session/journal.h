@@ -39,7 +39,7 @@ class Journal {
     void ServerReplied(std::string_view reply, bool envelopeGone);
     // Nothing more becomes of the message in hand; without one nothing is done.
     void EndMessage();
-    void EndSession();
+    void EndSession() noexcept;
 
     // A reply of the proxy's own with the message's id behind it, or the session's where there is
     // none: "451 4.3.0 Not now [id]". Of several lines the last one gets it; what would be longer
@@ -51,9 +51,12 @@ class Journal {
     enum class State { kNone, kOpen, kReplyDue };
     // The milliseconds since the last call.
     std::int64_t Lap();
+    void WriteMessage();
+    void WriteSession();
 
     const Clock::time_point begun_ = Clock::now();
     Clock::time_point lap_;  // the end of the message's phase before
     State state_ = State::kNone;
     MessageIdFinder finder_;
+    std::string line_;
 };

@@ -110,6 +110,9 @@ inline constexpr KeyRow kInternetRows[] = {
     Choice("BareNewline", "accept", "accept|normalize|reject",
            "a LF or CR alone in a message: `accept`, it stays; `normalize`, it becomes CR LF; "
            "`reject`, the message gets 521 and the session ends"),
+    Flag("IdInReplies",
+         "all refusals of the proxy's own end in the id of the message or session, as most do "
+         "anyway: `550 Rejected by Vantrel. [ID]`"),
 };
 
 inline constexpr KeyRow kProxyRows[] = {
@@ -192,6 +195,9 @@ inline constexpr KeyRow kLoggerRows[] = {
            "bytes of one log file; four older ones are kept")
         .In(Unit::kBytes)
         .Counts(kAtStart),
+    Choice("Format", "text", "text|json",
+           "of a line: `text`; `json`, an object with the same names (docs/log.md)")
+        .Counts("with the next line"),
     Written("Path", "the program's file"),
 };
 

@@ -14,6 +14,13 @@
 // The TagInfoText of an event whose TagMessage is such lines. No person's text looks like it.
 inline constexpr char kLogLinesMark[] = "\x1Fvantrel.lines.1";
 
+// Words of the field `verdict`.
+inline constexpr std::string_view kVerdictForward = "forward";
+inline constexpr std::string_view kVerdictReject = "reject";
+inline constexpr std::string_view kVerdictDrop = "drop";
+inline constexpr std::string_view kVerdictFailed = "failed";
+inline constexpr std::string_view kVerdictNone = "none";  // it never got to a scan
+
 struct LogLineField {
     const char* name;
     bool number = false;

@@ -25,7 +25,7 @@ int Conversation::RelayMessage(int* expectReply) {
                 break;
             case Received::kTooLarge:
                 *expectReply = 0;
-                return peers_.AnswerInsteadOfServer(kMessageTooLarge) ? 1 : 0;
+                return peers_.AnswerInsteadOfServer(peers_.Own(kMessageTooLarge)) ? 1 : 0;
             case Received::kFailed:
                 return 0;
         }

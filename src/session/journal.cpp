@@ -161,9 +161,9 @@ std::string Journal::WithId(std::string_view reply) const {
     std::string text(reply);
     const std::string& id = InMessage() ? message.id : session.id;
     const std::size_t end = text.find_last_not_of("\r\n") + 1;
-    const std::size_t line = text.rfind('\n', end) + 1;  // npos + 1: there is one line
     const bool refusal = text.starts_with('4') || text.starts_with('5');
-    if (refusal && end - line + id.size() + kAroundId <= kLongestReply)
-        text.insert(end, " [" + id + "]");
+    if (!refusal) return text;
+    const std::size_t line = text.rfind('\n', end - 1) + 1;  // npos + 1: there is one line
+    if (end - line + id.size() + kAroundId <= kLongestReply) text.insert(end, " [" + id + "]");
     return text;
 }

@@ -191,7 +191,7 @@ bool CSMTPProxy::Wanted() { return !stopRequested_ && !client_.PeerGone(); }
 void CSMTPProxy::AnswerOutage(ConnectFailure failure) {
     if (stopRequested_) failure = ConnectFailure::kGivenUp;
     peers_.journal.session.ended = kEndedOutage;
-    client_.Send(OutageReply(settings_.greetingName, failure));
+    client_.Send(peers_.Own(OutageReply(settings_.greetingName, failure)));
     client_.EndSending();
 }
 

@@ -1,5 +1,8 @@
 #include "session/peers.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "libstats/libstats.h"
 #include "session/client/xclient.h"
 
@@ -10,6 +13,16 @@ constexpr int kServiceId = 22;
 constexpr int kObjectStatus = 30;
 constexpr int kActionMask = 62;
 constexpr int kAllIsWell = 0;
+
+// Refusals that have always had these words.
+constexpr std::string_view kKnownRefusals[] = {
+    "452 Requested action not taken: insufficient system storage",
+    "501 Unknown command",
+    "503 Bad sequence of commands",
+    "550 5.7.1 Message Rejected",
+    "550 Rejected by Vantrel.",
+    "550 Unable to relay",
+};
 constexpr int kPeerLost = 255;
 
 }  // namespace
@@ -22,6 +35,14 @@ int KeepAlive(void* context) {
     const bool alive = peers->server.Noop() && !peers->client.PeerGone();
     peers->lost = peers->lost || !alive;
     return alive ? kAllIsWell : kPeerLost;
+}
+
+std::string Peers::Own(std::string_view refusal, Wording wording) const {
+    const std::string_view words = refusal.substr(0, refusal.find_last_not_of("\r\n") + 1);
+    const bool known = wording == Wording::kKnown ||
+                       std::find(std::begin(kKnownRefusals), std::end(kKnownRefusals), words) !=
+                           std::end(kKnownRefusals);
+    return known && !settings.options.idInReplies ? std::string(refusal) : journal.WithId(refusal);
 }
 
 bool Peers::AnswerInsteadOfServer(std::string_view answer) {

@@ -42,6 +42,11 @@ struct Peers {
     // Tells the server with XCLIENT or XFORWARD who the client is; sets `untold`. False: the server
     // has gone.
     bool TellOfClient();
+    // A refusal of the proxy's own, as the client gets it: with the id in the log behind it. A text
+    // that programs may know stays as it is, unless the interface wants the id in all: one of the
+    // configuration's (kKnown), or one that has always been the proxy's.
+    enum class Wording { kOurs, kKnown };
+    std::string Own(std::string_view refusal, Wording wording = Wording::kOurs) const;
     // Gives the client the answer to a message that goes no further, once the server has forgotten
     // what it had of it. False: the session ends, for the server is out of step or a peer has gone;
     // the client has its answer all the same, which is noted as the message's.

@@ -6,12 +6,7 @@
 #include <string>
 #include <string_view>
 
-// Words of MessageRecord::verdict.
-inline constexpr std::string_view kVerdictForward = "forward";
-inline constexpr std::string_view kVerdictReject = "reject";
-inline constexpr std::string_view kVerdictDrop = "drop";
-inline constexpr std::string_view kVerdictFailed = "failed";
-inline constexpr std::string_view kVerdictNone = "none";  // it never got to a scan
+#include "logclient/line.h"
 
 // Words of SessionRecord::ended.
 inline constexpr std::string_view kEndedQuit = "quit";      // the client has said so
@@ -40,7 +35,7 @@ struct MessageRecord {
     long long size = 0;     // bytes as stored; of one that wasn't stored, what had come
     std::string_view via;   // "data" or "bdat"
     std::string messageId;  // the value of its header field
-    std::string_view verdict = kVerdictNone;
+    std::string_view verdict = kVerdictNone;  // as logclient/line.h has them
     std::string_view section;  // of the scan, that has a finding: "antivirus"
     std::string reason;        // what it has found
     std::string reply;         // the last one that the client got for it, in one line

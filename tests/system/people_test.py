@@ -11,7 +11,7 @@ import unittest
 from harness import BIN
 
 SERVICES = ("vtsmtpproxy", "vtmaild", "vtlogd", "vtstatd", "vtregistry")
-OTHERS = ("vtreport", "vtservice")
+OTHERS = ("vtlog", "vtreport", "vtservice")
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 
 

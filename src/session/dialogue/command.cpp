@@ -58,14 +58,16 @@ unsigned long long DeclaredSize(std::string_view parameters) {
 
 }  // namespace
 
-Dialogue::Outcome Dialogue::Answer(std::string_view text) {
-    if (!AnswerDue() || closing_ || !Reply(text)) return Outcome::kEndSession;
+Dialogue::Outcome Dialogue::Answer(std::string_view text, Peers::Wording wording) {
+    if (!AnswerDue() || closing_) return Outcome::kEndSession;
+    if (!Reply(peers_.Own(text, wording))) return Outcome::kEndSession;
     const bool alive = peers_.server.KeepAliveAfterAnswer() && !peers_.client.PeerGone();
     return alive ? Outcome::kAnswered : Outcome::kEndSession;
 }
 
 Dialogue::Outcome Dialogue::AnswerAndEnd(std::string_view text) {
-    if (AnswerDue() && !closing_ && peers_.client.Send(text)) peers_.client.EndSending();
+    if (AnswerDue() && !closing_ && peers_.client.Send(peers_.Own(text)))
+        peers_.client.EndSending();
     return Outcome::kEndSession;
 }
 
@@ -147,11 +149,14 @@ Dialogue::Outcome Dialogue::SenderRule() {
     const int judgement =
         filters_ == nullptr ? 0 : CheckSenderReadings(*filters_, path, denyText_.data(), kTextSize);
     senderText_ = path.address.substr(0, kLongestAddress);
-    if (judgement == 1) return Answer(denyText_[0] != '\0' ? denyText_.data() : kDefaultDeny);
+    if (judgement == 1)
+        return Answer(denyText_[0] != '\0' ? denyText_.data() : kDefaultDeny,
+                      Peers::Wording::kKnown);
     if (judgement == 2) {
         if (!AnswerDue() || closing_) return Outcome::kEndSession;
         peers_.SendStatEvent(81, senderText_.c_str(), nullptr);
-        peers_.client.Send(denyText_.data());  // the session ends either way
+        // The session ends either way.
+        peers_.client.Send(peers_.Own(denyText_.data(), Peers::Wording::kKnown));
         return Outcome::kEndSession;
     }
     const long long limit = peers_.settings.maxMessageSize;
@@ -212,7 +217,7 @@ Dialogue::Outcome Dialogue::ChunkRule() {
 
 Dialogue::Outcome Dialogue::RefuseLargeMessage() {
     envelope_.Clear();
-    const bool inStep = peers_.AnswerInsteadOfServer(kMessageTooLarge);
+    const bool inStep = peers_.AnswerInsteadOfServer(peers_.Own(kMessageTooLarge));
     peers_.journal.EndMessage();
     return inStep ? Outcome::kAnswered : Outcome::kEndSession;
 }

@@ -52,7 +52,7 @@ bool Dialogue::RelayReply() {
     }
     if (!std::exchange(peers_.greeted, true) && TalksEarly(false)) {
         closing_ = true;
-        return peers_.client.Send(kBeforeGreeting);
+        return peers_.client.Send(peers_.Own(kBeforeGreeting));
     }
     // Also what came of a reply that never ended.
     const bool sent = Reply(pending);
@@ -74,7 +74,7 @@ void Dialogue::NoteLine() {
     if (Continues(reply_) || (!reply_.starts_with("354") && !(inBatch_ && authAnswer_))) return;
     authAnswer_ = false;
     closing_ = true;
-    reply_ = kOutOfStep;
+    reply_ = peers_.Own(kOutOfStep);
 }
 
 // True if the client is a harvester: the reply in hand is the last one that it gets.
@@ -89,7 +89,7 @@ bool Dialogue::GuardAgainstHarvesting() {
         if (result == 3) return false;
         if (result != 2) continue;
         peers_.SendStatEvent(82, senderText_.c_str(), recipientText_.c_str());
-        reply_ = denyText_.data();
+        reply_ = peers_.Own(denyText_.data(), Peers::Wording::kKnown);
         closing_ = true;
         return true;
     }

@@ -30,7 +30,7 @@ void AnswerWithoutServer(Peers& peers, CommandSource& commands, std::string_view
         } else if (EqualIgnoringCase(verb, "NOOP") || EqualIgnoringCase(verb, "RSET")) {
             answer = kOk;
         } else {
-            answer = refusal;
+            answer = peers.Own(refusal);
         }
     }
     peers.client.EndSending();

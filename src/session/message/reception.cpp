@@ -103,9 +103,9 @@ Received Reception::Abandon() {
 Received Reception::AnswerAndEnd() {
     NoteReceived();
     spool_.Remove();
-    const std::string_view answer = refusal_ == Refusal::kTooLarge      ? kMessageTooLarge
-                                    : refusal_ == Refusal::kBareNewline ? kBareNewline
-                                                                        : kDiskFull;
+    const std::string answer = peers_.Own(refusal_ == Refusal::kTooLarge      ? kMessageTooLarge
+                                          : refusal_ == Refusal::kBareNewline ? kBareNewline
+                                                                              : kDiskFull);
     if (peers_.client.Send(answer)) peers_.journal.Replied(answer);
     peers_.client.EndSending();
     return Received::kFailed;

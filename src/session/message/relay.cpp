@@ -81,7 +81,7 @@ bool MessageRelay::AnswerFailedScan(int* expectReply) {
     *expectReply = 0;
     // A server that didn't answer a NOOP in time may do so yet: its replies would be one behind
     // from now on, and one recipient's pass for another's.
-    return !peers_.lost && peers_.AnswerInsteadOfServer(kNotChecked);
+    return !peers_.lost && peers_.AnswerInsteadOfServer(peers_.Own(kNotChecked));
 }
 
 bool MessageRelay::Deliver(int* expectReply) {
@@ -99,7 +99,7 @@ bool MessageRelay::Deliver(int* expectReply) {
     *expectReply = 0;
     if (!peers_.server.ReadReply(reply_)) return false;
     peers_.journal.TakeQueueId(reply_.Last());
-    return Answer(kRejected);
+    return Answer(peers_.Own(kRejected));
 }
 
 // The client's answer, if it isn't the server's next reply.
@@ -121,7 +121,7 @@ bool MessageRelay::AnswerRefusal(int* expectReply) {
 // A message that was rejected anyway keeps the reason that its client has to hear: for a passing
 // fault of the copy to the redirects it would come again and again.
 void MessageRelay::NoteRefusal() {
-    refusal_ = verdict_ == VERDICT_REJECT ? std::string(kRejected) : reply_.text;
+    refusal_ = verdict_ == VERDICT_REJECT ? peers_.Own(kRejected) : reply_.text;
 }
 
 // False ends the session; refusal_ says if the server wants the sender no more, or keeps what it
@@ -133,7 +133,7 @@ bool MessageRelay::OpenFreshEnvelope() {
         if (peers_.settings.options.tellServer == TellServer::kXforward && !peers_.TellOfClient())
             return false;
         if (peers_.untold) {
-            reply_.text = kClientUntold;
+            reply_.text = peers_.Own(kClientUntold);
         } else if (!peers_.server.Ask(*envelope_.savedMailLine, reply_)) {
             return false;
         }

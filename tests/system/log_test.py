@@ -1,19 +1,12 @@
-"""The lines of the log for sessions and messages, the ids in replies, and vtlog, which finds the one by the other."""
+"""The lines of the log for sessions and messages, and the ids in replies."""
 
 import json
-import os
 import re
 import signal
-import subprocess
-import time
 import unittest
 
-from harness import BIN, NET, Client, MailServer, Proxy, ScanDaemon, clean, flat, verdict, wait_until
-
-FORMAT = "/VTWIN/Daemons/LoggerDaemon/Format"
-QUEUED = b"250 2.0.0 Ok: queued as 4TzXq2\r\n"
-BODY = b"Subject: x\r\nMessage-ID: <1@example.com>\r\n\r\nhello\r\n"
-NUMBERS = ("size", "reception_ms", "scan_ms", "relay_ms", "messages", "duration_ms")
+from harness import NET, clean, flat, verdict, wait_until
+from logged import BODY, FORMAT, QUEUED, Logged
 
 
 def finding(mask, what, section_mask=0, recipients=None):
@@ -21,69 +14,6 @@ def finding(mask, what, section_mask=0, recipients=None):
     thing = ([(0x0500, "message"), (0x0700, what), (0x3900, ""), (0x3A00, ""), (0x0801, 1), (0x0401, 1)], [])
     attributes = [(0x3800, "Antivirus"), (0x0801, 1), (0x1401, section_mask)]
     return flat([(0x1401, mask | 0x10)], [(attributes + ([(0x0F00, recipients)] if recipients else []), [thing])])
-
-
-class Logged(unittest.TestCase):
-    KEYS = {}
-
-    def setUp(self):
-        self.server = MailServer(END=QUEUED, EHLO=b"250-real.example\r\n250 CHUNKING\r\n")
-        self.proxy = Proxy(self.server.port, {NET + "/MaxMessageSize": "2000", **self.KEYS}, start=False)
-        self.addCleanup(self.server.close)
-        self.addCleanup(self.proxy.stop)
-        self.proxy.logger()
-        self.answer = clean()
-        self.scan = ScanDaemon(self.proxy.home, lambda request: self.answer)
-        self.addCleanup(self.scan.close)
-        self.proxy.start()
-
-    def client(self):
-        client = Client(self.proxy.port)
-        self.addCleanup(client.close)
-        return client
-
-    def lines(self, event):
-        """Those of an event in either format, as they stand in the log."""
-        return [line for line in self.proxy.log().splitlines() if " event=%s " % event in line or '"event":"%s"' % event in line]
-
-    def next_line(self, event, number):
-        self.assertTrue(wait_until(lambda: len(self.lines(event)) >= number), self.proxy.log())
-        self.assertEqual(len(self.lines(event)), number)
-        return self.lines(event)[-1]
-
-    def vtlog(self, *words):
-        done = subprocess.run([BIN + "/vtlog", *words], env=self.proxy.env, capture_output=True, text=True, timeout=60)
-        self.assertEqual(done.stderr, "")
-        return done.returncode, done.stdout.splitlines()
-
-    def expect(self, line, form, expected):
-        """The whole line, but for the time, the session's id and durations."""
-        if form == "json":
-            found = json.loads(line)
-            self.assertEqual(list(found), ["time", "event", *expected])
-            for name in NUMBERS:
-                self.assertIsInstance(found.get(name, 0), int, name)
-            moment, session = found.pop("time"), found["session"]
-            found.pop("event")
-            found = {name: str(value) for name, value in found.items()}
-        else:
-            parts = dict(re.findall(r'(?:^| )([a-z_]+)=("(?:[^"\\]|\\.)*"|[^" ]*)', line))
-            moment, session = parts["time"], parts["session"]
-            text = " ".join("%s=%s" % (name, value) for name, value in parts.items())
-            self.assertEqual(text, line, "nothing stands between the fields")
-            self.assertEqual(list(parts), ["time", "event", *expected])
-            for name, value in parts.items():
-                self.assertEqual(value.startswith('"'), not re.fullmatch(r'[^\x00-\x20\x7f-\xff"\\=]+', value.strip('"')), name)
-            found = {name: value.strip('"') for name, value in parts.items() if name not in ("time", "event")}
-        self.assertRegex(moment, r"\A\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z\Z")
-        self.assertRegex(session, r"\A[0-9a-z]{14}\Z")
-        for name, value in found.items():
-            wanted = expected[name]
-            if wanted is int:
-                self.assertRegex(value, r"\A\d+\Z", name)
-                self.assertLess(int(value), 20000, name)
-            else:
-                self.assertEqual(value, wanted.replace("SESSION", session), name)
 
 
 class LogLines(Logged):
@@ -288,67 +218,6 @@ class IdInReplies(Logged):
         self.assertIn(" id=%s " % second, lines[0])
         self.assertEqual(len(self.vtlog("find", "--id", session)[1]), 3, "both messages, and the session")
         self.assertEqual(self.vtlog("find", "--id", second + "0"), (1, []))
-
-
-class Vtlog(Logged):
-    KEYS = {"/VTWIN/Daemons/LoggerDaemon/MaxLogSize": "1500"}
-
-    def mail(self, sender):
-        client = self.client()
-        client.envelope(sender=sender)
-        client.data(BODY + b".\r\n")
-        client.close()
-        self.assertTrue(wait_until(lambda: self.vtlog("find", "--from", sender.decode())[1]), sender)
-
-    def follow(self, *words):
-        process = subprocess.Popen([BIN + "/vtlog", "follow", *words], env=self.proxy.env, stdout=subprocess.PIPE, text=True)
-        self.addCleanup(process.stdout.close)
-        time.sleep(0.5)
-        return process
-
-    def test_find_over_all_files_in_both_formats(self):
-        for i in range(8):
-            self.proxy.tool("set", FORMAT, "json" if i % 2 else "text")
-            self.mail(b"s%d@example.org" % i)
-        self.assertIn("vtlogd.log.2", os.listdir(self.proxy.home + "/log"))
-        code, lines = self.vtlog("find", "--to", "R@example.org", "--json")
-        self.assertEqual(code, 0)
-        self.assertEqual([json.loads(line)["from"] for line in lines], ["s%d@example.org" % i for i in range(8)])
-        code, lines = self.vtlog("find", "--from", "@example.org", "--verdict", "forward", "--peer", "127.0.0.0/8", "--since", "1h")
-        self.assertEqual([re.search(r" from=(\S+)", line)[1] for line in lines], ["s%d@example.org" % i for i in range(8)])
-        for words in (("--verdict", "reject"), ("--peer", "192.0.2.1"), ("--until", "1h"), ("--from", "s@example.org")):
-            self.assertEqual(self.vtlog("find", *words), (1, []), words)
-
-    def test_follow_goes_on_over_rotation_and_ends_at_once(self):
-        self.mail(b"before@example.org")
-        process = self.follow("--to", "r@example.org")
-        for i in range(8):
-            self.mail(b"s%d@example.org" % i)
-        os.unlink(self.proxy.home + "/log/vtlogd.log")
-        self.mail(b"last@example.org")
-        senders = [re.search(r" from=(\S+)@", process.stdout.readline())[1] for _ in range(9)]
-        self.assertEqual(senders, ["s%d" % i for i in range(8)] + ["last"])
-        process.send_signal(signal.SIGINT)
-        self.assertEqual(process.wait(5), 0)
-        self.assertEqual(process.stdout.read(), "")
-
-    def test_a_reader_that_goes_ends_it(self):
-        process = self.follow()
-        process.stdout.close()
-        self.mail(b"a@example.org")
-        self.assertEqual(process.wait(5), 0)
-
-    def test_words_and_files_that_are_wrong(self):
-        for words in (("find", "--since", "yesterday"), ("find", "--verdict", "maybe"), ("find", "--peer", "x"), ("find", "x"),
-                      ("find", "--id"), ("look",), ()):
-            done = subprocess.run([BIN + "/vtlog", *words], env=self.proxy.env, capture_output=True, text=True)
-            self.assertEqual((done.returncode, done.stdout), (2, ""), words)
-        for file in os.listdir(self.proxy.home + "/log"):
-            os.unlink(self.proxy.home + "/log/" + file)
-        for word in ("find", "follow"):
-            done = subprocess.run([BIN + "/vtlog", word], env=self.proxy.env, capture_output=True, text=True, timeout=20)
-            self.assertEqual((done.returncode, done.stdout), (3, ""))
-            self.assertIn("vtlogd.log", done.stderr)
 
 
 if __name__ == "__main__":

@@ -29,7 +29,9 @@ TEST(Machines, WhoMayAsk) {
         {"0", Access::kAccount, Access::kAccount},
     };
     for (const auto& each : cases) {
-        if (each.word != nullptr) ASSERT_EQ(TrelisSetValue(kLocalStore, key.c_str(), each.word), 0);
+        if (each.word != nullptr) {
+            ASSERT_EQ(TrelisSetValue(kLocalStore, key.c_str(), each.word), 0);
+        }
         HttpRequest request;
         EXPECT_EQ(MayAsk(request), each.remote) << (each.word != nullptr ? each.word : "(none)");
         request.local = true;

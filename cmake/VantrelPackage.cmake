@@ -19,7 +19,8 @@ install(FILES ${units} DESTINATION lib/systemd/system)
 install(PROGRAMS packaging/clamd-settings DESTINATION ${VANTREL_PROGRAM_DIR})
 install(FILES packaging/completion/vtlog packaging/completion/vtregistry packaging/completion/vtsmtpproxy
   DESTINATION share/bash-completion/completions)
-install(FILES packaging/completion/_vtlog packaging/completion/_vtregistry DESTINATION share/zsh/vendor-completions)
+install(FILES packaging/completion/_vtlog packaging/completion/_vtregistry packaging/completion/_vtsmtpproxy
+  DESTINATION share/zsh/vendor-completions)
 install(FILES packaging/prometheus/alerts.yml DESTINATION share/vantrel/prometheus)
 install(FILES packaging/grafana/vantrel.json DESTINATION share/vantrel/grafana)
 install(FILES README.md ARCHITECTURE.md DESTINATION share/doc/vantrel)

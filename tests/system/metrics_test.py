@@ -4,6 +4,7 @@ import collections
 import os
 import signal
 import socket
+import ssl
 import subprocess
 import unittest
 
@@ -12,6 +13,7 @@ from harness import BIN, NET, verdict, wait_until
 from metrics import STATS, Pages
 from scanning import Scanning
 from system_test import System
+from tls import Tls, TlsClient
 
 FORWARD, REJECT, DROP = (b"Subject: %d\r\n\r\n" % number + b"x" * 100 * number + b"\r\n" for number in range(3))
 
@@ -155,6 +157,26 @@ class Counted(System):
         after = self.quiet()
         self.assertEqual(after['vantrel_program_up{program="vtsmtpproxy"}'], 1)
         self.assertEqual(after['vantrel_messages_total{verdict="forward"}'], 0)
+
+
+class CountedTls(Tls):
+    def test_handshakes_by_version(self):
+        self.start({"TLS/Mode": "offer"})
+        pages = Pages(self.proxy)
+        for version, more in ((ssl.TLSVersion.TLSv1_2, 1), (ssl.TLSVersion.TLSv1_3, 2)):
+            for _ in range(more):
+                client = TlsClient(self.proxy.port)
+                self.addCleanup(client.close)
+                client.start_tls(self.authority.trusting(version))
+        distrustful = TlsClient(self.proxy.port)
+        self.addCleanup(distrustful.close)
+        with self.assertRaises(ssl.SSLError):
+            distrustful.start_tls(ssl.create_default_context())
+        counted = {name: value for name, value in pages.numbers().items() if name.startswith("vantrel_tls_sessions_total")}
+        # With TLS 1.3 the server has finished before a client can say that it doesn't trust it.
+        self.assertEqual(counted['vantrel_tls_sessions_total{version="TLSv1.2"}'], 1)
+        self.assertIn(counted['vantrel_tls_sessions_total{version="TLSv1.3"}'], (2, 3))
+        self.assertEqual(counted['vantrel_tls_sessions_total{version="other"}'], 0)
 
 
 class Access(System):

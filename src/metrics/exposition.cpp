@@ -27,17 +27,6 @@ std::string NumberText(double value) {
     return error == std::errc() ? std::string(text, end) : "NaN";
 }
 
-// A label's value: clean UTF-8, of which these are the only ones to be escaped; a line feed is none
-// that is left.
-std::string Escaped(std::string_view value) {
-    std::string text;
-    for (const char each : CleanText(value)) {
-        if (each == '"' || each == '\\') text += '\\';
-        text += each;
-    }
-    return text;
-}
-
 std::string_view Name(const Snapshot& from) {
     return kProgramNames[static_cast<std::size_t>(from.program)];
 }
@@ -90,7 +79,7 @@ void Exposition::Sample(const Pairs& labels, double value, std::string_view suff
     text_.append(name_).append(suffix);
     for (const auto& [label, text] : labels) {
         text_ += &label == &labels.front().first ? '{' : ',';
-        text_.append(label).append("=\"").append(Escaped(text)).append("\"");
+        text_.append(label).append("=").append(QuotedText(text));
     }
     if (!labels.empty()) text_ += '}';
     text_.append(" ").append(NumberText(value)).append("\n");

@@ -49,34 +49,26 @@ std::string Sessions(const State& state) {
     return text;
 }
 
-// Clean texts have no controls: these two are all that has to be escaped.
-std::string Quote(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char each : CleanText(text)) {
-        if (each == '"' || each == '\\') quoted += '\\';
-        quoted += each;
-    }
-    return quoted + '"';
-}
-
 const char* Truth(bool value) { return value ? "true" : "false"; }
 
 std::string JsonOf(const ProgramView& each) {
-    std::string text = "{\"name\": " + Quote(each.name) + ", \"running\": " + Truth(each.running);
+    std::string text =
+        "{\"name\": " + QuotedText(each.name) + ", \"running\": " + Truth(each.running);
     if (each.running)
         text += ", \"pid\": " + std::to_string(each.process) +
                 ", \"started\": " + std::to_string(each.started) +
-                ", \"version\": " + Quote(each.version);
+                ", \"version\": " + QuotedText(each.version);
     return text + '}';
 }
 
 std::string JsonOf(const EngineView& each) {
-    return "{\"name\": " + Quote(each.name) + ", \"up\": " + Truth(each.up) + '}';
+    return "{\"name\": " + QuotedText(each.name) + ", \"up\": " + Truth(each.up) + '}';
 }
 
 std::string JsonOf(const Session& each) {
-    return "{\"id\": " + Quote(each.id) + ", \"peer\": " + Quote(each.peer) +
-           ", \"interface\": " + Quote(each.interface) + ", \"phase\": " + Quote(each.phase) +
+    return "{\"id\": " + QuotedText(each.id) + ", \"peer\": " + QuotedText(each.peer) +
+           ", \"interface\": " + QuotedText(each.interface) +
+           ", \"phase\": " + QuotedText(each.phase) +
            ", \"age_ms\": " + std::to_string(each.ageMs) +
            ", \"bytes\": " + std::to_string(each.bytes) + '}';
 }

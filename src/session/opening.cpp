@@ -67,10 +67,15 @@ bool CSMTPProxy::IsClientDenied() {
     peers_.address = known ? peers_.identity.address.Text() : "Unknown";
     // Whoever has been told of speaks for nobody, though somebody trusted may have put him through.
     peers_.trusted = known && settings_.options.Trusts(peers_.identity.address);
+    SessionRecord& record = peers_.journal.session;
+    record.peer = peers_.address;
+    record.toldBy = peers_.identity.toldBy;
+    record.helo = peers_.identity.helo;
     peers_.relayAllowed = known && settings_.MayRelay(peers_.identity.address);
     const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
     if (!known || filters == nullptr || filters->CheckIP(peers_.address.c_str()) != 2) return false;
     peers_.SendStatEvent(80, nullptr, nullptr);
+    record.ended = kEndedDenied;
     return true;
 }
 
@@ -185,6 +190,7 @@ bool CSMTPProxy::Wanted() { return !stopRequested_ && !client_.PeerGone(); }
 
 void CSMTPProxy::AnswerOutage(ConnectFailure failure) {
     if (stopRequested_) failure = ConnectFailure::kGivenUp;
+    peers_.journal.session.ended = kEndedOutage;
     client_.Send(OutageReply(settings_.greetingName, failure));
     client_.EndSending();
 }

@@ -27,7 +27,9 @@ int KeepAlive(void* context) {
 bool Peers::AnswerInsteadOfServer(std::string_view answer) {
     ServerReply reply;
     const bool inStep = server.Ask("RSET\r\n", reply) && !reply.Is("421");
-    return client.Send(answer) && inStep;
+    const bool sent = client.Send(answer);
+    if (sent) journal.Replied(answer);
+    return sent && inStep;
 }
 
 bool Peers::TellOfClient() {

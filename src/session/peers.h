@@ -6,6 +6,7 @@
 
 #include "net/stream.h"
 #include "session/client/identity.h"
+#include "session/journal.h"
 #include "session/server_link.h"
 #include "session/settings.h"
 
@@ -35,13 +36,15 @@ struct Peers {
     bool restart = false;
     // A keep-alive has failed: a peer has gone, or the server is out of step. The session ends.
     bool lost = false;
+    // What the log will tell of the session and of the message in hand.
+    Journal journal{};
 
     // Tells the server with XCLIENT or XFORWARD who the client is; sets `untold`. False: the server
     // has gone.
     bool TellOfClient();
     // Gives the client the answer to a message that goes no further, once the server has forgotten
     // what it had of it. False: the session ends, for the server is out of step or a peer has gone;
-    // the client has its answer all the same.
+    // the client has its answer all the same, which is noted as the message's.
     bool AnswerInsteadOfServer(std::string_view answer);
     // Tells the statistics daemon of a filter's verdict; null texts are left out.
     void SendStatEvent(int eventCode, const char* sender, const char* recipient) const;

@@ -48,5 +48,6 @@ bool SecureClient(Peers& peers, const TlsContext& context) {
         return false;
     }
     peers.client.Secure(std::move(outcome.transport));
+    peers.journal.session.tls = outcome.protocol + " " + outcome.cipher;
     return true;
 }

@@ -90,6 +90,9 @@ int CSMTPProxy::RunSession() {
     } catch (...) {  // memory ran out: an ordinary end
     }
     counted.GiveBack();
+    if (stopRequested_ && peers_.journal.session.ended != kEndedQuit)
+        peers_.journal.session.ended = kEndedStop;
+    peers_.journal.EndSession();
     // A message that was abandoned between two chunks, or by an exception. The file has its name
     // from the client's socket, whose number the next session may get.
     spool_.Remove();

@@ -191,13 +191,14 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     const bool last = tokenCount_ == 3;
     // The chunk is read before the envelope is looked at, or its bytes would be taken for commands.
     const Chunk chunk{envelope_.messagePhase != PHASE_BDAT, last, envelope_.binaryMime, size};
+    // Bytes that nobody has announced a message for are none.
+    const bool announced = refusal.empty() && envelope_.haveRecipient && envelope_.haveMail;
+    if (chunk.first && announced) peers_.journal.BeginMessage(envelope_, "bdat");
     switch (reception_.ReceiveChunk(chunk)) {
         case Received::kWhole:
             break;
         case Received::kTooLarge:
-            envelope_.Clear();
-            return peers_.AnswerInsteadOfServer(kMessageTooLarge) ? Outcome::kAnswered
-                                                                  : Outcome::kEndSession;
+            return RefuseLargeMessage();
         case Received::kFailed:
             return Outcome::kEndSession;
     }
@@ -209,6 +210,13 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     return last ? Outcome::kMessage : Answer(kChunkReceived);
 }
 
+Dialogue::Outcome Dialogue::RefuseLargeMessage() {
+    envelope_.Clear();
+    const bool inStep = peers_.AnswerInsteadOfServer(kMessageTooLarge);
+    peers_.journal.EndMessage();
+    return inStep ? Outcome::kAnswered : Outcome::kEndSession;
+}
+
 // What the client calls itself goes to the server as it came, and is told it where that is asked.
 Dialogue::Outcome Dialogue::GreetingRule() {
     const std::size_t begin = line_.find_first_of(" \t");
@@ -217,6 +225,7 @@ Dialogue::Outcome Dialogue::GreetingRule() {
                       ? std::string()
                       : line_.substr(name, line_.find_first_of(" \t\r\n", name) - name);
     peers_.proto = inFlight_ == CMD_EHLO ? "ESMTP" : "SMTP";
+    if (peers_.identity.helo.empty()) peers_.journal.session.helo = peers_.helo;
     return Outcome::kForward;
 }
 

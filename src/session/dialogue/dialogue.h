@@ -113,6 +113,7 @@ class Dialogue {
     Outcome DataRule();
     std::string_view NotBefore() const;
     Outcome ChunkRule();
+    Outcome RefuseLargeMessage();
     Outcome GreetingRule();
     Outcome AuthRule();
     Outcome StartTlsRule();

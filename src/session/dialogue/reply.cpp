@@ -55,7 +55,10 @@ bool Dialogue::RelayReply() {
         return peers_.client.Send(kBeforeGreeting);
     }
     // Also what came of a reply that never ended.
-    return Reply(pending) && !reader.Failed();
+    const bool sent = Reply(pending);
+    peers_.journal.ServerReplied(sent ? std::string_view(pending) : std::string_view(),
+                                 envelope_.messagePhase == PHASE_NONE);
+    return sent && !reader.Failed();
 }
 
 // What the reply means for what comes next, whatever the client sees of it.
@@ -63,6 +66,7 @@ void Dialogue::NoteLine() {
     authAnswer_ = reply_.starts_with("334");
     // Whatever it says, the client has said its last word; and a server that answers 421 closes.
     if (inFlight_ == CMD_QUIT || reply_.starts_with("421")) closing_ = true;
+    if (inFlight_ == CMD_QUIT) peers_.journal.session.ended = kEndedQuit;
     if (inFlight_ == CMD_AUTH && reply_.starts_with("235")) peers_.authenticated = true;
     if (inFlight_ == CMD_STARTTLS && reply_.starts_with("220")) startedTls_ = true;
     // It takes what follows for a message, which would pass unscanned; or, in a batch, the next

@@ -54,6 +54,7 @@ int Reception::Read(char* block, int size, milliseconds limit) {
 
 void Reception::Store(std::string_view bytes) {
     const auto length = static_cast<long long>(bytes.size());
+    peers_.journal.Feed(bytes);
     if (refusal_ != Refusal::kNone) {
         drained_ += length;
         return;
@@ -91,24 +92,30 @@ bool Reception::IntervalOver() const {
            seconds(peers_.settings.noopInterval);
 }
 
+void Reception::NoteReceived() { peers_.journal.Received(spool_.Size() + drained_); }
+
 Received Reception::Abandon() {
+    NoteReceived();
     spool_.Remove();
     return Received::kFailed;
 }
 
 Received Reception::AnswerAndEnd() {
+    NoteReceived();
     spool_.Remove();
-    peers_.client.Send(refusal_ == Refusal::kTooLarge      ? kMessageTooLarge
-                       : refusal_ == Refusal::kBareNewline ? kBareNewline
-                                                           : kDiskFull);
+    const std::string_view answer = refusal_ == Refusal::kTooLarge      ? kMessageTooLarge
+                                    : refusal_ == Refusal::kBareNewline ? kBareNewline
+                                                                        : kDiskFull;
+    if (peers_.client.Send(answer)) peers_.journal.Replied(answer);
     peers_.client.EndSending();
     return Received::kFailed;
 }
 
 Received Reception::Finish() {
-    if (refusal_ == Refusal::kTooLarge) return Received::kTooLarge;
-    if (refusal_ == Refusal::kNone && spool_.Close()) return Received::kWhole;
-    return AnswerAndEnd();
+    if (refusal_ != Refusal::kTooLarge && (refusal_ != Refusal::kNone || !spool_.Close()))
+        return AnswerAndEnd();
+    NoteReceived();
+    return refusal_ == Refusal::kTooLarge ? Received::kTooLarge : Received::kWhole;
 }
 
 bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {

@@ -31,12 +31,27 @@ TextList SplitAddresses(const std::string& text) {
     return pieces;
 }
 
+std::string_view WordOf(Verdict verdict) {
+    switch (verdict) {
+        case VERDICT_FORWARD:
+            return kVerdictForward;
+        case VERDICT_REJECT:
+            return kVerdictReject;
+        case VERDICT_DROP:
+            return kVerdictDrop;
+        case VERDICT_FAILED:
+            break;
+    }
+    return kVerdictFailed;
+}
+
 }  // namespace
 
 int MessageRelay::Run(int* expectReply) {
     std::string redirectAddresses;
     verdict_ = ScanMessage(peers_, envelope_, spool_, redirectAddresses);
     redirects_ = SplitAddresses(redirectAddresses);
+    peers_.journal.Scanned(WordOf(verdict_));
     bool goOn = false;
     if (verdict_ == VERDICT_FAILED) {
         spool_.KeepName();
@@ -51,6 +66,7 @@ int MessageRelay::Run(int* expectReply) {
                 goOn = peers_.server.Send("RSET\r\n");
                 break;
             case SpoolFile::Found::kUnreadable:
+                peers_.journal.message.verdict = kVerdictFailed;
                 goOn = AnswerFailedScan(expectReply);  // it must not be called accepted
                 break;
         }
@@ -81,7 +97,16 @@ bool MessageRelay::Deliver(int* expectReply) {
     if (!refusal_.empty()) return AnswerRefusal(expectReply);
     if (verdict_ != VERDICT_REJECT) return true;
     *expectReply = 0;
-    return peers_.server.ReadReply(reply_) && peers_.client.Send(kRejected);
+    if (!peers_.server.ReadReply(reply_)) return false;
+    peers_.journal.TakeQueueId(reply_.Last());
+    return Answer(kRejected);
+}
+
+// The client's answer, if it isn't the server's next reply.
+bool MessageRelay::Answer(std::string_view text) {
+    if (!peers_.client.Send(text)) return false;
+    peers_.journal.Replied(text);
+    return true;
 }
 
 // The server takes no message from this client, or not this one: that is the client's answer, and
@@ -89,7 +114,7 @@ bool MessageRelay::Deliver(int* expectReply) {
 bool MessageRelay::AnswerRefusal(int* expectReply) {
     *expectReply = 0;
     if (!refusal_.starts_with("421")) return peers_.AnswerInsteadOfServer(refusal_);
-    peers_.client.Send(refusal_);  // the session ends either way
+    Answer(refusal_);  // the session ends either way
     return false;
 }
 

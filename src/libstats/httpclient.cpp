@@ -29,17 +29,23 @@ std::string_view StripLineEnd(std::string_view line) {
 CHTTPClient::~CHTTPClient() { CloseConnection(); }
 
 int CHTTPClient::ConnectTo(const char* host, int port) {
+    const bool connected = Connect(host, port);
+    status_ = connected ? kNoAnswer : kNotReached;
+    return connected ? 0 : -1;
+}
+
+bool CHTTPClient::Connect(const char* host, int port) {
     if (ownDaemon_) {
         connection_.Close();
         const SOCKET made = SocketConnectLocal(kReportFolder, kReportSocket);
         connection_ = CSocket(made == INVALID_SOCKET ? 0 : made);
-        return connection_.Empty() ? -1 : 0;
+        return !connection_.Empty();
     }
     const SocketAddress address = NumericAddress(host, static_cast<std::uint16_t>(port));
-    if (address.V4().sin_addr.s_addr == INADDR_NONE || port < 1 || port > 0xFFFF) return -1;
+    if (address.V4().sin_addr.s_addr == INADDR_NONE || port < 1 || port > 0xFFFF) return false;
     // One exchange, one connection: an earlier one must not be lost open.
     connection_.Close();
-    return connection_.Create(1) && connection_.Connect(address) ? 0 : -1;
+    return connection_.Create(1) && connection_.Connect(address);
 }
 
 int CHTTPClient::CloseConnection() {

@@ -37,13 +37,23 @@ class CHTTPClient {
     // From now on ConnectTo goes to this instance's own statistics daemon, by a socket that no
     // other user can serve, whatever host and port it is given.
     void UseOwnDaemon() { ownDaemon_ = true; }
+    // How far the last exchange has got, for people: the response's status, kNoAnswer once there
+    // is a connection, kNotReached before.
+    static constexpr int kNotReached = -1;
+    static constexpr int kNoAnswer = 0;
+    int LastStatus() const { return status_; }
+    void NoteStatus(int status) { status_ = status; }
+
     // host is dotted text, port in host order. 0, or -1.
     int ConnectTo(const char* host, int port);
     // Ends the connection and forgets the headers. Always 0; the client can connect again.
     int CloseConnection();
 
   private:
+    bool Connect(const char* host, int port);
+
     std::map<std::string, std::string> headers_;  // by name in lower case
     CSocket connection_;
     bool ownDaemon_ = false;
+    int status_ = kNotReached;
 };

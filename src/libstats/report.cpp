@@ -94,7 +94,8 @@ bool ReceiveBody(CHTTPClient& client, int length, const char* path) {
 }
 
 ReportPath ReceiveReport(CHTTPClient& client, const char* extension) {
-    if (ReadStatus(client) != kStatusOk) return nullptr;
+    client.NoteStatus(ReadStatus(client));
+    if (client.LastStatus() != kStatusOk) return nullptr;
     client.ReadHeaders();
     const std::optional<int> length = ReadLength(client);
     if (!length) return nullptr;

@@ -10,13 +10,15 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 class LineGatherer {
   public:
     using Send = void (*)(const std::string& lines, std::uint32_t count);
     using Lose = void (*)(std::uint32_t count);
 
-    // The first line waits so long for others, unless there are so many bytes before.
+    // The first line waits so long for others, unless there are so many bytes before. What is sent
+    // at once has no more than these and one line.
     static constexpr std::chrono::milliseconds kLongestWait{200};
     static constexpr std::size_t kEnough = 32768;
     // More isn't held: the thread gets no time, or no memory.
@@ -37,16 +39,22 @@ class LineGatherer {
     void Close();
 
   private:
+    struct Batch {
+        std::string lines;
+        std::uint32_t count = 0;
+    };
     // Whether the line is held, and the thread runs.
     bool Take(std::string_view line);
     void Work();
+    void SendAll(std::vector<Batch>& batches);
 
     const Send send_;
     const Lose lose_;
     std::mutex mutex_;  // guards all below
     std::condition_variable changed_;
-    std::string lines_;
-    std::uint32_t count_ = 0;  // of lines_
+    Batch gathered_;           // what is gathered
+    std::vector<Batch> full_;  // in front of it
+    std::size_t bytes_ = 0;    // of all of them
     bool open_ = false;
     std::thread thread_;
 };

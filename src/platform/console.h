@@ -1,6 +1,7 @@
 // The console: its interrupt and its streams, for the foreground mode.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -45,6 +46,9 @@ class QuietTerminal {
   private:
     bool active_;
 };
+
+// The characters in a line of the terminal that standard output is; 0 if it is none.
+std::size_t TerminalColumns();
 
 enum class Echo { kOn, kOff };
 // Asks the person at the process's terminal, wherever its streams lead: a line without its end.

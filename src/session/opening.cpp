@@ -48,6 +48,7 @@ bool CSMTPProxy::LearnClient() {
     if (options.proxyProtocol || options.tellServer != TellServer::kOff)
         clientSocket_.GetOwnAddress(own);
     peers_.ownAddress = IpAddress::Of(peer);
+    peers_.journal.session.peer = peers_.ownAddress.Text();
     ClientIdentity& identity = peers_.identity;
     identity.address = peers_.ownAddress;
     identity.port = peer.Port();

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +25,7 @@
 #include "text/day.h"
 #include "text/printable.h"
 #include "text/usage.h"
+#include "tools/report_tables.h"
 
 namespace {
 
@@ -163,27 +165,40 @@ Credentials FindCredentials(const std::string& address) {
 
 // Output
 
-void PrintTable(ReportTable table) {
-    std::vector<std::size_t> widths;
-    for (ReportRow& row : table) {
-        if (widths.size() < row.size()) widths.resize(row.size());
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            row[i] = CleanText(row[i]);  // what comes from elsewhere must not steer the terminal
-            widths[i] = std::max(widths[i], TextWidth(row[i]));
-        }
-    }
-    for (const ReportRow& row : table) {
-        std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            line += row[i];
-            if (i + 1 < row.size()) line.append(widths[i] - TextWidth(row[i]) + 2, ' ');
-        }
-        std::puts(line.c_str());
+// Why there is no report, and what to do.
+std::string Failure(const CHTTPClient& client, const Options& options, bool knownUser) {
+    constexpr int kBadRequest = 400;
+    constexpr int kUnauthorized = 401;
+    constexpr int kForbidden = 403;
+    constexpr int kBusy = 503;
+    constexpr int kOk = 200;
+    const std::string what = "no report from " + options.host + ": ";
+    switch (const int status = client.LastStatus()) {
+        case CHTTPClient::kNotReached:
+            return what +
+                   "the statistics daemon (vtstatd) doesn't run there, or its HTTPPort can't "
+                   "be reached";
+        case CHTTPClient::kNoAnswer:
+            return what + "the statistics daemon was reached, but gives no answer";
+        case kUnauthorized:
+        case kForbidden:
+            if (knownUser) return what + "it refuses user and password";
+            return what + "it refuses to answer without user and password: set " + kUserVariable +
+                   " and " + kPasswordVariable + ", or run it in a terminal";
+        case kBadRequest:
+            return what + "it can't do anything with the days from " + FormatDay(*options.from) +
+                   " to " + FormatDay(*options.to);
+        case kBusy:
+            return what + "it is busy, try again";
+        case kOk:
+            return what + "it has ended before it was whole, or can't be written here";
+        default:
+            return what + "it answers with the HTTP status " + std::to_string(status);
     }
 }
 
 int ShowTables(libstats::CLibStats& stats, CHTTPClient* client, const ReportQuery& query,
-               const std::string& failure) {
+               const std::function<std::string()>& failure) {
     // The tables come by way of a file, which needs a place that a person can write to, and which
     // stays there where the exchange fails.
     std::error_code error;
@@ -193,19 +208,17 @@ int ShowTables(libstats::CLibStats& stats, CHTTPClient* client, const ReportQuer
     platform::SetCommandLineArguments({"vtreport", place + "/"});
     const std::unique_ptr<ReportTables> tables = stats.GetReportTables(client, &query);
     std::filesystem::remove_all(place, error);
-    if (tables == nullptr) return Fail(failure);
-    bool first = true;
-    for (ReportTable& table : *tables) {
-        if (!first) std::puts("");
-        first = false;
-        PrintTable(std::move(table));
-    }
-    if (first) std::puts("The report is empty.");
+    if (tables == nullptr) return Fail(failure());
+    std::printf("Mail from %s to %s (UTC)\n", query.DateStart, query.DateEnd);
+    const std::size_t width = TerminalWidth();
+    for (const ReportTable& table : *tables)
+        std::printf("\n%s", TableForTerminal(table, width).c_str());
+    if (tables->empty()) std::puts("\nnothing in this period");
     return std::fflush(stdout) == 0 ? kExitFine : Fail("can't write the tables");
 }
 
 int MakeFile(libstats::CLibStats& stats, CHTTPClient* client, const ReportQuery& query,
-             const std::string& failure) {
+             const std::function<std::string()>& failure) {
     // Report files go where the second argument points, if it has a separator: here, and not
     // beside the program, where a person can't write.
     std::error_code error;
@@ -215,7 +228,7 @@ int MakeFile(libstats::CLibStats& stats, CHTTPClient* client, const ReportQuery&
     if (!platform::MayMakeFiles(here.c_str()))
         return Fail("can't write to the current directory, " + here.string());
     const ReportPath path = stats.GetFormattedReportFile(client, &query);
-    if (path == nullptr) return Fail(failure);
+    if (path == nullptr) return Fail(failure());
     std::puts(path.get());
     return std::fflush(stdout) == 0 ? kExitFine : Fail("can't write the path");
 }
@@ -237,13 +250,7 @@ int Report(const Options& options, const std::string& address, const Credentials
     query.TimePeriod = kNoPeriod;
     std::snprintf(query.DateStart, sizeof query.DateStart, "%s", FormatDay(*options.from).c_str());
     std::snprintf(query.DateEnd, sizeof query.DateEnd, "%s", FormatDay(*options.to).c_str());
-    const std::string failure =
-        "no report from " + options.host +
-        ": the statistics daemon doesn't answer there, or it refuses " +
-        (credentials.user.empty()
-             ? std::string("to answer without user and password: set ") + kUserVariable + " and " +
-                   kPasswordVariable + ", or run it in a terminal"
-             : std::string("user and password"));
+    const auto failure = [&] { return Failure(*client, options, !credentials.user.empty()); };
     const int code = options.format == 0 ? ShowTables(stats, client, query, failure)
                                          : MakeFile(stats, client, query, failure);
     stats.ReleaseHTTPClient(&client);

@@ -3,10 +3,13 @@
 import json
 import re
 import signal
+import smtplib
+import ssl
 import unittest
 
 from harness import NET, clean, flat, verdict, wait_until
 from logged import BODY, FORMAT, QUEUED, Logged
+from tls import Authority
 
 
 def finding(mask, what, section_mask=0, recipients=None):
@@ -125,6 +128,37 @@ class LogLines(Logged):
         ids = [re.search(r" id=(\S+)", line)[1] for line in self.lines("message")]
         self.assertEqual(len(set(ids)), 301)
         self.assertEqual([each.split("-")[1] for each in ids], [str(i + 1) for i in range(300)] + ["1"])
+
+
+class WhoSpoke(Logged):
+    KEYS = {NET + "/Trust/lb": "127.0.0.1", NET + "/ProxyProtocol": "Y"}
+
+    def test_who_somebody_trusted_has_told_of(self):
+        client = self.client()
+        client.send(b"PROXY TCP4 192.0.2.7 203.0.113.25 40000 25\r\n")
+        client.envelope()
+        client.data(BODY + b".\r\n")
+        self.assertIn(" peer=192.0.2.7 told_by=127.0.0.1 helo=me ", self.next_line("message", 1))
+        client.close()
+        self.proxy.change({NET + "/ProxyProtocol": "N"})
+        client = self.client()
+        client.reply()
+        self.assertEqual(client.ask(b"XCLIENT ADDR=192.0.2.8 HELO=it")[:3], b"220")
+        client.ask(b"EHLO other")
+        client.mail()
+        client.data(BODY + b".\r\n")
+        self.assertIn(" peer=192.0.2.8 told_by=127.0.0.1 helo=it ", self.next_line("message", 2))
+
+    def test_tls(self):
+        authority = Authority()
+        self.addCleanup(authority.close)
+        self.proxy.change({NET + "/TLS/Mode": "offer", NET + "/TLS/Certificate": authority.issue("proxy.pem"),
+                           NET + "/ProxyProtocol": "N"})
+        with smtplib.SMTP("127.0.0.1", self.proxy.port, local_hostname="me", timeout=20) as client:
+            client.starttls(context=ssl._create_unverified_context())
+            client.sendmail("s@example.org", ["r@example.org"], BODY)
+            suite = client.sock.cipher()
+        self.assertIn(' tls="%s %s" ' % (suite[1], suite[0]), self.next_line("message", 1))
 
 
 class Abandoned(Logged):

@@ -87,8 +87,8 @@ class Report(unittest.TestCase):
         self.serve(ok(TABLES))
         result = self.run_it("--from", "2024-01-31", "--to", "2024-02-29")
         self.assertEqual(result.returncode, 0, result)
-        self.assertEqual(result.stdout.decode(),
-                         "Event         Count\nDenied peers  10.0.0.1  7\n\ncaf\u00e9  ?[31m\n")
+        self.assertEqual(result.stdout.decode(), "Mail from 2024-01-31 to 2024-02-29 (UTC)\n\nBy event\n\n"
+                         "Event         Count\nDenied peers  10.0.0.1  7\n\nBy caf\u00e9\n\nnothing in this period\n")
         token = base64.b64encode(b"joe:s:e")
         self.assertIn(b"basic " + token + b"\r\n", self.server.requests[0])
         self.assertIn(b"request_type=3&", self.server.requests[0])
@@ -123,13 +123,27 @@ class Report(unittest.TestCase):
     def test_an_empty_report(self):
         self.serve(ok(b"0"))
         result = self.run_it()
-        self.assertEqual((result.returncode, result.stdout), (0, b"The report is empty.\n"))
+        self.assertEqual((result.returncode, result.stdout.decode().splitlines()[1:]), (0, ["", "nothing in this period"]))
+
+    def test_a_wide_table_fits_the_page(self):
+        sender, counts = "s" * 200 + "@example.org", (0, 7, 1234567, 0)
+        row = [sender, *(counts * 4), "99"]
+        self.serve(ok((f"2 {len(row)} Sender " + " ".join("Refused" for _ in row[1:]) + ' "' + '" "'.join(map(str, row)) + '"').encode()))
+        lines = self.run_it().stdout.decode().splitlines()
+        self.assertEqual(max(map(len, lines[4:6])), 100)
+        self.assertEqual(lines[5].split()[1:], ["7", "1234567"] * 4 + ["99"])
+        self.assertRegex(lines[5], r"^s+\.\.  ")
+        self.assertEqual(lines[6], "(0 in all: " + ", ".join(["Refused"] * 8) + ")")
 
     def test_failures(self):
-        self.serve(b"HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n\r\n")
-        self.fails(self.run_it(), "no report from 127.0.0.1")
+        for status, why in (("401 Unauthorized", "refuses user and password"), ("400 Bad Request", "can't do anything with the days"),
+                            ("503 Busy", "busy"), ("500 Oops", "status 500")):
+            self.serve(b"HTTP/1.1 %s\r\nContent-Length: 0\r\n\r\n" % status.encode())
+            self.fails(self.run_it(), "no report from 127.0.0.1: .*" + why)
+        self.serve(b"")
+        self.fails(self.run_it(), "gives no answer")
         self.serve(ok(b"a" * 10000)[:-1])
-        self.fails(self.run_it("--format", "csv"), "no report", [8192])
+        self.fails(self.run_it("--format", "csv"), "before it was whole", [8192])
         os.unlink(os.path.join(self.out, os.listdir(self.out)[0]))
         self.env["TMPDIR"] = self.home
         self.fails(self.run_it(), "no report")
@@ -138,7 +152,7 @@ class Report(unittest.TestCase):
         self.fails(self.run_it(), "temporary directory")
         self.serve(ok(b"x"))
         self.server.close()
-        self.fails(self.run_it("--format", "csv"), "no report")
+        self.fails(self.run_it("--format", "csv"), "doesn't run there")
         self.fails(self.run_it("--host", "no-such-host.invalid"), "unknown host: no-such-host.invalid")
 
     def test_credentials(self):
@@ -146,12 +160,14 @@ class Report(unittest.TestCase):
         del self.env["VANTREL_REPORT_PASSWORD"]
         self.assertEqual(self.run_it().returncode, 0, "the server decides whether it wants any")
         self.assertIn(b"basic " + base64.b64encode(b":") + b"\r\n", self.server.requests[-1])
+        self.server.answer = b"HTTP/1.1 401 Unauthorized\r\nContent-Length: 0\r\n\r\n"
+        self.fails(self.run_it(), "VANTREL_REPORT_USER")
         with open(os.path.join(self.home, "report.token"), "w") as token:
             token.write("local:0123\n")
         # The token is this instance's: neither another host nor whoever has taken the port must learn it.
         del self.server.requests[:]
         self.fails(self.run_it(), "no report")
-        self.fails(self.run_it("--host", "127.0.0.2"), "VANTREL_REPORT_USER")
+        self.fails(self.run_it("--host", "127.0.0.2"), "doesn't run there")
         own = Server(ok(b"1 1 x"), self.home + "/pipes/VTSTATD.http")
         self.addCleanup(own.close)
         for host in ("127.0.0.1", "localhost"):

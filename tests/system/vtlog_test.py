@@ -65,6 +65,7 @@ class Vtlog(Logged):
                       ("find", "--id"), ("look",), ()):
             done = subprocess.run([BIN + "/vtlog", *words], env=self.proxy.env, capture_output=True, text=True)
             self.assertEqual((done.returncode, done.stdout), (2, ""), words)
+        self.next_line("session", 1)  # of the look whether the proxy listens
         for file in os.listdir(self.proxy.home + "/log"):
             os.unlink(self.proxy.home + "/log/" + file)
         for word in ("find", "follow"):

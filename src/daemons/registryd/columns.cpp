@@ -1,12 +1,10 @@
 #include "daemons/registryd/columns.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <string_view>
 #include <utility>
 
+#include "platform/console.h"
 #include "text/printable.h"
 
 namespace {
@@ -68,9 +66,8 @@ std::string Lines(const TextRow& cells, const std::vector<std::size_t>& widths, 
 }  // namespace
 
 std::size_t PageWidth() {
-    winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kMostWidth;
-    return std::clamp<std::size_t>(size.ws_col, kLeastWidth, kMostWidth);
+    const std::size_t width = platform::TerminalColumns();
+    return width == 0 ? kMostWidth : std::clamp(width, kLeastWidth, kMostWidth);
 }
 
 std::string InColumns(const std::vector<TextRow>& rows, std::size_t width) {

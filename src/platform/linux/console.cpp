@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -90,6 +91,11 @@ QuietTerminal::~QuietTerminal() {
     if (!active_) return;
     tcsetattr(g_descriptor, TCSAFLUSH, &g_before);
     for (const int number : kEnds) signal(number, SIG_DFL);
+}
+
+std::size_t TerminalColumns() {
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 std::optional<std::string> AskAtTerminal(const char* prompt, Echo echo) {

@@ -65,6 +65,7 @@ int MessageRelay::Run(int* expectReply) {
                 break;
             case SpoolFile::Found::kGone:
                 // The daemon has taken the message away: the reply to the RSET is the client's.
+                peers_.journal.message.verdict = kVerdictDrop;
                 goOn = peers_.server.Send("RSET\r\n");
                 break;
             case SpoolFile::Found::kUnreadable:

@@ -46,7 +46,11 @@ struct Options {
 };
 
 volatile std::sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
+// Once: a second one ends the program, should it hang in a write.
+void OnSignal(int which) {
+    g_stop = 1;
+    std::signal(which, SIG_DFL);
+}
 
 int Wrong(const std::string& what, const char* value) { return WrongUsage(kUsage, what + value); }
 

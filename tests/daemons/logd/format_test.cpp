@@ -1,6 +1,10 @@
 // Lines of the log: strangers' texts in both formats, and what the system's journal gets.
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -8,6 +12,7 @@
 #include "daemons/logd/quote.h"
 #include "daemons/logd/system_log.h"
 #include "logclient/logclient.h"
+#include "platform/descriptor.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
 
@@ -108,6 +113,39 @@ TEST(LogLine, TheJournalGetsItsFieldsApart) {
                   std::string("VANTREL_HELO\n\x0c\0\0\0\0\0\0\0a\nPRIORITY=0\n", 34) +
                   "VANTREL_TLS=TLSv1.3 X\nVANTREL_MESSAGES=2\nVANTREL_ENDED=quit\n"
                   "VANTREL_DURATION_MS=-1\n");
+}
+
+TEST(LogLine, TheJournalIsToldByItsSocketAsTheLevelSays) {
+    std::string place = (std::filesystem::temp_directory_path() / "journal.XXXXXX").string();
+    ASSERT_NE(mkdtemp(place.data()), nullptr);
+    const std::string path = place + "/socket";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const platform::UniqueDescriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+    ASSERT_EQ(bind(journal.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const std::string line = SessionLine("me");
+    std::string_view rest = line;
+    LogLineReader reader;
+    ASSERT_TRUE(reader.Next(rest));
+    SystemLog log;
+    log.Open(path.c_str());
+    const struct {
+        std::uint32_t level;
+        const char* priority;  // null: none is told
+    } rows[] = {{kLevelHigh, "PRIORITY=5\n"}, {kLevelMedium, "PRIORITY=6\n"}, {kLevelLow, nullptr}};
+    for (const auto& row : rows) {
+        log.TellLine(kEventInfo | row.level, "text", reader);
+        char got[2000];
+        const ssize_t count = recv(journal.Get(), got, sizeof got, 0);
+        ASSERT_EQ(count > 0, row.priority != nullptr);
+        if (count <= 0) continue;
+        const std::string text(got, static_cast<std::size_t>(count));
+        EXPECT_NE(text.find(row.priority), std::string::npos) << text;
+        EXPECT_NE(text.find("VANTREL_DURATION_MS=-1\n"), std::string::npos) << text;
+    }
+    std::filesystem::remove_all(place);
+    log.TellLine(kEventInfo | kLevelHigh, "nobody is there any more", reader);
 }
 
 TEST(LogEvent, InBothFormats) {

@@ -79,13 +79,13 @@ void Daemon::Run(int argc, char** argv) {
                                                    : platform::HomeError().c_str());
         return;
     }
-    if (!metrics::Open(program_))
-        std::fprintf(stderr, "%s: can't make its file below metrics: nothing of it is shown\n",
-                     serviceName.c_str());
     if (TrelisInit2() < 0) {
         std::fprintf(stderr, "%s: can't open the store\n", serviceName.c_str());
         return;
     }
+    if (!metrics::Open(program_))
+        std::fprintf(stderr, "%s: can't make its file below metrics: nothing of it is shown\n",
+                     serviceName.c_str());
     if (Start(argc, argv)) {
         if (LIPCOpenServer(&endpoint_, endpointName_) == LIPC_OK) {
             std::vector<UniqueHandle> threads;

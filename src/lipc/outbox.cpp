@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "lipc/deliver.h"
+#include "metrics/count.h"
 
 namespace {
 
@@ -16,22 +17,32 @@ bool NeverTaken(int status) { return status == LIPC_NOT_THERE || status == LIPC_
 
 }  // namespace
 
-void LIPCOutbox::Open(LIPCEndpoint* endpoint, TellLost tellLost) {
+void LIPCOutbox::Open(LIPCEndpoint* endpoint, TellLost tellLost, metrics::Queue name) {
     const std::lock_guard lock(mutex_);
     endpoint_ = endpoint;
     tellLost_ = tellLost;
+    name_ = name;
     lost_ = 0;
     open_ = true;
 }
 
 int LIPCOutbox::Lose(int status, std::uint32_t count) {
-    lost_ += count;
+    Miss(count);
     return status;
+}
+
+void LIPCOutbox::Miss(std::uint64_t count) {
+    lost_ += count;
+    metrics::Add<metrics::Metric::kQueueDropped>(name_, count);
+}
+
+void LIPCOutbox::ShowWaiting() const {
+    metrics::Set<metrics::Metric::kQueueLength>(name_, waiting_);
 }
 
 void LIPCOutbox::CountLost(std::uint64_t count) {
     const std::lock_guard lock(mutex_);
-    if (open_) lost_ += count;
+    if (open_) Miss(count);
 }
 
 int LIPCOutbox::Post(const void* data, std::uint32_t length, std::uint32_t count) {
@@ -51,6 +62,7 @@ int LIPCOutbox::Post(const void* data, std::uint32_t length, std::uint32_t count
     bytes_ += length;
     waiting_ += count;
     idle_ = false;
+    ShowWaiting();
     if (queue_.size() == 1) changed_.notify_all();
     return LIPC_OK;
 }
@@ -65,6 +77,7 @@ bool LIPCOutbox::SendHead(std::unique_lock<std::mutex>& lock) {
     queue_.pop_front();
     bytes_ -= request.size();
     waiting_ -= count;
+    ShowWaiting();
     int status = LIPC_OK;
     for (;;) {
         lock.unlock();
@@ -74,14 +87,15 @@ bool LIPCOutbox::SendHead(std::unique_lock<std::mutex>& lock) {
         Pause(lock, status == LIPC_BUSY ? kLIPCBusyPause : kPauseAfterFailure);
     }
     if (status == LIPC_OK) return true;
-    lost_ += count;
+    Miss(count);
     if (open_) {
         Pause(lock, kPauseAfterFailure);
     } else {
         // Nobody to deliver to, and no time to wait for one.
-        lost_ += waiting_;
+        Miss(waiting_);
         queue_.clear();
         bytes_ = waiting_ = 0;
+        ShowWaiting();
     }
     return false;
 }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "lipc/lipc.h"
+#include "metrics/rows.h"
 
 class LIPCOutbox {
   public:
@@ -36,7 +37,8 @@ class LIPCOutbox {
 
     // Begins to take requests for the endpoint, which is the outbox's from here on: others may use
     // it until Close. The outbox is new, or has been closed. No thread runs before the first Post.
-    void Open(LIPCEndpoint* endpoint, TellLost tellLost);
+    // name: under which what waits and what is lost is counted.
+    void Open(LIPCEndpoint* endpoint, TellLost tellLost, metrics::Queue name);
     // Copies the request into the queue; never waits for the daemon. Any thread, at any time.
     // LIPC_OK, LIPC_BUSY if there is no room and LIPC_NO_MEMORY (lost, and counted), or
     // LIPC_CLOSING when the outbox is not open. count: how many it counts for, where one request
@@ -63,9 +65,13 @@ class LIPCOutbox {
     // Until it is over or the outbox is being closed.
     void Pause(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds pause);
     int Lose(int status, std::uint32_t count);
+    // Counts them, for the daemon and for who looks on, as the next does with what waits.
+    void Miss(std::uint64_t count);
+    void ShowWaiting() const;
 
     LIPCEndpoint* endpoint_ = nullptr;  // written while no thread runs
     TellLost tellLost_ = nullptr;       // written while no thread runs
+    metrics::Queue name_{};             // written while no thread runs
     std::mutex mutex_;                  // guards all below
     std::condition_variable changed_;   // of queue_, open_ or idle_
     std::deque<Waiting> queue_;

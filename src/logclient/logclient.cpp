@@ -268,7 +268,7 @@ int LogClientInit(const char* label, std::uint32_t) {
     LIPCEndpoint* endpoint = nullptr;
     if (LIPCOpenClient(&endpoint, kEndpointName) != LIPC_OK) return kFailed;
     g_endpoint = endpoint;
-    Outbox().Open(endpoint, TellLost);
+    Outbox().Open(endpoint, TellLost, metrics::Queue::kLog);
     Lines().Open();
     std::snprintf(g_label, sizeof g_label, "%s", label != nullptr ? label : "");
     MakeMissingLevels();

@@ -5,6 +5,7 @@
 void Conversation::Run(CommandSource& commands) {
     int expectReply = 1;
     do {
+        if (peers_.greeted) peers_.state.SetPhase(SessionPhase::kDialogue);
         Dialogue dialogue(peers_, envelope_, reception_, commands);
         if (dialogue.Run(expectReply != 0) == 0) return;
     } while (RelayOne(&expectReply) != 0);

@@ -1,9 +1,11 @@
 #include "session/journal.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "logclient/line.h"
 #include "logclient/logclient.h"
+#include "metrics/count.h"
 #include "platform/clock.h"
 
 namespace {
@@ -17,6 +19,18 @@ constexpr std::size_t kAroundId = 5;  // blank, brackets, line end
 
 std::int64_t Milliseconds(std::chrono::steady_clock::duration time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+}
+
+std::uint64_t Microseconds(std::chrono::steady_clock::duration time) {
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+}
+
+metrics::Verdict PlaceOf(std::string_view verdict) {
+    constexpr std::string_view kWords[] = {kVerdictForward, kVerdictReject, kVerdictDrop,
+                                           kVerdictFailed, kVerdictNone};
+    return static_cast<metrics::Verdict>(std::find(std::begin(kWords), std::end(kWords), verdict) -
+                                         std::begin(kWords));
 }
 
 std::string_view Bounded(const std::string& helo) {
@@ -43,11 +57,9 @@ void JoinBounded(const TextList& texts, std::string& all) {
 
 }  // namespace
 
-std::int64_t Journal::Lap() {
+Journal::Clock::duration Journal::Lap() {
     const Clock::time_point now = Clock::now();
-    const std::int64_t time = Milliseconds(now - lap_);
-    lap_ = now;
-    return time;
+    return now - std::exchange(lap_, now);
 }
 
 void Journal::BeginMessage(const Envelope& envelope, std::string_view via) {
@@ -65,12 +77,13 @@ void Journal::BeginMessage(const Envelope& envelope, std::string_view via) {
 void Journal::Received(long long size) {
     if (!InMessage()) return;
     message.size = size;
-    message.receptionMs += Lap();
+    message.receptionMs += Milliseconds(Lap());
 }
 
 void Journal::Scanned(std::string_view verdict) {
     message.verdict = verdict;
-    message.scanMs = Lap();
+    scanTime_ = Lap();
+    message.scanMs = Milliseconds(scanTime_);
 }
 
 void Journal::Replied(std::string_view reply) {
@@ -105,8 +118,25 @@ void Journal::ServerReplied(std::string_view reply, bool envelopeGone) {
 void Journal::EndMessage() {
     if (!InMessage()) return;
     state_ = State::kNone;
-    if (message.verdict != kVerdictNone) message.relayMs = Lap();
+    if (message.verdict != kVerdictNone) {
+        relayTime_ = Lap();
+        message.relayMs = Milliseconds(relayTime_);
+    }
+    Count();
     WriteMessage();
+}
+
+void Journal::Count() const {
+    using metrics::Metric;
+    const auto size = static_cast<std::uint64_t>(message.size);
+    const metrics::Verdict verdict = PlaceOf(message.verdict);
+    metrics::Add<Metric::kMessages>(verdict);
+    metrics::Add<Metric::kMessageBytes>(verdict, size);
+    metrics::Observe<Metric::kMessageSize>(size);
+    if (verdict == metrics::Verdict::kNone) return;
+    metrics::Observe<Metric::kScanTime>(Microseconds(scanTime_));
+    if (verdict == metrics::Verdict::kForward)
+        metrics::Observe<Metric::kRelayTime>(Microseconds(relayTime_));
 }
 
 void Journal::WriteMessage() {

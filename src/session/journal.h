@@ -49,13 +49,16 @@ class Journal {
   private:
     using Clock = std::chrono::steady_clock;
     enum class State { kNone, kOpen, kReplyDue };
-    // The milliseconds since the last call.
-    std::int64_t Lap();
+    // The time since the last call.
+    Clock::duration Lap();
+    void Count() const;
     void WriteMessage();
     void WriteSession();
 
     const Clock::time_point begun_ = Clock::now();
-    Clock::time_point lap_;  // the end of the message's phase before
+    Clock::time_point lap_;        // the end of the message's phase before
+    Clock::duration scanTime_{};   // of the message in hand, as the next
+    Clock::duration relayTime_{};  // from the verdict on
     State state_ = State::kNone;
     MessageIdFinder finder_;
     std::string line_;

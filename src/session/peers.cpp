@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "libstats/libstats.h"
+#include "metrics/count.h"
 #include "session/client/xclient.h"
 
 namespace {
@@ -25,6 +26,17 @@ constexpr std::string_view kKnownRefusals[] = {
 };
 constexpr int kPeerLost = 255;
 
+// A piece that ends within a reply, or in the middle of a line, is none.
+void CountReply(std::string_view text) {
+    if (text.size() < 4 || text.back() != '\n') return;
+    std::string_view last = text;
+    // Nearly all have one line, and to look for its end from the front is quicker.
+    if (text.find('\n') + 1 != text.size())
+        last.remove_prefix(text.rfind('\n', text.size() - 2) + 1);
+    if (last.size() < 4 || last[3] == '-' || last[0] < '2' || last[0] > '5') return;
+    metrics::Add<metrics::Metric::kReplies>(static_cast<std::size_t>(last[0] - '2'));
+}
+
 }  // namespace
 
 int KeepAlive(void* context) {
@@ -45,10 +57,20 @@ std::string Peers::Own(std::string_view refusal, Wording wording) const {
     return known && !settings.options.idInReplies ? std::string(refusal) : journal.WithId(refusal);
 }
 
+bool Peers::SendReply(std::string_view text) {
+    CountReply(text);
+    return client.Send(text);
+}
+
+bool Peers::QueueReply(std::string_view text) {
+    CountReply(text);
+    return client.Queue(text);
+}
+
 bool Peers::AnswerInsteadOfServer(std::string_view answer) {
     ServerReply reply;
     const bool inStep = server.Ask("RSET\r\n", reply) && !reply.Is("421");
-    const bool sent = client.Send(answer);
+    const bool sent = SendReply(answer);
     if (sent) journal.Replied(answer);
     return sent && inStep;
 }

@@ -9,6 +9,7 @@
 #include "session/journal.h"
 #include "session/server_link.h"
 #include "session/settings.h"
+#include "session/state.h"
 
 // To mail, where the server has to know who the client is and can't be told.
 inline constexpr std::string_view kClientUntold =
@@ -36,9 +37,14 @@ struct Peers {
     bool restart = false;
     // A keep-alive has failed: a peer has gone, or the server is out of step. The session ends.
     bool lost = false;
+    SessionState state{};  // for those who look on
     // What the log will tell of the session and of the message in hand.
     Journal journal{};
 
+    // A reply to the client, whole or in pieces, which is counted with its last line. False as
+    // Stream has it.
+    bool SendReply(std::string_view text);
+    bool QueueReply(std::string_view text);
     // Tells the server with XCLIENT or XFORWARD who the client is; sets `untold`. False: the server
     // has gone.
     bool TellOfClient();

@@ -129,6 +129,6 @@ class ScanBurst(Instance):
         for client in clients:
             self.assertEqual(client.reply(), b"250 queued\r\n")
             client.close()
-        # The pipes that stay for the next scans, and a few of the waits'.
-        self.assertTrue(wait_until(lambda: self.proxy.spool() == [] and self.proxy.descriptors() <= descriptors + 40, 15),
+        # The pipes and the files that stay for the next messages, and a few of the waits'.
+        self.assertTrue(wait_until(lambda: self.proxy.spool() == [] and self.proxy.descriptors() <= descriptors + 60, 15),
                         self.proxy.descriptors() - descriptors)

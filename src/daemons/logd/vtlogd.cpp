@@ -41,7 +41,8 @@ const char* LinesOf(TagMsgNode* event) {
 class LogDaemon final : public Daemon {
   public:
     LogDaemon()
-        : Daemon("VTLOGD", "Vantrel Logger", "Keeps the log of the Vantrel programs", "vtlogd") {}
+        : Daemon("VTLOGD", "Vantrel Logger", "Keeps the log of the Vantrel programs", "vtlogd",
+                 metrics::Program::kLogger) {}
 
   protected:
     trelis::Registration Keys() const override {

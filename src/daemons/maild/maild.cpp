@@ -136,7 +136,8 @@ void LogDecision(TagMsgNode* request, const std::string& path, const Decision& d
 
 MailDaemon::MailDaemon()
     : Daemon("VTMAILD", "Vantrel Mail Scanner",
-             "Scans the messages that the Vantrel SMTP proxy hands to it", "vtmaild") {}
+             "Scans the messages that the Vantrel SMTP proxy hands to it", "vtmaild",
+             metrics::Program::kMailDaemon) {}
 
 trelis::Registration MailDaemon::Keys() const {
     return {trelis::Program::kMailDaemon, "VTMAILD", displayName};

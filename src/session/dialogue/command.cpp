@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "asfilters/asfilters.h"
+#include "metrics/count.h"
 #include "session/address/normalize.h"
 #include "session/address/path.h"
 #include "session/address/sender_check.h"
@@ -66,8 +67,7 @@ Dialogue::Outcome Dialogue::Answer(std::string_view text, Peers::Wording wording
 }
 
 Dialogue::Outcome Dialogue::AnswerAndEnd(std::string_view text) {
-    if (AnswerDue() && !closing_ && peers_.client.Send(peers_.Own(text)))
-        peers_.client.EndSending();
+    if (AnswerDue() && !closing_ && peers_.SendReply(peers_.Own(text))) peers_.client.EndSending();
     return Outcome::kEndSession;
 }
 
@@ -122,18 +122,23 @@ bool Dialogue::NamesPath(std::string_view keyword) const {
     return rest.starts_with(':') || (rest.empty() && tokens_[2][0] == ':');
 }
 
+Dialogue::Outcome Dialogue::RefuseToRelay() {
+    metrics::Add<metrics::Metric::kFilterHits>(metrics::Filter::kRelay);
+    return Answer(kUnableToRelay);
+}
+
 Dialogue::Outcome Dialogue::RecipientRule() {
     const bool stranger = !peers_.relayAllowed;
     if (!NamesPath("to")) {  // the server judges the syntax, and may judge mildly
         return stranger && !UnreadStaysInside(copy_, peers_.settings.mailDomains)
-                   ? Answer(kUnableToRelay)
+                   ? RefuseToRelay()
                    : Outcome::kForward;
     }
     if (peers_.untold) return Answer(kBadSequence);  // there is no sender
     const std::string_view text = BehindColon(copy_);
     if (stranger && (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
                      !StaysInside(text, peers_.settings.mailDomains)))
-        return Answer(kUnableToRelay);
+        return RefuseToRelay();
     // What is due may begin another envelope.
     if (envelope_.recipients.size() + due_.size() >= kMostRecipients && (!AnswerDue() || closing_))
         return Outcome::kEndSession;
@@ -149,6 +154,8 @@ Dialogue::Outcome Dialogue::SenderRule() {
     const int judgement =
         filters_ == nullptr ? 0 : CheckSenderReadings(*filters_, path, denyText_.data(), kTextSize);
     senderText_ = path.address.substr(0, kLongestAddress);
+    if (judgement == 1 || judgement == 2)
+        metrics::Add<metrics::Metric::kFilterHits>(metrics::Filter::kSenders);
     if (judgement == 1)
         return Answer(denyText_[0] != '\0' ? denyText_.data() : kDefaultDeny,
                       Peers::Wording::kKnown);
@@ -156,7 +163,7 @@ Dialogue::Outcome Dialogue::SenderRule() {
         if (!AnswerDue() || closing_) return Outcome::kEndSession;
         peers_.SendStatEvent(81, senderText_.c_str(), nullptr);
         // The session ends either way.
-        peers_.client.Send(peers_.Own(denyText_.data(), Peers::Wording::kKnown));
+        peers_.SendReply(peers_.Own(denyText_.data(), Peers::Wording::kKnown));
         return Outcome::kEndSession;
     }
     const long long limit = peers_.settings.maxMessageSize;

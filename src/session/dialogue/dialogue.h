@@ -110,6 +110,7 @@ class Dialogue {
     // who its client is but the proxy.
     Outcome RefusedRule();
     Outcome RecipientRule();
+    Outcome RefuseToRelay();
     Outcome SenderRule();
     Outcome DataRule();
     std::string_view NotBefore() const;

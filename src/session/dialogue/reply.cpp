@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "asfilters/asfilters.h"
+#include "metrics/count.h"
 #include "session/address/normalize.h"
 #include "session/client/xclient.h"
 #include "session/dialogue/dialogue.h"
@@ -42,17 +43,19 @@ bool Dialogue::RelayReply() {
         reply_ = line;
         NoteLine();
         if (swallow) continue;
-        if (GuardAgainstHarvesting()) return peers_.client.Send(pending + reply_);
+        if (GuardAgainstHarvesting()) return peers_.SendReply(pending + reply_);
         const Line outcome = RewriteLine();
         if (outcome != Line::kDrop) pending += reply_;
         swallow = outcome == Line::kWholeReply;
         if (pending.size() < kMostPending) continue;
-        if (!peers_.client.Send(pending)) return false;
+        if (!peers_.SendReply(pending)) return false;
         pending.clear();
     }
-    if (!std::exchange(peers_.greeted, true) && TalksEarly(false)) {
+    const bool first = !std::exchange(peers_.greeted, true);
+    if (first) peers_.state.SetPhase(SessionPhase::kDialogue);
+    if (first && TalksEarly(false)) {
         closing_ = true;
-        return peers_.client.Send(peers_.Own(kBeforeGreeting));
+        return peers_.SendReply(peers_.Own(kBeforeGreeting));
     }
     // Also what came of a reply that never ended.
     const bool sent = Reply(pending);
@@ -88,6 +91,7 @@ bool Dialogue::GuardAgainstHarvesting() {
                                                     denyText_.data(), kTextSize);
         if (result == 3) return false;
         if (result != 2) continue;
+        metrics::Add<metrics::Metric::kFilterHits>(metrics::Filter::kGuard);
         peers_.SendStatEvent(82, senderText_.c_str(), recipientText_.c_str());
         reply_ = peers_.Own(denyText_.data(), Peers::Wording::kKnown);
         closing_ = true;

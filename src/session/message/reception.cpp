@@ -49,7 +49,9 @@ void Reception::Begin() {
 
 int Reception::Read(char* block, int size, milliseconds limit) {
     if (refusal_ != Refusal::kNone) limit = std::min(limit, drainUntil_.Left());
-    return peers_.client.Read(block, size, limit, &peers_.server.Socket());
+    const int count = peers_.client.Read(block, size, limit, &peers_.server.Socket());
+    if (count > 0) peers_.state.AddBytes(static_cast<std::uint64_t>(count));
+    return count;
 }
 
 void Reception::Store(std::string_view bytes) {
@@ -106,7 +108,7 @@ Received Reception::AnswerAndEnd() {
     const std::string answer = peers_.Own(refusal_ == Refusal::kTooLarge      ? kMessageTooLarge
                                           : refusal_ == Refusal::kBareNewline ? kBareNewline
                                                                               : kDiskFull);
-    if (peers_.client.Send(answer)) peers_.journal.Replied(answer);
+    if (peers_.SendReply(answer)) peers_.journal.Replied(answer);
     peers_.client.EndSending();
     return Received::kFailed;
 }
@@ -135,9 +137,10 @@ bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {
 }
 
 Received Reception::ReceiveData() {
+    const PhaseScope scope(peers_.state, SessionPhase::kReceiving);
     Begin();
     ReadBlock block;
-    if (!peers_.client.Send(kStartMail)) return Received::kFailed;
+    if (!peers_.SendReply(kStartMail)) return Received::kFailed;
     if (!spool_.OpenNext()) Refuse(Refusal::kDiskFull);
     newlines_ = NewlineFilter(peers_.settings.options.bareNewline);
     DataScanner scanner(peers_.pipelining, !newlines_.Idle());
@@ -173,6 +176,7 @@ Received Reception::ReceiveData() {
 }
 
 Received Reception::ReceiveChunk(const Chunk& chunk) {
+    const PhaseScope scope(peers_.state, SessionPhase::kReceiving);
     Begin();
     if (chunk.first)
         newlines_ = NewlineFilter(chunk.binary ? BareNewline::kAccept

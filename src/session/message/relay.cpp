@@ -49,8 +49,10 @@ std::string_view WordOf(Verdict verdict) {
 
 int MessageRelay::Run(int* expectReply) {
     std::string redirectAddresses;
+    peers_.state.SetPhase(SessionPhase::kScanning);
     verdict_ = ScanMessage(peers_, envelope_, spool_, redirectAddresses);
     redirects_ = SplitAddresses(redirectAddresses);
+    peers_.state.SetPhase(SessionPhase::kRelaying);
     peers_.journal.Scanned(WordOf(verdict_));
     bool goOn = false;
     if (verdict_ == VERDICT_FAILED) {
@@ -105,7 +107,7 @@ bool MessageRelay::Deliver(int* expectReply) {
 
 // The client's answer, if it isn't the server's next reply.
 bool MessageRelay::Answer(std::string_view text) {
-    if (!peers_.client.Send(text)) return false;
+    if (!peers_.SendReply(text)) return false;
     peers_.journal.Replied(text);
     return true;
 }

@@ -204,6 +204,11 @@ inline constexpr KeyRow kLoggerRows[] = {
 inline constexpr KeyRow kStatsRows[] = {
     Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports").Sane(1, 0xFFFF),
     Text("HTTPAddress", "127.0.0.1", "address to listen on"),
+    Choice("MetricsAccess", "loopback", "loopback|account|all",
+           "who may read `/metrics`, `/healthz` and `/readyz`: `loopback`, clients on this host, "
+           "without an account, and nobody else; `account`, who has one; `all`, everybody (a word "
+           "that is none of these counts as `account`)")
+        .Unknown("account"),
     Number("KeepDays", "400", 0, 100000, "days that records are kept; 0: for ever")
         .In(Unit::kDays)
         .OutOfBounds(Beyond::kNearest),

@@ -2,13 +2,15 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
 
 namespace {
 
 constexpr char kFieldMark = '\x1F';
 constexpr char kEndMark = '\x1E';
 constexpr char kKinds[] = {'s', 'm'};  // by LogLineKind
-constexpr std::string_view kReserved("\0\x1E\x1F", 3);
+
+constexpr bool IsReserved(char c) { return c == '\0' || c == kFieldMark || c == kEndMark; }
 
 void AppendNumber(std::string& out, std::int64_t value) {
     char digits[24];
@@ -34,9 +36,9 @@ LogLineWriter::LogLineWriter(std::string& out, LogLineKind kind, std::int64_t ti
 
 void LogLineWriter::Text(std::string_view value) {
     out_ += kFieldMark;
-    std::size_t at = out_.size();
+    const std::size_t at = out_.size();
     out_.append(value);
-    while ((at = out_.find_first_of(kReserved, at)) != std::string::npos) out_[at] = '?';
+    std::replace_if(out_.begin() + static_cast<std::ptrdiff_t>(at), out_.end(), IsReserved, '?');
 }
 
 void LogLineWriter::Number(std::int64_t value) {

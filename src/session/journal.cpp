@@ -66,7 +66,7 @@ void Journal::BeginMessage(const Envelope& envelope, std::string_view via) {
     EndMessage();
     message.Clear();
     message.id.append(session.id).append("-").append(std::to_string(++session.messages));
-    message.from = Tidy(SenderOf(envelope));
+    message.from = Tidy(envelope.sender);
     message.via = via;
     JoinBounded(envelope.recipients, message.to);
     finder_.Begin();

@@ -36,10 +36,10 @@ struct MessageRecord {
     std::string_view via;   // "data" or "bdat"
     std::string messageId;  // the value of its header field
     std::string_view verdict = kVerdictNone;  // as logclient/line.h has them
-    std::string_view section;  // of the scan, that has a finding: "antivirus"
-    std::string reason;        // what it has found
-    std::string reply;         // the last one that the client got for it, in one line
-    std::string queueId;       // the server's, if its last reply names one
+    std::string_view section;                 // of the scan, that has a finding: "antivirus"
+    std::string reason;                       // what it has found
+    std::string reply;    // the last one that the client got for it, in one line
+    std::string queueId;  // the server's, if its last reply names one
     std::int64_t receptionMs = 0;
     std::int64_t scanMs = 0;
     std::int64_t relayMs = 0;  // from the verdict to the reply

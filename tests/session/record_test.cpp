@@ -129,7 +129,7 @@ TEST(Record, TheIdStandsInFrontOfTheLineEnd) {
 
 TEST(Record, AMessageKeepsItsTextsBounded) {
     Envelope envelope;
-    envelope.AcceptSender("MAIL FROM:<>\r\n", false);
+    envelope.AcceptSender("MAIL FROM:<>\r\n", "<>\r\n", false);
     for (int i = 0; i < 1000; ++i) envelope.AcceptRecipient("r@example.org");
     Journal journal;
     journal.BeginMessage(envelope, "bdat");

@@ -4,9 +4,13 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "daemons/logd/describe.h"
+#include "logclient/line.h"
 #include "tools/log/entry.h"
 #include "tools/log/filter.h"
 #include "tools/log/log_files.h"
@@ -35,6 +39,46 @@ TEST(VtlogEntry, BothFormatsSayTheSame) {
         EXPECT_EQ(*each.Find("reason"), "x \"y\" \x1b\\");
         EXPECT_EQ(RecordAsText(each), kText);
         EXPECT_EQ(RecordAsJson(each), kJson);
+    }
+}
+
+// Whatever a stranger says, it is one value of one line, and comes back as it was.
+TEST(VtlogEntry, AnyBytesComeBack) {
+    std::mt19937 random(7);
+    constexpr std::string_view kOften = "\"\\= x\n\xc2\x80\xff,:{}u0";
+    for (int i = 0; i < 20000; ++i) {
+        std::string helo;
+        for (std::size_t length = random() % 12; helo.size() < length;)
+            helo += random() % 2 == 0 ? kOften[random() % kOften.size()]
+                                      : static_cast<char>(random() % 256);
+        std::string line;
+        LogLineWriter writer(line, LogLineKind::kSession, 1769903999007);
+        for (const std::string& text : {std::string("s"), std::string(), helo, helo, std::string()})
+            writer.Text(text);
+        writer.Number(1);
+        writer.Text("quit");
+        writer.Number(2);
+        writer.End();
+        for (char& each : helo) {
+            if (each == '\0' || each == '\x1E' || each == '\x1F') each = '?';
+        }
+        for (const LogFormat format : {LogFormat::kText, LogFormat::kJson}) {
+            std::string_view rest = line;
+            LogLineReader reader;
+            ASSERT_TRUE(reader.Next(rest));
+            const std::string written = DescribeLine(reader, format).line;
+            ASSERT_EQ(written.find('\n'), std::string::npos) << written;
+            const auto record = ParseRecord(written);
+            ASSERT_TRUE(record) << written;
+            ASSERT_EQ(record->fields.size(), std::size(kSessionLineFields)) << written;
+            ASSERT_EQ(*record->Find("ended"), "quit");
+            // In JSON a byte that is no UTF-8 comes back as the text that says which.
+            const bool exact =
+                format == LogFormat::kText || written.find("\\\\x") == std::string::npos;
+            ASSERT_TRUE(!exact || *record->Find("helo") == helo) << written;
+            ASSERT_EQ(format == LogFormat::kText ? RecordAsText(*record) : RecordAsJson(*record),
+                      written);
+        }
     }
 }
 

@@ -155,7 +155,7 @@ void Dialogue::AcceptSender() {
     StripBlanks(words.data());
     const bool binary =
         std::string_view(words.c_str()).find("body=binarymime") != std::string::npos;
-    envelope_.AcceptSender(line_, binary);
+    envelope_.AcceptSender(line_, senderText_, binary);
 }
 
 Dialogue::Line Dialogue::FilterEhloLine() {

@@ -27,6 +27,10 @@ void AnswerWithoutServer(Peers& peers, CommandSource& commands, std::string_view
         }
         if (EqualIgnoringCase(verb, "EHLO") || EqualIgnoringCase(verb, "HELO")) {
             answer = "250 " + name + "\r\n";
+            const std::string_view rest = line.substr(verb.size());
+            const std::size_t begin = std::min(rest.find_first_not_of(" \t\r\n"), rest.size());
+            peers.journal.session.helo =
+                rest.substr(begin, rest.find_first_of(" \t\r\n", begin) - begin);
         } else if (EqualIgnoringCase(verb, "NOOP") || EqualIgnoringCase(verb, "RSET")) {
             answer = kOk;
         } else {

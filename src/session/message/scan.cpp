@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "scanclient/scanclient.h"
+#include "session/address/path.h"
 #include "session/message/relay.h"
 
 namespace {
@@ -44,6 +45,14 @@ Verdict ReduceMask(std::int32_t mask) {
     if ((mask & kMaskDrop) != 0) verdict = VERDICT_DROP;
     if ((mask & (kMaskReject | kMaskRejectToo)) != 0) verdict = VERDICT_REJECT;
     return verdict;
+}
+
+std::string SenderOf(const Envelope& envelope) {
+    if (!envelope.savedMailLine.has_value()) return {};
+    const std::string& line = *envelope.savedMailLine;
+    const std::size_t colon = line.find(':');
+    return ReadPath(std::string_view(line).substr(colon == std::string::npos ? 0 : colon + 1))
+        .address;
 }
 
 // As one text: added one by one, each would have all before it looked through and moved.

@@ -13,17 +13,18 @@ enum class Ambiguous {
     kNoBoundary,
     kSharedBoundary,
     kBoundaryTail,
+    kPartsBehindEnd,
     kUnclosedMultipart,
     kNulInHeaders,
     kBareCrInHeaders,
     kFolding,
+    kHeaderBreak,
     kUnknownEncoding,
-    kEncodedMultipart,
-    kOddBase64,
+    kEncodedContainer,
+    kOddCoding,
     kHiddenCoding,
     kPartialMessage,
     kExternalBody,
-    kHeaderBreak,
 };
 
 struct Ambiguity {
@@ -31,7 +32,15 @@ struct Ambiguity {
     std::string place;  // of the part, as Part has it
 };
 
-// In words for the log and the statistics: "two boundary parameters".
-const char* Words(Ambiguous what);
+// What is known of a kind; the table in ambiguity.cpp says what exactly counts.
+struct AmbiguousKind {
+    Ambiguous what;
+    const char* words;  // for the log: "two boundary parameters"
+    // Honest programs are known to make it, or its makers' mistakes. It passes: what the readers
+    // may make of it is scanned, each reading by itself. What is not sloppy has been made to be
+    // read differently, or is as good as never met, and the setting WhenAmbiguous decides.
+    bool sloppy;
+};
+const AmbiguousKind& KindOf(Ambiguous what);
 
 }  // namespace maild

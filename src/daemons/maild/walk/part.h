@@ -23,6 +23,19 @@ enum class Coding { kPlain, kBase64, kQuotedPrintable, kUuencode, kYenc, kUnknow
 
 enum class PartKind { kLeaf, kMultipart, kMessage };
 
+// How a file has to be read.
+enum class Dots {
+    kPlain,   // as it is
+    kStuffed  // a dot at a line's start was put there for the way, where CR LF stands before it
+};
+
+// Where a part's body lies as it is coded: the stored file, or a temporary one within the walk.
+struct BodySource {
+    int file = -1;
+    Dots dots = Dots::kPlain;
+    Range body;  // its end is known from End on only
+};
+
 // One part. Texts are as the part's headers declare them, which may be wrong or forged.
 struct Part {
     PartKind kind = PartKind::kLeaf;
@@ -51,6 +64,9 @@ struct Part {
     bool ownRange = true;
     Range whole;  // headers and body
     Range body;   // without the line end that belongs to the boundary behind it
+    BodySource source;
+    // From End on: the coding is broken, or declared, in a way that readers undo differently.
+    bool oddCoding = false;
 };
 
 // One header of a message.

@@ -30,7 +30,9 @@ class Utf8Stream {
   private:
     void Convert(bool last, const Take& take);
 
-    void* converter_ = nullptr;  // iconv's; null: UTF-8 as it is, repaired
+    void* converter_ = nullptr;  // iconv's
+    void* fallback_ = nullptr;   // of UTF-8: for bytes that are none
+    bool utf8_ = true;
     bool known_ = true;
     std::string rest_;  // bytes not converted yet
 };

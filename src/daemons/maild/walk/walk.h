@@ -33,12 +33,6 @@ struct WalkResult {
     int parts = 0;
 };
 
-// How the stored file has to be read.
-enum class Dots {
-    kPlain,   // as it is
-    kStuffed  // a dot at a line's start was put there for the way, where CR LF stands before it
-};
-
 // Walks the file from its start; reads by position, so its offset stays. Any thread.
 WalkResult WalkMessage(int file, Dots dots, const WalkLimits& limits,
                        std::span<PartSink* const> sinks);

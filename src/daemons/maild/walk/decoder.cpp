@@ -61,7 +61,10 @@ void Base64Decoder::Write(std::string_view text, std::string& out) {
         }
         const char c = *at++;
         const std::uint8_t digit = DigitOf(c);
-        if (digit == kBlank) continue;
+        if (digit == kBlank) {
+            lineEnded_ = lineEnded_ || (c == '\n' && digits_ > 0);
+            continue;
+        }
         if (ended_) {
             odd_ = true;
             continue;
@@ -71,6 +74,7 @@ void Base64Decoder::Write(std::string_view text, std::string& out) {
             continue;
         }
         odd_ = odd_ || filled_;
+        cut_ = cut_ || lineEnded_;
         group_ = group_ << 6 | digit;
         if (++digits_ == 4) Flush(out);
     }
@@ -100,6 +104,12 @@ void Base64Decoder::Flush(std::string& out) {
     for (int i = 0; i + 1 < digits_; ++i) out += static_cast<char>(left >> (16 - 8 * i));
     group_ = 0;
     digits_ = 0;
+    lineEnded_ = false;
+}
+
+bool Base64Decoder::HasForeign(std::string_view line) {
+    return std::any_of(line.begin(), line.end(),
+                       [](char c) { return DigitOf(c) == kOther && c != '='; });
 }
 
 void Base64Decoder::Finish(std::string& out) {

@@ -22,7 +22,8 @@ enum class Filler {
 enum class Foreign {
     kIgnore,
     kEnd,
-    kUrl /* `-` and `_` are digits, the rest counts for nothing */
+    kUrl,  // `-` and `_` are digits, the rest counts for nothing
+    kLine  // the whole line counts for nothing; whoever hands over the lines sees to it
 };
 
 class Base64Decoder {
@@ -35,6 +36,11 @@ class Base64Decoder {
     // Readers may differ: there are digits behind a filler, foreign characters, or a group of one
     // digit at the end.
     bool Odd() const { return odd_; }
+    // A group goes on over a line's end, which is allowed; few programs write such lines, and few
+    // are tried with them.
+    bool Cut() const { return cut_; }
+
+    static bool HasForeign(std::string_view line);
 
   private:
     void TakeOther(char c, std::string& out);
@@ -47,6 +53,8 @@ class Base64Decoder {
     bool filled_ = false;  // a filler was met
     bool ended_ = false;
     bool odd_ = false;
+    bool lineEnded_ = false;  // within the group
+    bool cut_ = false;
 };
 
 class QuotedDecoder {

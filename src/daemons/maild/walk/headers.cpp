@@ -185,12 +185,12 @@ void HeaderBlock::ReadType(Declared& declared) const {
         if (own > 0 && readings.size() > own) declared.ambiguities.push_back(Ambiguous::kFolding);
         for (std::string& reading : readings) {
             while (!reading.empty() && IsBlank(reading.back())) reading.pop_back();
-            AddOnce(declared.boundaries, std::move(reading));
+            AddOnce(part.boundaries, std::move(reading));
         }
     }
     if (part.kind == PartKind::kMultipart) {
         if (!part.type.starts_with("multipart/")) part.type = "multipart/mixed";
-        if (declared.boundaries.empty()) declared.ambiguities.push_back(Ambiguous::kNoBoundary);
+        if (part.boundaries.empty()) declared.ambiguities.push_back(Ambiguous::kNoBoundary);
     }
 }
 
@@ -205,11 +205,11 @@ void HeaderBlock::ReadCoding(Declared& declared) const {
         const Coding guess = GuessCoding(whole);
         if (part.coding == Coding::kUnknown) part.coding = guess;
         if (guess != Coding::kUnknown) declared.ambiguities.push_back(Ambiguous::kUnknownEncoding);
-        part.oddCoding = true;
+        part.oddHeaders = true;
     }
     if (coding.two) {
         declared.ambiguities.push_back(Ambiguous::kTwoTransferEncodings);
-        part.oddCoding = true;
+        part.oddHeaders = true;
     }
     const bool coded = part.coding != Coding::kPlain && part.coding != Coding::kUnknown;
     if (coded && part.kind != PartKind::kLeaf)

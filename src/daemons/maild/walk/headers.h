@@ -13,9 +13,6 @@ namespace maild {
 // What the headers say, with every reading that matters.
 struct Declared {
     Part part;  // without place, depth and ranges
-    // Of a multipart: each reading of its boundary, without blanks at the end. More than one only
-    // where readers differ.
-    std::vector<std::string> boundaries;
     std::vector<Ambiguous> ambiguities;
     bool tooLong = false;  // a header that nobody would write
 };

@@ -55,6 +55,8 @@ struct Part {
     // 2047 decoded, as well as raw. Readers differ in which of them they show and save by, so a
     // rule on names has to look at all.
     std::vector<std::string> names;
+    // Of a multipart: each reading of its boundary; more than one only where readers differ.
+    std::vector<std::string> boundaries;
     bool inSigned = false;     // within multipart/signed or S/MIME's signed data
     bool inEncrypted = false;  // within multipart/encrypted or S/MIME's enveloped data
     bool isText = false;       // text/*, but for attachments
@@ -65,7 +67,8 @@ struct Part {
     Range whole;  // headers and body
     Range body;   // without the line end that belongs to the boundary behind it
     BodySource source;
-    // From End on: the coding is broken, or declared, in a way that readers undo differently.
+    bool oddHeaders = false;  // its coding is declared so that readers take different ones
+    // From End on: it is broken so that readers undo it differently, or declared so.
     bool oddCoding = false;
 };
 

@@ -43,11 +43,9 @@ void Walker::WalkMessage(Range range) {
     Lines(range);
 }
 
-void Walker::WalkBody(Range range, const std::vector<std::string>& boundaries, bool digest) {
+void Walker::WalkBody(Range range) {
     Level level;
     level.part = *container_;
-    if (digest) level.part.type = "multipart/digest";
-    level.boundaries = boundaries;
     level.silent = true;
     levels_.push_back(std::move(level));
     where_ = Where::kBody;
@@ -122,17 +120,16 @@ void Walker::EndHeaders(long long bodyBegin) {
     part.body = Stored({bodyBegin, bodyBegin});
     part.source = {file_, dots_, {bodyBegin, bodyBegin}};
     for (const Ambiguous what : declared.ambiguities) Note(what, part.place);
-    for (const std::string& boundary : declared.boundaries) {
+    for (const std::string& boundary : part.boundaries) {
         for (const Level& level : levels_) {
-            if (std::find(level.boundaries.begin(), level.boundaries.end(), boundary) !=
-                    level.boundaries.end() &&
+            if (std::find(level.part.boundaries.begin(), level.part.boundaries.end(), boundary) !=
+                    level.part.boundaries.end() &&
                 !level.closed)
                 state_.Note(Ambiguous::kSharedBoundary, part.place);
         }
     }
     // A multipart that can't be taken apart is a text to those who show it.
-    if (part.kind == PartKind::kMultipart && declared.boundaries.empty())
-        part.kind = PartKind::kLeaf;
+    if (part.kind == PartKind::kMultipart && part.boundaries.empty()) part.kind = PartKind::kLeaf;
     if (part.kind == PartKind::kLeaf) {
         base64_ = Base64Decoder();
         quoted_ = QuotedDecoder();
@@ -142,7 +139,6 @@ void Walker::EndHeaders(long long bodyBegin) {
     }
     Level level;
     level.part = std::move(part);
-    level.boundaries = std::move(declared.boundaries);
     levels_.push_back(std::move(level));
     for (PartSink* sink : state_.sinks) sink->Begin(levels_.back().part);
     where_ = Where::kBody;
@@ -186,7 +182,7 @@ void Walker::BodyLine(const Line& line) {
 void Walker::Content(const Line& line) {
     const Coding coding = levels_.back().part.coding;
     if (coding == Coding::kBase64) {
-        Decode(line.Content());
+        Decode(line.text);
     } else {
         if (!held_.empty()) Decode(held_);
         Decode(line.Content());
@@ -234,7 +230,7 @@ bool Walker::Boundary(const Line& line) {
     bool closes = false;
     bool tail = false;
     for (std::size_t i = levels_.size(); i-- > 0 && !found;) {
-        for (const std::string& boundary : levels_[i].boundaries) {
+        for (const std::string& boundary : levels_[i].part.boundaries) {
             if (!content.starts_with(boundary)) continue;
             const std::string_view rest = content.substr(boundary.size());
             closes = rest.starts_with("--") && AllBlank(rest.substr(2));
@@ -293,15 +289,18 @@ void Walker::EndLevels(std::size_t keep, long long end) {
 
 void Walker::EndLeaf() {
     Part& part = levels_.back().part;
+    part.oddCoding = part.oddHeaders;
     if (part.coding == Coding::kBase64) {
         base64_.Finish(out_);
         if (base64_.Odd()) state_.Note(Ambiguous::kOddCoding, part.place);
-        part.oddCoding = part.oddCoding || base64_.Odd();
+        part.oddCoding = part.oddCoding || base64_.Odd() || base64_.Cut();
     }
     if (part.coding == Coding::kQuotedPrintable) {
         quoted_.Finish(out_);
         part.oddCoding = part.oddCoding || quoted_.Odd();
     }
+    part.oddCoding =
+        part.oddCoding || part.coding == Coding::kUuencode || part.coding == Coding::kYenc;
     Emit();
 }
 

@@ -36,13 +36,12 @@ class Walker {
 
     // Walks a message from its headers on.
     void WalkMessage(Range range);
-    // Walks the body of a multipart.
-    void WalkBody(Range range, const std::vector<std::string>& boundaries, bool digest);
+    // Walks the body of the container, a multipart.
+    void WalkBody(Range range);
 
   private:
     struct Level {
         Part part;
-        std::vector<std::string> boundaries;
         int children = 0;
         bool closed = false;  // its end was met
         bool text = false;    // there is something in it besides its parts

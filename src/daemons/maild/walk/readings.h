@@ -1,0 +1,29 @@
+// Inside maild/: one coded body as different readers undo it.
+#pragma once
+
+#include <vector>
+
+#include "daemons/maild/walk/decoder.h"
+#include "daemons/maild/walk/part.h"
+#include "daemons/maild/walk/scratch.h"
+
+namespace maild {
+
+// What a reader does with a body.
+struct Reading {
+    Coding coding = Coding::kPlain;
+    Filler filler = Filler::kAnew;  // of base64, as the next two
+    Foreign foreign = Foreign::kIgnore;
+    bool eachLine = false;  // each line is a coded text of its own
+    bool keepOdd = true;    // of quoted-printable
+};
+
+// All the ways in which readers undo a coding that is broken or declared oddly: of base64 those of
+// base64 alone, else those of each coding, and none.
+std::vector<Reading> ReadingsOf(const Part& part);
+
+// Writes the body as it is read so behind what the file has. Of uuencode and yEnc all files of the
+// body, one behind the other. False if it can't be done.
+bool Decode(const BodySource& source, const Reading& reading, Scratch& scratch);
+
+}  // namespace maild

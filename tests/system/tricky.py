@@ -1,0 +1,177 @@
+"""Messages with the standard pattern in a place where one reader finds it and another doesn't; each is (what it is, message),
+or with a third entry, True, if it went through BDAT."""
+
+import base64
+import binascii
+import quopri
+import struct
+
+from scanning import EICAR, archive
+
+CODED = base64.b64encode(EICAR)
+ZIP = archive(("eicar.com", EICAR))
+NAME = b"name=f.zip"
+
+
+def lines(data, width=76):
+    return b"".join(data[i:i + width] + b"\r\n" for i in range(0, len(data), width))
+
+
+def b64(data, width=76):
+    return lines(base64.b64encode(data), width)
+
+
+def uu(data, name=b"f.zip"):
+    out = b"begin 644 " + name + b"\r\n"
+    for i in range(0, len(data), 45):
+        out += binascii.b2a_uu(data[i:i + 45]).rstrip(b"\n") + b"\r\n"
+    return out + b"`\r\nend\r\n"
+
+
+def yenc(data):
+    out, line = b"=ybegin line=128 size=%d name=f.zip\r\n" % len(data), b""
+    for byte in data:
+        code = (byte + 42) & 0xFF
+        line += b"=" + bytes([(code + 64) & 0xFF]) if code in (0, 10, 13, 61, 46) else bytes([code])
+        if len(line) >= 128:
+            out, line = out + line + b"\r\n", b""
+    return out + line + b"\r\n=yend size=%d\r\n" % len(data)
+
+
+def tnef(data):
+    def attribute(level, kind, value):
+        return struct.pack("<BII", level, kind, len(value)) + value + struct.pack("<H", sum(value) & 0xFFFF)
+    return (struct.pack("<IH", 0x223E9F78, 1) + attribute(1, 0x00089006, struct.pack("<I", 0x10000))
+            + attribute(2, 0x00069002, b"\1\0" + b"\0" * 12) + attribute(2, 0x00018010, b"f.zip\0")
+            + attribute(2, 0x0006800F, data))
+
+
+def part(content, coding=b"base64", kind=b"application/zip", more=b""):
+    head = b"Content-Type: " + kind + b"; " + NAME + b"\r\n" + more
+    return head + (b"Content-Transfer-Encoding: " + coding + b"\r\n" if coding else b"") + b"\r\n" + content
+
+
+def mixed(*parts, boundary=b"b", kind=b"multipart/mixed", end=True, more=b""):
+    return (b"Content-Type: " + kind + b"; boundary=\"" + boundary + b"\"\r\n" + more + b"\r\n"
+            + b"".join(b"--" + boundary + b"\r\n" + each for each in parts)
+            + (b"--" + boundary + b"--\r\n" if end else b""))
+
+
+def message(content, first=b"Subject: a file\r\nMIME-Version: 1.0\r\n"):
+    return first + content
+
+
+TEXT = b"Content-Type: text/plain\r\n\r\nsee the file\r\n"
+INNER = b"Subject: inner\r\nMIME-Version: 1.0\r\n" + mixed(TEXT, part(b64(ZIP)))
+ZIPPED = b64(ZIP)
+HALF = len(ZIP) // 3 // 2 * 3  # whole groups
+PADDED = len(ZIP) // 2 // 3 * 3 + 1  # a group of one byte: two fillers
+
+
+def one(name, content, coding=b"base64", **more):
+    return name, message(mixed(TEXT, part(content, coding, **more)))
+
+
+CASES = [
+    one("filler in the midst", b64(ZIP[:PADDED]) + b64(ZIP[PADDED:])),
+    one("filler in the midst of a line", lines(base64.b64encode(ZIP[:PADDED]) + base64.b64encode(ZIP[PADDED:]))),
+    one("each line with its filler", b"".join(b64(ZIP[i:i + 55]) for i in range(0, len(ZIP), 55))),
+    one("text with a filler in front", b64(b"x") + b64(ZIP)),
+    one("text without a filler in front, other groups", b"eA\r\n\r\n" + b64(ZIP)),
+    one("fillers in front", b"====\r\n" + b64(ZIP)),
+    one("a filler that counts for nothing", lines(base64.b64encode(ZIP)[:10] + b"=" + base64.b64encode(ZIP)[10:])),
+    one("foreign characters in lines", lines(b"!".join(base64.b64encode(ZIP)[i:i + 9] for i in range(0, 300, 9)))),
+    one("high bytes in lines", lines(b"\xe9".join(base64.b64encode(ZIP)[i:i + 7] for i in range(0, 300, 7)))),
+    one("lines of one character", lines(base64.b64encode(ZIP), 1)),
+    one("lines of five", lines(base64.b64encode(ZIP), 5)),
+    one("one endless line", lines(base64.b64encode(ZIP), 9999)),
+    one("blanks within", lines(base64.b64encode(ZIP), 11).replace(b"\r\n", b" ") + b"\r\n"),
+    one("the alphabet of URLs", lines(base64.urlsafe_b64encode(ZIP))),
+    one("empty lines within", lines(base64.b64encode(ZIP), 40).replace(b"\r\n", b"\r\n\r\n\r\n")),
+    one("a line that is no base64 in front", b"This is a file:\r\n" + ZIPPED),
+    one("a line with a dash in front", b"-\r\n" + ZIPPED),
+    one("text behind", ZIPPED + b"-- \r\nthe list's footer\r\n"),
+    one("a coding in capitals", ZIPPED, b"BASE64"),
+    one("a coding with a blank", ZIPPED, b" base64 "),
+    one("a coding in quotes", ZIPPED, b'"base64"'),
+    one("a coding with a parameter", ZIPPED, b"base64; x=y"),
+    one("a coding with a comment", ZIPPED, b"base64 (x)"),
+    one("a comment in front of the coding", ZIPPED, b"(x) base64"),
+    one("a coding that isn't known", ZIPPED, b"base-64"),
+    one("two words", ZIPPED, b"7bit base64"),
+    one("a coding of long words", ZIPPED, b"x-base64"),
+    one("two codings, 7bit first", ZIPPED, b"7bit\r\nContent-Transfer-Encoding: base64"),
+    one("two codings, base64 first", ZIPPED, b"base64\r\nContent-Transfer-Encoding: 7bit"),
+    one("two codings, quoted-printable first", ZIPPED, b"quoted-printable\r\nContent-Transfer-Encoding: base64"),
+    one("a coding that is folded", ZIPPED, b"\r\n base64"),
+    one("a coding behind a line of blanks", ZIPPED, b"base64", more=b"X-A: b\r\n \r\n"),
+    one("a coding behind a line that is none", ZIPPED, b"base64", more=b"hello\r\n"),
+    one("blank before the colon", ZIPPED, None, more=b"Content-Transfer-Encoding : base64\r\n"),
+    one("a NUL in a header", ZIPPED, b"base64", more=b"X-A: \0\r\n"),
+    one("a bare CR in a header", ZIPPED, None, more=b"X-A: b\rContent-Transfer-Encoding: base64\r\n"),
+    one("odd quoted-printable", quopri.encodestring(ZIP).replace(b"\n", b"\r\n").replace(b"=\r\n", b"= \r\n"), b"quoted-printable"),
+    one("quoted-printable in small letters", b"".join(b"=%02x" % byte + (b"=\r\n" if i % 20 == 19 else b"") for i, byte in enumerate(ZIP))
+        + b"\r\n", b"quoted-printable"),
+    one("uuencode as coding", uu(ZIP), b"x-uuencode"),
+    one("uuencode by another word", uu(ZIP), b"uuencode"),
+    one("yEnc as coding", yenc(ZIP), b"x-yenc"),
+    one("uuencode in a text", b"hello\r\n" + uu(ZIP), None, kind=b"text/plain"),
+    one("uuencode behind a file in a text", uu(b"plain") + b"\r\n" + uu(ZIP), None, kind=b"text/plain"),
+    one("uuencode in a coded text", b64(b"hello\r\n" + uu(ZIP)), kind=b"text/plain"),
+    one("uuencode in a quoted text", quopri.encodestring(b"hello\n" + uu(ZIP).replace(b"\r\n", b"\n")).replace(b"\n", b"\r\n"),
+        b"quoted-printable", kind=b"text/plain"),
+    one("yEnc in a text", b"hello\r\n" + yenc(ZIP), b"8bit", kind=b"text/plain"),
+    one("TNEF", b64(tnef(ZIP)), kind=b"application/ms-tnef"),
+    one("TNEF by another name", b64(tnef(ZIP)), kind=b"application/octet-stream"),
+    one("TNEF of the pattern", b64(tnef(EICAR)), kind=b"application/ms-tnef"),
+    ("uuencode, no headers about it", message(b"\r\nhello\r\n" + uu(ZIP), b"Subject: a\r\n")),
+    one("coded message", b64(INNER), kind=b"message/rfc822"),
+    one("message in quoted-printable", quopri.encodestring(INNER.replace(b"\r\n", b"\n")).replace(b"\n", b"\r\n"), b"quoted-printable",
+        kind=b"message/rfc822"),
+    one("coded message in a coded message", b64(b"To: a\r\n" + part(b64(INNER), kind=b"message/rfc822")), kind=b"message/rfc822"),
+    one("message/global", INNER, None, kind=b"message/global"),
+    one("message/news", INNER, None, kind=b"message/news"),
+    one("message of a kind that isn't known", INNER, None, kind=b"message/x-other"),
+    ("coded multipart", message(b"Content-Type: multipart/mixed; boundary=b\r\nContent-Transfer-Encoding: base64\r\n\r\n"
+                                + b64(b"--b\r\n" + part(ZIPPED) + b"--b--\r\n"))),
+    ("coded multipart within", message(mixed(TEXT, b"Content-Type: multipart/mixed; boundary=c\r\nContent-Transfer-Encoding: base64\r\n\r\n"
+                                             + b64(b"--c\r\n" + part(ZIPPED) + b"--c--\r\n")))),
+    ("coded multipart that isn't coded", message(b"Content-Transfer-Encoding: base64\r\n" + mixed(TEXT, part(ZIPPED)))),
+    ("piece of a message", message(b'Content-Type: message/partial; id="a"; number=1; total=1\r\n\r\n' + INNER)),
+    ("piece that is the whole file", message(b'Content-Type: message/partial; id="a"; number=1; total=2\r\n\r\n'
+                                             b"Subject: x\r\nMIME-Version: 1.0\r\n" + part(ZIPPED))),
+    ("piece within", message(mixed(TEXT, b'Content-Type: message/partial; id="a"; number=1; total=1\r\n\r\n' + INNER))),
+    ("part that lies elsewhere", message(mixed(TEXT, b"Content-Type: message/external-body; access-type=x\r\n\r\n" + part(ZIPPED)))),
+    ("two Content-Types, text first", message(b"Content-Type: text/plain\r\n" + mixed(TEXT, part(ZIPPED)))),
+    ("two Content-Types, text last", message(mixed(TEXT, part(ZIPPED), more=b"Content-Type: text/plain\r\n"))),
+    ("two Content-Types, two boundaries", message(b"Content-Type: multipart/mixed; boundary=c\r\n" + mixed(TEXT, part(ZIPPED)))),
+    ("two boundaries, the first counts", message(b"Content-Type: multipart/mixed; boundary=b; boundary=c\r\n\r\n--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("two boundaries, the last counts", message(b"Content-Type: multipart/mixed; boundary=c; boundary=b\r\n\r\n--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary by RFC 2231", message(b"Content-Type: multipart/mixed; boundary*0=b; boundary*1=c\r\n\r\n--bc\r\n" + part(ZIPPED) + b"--bc--\r\n")),
+    ("two readings of a boundary", message(b"Content-Type: multipart/mixed; boundary=x; boundary*=us-ascii''b\r\n\r\n--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary missing", message(b"Content-Type: multipart/mixed\r\n\r\n--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary empty", message(b'Content-Type: multipart/mixed; boundary=""\r\n\r\n--\r\n' + part(ZIPPED) + b"----\r\n")),
+    ("boundary folded", message(b'Content-Type: multipart/mixed; boundary="b\r\n c"\r\n\r\n--bc\r\n' + part(ZIPPED) + b"--bc--\r\n")),
+    ("boundary with an escape", message(b'Content-Type: multipart/mixed; boundary="b\\c"\r\n\r\n--bc\r\n' + part(ZIPPED) + b"--bc--\r\n")),
+    ("boundary in a comment", message(b"Content-Type: multipart/mixed (; boundary=c); boundary=b\r\n\r\n--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary in single quotes", message(b"Content-Type: multipart/mixed; boundary='b'\r\n\r\n--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary in other case", message(b"Content-Type: multipart/mixed; boundary=BB\r\n\r\n--bb\r\n" + part(ZIPPED) + b"--bb--\r\n")),
+    ("boundary with a tail", message(b"Content-Type: multipart/mixed; boundary=b\r\n\r\n--bx\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary of the one around", message(mixed(TEXT, mixed(part(ZIPPED))))),
+    ("boundary that begins like the one around", message(mixed(TEXT, mixed(part(ZIPPED), boundary=b"bb")))),
+    ("parts behind the end", message(mixed(TEXT) + b"--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("part in front of the first boundary", message(b"Content-Type: multipart/mixed; boundary=b\r\n\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("no end", message(mixed(TEXT, part(ZIPPED), end=False))),
+    ("no end within", message(mixed(mixed(TEXT, part(ZIPPED), boundary=b"c", end=False), TEXT))),
+    ("multipart of a kind that isn't known", message(mixed(TEXT, part(ZIPPED), kind=b"multipart/x-other"))),
+    ("kind in capitals, blanks around", message(mixed(TEXT, part(ZIPPED), kind=b" MULTIPART / Mixed "))),
+    ("no MIME-Version", message(mixed(TEXT, part(ZIPPED)), b"Subject: a\r\n")),
+    ("multipart/signed", message(mixed(mixed(TEXT, part(ZIPPED), boundary=b"c"), TEXT, kind=b'multipart/signed; protocol="x"'))),
+    ("coded text, a file behind its name", message(mixed(part(ZIPPED, kind=b"text/plain")))),
+    ("a whole message that is a file", message(part(ZIPPED))),
+    ("a first line that is folded", b" x\r\nSubject: a\r\n" + part(ZIPPED)),
+    ("long header in front", b"Subject: " + b"x" * 70000 + b"\r\n" + part(ZIPPED)),
+    ("a thousand headers in front", b"X-A: b\r\n" * 1000 + part(ZIPPED)),
+    ("deep in multiparts", message(__import__("functools").reduce(
+        lambda inner, i: mixed(TEXT, inner, boundary=b"b%d" % (100 + i)), range(15), part(ZIPPED)))),
+]

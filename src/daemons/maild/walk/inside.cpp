@@ -1,6 +1,6 @@
 // Coded containers: messages and multiparts that some readers decode first.
-#include "daemons/maild/walk/readings.h"
-#include "daemons/maild/walk/scratch.h"
+#include "daemons/maild/coding/readings.h"
+#include "daemons/maild/coding/scratch.h"
 #include "daemons/maild/walk/walker.h"
 
 namespace maild {
@@ -21,7 +21,7 @@ void Walker::LookInside(const Level& level) {
     state_.decoded += body.end - body.begin;
     if (nesting_ >= kMostNesting || state_.decoded > kMostDecodedTimes * (state_.size + 65536))
         return state_.Stop(WalkEnd::kTooComplex, "coded messages within coded messages");
-    if (!Decode(level.part.source, Reading{level.part.coding}, scratch) || scratch.Rewind() < 0)
+    if (!DecodeBody(level.part.source, Reading{level.part.coding}, scratch) || scratch.Rewind() < 0)
         return state_.Stop(WalkEnd::kCantRead, "can't decode a message in the message");
     Walker inner(state_, scratch.Rewind(), Dots::kPlain, &level.part, nesting_ + 1);
     if (level.part.kind == PartKind::kMessage) {

@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "daemons/maild/walk/decoder.h"
+#include "daemons/maild/coding/decoder.h"
+#include "daemons/maild/coding/lines.h"
 #include "daemons/maild/walk/headers.h"
-#include "daemons/maild/walk/lines.h"
 #include "daemons/maild/walk/walk.h"
 
 namespace maild {

@@ -1,4 +1,4 @@
-#include "daemons/maild/walk/decoder.h"
+#include "daemons/maild/coding/decoder.h"
 
 #include <algorithm>
 

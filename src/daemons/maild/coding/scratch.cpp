@@ -1,4 +1,4 @@
-#include "daemons/maild/walk/scratch.h"
+#include "daemons/maild/coding/scratch.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,4 +1,4 @@
-// Inside maild/: a text part's bytes in UTF-8, block by block, for sinks that look at text.
+// Inside coding/: a text part's bytes in UTF-8, block by block, for sinks that look at text.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "daemons/maild/walk/text.h"
+#include "daemons/maild/coding/text.h"
 
 #include <iconv.h>
 

@@ -1,8 +1,8 @@
-#include "daemons/maild/walk/readings.h"
+#include "daemons/maild/coding/readings.h"
 
 #include <string>
 
-#include "daemons/maild/walk/lines.h"
+#include "daemons/maild/coding/lines.h"
 
 namespace maild {
 
@@ -27,17 +27,16 @@ constexpr Reading kOthers[] = {
 
 }  // namespace
 
-std::vector<Reading> ReadingsOf(const Part& part) {
-    const bool declared = part.codingText == "base64" || part.codingText == "quoted-printable";
+std::vector<Reading> ReadingsOf(Coding coding, bool oddHeaders) {
     std::vector<Reading> readings;
-    if (!declared || part.coding == Coding::kBase64 || part.oddHeaders)
+    if (oddHeaders || coding == Coding::kBase64)
         readings.insert(readings.end(), std::begin(kOfBase64), std::end(kOfBase64));
-    if (!declared || part.coding == Coding::kQuotedPrintable || part.oddHeaders)
+    if (oddHeaders || coding != Coding::kBase64)
         readings.insert(readings.end(), std::begin(kOthers), std::end(kOthers));
     return readings;
 }
 
-bool Decode(const BodySource& source, const Reading& reading, Scratch& scratch) {
+bool DecodeBody(const BodySource& source, const Reading& reading, Scratch& scratch) {
     LineReader reader(source.file, source.dots, source.body);
     Base64Decoder base64(reading.filler, reading.foreign);
     QuotedDecoder quoted(reading.keepOdd);

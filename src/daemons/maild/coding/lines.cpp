@@ -1,4 +1,4 @@
-#include "daemons/maild/walk/lines.h"
+#include "daemons/maild/coding/lines.h"
 
 #include <unistd.h>
 

@@ -1,11 +1,11 @@
-// Inside walk/: a stored message line by line, as its receiver has it: without the dots that were
+// Inside coding/: a stored message line by line, as its receiver has it: without the dots that were
 // put in front for the way.
 #pragma once
 
 #include <string_view>
 #include <vector>
 
-#include "daemons/maild/walk/part.h"
+#include "daemons/maild/coding/source.h"
 
 namespace maild {
 

@@ -1,4 +1,4 @@
-// Inside walk/: the codings of bodies, undone block by block. Two readers of one text may come to
+// Inside coding/: the codings of bodies, undone block by block. Two readers of one text may come to
 // different bytes where it is not what the standard says; then it is odd, and the variants say who
 // reads what.
 #pragma once
@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "daemons/maild/walk/part.h"
+#include "daemons/maild/coding/source.h"
 
 namespace maild {
 

@@ -1,11 +1,11 @@
-// Inside maild/: one coded body as different readers undo it.
+// Inside coding/: one coded body as different readers undo it.
 #pragma once
 
 #include <vector>
 
-#include "daemons/maild/walk/decoder.h"
-#include "daemons/maild/walk/part.h"
-#include "daemons/maild/walk/scratch.h"
+#include "daemons/maild/coding/decoder.h"
+#include "daemons/maild/coding/scratch.h"
+#include "daemons/maild/coding/source.h"
 
 namespace maild {
 
@@ -19,11 +19,11 @@ struct Reading {
 };
 
 // All the ways in which readers undo a coding that is broken or declared oddly: of base64 those of
-// base64 alone, else those of each coding, and none.
-std::vector<Reading> ReadingsOf(const Part& part);
+// base64 alone, of quoted-printable those of all others; with odd headers about it, all.
+std::vector<Reading> ReadingsOf(Coding coding, bool oddHeaders);
 
 // Writes the body as it is read so behind what the file has. Of uuencode and yEnc all files of the
 // body, one behind the other. False if it can't be done.
-bool Decode(const BodySource& source, const Reading& reading, Scratch& scratch);
+bool DecodeBody(const BodySource& source, const Reading& reading, Scratch& scratch);
 
 }  // namespace maild

@@ -1,4 +1,4 @@
-// Inside maild/: a temporary file without a name for decoded bytes. Small ones are in memory,
+// Inside coding/: a temporary file without a name for decoded bytes. Small ones are in memory,
 // larger ones in the instance's directory for temporary files.
 #pragma once
 

@@ -38,6 +38,10 @@ def yenc(data):
     return out + line + b"\r\n=yend size=%d\r\n" % len(data)
 
 
+def quoted(data, code=b"=%02X", end=b"=\r\n"):
+    return b"".join(code % byte + (end if i % 20 == 19 else b"") for i, byte in enumerate(data)) + b"\r\n"
+
+
 def tnef(data):
     def attribute(level, kind, value):
         return struct.pack("<BII", level, kind, len(value)) + value + struct.pack("<H", sum(value) & 0xFFFF)
@@ -109,9 +113,10 @@ CASES = [
     one("blank before the colon", ZIPPED, None, more=b"Content-Transfer-Encoding : base64\r\n"),
     one("a NUL in a header", ZIPPED, b"base64", more=b"X-A: \0\r\n"),
     one("a bare CR in a header", ZIPPED, None, more=b"X-A: b\rContent-Transfer-Encoding: base64\r\n"),
-    one("odd quoted-printable", quopri.encodestring(ZIP).replace(b"\n", b"\r\n").replace(b"=\r\n", b"= \r\n"), b"quoted-printable"),
-    one("quoted-printable in small letters", b"".join(b"=%02x" % byte + (b"=\r\n" if i % 20 == 19 else b"") for i, byte in enumerate(ZIP))
-        + b"\r\n", b"quoted-printable"),
+    one("quoted-printable with blanks behind its lines", quoted(ZIP, b"=%02X", b"= \t \r\n"), b"quoted-printable"),
+    one("quoted-printable in small letters", quoted(ZIP, b"=%02x"), b"quoted-printable"),
+    one("quoted-printable with escapes that are none", b"=ZZ=\r\n" + quoted(ZIP), b"quoted-printable"),
+    one("quoted-printable with a bare LF", quoted(ZIP, b"=%02X", b"=\n"), b"quoted-printable"),
     one("uuencode as coding", uu(ZIP), b"x-uuencode"),
     one("uuencode by another word", uu(ZIP), b"uuencode"),
     one("yEnc as coding", yenc(ZIP), b"x-yenc"),

@@ -31,14 +31,15 @@ std::optional<Action> ActionOf(std::string_view word);
 struct Finding {
     Section section = Section::kAntivirus;
     Action action = Action::kPass;
-    std::string rule;      // its name in the configuration: "WhenAmbiguous", "VirusAction"
-    std::string reason;    // for the log: a signature's name, a file's name, a score
-    std::string text{};    // what the client is told behind the code, of a rule's own; may be empty
-    std::string part{};    // the place of the part, as Part has it; empty: the whole message
-    Range range{};         // of the stored file, what `remove` takes out; empty: the whole message
-    std::string target{};  // of `redirect`: addresses, ';' between two; of `tag`: what is put in
-    long long value = 0;   // a score, in thousandths, or whatever the rule counts
-    std::int32_t event = 0;  // of libstats/codes.h, if it is the one that decides; 0: by its action
+    std::string rule{};      // its name in the configuration: "WhenAmbiguous", "VirusAction"
+    std::string reason{};    // what was found: a signature's name, a file's name, a score
+    std::string log{};       // the whole sentence for the log; empty: nothing to say
+    std::string text{};      // what the client is told behind the code, of a rule's own
+    std::string part{};      // the place of the part, as Part has it; empty: the whole message
+    Range range{};           // of the stored file, what `remove` takes out
+    std::string target{};    // of `redirect`: addresses, ';' between two; of `tag`: what is put in
+    long long value = 0;     // a score, in thousandths, or whatever the rule counts
+    std::int32_t event = 0;  // of libstats/codes.h, if this finding decides
 };
 
 // The action that wins, and the finding that it is of.
@@ -59,6 +60,8 @@ struct Decision {
 // So a section that could not look never lets another one deliver the message, and an infected
 // message is never treated milder than the antivirus section alone would treat it.
 Decision Decide(std::span<const Finding> findings);
+// The same among one section's.
+Decision Decide(std::span<const Finding> findings, Section section);
 
 // Whether the message goes on to its recipients: then tags and removals are to be done.
 constexpr bool Delivers(Action action) { return action <= Action::kRemove; }

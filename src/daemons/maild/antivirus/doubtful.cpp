@@ -1,0 +1,113 @@
+#include "daemons/maild/antivirus/doubtful.h"
+
+#include <algorithm>
+
+#include "daemons/maild/antivirus/rescue.h"
+#include "daemons/maild/coding/readings.h"
+
+namespace maild {
+
+namespace {
+
+// The engine doesn't look into these at all.
+constexpr const char* kClosed[] = {"multipart/signed",      "multipart/parallel", "message/partial",
+                                   "message/external-body", "message/news",       "message/global"};
+
+bool IsClosed(const Part& part) {
+    return std::find(std::begin(kClosed), std::end(kClosed), part.type) != std::end(kClosed);
+}
+
+bool IsCoded(const Part& part) {
+    return part.coding != Coding::kPlain && part.coding != Coding::kUnknown;
+}
+
+// Has questions of its own: the parts that are open to doubt themselves.
+bool IsOfParts(Ambiguous what) {
+    return what == Ambiguous::kOddCoding || what == Ambiguous::kHiddenCoding ||
+           what == Ambiguous::kEncodedContainer || what == Ambiguous::kPartialMessage ||
+           what == Ambiguous::kExternalBody;
+}
+
+}  // namespace
+
+void DoubtfulParts::Begin(const Part& part) {
+    const bool root = around_.empty() || around_.back() == PartKind::kMessage;
+    around_.push_back(part.kind);
+    if (part.kind != PartKind::kLeaf || !questions_.Going()) return;
+    first_ = true;
+    place_ = part.place;
+    const bool isMessage = part.type.starts_with("message/");
+    if (part.isText || isMessage || part.type.starts_with("multipart/"))
+        text_ = std::make_unique<FilesInText>(questions_, part.place);
+    if (isMessage && root) {
+        wrapped_ = std::make_unique<Scratch>();
+        wrapped_->Write(kMessageStart);
+    }
+}
+
+void DoubtfulParts::Data(std::span<const std::byte> bytes) {
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    // The walk hands on the first bytes in one piece, as long as the part has so many.
+    if (first_ && text.starts_with(TnefReader::kMark))
+        tnef_ = std::make_unique<TnefReader>(questions_, place_);
+    first_ = false;
+    if (tnef_ != nullptr) tnef_->Write(text);
+    if (text_ != nullptr) text_->Write(text);
+    if (wrapped_ != nullptr && !wrapped_->Write(text)) questions_.Fail();
+}
+
+void DoubtfulParts::End(const Part& part) {
+    around_.pop_back();
+    if (part.kind == PartKind::kLeaf) {
+        if (tnef_ != nullptr) tnef_->Finish();
+        if (text_ != nullptr) {
+            text_->Finish();
+            if (text_->Any() && !hidden_) hidden_ = {Ambiguous::kHiddenCoding, part.place};
+        }
+        if (wrapped_ != nullptr) questions_.Put(*wrapped_, part.place);
+        tnef_.reset();
+        text_.reset();
+        wrapped_.reset();
+        if (part.oddCoding) AskReadings(part);
+    } else if (IsClosed(part) || IsCoded(part)) {
+        AskContainer(part);
+    }
+}
+
+void DoubtfulParts::AskReadings(const Part& part) {
+    for (const Reading& reading : ReadingsOf(part.coding, part.oddHeaders)) {
+        if (!questions_.Going()) return;
+        Scratch file;
+        if (!DecodeBody(part.source, reading, file)) questions_.Fail();
+        questions_.Put(file, part.place);
+    }
+}
+
+void DoubtfulParts::AskContainer(const Part& part) {
+    for (const Coding coding : {Coding::kPlain, part.coding}) {
+        // Uncoded the engine has seen it, but for those that it doesn't look into.
+        if (coding == Coding::kPlain ? !IsClosed(part) : !IsCoded(part)) continue;
+        if (!questions_.Going()) return;
+        Scratch file;
+        file.Write(kMessageStart);
+        if (part.kind == PartKind::kMultipart) {
+            std::string boundary;
+            for (const char c : part.boundaries.front()) {
+                if (c == '"' || c == '\\') boundary += '\\';
+                boundary += c;
+            }
+            file.Write("MIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=\"" +
+                       boundary + "\"\r\n\r\n");
+        }
+        if (!DecodeBody(part.source, Reading{coding}, file)) questions_.Fail();
+        questions_.Put(file, part.place);
+    }
+}
+
+void DoubtfulParts::Done(const WalkResult& result) {
+    const bool structure = std::any_of(result.ambiguities.begin(), result.ambiguities.end(),
+                                       [](const Ambiguity& each) { return !IsOfParts(each.what); });
+    if (structure && questions_.Going()) AskAboutCodedText(questions_, message_);
+}
+
+}  // namespace maild

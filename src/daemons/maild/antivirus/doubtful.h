@@ -1,0 +1,55 @@
+// Inside maild/: the parts of a message that the engine could see otherwise than a reader, each put
+// to it as a file:
+//
+//   a leaf whose coding is broken or declared oddly    each reading (coding/readings.h)
+//   a coded message or multipart                       as it is when it is decoded
+//   a container into which the engine doesn't look     as a message that it takes apart
+//   files in a text by uuencode or yEnc, files in TNEF each by itself
+//   a message whose structure is ambiguous             all that looks coded in it (rescue.h)
+//
+// Ordinary mail has none of these.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "daemons/maild/antivirus/filesintext.h"
+#include "daemons/maild/antivirus/questions.h"
+#include "daemons/maild/antivirus/tnef.h"
+#include "daemons/maild/walk/walk.h"
+
+namespace maild {
+
+class DoubtfulParts final : public PartSink {
+  public:
+    // All of them outlive it. `message`: where all of it lies.
+    DoubtfulParts(Questions& questions, const BodySource& message)
+        : questions_(questions), message_(message) {}
+
+    void Begin(const Part& part) override;
+    void Data(std::span<const std::byte> bytes) override;
+    void End(const Part& part) override;
+    void Done(const WalkResult& result) override;
+
+    // Whether there was a file in a text.
+    const std::optional<Ambiguity>& Hidden() const { return hidden_; }
+
+  private:
+    void AskReadings(const Part& part);
+    void AskContainer(const Part& part);
+
+    Questions& questions_;
+    const BodySource message_;
+    std::vector<PartKind> around_;  // of the parts that are open
+    std::optional<Ambiguity> hidden_;
+    // Of the leaf that is open:
+    std::unique_ptr<FilesInText> text_;
+    std::unique_ptr<TnefReader> tnef_;
+    std::string place_;
+    bool first_ = false;                // none of its bytes have come
+    std::unique_ptr<Scratch> wrapped_;  // a message of a kind that isn't taken apart
+};
+
+}  // namespace maild

@@ -141,7 +141,9 @@ void QuotedDecoder::Take(char c, std::string& out) {
             blanks_.clear();
             return;
         }
-        if (c != '\r' && c != '\n') out += blanks_;
+        const bool atEnd = c == '\r' || c == '\n';
+        blanksDropped_ = blanksDropped_ || (atEnd && !blanks_.empty());
+        if (!atEnd || keepBlanks_) out += blanks_;
         blanks_.clear();
         if (c == '=') {
             held_ = c;
@@ -152,6 +154,7 @@ void QuotedDecoder::Take(char c, std::string& out) {
     }
     // "=", "=H", "= ", "=\r" so far.
     if (c == '\n') {
+        odd_ = odd_ || held_.find_first_of(" \t") != std::string::npos;
         if (held_.size() == 2 && HexDigit(held_[1]) >= 0) {
             GiveUp(out);
             out += c;

@@ -59,22 +59,29 @@ class Base64Decoder {
 
 class QuotedDecoder {
   public:
-    // `keepOdd`: a `=` that escapes nothing stays; else it goes.
-    explicit QuotedDecoder(bool keepOdd = true) : keepOdd_(keepOdd) {}
+    // `keepOdd`: a `=` that escapes nothing stays; else it goes. `keepBlanks`: so do blanks at the
+    // end of a line, which the standard takes away.
+    explicit QuotedDecoder(bool keepOdd = true, bool keepBlanks = false)
+        : keepOdd_(keepOdd), keepBlanks_(keepBlanks) {}
 
     void Write(std::string_view text, std::string& out);
     void Finish(std::string& out);
-    // There is a `=` that escapes nothing.
+    // Readers may differ: there is a `=` that escapes nothing, or blanks between one and the end of
+    // its line.
     bool Odd() const { return odd_; }
+    // The same of what is no text: blanks at the end of a line.
+    bool Blanks() const { return blanksDropped_; }
 
   private:
     void Take(char c, std::string& out);
     void GiveUp(std::string& out);
 
     bool keepOdd_;
+    bool keepBlanks_;
     std::string held_;    // from a '=' on
     std::string blanks_;  // at a line's end they count for nothing
     bool odd_ = false;
+    bool blanksDropped_ = false;
 };
 
 // Files in uuencode within text: from "begin MODE NAME" to "end", one behind the other. Other lines

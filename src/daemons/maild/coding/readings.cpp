@@ -21,6 +21,7 @@ constexpr Reading kOthers[] = {
     {},
     {Coding::kQuotedPrintable},
     {Coding::kQuotedPrintable, Filler::kAnew, Foreign::kIgnore, false, false},
+    {Coding::kQuotedPrintable, Filler::kAnew, Foreign::kIgnore, false, true, true},
     {Coding::kUuencode},
     {Coding::kYenc},
 };
@@ -39,7 +40,7 @@ std::vector<Reading> ReadingsOf(Coding coding, bool oddHeaders) {
 bool DecodeBody(const BodySource& source, const Reading& reading, Scratch& scratch) {
     LineReader reader(source.file, source.dots, source.body);
     Base64Decoder base64(reading.filler, reading.foreign);
-    QuotedDecoder quoted(reading.keepOdd);
+    QuotedDecoder quoted(reading.keepOdd, reading.keepBlanks);
     UuDecoder uu;
     YencDecoder yenc;
     std::string out;

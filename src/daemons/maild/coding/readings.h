@@ -15,7 +15,8 @@ struct Reading {
     Filler filler = Filler::kAnew;  // of base64, as the next two
     Foreign foreign = Foreign::kIgnore;
     bool eachLine = false;  // each line is a coded text of its own
-    bool keepOdd = true;    // of quoted-printable
+    bool keepOdd = true;    // of quoted-printable, as the next one
+    bool keepBlanks = false;
 };
 
 // All the ways in which readers undo a coding that is broken or declared oddly: of base64 those of

@@ -297,7 +297,7 @@ void Walker::EndLeaf() {
     }
     if (part.coding == Coding::kQuotedPrintable) {
         quoted_.Finish(out_);
-        part.oddCoding = part.oddCoding || quoted_.Odd();
+        part.oddCoding = part.oddCoding || quoted_.Odd() || (quoted_.Blanks() && !part.isText);
     }
     part.oddCoding =
         part.oddCoding || part.coding == Coding::kUuencode || part.coding == Coding::kYenc;

@@ -8,7 +8,6 @@
 
 #include "daemons/maild/judge.h"
 #include "daemons/maild/verdict/antivirus.h"
-#include "logclient/logclient.h"
 #include "text/printable.h"
 
 namespace {

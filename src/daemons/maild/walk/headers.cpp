@@ -53,6 +53,13 @@ Coding CodingOf(std::string_view word) {
     return word == "x-yenc" || word == "yenc" ? Coding::kYenc : Coding::kUnknown;
 }
 
+// Words of careless programs for what needs no coding.
+bool MeansPlain(const std::string& essence) {
+    constexpr std::string_view kWords[] = {"7bit", "7bits", "8bit",  "8bits",  "bit",
+                                           "none", "utf8",  "ascii", "binary", "usascii"};
+    return std::find(std::begin(kWords), std::end(kWords), essence) != std::end(kWords);
+}
+
 // What a reader that guesses makes of an unknown word.
 Coding GuessCoding(std::string_view word) {
     const std::string essence = Essence(word);
@@ -201,7 +208,9 @@ void HeaderBlock::ReadCoding(Declared& declared) const {
     part.coding = CodingOf(part.codingText);
     // In its full text: a quoted word, or one with something behind it, is known to some only.
     const std::string whole = LowerCase(coding.value);
-    if (part.coding == Coding::kUnknown || whole != part.codingText) {
+    if (MeansPlain(Essence(whole))) {
+        part.coding = Coding::kPlain;
+    } else if (part.coding == Coding::kUnknown || whole != part.codingText) {
         const Coding guess = GuessCoding(whole);
         if (part.coding == Coding::kUnknown) part.coding = guess;
         if (guess != Coding::kUnknown) declared.ambiguities.push_back(Ambiguous::kUnknownEncoding);

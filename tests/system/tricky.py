@@ -1,14 +1,13 @@
-"""Messages with the standard pattern in a place where one reader finds it and another doesn't; each is (what it is, message),
-or with a third entry, True, if it went through BDAT."""
+"""Messages with the standard pattern in a place where one reader finds it and another doesn't, each with what it is."""
 
 import base64
 import binascii
+import functools
 import quopri
 import struct
 
 from scanning import EICAR, archive
 
-CODED = base64.b64encode(EICAR)
 ZIP = archive(("eicar.com", EICAR))
 NAME = b"name=f.zip"
 
@@ -68,7 +67,6 @@ def message(content, first=b"Subject: a file\r\nMIME-Version: 1.0\r\n"):
 TEXT = b"Content-Type: text/plain\r\n\r\nsee the file\r\n"
 INNER = b"Subject: inner\r\nMIME-Version: 1.0\r\n" + mixed(TEXT, part(b64(ZIP)))
 ZIPPED = b64(ZIP)
-HALF = len(ZIP) // 3 // 2 * 3  # whole groups
 PADDED = len(ZIP) // 2 // 3 * 3 + 1  # a group of one byte: two fillers
 
 
@@ -177,6 +175,30 @@ CASES = [
     ("a first line that is folded", b" x\r\nSubject: a\r\n" + part(ZIPPED)),
     ("long header in front", b"Subject: " + b"x" * 70000 + b"\r\n" + part(ZIPPED)),
     ("a thousand headers in front", b"X-A: b\r\n" * 1000 + part(ZIPPED)),
-    ("deep in multiparts", message(__import__("functools").reduce(
+    ("deep in multiparts", message(functools.reduce(
         lambda inner, i: mixed(TEXT, inner, boundary=b"b%d" % (100 + i)), range(15), part(ZIPPED)))),
+    one("base64 by the words of uuencode", b"hello\r\nbegin-base64 644 f.zip\r\n" + ZIPPED + b"====\r\n", None, kind=b"text/plain"),
+    one("uuencode in a page", b"<pre>\r\n" + uu(ZIP) + b"</pre>\r\n", None, kind=b"text/html"),
+    one("uuencode with blanks for zeros", uu(ZIP).replace(b"`", b" "), None, kind=b"text/plain"),
+    one("uuencode without its end", uu(ZIP)[:-8], None, kind=b"text/plain"),
+    one("no line between headers and body", ZIPPED, None, more=b"Content-Transfer-Encoding: base64\r\nhello\r\n"),
+    ("a body right behind the headers", message(b"Content-Type: application/zip; name=f.zip\r\nContent-Transfer-Encoding: base64\r\n" + ZIPPED)),
+    ("a part's body right behind its headers", message(mixed(TEXT, b"Content-Type: application/zip; name=f.zip\r\n"
+                                                            b"Content-Transfer-Encoding: base64\r\n" + ZIPPED))),
+    ("long boundary", message(mixed(TEXT, part(ZIPPED), boundary=b"b" * 900))),
+    ("boundary with a blank at its end", message(b'Content-Type: multipart/mixed; boundary="b "\r\n\r\n--b\r\n' + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary with signs", message(mixed(TEXT, part(ZIPPED), boundary=b"'()+_,-./:=? b"))),
+    ("boundary that looks coded", message(b'Content-Type: multipart/mixed; boundary="=?us-ascii?q?b?="\r\n\r\n--b\r\n' + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary with blanks around its sign", message(b"Content-Type: multipart/mixed ;\r\n\tboundary = b\r\n\r\n--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary within another value", message(b'Content-Type: multipart/mixed; x="; boundary=c"; boundary=b\r\n\r\n--b\r\n' + part(ZIPPED) + b"--b--\r\n")),
+    ("boundary without quotes, with a blank", message(b"Content-Type: multipart/mixed; boundary=b c\r\n\r\n--b\r\n" + part(ZIPPED) + b"--b--\r\n")),
+    ("broken base64 within a signed message", message(mixed(mixed(TEXT, part(b64(ZIP[:PADDED]) + b64(ZIP[PADDED:])), boundary=b"c"), TEXT,
+                                                            kind=b'multipart/signed; micalg=x; protocol="x"'))),
+    ("broken base64 within a coded message", message(mixed(TEXT, part(b64(message(part(b64(ZIP[:PADDED]) + b64(ZIP[PADDED:])))),
+                                                                      kind=b"message/rfc822")))),
+    ("piece of a message, all line ends bare CR", message(b'Content-Type: message/partial; id="a"\r\n\r\n' + INNER).replace(b"\r\n", b"\r") + b"\r\n"),
+    ("broken base64, bare CR at line ends", one("", b64(ZIP[:PADDED]) + b64(ZIP[PADDED:]))[1].replace(b"\r\n", b"\r") + b"\r\n"),
+    ("broken base64, bare LF at line ends, dots in front",
+     one("", b64(ZIP[:PADDED]) + b64(ZIP[PADDED:]))[1].replace(b"\r\n", b"\n.") + b"\r\n"),
+    ("broken base64 behind a blank first line", b"\r\n" + one("", b64(ZIP[:PADDED]) + b64(ZIP[PADDED:]))[1]),
 ]

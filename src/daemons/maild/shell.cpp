@@ -9,6 +9,7 @@
 #include "daemons/maild/judge.h"
 #include "daemons/maild/verdict/antivirus.h"
 #include "text/printable.h"
+#include "trelis/trelis.h"
 
 namespace {
 
@@ -63,12 +64,18 @@ int TestFiles(std::span<char* const> words) {
         std::fputs(kUsage, help ? stdout : stderr);
         return help ? kPasses : kWrongWords;
     }
-    const std::shared_ptr<const Settings> settings = LoadSettings();
-    Engine engine;
-    engine.Start(settings);
+    if (TrelisInit2() != 0) {
+        std::fputs("vtmaild: can't open the configuration\n", stderr);
+        return kCant;
+    }
     int code = kPasses;
-    for (const char* path : words)
-        code = std::max<int>(code, TestFile(engine, *settings, path, transfer));
-    engine.Stop();
+    {
+        const std::shared_ptr<const Settings> settings = LoadSettings();
+        Engine engine;
+        engine.Start(settings);
+        for (const char* path : words)
+            code = std::max<int>(code, TestFile(engine, *settings, path, transfer));
+    }
+    TrelisUninit();
     return code;
 }

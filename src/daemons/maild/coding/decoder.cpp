@@ -208,9 +208,18 @@ bool UuDecoder::Begins(std::string_view line) {
 bool UuDecoder::TakeLine(std::string_view line, std::string& out) {
     if (Begins(line)) {
         inFile_ = true;
+        base64_ = line.starts_with("begin-");
         return true;
     }
     line = WithoutEnd(line);
+    if (inFile_ && base64_) {
+        // Programs write whole groups in each line.
+        inFile_ = !line.starts_with("====");
+        Base64Decoder decoder;
+        decoder.Write(line, out);
+        decoder.Finish(out);
+        return false;
+    }
     if (!inFile_ || line.empty()) return false;
     const auto value = [](char c) { return static_cast<unsigned>(c - ' ') & 0x3FU; };
     if (line == "end") {

@@ -98,6 +98,7 @@ class UuDecoder {
 
   private:
     bool inFile_ = false;
+    bool base64_ = false;  // "begin-base64 MODE NAME" to "===="
 };
 
 // The same with yEnc: "=ybegin" to "=yend".

@@ -34,7 +34,7 @@ constexpr AmbiguousKind kKinds[] = {
     // values: behind a line of blanks, with a blank before the colon, within a boundary, or in the
     // first line of all.
     {Ambiguous::kFolding, "headers folded in an odd way", false},
-    // A line without a colon in front of such headers: for some the body begins there.
+    // A line without a colon beside such headers: for some the body begins there.
     {Ambiguous::kHeaderBreak, "a line among headers that is none", false},
     // A coding that isn't known but resembles one that is: some guess, some don't undo it.
     {Ambiguous::kUnknownEncoding, "an unknown Content-Transfer-Encoding", false},

@@ -119,12 +119,14 @@ bool HeaderBlock::AddLine(std::string_view line) {
         const bool envelope =
             fields_.empty() && (line.starts_with("From ") || line.starts_with(">From "));
         broken_ = broken_ || !envelope;
+        oddBreak_ = oddBreak_ || (broken_ && ofBody_);
         return true;
     }
     const std::string_view name = Trim(line.substr(0, colon));
     if (name.size() >= 8 && EqualIgnoringCase(name.substr(0, 8), "content-")) {
         odd_ = odd_ || foldedOddly_ || name.size() != colon;
         oddBreak_ = oddBreak_ || broken_;
+        ofBody_ = true;
     }
     fields_.push_back({std::string(name), std::string(line.substr(colon + 1))});
     return fields_.size() <= kMostFields;

@@ -55,8 +55,9 @@ class HeaderBlock {
     bool bareCr_ = false;
     bool foldedOddly_ = false;  // seen, but harmless until a header of the body's follows
     bool broken_ = false;       // the same with a line that is no header
+    bool ofBody_ = false;       // a header of the body's was met
     bool odd_ = false;          // a header of the body's followed, or is odd itself
-    bool oddBreak_ = false;
+    bool oddBreak_ = false;  // as broken_, beside a header of the body's
 };
 
 }  // namespace maild

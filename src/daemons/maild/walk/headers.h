@@ -57,7 +57,7 @@ class HeaderBlock {
     bool broken_ = false;       // the same with a line that is no header
     bool ofBody_ = false;       // a header of the body's was met
     bool odd_ = false;          // a header of the body's followed, or is odd itself
-    bool oddBreak_ = false;  // as broken_, beside a header of the body's
+    bool oddBreak_ = false;     // as broken_, beside a header of the body's
 };
 
 }  // namespace maild

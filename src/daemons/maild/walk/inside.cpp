@@ -9,7 +9,7 @@ namespace {
 
 // Coded containers within coded containers, and what all of them may come to.
 constexpr int kMostNesting = 4;
-constexpr long long kMostDecodedTimes = 4;
+constexpr long long kMostDecodedTimes = 16;
 
 }  // namespace
 

@@ -55,10 +55,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             return ScanResult{ScanOutcome::kClean, ""};
         },
         file.Size());
-    maild::DoubtfulParts doubtful(questions, {file.Descriptor(), dots, {0, file.Size()}});
+    const maild::WalkLimits limits{10, 100, 4096};
+    maild::DoubtfulParts doubtful(questions, {file.Descriptor(), dots, {0, file.Size()}}, limits);
     Watcher watcher(file.Size());
     maild::PartSink* const sinks[] = {&watcher, &doubtful};
-    const maild::WalkLimits limits{10, 100, 4096};
     maild::WalkMessage(file.Descriptor(), dots, limits, sinks);
     return 0;
 }

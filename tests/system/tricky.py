@@ -49,6 +49,16 @@ def tnef(data):
             + attribute(2, 0x0006800F, data))
 
 
+def ber(tag, content):
+    size = len(content).to_bytes(4, "big")
+    return bytes([tag, 0x84]) + size + content
+
+
+def signed(data):
+    return ber(0x30, b"\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x07\x02" + ber(0xA0, ber(0x30, b"\2\1\1" + ber(
+        0x30, b"\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x07\x01" + ber(0xA0, ber(4, data))))))
+
+
 def part(content, coding=b"base64", kind=b"application/zip", more=b""):
     head = b"Content-Type: " + kind + b"; " + NAME + b"\r\n" + more
     return head + (b"Content-Transfer-Encoding: " + coding + b"\r\n" if coding else b"") + b"\r\n" + content
@@ -201,4 +211,8 @@ CASES = [
     ("broken base64, bare LF at line ends, dots in front",
      one("", b64(ZIP[:PADDED]) + b64(ZIP[PADDED:]))[1].replace(b"\r\n", b"\n.") + b"\r\n"),
     ("broken base64 behind a blank first line", b"\r\n" + one("", b64(ZIP[:PADDED]) + b64(ZIP[PADDED:]))[1]),
+    ("message within its signature", message(b"Content-Type: application/pkcs7-mime; smime-type=signed-data; name=smime.p7m\r\n"
+                                             b"Content-Transfer-Encoding: base64\r\n\r\n" + b64(signed(INNER)))),
+    ("broken base64 within a signature", message(mixed(TEXT, part(b64(signed(one("", b64(ZIP[:PADDED]) + b64(ZIP[PADDED:]))[1]))).replace(
+        b"f.zip", b"smime.p7m")))),
 ]

@@ -164,18 +164,19 @@ class PartsJudge {
         }
         maild::Questions questions(
             [this](int part, long long size) { return judge_.Look(part, size); }, info.st_size);
-        maild::DoubtfulParts doubtful(questions, {file, dots, {0, info.st_size}});
+        const maild::WalkLimits limits{settings_.maxDepth, settings_.maxParts,
+                                       settings_.maxHeaderBytes, judge_.End()};
+        maild::DoubtfulParts doubtful(questions, {file, dots, {0, info.st_size}}, limits);
         std::vector<maild::PartSink*> all(sinks.begin(), sinks.end());
         // An engine that is away has no answer to anything else either.
         if (!EngineIsAway(judgement_.scan.outcome)) all.push_back(&doubtful);
-        const maild::WalkLimits limits{settings_.maxDepth, settings_.maxParts,
-                                       settings_.maxHeaderBytes, judge_.End()};
         maild::WalkResult walk = maild::WalkMessage(file, dots, limits, all);
         if (doubtful.Hidden()) walk.ambiguities.push_back(*doubtful.Hidden());
         Take(questions.Result());
         if (walk.end == maild::WalkEnd::kTimedOut) Take({ScanOutcome::kTimedOut, walk.why});
         if (walk.end == maild::WalkEnd::kCantRead) Take({ScanOutcome::kFailed, walk.why});
         if (walk.end == maild::WalkEnd::kTooComplex) judgement_.tooComplex = walk.why;
+        if (!doubtful.Unwalked().empty()) judgement_.tooComplex = doubtful.Unwalked();
         if (questions.TooMany())
             judgement_.tooComplex = "more readings of its parts than are asked";
         return walk;

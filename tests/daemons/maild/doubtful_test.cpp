@@ -36,10 +36,11 @@ Asked AskedOf(const std::string& text) {
                        : ScanResult{ScanOutcome::kInfected, "virus"};
         },
         file.Size());
-    maild::DoubtfulParts doubtful(questions,
-                                  {file.Descriptor(), maild::Dots::kPlain, {0, file.Size()}});
+    const maild::WalkLimits limits;
+    maild::DoubtfulParts doubtful(
+        questions, {file.Descriptor(), maild::Dots::kPlain, {0, file.Size()}}, limits);
     maild::PartSink* const sinks[] = {&doubtful};
-    maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, {}, sinks);
+    maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, limits, sinks);
     asked.result = questions.Result();
     asked.tooMany = questions.TooMany();
     return asked;
@@ -179,6 +180,41 @@ TEST(Doubtful, FilesInTnef) {
         const Asked asked = AskedOf(Coded(Lines(Base64Encode(each.tnef))));
         EXPECT_EQ(asked.files.size(), each.files.size()) << each.name;
         for (const std::string& wanted : each.files) EXPECT_TRUE(asked.Has(wanted)) << each.name;
+    }
+}
+
+// An element of BER; of more than 127 bytes if `form` says so: 0 short, else bytes of the length.
+std::string Element(char tag, const std::string& content, int form = 0) {
+    std::string text(1, tag);
+    if (form == 0) text += static_cast<char>(content.size());
+    if (form > 0) text += static_cast<char>(0x80 | form);
+    for (int i = form; i-- > 0;) text += static_cast<char>(content.size() >> (8 * i));
+    return text + content;
+}
+
+TEST(Doubtful, MessageWithinItsSignature) {
+    const std::string message = "Subject: a\r\n\r\nbegin 644 a\r\n#86)C\r\n";
+    const std::string front = Element(2, "\1") + Element(6, "oid");
+    const std::string endless = "\x24\x80" + Element(4, message.substr(0, 9)) +
+                                Element(4, message.substr(9), 2) + std::string(2, '\0');
+    const struct {
+        const char* name;
+        std::string data;
+        bool found;
+    } cases[] = {
+        {"one string", Element(0x30, front + Element('\xA0', Element(4, message))), true},
+        {"long lengths", Element(0x30, front + Element('\xA0', Element(4, message, 4), 4), 2),
+         true},
+        {"in pieces, without lengths", "\x30\x80" + front + endless, true},
+        {"a long tag in front", Element(0x30, "\x1F\x81\1\1x" + Element(4, message)), true},
+        {"nothing of the kind", "PK no such thing", false},
+        {"a length that nobody means", "\4\xFF\xFF\xFF", false},
+    };
+    for (const auto& each : cases) {
+        const Asked asked = AskedOf(Coded(Lines(Base64Encode(each.data)), "base64",
+                                          "application/pkcs7-mime; name=smime.p7m"));
+        EXPECT_EQ(asked.Has("Received: from spool\r\n" + message), each.found) << each.name;
+        EXPECT_EQ(asked.Has("abc"), each.found) << each.name << ": it is walked as well";
     }
 }
 

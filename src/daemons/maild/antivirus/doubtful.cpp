@@ -9,6 +9,7 @@ namespace maild {
 
 namespace {
 
+constexpr int kMostNesting = 3;
 // The engine doesn't look into these at all.
 constexpr const char* kClosed[] = {"multipart/signed",      "multipart/parallel", "message/partial",
                                    "message/external-body", "message/news",       "message/global"};
@@ -39,9 +40,11 @@ void DoubtfulParts::Begin(const Part& part) {
     const bool isMessage = part.type.starts_with("message/");
     if (part.isText || isMessage || part.type.starts_with("multipart/"))
         text_ = std::make_unique<FilesInText>(questions_, part.place);
-    if (isMessage && root) {
+    const bool isSigned = SignedData::MayBe(part);
+    if ((isMessage && root) || isSigned) {
         wrapped_ = std::make_unique<Scratch>();
         wrapped_->Write(kMessageStart);
+        if (isSigned) signed_.emplace(*wrapped_);
     }
 }
 
@@ -53,7 +56,11 @@ void DoubtfulParts::Data(std::span<const std::byte> bytes) {
     first_ = false;
     if (tnef_ != nullptr) tnef_->Write(text);
     if (text_ != nullptr) text_->Write(text);
-    if (wrapped_ != nullptr && !wrapped_->Write(text)) questions_.Fail();
+    if (signed_) {
+        if (!signed_->Write(text)) questions_.Fail();
+    } else if (wrapped_ != nullptr && !wrapped_->Write(text)) {
+        questions_.Fail();
+    }
 }
 
 void DoubtfulParts::End(const Part& part) {
@@ -64,7 +71,12 @@ void DoubtfulParts::End(const Part& part) {
             text_->Finish();
             if (text_->Any() && !hidden_) hidden_ = {Ambiguous::kHiddenCoding, part.place};
         }
-        if (wrapped_ != nullptr) questions_.Put(*wrapped_, part.place);
+        if (signed_) {
+            AskSigned(part);
+        } else if (wrapped_ != nullptr) {
+            questions_.Put(*wrapped_, part.place);
+        }
+        signed_.reset();
         tnef_.reset();
         text_.reset();
         wrapped_.reset();
@@ -102,6 +114,25 @@ void DoubtfulParts::AskContainer(const Part& part) {
         if (!DecodeBody(part.source, Reading{coding}, file)) questions_.Fail();
         questions_.Put(file, part.place);
     }
+}
+
+// Other sinks don't see what is in there: by what it says it is one file.
+void DoubtfulParts::AskSigned(const Part& part) {
+    const long long start = sizeof kMessageStart - 1;
+    if (wrapped_->Size() == start) return;  // encrypted, or nothing of the kind
+    questions_.Put(*wrapped_, part.place);
+    if (!questions_.Going()) return;
+    const int file = wrapped_->Rewind();
+    if (nesting_ >= kMostNesting) {
+        unwalked_ = "signed messages within signed messages";
+        return;
+    }
+    DoubtfulParts inner(questions_, {file, Dots::kPlain, {0, wrapped_->Size()}}, limits_,
+                        nesting_ + 1);
+    PartSink* const sinks[] = {&inner};
+    const WalkResult walk = WalkMessage(file, Dots::kPlain, limits_, sinks);
+    if (walk.end != WalkEnd::kWhole) unwalked_ = walk.why;
+    if (!inner.Unwalked().empty()) unwalked_ = inner.Unwalked();
 }
 
 void DoubtfulParts::Done(const WalkResult& result) {

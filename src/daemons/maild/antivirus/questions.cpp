@@ -13,6 +13,7 @@ namespace {
 // Ordinary mail has none, mail with a broken part seven; a stranger shall not keep the engine busy
 // with one message.
 constexpr int kMostQuestions = 200;
+constexpr int kMostFiles = 2000;      // equal ones too
 constexpr long long kMostTimes = 16;  // the message's size
 constexpr long long kFree = 1 << 20;  // bytes besides
 
@@ -47,22 +48,24 @@ bool LeadsOn(ScanOutcome outcome) {
 
 void Questions::Put(Scratch& file, const std::string& place) {
     if (!going_ || file.Size() == 0) return;
+    if (++files_ > kMostFiles) return Stop();
     const int descriptor = file.Rewind();
     const std::string sum = descriptor < 0 ? std::string() : ChecksumOf(descriptor);
     if (sum.empty()) return Fail();
     if (!asked_.insert(sum).second) return;
     bytes_ += file.Size();
-    if (++count_ > kMostQuestions || bytes_ > kMostTimes * size_ + kFree) {
-        tooMany_ = true;
-        going_ = false;
-        return;
-    }
+    if (++count_ > kMostQuestions || bytes_ > kMostTimes * size_ + kFree) return Stop();
     const ScanResult result = ask_(file.Rewind(), file.Size());
     if (Worse(result.outcome, result_.outcome)) {
         result_ = result;
         place_ = place;
     }
     going_ = LeadsOn(result.outcome);
+}
+
+void Questions::Stop() {
+    tooMany_ = true;
+    going_ = false;
 }
 
 void Questions::Fail() {

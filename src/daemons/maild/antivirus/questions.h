@@ -40,6 +40,8 @@ class Questions {
     int Count() const { return count_; }
 
   private:
+    void Stop();
+
     const Ask ask_;
     const long long size_;
     std::set<std::string> asked_;  // checksums
@@ -47,6 +49,7 @@ class Questions {
     std::string place_;
     long long bytes_ = 0;
     int count_ = 0;
+    int files_ = 0;
     bool going_ = true;
     bool tooMany_ = false;
 };

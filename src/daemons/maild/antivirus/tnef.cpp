@@ -56,7 +56,7 @@ void TnefReader::BeginAttribute() {
     left_ = Number(head.substr(5));
     state_ = State::kContent;
     const bool wanted = id_ == kAttachmentFile || id_ == kAttachmentProperties;
-    if (wanted) file_ = std::make_unique<Scratch>();
+    if (wanted && questions_.Going()) file_ = std::make_unique<Scratch>();
     window_.clear();
     if (left_ > 0) return;
     EndAttribute();

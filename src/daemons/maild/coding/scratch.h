@@ -2,6 +2,7 @@
 // larger ones in the instance's directory for temporary files.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "platform/file.h"
@@ -17,8 +18,10 @@ class Scratch {
     long long Size() const { return size_; }
 
   private:
-    bool MoveToDisk();
+    bool Flush();
+    bool MoveToDisk(long long size);
 
+    std::string buffer_;  // what comes behind the file's bytes
     platform::File file_;
     long long size_ = 0;
     bool onDisk_ = false;

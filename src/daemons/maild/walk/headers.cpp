@@ -12,6 +12,9 @@ namespace {
 constexpr std::size_t kMostFields = 2000;
 // Of a header that is looked into: parameters cost time that grows faster than they do.
 constexpr std::size_t kLongestStructured = 16384;
+// Every line is compared with each boundary, and each name with all rules.
+constexpr std::size_t kMostBoundaries = 8;
+constexpr std::size_t kMostNames = 64;
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 bool IsBlankLine(std::string_view line) { return std::all_of(line.begin(), line.end(), IsBlank); }
@@ -113,6 +116,7 @@ bool HeaderBlock::AddLine(std::string_view line) {
         if (!fields_.empty()) fields_.back().value.append("\n").append(line);
         return true;
     }
+    inField_ = false;
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos || colon == 0) {
         // What a mailbox puts in front of a message.
@@ -128,8 +132,16 @@ bool HeaderBlock::AddLine(std::string_view line) {
         oddBreak_ = oddBreak_ || broken_;
         ofBody_ = true;
     }
+    inField_ = true;
     fields_.push_back({std::string(name), std::string(line.substr(colon + 1))});
     return fields_.size() <= kMostFields;
+}
+
+void HeaderBlock::AddToLine(std::string_view piece) {
+    bytes_ += static_cast<long long>(piece.size());
+    nul_ = nul_ || piece.find('\0') != std::string_view::npos;
+    bareCr_ = bareCr_ || piece.find('\r') != std::string_view::npos;
+    if (inField_) fields_.back().value += piece;
 }
 
 HeaderBlock::Once HeaderBlock::Find(std::string_view name) const {
@@ -262,6 +274,8 @@ Declared HeaderBlock::Read() const {
     ReadCoding(declared);
     ReadDisposition(declared);
     ReadNames(declared);
+    declared.tooLong = declared.part.boundaries.size() > kMostBoundaries ||
+                       declared.part.names.size() > kMostNames;
     if (nul_) declared.ambiguities.push_back(Ambiguous::kNulInHeaders);
     if (bareCr_) declared.ambiguities.push_back(Ambiguous::kBareCrInHeaders);
     if (odd_) declared.ambiguities.push_back(Ambiguous::kFolding);

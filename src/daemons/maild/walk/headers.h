@@ -14,7 +14,7 @@ namespace maild {
 struct Declared {
     Part part;  // without place, depth and ranges
     std::vector<Ambiguous> ambiguities;
-    bool tooLong = false;  // a header that nobody would write
+    bool tooLong = false;  // headers that nobody would write
 };
 
 // Collects the lines of one block of headers.
@@ -26,6 +26,8 @@ class HeaderBlock {
     // A line without its end. The empty line behind the headers is not handed over. False if there
     // are more headers than anybody would write.
     bool AddLine(std::string_view line);
+    // What goes on of a line that is longer than a block.
+    void AddToLine(std::string_view piece);
     long long Bytes() const { return bytes_; }
 
     Declared Read() const;
@@ -51,6 +53,7 @@ class HeaderBlock {
     bool inDigest_;
     std::vector<Field> fields_;
     long long bytes_ = 0;
+    bool inField_ = false;  // the last line was a header, or went on with one
     bool nul_ = false;
     bool bareCr_ = false;
     bool foldedOddly_ = false;  // seen, but harmless until a header of the body's follows

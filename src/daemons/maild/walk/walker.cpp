@@ -86,7 +86,13 @@ void Walker::HeaderLine(const Line& line) {
     const std::string_view content = line.Content();
     if (line.begins && content.empty()) return EndHeaders(line.range.end);
     if (line.begins && content.starts_with("--") && Boundary(line)) return;
-    if (!headers_.AddLine(content) || headers_.Bytes() > state_.limits.maxHeaderBytes)
+    bool few = true;
+    if (line.begins) {
+        few = headers_.AddLine(content);
+    } else {
+        headers_.AddToLine(content);
+    }
+    if (!few || headers_.Bytes() > state_.limits.maxHeaderBytes)
         state_.Stop(WalkEnd::kTooComplex, "more headers than MaxHeaderBytes");
 }
 
@@ -94,7 +100,7 @@ void Walker::EndHeaders(long long bodyBegin) {
     Declared declared = headers_.Read();
     Part& part = declared.part;
     if (declared.tooLong)
-        return state_.Stop(WalkEnd::kTooComplex, "a header of a part is too long");
+        return state_.Stop(WalkEnd::kTooComplex, "a part has headers that are too long");
     if (++state_.result.parts > state_.limits.maxParts)
         return state_.Stop(WalkEnd::kTooComplex, "more parts than MaxParts");
     part.depth = static_cast<int>(levels_.size()) + (container_ == nullptr ? 0 : container_->depth);

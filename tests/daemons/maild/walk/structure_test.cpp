@@ -212,6 +212,14 @@ TEST(Walk, Limits) {
          "Content-Type: a/b; " + std::string(20000, ';') + "\n\n",
          {},
          WalkEnd::kTooComplex},
+        {"boundaries",
+         [] {
+             std::string text = "Content-Type: multipart/x";
+             for (int i = 0; i < 20; ++i) text += "; boundary=b" + std::to_string(i);
+             return text + "\n\n";
+         }(),
+         {},
+         WalkEnd::kTooComplex},
         {"time", "a: b\n\n", late, WalkEnd::kTimedOut},
         {"within all", Mixed("--b\n\nx\n--b--\n"), {}, WalkEnd::kWhole},
     };
@@ -220,6 +228,18 @@ TEST(Walk, Limits) {
         OutlineOf(Wire(each.text), Dots::kPlain, each.limits, &result);
         EXPECT_EQ(result.end, each.end) << each.name;
         EXPECT_EQ(result.why.empty(), each.end == WalkEnd::kWhole) << each.name;
+    }
+}
+
+// A header that is longer than a block is one header.
+TEST(Walk, HeadersLongerThanABlock) {
+    for (const std::size_t size : {65530U, 65535U, 65536U, 65537U, 140000U}) {
+        const Outline outline = OutlineOf("Subject: " + std::string(size, 'x') +
+                                          "\r\nContent-Type: text/html\r\n\r\ny");
+        EXPECT_EQ(outline.text, "(1 text/html[y])") << size;
+        EXPECT_EQ(outline.ambiguous, "") << size;
+        ASSERT_EQ(outline.headers.size(), 2U) << size;
+        EXPECT_EQ(outline.headers[0].raw.size(), size);
     }
 }
 

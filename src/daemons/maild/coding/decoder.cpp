@@ -12,6 +12,7 @@ namespace {
 constexpr std::uint8_t kBlank = 64;
 constexpr std::uint8_t kOther = 65;
 constexpr std::size_t kMostBlanks = 4096;
+constexpr std::size_t kGroups = 32;  // of base64, that are appended at once
 
 std::array<std::uint8_t, 256> MakeDigits() {
     std::array<std::uint8_t, 256> digits{};
@@ -40,10 +41,9 @@ void Base64Decoder::Write(std::string_view text, std::string& out) {
     while (at < end) {
         // Whole groups, nearly always.
         if (digits_ == 0 && !ended_ && !filled_) {
-            const std::size_t before = out.size();
-            out.resize(before + static_cast<std::size_t>(end - at) / 4 * 3);
-            char* to = out.data() + before;
-            while (end - at >= 4) {
+            char block[kGroups * 3];
+            char* to = block;
+            while (end - at >= 4 && to < block + sizeof block) {
                 const std::uint32_t a = DigitOf(at[0]);
                 const std::uint32_t b = DigitOf(at[1]);
                 const std::uint32_t c = DigitOf(at[2]);
@@ -56,8 +56,9 @@ void Base64Decoder::Write(std::string_view text, std::string& out) {
                 to += 3;
                 at += 4;
             }
-            out.resize(static_cast<std::size_t>(to - out.data()));
+            out.append(block, static_cast<std::size_t>(to - block));
             if (at == end) return;
+            if (to == block + sizeof block) continue;
         }
         const char c = *at++;
         const std::uint8_t digit = DigitOf(c);

@@ -75,6 +75,7 @@ def message(content, first=b"Subject: a file\r\nMIME-Version: 1.0\r\n"):
 
 
 TEXT = b"Content-Type: text/plain\r\n\r\nsee the file\r\n"
+SIGNATURE = b"Content-Type: application/pgp-signature\r\n\r\n-----BEGIN PGP SIGNATURE-----\r\n\r\nabc\r\n-----END PGP SIGNATURE-----\r\n"
 INNER = b"Subject: inner\r\nMIME-Version: 1.0\r\n" + mixed(TEXT, part(b64(ZIP)))
 ZIPPED = b64(ZIP)
 PADDED = len(ZIP) // 2 // 3 * 3 + 1  # a group of one byte: two fillers
@@ -215,4 +216,17 @@ CASES = [
                                              b"Content-Transfer-Encoding: base64\r\n\r\n" + b64(signed(INNER)))),
     ("broken base64 within a signature", message(mixed(TEXT, part(b64(signed(one("", b64(ZIP[:PADDED]) + b64(ZIP[PADDED:]))[1]))).replace(
         b"f.zip", b"smime.p7m")))),
+    ("signed, the file in the signature's place", message(mixed(TEXT, part(ZIPPED), kind=b'multipart/signed; protocol="x"'))),
+    ("signed, the file as a signature", message(mixed(TEXT, part(ZIPPED, kind=b"application/pgp-signature"), kind=b"multipart/signed"))),
+    ("signed, the file as a signature by name too", message(mixed(TEXT, part(ZIPPED, kind=b"application/pkcs7-signature").replace(
+        b"f.zip", b"smime.p7s"), kind=b"multipart/signed"))),
+    ("signed, the file behind the signature", message(mixed(TEXT, SIGNATURE, part(ZIPPED), kind=b"multipart/signed"))),
+    ("signed, the file in front", message(mixed(part(ZIPPED), TEXT, SIGNATURE, kind=b"multipart/signed"))),
+    ("signed twice", message(mixed(part(ZIPPED), SIGNATURE, SIGNATURE, kind=b"multipart/signed"))),
+    ("signed as it should be", message(mixed(part(ZIPPED), SIGNATURE, kind=b"multipart/signed"))),
+    ("signed by S/MIME", message(mixed(mixed(TEXT, part(ZIPPED), boundary=b"c"), SIGNATURE.replace(b"pgp", b"x-pkcs7"),
+                                       kind=b"multipart/signed"))),
+    ("signed within what is signed", message(mixed(mixed(mixed(TEXT, part(ZIPPED), boundary=b"d"), SIGNATURE, boundary=b"c",
+                                                         kind=b"multipart/signed"), SIGNATURE, kind=b"multipart/signed"))),
+    ("signed, without the end", message(mixed(part(ZIPPED), SIGNATURE, boundary=b"b", end=False, kind=b"multipart/signed"))),
 ]

@@ -84,11 +84,15 @@ TEST(Doubtful, OrdinaryMailCostsNoQuestion) {
         {"report",
          Wire("Content-Type: multipart/report; boundary=b\n\n--b\n\nx\n--b\nContent-Type: "
               "message/delivery-status\n\nReporting-MTA: a\n\n--b--\n")},
+        {"signed",
+         Wire("Content-Type: multipart/signed; boundary=b\n\n--b\n\nx\n--b\nContent-Type: "
+              "application/pgp-signature; name=signature.asc\n\n-----BEGIN PGP SIGNATURE-----\n"
+              "--b--\n")},
         {"a sloppy header", Wire("Subject: a\n \nhello\nTo: b\n\nx\n")},
         {"coding in other words", Coded("x\r\n", "8-bit")},
         {"no end", Wire("Content-Type: multipart/mixed; boundary=b\n\n--b\n\nx\n")},
     };
-    for (const auto& each : cases) EXPECT_EQ(AskedOf(each.text).files.size(), 0U) << each.name;
+    for (const auto& each : cases) EXPECT_EQ(AskedOf(each.text).files, std::vector<std::string>()) << each.name;
 }
 
 TEST(Doubtful, EachReadingIsAFile) {
@@ -116,7 +120,7 @@ TEST(Doubtful, EachReadingIsAFile) {
         {"yEnc in a text",
          Wire("Subject: a\n\n=ybegin line=9 size=3 name=a\n\x8B\x8C\x8D\n=yend\n"),
          {"abc"}},
-        {"signed",
+        {"signed without a signature",
          Wire("Content-Type: multipart/signed; boundary=b\n\n--b\n\nx\n--b--\n"),
          {Wire("Received: from spool\nMIME-Version: 1.0\nContent-Type: multipart/mixed; "
                "boundary=\"b\"\n\n--b\n\nx\n--b--\n")}},

@@ -4,18 +4,34 @@
 
 #include "daemons/maild/antivirus/rescue.h"
 #include "daemons/maild/coding/readings.h"
+#include "text/ascii.h"
 
 namespace maild {
 
 namespace {
 
 constexpr int kMostNesting = 3;
+constexpr std::size_t kStart = 32;  // bytes by which a signature is known
 // The engine doesn't look into these at all.
-constexpr const char* kClosed[] = {"multipart/signed",      "multipart/parallel", "message/partial",
-                                   "message/external-body", "message/news",       "message/global"};
+constexpr const char* kClosed[] = {"multipart/parallel", "message/partial", "message/external-body",
+                                   "message/news", "message/global"};
 
 bool IsClosed(const Part& part) {
     return std::find(std::begin(kClosed), std::end(kClosed), part.type) != std::end(kClosed);
+}
+
+// A detached signature that nobody would take for anything else.
+bool IsSignature(const Part& part, std::string_view start) {
+    const bool typed = part.type == "application/pgp-signature" ||
+                       part.type == "application/pkcs7-signature" ||
+                       part.type == "application/x-pkcs7-signature";
+    const bool named = std::all_of(part.names.begin(), part.names.end(), [](const auto& name) {
+        const std::string lower = LowerCase(name);
+        return lower.ends_with(".asc") || lower.ends_with(".sig") || lower.ends_with(".p7s");
+    });
+    const bool begins = start.starts_with("-----BEGIN PGP SIGNATURE") ||
+                        (start.size() > 1 && start[0] == '\x30' && (start[1] & 0x80) != 0);
+    return typed && named && begins;
 }
 
 bool IsCoded(const Part& part) {
@@ -32,8 +48,9 @@ bool IsOfParts(Ambiguous what) {
 }  // namespace
 
 void DoubtfulParts::Begin(const Part& part) {
-    const bool root = around_.empty() || around_.back() == PartKind::kMessage;
-    around_.push_back(part.kind);
+    const bool root = around_.empty() || around_.back().kind == PartKind::kMessage;
+    around_.push_back({part.kind});
+    start_.clear();
     if (part.kind != PartKind::kLeaf || !questions_.Going()) return;
     first_ = true;
     place_ = part.place;
@@ -53,6 +70,7 @@ void DoubtfulParts::Data(std::span<const std::byte> bytes) {
     // The walk hands on the first bytes in one piece, as long as the part has so many.
     if (first_ && text.starts_with(TnefReader::kMark))
         tnef_ = std::make_unique<TnefReader>(questions_, place_);
+    if (first_) start_ = text.substr(0, kStart);
     first_ = false;
     if (tnef_ != nullptr) tnef_->Write(text);
     if (text_ != nullptr) text_->Write(text);
@@ -64,7 +82,12 @@ void DoubtfulParts::Data(std::span<const std::byte> bytes) {
 }
 
 void DoubtfulParts::End(const Part& part) {
+    const Open open = around_.back();
     around_.pop_back();
+    if (!around_.empty()) {
+        ++around_.back().children;
+        around_.back().signature = part.kind == PartKind::kLeaf && IsSignature(part, start_);
+    }
     if (part.kind == PartKind::kLeaf) {
         if (tnef_ != nullptr) tnef_->Finish();
         if (text_ != nullptr) {
@@ -81,8 +104,11 @@ void DoubtfulParts::End(const Part& part) {
         text_.reset();
         wrapped_.reset();
         if (part.oddCoding) AskReadings(part);
-    } else if (IsClosed(part) || IsCoded(part)) {
-        AskContainer(part);
+    } else {
+        // The engine looks into what is signed as it should be, and nothing else that says so.
+        const bool oddlySigned =
+            part.type == "multipart/signed" && !(open.children == 2 && open.signature);
+        AskContainer(part, IsClosed(part) || oddlySigned);
     }
 }
 
@@ -95,10 +121,10 @@ void DoubtfulParts::AskReadings(const Part& part) {
     }
 }
 
-void DoubtfulParts::AskContainer(const Part& part) {
+void DoubtfulParts::AskContainer(const Part& part, bool closed) {
     for (const Coding coding : {Coding::kPlain, part.coding}) {
         // Uncoded the engine has seen it, but for those that it doesn't look into.
-        if (coding == Coding::kPlain ? !IsClosed(part) : !IsCoded(part)) continue;
+        if (coding == Coding::kPlain ? !closed : !IsCoded(part)) continue;
         if (!questions_.Going()) return;
         Scratch file;
         file.Write(kMessageStart);

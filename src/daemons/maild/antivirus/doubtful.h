@@ -44,7 +44,7 @@ class DoubtfulParts final : public PartSink {
 
   private:
     void AskReadings(const Part& part);
-    void AskContainer(const Part& part);
+    void AskContainer(const Part& part, bool closed);
     void AskSigned(const Part& part);
 
     Questions& questions_;
@@ -52,12 +52,18 @@ class DoubtfulParts final : public PartSink {
     const WalkLimits& limits_;
     const int nesting_;
     std::string unwalked_;
-    std::vector<PartKind> around_;  // of the parts that are open
+    struct Open {
+        PartKind kind;
+        int children = 0;
+        bool signature = false;  // the last one of them is one, by all that a reader shows of it
+    };
+    std::vector<Open> around_;  // the parts that are open
     std::optional<Ambiguity> hidden_;
     // Of the leaf that is open:
     std::unique_ptr<FilesInText> text_;
     std::unique_ptr<TnefReader> tnef_;
     std::string place_;
+    std::string start_;                 // its first bytes
     bool first_ = false;                // none of its bytes have come
     std::unique_ptr<Scratch> wrapped_;  // a message of a kind that isn't taken apart, or signed
     std::optional<SignedData> signed_;

@@ -161,9 +161,8 @@ void Walker::Note(Ambiguous what, const std::string& place) {
 
 std::string Walker::PlaceOf(const Part& part) const {
     if (levels_.empty() || levels_.back().part.kind == PartKind::kMessage) {
-        const std::string around = levels_.empty()
-                                       ? (container_ == nullptr ? "" : container_->place)
-                                       : levels_.back().part.place;
+        std::string around = levels_.empty() ? (container_ == nullptr ? "" : container_->place)
+                                             : levels_.back().part.place;
         if (part.kind == PartKind::kMultipart) return around;
         return around.empty() ? "1" : around + ".1";
     }

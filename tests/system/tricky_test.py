@@ -3,7 +3,7 @@
 import os
 import subprocess
 
-from harness import BIN
+from harness import BIN, wait_until
 from scanning import EICAR, NOT_CHECKED, QUEUED, REJECTED, Scanning, archive, attached, body
 from tricky import CASES, TEXT, b64, message, mixed, part
 
@@ -35,6 +35,7 @@ class Tricky(Scanning):
                 self.assertEqual(self.send(FORGED), reply)
                 self.assertEqual(self.send(attached(CLEAN)), QUEUED)
         self.assertTrue(self.logged("can be read in different ways is refused: two Content-Type headers"))
+        self.assertTrue(wait_until(lambda: (108, "two Content-Type headers") in [row[:2] for row in self.events()]))
 
     def test_what_is_too_complex(self):
         for word, reply in {"put off": NOT_CHECKED, "refuse": REJECTED, "pass": QUEUED, "no such word": NOT_CHECKED}.items():

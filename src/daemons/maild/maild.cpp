@@ -56,6 +56,13 @@ void LogDecision(TagMsgNode* request, const std::string& path, const maild::Find
     Log(std::move(line));
 }
 
+// What the statistics show beside the event.
+std::string LabelOf(const Judgement& judgement, std::int32_t event,
+                    const maild::Decision& decision) {
+    if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement.scan.text;
+    return event == kStatStructureRefused ? decision.by->reason : judgement.encrypted;
+}
+
 }  // namespace
 
 MailDaemon::MailDaemon()
@@ -122,11 +129,9 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
     const std::vector<maild::Finding> findings = maild::AntivirusFindings(*settings, judgement);
     const maild::Decision decision = maild::Decide(findings);
     if (decision.by != nullptr) LogDecision(request.root, path, *decision.by);
-    stats_.Add({decision.by == nullptr ? kStatClean : decision.by->event,
-                Text(request.root, TagPeerAddress), Text(request.root, TagSender),
-                Text(request.root, TagRecipients),
-                judgement.scan.outcome == ScanOutcome::kInfected ? judgement.scan.text
-                                                                 : judgement.encrypted,
+    const std::int32_t event = decision.by == nullptr ? kStatClean : decision.by->event;
+    stats_.Add({event, Text(request.root, TagPeerAddress), Text(request.root, TagSender),
+                Text(request.root, TagRecipients), LabelOf(judgement, event, decision),
                 judgement.size});
     if (BuildAnswer(answer.root, findings, decision))
         TagMsgSerialize(answer.root, reply, replyLength);

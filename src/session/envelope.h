@@ -42,3 +42,6 @@ struct Envelope {
         messagePhase = PHASE_NONE;
     }
 };
+
+// The sender, normalised; empty if there is none.
+std::string SenderOf(const Envelope& envelope);

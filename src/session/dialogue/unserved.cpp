@@ -16,13 +16,13 @@ constexpr std::string_view kOk = "250 2.0.0 OK\r\n";
 void AnswerWithoutServer(Peers& peers, CommandSource& commands, std::string_view refusal) {
     const std::string& name = peers.settings.greetingName;
     std::string answer = "220 " + name + " ESMTP Vantrel Proxy\r\n";
-    for (int count = 0; peers.client.Send(answer) && count < kMostCommands; ++count) {
+    for (int count = 0; peers.SendReply(answer) && count < kMostCommands; ++count) {
         std::string_view line;
         if (commands.ReadCommand(line, kLongestCommand) == Stream::Line::kFailed) return;
         const std::string_view verb =
             line.substr(0, std::min(line.find_first_of(" \t\r\n"), line.size()));
         if (EqualIgnoringCase(verb, "QUIT")) {
-            peers.client.Send("221 " + name + " ESMTP Vantrel Proxy closing connection\r\n");
+            peers.SendReply("221 " + name + " ESMTP Vantrel Proxy closing connection\r\n");
             return;
         }
         if (EqualIgnoringCase(verb, "EHLO") || EqualIgnoringCase(verb, "HELO")) {
@@ -30,7 +30,7 @@ void AnswerWithoutServer(Peers& peers, CommandSource& commands, std::string_view
         } else if (EqualIgnoringCase(verb, "NOOP") || EqualIgnoringCase(verb, "RSET")) {
             answer = kOk;
         } else {
-            answer = refusal;
+            answer = peers.Own(refusal);
         }
     }
     peers.client.EndSending();

@@ -28,6 +28,7 @@ struct HttpRequest {
     std::string authorization;
     std::string contentType;
     std::uint32_t clientAddress = 0;  // IPv4
+    bool local = false;               // from this host, by a loopback address or the owner's socket
     std::string body;
 };
 

@@ -6,6 +6,7 @@
 #include "daemons/statd/report/form.h"
 #include "daemons/statd/report/format.h"
 #include "daemons/statd/store/text.h"
+#include "daemons/statd/web/machines.h"
 #include "daemons/statd/web/page.h"
 #include "platform/clock.h"
 #include "text/ascii.h"
@@ -20,8 +21,13 @@ constexpr char kHtml[] = "text/html; charset=utf-8";
 struct Path {
     const char* path;
     const char* methods;  // as the Allow header has them
+    bool forMachines = false;
 };
-constexpr Path kPaths[] = {{"/", "GET, POST"}, {"/live", "GET"}};
+constexpr Path kPaths[] = {{"/", "GET, POST"},
+                           {"/live", "GET"},
+                           {"/metrics", "GET", true},
+                           {"/healthz", "GET", true},
+                           {"/readyz", "GET", true}};
 
 HttpResponse Plain(unsigned status, const std::string& text, HttpHeaders headers = {}) {
     return {status, kPlain, text + '\n', std::move(headers)};
@@ -76,6 +82,10 @@ std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
     const bool known = request.method == "GET" || request.method == "POST";
     if (!known || std::string_view(path->methods).find(request.method) == std::string_view::npos)
         return Plain(405, "Not in this way.", {{"Allow", path->methods}});
+    const MachineAccess access = path->forMachines ? MayAsk(request) : MachineAccess::kAccount;
+    if (access == MachineAccess::kFree) return std::nullopt;
+    if (access == MachineAccess::kNobody)
+        return Plain(403, "Only from this host (key MetricsAccess).");
     const Accounts::Verdict verdict = accounts_.Check(request.authorization, request.clientAddress);
     if (verdict == Accounts::Verdict::kGood) return std::nullopt;
     if (verdict == Accounts::Verdict::kBusy)
@@ -86,6 +96,9 @@ std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
 
 HttpResponse HttpSite::Answer(const HttpRequest& request) {
     if (request.method == "POST") return MakeReport(request);
+    if (request.path == "/metrics") return MetricsPage(recorder_.Live());
+    if (request.path == "/healthz") return HealthPage();
+    if (request.path == "/readyz") return ReadyPage();
     return request.path == "/live" ? Live() : Page();
 }
 

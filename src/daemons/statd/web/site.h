@@ -1,6 +1,7 @@
 // web/: the page, the reports and the accounts over HTTP.
 //
-// This header: what is served, GET / (the page), GET /live (numbers), POST / (reports).
+// This header: what is served, GET / (the page), GET /live (numbers), POST / (reports),
+// and what machines ask (machines.h).
 #pragma once
 
 #include "daemons/statd/report/query.h"

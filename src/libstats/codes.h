@@ -20,6 +20,9 @@ inline constexpr std::int32_t kStatPassedUnscanned = 105;  // delivered, as a se
 // A message that holds what nobody can look into without its password:
 inline constexpr std::int32_t kStatEncryptedPassed = 106;
 inline constexpr std::int32_t kStatEncryptedRefused = 107;  // put off it counts as not scanned
+// A message whose structure is ambiguous, or too complex to be looked at; put off it counts as not
+// scanned. Reports show it with the other codes.
+inline constexpr std::int32_t kStatStructureRefused = 108;
 
 // Agent numbers of the reporters.
 inline constexpr std::uint32_t kStatAgentProxy = 4;

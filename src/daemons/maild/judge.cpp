@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "daemons/maild/antivirus/doubtful.h"
 #include "daemons/maild/forms/encrypted.h"
 #include "daemons/maild/forms/unpack.h"
 #include "platform/file.h"
@@ -69,6 +70,7 @@ class Judge {
                                                                : result;
     }
     const std::string& Encrypted() const { return encrypted_; }
+    Clock::time_point End() const { return end_; }
 
   private:
     // The engine's word, but for a "clean" about what it may not have looked at to the end.
@@ -130,10 +132,71 @@ ScanResult LookAtForms(Judge& judge, int file, long long size, const Survey& sur
     return worst;
 }
 
+// Walks the message's forms and asks about their parts.
+class PartsJudge {
+  public:
+    PartsJudge(Judge& judge, const Settings& settings, Judgement& judgement)
+        : judge_(judge), settings_(settings), judgement_(judgement) {}
+
+    void Look(int file, const Survey& survey, Transfer transfer,
+              std::span<maild::PartSink* const> sinks) {
+        const Form main{transfer == Transfer::kChunks ? 0 : CrLfDots() & survey.dots};
+        judgement_.walk =
+            Walk(file, main.dots == 0 ? maild::Dots::kPlain : maild::Dots::kStuffed, sinks);
+        for (const Form& form : FormsOf(survey, transfer)) {
+            // Nobody keeps the dots of the way.
+            if (form == main || (form.AsStored() && transfer == Transfer::kData)) continue;
+            if (judgement_.scan.outcome == ScanOutcome::kInfected) return;
+            const platform::File copy = MakeForm(file, form);
+            if (!copy) return Take({ScanOutcome::kFailed, kCantCopy});
+            Walk(copy.Descriptor(), maild::Dots::kPlain, {});
+        }
+    }
+
+  private:
+    static constexpr unsigned CrLfDots() { return SingleDot(kCrLf) | DoubledDot(kCrLf); }
+
+    maild::WalkResult Walk(int file, maild::Dots dots, std::span<maild::PartSink* const> sinks) {
+        struct stat info {};
+        if (fstat(file, &info) != 0) {
+            Take({ScanOutcome::kFailed, kCantRead});
+            return {maild::WalkEnd::kCantRead, kCantRead, {}, 0};
+        }
+        maild::Questions questions(
+            [this](int part, long long size) { return judge_.Look(part, size); }, info.st_size);
+        const maild::WalkLimits limits{settings_.maxDepth, settings_.maxParts,
+                                       settings_.maxHeaderBytes, judge_.End()};
+        maild::DoubtfulParts doubtful(questions, {file, dots, {0, info.st_size}}, limits);
+        std::vector<maild::PartSink*> all(sinks.begin(), sinks.end());
+        // An engine that is away has no answer to anything else either.
+        if (!EngineIsAway(judgement_.scan.outcome)) all.push_back(&doubtful);
+        maild::WalkResult walk = maild::WalkMessage(file, dots, limits, all);
+        if (doubtful.Hidden()) walk.ambiguities.push_back(*doubtful.Hidden());
+        Take(questions.Result());
+        if (walk.end == maild::WalkEnd::kTimedOut) Take({ScanOutcome::kTimedOut, walk.why});
+        if (walk.end == maild::WalkEnd::kCantRead) Take({ScanOutcome::kFailed, walk.why});
+        if (walk.end == maild::WalkEnd::kTooComplex) judgement_.tooComplex = walk.why;
+        if (!doubtful.Unwalked().empty()) judgement_.tooComplex = doubtful.Unwalked();
+        if (questions.TooMany())
+            judgement_.tooComplex = "more readings of its parts than are asked";
+        return walk;
+    }
+    void Take(const ScanResult& result) {
+        ScanResult& scan = judgement_.scan;
+        if (result.outcome == ScanOutcome::kInfected ||
+            (CouldNotLook(result.outcome) && !CouldNotLook(scan.outcome)))
+            scan = result;
+    }
+
+    Judge& judge_;
+    const Settings& settings_;
+    Judgement& judgement_;
+};
+
 }  // namespace
 
 Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* path,
-                       Transfer transfer) {
+                       Transfer transfer, std::span<maild::PartSink* const> sinks) {
     Judgement judgement;
     const auto unasked = [&judgement](ScanOutcome outcome, const char* why) {
         judgement.scan = {outcome, why};
@@ -151,6 +214,8 @@ Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* pat
     if (!SurveyMessage(file.Descriptor(), survey)) return unasked(ScanOutcome::kFailed, kCantRead);
     Judge judge(engine, settings);
     judgement.scan = LookAtForms(judge, file.Descriptor(), info.st_size, survey, transfer);
+    if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement;
+    PartsJudge(judge, settings, judgement).Look(file.Descriptor(), survey, transfer, sinks);
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement;
     judgement.encrypted = judge.Encrypted();
     if (judgement.encrypted.empty()) judgement.encrypted = OwnFinding(file.Descriptor(), survey);

@@ -6,6 +6,7 @@
 
 #include "daemons/maild/log.h"
 #include "daemons/maild/reply.h"
+#include "daemons/maild/verdict/antivirus.h"
 #include "libstats/codes.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
@@ -33,103 +34,33 @@ Transfer TransferOf(TagMsgNode* request) {
                                                                 : Transfer::kUnknown;
 }
 
-bool MayPass(const Settings& settings, ScanOutcome outcome) {
-    switch (outcome) {
-        case ScanOutcome::kDown:
-            return settings.passWhenDown;
-        case ScanOutcome::kBusy:
-            return settings.passWhenBusy;
-        case ScanOutcome::kTimedOut:
-            return settings.passWhenTimedOut;
-        case ScanOutcome::kTooBig:
-            return settings.passWhenTooBig;
-        default:
-            return false;
-    }
-}
-
-// What becomes of a message.
-struct Decision {
-    enum Kind { kForward, kInfected, kRefuse, kPutOff } kind = kPutOff;
-    std::int32_t event = kStatNotScanned;
-    std::string what;  // the signature, what is encrypted, or why it was not scanned
-    std::string log;   // empty: nothing to say
-};
-
-Decision DecideEncrypted(const Settings& settings, const std::string& what) {
-    switch (settings.whenEncrypted) {
-        case WhenEncrypted::kRefuse:
-            return {Decision::kRefuse, kStatEncryptedRefused, what,
-                    "an encrypted message is refused: " + what};
-        case WhenEncrypted::kPutOff:
-            return {Decision::kPutOff, kStatNotScanned, what,
-                    "an encrypted message is put off: " + what};
-        case WhenEncrypted::kPass:
-            break;
-    }
-    return {Decision::kForward, kStatEncryptedPassed, what,
-            "an encrypted message passes, what is encrypted was not scanned: " + what};
-}
-
-Decision Decide(const Settings& settings, const Judgement& judgement) {
-    const ScanResult& scan = judgement.scan;
-    if (scan.outcome == ScanOutcome::kInfected) {
-        const bool drops = settings.virusAction == "drop";
-        return {Decision::kInfected,
-                settings.Redirects() ? kStatInfectedRedirected
-                : drops              ? kStatInfectedDropped
-                                     : kStatInfectedRefused,
-                scan.text, "virus found: " + scan.text};
-    }
-    // What may not pass however well it was scanned is not asked for another scan.
-    const bool encrypted = !judgement.encrypted.empty();
-    if (encrypted && settings.whenEncrypted != WhenEncrypted::kPass)
-        return DecideEncrypted(settings, judgement.encrypted);
-    if (scan.outcome != ScanOutcome::kClean) {
-        if (MayPass(settings, scan.outcome))
-            return {Decision::kForward, kStatPassedUnscanned, scan.text,
-                    "a message passes unscanned: " + scan.text};
-        return {Decision::kPutOff, kStatNotScanned, scan.text,
-                "a message could not be scanned: " + scan.text};
-    }
-    if (encrypted) return DecideEncrypted(settings, judgement.encrypted);
-    return {Decision::kForward, kStatClean, "", ""};
-}
-
-bool BuildAnswer(TagMsgNode* root, const Settings& settings, const Decision& decision) {
-    switch (decision.kind) {
-        case Decision::kForward:
-            return BuildForward(root);
-        case Decision::kInfected:
-            return BuildInfected(root, settings, decision.what);
-        case Decision::kRefuse:
-            return BuildRefused(root, decision.what);
-        case Decision::kPutOff:
-            break;
-    }
-    return false;
-}
-
 const char* StatusText(std::int32_t event) {
     if (event == kStatInfectedRedirected) return "redirected";
     return event == kStatInfectedDropped ? "dropped" : "refused";
 }
 
-void LogDecision(TagMsgNode* request, const std::string& path, const Decision& decision) {
-    if (decision.log.empty()) return;
-    LogLine line{.kind = kEventFileNotScanned, .text = decision.log, .path = path};
-    if (decision.kind == Decision::kInfected) {
+void LogDecision(TagMsgNode* request, const std::string& path, const maild::Finding& by) {
+    if (by.log.empty()) return;
+    LogLine line{.kind = kEventFileNotScanned, .text = by.log, .path = path};
+    if (by.rule == "VirusAction") {
         line.kind = kEventVirus;
         line.sender = Text(request, TagSender);
         line.recipients = Text(request, TagRecipients);
         line.peer = Text(request, TagPeerAddress);
-        line.signature = decision.what;
-        line.status = StatusText(decision.event);
+        line.signature = by.reason;
+        line.status = StatusText(by.event);
     } else {
         line.text += " (from " + Text(request, TagSender) + " to " + Text(request, TagRecipients) +
                      ", client " + Text(request, TagPeerAddress) + ")";
     }
     Log(std::move(line));
+}
+
+// What the statistics show beside the event.
+std::string LabelOf(const Judgement& judgement, std::int32_t event,
+                    const maild::Decision& decision) {
+    if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement.scan.text;
+    return event == kStatStructureRefused ? decision.by->reason : judgement.encrypted;
 }
 
 }  // namespace
@@ -196,15 +127,13 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
     const std::shared_ptr<const Settings> settings = settings_.Current();
     const Judgement judgement =
         JudgeMessage(engine_, *settings, path.c_str(), TransferOf(request.root));
-    const Decision decision = Decide(*settings, judgement);
-    LogDecision(request.root, path, decision);
-    stats_.Add({decision.event, Text(request.root, TagPeerAddress), Text(request.root, TagSender),
-                Text(request.root, TagRecipients),
-                judgement.scan.outcome == ScanOutcome::kInfected ? judgement.scan.text
-                                                                 : judgement.encrypted,
+    const std::vector<maild::Finding> findings = maild::AntivirusFindings(*settings, judgement);
+    const maild::Decision decision = maild::Decide(findings);
+    if (decision.by != nullptr) LogDecision(request.root, path, *decision.by);
+    const std::int32_t event = decision.by == nullptr ? kStatClean : decision.by->event;
+    stats_.Add({event, Text(request.root, TagPeerAddress), Text(request.root, TagSender),
+                Text(request.root, TagRecipients), LabelOf(judgement, event, decision),
                 judgement.size});
-    // Without a reply tree the client gets a reply without data: the scan has failed, and the
-    // message is put off.
-    if (BuildAnswer(answer.root, *settings, decision))
+    if (BuildAnswer(answer.root, findings, decision))
         TagMsgSerialize(answer.root, reply, replyLength);
 }

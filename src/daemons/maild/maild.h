@@ -8,8 +8,12 @@
 //   connection, clamd         one scan by the engine
 //   engine, probes, zipfile, signatures   whether the engine is to be believed, shown by probes
 //   unpack      what an engine that hides its limits can still be believed about
+//   coding, walk    the message as its parts, bodies decoded
+//   antivirus   the parts that the engine could see otherwise than a reader
 //   judge       all of that together: the judgement of one message
+//   verdict     what the sections found, and what becomes of the message
 //   reply       the answer to the proxy
+//   shell       `vtmaild test`
 //   verdictstats, log         what is counted and logged
 //
 // This header: the daemon itself.

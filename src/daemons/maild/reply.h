@@ -1,15 +1,15 @@
 // Inside maild/: the answers to the proxy, as its scan client reads them.
 #pragma once
 
-#include <string>
+#include <span>
 
-#include "daemons/maild/settings.h"
+#include "daemons/maild/verdict/finding.h"
 #include "tagmsg/tagmsg.h"
 
-// They fill in the root of an answer. False without memory: the request then gets a reply without
-// data, which counts as a scan that failed.
+// Fills in the root of an answer: what becomes of the message, and each section that has found
+// something to do. False without memory, and for what is put off: the request then gets a reply
+// without data, which counts as a scan that failed.
+bool BuildAnswer(TagMsgNode* root, std::span<const maild::Finding> findings,
+                 const maild::Decision& decision);
+// The message may go on, nothing else is said.
 bool BuildForward(TagMsgNode* root);
-// What VirusAction says.
-bool BuildInfected(TagMsgNode* root, const Settings& settings, const std::string& signature);
-// Refused whatever VirusAction says.
-bool BuildRefused(TagMsgNode* root, const std::string& reason);

@@ -14,6 +14,11 @@ WhenEncrypted ReadWhenEncrypted() {
     if (text == "pass") return WhenEncrypted::kPass;
     return text == "refuse" ? WhenEncrypted::kRefuse : WhenEncrypted::kPutOff;
 }
+WhenOdd ReadWhenOdd(const trelis::Key& key) {
+    const std::string text = trelis::ReadText(key);
+    if (text == "pass") return WhenOdd::kPass;
+    return text == "refuse" ? WhenOdd::kRefuse : WhenOdd::kPutOff;
+}
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 }  // namespace
@@ -31,6 +36,12 @@ std::shared_ptr<const Settings> LoadSettings() {
     settings->virusAction = trelis::ReadText(Key("VirusAction"));
     settings->redirectAddress = trelis::ReadText(Key("RedirectAddress"));
     settings->whenEncrypted = ReadWhenEncrypted();
+    settings->maxDepth = trelis::ReadInt(Key("MaxDepth"));
+    settings->maxParts = trelis::ReadInt(Key("MaxParts"));
+    settings->maxHeaderBytes =
+        trelis::ReadSize(Key("MaxHeaderBytes")).value_or(Settings().maxHeaderBytes);
+    settings->tooComplex = ReadWhenOdd(Key("TooComplex"));
+    settings->whenAmbiguous = ReadWhenOdd(Key("WhenAmbiguous"));
     settings->passWhenDown = trelis::ReadFlag(Key("PassWhenDown"));
     settings->passWhenBusy = trelis::ReadFlag(Key("PassWhenBusy"));
     settings->passWhenTimedOut = trelis::ReadFlag(Key("PassWhenTimedOut"));

@@ -10,6 +10,10 @@ inline constexpr long long kUsualMaxFileSize = 25LL << 20;
 // What becomes of a message with a part that can't be looked into without its password.
 enum class WhenEncrypted { kPass, kRefuse, kPutOff };
 
+// What becomes of a message whose parts can't all be looked at within the bounds, or can be read in
+// different ways.
+enum class WhenOdd { kPass, kRefuse, kPutOff };
+
 // One set of settings; a scan keeps the one that it began with.
 struct Settings {
     std::string clamdSocket;  // empty: where it is found at each connect
@@ -20,6 +24,11 @@ struct Settings {
     std::string virusAction;
     std::string redirectAddress;
     WhenEncrypted whenEncrypted = WhenEncrypted::kPass;
+    int maxDepth = 40;
+    int maxParts = 1000;
+    long long maxHeaderBytes = 256 << 10;  // of one message's or part's headers
+    WhenOdd tooComplex = WhenOdd::kPutOff;
+    WhenOdd whenAmbiguous = WhenOdd::kPass;
     bool passWhenDown = false;
     bool passWhenBusy = false;
     bool passWhenTimedOut = false;
@@ -28,8 +37,8 @@ struct Settings {
     bool Redirects() const { return virusAction == "redirect" && !redirectAddress.empty(); }
 };
 
-// A value that says nothing sensible gives the default; an unknown word for WhenEncrypted puts off,
-// so that a slip of the pen lets nothing through. Any thread.
+// A value that says nothing sensible gives the default; an unknown word for WhenEncrypted,
+// TooComplex or WhenAmbiguous puts off, so that a slip of the pen lets nothing through. Any thread.
 std::shared_ptr<const Settings> LoadSettings();
 // Scans at a time, 1 to 200; read at the start.
 int LoadThreads();

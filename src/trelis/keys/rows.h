@@ -173,6 +173,19 @@ inline constexpr KeyRow kMailDaemonRows[] = {
         "mail with an encrypted archive: `pass`, `refuse` (550) or `put off` (451); any other word "
         "puts off")
         .Words("pass|refuse|put off"),
+    Number("MaxDepth", "40", 1, 100, "parts within parts that are looked into"),
+    Number("MaxParts", "1000", 1, 100000, "parts of one message that are looked at"),
+    Size("MaxHeaderBytes", "262144", 1024, 16LL << 20,
+         "bytes, or with K, M: headers of one message or part that are looked at"),
+    Text("TooComplex", "put off",
+         "mail beyond the three bounds above, or with more readings than can be scanned: `put off` "
+         "(451), `refuse` (550) or `pass`; any other word puts off")
+        .Words("put off|refuse|pass"),
+    Text("WhenAmbiguous", "pass",
+         "mail whose parts readers see in different ways, as nobody but a forger makes it: `pass`, "
+         "each reading scanned, `refuse` (550) or `put off` (451); any other word puts off")
+        .Words("pass|refuse|put off")
+        .Registers("refuse"),
     Flag("PassWhenDown", "deliver unscanned while clamd doesn't answer").Registers("N"),
     Flag("PassWhenBusy", "deliver unscanned what clamd has no place for").Registers("N"),
     Flag("PassWhenTimedOut", "deliver unscanned what is not scanned in time").Registers("N"),

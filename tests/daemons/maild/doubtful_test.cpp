@@ -1,0 +1,243 @@
+// What the engine is asked about besides a message as a whole.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "daemons/maild/antivirus/doubtful.h"
+#include "text/base64.h"
+#include "walk/outline.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+// An engine that keeps what it is asked about, and finds what has the word.
+struct Asked {
+    std::vector<std::string> files;
+    ScanResult result;
+    bool tooMany = false;
+
+    bool Has(const std::string& text) const {
+        return std::find(files.begin(), files.end(), text) != files.end();
+    }
+};
+
+Asked AskedOf(const std::string& text) {
+    Asked asked;
+    const platform::File file = FileOf(text);
+    maild::Questions questions(
+        [&](int part, long long size) {
+            std::string bytes(static_cast<std::size_t>(size), '\0');
+            EXPECT_EQ(pread(part, bytes.data(), bytes.size(), 0), size);
+            asked.files.push_back(bytes);
+            return bytes.find("virus") == std::string::npos
+                       ? ScanResult{ScanOutcome::kClean, ""}
+                       : ScanResult{ScanOutcome::kInfected, "virus"};
+        },
+        file.Size());
+    const maild::WalkLimits limits;
+    maild::DoubtfulParts doubtful(
+        questions, {file.Descriptor(), maild::Dots::kPlain, {0, file.Size()}}, limits);
+    maild::PartSink* const sinks[] = {&doubtful};
+    maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, limits, sinks);
+    asked.result = questions.Result();
+    asked.tooMany = questions.TooMany();
+    return asked;
+}
+
+std::string Lines(const std::string& text, std::size_t width = 76) {
+    std::string lines;
+    for (std::size_t at = 0; at < text.size(); at += width)
+        lines += text.substr(at, width) + "\r\n";
+    return lines;
+}
+
+std::string Coded(const std::string& content, const std::string& coding = "base64",
+                  const std::string& type = "application/zip") {
+    return "Content-Type: " + type + "\r\nContent-Transfer-Encoding: " + coding + "\r\n\r\n" +
+           content;
+}
+
+TEST(Doubtful, OrdinaryMailCostsNoQuestion) {
+    const std::string bytes(1000, 'x');
+    const struct {
+        const char* name;
+        std::string text;
+    } cases[] = {
+        {"text", Wire("Subject: a\n\nbegin with this.\nbegin 10 minutes early\nend\n")},
+        {"attachment", Coded(Lines(Base64Encode(bytes)))},
+        {"attachment without its fillers", Coded(Lines("eHh4eA"))},
+        {"empty line behind", Coded(Lines(Base64Encode(bytes)) + "\r\n\r\n")},
+        {"lines of 60", Coded(Lines(Base64Encode(bytes), 60))},
+        {"bare LF", "Content-Transfer-Encoding: base64\n\neHh4\neHh4\n"},
+        {"quoted-printable", Coded("a=3Db=\r\nc=20\r\n", "quoted-printable", "text/plain")},
+        {"blanks at a line's end", Coded("a  \r\nb\r\n", "quoted-printable", "text/plain")},
+        {"small letters", Coded("=c3=a9\r\n", "quoted-printable", "text/plain")},
+        {"alternatives",
+         Wire("Content-Type: multipart/alternative; boundary=b\n\n--b\n\nx\n--b\nContent-Type: "
+              "text/html\nContent-Transfer-Encoding: quoted-printable\n\n<a "
+              "href=3D\"x\">\n--b--\n")},
+        {"message in message",
+         Wire("Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: "
+              "message/rfc822\n\nTo: a\n\nx\n--b--\n")},
+        {"report",
+         Wire("Content-Type: multipart/report; boundary=b\n\n--b\n\nx\n--b\nContent-Type: "
+              "message/delivery-status\n\nReporting-MTA: a\n\n--b--\n")},
+        {"signed",
+         Wire("Content-Type: multipart/signed; boundary=b\n\n--b\n\nx\n--b\nContent-Type: "
+              "application/pgp-signature; name=signature.asc\n\n-----BEGIN PGP SIGNATURE-----\n"
+              "--b--\n")},
+        {"a sloppy header", Wire("Subject: a\n \nhello\nTo: b\n\nx\n")},
+        {"coding in other words", Coded("x\r\n", "8-bit")},
+        {"no end", Wire("Content-Type: multipart/mixed; boundary=b\n\n--b\n\nx\n")},
+    };
+    for (const auto& each : cases)
+        EXPECT_EQ(AskedOf(each.text).files, std::vector<std::string>()) << each.name;
+}
+
+TEST(Doubtful, EachReadingIsAFile) {
+    const struct {
+        const char* name;
+        std::string text;
+        std::vector<std::string> files;
+    } cases[] = {
+        {"filler in the midst", Coded("YQ==YmNk\r\n"), {"abcd", "a", "a\x06&6"s}},
+        {"foreign characters", Coded("YWJj!ZGVm\r\n"), {"abcdef", "abc"}},
+        {"URLs", Coded("-_-_\r\n"), {"\xFB\xFF\xBF"}},
+        {"groups cut by a line's end", Coded("YQ\r\nYmNk\r\n"), {"abcd"}},
+        {"a line that is none", Coded("Hello: x\r\nYWJj\r\n"), {"abc"}},
+        {"two codings",
+         Coded("YWJj\r\n", "7bit\r\nContent-Transfer-Encoding: base64"),
+         {"abc", "YWJj\r\n"}},
+        {"escapes that are none",
+         Coded("=ZZa=62\r\n", "quoted-printable"),
+         {"=ZZab\r\n", "ZZab\r\n"}},
+        {"uuencode in a text", Wire("Subject: a\n\nx\nbegin 644 a\n#86)C\n`\nend\n"), {"abc"}},
+        {"two of them",
+         Wire("Subject: a\n\nbegin 644 a\n#86)C\nend\nbegin 644 b\n#9&5F\nend\n"),
+         {"abc", "def"}},
+        {"without an end", Wire("Subject: a\n\nbegin 644 a\n#86)C\n"), {"abc"}},
+        {"yEnc in a text",
+         Wire("Subject: a\n\n=ybegin line=9 size=3 name=a\n\x8B\x8C\x8D\n=yend\n"),
+         {"abc"}},
+        {"signed without a signature",
+         Wire("Content-Type: multipart/signed; boundary=b\n\n--b\n\nx\n--b--\n"),
+         {Wire("Received: from spool\nMIME-Version: 1.0\nContent-Type: multipart/mixed; "
+               "boundary=\"b\"\n\n--b\n\nx\n--b--\n")}},
+        {"coded message",
+         Coded("VG86IGEKCmI=\r\n", "base64", "message/rfc822"),
+         {"Received: from spool\r\nTo: a\n\nb"}},
+        {"coded multipart",
+         Coded("LS1iCgp4Ci0tYi0tCg==\r\n", "base64", "multipart/mixed; boundary=b"),
+         {"Received: from spool\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; "
+          "boundary=\"b\"\r\n\r\n--b\n\nx\n--b--\n"}},
+        {"structure in doubt",
+         Wire("Content-Type: multipart/mixed\n\n--b\n\n" + std::string(48, 'Y') + "\n--b--\n"),
+         {std::string([] {
+             std::string text;
+             for (int i = 0; i < 12; ++i) text += "a\x86\x18";
+             return text;
+         }())}},
+    };
+    for (const auto& each : cases) {
+        const Asked asked = AskedOf(each.text);
+        for (const std::string& file : each.files)
+            EXPECT_TRUE(asked.Has(file)) << each.name << ": " << testing::PrintToString(file)
+                                         << " of " << testing::PrintToString(asked.files);
+    }
+}
+
+std::string Little(std::uint32_t number, int bytes = 4) {
+    std::string text;
+    for (int i = 0; i < bytes; ++i) text += static_cast<char>(number >> (8 * i));
+    return text;
+}
+std::string Attribute(std::uint32_t id, const std::string& value) {
+    return "\2" + Little(id) + Little(static_cast<std::uint32_t>(value.size())) + value + "..";
+}
+std::string Tnef(const std::string& attributes) {
+    return "\x78\x9F\x3E\x22\1"s + '\0' + attributes;
+}
+
+TEST(Doubtful, FilesInTnef) {
+    const std::string file = Attribute(0x6800F, "abc");
+    const std::string cut = Attribute(0x6800F, "abcdef");
+    const struct {
+        const char* name;
+        std::string tnef;
+        std::vector<std::string> files;
+    } cases[] = {
+        {"two files",
+         Tnef(Attribute(0x18010, "name") + file + Attribute(0x6800F, "def")),
+         {"abc", "def"}},
+        {"an empty attribute in front", Tnef(Attribute(0x18010, "") + file), {"abc"}},
+        {"cut off", Tnef(cut.substr(0, cut.size() - 5)), {"abc"}},
+        {"a length beyond the end",
+         Tnef("\2" + Little(0x6800F) + Little(0xFFFFFFFF) + "abc"),
+         {"abc"}},
+        {"a message in the properties",
+         Tnef(Attribute(0x69005, "prop" + Tnef(file))),
+         {"abc", "prop" + Tnef(file)}},
+        {"nothing behind the mark", Tnef(""), {}},
+    };
+    for (const auto& each : cases) {
+        const Asked asked = AskedOf(Coded(Lines(Base64Encode(each.tnef))));
+        EXPECT_EQ(asked.files.size(), each.files.size()) << each.name;
+        for (const std::string& wanted : each.files) EXPECT_TRUE(asked.Has(wanted)) << each.name;
+    }
+}
+
+// An element of BER; of more than 127 bytes if `form` says so: 0 short, else bytes of the length.
+std::string Element(char tag, const std::string& content, int form = 0) {
+    std::string text(1, tag);
+    if (form == 0) text += static_cast<char>(content.size());
+    if (form > 0) text += static_cast<char>(0x80 | form);
+    for (int i = form; i-- > 0;) text += static_cast<char>(content.size() >> (8 * i));
+    return text + content;
+}
+
+TEST(Doubtful, MessageWithinItsSignature) {
+    const std::string message = "Subject: a\r\n\r\nbegin 644 a\r\n#86)C\r\n";
+    const std::string front = Element(2, "\1") + Element(6, "oid");
+    const std::string endless = "\x24\x80" + Element(4, message.substr(0, 9)) +
+                                Element(4, message.substr(9), 2) + std::string(2, '\0');
+    const struct {
+        const char* name;
+        std::string data;
+        bool found;
+    } cases[] = {
+        {"one string", Element(0x30, front + Element('\xA0', Element(4, message))), true},
+        {"long lengths", Element(0x30, front + Element('\xA0', Element(4, message, 4), 4), 2),
+         true},
+        {"in pieces, without lengths", "\x30\x80" + front + endless, true},
+        {"a long tag in front", Element(0x30, "\x1F\x81\1\1x" + Element(4, message)), true},
+        {"nothing of the kind", "PK no such thing", false},
+        {"a length that nobody means", "\4\xFF\xFF\xFF", false},
+    };
+    for (const auto& each : cases) {
+        const Asked asked = AskedOf(Coded(Lines(Base64Encode(each.data)), "base64",
+                                          "application/pkcs7-mime; name=smime.p7m"));
+        EXPECT_EQ(asked.Has("Received: from spool\r\n" + message), each.found) << each.name;
+        EXPECT_EQ(asked.Has("abc"), each.found) << each.name << ": it is walked as well";
+    }
+}
+
+TEST(Doubtful, WhatIsFoundEndsIt) {
+    const std::string found = Base64Encode("virus");
+    const Asked asked = AskedOf(Coded("!" + found + "\r\n"));
+    EXPECT_EQ(asked.result.outcome, ScanOutcome::kInfected);
+    EXPECT_EQ(asked.files.size(), 1U);
+}
+
+TEST(Doubtful, QuestionsAreBounded) {
+    std::string text = "Subject: a\r\n\r\n";
+    for (int i = 0; i < 5000; ++i)
+        text += "begin 644 a\r\n#" + std::string(1, static_cast<char>('!' + i % 60)) +
+                std::string(1, static_cast<char>('!' + i / 60 % 60)) + "&5\r\nend\r\n";
+    const Asked asked = AskedOf(text);
+    EXPECT_TRUE(asked.tooMany);
+    EXPECT_LE(asked.files.size(), 200U);
+}
+
+}  // namespace

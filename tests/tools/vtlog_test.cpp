@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "daemons/logd/describe.h"
+#include "daemons/logd/reader/entry.h"
+#include "daemons/logd/reader/filter.h"
+#include "daemons/logd/reader/log_files.h"
+#include "daemons/logd/reader/times.h"
 #include "logclient/line.h"
-#include "tools/log/entry.h"
-#include "tools/log/filter.h"
-#include "tools/log/log_files.h"
-#include "tools/log/times.h"
 
 namespace {
 

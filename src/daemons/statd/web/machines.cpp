@@ -79,9 +79,14 @@ HttpResponse MetricsPage(const LiveNumbers& live) {
 
 HttpResponse HealthPage() { return {200, "text/plain; charset=utf-8", "ok\n", {}}; }
 
-HttpResponse ReadyPage() {
+std::string MailComplaints() {
     std::string complaints = ProxyComplaints() + EngineComplaints();
     if (!trelis::ListChildren(kTopKey)) complaints += "the store can't be read\n";
+    return complaints;
+}
+
+HttpResponse ReadyPage() {
+    const std::string complaints = MailComplaints();
     const unsigned status = complaints.empty() ? 200 : 503;
     return {status, "text/plain; charset=utf-8", complaints.empty() ? "ok\n" : complaints, {}};
 }

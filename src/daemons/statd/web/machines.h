@@ -17,6 +17,8 @@ MachineAccess MayAsk(const HttpRequest& request);
 
 // The numbers of all programs of the instance.
 HttpResponse MetricsPage(const LiveNumbers& live);
+// Why mail can't be taken or scanned now, one a line; empty: it can.
+std::string MailComplaints();
 // 200: this daemon answers.
 HttpResponse HealthPage();
 // 200 if mail can be taken and scanned; 503 with the reasons, one a line.

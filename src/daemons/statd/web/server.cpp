@@ -71,6 +71,11 @@ bool IsLocal(MHD_Connection* connection) {
     }
 }
 
+std::string Search(MHD_Connection* connection) {
+    const char* text = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "q");
+    return text == nullptr ? std::string() : std::string(text, strnlen(text, kLongestSearch));
+}
+
 // A body whose length is not known beforehand, or too large, is not read.
 std::optional<HttpResponse> RefuseBody(MHD_Connection* connection) {
     if (!Header(connection, "Transfer-Encoding").empty())
@@ -87,6 +92,7 @@ MHD_Result Begin(HttpHandler& handler, MHD_Connection* connection, const char* u
     auto exchange = std::make_unique<Exchange>();
     exchange->request = {method,
                          url,
+                         Search(connection),
                          Header(connection, "Authorization"),
                          Header(connection, "Content-Type"),
                          ClientAddress(connection),

@@ -8,6 +8,7 @@
 #include "daemons/statd/store/text.h"
 #include "daemons/statd/web/machines.h"
 #include "daemons/statd/web/page.h"
+#include "daemons/statd/web/search.h"
 #include "platform/clock.h"
 #include "text/ascii.h"
 #include "text/day.h"
@@ -23,11 +24,9 @@ struct Path {
     const char* methods;  // as the Allow header has them
     bool forMachines = false;
 };
-constexpr Path kPaths[] = {{"/", "GET, POST"},
-                           {"/live", "GET"},
-                           {"/metrics", "GET", true},
-                           {"/healthz", "GET", true},
-                           {"/readyz", "GET", true}};
+constexpr Path kPaths[] = {{"/", "GET, POST"},        {"/live", "GET"},
+                           {"/find", "GET"},          {"/metrics", "GET", true},
+                           {"/healthz", "GET", true}, {"/readyz", "GET", true}};
 
 HttpResponse Plain(unsigned status, const std::string& text, HttpHeaders headers = {}) {
     return {status, kPlain, text + '\n', std::move(headers)};
@@ -99,6 +98,7 @@ HttpResponse HttpSite::Answer(const HttpRequest& request) {
     if (request.path == "/metrics") return MetricsPage(recorder_.Live());
     if (request.path == "/healthz") return HealthPage();
     if (request.path == "/readyz") return ReadyPage();
+    if (request.path == "/find") return Find(request.search);
     return request.path == "/live" ? Live() : Page();
 }
 
@@ -106,6 +106,11 @@ HttpResponse HttpSite::Page() {
     const std::string nonce = RandomHex(16);
     auto page = OverviewPage(reader_, recorder_.Live(), platform::UtcSeconds(), nonce);
     return page ? Document(std::move(*page), nonce) : Unreadable();
+}
+
+HttpResponse HttpSite::Find(const std::string& asked) {
+    const std::string nonce = RandomHex(16);
+    return Document(SearchPage(asked, nonce), nonce);
 }
 
 HttpResponse HttpSite::Live() { return {200, "application/json", LiveJson(recorder_.Live()), {}}; }

@@ -12,13 +12,13 @@
 #include <string>
 #include <thread>
 
+#include "daemons/logd/reader/filter.h"
+#include "daemons/logd/reader/log_files.h"
+#include "daemons/logd/reader/times.h"
 #include "logclient/line.h"
 #include "platform/clock.h"
 #include "platform/home.h"
 #include "text/usage.h"
-#include "tools/log/filter.h"
-#include "tools/log/log_files.h"
-#include "tools/log/times.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
-#include "tools/log/entry.h"
+#include "daemons/logd/reader/entry.h"
 
 #include <algorithm>
 #include <iterator>
 #include <utility>
 
 #include "daemons/logd/quote.h"
+#include "daemons/logd/reader/times.h"
 #include "logclient/line.h"
 #include "text/ascii.h"
-#include "tools/log/times.h"
 
 namespace {
 

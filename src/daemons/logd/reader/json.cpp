@@ -1,7 +1,7 @@
 #include <algorithm>
 
+#include "daemons/logd/reader/entry.h"
 #include "text/ascii.h"
-#include "tools/log/entry.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/log/log_files.h"
+#include "daemons/logd/reader/log_files.h"
 
 #include <algorithm>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "tools/log/filter.h"
+#include "daemons/logd/reader/filter.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-// log/: vtlog, which finds lines in the log.
+// reader/: the log as it is read again, by vtlog and by the page.
 //
 // This header: one line of the log as vtlogd writes it, in either format, taken apart and put
 // together again in either.
@@ -35,6 +35,6 @@ std::optional<LogRecord> ParseRecord(std::string_view line);
 std::string RecordAsText(const LogRecord& record);
 std::string RecordAsJson(const LogRecord& record);
 
-// Inside log/: the fields of one flat object, all of it. Strings and whole numbers; nothing else is
-// in a line.
+// Inside reader/: the fields of one flat object, all of it. Strings and whole numbers; nothing else
+// is in a line.
 std::optional<std::vector<LogField>> ParseJsonObject(std::string_view text);

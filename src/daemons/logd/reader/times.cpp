@@ -1,4 +1,4 @@
-#include "tools/log/times.h"
+#include "daemons/logd/reader/times.h"
 
 #include <charconv>
 

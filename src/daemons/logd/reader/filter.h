@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "daemons/logd/reader/entry.h"
 #include "net/address.h"
-#include "tools/log/entry.h"
 
 // Nothing, or empty: anything. All that is given must be in the line and fit.
 struct LogFilter {

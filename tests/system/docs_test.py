@@ -1,0 +1,111 @@
+"""What the pages for people say is so: commands are taken as they stand there, what they point to is there, each alert is
+explained, and the manual pages can be read."""
+
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from harness import BIN
+from tls import Authority
+
+ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+DOCS = os.path.join(ROOT, "docs")
+MANUAL = os.path.join(ROOT, "packaging", "man")
+REFERENCES = {"configuration.md", "log.md", "metrics.md", "statistics.md"}  # longer than what one reads at a time
+MOST_LINES = 80
+
+
+def read(*path):
+    with open(os.path.join(ROOT, *path), encoding="utf-8") as file:
+        return file.read()
+
+
+def pages():
+    return sorted(name for name in os.listdir(DOCS) if name.endswith(".md"))
+
+
+def commands(text):
+    """Of the indented blocks, or the examples of a manual page: one text a command, continued lines with it."""
+    if text.startswith(".Dd"):
+        text = re.sub(r"(?m)^(?:\.Dl |(?=vt))", "    ", text.partition("\n.Sh EXAMPLES\n")[2].partition("\n.Sh ")[0]).replace("\\e", "\\")
+    return re.findall(r"(?m)^ {4,}((?:vtregistry|vtlog|vtsmtpproxy setup)\b(?:.*\\\n)*.*)$", text)
+
+
+class Pages(unittest.TestCase):
+    def setUp(self):
+        self.home = tempfile.mkdtemp(prefix="vantrel-docs.")
+        self.addCleanup(shutil.rmtree, self.home, ignore_errors=True)
+        os.mkdir(self.home + "/files")
+        self.env = dict(os.environ, VANTREL_HOME=self.home, PATH=BIN + ":" + os.environ["PATH"])
+        for program in ("vtregistry", "vtmaild", "vtlogd", "vtstatd", "vtsmtpproxy"):
+            self.run_it(program + " register", {0})
+        self.run_it("vtregistry dump >changed.json", {0})
+        authority = Authority()
+        self.addCleanup(authority.close)
+        shutil.copy(authority.issue("issued"), self.home + "/files/mx.pem")
+        shutil.copy(self.home + "/files/mx.pem", self.home + "/files/mx.key")
+
+    def run_it(self, command, codes):
+        done = subprocess.run(command, shell=True, env=self.env, cwd=self.home + "/files", text=True, capture_output=True, timeout=60,
+                              stdin=subprocess.DEVNULL)
+        self.assertIn(done.returncode, codes, "%s\n%s%s" % (command, done.stdout, done.stderr))
+        return done
+
+    def test_the_commands_are_taken_as_they_stand_there(self):
+        taken = 0
+        for path in [("README.md",), *(("docs", name) for name in pages()), *(("packaging", "man", name) for name in sorted(os.listdir(MANUAL)))]:
+            for command in commands(read(*path)):
+                words = command.split()
+                # Those that wait for somebody, need a history of their own, or are words of the service.
+                if words[1] in ("edit", "undo", "watch", "follow", "install") or words[:2] == ["vtsmtpproxy", "setup"] and len(words) == 2:
+                    continue
+                with self.subTest("/".join(path) + ": " + command):
+                    command = re.sub(r"/(?:root|var/backups/vantrel)/", "", command).partition(" | ")[0]
+                    command = command.replace("/etc/vantrel/", self.home + "/files/")
+                    if words[0] == "vtsmtpproxy":  # it sets all, and then complains of servers that aren't there
+                        self.assertRegex(self.run_it(command + " --force", {0, 1, 2}).stdout, "/ServerToForward = ")
+                        continue
+                    codes = {"vtlog": {0, 1, 3}, "vtregistry": {0, 1} if words[1] == "diff" else {0}}[words[0]]  # there is no log
+                    done = self.run_it(command, codes)
+                    if words[1] == "set":
+                        self.assertEqual([line for line in done.stderr.splitlines() if not re.search(r": interface\.\w+ is new; ", line)], [])
+                taken += 1
+        self.assertGreater(taken, 80)
+
+    def test_all_pages_are_listed_short_and_lead_somewhere(self):
+        listed = re.findall(r"(?m)^- \[([\w-]+\.md)\]\(\1\): ", read("docs", "README.md"))
+        self.assertEqual(sorted(listed + ["README.md"]), pages())
+        for path in [("README.md",), ("CONTRIBUTING.md",), ("ARCHITECTURE.md",), *(("docs", name) for name in pages())]:
+            text = read(*path)
+            for target in re.findall(r"\]\(((?!https?:)[^)#]+)", text):
+                self.assertTrue(os.path.exists(os.path.join(ROOT, *path[:-1], target)), "%s: %s" % ("/".join(path), target))
+            if path[0] == "docs" and path[1] not in REFERENCES:
+                self.assertLess(text.count("\n"), MOST_LINES, path)
+
+    def test_each_alert_is_explained(self):
+        rules = re.findall(r"(?m)^ +- alert: (\w+)$", read("packaging", "prometheus", "alerts.yml"))
+        self.assertEqual(re.findall(r"(?m)^## (\w+)$", read("docs", "alerts.md")), rules)
+
+    @unittest.skipUnless(shutil.which("mandoc"), "needs mandoc")
+    def test_the_manual_pages_have_examples_and_no_slip(self):
+        made = self.home + "/vantrel-keys.5"
+        with open(made, "w", encoding="utf-8") as file:
+            subprocess.run([os.path.join(ROOT, "packaging", "keys-page"), DOCS + "/configuration.md"], stdout=file, check=True)
+        names = [os.path.join(MANUAL, name) for name in sorted(os.listdir(MANUAL))]
+        for path in [*names, made]:
+            said = subprocess.run(["mandoc", "-T", "lint", path], text=True, capture_output=True, timeout=60)
+            # Pages that aren't installed here; that ours are there is looked at below.
+            self.assertEqual([line for line in said.stdout.splitlines() if "referenced manual not found" not in line], [])
+        known = {os.path.basename(path) for path in [*names, made]} | {"clamd.8"}
+        for path in names:
+            text = read(path)
+            self.assertIn("\n.Sh EXAMPLES\n.", re.sub(r"(?m)^[^.\n].*\n", "", text), path)
+            for name, section in re.findall(r"(?m)^\.Xr (\S+) (\d)", text):
+                self.assertIn(name + "." + section, known, path)
+
+
+if __name__ == "__main__":
+    unittest.main()

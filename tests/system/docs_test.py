@@ -1,5 +1,5 @@
-"""What the pages for people say is so: commands are taken as they stand there, what they point to is there, each alert is
-explained, and the manual pages can be read."""
+"""What the pages for people say is so: commands and configurations are taken as they stand there, what they point to is there,
+each alert is explained, and the manual pages can be read."""
 
 import os
 import re
@@ -16,6 +16,7 @@ DOCS = os.path.join(ROOT, "docs")
 MANUAL = os.path.join(ROOT, "packaging", "man")
 REFERENCES = {"configuration.md", "log.md", "metrics.md", "statistics.md"}  # longer than what one reads at a time
 MOST_LINES = 80
+HAPROXY = shutil.which("haproxy", path="/usr/sbin:/usr/bin")
 
 
 def read(*path):
@@ -32,6 +33,10 @@ def commands(text):
     if text.startswith(".Dd"):
         text = re.sub(r"(?m)^(?:\.Dl |(?=vt))", "    ", text.partition("\n.Sh EXAMPLES\n")[2].partition("\n.Sh ")[0]).replace("\\e", "\\")
     return re.findall(r"(?m)^ {4,}((?:vtregistry|vtlog|vtsmtpproxy setup)\b(?:.*\\\n)*.*)$", text)
+
+
+def blocks(text):
+    return [re.sub(r"(?m)^    ", "", block) for block in re.findall(r"(?m)(?:^ {4}.*\n)+", text)]
 
 
 class Pages(unittest.TestCase):
@@ -84,6 +89,49 @@ class Pages(unittest.TestCase):
                 self.assertTrue(os.path.exists(os.path.join(ROOT, *path[:-1], target)), "%s: %s" % ("/".join(path), target))
             if path[0] == "docs" and path[1] not in REFERENCES:
                 self.assertLess(text.count("\n"), MOST_LINES, path)
+
+    def test_the_hook_of_certbot_puts_a_file_that_the_proxy_takes(self):
+        lineage, place = self.home + "/lineage", self.home + "/etc-vantrel"
+        os.mkdir(lineage)
+        for name in ("privkey.pem", "fullchain.pem"):
+            shutil.copy(self.home + "/files/mx.pem", lineage)
+            os.rename(lineage + "/mx.pem", lineage + "/" + name)
+        hook = next(block for block in blocks(read("docs", "certificates.md")) if "RENEWED_LINEAGE" in block)
+        group = subprocess.run(["id", "-gn"], text=True, capture_output=True, check=True).stdout.strip()
+        for old, new in (("/etc/letsencrypt/live/mx.example.org", lineage), ("/etc/vantrel", place), ("-g vantrel", "-g " + group),
+                         ("-o root ", ""), ("chgrp vantrel", "chgrp " + group)):
+            self.assertIn(old, hook)
+            hook = hook.replace(old, new)
+        for renewed, files in (("/another", None), (lineage, ["mx.pem"])):
+            subprocess.run(["sh", "-c", hook], env=dict(self.env, RENEWED_LINEAGE=renewed), check=True, timeout=60)
+            self.assertEqual(os.listdir(place) if os.path.isdir(place) else None, files)
+        self.assertEqual((os.stat(place + "/mx.pem").st_mode & 0o777, os.stat(place).st_mode & 0o777), (0o640, 0o750))
+        self.run_it("vtsmtpproxy setup --server 127.0.0.1:9 --domain example.org --force --certificate %s/mx.pem" % place, {0, 1, 2})
+        self.assertNotIn("TLS/Certificate", self.run_it("vtsmtpproxy check", {0, 1, 2}).stdout)
+
+    @unittest.skipUnless(HAPROXY, "needs HAProxy")
+    def test_the_configuration_of_haproxy_is_one(self):
+        first, second = (block for block in blocks(read("docs", "load-balancer.md")) if "server mx1" in block)
+        for options in ("", second):
+            with open(self.home + "/cfg", "w", encoding="ascii") as file:
+                file.write(first if not options else re.sub(r"(?m)^ *(option smtpchk|server) .*\n", "", first) + options)
+            said = subprocess.run([HAPROXY, "-c", "-f", self.home + "/cfg"], text=True, capture_output=True, timeout=60)
+            self.assertEqual((said.returncode, said.stderr), (0, ""), said.stdout)
+
+    @unittest.skipUnless(shutil.which("postconf", path="/usr/sbin:/usr/bin"), "needs Postfix")
+    def test_the_lines_for_master_cf_are_some(self):
+        services = [block for block in blocks(read("docs", "postfix-same-machine.md")) if " smtpd\n" in block]
+        with open(self.home + "/master.cf", "w", encoding="ascii") as file:
+            file.write("".join(services))
+        with open(self.home + "/main.cf", "w", encoding="ascii") as file:
+            file.write("compatibility_level = 3.6\n")
+
+        def postconf(*words):
+            done = subprocess.run(["/usr/sbin/postconf", "-c", self.home, *words], text=True, capture_output=True, timeout=60)
+            self.assertEqual((done.returncode, done.stderr), (0, ""))  # an option that nobody knows is a warning there
+            return done.stdout.splitlines()
+        self.assertEqual([line.split()[0] for line in postconf("-M")], ["127.0.0.1:10025", "submission", "pickup", "127.0.0.1:10027"])
+        self.assertEqual(len(postconf("-P")), 12)
 
     def test_each_alert_is_explained(self):
         rules = re.findall(r"(?m)^ +- alert: (\w+)$", read("packaging", "prometheus", "alerts.yml"))

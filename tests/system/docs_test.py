@@ -50,7 +50,7 @@ class Pages(unittest.TestCase):
         self.run_it("vtregistry dump >changed.json", {0})
         authority = Authority()
         self.addCleanup(authority.close)
-        shutil.copy(authority.issue("issued"), self.home + "/files/mx.pem")
+        shutil.copy(authority.issue("issued", days=90), self.home + "/files/mx.pem")
         shutil.copy(self.home + "/files/mx.pem", self.home + "/files/mx.key")
 
     def run_it(self, command, codes):

@@ -33,7 +33,7 @@ int CSMTP::LoadInterfaces() {
 
 void CSMTP::LoadInterface(NetworkInterface& entry, const std::string& name) {
     entry.name = name;
-    entry.place = metrics::InterfacePlace(name);
+    entry.place = metrics::NamePlace(name);
     entry.GreetingDomainName = trelis::ReadText(Key("GreetingDomainName"), {name});
     entry.IPAddress = trelis::ReadText(Key("IPAddress"), {name});
     entry.Port = trelis::ReadInt(Key("Port"), {name});

@@ -38,7 +38,7 @@ void PutName(Page& page, std::size_t place, const std::string& name) {
         std::memcpy(&word, text + i * sizeof word, sizeof word);
         page.names[place][i].store(word, std::memory_order_relaxed);
     }
-    page.interfaces.store(place + 1, std::memory_order_release);
+    page.named.store(place + 1, std::memory_order_release);
 }
 
 }  // namespace
@@ -68,16 +68,16 @@ bool Open(Program program) {
     return true;
 }
 
-std::size_t InterfacePlace(std::string_view name) {
+std::size_t NamePlace(std::string_view name) {
     Page& page = *g_page.load(std::memory_order_relaxed);
-    const std::size_t count = page.interfaces.load(std::memory_order_relaxed);
+    const std::size_t count = page.named.load(std::memory_order_relaxed);
     const std::string clean = CleanText(name, kNameBytes - 1);
     for (std::size_t i = 0; i < count; ++i) {
         if (NameAt(page, i) == clean) return i;
     }
-    if (count + 1 >= kInterfacePlaces) {
-        if (count < kInterfacePlaces) PutName(page, count, kOtherInterfaces);
-        return kInterfacePlaces - 1;
+    if (count + 1 >= kNamePlaces) {
+        if (count < kNamePlaces) PutName(page, count, kOtherNames);
+        return kNamePlaces - 1;
     }
     PutName(page, count, clean);
     return count;

@@ -13,8 +13,8 @@ namespace metrics {
 // writer a file. Before, and where the file can't be had, it counts in memory of its own; false
 // then. Once, before the threads that count. What was counted before is left behind.
 bool Open(Program program);
-// The place of an interface for the label; the same for the same name. One thread.
-std::size_t InterfacePlace(std::string_view name);
+// The place of a name for the label; the same for the same name. One thread at a time.
+std::size_t NamePlace(std::string_view name);
 
 // Of the calling thread, in the process's page.
 Word* Stripe();
@@ -56,6 +56,13 @@ void Set(std::size_t place, std::uint64_t value) {
 template <Metric kMetric, typename Place>
 requires std::is_enum_v<Place>
 void Set(Place place, std::uint64_t value) { Set<kMetric>(static_cast<std::size_t>(place), value); }
+
+// There is nothing behind the name any more: it is not shown, until it is set again.
+template <Metric kMetric>
+void SetGone(std::size_t place) {
+    static_assert(RowOf(kMetric).labels == Labels::kNames);
+    Set<kMetric>(place, kGone);
+}
 
 // value: in the unit that the row counts in.
 template <Metric kMetric>

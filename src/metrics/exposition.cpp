@@ -51,11 +51,11 @@ void WriteRow(Exposition& exposition, Metric metric, const Snapshot& from) {
     const Row& row = RowOf(metric);
     const std::uint64_t* const words = from.Of(metric);
     for (std::size_t place = 0; place < from.Places(metric); ++place) {
+        if (row.kind == Kind::kGauge && from.Gone(metric, place)) continue;
         Exposition::Pairs labels;
         if (row.InMany()) labels.emplace_back("program", Name(from));
         if (row.labels == Labels::kFixed) labels.emplace_back(row.label, row.values[place]);
-        if (row.labels == Labels::kInterfaces)
-            labels.emplace_back(row.label, from.interfaces[place]);
+        if (row.labels == Labels::kNames) labels.emplace_back(row.label, from.names[place]);
         const std::uint64_t* const at = words + place * WordsOf(row);
         if (row.kind == Kind::kHistogram) {
             WriteHistogram(exposition, row, at, labels);

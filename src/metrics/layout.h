@@ -4,7 +4,7 @@
 //   header    8 words   magic, version, shape, bytes of the file, process id, start in seconds
 //                       since 1970, 2 words of 0
 //             4 words   the program's version, text up to a zero byte
-//   names     1 word    interfaces that have a name
+//   names     1 word    names that have a place
 //             64 names of 64 bytes each, text up to a zero byte
 //   stripes   4 times the words of all rows in their order, each row's places one behind the
 //             other; a stripe begins at a line of the cache
@@ -30,6 +30,9 @@ inline constexpr std::size_t kWordsOfLine = 8;
 inline constexpr std::size_t kVersionBytes = 32;
 inline constexpr std::size_t kNameBytes = 64;
 
+// In the place of a gauge's value: what has the name is no more.
+inline constexpr std::uint64_t kGone = ~std::uint64_t{0};
+
 struct Header {
     std::uint64_t magic;
     std::uint64_t version;
@@ -54,8 +57,8 @@ inline constexpr std::size_t kStripeWords =
 
 struct alignas(64) Page {
     Header header;
-    alignas(64) Word interfaces;
-    alignas(64) Word names[kInterfacePlaces][kNameBytes / sizeof(Word)];
+    alignas(64) Word named;
+    alignas(64) Word names[kNamePlaces][kNameBytes / sizeof(Word)];
     alignas(64) Word stripes[kStripes][kStripeWords];
 };
 

@@ -37,8 +37,6 @@ enum class Filter : std::size_t { kIpList, kSenders, kGuard, kRelay };
 inline constexpr const char* kFilters[] = {"ip_list", "senders", "guard", "relay"};
 enum class TlsVersion : std::size_t { k12, k13, kOther };
 inline constexpr const char* kTlsVersions[] = {"TLSv1.2", "TLSv1.3", "other"};
-enum class EngineName : std::size_t { kClamd };
-inline constexpr const char* kEngines[] = {"clamd"};
 enum class Queue : std::size_t { kLog, kStatistics };
 inline constexpr const char* kQueues[] = {"log", "statistics"};
 
@@ -88,7 +86,7 @@ inline constexpr Row kRows[] = {
     Row{"vantrel_draining", Kind::kGauge, kProxyOnly, "1 while no new sessions are taken."},
     Row{"vantrel_engine_up", Kind::kGauge, In(Program::kMailDaemon),
         "1 if the engine answers and has found the test pattern."}
-        .With("engine", kEngines),
+        .ByName("engine"),
     Row{"vantrel_queue_length", Kind::kGauge, kEverybody,
         "Events and records that wait for their daemon."}
         .With("queue", kQueues),

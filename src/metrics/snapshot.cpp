@@ -39,9 +39,13 @@ std::int64_t Snapshot::Gauge(Metric metric, std::size_t place) const {
     return std::max<std::int64_t>(0, static_cast<std::int64_t>(Of(metric)[place]));
 }
 
+bool Snapshot::Gone(Metric metric, std::size_t place) const {
+    return place < PlacesOf(RowOf(metric)) && Of(metric)[place] == kGone;
+}
+
 std::size_t Snapshot::Places(Metric metric) const {
     const Row& row = RowOf(metric);
-    return row.labels == Labels::kInterfaces ? interfaces.size() : PlacesOf(row);
+    return row.labels == Labels::kNames ? names.size() : PlacesOf(row);
 }
 
 std::optional<Snapshot> ReadFile(Program program, const std::string& path) {
@@ -56,8 +60,8 @@ std::optional<Snapshot> ReadFile(Program program, const std::string& path) {
     snapshot.version = TextIn(page.header.program, kVersionBytes);
     // Whatever the file says, there are no more.
     const std::size_t count =
-        std::min<std::size_t>(page.interfaces.load(std::memory_order_acquire), kInterfacePlaces);
-    for (std::size_t i = 0; i < count; ++i) snapshot.interfaces.push_back(NameIn(page.names[i]));
+        std::min<std::size_t>(page.named.load(std::memory_order_acquire), kNamePlaces);
+    for (std::size_t i = 0; i < count; ++i) snapshot.names.push_back(NameIn(page.names[i]));
     snapshot.words.assign(kOffsets[kRowCount], 0);
     for (const auto& stripe : page.stripes) {
         for (std::size_t i = 0; i < snapshot.words.size(); ++i)

@@ -16,8 +16,8 @@ struct Snapshot {
     std::uint64_t process = 0;
     std::int64_t started = 0;  // seconds since 1970
     std::string version;
-    std::vector<std::string> interfaces;  // by place
-    std::vector<std::uint64_t> words;     // of all rows, summed over the stripes
+    std::vector<std::string> names;    // of interfaces or engines, by place
+    std::vector<std::uint64_t> words;  // of all rows, summed over the stripes
 
     // Of the row: the first of its places, each WordsOf long.
     const std::uint64_t* Of(Metric metric) const {
@@ -25,6 +25,8 @@ struct Snapshot {
     }
     // A gauge of a program that is gone is 0: nothing of it is left.
     std::int64_t Gauge(Metric metric, std::size_t place = 0) const;
+    // Whether there is nothing behind the name any more, and so nothing to be shown.
+    bool Gone(Metric metric, std::size_t place) const;
     std::size_t Places(Metric metric) const;
 };
 

@@ -28,8 +28,8 @@ enum class Kind { kCounter, kGauge, kHistogram };
 // The values of a row's label.
 enum class Labels {
     kNone,
-    kFixed,      // those that the row names
-    kInterfaces  // the names of the interfaces that there have been
+    kFixed,  // those that the row names
+    kNames   // those that the program has given places: of its interfaces, of its engines
 };
 
 using Texts = std::span<const char* const>;
@@ -53,12 +53,14 @@ struct Row {
         row.values = these;
         return row;
     }
-    constexpr Row ByInterface() const {
+    // A program has names of one sort alone.
+    constexpr Row ByName(const char* which) const {
         Row row = *this;
-        row.labels = Labels::kInterfaces;
-        row.label = "interface";
+        row.labels = Labels::kNames;
+        row.label = which;
         return row;
     }
+    constexpr Row ByInterface() const { return ByName("interface"); }
     constexpr Row Over(Bounds these, std::uint64_t counted = 1) const {
         Row row = *this;
         row.bounds = these;
@@ -68,13 +70,13 @@ struct Row {
     constexpr bool InMany() const { return (programs & (programs - 1)) != 0; }
 };
 
-// Interfaces have places in the order in which they are first heard of. Who comes when all are
+// Names have places in the order in which they are first heard of. Who comes when all are
 // taken is counted in the last one, which has this name.
-inline constexpr std::size_t kInterfacePlaces = 64;
-inline constexpr char kOtherInterfaces[] = "(others)";
+inline constexpr std::size_t kNamePlaces = 64;
+inline constexpr char kOtherNames[] = "(others)";
 
 constexpr std::size_t PlacesOf(const Row& row) {
-    if (row.labels == Labels::kInterfaces) return kInterfacePlaces;
+    if (row.labels == Labels::kNames) return kNamePlaces;
     return row.labels == Labels::kFixed ? row.values.size() : 1;
 }
 // A histogram has a word a bucket, the last for what is above all bounds, and its sum.

@@ -13,7 +13,7 @@
 
 struct NetworkInterface {
     std::string name;                         // below the interfaces' key
-    std::size_t place = 0;                    // where it is counted: metrics::InterfacePlace
+    std::size_t place = 0;                    // where it is counted: metrics::NamePlace
     std::string GreetingDomainName;           // the name in the proxy's own reply lines
     std::string IPAddress;                    // "::": all of both families; empty: all of IPv4
     int Port = 0;                             // host order

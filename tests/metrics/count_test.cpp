@@ -38,8 +38,8 @@ TEST_F(Counting, IsSeenAtOnceAndByItsPlace) {
 TEST_F(Counting, APlaceThatIsNoneIsNobodyElses) {
     Add<Metric::kReplies>(std::size(kReplyClasses));
     Add<Metric::kReplies>(~std::size_t{0});
-    Add<Metric::kSessions>(kInterfacePlaces);
-    Subtract<Metric::kSessionsActive>(kInterfacePlaces);
+    Add<Metric::kSessions>(kNamePlaces);
+    Subtract<Metric::kSessionsActive>(kNamePlaces);
     Set<Metric::kListeners>(1, 5);
     const Snapshot seen = Now();
     EXPECT_EQ(seen.words, std::vector<std::uint64_t>(seen.words.size(), 0));
@@ -96,21 +96,21 @@ TEST_F(Counting, ThreadsLoseNothing) {
 }
 
 TEST_F(Counting, InterfacesKeepTheirPlaces) {
-    EXPECT_EQ(InterfacePlace("net"), 0U);
-    EXPECT_EQ(InterfacePlace("inside"), 1U);
-    EXPECT_EQ(InterfacePlace("net"), 0U);
+    EXPECT_EQ(NamePlace("net"), 0U);
+    EXPECT_EQ(NamePlace("inside"), 1U);
+    EXPECT_EQ(NamePlace("net"), 0U);
     const std::string large(1000, 'x');
-    EXPECT_EQ(InterfacePlace(large), 2U);
-    EXPECT_EQ(InterfacePlace(large), 2U);
-    EXPECT_EQ(InterfacePlace("a\nb"), 3U);
-    EXPECT_EQ(Now().interfaces,
+    EXPECT_EQ(NamePlace(large), 2U);
+    EXPECT_EQ(NamePlace(large), 2U);
+    EXPECT_EQ(NamePlace("a\nb"), 3U);
+    EXPECT_EQ(Now().names,
               (std::vector<std::string>{"net", "inside", large.substr(0, kNameBytes - 1), "a?b"}));
-    for (std::size_t i = 4; i < kInterfacePlaces + 10; ++i)
-        EXPECT_EQ(InterfacePlace("n" + std::to_string(i)), std::min(i, kInterfacePlaces - 1));
-    EXPECT_EQ(InterfacePlace("inside"), 1U);
+    for (std::size_t i = 4; i < kNamePlaces + 10; ++i)
+        EXPECT_EQ(NamePlace("n" + std::to_string(i)), std::min(i, kNamePlaces - 1));
+    EXPECT_EQ(NamePlace("inside"), 1U);
     const Snapshot seen = Now();
-    ASSERT_EQ(seen.interfaces.size(), kInterfacePlaces);
-    EXPECT_EQ(seen.interfaces.back(), kOtherInterfaces);
+    ASSERT_EQ(seen.names.size(), kNamePlaces);
+    EXPECT_EQ(seen.names.back(), kOtherNames);
 }
 
 // Whoever looks at the old file sees what was, not the new process's numbers.

@@ -11,7 +11,7 @@ Snapshot Proxy() {
     snapshot.running = true;
     snapshot.started = 1700000000;
     snapshot.version = "1.2.3";
-    snapshot.interfaces = {"net"};
+    snapshot.names = {"net"};
     snapshot.words.assign(kOffsets[kRowCount], 0);
     return snapshot;
 }
@@ -60,7 +60,7 @@ TEST(Exposition, LabelsCannotEndTheirLine) {
     };
     for (const auto& each : cases) {
         Snapshot proxy = Proxy();
-        proxy.interfaces = {each.name};
+        proxy.names = {each.name};
         At(proxy, Metric::kSessions) = 4;
         EXPECT_TRUE(Has(Written({proxy}),
                         "vantrel_sessions_total{interface=\"" + std::string(each.shown) + "\"} 4"))

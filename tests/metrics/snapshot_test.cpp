@@ -70,15 +70,15 @@ TEST(Snapshot, TakesNoFileThatItDoesNotKnow) {
 TEST(Snapshot, BelievesNoCountOfNames) {
     ASSERT_TRUE(Open(Program::kProxy));
     std::string bytes = Bytes(g_instance.Path() + "/metrics/vtsmtpproxy");
-    PutNumber(bytes, offsetof(Page, interfaces), ~std::uint64_t{0});
+    PutNumber(bytes, offsetof(Page, named), ~std::uint64_t{0});
     std::memset(bytes.data() + offsetof(Page, names), 'n', sizeof(Page::names));
     std::memset(bytes.data() + offsetof(Header, program), 'v', kVersionBytes);
     const std::string path = g_instance.Path() + "/names";
     std::ofstream(path, std::ios::binary) << bytes;
     const auto read = ReadFile(Program::kProxy, path);
     ASSERT_TRUE(read);
-    ASSERT_EQ(read->interfaces.size(), kInterfacePlaces);
-    EXPECT_EQ(read->interfaces.back(), std::string(kNameBytes, 'n'));
+    ASSERT_EQ(read->names.size(), kNamePlaces);
+    EXPECT_EQ(read->names.back(), std::string(kNameBytes, 'n'));
     EXPECT_EQ(read->version, std::string(kVersionBytes, 'v'));
 }
 

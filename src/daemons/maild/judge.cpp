@@ -57,8 +57,8 @@ platform::File WithoutParts(int file, long long size, const std::vector<Encrypte
 
 class Judge {
   public:
-    Judge(Engine& engine, const Settings& settings)
-        : engine_(engine),
+    Judge(Engines& engines, const Settings& settings)
+        : engines_(engines),
           settings_(settings),
           end_(Clock::now() + std::chrono::seconds(settings.scanSeconds)) {}
 
@@ -75,14 +75,9 @@ class Judge {
   private:
     // The engine's word, but for a "clean" about what it may not have looked at to the end.
     ScanResult Believed(int file, long long size) {
-        std::shared_ptr<const EngineProof> proof;
-        ScanResult result = engine_.Scan(file, end_, proof);
-        if (result.outcome != ScanOutcome::kClean && result.outcome != ScanOutcome::kEncrypted)
-            return result;
-        if (proof->plainBytes < size || (!proof->tellsOfLimits && CouldUnpack(file)))
-            return {ScanOutcome::kTooBig,
-                    "the engine calls it clean, but not that it looked at all of it"};
-        return result;
+        return engines_.Scan(file, end_, [&](const EngineProof& proof) {
+            return proof.plainBytes >= size && (proof.tellsOfLimits || !CouldUnpack(file));
+        });
     }
     // The engine gives one finding for a message: "encrypted" may stand for an archive beyond its
     // limits beside it. So it looks again, without what is known to be encrypted.
@@ -99,7 +94,7 @@ class Judge {
         return result;
     }
 
-    Engine& engine_;
+    Engines& engines_;
     const Settings& settings_;
     const Clock::time_point end_;
     std::string encrypted_;
@@ -195,7 +190,7 @@ class PartsJudge {
 
 }  // namespace
 
-Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* path,
+Judgement JudgeMessage(Engines& engines, const Settings& settings, const char* path,
                        Transfer transfer, std::span<maild::PartSink* const> sinks) {
     Judgement judgement;
     const auto unasked = [&judgement](ScanOutcome outcome, const char* why) {
@@ -212,7 +207,7 @@ Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* pat
     if (info.st_size == 0) return unasked(ScanOutcome::kClean, "");
     Survey survey;
     if (!SurveyMessage(file.Descriptor(), survey)) return unasked(ScanOutcome::kFailed, kCantRead);
-    Judge judge(engine, settings);
+    Judge judge(engines, settings);
     judgement.scan = LookAtForms(judge, file.Descriptor(), info.st_size, survey, transfer);
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement;
     PartsJudge(judge, settings, judgement).Look(file.Descriptor(), survey, transfer, sinks);

@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-#include "daemons/maild/engine/engine.h"
+#include "daemons/maild/engine/engines.h"
 #include "daemons/maild/engine/outcome.h"
 #include "daemons/maild/forms/forms.h"
 #include "daemons/maild/settings.h"
@@ -26,5 +26,5 @@ struct Judgement {
 
 // Opens the file by its path, never through a link. Takes ScanTimeout for all forms and parts
 // together. The sinks see the parts of a message in which the engine has found nothing. Any thread.
-Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* path,
+Judgement JudgeMessage(Engines& engines, const Settings& settings, const char* path,
                        Transfer transfer, std::span<maild::PartSink* const> sinks = {});

@@ -87,14 +87,14 @@ bool MailDaemon::Start(int argc, char** argv) {
     TrelisSetValue(kLocalStore, kUnaskedLimit.Path().c_str(),
                    std::to_string(null_ ? 0 : kUsualMaxFileSize).c_str());
     if (null_) return true;
-    engine_.Start(settings_.Current());
+    engines_.Start(settings_.Current());
     following_ = true;
     if (!stats_.Start()) Log({.kind = kEventWarning, .text = "can't send statistics"});
     return true;
 }
 
 void MailDaemon::End() {
-    engine_.Stop();
+    engines_.Stop();
     stats_.Stop();
     LogClientUninit();
     settings_.End();
@@ -108,7 +108,7 @@ int MailDaemon::StopSeconds() const {
 // Under the lock of the settings: the engine hears of them in their order.
 std::shared_ptr<const Settings> MailDaemon::ReadSettings() {
     std::shared_ptr<const Settings> settings = LoadSettings();
-    if (following_) engine_.Follow(settings);
+    if (following_) engines_.Follow(settings);
     return settings;
 }
 
@@ -126,7 +126,7 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
     }
     const std::shared_ptr<const Settings> settings = settings_.Current();
     const Judgement judgement =
-        JudgeMessage(engine_, *settings, path.c_str(), TransferOf(request.root));
+        JudgeMessage(engines_, *settings, path.c_str(), TransferOf(request.root));
     const std::vector<maild::Finding> findings = maild::AntivirusFindings(*settings, judgement);
     const maild::Decision decision = maild::Decide(findings);
     if (decision.by != nullptr) LogDecision(request.root, path, *decision.by);

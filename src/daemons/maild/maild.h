@@ -23,7 +23,7 @@
 #include <memory>
 
 #include "daemons/frame/daemon.h"
-#include "daemons/maild/engine/engine.h"
+#include "daemons/maild/engine/engines.h"
 #include "daemons/maild/judge.h"
 #include "daemons/maild/settings.h"
 #include "daemons/maild/verdictstats.h"
@@ -50,7 +50,7 @@ class MailDaemon final : public Daemon {
     bool null_ = false;
     int threads_ = 1;
     VerdictStats stats_;
-    Engine engine_;
+    Engines engines_;
     std::atomic<bool> following_{false};  // the engine has started
     mutable trelis::Followed<Settings> settings_{trelis::kMailDaemonKey,
                                                  [this] { return ReadSettings(); }};

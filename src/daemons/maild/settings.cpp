@@ -19,6 +19,18 @@ WhenOdd ReadWhenOdd(const trelis::Key& key) {
     if (text == "pass") return WhenOdd::kPass;
     return text == "refuse" ? WhenOdd::kRefuse : WhenOdd::kPutOff;
 }
+std::vector<EngineSetting> ReadEngines() {
+    constexpr trelis::Key kEngine = Key("Engines/*");
+    std::vector<EngineSetting> engines;
+    trelis::NameWalk walk(kEngine);
+    for (std::string name; engines.size() < kMostEngines && walk.Next(name);) {
+        std::string address = trelis::ReadText(kEngine, {name});
+        // One that is taken away for a while by an empty value is none.
+        if (!address.empty()) engines.push_back({name, std::move(address)});
+    }
+    if (engines.empty()) engines.push_back({"clamd", ""});
+    return engines;
+}
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 }  // namespace
@@ -26,6 +38,7 @@ bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 std::shared_ptr<const Settings> LoadSettings() {
     auto settings = std::make_shared<Settings>();
     const std::string ownConf = platform::HomePath("clamd/clamd.conf");
+    settings->engines = ReadEngines();
     settings->clamdSocket = trelis::ReadText(Key("ClamdSocket"));
     settings->clamdConf = trelis::ReadText(Key("ClamdConf"));
     if (settings->clamdConf.empty())

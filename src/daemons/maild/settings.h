@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 // What is taken where MaxFileSize says nothing, in bytes.
 inline constexpr long long kUsualMaxFileSize = 25LL << 20;
@@ -14,10 +15,20 @@ enum class WhenEncrypted { kPass, kRefuse, kPutOff };
 // different ways.
 enum class WhenOdd { kPass, kRefuse, kPutOff };
 
+// An engine that the configuration names.
+struct EngineSetting {
+    std::string name;
+    std::string address;  // as ServiceAddress reads it; empty: where it is found at each connect
+    bool operator==(const EngineSetting&) const = default;
+};
+// More are not asked.
+inline constexpr std::size_t kMostEngines = 16;
+
 // One set of settings; a scan keeps the one that it began with.
 struct Settings {
-    std::string clamdSocket;  // empty: where it is found at each connect
-    std::string clamdConf;    // named in advice only
+    std::vector<EngineSetting> engines{{"clamd", ""}};  // never none
+    std::string clamdSocket;                            // of an engine without an address
+    std::string clamdConf;                              // named in advice only
     int connectSeconds = 5;
     int scanSeconds = 120;      // for one message, all its forms together
     long long maxFileSize = 0;  // bytes, at most 2 GB

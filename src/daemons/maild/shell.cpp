@@ -36,8 +36,8 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
     }
 }
 
-Exit TestFile(Engine& engine, const Settings& settings, const char* path, Transfer transfer) {
-    const Judgement judgement = JudgeMessage(engine, settings, path, transfer);
+Exit TestFile(Engines& engines, const Settings& settings, const char* path, Transfer transfer) {
+    const Judgement judgement = JudgeMessage(engines, settings, path, transfer);
     const std::vector<maild::Finding> findings = maild::AntivirusFindings(settings, judgement);
     Print(path, findings);
     switch (judgement.scan.outcome) {
@@ -71,10 +71,10 @@ int TestFiles(std::span<char* const> words) {
     int code = kPasses;
     {
         const std::shared_ptr<const Settings> settings = LoadSettings();
-        Engine engine;
-        engine.Start(settings);
+        Engines engines;
+        engines.Start(settings);
         for (const char* path : words)
-            code = std::max<int>(code, TestFile(engine, *settings, path, transfer));
+            code = std::max<int>(code, TestFile(engines, *settings, path, transfer));
     }
     TrelisUninit();
     return code;

@@ -50,9 +50,10 @@ View LookAtAll() {
     // It is there, but not as far as to serve its owner.
     if (view.proxy == Asked::kNobody && proxy.running) view.proxy = Asked::kSilent;
     const auto daemon = instance ? metrics::Read(Program::kMailDaemon) : std::nullopt;
-    for (std::size_t i = 0; daemon && i < daemon->Places(Metric::kEngineUp); ++i)
-        view.engines.push_back(
-            {metrics::RowOf(Metric::kEngineUp).values[i], daemon->Gauge(Metric::kEngineUp, i) > 0});
+    for (std::size_t i = 0; daemon && i < daemon->Places(Metric::kEngineUp); ++i) {
+        if (!daemon->Gone(Metric::kEngineUp, i))
+            view.engines.push_back({daemon->names[i], daemon->Gauge(Metric::kEngineUp, i) > 0});
+    }
     return view;
 }
 

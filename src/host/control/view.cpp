@@ -94,7 +94,8 @@ std::string Text(const View& view) {
         }
     }
     for (const EngineView& each : view.engines)
-        text += Padded("engine", 12) + ' ' + each.name + (each.up ? " is up\n" : " is down\n");
+        text += Padded("engine", 12) + ' ' + CleanText(each.name) +
+                (each.up ? " is up\n" : " is down\n");
     if (view.proxy == Asked::kSilent) return text + "the proxy does not answer\n";
     return view.proxy == Asked::kAnswered ? text + Sessions(view.state) : text;
 }

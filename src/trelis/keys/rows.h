@@ -153,6 +153,9 @@ inline constexpr KeyRow kHarvestingRows[] = {
 };
 
 inline constexpr KeyRow kMailDaemonRows[] = {
+    Text("Engines/*", "",
+         "the value is where an engine (clamd) of this name listens: `unix:PATH`, `HOST:PORT` or "
+         "`[IPv6]:PORT`, up to 16 of them; without any it is `ClamdSocket`"),
     Text("ClamdSocket", "", "clamd's Unix socket")
         .Shown("`clamd/clamd.sock` of the instance if there, else `/run/clamav/clamd.ctl`")
         .Registers(""),

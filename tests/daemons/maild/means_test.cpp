@@ -4,7 +4,7 @@
 #include <chrono>
 #include <memory>
 
-#include "daemons/maild/engine/engine.h"
+#include "daemons/maild/engine/engines.h"
 #include "platform/file.h"
 #include "support/instance.h"
 #include "support/no_descriptors.h"
@@ -18,16 +18,19 @@ TEST(Means, NoDescriptorIsNoWordAboutTheEngine) {
     settings->clamdSocket = g_instance.Path() + "/nothing";
     settings->maxFileSize = 1000;
     const platform::File file = platform::File::OpenRead("/proc/self/exe");
-    Engine engine;
-    std::shared_ptr<const EngineProof> proof;
+    Engines engines;
+    const auto scan = [&] {
+        return engines
+            .Scan(file.Descriptor(), Connection::Clock::now() + 10s,
+                  [](const EngineProof&) { return true; })
+            .outcome;
+    };
     {
         const NoDescriptors none;
-        engine.Start(settings);
-        EXPECT_EQ(engine.Scan(file.Descriptor(), Connection::Clock::now() + 10s, proof).outcome,
-                  ScanOutcome::kNoMeans);
+        engines.Start(settings);
+        EXPECT_EQ(scan(), ScanOutcome::kNoMeans);
     }
-    EXPECT_EQ(engine.Scan(file.Descriptor(), Connection::Clock::now() + 10s, proof).outcome,
-              ScanOutcome::kDown);
+    EXPECT_EQ(scan(), ScanOutcome::kDown);
 }
 
 }  // namespace

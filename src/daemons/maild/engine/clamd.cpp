@@ -6,32 +6,14 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <string_view>
+#include <string>
+
+#include "daemons/maild/engine/answer.h"
 
 namespace {
 
 using Clock = Connection::Clock;
 constexpr std::size_t kStreamBlock = 65536;
-constexpr std::string_view kFound = " FOUND";
-// The names of the engine's own findings that are no viruses.
-constexpr std::string_view kOverLimit = "Heuristics.Limits.Exceeded";
-constexpr std::string_view kEncrypted = "Heuristics.Encrypted.";
-
-ScanResult Judge(const std::string& reply) {
-    if (reply.ends_with(": OK")) return {ScanOutcome::kClean, ""};
-    if (reply.ends_with(kFound)) {
-        const std::size_t start = reply.find(": ");
-        std::string name = reply.substr(start == std::string::npos ? 0 : start + 2);
-        name.resize(name.size() - std::min(kFound.size(), name.size()));
-        if (name.starts_with(kOverLimit)) return {ScanOutcome::kTooBig, name};
-        if (name.starts_with(kEncrypted)) return {ScanOutcome::kEncrypted, name};
-        return {ScanOutcome::kInfected, name};
-    }
-    if (reply.find("size limit exceeded") != std::string::npos)
-        return {ScanOutcome::kTooBig, reply};
-    return {ScanOutcome::kFailed, reply};
-}
-
 ScanResult Lost(const Connection& connection) {
     return {connection.TimedOut() ? ScanOutcome::kTimedOut : ScanOutcome::kDown, "no reply"};
 }
@@ -49,8 +31,7 @@ ClamdAnswer NotOpened(ScanOutcome outcome) {
 ClamdAnswer ScanAsStream(const EngineId& engine, int file, Clock::time_point end) {
     Connection connection;
     connection.SetEnd(ConnectEnd(engine, end), engine.cancel);
-    if (const ScanOutcome outcome = connection.Open(engine.socketPath);
-        outcome != ScanOutcome::kClean)
+    if (const ScanOutcome outcome = connection.Open(engine.targets); outcome != ScanOutcome::kClean)
         return NotOpened(outcome);
     if (!engine.isSame(connection)) return {{}, true};
     connection.SetEnd(end, engine.cancel);
@@ -68,7 +49,11 @@ ClamdAnswer ScanAsStream(const EngineId& engine, int file, Clock::time_point end
     }
     // Over its limit it answers and hangs up in the middle of the stream: its reply tells.
     std::string reply;
-    return {connection.Receive(reply) ? Judge(reply) : Lost(connection)};
+    if (!connection.Receive(reply)) return {Lost(connection)};
+    // Of a process on another host nothing tells for sure whether it was the one that has shown
+    // what it does; the end of its sentry comes at the latest with what it has answered.
+    if (!engine.IsLocal() && !engine.isSame(connection)) return {{}, true};
+    return {ReadAnswer(reply)};
 }
 
 // A session that a thread keeps open from one scan to the next: a connection for each would cost
@@ -84,7 +69,7 @@ class Session {
     ScanOutcome Open(const EngineId& engine, Clock::time_point end) {
         connection_.Close();
         connection_.SetEnd(ConnectEnd(engine, end), engine.cancel);
-        const ScanOutcome outcome = connection_.Open(engine.socketPath);
+        const ScanOutcome outcome = connection_.Open(engine.targets);
         if (outcome != ScanOutcome::kClean) return outcome;
         static constexpr char kCommand[] = "zIDSESSION";
         generation_ = engine.generation;
@@ -107,6 +92,7 @@ class Session {
         return true;
     }
     void Close() { connection_.Close(); }
+    Clock::time_point LastUse() const { return lastUse_; }
     const Connection& GetConnection() const { return connection_; }
 
   private:
@@ -119,13 +105,25 @@ class Session {
     Clock::time_point lastUse_;
 };
 
+// The calling thread's session with the engine, or the one that it has not used for the longest.
+Session& SessionFor(const EngineId& engine) {
+    constexpr std::size_t kMost = 4;  // engines that a thread stays in touch with
+    thread_local std::array<Session, kMost> sessions;
+    const auto found = std::find_if(sessions.begin(), sessions.end(),
+                                    [&](const Session& each) { return each.Usable(engine); });
+    if (found != sessions.end()) return *found;
+    return *std::min_element(
+        sessions.begin(), sessions.end(),
+        [](const Session& a, const Session& b) { return a.LastUse() < b.LastUse(); });
+}
+
 ClamdAnswer ScanAsDescriptor(const EngineId& engine, int file, Clock::time_point end) {
-    thread_local Session session;
+    Session& session = SessionFor(engine);
     std::string reply;
     // One that was kept may have been ended by the engine meanwhile, as when it was started anew;
     // but one that takes too long to answer is not asked again.
     if (session.Usable(engine)) {
-        if (session.Scan(engine, file, end, reply)) return {Judge(reply)};
+        if (session.Scan(engine, file, end, reply)) return {ReadAnswer(reply)};
         if (session.GetConnection().TimedOut()) return {Lost(session.GetConnection())};
     }
     if (const ScanOutcome outcome = session.Open(engine, end); outcome != ScanOutcome::kClean)
@@ -134,12 +132,14 @@ ClamdAnswer ScanAsDescriptor(const EngineId& engine, int file, Clock::time_point
         session.Close();
         return {{}, true};
     }
-    return {session.Scan(engine, file, end, reply) ? Judge(reply) : Lost(session.GetConnection())};
+    return {session.Scan(engine, file, end, reply) ? ReadAnswer(reply)
+                                                   : Lost(session.GetConnection())};
 }
 
 }  // namespace
 
 ClamdAnswer ScanWithClamd(const EngineId& engine, int file, Clock::time_point end) {
+    if (!engine.IsLocal()) return ScanAsStream(engine, file, end);
     ClamdAnswer answer = ScanAsDescriptor(engine, file, end);
     // A build without descriptor passing, or one that may not read it: the bytes are streamed
     // instead.

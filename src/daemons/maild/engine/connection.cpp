@@ -1,8 +1,9 @@
 #include "daemons/maild/engine/connection.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@ namespace {
 
 constexpr std::size_t kMaxReply = 4096;
 constexpr std::chrono::milliseconds kLookAtFlag{200};
+constexpr unsigned kGoneAfterMs = 5000;
 
 }  // namespace
 
@@ -23,22 +25,48 @@ void Connection::SetEnd(Clock::time_point end, const std::atomic<bool>* cancel) 
     timedOut_ = false;
 }
 
-ScanOutcome Connection::Open(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) return ScanOutcome::kDown;
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    socket_.Reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    while (socket_) {
-        if (connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
-            0)
+ScanOutcome Connection::Open(std::span<const SocketTarget> targets) {
+    ScanOutcome outcome = ScanOutcome::kDown;
+    const Clock::time_point end = end_;
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        const auto left = static_cast<int>(targets.size() - i);
+        const Clock::time_point now = Clock::now();
+        outcome = OpenOne(targets[i], now + (end - now) / left);
+        end_ = end;
+        reached_ = i;
+        if (outcome == ScanOutcome::kClean || outcome == ScanOutcome::kNoMeans) break;
+        socket_.Reset();
+    }
+    return outcome;
+}
+
+ScanOutcome Connection::OpenOne(const SocketTarget& target, Clock::time_point end) {
+    end_ = end;
+    const int family = target.address.ss_family;
+    socket_.Reset(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket_) return errno == EAFNOSUPPORT ? ScanOutcome::kDown : ScanOutcome::kNoMeans;
+    if (!target.IsLocal()) {
+        const int on = 1;
+        setsockopt(socket_.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
+    for (;;) {
+        if (connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&target.address),
+                    target.length) == 0)
             return ScanOutcome::kClean;
-        if (errno != EAGAIN && errno != EINTR) return ScanOutcome::kDown;
+        if (errno == EINPROGRESS || (errno == EINTR && !target.IsLocal())) break;
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) return ScanOutcome::kDown;
         // Its queue is full: it is alive, and there may be room in a moment.
         if (Clock::now() >= end_) return ScanOutcome::kBusy;
         usleep(10000);
     }
-    return ScanOutcome::kNoMeans;
+    errno = EAGAIN;
+    if (!Again(platform::Want::kWrite)) return ScanOutcome::kDown;
+    int error = 0;
+    socklen_t length = sizeof error;
+    return getsockopt(socket_.Get(), SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0
+               ? ScanOutcome::kClean
+               : ScanOutcome::kDown;
 }
 
 bool Connection::Send(const void* data, std::size_t length) {
@@ -78,17 +106,24 @@ bool Connection::SendFile(const char* command, std::size_t length, int file) {
 bool Connection::Receive(std::string& reply) {
     reply.clear();
     for (std::array<char, 512> buffer; reply.size() < kMaxReply;) {
-        const ssize_t count = recv(socket_.Get(), buffer.data(), buffer.size(), 0);
-        if (count < 0) {
-            if (!Again(platform::Want::kRead)) return false;
-            continue;
-        }
-        if (count == 0) break;
+        const ssize_t count = ReceiveSome(buffer.data(), buffer.size());
+        if (count <= 0) return false;
         reply.append(buffer.data(), static_cast<std::size_t>(count));
-        if (reply.back() == '\0') break;
+        const std::size_t zero = reply.find('\0');
+        if (zero == std::string::npos) continue;
+        if (zero + 1 != reply.size()) return false;
+        reply.pop_back();
+        if (reply.ends_with('\n')) reply.pop_back();
+        return !reply.empty();
     }
-    while (!reply.empty() && (reply.back() == '\0' || reply.back() == '\n')) reply.pop_back();
-    return !reply.empty();
+    return false;
+}
+
+ssize_t Connection::ReceiveSome(char* data, std::size_t size) {
+    for (;;) {
+        const ssize_t count = recv(socket_.Get(), data, size, 0);
+        if (count >= 0 || !Again(platform::Want::kRead)) return count;
+    }
 }
 
 // After a failed call: waits if it only would have blocked.
@@ -103,6 +138,12 @@ bool Connection::Again(platform::Want want) {
         const int ready = platform::WaitForDescriptor(socket_.Get(), want, until);
         if (ready != 0) return ready > 0;
     }
+}
+
+void Connection::NoticeLoss() {
+    // Small things are taken by the other system itself, however busy the process is.
+    const unsigned gone = kGoneAfterMs;
+    setsockopt(socket_.Get(), IPPROTO_TCP, TCP_USER_TIMEOUT, &gone, sizeof gone);
 }
 
 bool Connection::HungUp() const {

@@ -1,6 +1,7 @@
 #include "daemons/maild/engine/engine.h"
 
 #include <limits>
+#include <optional>
 
 #include "daemons/maild/engine/probes.h"
 #include "daemons/maild/log.h"
@@ -14,12 +15,20 @@ constexpr std::chrono::seconds kLook{2};
 constexpr std::chrono::seconds kRetry{5};
 // Until an engine that has not shown all is probed again.
 constexpr std::chrono::seconds kSecondLook{30};
+// Long enough for others to do its work, short enough to notice that it does it again.
+constexpr std::chrono::seconds kAvoided{10};
 // For one probe: a slow machine unpacks some hundred megabytes in that.
 constexpr std::chrono::seconds kProbeTime{60};
 // Smaller messages than this are not told apart.
 constexpr long long kSmallestPlain = 4096;
 constexpr char kCantProbe[] = "can't make a probe: no descriptor or memory for it";
 constexpr long long kNoLimit = std::numeric_limits<long long>::max();
+
+// Of all engines together.
+std::uint64_t NextGeneration() {
+    static std::atomic<std::uint64_t> generation{0};
+    return ++generation;
+}
 
 ScanOutcome ScanProbe(const EngineId& engine, const platform::File& probe) {
     if (!probe) return ScanOutcome::kNoMeans;
@@ -31,11 +40,14 @@ ScanOutcome ScanProbe(const EngineId& engine, const platform::File& probe) {
 
 void Engine::Start(std::shared_ptr<const Settings> settings) {
     settings_ = std::move(settings);
-    thread_ = std::thread([this] { Work(); });
+    metrics::Set<metrics::Metric::kEngineUp>(place_, 0);
+    thread_ = std::thread([this] {
+        Work();
+        ended_ = true;
+    });
 }
 
-void Engine::Stop() {
-    if (!thread_.joinable()) return;
+void Engine::End() {
     {
         const std::lock_guard lock(mutex_);
         stopping_ = true;
@@ -43,13 +55,19 @@ void Engine::Stop() {
     cancel_ = true;
     wake_.notify_all();
     done_.notify_all();
+}
+
+void Engine::Stop() {
+    if (!thread_.joinable()) return;
+    End();
     thread_.join();
 }
 
 void Engine::Follow(std::shared_ptr<const Settings> settings) {
     const std::lock_guard lock(mutex_);
-    const bool other = settings->clamdSocket != settings_->clamdSocket ||
-                       settings->maxFileSize != settings_->maxFileSize;
+    const bool other =
+        (setting_.address.empty() && settings->clamdSocket != settings_->clamdSocket) ||
+        settings->maxFileSize != settings_->maxFileSize;
     settings_ = std::move(settings);
     if (!other) return;
     SetProof(nullptr);
@@ -57,35 +75,47 @@ void Engine::Follow(std::shared_ptr<const Settings> settings) {
     wake_.notify_all();
 }
 
-ScanResult Engine::Scan(int file, Clock::time_point end,
-                        std::shared_ptr<const EngineProof>& proof) {
+Engine::Ticket Engine::Want() {
+    const std::lock_guard lock(mutex_);
+    if (proof_ == nullptr) {
+        wanted_ = true;
+        wake_.notify_all();
+    }
+    // The attempt that runs now may have missed what has changed since.
+    return attempts_ + (begun_ > attempts_ ? 2 : 1);
+}
+
+ScanResult Engine::Scan(int file, Clock::time_point end, std::shared_ptr<const EngineProof>& proof,
+                        Ticket ticket) {
     ScanResult why;
     // A process that ends under our hands is followed by another one at most a few times in the
     // life of a scan.
-    while ((proof = Await(end, why)) != nullptr) {
+    while ((proof = ProofBy(ticket, end, why)) != nullptr) {
         if (!proof->findsPattern)
             return {ScanOutcome::kDown, "the engine does not find the test pattern"};
+        ++outstanding_;
         const ClamdAnswer answer = ScanWithClamd(proof->id, file, end);
+        --outstanding_;
         if (!answer.otherEngine) return answer.result;
+        ticket = Want();
     }
     return why;
 }
 
-// The proof of the engine that is there. Null with the reason: an attempt that was begun after this
-// call has failed, or the time is over.
-std::shared_ptr<const EngineProof> Engine::Await(Clock::time_point end, ScanResult& why) {
+// The proof of the engine that is there. Null with the reason: the ticket's attempt has failed, or
+// the time is over.
+std::shared_ptr<const EngineProof> Engine::ProofBy(Ticket ticket, Clock::time_point end,
+                                                   ScanResult& why) {
     std::unique_lock lock(mutex_);
-    // The attempt that runs now may have missed what has changed since.
-    const std::uint64_t enough = attempts_ + (generation_ > attempts_ ? 2 : 1);
     while (proof_ == nullptr && !stopping_) {
-        if (attempts_ >= enough) {
+        if (attempts_ >= ticket) {
             why = failure_;
             return nullptr;
         }
         wanted_ = true;
         wake_.notify_all();
         if (done_.wait_until(lock, end) == std::cv_status::timeout) {
-            why = {ScanOutcome::kTimedOut, "the engine has not proven itself yet"};
+            why = {ScanOutcome::kUnproven, "the engine has not proven itself yet"};
             return nullptr;
         }
     }
@@ -93,10 +123,46 @@ std::shared_ptr<const EngineProof> Engine::Await(Clock::time_point end, ScanResu
     return proof_;
 }
 
+bool Engine::Await(Ticket ticket, Clock::time_point end) {
+    std::unique_lock lock(mutex_);
+    return done_.wait_until(lock, end,
+                            [&] { return proof_ != nullptr || stopping_ || attempts_ >= ticket; });
+}
+
+bool Engine::IsUp() const {
+    const std::lock_guard lock(mutex_);
+    return proof_ != nullptr && proof_->findsPattern;
+}
+
+void Engine::Avoid() { avoidUntil_ = (Clock::now() + kAvoided).time_since_epoch().count(); }
+
+bool Engine::IsAvoided() const { return Clock::now().time_since_epoch().count() < avoidUntil_; }
+
+std::string Engine::Where(const Settings& settings) const {
+    return setting_.address.empty() ? FindClamdSocket(settings.clamdSocket) : setting_.address;
+}
+
+EngineState Engine::State() const {
+    const std::lock_guard lock(mutex_);
+    EngineState state{setting_.name, settings_ == nullptr ? setting_.address : Where(*settings_),
+                      "being probed", "", outstanding_};
+    if (proof_ != nullptr) {
+        state.version = signatures_.Version();
+        const bool whole = proof_->tellsOfLimits && proof_->plainBytes == kNoLimit;
+        state.state = !proof_->findsPattern ? "finds nothing"
+                      : whole               ? "up"
+                                            : "up, not believed about all";
+    } else if (attempts_ > 0 && begun_ == attempts_ && !failure_.text.empty()) {
+        state.state = "down: " + failure_.text;
+    }
+    return state;
+}
+
 // Holds the lock.
 void Engine::SetProof(std::shared_ptr<const EngineProof> proof) {
     proof_ = std::move(proof);
-    metrics::Set<metrics::Metric::kEngineUp>(metrics::EngineName::kClamd,
+    if (stopping_) return;  // the place may be another one's by now
+    metrics::Set<metrics::Metric::kEngineUp>(place_,
                                              proof_ != nullptr && proof_->findsPattern ? 1 : 0);
 }
 
@@ -104,7 +170,7 @@ bool Engine::IsSame(std::uint64_t generation, const Connection& connection) {
     const std::lock_guard lock(mutex_);
     const bool current = proof_ != nullptr && proof_->id.generation == generation;
     // While it is being probed there is only the new process to meet.
-    if (!current) return generation_ == generation && generation_ > attempts_;
+    if (!current) return generation_ == generation && begun_ > attempts_;
     if (!sentry_->HungUp() && sentry_->Peer() == connection.Peer()) return true;
     SetProof(nullptr);
     return false;
@@ -152,19 +218,30 @@ void Engine::Attempt() {
     {
         const std::lock_guard lock(mutex_);
         settings = settings_;
-        proof->id.generation = ++generation_;
+        proof->id.generation = generation_ = NextGeneration();
+        ++begun_;
         wanted_ = false;
     }
-    proof->id.socketPath = FindClamdSocket(settings->clamdSocket);
+    const std::string where = Where(*settings);
+    // What is found by itself is a path.
+    const std::optional<ServiceAddress> address =
+        setting_.address.empty() ? ServiceAddress::OfPath(where) : ServiceAddress::Parse(where);
+    if (address) proof->id.targets = FindTargets(*address);
     proof->id.connectSeconds = settings->connectSeconds;
     proof->id.cancel = &cancel_;
     proof->id.isSame = [this, generation = proof->id.generation](const Connection& connection) {
         return IsSame(generation, connection);
     };
     auto sentry = std::make_unique<Connection>();
-    sentry->SetEnd(Clock::now() + std::chrono::seconds(settings->connectSeconds));
-    ScanResult result{sentry->Open(proof->id.socketPath), "can't connect"};
+    sentry->SetEnd(Clock::now() + std::chrono::seconds(settings->connectSeconds), &cancel_);
+    ScanResult result{sentry->Open(proof->id.targets), "can't connect"};
+    if (!address) result.text = "this is no address";
     if (result.outcome == ScanOutcome::kNoMeans) result.text = "no descriptor for a connection";
+    if (result.outcome == ScanOutcome::kClean) {
+        // Of all that a name stands for, it is this one that has to prove itself.
+        proof->id.targets = {proof->id.targets[sentry->Reached()]};
+        sentry->NoticeLoss();
+    }
     static constexpr char kCommand[] = "zIDSESSION";
     // Its signatures as they are before it is probed.
     if (result.outcome == ScanOutcome::kClean &&
@@ -190,9 +267,9 @@ void Engine::Attempt() {
     done_.notify_all();
     if (cancel_) return;
     if (proven) {
-        Report(*proof, *settings);
+        Report(*proof, *settings, where);
     } else {
-        Tell("clamd at " + proof->id.socketPath + ": " + result.text, false);
+        Tell(setting_.name + " at " + where + ": " + result.text, false);
     }
 }
 
@@ -256,14 +333,16 @@ ScanOutcome Engine::ProvePlain(EngineProof& proof, long long size) {
     return ScanOutcome::kClean;
 }
 
-void Engine::Report(const EngineProof& proof, const Settings& settings) {
-    const std::string where = "clamd at " + proof.id.socketPath;
+void Engine::Report(const EngineProof& proof, const Settings& settings,
+                    const std::string& address) {
+    const std::string where = setting_.name + " at " + address;
     if (!proof.findsPattern)
         return Tell(where + " does not find the test pattern: its signatures are missing", false);
     if (proof.tellsOfLimits && proof.plainBytes == kNoLimit)
         return Tell(where + " finds the test pattern and tells of its limits", true);
     Tell("mail could pass unscanned: " + where + " called clean a " + proof.silentAt +
-             "; messages like it are not believed to be clean. In " + settings.clamdConf +
+             "; messages like it are not believed to be clean. In " +
+             (proof.id.IsLocal() ? settings.clamdConf : std::string("its clamd.conf")) +
              ": AlertExceedsMax yes, MaxFileSize above " + std::to_string(settings.maxFileSize) +
              ", MaxScanSize not above MaxFileSize",
          false);

@@ -10,8 +10,9 @@ enum class ScanOutcome {
     kDown,
     kBusy,
     kTimedOut,
-    kTooBig,   // beyond a limit: ours, or one of the engine's
-    kNoMeans,  // this process has no descriptor or memory left to ask the engine with
+    kUnproven,  // it was not known in time whether it is there
+    kTooBig,    // beyond a limit: ours, or one of the engine's
+    kNoMeans,   // this process has no descriptor or memory left to ask the engine with
     kFailed
 };
 

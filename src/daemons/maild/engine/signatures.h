@@ -17,6 +17,8 @@ class SignatureWatch {
     static constexpr char kQuestions[] = "zVERSION\0zSTATS";
     // Bytes of the answers, cut anywhere. True if they tell of other signatures than before.
     bool Take(std::string_view bytes);
+    // "ClamAV 1.4.3/27650/Fri ...", empty until it is known.
+    const std::string& Version() const { return version_; }
 
   private:
     bool TakeAnswer(std::string_view answer);

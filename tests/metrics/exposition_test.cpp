@@ -84,6 +84,22 @@ TEST(Exposition, ADeadProgramHasTotalsAndNoStart) {
 }
 
 // A family stands together, however many programs have it, and large numbers stay whole.
+// An engine that the configuration doesn't name any more.
+TEST(Exposition, WhatIsGoneIsNotShown) {
+    Snapshot daemon = Proxy();
+    daemon.program = Program::kMailDaemon;
+    daemon.names = {"gone", "down", "up"};
+    At(daemon, Metric::kEngineUp, 0) = kGone;
+    At(daemon, Metric::kEngineUp, 2) = 1;
+    const std::string text = Written({daemon});
+    EXPECT_EQ(text.find("\"gone\""), std::string::npos);
+    EXPECT_TRUE(Has(text, "vantrel_engine_up{engine=\"down\"} 0"));
+    EXPECT_TRUE(Has(text, "vantrel_engine_up{engine=\"up\"} 1"));
+    EXPECT_TRUE(daemon.Gone(Metric::kEngineUp, 0));
+    EXPECT_FALSE(daemon.Gone(Metric::kEngineUp, kNamePlaces));
+    EXPECT_EQ(daemon.Gauge(Metric::kEngineUp, 0), 0);
+}
+
 TEST(Exposition, AFamilyStandsOnce) {
     Snapshot proxy = Proxy();
     Snapshot daemon = Proxy();

@@ -117,9 +117,16 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
     OwnedMessage request;
     if (request.Parse(data, length) != TAGMSG_OK) return;
     const std::string path = Text(request.root, TagPath);
-    if (path.empty()) return;
+    const bool ofEngines = path.empty() && Text(request.root, TagSection) == kEnginesSection;
+    if (path.empty() && !ofEngines) return;
     OwnedMessage answer;
     if (TagMsgCreate(&answer.root) != TAGMSG_OK) return;
+    if (ofEngines) {
+        (void)settings_.Current();  // what has changed counts for this as for a scan
+        if (BuildStates(answer.root, engines_.States()))
+            TagMsgSerialize(answer.root, reply, replyLength);
+        return;
+    }
     if (null_) {
         if (BuildForward(answer.root)) TagMsgSerialize(answer.root, reply, replyLength);
         return;

@@ -12,6 +12,7 @@ constexpr ServiceWords kWords{
     "Scans messages for vtsmtpproxy, with clamd.\n"
     "Settings: `vtregistry show maild`; manual: vtmaild(8)\n",
     "  test FILE...          scan files, and say what would become of them\n"
+    "  status [--json]       the engines, and what is known of them\n"
     "  debug --null          call every message clean, to measure\n"};
 
 }  // namespace
@@ -19,6 +20,8 @@ constexpr ServiceWords kWords{
 int main(int argc, char** argv) {
     if (argc > 1 && std::strcmp(argv[1], "test") == 0)
         return TestFiles(std::span(argv, static_cast<std::size_t>(argc)).subspan(2));
+    if (argc > 1 && std::strcmp(argv[1], "status") == 0)
+        return ShowStatus(std::span(argv, static_cast<std::size_t>(argc)).subspan(2));
     if (const std::optional<int> code = AnswerServiceWords(kWords, argc, argv)) return *code;
     MailDaemon daemon;
     return RunDaemon(daemon, argc, argv);

@@ -1,8 +1,10 @@
-// Inside maild/: the answers to the proxy, as its scan client reads them.
+// Inside maild/: the answers to the proxy, as its scan client reads them, and to `vtmaild status`.
 #pragma once
 
 #include <span>
+#include <vector>
 
+#include "daemons/maild/engine/state.h"
 #include "daemons/maild/verdict/finding.h"
 #include "tagmsg/tagmsg.h"
 
@@ -13,3 +15,8 @@ bool BuildAnswer(TagMsgNode* root, std::span<const maild::Finding> findings,
                  const maild::Decision& decision);
 // The message may go on, nothing else is said.
 bool BuildForward(TagMsgNode* root);
+
+// A request without a path, and with this section, asks for the engines.
+inline constexpr char kEnginesSection[] = "engines";
+bool BuildStates(TagMsgNode* root, const std::vector<EngineState>& states);
+std::vector<EngineState> ReadStates(TagMsgNode* root);

@@ -7,8 +7,14 @@
 #include <vector>
 
 #include "daemons/maild/judge.h"
+#include "daemons/maild/reply.h"
 #include "daemons/maild/verdict/antivirus.h"
+#include "lipc/lipc.h"
+#include "platform/home.h"
+#include "tagmsg/owned.h"
+#include "tagmsg/tags.h"
 #include "text/printable.h"
+#include "text/usage.h"
 #include "trelis/trelis.h"
 
 namespace {
@@ -17,6 +23,12 @@ constexpr char kUsage[] =
     "usage: vtmaild test [--chunks] FILE...\n"
     "Scans messages by the instance's settings. --chunks: as they are, not as DATA sends them.\n"
     "Exit 0: all pass; 1: something was found; 3: a file can't be read, or not be scanned.\n";
+
+constexpr char kStatusHelp[] =
+    "usage: vtmaild status [--json]\n"
+    "Shows the engines: where each is, its state, the scans that it has in hand, its version.\n"
+    "The exit code: 0 if the daemon answers, 1 if not.\n";
+constexpr std::int32_t kAnswerMs = 10000;
 
 enum Exit { kPasses = 0, kFound = 1, kWrongWords = 2, kCant = 3 };
 
@@ -51,7 +63,69 @@ Exit TestFile(Engines& engines, const Settings& settings, const char* path, Tran
     }
 }
 
+// What the daemon that runs says of its engines. False: nobody answers.
+bool AskForStates(std::vector<EngineState>& states) {
+    const TagMsgField fields[] = {{TagSection, kEnginesSection}};
+    OwnedFlatForm request;
+    LIPCEndpoint* endpoint = nullptr;
+    if (TagMsgFlatten(fields, request) != TAGMSG_OK ||
+        LIPCOpenClient(&endpoint, "vtmaild") != LIPC_OK)
+        return false;
+    LIPCConnection* connection = nullptr;
+    const void* reply = nullptr;
+    std::uint32_t length = 0;
+    std::uint64_t turn = 0;
+    // All its threads may be busy with scans.
+    const int status = LIPCRequestInTurn(endpoint, &connection, request.data, request.length,
+                                         &reply, &length, kAnswerMs, &turn);
+    OwnedMessage answer;
+    const bool answered = status == LIPC_OK && reply != nullptr &&
+                          answer.Parse(reply, length) == TAGMSG_OK;
+    if (answered) states = ReadStates(answer.root);
+    if (connection != nullptr && (status == LIPC_OK || status == LIPC_TIMED_OUT))
+        LIPCRelease(endpoint, connection);
+    LIPCClose(endpoint);
+    return answered;
+}
+
+void PrintStates(const std::vector<EngineState>& states) {
+    for (const EngineState& each : states)
+        std::printf("%s at %s: %s, %d in hand%s%s\n", CleanText(each.name).c_str(),
+                    CleanText(each.address).c_str(), CleanText(each.state).c_str(),
+                    each.outstanding, each.version.empty() ? "" : ", ",
+                    CleanText(each.version).c_str());
+}
+
+void PrintJson(bool answers, const std::vector<EngineState>& states) {
+    std::string text = std::string("{\"answers\": ") + (answers ? "true" : "false") +
+                       ", \"engines\": [";
+    for (const EngineState& each : states)
+        text += std::string(&each == &states.front() ? "" : ", ") +
+                "{\"name\": " + QuotedText(each.name) +
+                ", \"address\": " + QuotedText(each.address) +
+                ", \"state\": " + QuotedText(each.state) +
+                ", \"version\": " + QuotedText(each.version) +
+                ", \"outstanding\": " + std::to_string(each.outstanding) + '}';
+    std::printf("%s]}\n", text.c_str());
+}
+
 }  // namespace
+
+int ShowStatus(std::span<char* const> words) {
+    const Usage usage{"vtmaild status", kStatusHelp};
+    if (words.size() == 1 && std::strcmp(words[0], "--help") == 0) return PrintUsage(usage);
+    const bool json = words.size() == 1 && std::strcmp(words[0], "--json") == 0;
+    if (!words.empty() && !json) return WrongUsage(usage, std::string("unexpected: ") + words[0]);
+    std::vector<EngineState> states;
+    const bool answers = platform::MissingHome().empty() && AskForStates(states);
+    if (json)
+        PrintJson(answers, states);
+    else if (answers)
+        PrintStates(states);
+    else
+        std::fputs("vtmaild: the daemon does not answer\n", stderr);
+    return answers ? 0 : 1;
+}
 
 int TestFiles(std::span<char* const> words) {
     Transfer transfer = Transfer::kData;

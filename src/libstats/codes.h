@@ -23,6 +23,12 @@ inline constexpr std::int32_t kStatEncryptedRefused = 107;  // put off it counts
 // A message whose structure is ambiguous, or too complex to be looked at; put off it counts as not
 // scanned. Reports show it with the other codes.
 inline constexpr std::int32_t kStatStructureRefused = 108;
+// Spam; the label is its score. What nobody could judge, and is put off, counts as not scanned.
+// Reports show these with the other codes.
+inline constexpr std::int32_t kStatSpamRefused = 130;
+inline constexpr std::int32_t kStatSpamPutOff = 131;  // as greylisting does
+inline constexpr std::int32_t kStatSpamQuarantined = 132;
+inline constexpr std::int32_t kStatSpamTagged = 133;
 
 // Agent numbers of the reporters.
 inline constexpr std::uint32_t kStatAgentProxy = 4;

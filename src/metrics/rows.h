@@ -23,6 +23,7 @@ enum class Metric : std::size_t {
     kListeners,
     kDraining,
     kEngineUp,
+    kAntispamUp,
     kQueueLength,
     kQueueDropped,
     kEnd
@@ -87,6 +88,8 @@ inline constexpr Row kRows[] = {
     Row{"vantrel_engine_up", Kind::kGauge, In(Program::kMailDaemon),
         "1 if the engine answers and has found the test pattern."}
         .ByName("engine"),
+    Row{"vantrel_antispam_up", Kind::kGauge, In(Program::kMailDaemon),
+        "1 if the last message that somebody was to judge as spam or not has been judged."},
     Row{"vantrel_queue_length", Kind::kGauge, kEverybody,
         "Events and records that wait for their daemon."}
         .With("queue", kQueues),

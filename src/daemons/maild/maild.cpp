@@ -1,6 +1,7 @@
 #include "daemons/maild/maild.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -42,6 +43,7 @@ const char* StatusText(std::int32_t event) {
 void LogDecision(TagMsgNode* request, const std::string& path, const maild::Finding& by) {
     if (by.log.empty()) return;
     LogLine line{.kind = kEventFileNotScanned, .text = by.log, .path = path};
+    if (by.section == maild::Section::kAntispam && by.rule != "WhenDown") line.kind = kEventInfo;
     if (by.rule == "VirusAction") {
         line.kind = kEventVirus;
         line.sender = Text(request, TagSender);
@@ -60,6 +62,9 @@ void LogDecision(TagMsgNode* request, const std::string& path, const maild::Find
 std::string LabelOf(const Judgement& judgement, std::int32_t event,
                     const maild::Decision& decision) {
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement.scan.text;
+    if (decision.by != nullptr && decision.by->section == maild::Section::kAntispam &&
+        event != kStatClean)
+        return decision.by->reason;
     return event == kStatStructureRefused ? decision.by->reason : judgement.encrypted;
 }
 
@@ -132,9 +137,14 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
         return;
     }
     const std::shared_ptr<const Settings> settings = settings_.Current();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings->scanSeconds);
     const Judgement judgement =
         JudgeMessage(engines_, *settings, path.c_str(), TransferOf(request.root));
-    const std::vector<maild::Finding> findings = maild::AntivirusFindings(*settings, judgement);
+    std::vector<maild::Finding> findings = maild::AntivirusFindings(*settings, judgement);
+    antispam_.Look(settings->antispam,
+                   {path, TransferOf(request.root), Text(request.root, TagSender),
+                    Text(request.root, TagRecipients), Text(request.root, TagPeerAddress), end},
+                   findings);
     const maild::Decision decision = maild::Decide(findings);
     if (decision.by != nullptr) LogDecision(request.root, path, *decision.by);
     const std::int32_t event = decision.by == nullptr ? kStatClean : decision.by->event;

@@ -10,6 +10,7 @@
 //   unpack      what an engine that hides its limits can still be believed about
 //   coding, walk    the message as its parts, bodies decoded
 //   antivirus   the parts that the engine could see otherwise than a reader
+//   antispam    what rspamd or spamd thinks of the message
 //   judge       all of that together: the judgement of one message
 //   verdict     what the sections found, and what becomes of the message
 //   reply       the answer to the proxy
@@ -23,6 +24,7 @@
 #include <memory>
 
 #include "daemons/frame/daemon.h"
+#include "daemons/maild/antispam/antispam.h"
 #include "daemons/maild/engine/engines.h"
 #include "daemons/maild/judge.h"
 #include "daemons/maild/settings.h"
@@ -51,6 +53,7 @@ class MailDaemon final : public Daemon {
     int threads_ = 1;
     VerdictStats stats_;
     Engines engines_;
+    maild::Antispam antispam_;
     std::atomic<bool> following_{false};  // the engine has started
     mutable trelis::Followed<Settings> settings_{trelis::kMailDaemonKey,
                                                  [this] { return ReadSettings(); }};

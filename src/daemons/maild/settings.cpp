@@ -55,6 +55,7 @@ std::shared_ptr<const Settings> LoadSettings() {
         trelis::ReadSize(Key("MaxHeaderBytes")).value_or(Settings().maxHeaderBytes);
     settings->tooComplex = ReadWhenOdd(Key("TooComplex"));
     settings->whenAmbiguous = ReadWhenOdd(Key("WhenAmbiguous"));
+    settings->antispam = maild::LoadSpamSettings();
     settings->passWhenDown = trelis::ReadFlag(Key("PassWhenDown"));
     settings->passWhenBusy = trelis::ReadFlag(Key("PassWhenBusy"));
     settings->passWhenTimedOut = trelis::ReadFlag(Key("PassWhenTimedOut"));

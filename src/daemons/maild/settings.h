@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "daemons/maild/antispam/settings.h"
+
 // What is taken where MaxFileSize says nothing, in bytes.
 inline constexpr long long kUsualMaxFileSize = 25LL << 20;
 
@@ -40,6 +42,7 @@ struct Settings {
     long long maxHeaderBytes = 256 << 10;  // of one message's or part's headers
     WhenOdd tooComplex = WhenOdd::kPutOff;
     WhenOdd whenAmbiguous = WhenOdd::kPass;
+    maild::SpamSettings antispam;
     bool passWhenDown = false;
     bool passWhenBusy = false;
     bool passWhenTimedOut = false;

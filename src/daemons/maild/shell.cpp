@@ -1,11 +1,13 @@
 #include "daemons/maild/shell.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "daemons/maild/antispam/antispam.h"
 #include "daemons/maild/judge.h"
 #include "daemons/maild/reply.h"
 #include "daemons/maild/verdict/antivirus.h"
@@ -49,15 +51,21 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
 }
 
 Exit TestFile(Engines& engines, const Settings& settings, const char* path, Transfer transfer) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings.scanSeconds);
     const Judgement judgement = JudgeMessage(engines, settings, path, transfer);
-    const std::vector<maild::Finding> findings = maild::AntivirusFindings(settings, judgement);
+    std::vector<maild::Finding> findings = maild::AntivirusFindings(settings, judgement);
+    maild::Antispam().Look(settings.antispam, {path, transfer, {}, "", "", end}, findings);
     Print(path, findings);
+    // A score alone is nothing that was found.
+    const bool any = std::any_of(findings.begin(), findings.end(), [](const maild::Finding& each) {
+        return each.section != maild::Section::kAntispam || each.action != maild::Action::kPass;
+    });
     switch (judgement.scan.outcome) {
         case ScanOutcome::kClean:
         case ScanOutcome::kEncrypted:
         case ScanOutcome::kInfected:
         case ScanOutcome::kTooBig:
-            return findings.empty() ? kPasses : kFound;
+            return any ? kFound : kPasses;
         default:
             return kCant;
     }
@@ -79,8 +87,8 @@ bool AskForStates(std::vector<EngineState>& states) {
     const int status = LIPCRequestInTurn(endpoint, &connection, request.data, request.length,
                                          &reply, &length, kAnswerMs, &turn);
     OwnedMessage answer;
-    const bool answered = status == LIPC_OK && reply != nullptr &&
-                          answer.Parse(reply, length) == TAGMSG_OK;
+    const bool answered =
+        status == LIPC_OK && reply != nullptr && answer.Parse(reply, length) == TAGMSG_OK;
     if (answered) states = ReadStates(answer.root);
     if (connection != nullptr && (status == LIPC_OK || status == LIPC_TIMED_OUT))
         LIPCRelease(endpoint, connection);
@@ -97,8 +105,8 @@ void PrintStates(const std::vector<EngineState>& states) {
 }
 
 void PrintJson(bool answers, const std::vector<EngineState>& states) {
-    std::string text = std::string("{\"answers\": ") + (answers ? "true" : "false") +
-                       ", \"engines\": [";
+    std::string text =
+        std::string("{\"answers\": ") + (answers ? "true" : "false") + ", \"engines\": [";
     for (const EngineState& each : states)
         text += std::string(&each == &states.front() ? "" : ", ") +
                 "{\"name\": " + QuotedText(each.name) +

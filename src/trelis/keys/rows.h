@@ -189,6 +189,26 @@ inline constexpr KeyRow kMailDaemonRows[] = {
          "each reading scanned, `refuse` (550) or `put off` (451); any other word puts off")
         .Words("pass|refuse|put off")
         .Registers("refuse"),
+    Text("Antispam/Address", "",
+         "who says whether mail is spam: rspamd's normal worker, `HOST:PORT` or `unix:PATH`, or "
+         "SpamAssassin, `spamd:HOST:PORT` or `spamd:unix:PATH`")
+        .Shown("nobody"),
+    Text("Antispam/TagScore", "", "the score from which on mail is tagged, as `6` or `6.5`")
+        .Width(32)
+        .Shown("the engine's own"),
+    Text("Antispam/QuarantineScore", "", "the score from which on mail goes to the quarantine")
+        .Width(32)
+        .Shown("the engine's own"),
+    Text("Antispam/RejectScore", "", "the score from which on mail is refused with 550")
+        .Width(32)
+        .Shown("the engine's own"),
+    Text("Antispam/SubjectPrefix", "", "what is put in front of the subject of tagged mail")
+        .Width(64),
+    Seconds("Antispam/Timeout", "20", 1, 3600,
+            "seconds to wait for the answer, within what `ScanTimeout` has left"),
+    Text("Antispam/WhenDown", "pass",
+         "mail while nobody answers: `pass`, unjudged, or `put off` (451); any other word puts off")
+        .Words("pass|put off"),
     Flag("PassWhenDown", "deliver unscanned while clamd doesn't answer").Registers("N"),
     Flag("PassWhenBusy", "deliver unscanned what clamd has no place for").Registers("N"),
     Flag("PassWhenTimedOut", "deliver unscanned what is not scanned in time").Registers("N"),

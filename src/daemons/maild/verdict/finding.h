@@ -8,6 +8,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "daemons/maild/walk/part.h"
 
@@ -31,14 +33,17 @@ std::optional<Action> ActionOf(std::string_view word);
 struct Finding {
     Section section = Section::kAntivirus;
     Action action = Action::kPass;
-    std::string rule{};      // its name in the configuration: "WhenAmbiguous", "VirusAction"
-    std::string reason{};    // what was found: a signature's name, a file's name, a score
-    std::string log{};       // the whole sentence for the log; empty: nothing to say
-    std::string text{};      // what the client is told behind the code, of a rule's own
-    std::string part{};      // the place of the part, as Part has it; empty: the whole message
-    Range range{};           // of the stored file, what `remove` takes out
-    std::string target{};    // of `redirect`: addresses, ';' between two; of `tag`: what is put in
-    long long value = 0;     // a score, in thousandths, or whatever the rule counts
+    std::string rule{};    // its name in the configuration: "WhenAmbiguous", "VirusAction"
+    std::string reason{};  // what was found: a signature's name, a file's name, a score
+    std::string log{};     // the whole sentence for the log; empty: nothing to say
+    std::string text{};    // what the client is told behind the code, of a rule's own
+    std::string part{};    // the place of the part, as Part has it; empty: the whole message
+    Range range{};         // of the stored file, what `remove` takes out
+    std::string target{};  // of `redirect`: addresses, ';' between two; of `tag`: what is put in
+    long long value = 0;   // a score, in thousandths, or whatever the rule counts
+    // Of a tag: lines to put in front of the message's headers, and text in front of its subject.
+    std::vector<std::pair<std::string, std::string>> headers{};
+    std::string subjectPrefix{};
     std::int32_t event = 0;  // of libstats/codes.h, if this finding decides
 };
 

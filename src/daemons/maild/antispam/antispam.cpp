@@ -1,0 +1,135 @@
+#include "daemons/maild/antispam/antispam.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "daemons/maild/antispam/findings.h"
+#include "daemons/maild/antispam/rspamd.h"
+#include "daemons/maild/antispam/sending.h"
+#include "daemons/maild/antispam/spamd.h"
+#include "daemons/maild/engine/connection.h"
+#include "daemons/maild/log.h"
+#include "metrics/count.h"
+#include "platform/file.h"
+
+namespace maild {
+
+namespace {
+
+using Clock = Connection::Clock;
+
+constexpr std::string_view kSpamd = "spamd:";
+// As long as addresses behind a name usually stay.
+constexpr std::chrono::seconds kBelieved{60};
+
+// Whether an opinion can still change anything.
+bool IsOpen(const std::vector<Finding>& findings) {
+    const Decision decision = Decide(findings);
+    if (Delivers(decision.action)) return true;
+    return (decision.action == Action::kQuarantine || decision.action == Action::kRedirect) &&
+           decision.by->section != Section::kAntivirus;
+}
+
+bool IsNumber(const std::string& peer) {
+    std::array<unsigned char, sizeof(in6_addr)> room;
+    return inet_pton(AF_INET, peer.c_str(), room.data()) == 1 ||
+           inet_pton(AF_INET6, peer.c_str(), room.data()) == 1;
+}
+
+std::vector<std::string> Split(std::string_view joined) {
+    std::vector<std::string> all;
+    while (!joined.empty()) {
+        const std::string_view each = joined.substr(0, joined.find(';'));
+        joined.remove_prefix(std::min(each.size() + 1, joined.size()));
+        if (!each.empty()) all.emplace_back(each);
+    }
+    return all;
+}
+
+}  // namespace
+
+std::optional<double> ScoreOf(double value) {
+    if (std::isnan(value)) return {};
+    return std::clamp(value, -kLargestScore, kLargestScore);
+}
+
+bool IsSymbol(std::string_view text) {
+    constexpr std::size_t kLongest = 100;
+    return !text.empty() && text.size() <= kLongest &&
+           std::all_of(text.begin(), text.end(), [](char c) {
+               return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                      c == '_' || c == '-' || c == '.';
+           });
+}
+
+void Antispam::Look(const SpamSettings& settings, const SpamSubject& subject,
+                    std::vector<Finding>& findings) {
+    if (settings.address.empty() || !IsOpen(findings)) return;
+    const SpamOpinion opinion = Ask(settings, subject);
+    Tell(settings, opinion);
+    findings.push_back(SpamFinding(settings, opinion));
+}
+
+SpamOpinion Antispam::Ask(const SpamSettings& settings, const SpamSubject& subject) {
+    std::string_view text = settings.address;
+    const bool spamd = text.starts_with(kSpamd);
+    if (spamd) text.remove_prefix(kSpamd.size());
+    const std::optional<ServiceAddress> address = ServiceAddress::Parse(text);
+    if (!address) return SpamOpinion::None("this is no address");
+    const platform::File file(
+        open(subject.path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    struct stat info {};
+    if (!file || fstat(file.Descriptor(), &info) != 0 || !S_ISREG(info.st_mode))
+        return SpamOpinion::None("can't read the message");
+    SpamQuestion question;
+    question.file = file.Descriptor();
+    question.dots = subject.transfer == Transfer::kChunks ? Dots::kPlain : Dots::kStuffed;
+    question.size = info.st_size;
+    question.bytes = CountBytes(question.file, question.dots, question.size);
+    if (question.bytes < 0) return SpamOpinion::None("can't read the message");
+    question.id = subject.path.substr(subject.path.rfind('/') + 1);
+    question.sender = subject.sender;
+    question.recipients = Split(subject.recipients);
+    if (IsNumber(subject.peer)) question.peer = subject.peer;
+    Connection connection;
+    connection.SetEnd(std::min(subject.end, Clock::now() + std::chrono::seconds(settings.seconds)));
+    if (connection.Open(TargetsOf(*address)) != ScanOutcome::kClean)
+        return SpamOpinion::None("can't connect");
+    return spamd ? AskSpamd(connection, question) : AskRspamd(connection, question);
+}
+
+std::vector<SocketTarget> Antispam::TargetsOf(const ServiceAddress& address) {
+    const std::string text = address.Text();
+    {
+        const std::lock_guard lock(mutex_);
+        if (looked_ == text && !targets_.empty() && Clock::now() < until_) return targets_;
+    }
+    std::vector<SocketTarget> targets = FindTargets(address);
+    const std::lock_guard lock(mutex_);
+    looked_ = text;
+    targets_ = targets;
+    until_ = Clock::now() + kBelieved;
+    return targets;
+}
+
+// Once for each change.
+void Antispam::Tell(const SpamSettings& settings, const SpamOpinion& opinion) {
+    metrics::Set<metrics::Metric::kAntispamUp>(0, opinion.answered ? 1 : 0);
+    const char* const then =
+        settings.putOffWhenDown ? "; mail is put off" : "; mail passes unjudged";
+    const std::string text = "antispam at " + settings.address + ": " +
+                             (opinion.answered ? "answers" : opinion.why + then);
+    {
+        const std::lock_guard lock(mutex_);
+        if (text == told_) return;
+        told_ = text;
+    }
+    Log({.kind = opinion.answered ? kEventInfo : kEventWarning, .text = text});
+}
+
+}  // namespace maild

@@ -1,0 +1,37 @@
+#include "daemons/maild/antispam/settings.h"
+
+#include <charconv>
+
+#include "daemons/maild/antispam/opinion.h"
+#include "text/printable.h"
+#include "trelis/keys/settings.h"
+
+namespace maild {
+
+namespace {
+
+consteval trelis::Key Key(const char* name) { return {trelis::kMailDaemonKey, name}; }
+
+std::optional<double> ReadScore(const trelis::Key& key) {
+    const std::string text = trelis::ReadText(key);
+    double value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return {};
+    return ScoreOf(value);
+}
+
+}  // namespace
+
+SpamSettings LoadSpamSettings() {
+    SpamSettings settings;
+    settings.address = trelis::ReadText(Key("Antispam/Address"));
+    settings.tagScore = ReadScore(Key("Antispam/TagScore"));
+    settings.quarantineScore = ReadScore(Key("Antispam/QuarantineScore"));
+    settings.rejectScore = ReadScore(Key("Antispam/RejectScore"));
+    settings.subjectPrefix = CleanText(trelis::ReadText(Key("Antispam/SubjectPrefix")));
+    settings.seconds = trelis::ReadInt(Key("Antispam/Timeout"));
+    settings.putOffWhenDown = trelis::ReadText(Key("Antispam/WhenDown")) != "pass";
+    return settings;
+}
+
+}  // namespace maild

@@ -143,8 +143,10 @@ SpamOpinion ReadRspamd(std::string_view json) {
     opinion.required = NumberIn(root, "required_score").value_or(0);
     opinion.action = CleanText(action->get_ref<const std::string&>(), kLongestName);
     opinion.advice = AdviceOf(opinion.action);
+    // It says so too of what one of its modules has decided before the rules, whichever way.
     const Json* const skipped = Member(root, "is_skipped");
-    if (skipped != nullptr && skipped->is_boolean() && skipped->get<bool>())
+    if (skipped != nullptr && skipped->is_boolean() && skipped->get<bool>() &&
+        EqualIgnoringCase(opinion.action, "no action"))
         opinion.advice = SpamAdvice::kSkip;
     if (const Json* const symbols = Member(root, "symbols"); symbols && symbols->is_object()) {
         for (const auto& [name, ignored] : symbols->items()) {

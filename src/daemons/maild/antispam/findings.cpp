@@ -76,7 +76,7 @@ Finding SpamFinding(const SpamSettings& settings, const SpamOpinion& opinion) {
     } else if (advice == SpamAdvice::kPutOff) {
         finding.action = Action::kPutOff;
         finding.rule = opinion.action;
-        finding.log = "a message is put off, \"" + opinion.action + "\": " + seen;
+        finding.log = "a message is put off by " + opinion.action + ": " + seen;
         finding.event = kStatSpamPutOff;
     } else if (Reaches(opinion.score, settings.quarantineScore,
                        advice == SpamAdvice::kQuarantine)) {

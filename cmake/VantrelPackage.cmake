@@ -85,6 +85,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, clamav-daemon")
 # The authorities are those that a server's certificate is judged by where no file names others.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "clamav-freshclam, ca-certificates")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "rspamd | spamd")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${debian}/preinst

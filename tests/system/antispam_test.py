@@ -267,13 +267,19 @@ class SpamFaults(Antispam):
         message = b"Subject: x\r\n\r\n..a\r\n.b\r\n" + b"line\r\n" * 20000
         self.fake.requests.clear()
         self.assertEqual(self.send(message.replace(b"\r\n.b", b"\r\n..b")), QUEUED)
-        self.assertEqual(self.send_chunk(message), QUEUED)
+        self.assertTrue(self.send_chunk(message).startswith(b"250"))
         (head, stuffed), (_, plain) = self.fake.requests
         self.assertEqual(stuffed, message.replace(b"\r\n..a", b"\r\n.a"))
         self.assertEqual(plain, message)
         self.assertRegex(head, rb"\APOST /checkv2 HTTP/1\.1\r\n")
         for line in (b"From: <s@example.org>", b"Rcpt: <r@example.org>", b"IP: 127.0.0.1"):
             self.assertIn(line, head.split(b"\r\n"))
+
+    def test_scores_that_are_none(self):
+        self.fake.answer = answer(score=20, action="no action")
+        self.spam_settings(RejectScore="1O", TagScore="6,5")
+        self.assertEqual(self.send(body(b"hello")), QUEUED)
+        self.assertTrue(self.logged("no number, and so not set: Antispam/TagScore, Antispam/RejectScore"))
 
     def test_the_answers_of_its_rules_are_bounded(self):
         self.fake.answer = answer(score=7, action="add header", symbols={"S%d" % i: {} for i in range(20000)})

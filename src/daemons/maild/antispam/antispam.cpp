@@ -122,14 +122,18 @@ void Antispam::Tell(const SpamSettings& settings, const SpamOpinion& opinion) {
     metrics::Set<metrics::Metric::kAntispamUp>(0, opinion.answered ? 1 : 0);
     const char* const then =
         settings.putOffWhenDown ? "; mail is put off" : "; mail passes unjudged";
-    const std::string text = "antispam at " + settings.address + ": " +
-                             (opinion.answered ? "answers" : opinion.why + then);
+    const std::string text =
+        "antispam at " + settings.address + ": " +
+        (opinion.answered ? "answers" : opinion.why + then) +
+        (settings.unread.empty() ? std::string()
+                                 : "; no number, and so not set: " + settings.unread);
     {
         const std::lock_guard lock(mutex_);
         if (text == told_) return;
         told_ = text;
     }
-    Log({.kind = opinion.answered ? kEventInfo : kEventWarning, .text = text});
+    const bool good = opinion.answered && settings.unread.empty();
+    Log({.kind = good ? kEventInfo : kEventWarning, .text = text});
 }
 
 }  // namespace maild

@@ -12,12 +12,16 @@ namespace {
 
 consteval trelis::Key Key(const char* name) { return {trelis::kMailDaemonKey, name}; }
 
-std::optional<double> ReadScore(const trelis::Key& key) {
+std::optional<double> ReadScore(const trelis::Key& key, SpamSettings& settings) {
     const std::string text = trelis::ReadText(key);
+    if (text.empty()) return {};
     double value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return {};
-    return ScoreOf(value);
+    if (error == std::errc() && end == text.data() + text.size()) {
+        if (const std::optional<double> score = ScoreOf(value)) return score;
+    }
+    settings.unread += std::string(settings.unread.empty() ? "" : ", ") + key.Row().name;
+    return {};
 }
 
 }  // namespace
@@ -25,9 +29,9 @@ std::optional<double> ReadScore(const trelis::Key& key) {
 SpamSettings LoadSpamSettings() {
     SpamSettings settings;
     settings.address = trelis::ReadText(Key("Antispam/Address"));
-    settings.tagScore = ReadScore(Key("Antispam/TagScore"));
-    settings.quarantineScore = ReadScore(Key("Antispam/QuarantineScore"));
-    settings.rejectScore = ReadScore(Key("Antispam/RejectScore"));
+    settings.tagScore = ReadScore(Key("Antispam/TagScore"), settings);
+    settings.quarantineScore = ReadScore(Key("Antispam/QuarantineScore"), settings);
+    settings.rejectScore = ReadScore(Key("Antispam/RejectScore"), settings);
     settings.subjectPrefix = CleanText(trelis::ReadText(Key("Antispam/SubjectPrefix")));
     settings.seconds = trelis::ReadInt(Key("Antispam/Timeout"));
     settings.putOffWhenDown = trelis::ReadText(Key("Antispam/WhenDown")) != "pass";

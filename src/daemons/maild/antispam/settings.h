@@ -12,6 +12,7 @@ struct SpamSettings {
     std::optional<double> tagScore;
     std::optional<double> quarantineScore;
     std::optional<double> rejectScore;
+    std::string unread;  // names of scores that are no numbers, and so count as not set
     std::string subjectPrefix;
     int seconds = 20;  // for one message, within what its scan has left
     bool putOffWhenDown = false;

@@ -210,6 +210,16 @@ class EachFails(Engines):
                 self.become(a="up", b="up")
 
 
+    def test_all_of_them_hang(self):
+        self.settings(ScanTimeout="4")
+        for relay in self.relays.values():
+            relay.fault = "hang"
+        for message in (attached(EICAR), body(b"good")):
+            begun = time.monotonic()
+            self.assertEqual(self.send(message), NOT_CHECKED)
+            self.assertLess(time.monotonic() - begun, 10)
+
+
 class NamedEngines(Engines):
     def numbers(self):
         pages = Pages.__new__(Pages)

@@ -4,7 +4,7 @@
 #include <span>
 #include <vector>
 
-#include "daemons/maild/engine/state.h"
+#include "daemons/maild/engine/engine.h"
 #include "daemons/maild/verdict/finding.h"
 #include "tagmsg/tagmsg.h"
 

@@ -16,9 +16,8 @@ constexpr std::size_t kMostTargets = 8;  // of one name
 
 bool IsHost(std::string_view host) {
     return !host.empty() && host.size() <= kLongestHost &&
-           std::all_of(host.begin(), host.end(), [](char c) {
-               return c > ' ' && c < 0x7F && c != '[' && c != ']';
-           });
+           std::all_of(host.begin(), host.end(),
+                       [](char c) { return c > ' ' && c < 0x7F && c != '[' && c != ']'; });
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
 #include "daemons/maild/engine/engine.h"
 
-#include <limits>
 #include <optional>
 
-#include "daemons/maild/engine/probes.h"
 #include "daemons/maild/log.h"
 #include "metrics/count.h"
 
@@ -17,23 +15,11 @@ constexpr std::chrono::seconds kRetry{5};
 constexpr std::chrono::seconds kSecondLook{30};
 // Long enough for others to do its work, short enough to notice that it does it again.
 constexpr std::chrono::seconds kAvoided{10};
-// For one probe: a slow machine unpacks some hundred megabytes in that.
-constexpr std::chrono::seconds kProbeTime{60};
-// Smaller messages than this are not told apart.
-constexpr long long kSmallestPlain = 4096;
-constexpr char kCantProbe[] = "can't make a probe: no descriptor or memory for it";
-constexpr long long kNoLimit = std::numeric_limits<long long>::max();
 
 // Of all engines together.
 std::uint64_t NextGeneration() {
     static std::atomic<std::uint64_t> generation{0};
     return ++generation;
-}
-
-ScanOutcome ScanProbe(const EngineId& engine, const platform::File& probe) {
-    if (!probe) return ScanOutcome::kNoMeans;
-    return ScanWithClamd(engine, probe.Descriptor(), Connection::Clock::now() + kProbeTime)
-        .result.outcome;
 }
 
 }  // namespace
@@ -148,10 +134,9 @@ EngineState Engine::State() const {
                       "being probed", "", outstanding_};
     if (proof_ != nullptr) {
         state.version = signatures_.Version();
-        const bool whole = proof_->tellsOfLimits && proof_->plainBytes == kNoLimit;
-        state.state = !proof_->findsPattern ? "finds nothing"
-                      : whole               ? "up"
-                                            : "up, not believed about all";
+        state.state = !proof_->findsPattern  ? "finds nothing"
+                      : proof_->IsBelieved() ? "up"
+                                             : "up, not believed about all";
     } else if (attempts_ > 0 && begun_ == attempts_ && !failure_.text.empty()) {
         state.state = "down: " + failure_.text;
     }
@@ -273,72 +258,12 @@ void Engine::Attempt() {
     }
 }
 
-// kClean if the engine has answered; what it has shown is in the proof.
-ScanResult Engine::Prove(EngineProof& proof, const Settings& settings) {
-    const auto end = Clock::now() + kProbeTime;
-    const platform::File pattern = MakePatternProbe();
-    if (!pattern) return {ScanOutcome::kNoMeans, kCantProbe};
-    const ClamdAnswer answer = ScanWithClamd(proof.id, pattern.Descriptor(), end);
-    if (answer.result.outcome != ScanOutcome::kInfected &&
-        answer.result.outcome != ScanOutcome::kClean)
-        return {answer.result.outcome == ScanOutcome::kFailed ? ScanOutcome::kDown
-                                                              : answer.result.outcome,
-                answer.result.text};
-    proof.complete = true;
-    proof.findsPattern = answer.result.outcome == ScanOutcome::kInfected;
-    if (!proof.findsPattern) return {ScanOutcome::kClean, ""};
-    // What could not be asked says nothing about the engine.
-    if (ProveLimits(proof) == ScanOutcome::kNoMeans ||
-        ProvePlain(proof, settings.maxFileSize) == ScanOutcome::kNoMeans)
-        return {ScanOutcome::kNoMeans, kCantProbe};
-    return {ScanOutcome::kClean, ""};
-}
-
-// Each probe hides the pattern behind a limit: what finds it has no such limit, or a higher one
-// than any message can reach.
-ScanOutcome Engine::ProveLimits(EngineProof& proof) {
-    const struct {
-        platform::File (*make)();
-        const char* name;
-    } probes[] = {{MakeNestingProbe, "message nested in messages"},
-                  {MakeUnpackProbe, "archive that unpacks to gigabytes"},
-                  {MakeFilesProbe, "archive of many files"}};
-    for (const auto& each : probes) {
-        const ScanOutcome outcome = ScanProbe(proof.id, each.make());
-        if (outcome == ScanOutcome::kTooBig || outcome == ScanOutcome::kInfected) continue;
-        proof.silentAt = each.name;
-        proof.complete = outcome == ScanOutcome::kClean;
-        return outcome;
-    }
-    proof.tellsOfLimits = true;
-    return ScanOutcome::kClean;
-}
-
-// A message of our largest size with the pattern at its end; if that is called clean, smaller ones
-// show up to where it looks.
-ScanOutcome Engine::ProvePlain(EngineProof& proof, long long size) {
-    const long long largest = size;
-    for (; size >= kSmallestPlain; size /= 4) {
-        const ScanOutcome outcome = ScanProbe(proof.id, MakeSizeProbe(size));
-        if (outcome == ScanOutcome::kTooBig || outcome == ScanOutcome::kInfected) {
-            // Nothing beyond our own largest size is scanned, but for a form of it, which may be
-            // larger: of an engine that is silent that is more than it has shown.
-            proof.plainBytes = size == largest && proof.tellsOfLimits ? kNoLimit : size;
-            return ScanOutcome::kClean;
-        }
-        if (outcome == ScanOutcome::kNoMeans) return outcome;
-        proof.complete = proof.complete && outcome == ScanOutcome::kClean;
-        proof.silentAt = "message of " + std::to_string(size) + " bytes";
-    }
-    return ScanOutcome::kClean;
-}
-
 void Engine::Report(const EngineProof& proof, const Settings& settings,
                     const std::string& address) {
     const std::string where = setting_.name + " at " + address;
     if (!proof.findsPattern)
         return Tell(where + " does not find the test pattern: its signatures are missing", false);
-    if (proof.tellsOfLimits && proof.plainBytes == kNoLimit)
+    if (proof.IsBelieved())
         return Tell(where + " finds the test pattern and tells of its limits", true);
     Tell("mail could pass unscanned: " + where + " called clean a " + proof.silentAt +
              "; messages like it are not believed to be clean. In " +

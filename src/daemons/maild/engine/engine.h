@@ -12,6 +12,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,19 +20,32 @@
 
 #include "daemons/maild/engine/clamd.h"
 #include "daemons/maild/engine/signatures.h"
-#include "daemons/maild/engine/state.h"
 #include "daemons/maild/settings.h"
 
 // What one process of the engine has shown.
 struct EngineProof {
     EngineId id;
     bool findsPattern = false;
+    static constexpr long long kNoLimit = std::numeric_limits<long long>::max();
     // Bytes up to which a message is read to its end, or refused with a word.
     long long plainBytes = 0;
     // Says so when a message unpacks beyond a limit, whichever.
     bool tellsOfLimits = false;
     std::string silentAt;   // the probe that it called clean
     bool complete = false;  // false: a probe got no answer, it is tried again later
+
+    bool IsBelieved() const { return tellsOfLimits && plainBytes == kNoLimit; }
+};
+
+// What people are told of an engine.
+struct EngineState {
+    std::string name;
+    std::string address;
+    // "up"; "up, not believed about all" (it is silent about a limit); "finds nothing" (not the
+    // test pattern); "being probed"; "down: " and why.
+    std::string state;
+    std::string version;  // as it says; empty: not known
+    int outstanding = 0;  // scans
 };
 
 class Engine {

@@ -230,7 +230,7 @@ class NamedEngines(Engines):
         self.become(a="up", b="up")
         engine = self.engines()["a"]
         self.assertEqual((engine["address"], engine["outstanding"]), (self.relays["a"].address, 0))
-        self.assertTrue(wait_until(lambda: self.engines()["a"]["version"].startswith("ClamAV ")))
+        self.assertTrue(wait_until(lambda: all(each["version"].startswith("ClamAV ") for each in self.engines().values())))
         text = subprocess.run([BIN + "/vtmaild", "status"], env=self.proxy.env, text=True, capture_output=True)
         self.assertRegex(text.stdout, r"(?m)^b at \[::1\]:\d+: up, 0 in hand, ClamAV .*$")
         self.assertTrue(self.logged("a at %s finds the test pattern" % self.relays["a"].address))

@@ -6,7 +6,7 @@
 
 #include "daemons/maild/log.h"
 #include "daemons/maild/reply.h"
-#include "daemons/maild/verdict/antivirus.h"
+#include "daemons/maild/sections.h"
 #include "libstats/codes.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
@@ -60,6 +60,10 @@ void LogDecision(TagMsgNode* request, const std::string& path, const maild::Find
 std::string LabelOf(const Judgement& judgement, std::int32_t event,
                     const maild::Decision& decision) {
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement.scan.text;
+    const bool ruled =
+        decision.by != nullptr && (decision.by->section == maild::Section::kContent ||
+                                   decision.by->section == maild::Section::kAttachments);
+    if (ruled) return decision.by->rule + ": " + decision.by->reason;
     return event == kStatStructureRefused ? decision.by->reason : judgement.encrypted;
 }
 
@@ -124,9 +128,11 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
         return;
     }
     const std::shared_ptr<const Settings> settings = settings_.Current();
-    const Judgement judgement =
-        JudgeMessage(engine_, *settings, path.c_str(), TransferOf(request.root));
-    const std::vector<maild::Finding> findings = maild::AntivirusFindings(*settings, judgement);
+    const Verdict verdict =
+        JudgeBySections(engine_, *settings, path.c_str(), TransferOf(request.root),
+                        {Text(request.root, TagSender), Text(request.root, TagRecipients)});
+    const Judgement& judgement = verdict.judgement;
+    const std::vector<maild::Finding>& findings = verdict.findings;
     const maild::Decision decision = maild::Decide(findings);
     if (decision.by != nullptr) LogDecision(request.root, path, *decision.by);
     const std::int32_t event = decision.by == nullptr ? kStatClean : decision.by->event;

@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "daemons/maild/judge.h"
-#include "daemons/maild/verdict/antivirus.h"
+#include "daemons/maild/sections.h"
 #include "text/printable.h"
 #include "trelis/trelis.h"
 
@@ -37,15 +36,14 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
 }
 
 Exit TestFile(Engine& engine, const Settings& settings, const char* path, Transfer transfer) {
-    const Judgement judgement = JudgeMessage(engine, settings, path, transfer);
-    const std::vector<maild::Finding> findings = maild::AntivirusFindings(settings, judgement);
-    Print(path, findings);
-    switch (judgement.scan.outcome) {
+    const Verdict verdict = JudgeBySections(engine, settings, path, transfer, {});
+    Print(path, verdict.findings);
+    switch (verdict.judgement.scan.outcome) {
         case ScanOutcome::kClean:
         case ScanOutcome::kEncrypted:
         case ScanOutcome::kInfected:
         case ScanOutcome::kTooBig:
-            return findings.empty() ? kPasses : kFound;
+            return verdict.findings.empty() ? kPasses : kFound;
         default:
             return kCant;
     }

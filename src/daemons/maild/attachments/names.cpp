@@ -31,7 +31,7 @@ bool IsUnseen(gunichar c) {
         default:
             break;
     }
-    return c == 0x034F || c == 0x115F || c == 0x1160 || c == 0x17B4 || c == 0x17B5 || c == 0x3164 ||
+    return c == 0x034F || c == 0x115F || c == 0x1160 || c == 0x17B4 || c == 0x17B5 || c == 0x3164 || c == 0xFFFD ||
            (c >= 0xFE00 && c <= 0xFE0F) || (c >= 0xE0000 && c <= 0xE0FFF);
 }
 
@@ -176,12 +176,6 @@ std::vector<std::string> ReadingsOfName(std::string_view name) {
     }
     AddCleaned(readings, FoldText(whole));
     return readings;
-}
-
-std::string ExtensionOf(std::string_view name) {
-    const std::string seen = WithoutUnseen(FoldText(name));
-    const std::size_t dot = seen.find_last_of("./\\");
-    return dot == std::string::npos || seen[dot] != '.' ? std::string() : seen.substr(dot);
 }
 
 NamePatterns::NamePatterns(std::string_view text) {

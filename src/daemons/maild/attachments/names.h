@@ -17,9 +17,6 @@ namespace maild {
 // are no UTF-8 don't disturb it.
 std::vector<std::string> ReadingsOfName(std::string_view name);
 
-// The part of the file's name by which systems open it: ".exe" of "A.EXE. "; empty without one.
-std::string ExtensionOf(std::string_view name);
-
 // Shell patterns, ';' between two: `*` any run of characters, `?` one, `[a-c]` and `[!a-c]` one of
 // those; a `\` takes the next one as it is. Case and compatibility letters count for nothing.
 class NamePatterns {

@@ -2,7 +2,7 @@
 # The programs live in one directory, beside the supervisor that starts them; /usr/bin has links.
 
 set(VANTREL_PROGRAM_DIR lib/vantrel)
-set(VANTREL_PROGRAMS vtsmtpproxy vtmaild vtlogd vtstatd vtregistry vtreport)
+set(VANTREL_PROGRAMS vtsmtpproxy vtmaild vtlogd vtstatd vtregistry vtreport vtlog)
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/links ${CMAKE_BINARY_DIR}/man)
 foreach(program ${VANTREL_PROGRAMS})
   if(NOT TARGET ${program})
@@ -17,8 +17,12 @@ install(TARGETS vtservice RUNTIME DESTINATION ${VANTREL_PROGRAM_DIR})
 file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/systemd/*.service)
 install(FILES ${units} DESTINATION lib/systemd/system)
 install(PROGRAMS packaging/clamd-settings DESTINATION ${VANTREL_PROGRAM_DIR})
-install(FILES packaging/completion/vtregistry DESTINATION share/bash-completion/completions)
-install(FILES packaging/completion/_vtregistry DESTINATION share/zsh/vendor-completions)
+install(FILES packaging/completion/vtlog packaging/completion/vtregistry packaging/completion/vtsmtpproxy
+  DESTINATION share/bash-completion/completions)
+install(FILES packaging/completion/_vtlog packaging/completion/_vtregistry packaging/completion/_vtsmtpproxy
+  DESTINATION share/zsh/vendor-completions)
+install(FILES packaging/prometheus/alerts.yml DESTINATION share/vantrel/prometheus)
+install(FILES packaging/grafana/vantrel.json DESTINATION share/vantrel/grafana)
 install(FILES README.md ARCHITECTURE.md DESTINATION share/doc/vantrel)
 install(DIRECTORY docs DESTINATION share/doc/vantrel)
 foreach(section 1 5 8)

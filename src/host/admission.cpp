@@ -1,6 +1,7 @@
 #include <optional>
 
 #include "host/smtp.h"
+#include "metrics/count.h"
 #include "platform/library.h"
 #include "session/session.h"
 
@@ -22,14 +23,17 @@ LRESULT SocketWindowProcedure(HWND window, UINT message, WPARAM wParam, LPARAM l
 }
 
 // Takes what else has come by now, up to a bound: a burst costs one look at the listeners.
-void CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
+bool CSMTP::OnAcceptNotification(SOCKET socket, LPARAM event) {
     constexpr int kMostAtOnce = 16;
-    if ((event & 0xFFFF) != FD_ACCEPT) return;
+    if ((event & 0xFFFF) != FD_ACCEPT) return false;
     const std::optional<std::size_t> position = listeners_.PositionOf(socket);
-    if (!position) return;  // left over from a listener that a reload has closed
+    if (!position) return false;  // left over from a listener that a reload has closed
     CSocket client;
-    for (int i = 0; i < kMostAtOnce && CSocket(socket).Accept(client, nullptr); ++i)
+    for (int i = 0; i < kMostAtOnce; ++i) {
+        if (!CSocket(socket).Accept(client, nullptr)) return false;
         Admit(client, *position);
+    }
+    return true;
 }
 
 void CSMTP::Admit(CSocket client, std::size_t position) {
@@ -42,6 +46,8 @@ void CSMTP::Admit(CSocket client, std::size_t position) {
         client.Close();
     };
     if (entry.MaxThreads > 0 && active + arriving >= entry.MaxThreads) {
+        metrics::Add<metrics::Metric::kSessionsRefused>(entry.place);
+        metrics::Add<metrics::Metric::kReplies>(metrics::ReplyClass::k4xx);
         char text[512];
         LoadStringA(nullptr, 6000, text, sizeof text);
         client.SendAll(text);

@@ -84,6 +84,7 @@ ConnectionOptions ReadConnectionOptions(const std::string& interface,
     options.proxyProtocol = trelis::ReadFlag(Key("ProxyProtocol"), {interface});
     options.tellServer = Choice<TellServer>(Key("TellServer"), interface);
     options.tellServerRequired = trelis::ReadFlag(Key("TellServerRequired"), {interface});
+    options.idInReplies = trelis::ReadFlag(Key("IdInReplies"), {interface});
     options.pipelining = trelis::ReadFlag(Key("Pipelining"), {interface});
     options.earlyTalker = Choice<EarlyTalker>(Key("EarlyTalker"), interface);
     options.bareNewline = Choice<BareNewline>(Key("BareNewline"), interface);

@@ -3,6 +3,7 @@
 
 #include "host/interface_options.h"
 #include "host/smtp.h"
+#include "metrics/count.h"
 #include "session/session.h"
 #include "trelis/keys/settings.h"
 
@@ -22,12 +23,17 @@ int CSMTP::LoadInterfaces() {
         LoadInterface(entry, name);
         wishes.push_back({name, entry.IPAddress, entry.Port});
     }
+    // While it drains nothing is wanted, whatever the table says.
+    if (draining_.Now()) wishes.clear();
     listeners_.Follow(wishes);
+    draining_.SetListeners(listeners_.Open().size());
     identities_.ForgetOthers();
     return 0;
 }
 
 void CSMTP::LoadInterface(NetworkInterface& entry, const std::string& name) {
+    entry.name = name;
+    entry.place = metrics::InterfacePlace(name);
     entry.GreetingDomainName = trelis::ReadText(Key("GreetingDomainName"), {name});
     entry.IPAddress = trelis::ReadText(Key("IPAddress"), {name});
     entry.Port = trelis::ReadInt(Key("Port"), {name});

@@ -96,6 +96,14 @@ bool Listeners::AnyMissing() const {
                        [](const Slot& slot) { return slot.Missing(); });
 }
 
+std::vector<SOCKET> Listeners::Open() const {
+    std::vector<SOCKET> open;
+    for (const Slot& slot : slots_) {
+        if (slot.socket) open.push_back(slot.socket.Get());
+    }
+    return open;
+}
+
 std::optional<std::size_t> Listeners::PositionOf(SOCKET listener) const {
     const auto found = std::find_if(slots_.begin(), slots_.end(), [listener](const Slot& slot) {
         return slot.socket && slot.socket.Get() == listener;

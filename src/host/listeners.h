@@ -36,6 +36,8 @@ class Listeners {
     void OpenMissing();
     // Whether there is something to be tried: an address in words that are none never comes.
     bool AnyMissing() const;
+    // Those that are open.
+    std::vector<SOCKET> Open() const;
     // The position in the list of wishes.
     std::optional<std::size_t> PositionOf(SOCKET listener) const;
     void CloseAll() { slots_.clear(); }

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "asfilters/asfilters.h"
 #include "libstats/libstats.h"
 #include "logclient/logclient.h"
+#include "metrics/count.h"
 #include "net/stream.h"
 #include "platform/home.h"
 #include "platform/library.h"
@@ -28,6 +30,7 @@ constexpr std::chrono::milliseconds kPublishInterval{10000};
 constexpr std::chrono::milliseconds kListenAgain{3000};
 constexpr std::chrono::milliseconds kMessageInHand{10000};
 constexpr std::chrono::milliseconds kCutSessions{3000};
+constexpr int kMostTaken = 256;  // times the most at once, from one backlog
 constexpr WORD kSocketVersion = 0x0202;
 
 // Sessions hold pointers into it and may outlive the host: static, with nothing to destroy.
@@ -40,11 +43,12 @@ std::string ResourceText(UINT number) {
     return text;
 }
 
-// On the statistics client's thread.
-void TellStatsLost(std::uint64_t lost) {
-    const std::string text = std::to_string(lost) + " statistics records lost";
+void Warn(const std::string& text) {
     LogClientPost(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
 }
+
+// On the statistics client's thread.
+void TellStatsLost(std::uint64_t lost) { Warn(std::to_string(lost) + " statistics records lost"); }
 
 }  // namespace
 
@@ -104,6 +108,7 @@ void CSMTP::Run(int, char**) {
                                                    : platform::HomeError().c_str());
         return;
     }
+    const bool counted = metrics::Open(metrics::Program::kProxy);
     CleanSpoolDirectory();
     stopEvent_.Reset(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     StopEvent = stopEvent_.Get();
@@ -111,6 +116,7 @@ void CSMTP::Run(int, char**) {
     MSG message;
     PeekMessageA(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
     if (!CreateSocketWindow() || !StartClients()) return;
+    if (!counted) Warn("can't make metrics/vtsmtpproxy: nothing of it is shown");
     SessionRegistry::Instance().Reopen();
     // The watch comes first: a change during the reading is told of, not missed.
     const trelis::Watch watch(trelis::kInterfacesKey);
@@ -118,6 +124,8 @@ void CSMTP::Run(int, char**) {
     LoadInterfaces();
     const UniqueHandle notification(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch.EventName()));
     if (!notification) return;
+    control::Server owner(draining_);
+    if (!owner.Start()) Warn("can't serve this directory's owner: no status, no drain");
     ReportStatus(SERVICE_RUNNING, kStartHint, 0);
 
     try {
@@ -127,7 +135,9 @@ void CSMTP::Run(int, char**) {
 
     // Nobody accepts any more: a client is better refused at once than left without a greeting.
     listeners_.CloseAll();
+    draining_.End();
     EndSessions();
+    owner.Stop();
     DestroyASFilters();
     ReleaseLibStats();
     MailScanUninit();
@@ -142,25 +152,29 @@ void CSMTP::Run(int, char**) {
 }
 
 void CSMTP::RunLoop(HANDLE notification) {
-    const HANDLE handles[] = {StopEvent, notification};
+    const HANDLE handles[] = {StopEvent, notification, draining_.Event()};
     // Each wake but one for a listener begins the quiet time anew.
     Deadline quiet(kPublishInterval);
     Deadline again(kListenAgain);
     for (;;) {
         if (again.Over()) {
             listeners_.OpenMissing();
+            draining_.SetListeners(listeners_.Open().size());
             again = Deadline(kListenAgain);
         }
         std::chrono::milliseconds limit = quiet.Left();
         if (listeners_.AnyMissing()) limit = std::min(limit, again.Left());
-        switch (MsgWaitForMultipleObjects(2, handles, FALSE, static_cast<DWORD>(limit.count()),
+        switch (MsgWaitForMultipleObjects(3, handles, FALSE, static_cast<DWORD>(limit.count()),
                                           QS_ALLINPUT)) {
             case WAIT_OBJECT_0 + 1:
                 // Reset first, so that a change during the reload wakes the loop again.
                 ResetEvent(notification);
                 LoadInterfaces();
                 break;
-            case WAIT_OBJECT_0 + 2: {
+            case WAIT_OBJECT_0 + 2:
+                if (const std::optional<bool> wish = draining_.Take()) Drain(*wish);
+                break;
+            case WAIT_OBJECT_0 + 3: {
                 MSG message;
                 while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) != FALSE) {
                     TranslateMessage(&message);
@@ -177,6 +191,25 @@ void CSMTP::RunLoop(HANDLE notification) {
         }
         quiet = Deadline(kPublishInterval);
     }
+}
+
+void CSMTP::Drain(bool draining) {
+    if (draining != draining_.Now())
+        LogClientPost(kEventInfo, nullptr,
+                      draining ? "draining: no new sessions are taken" : "new sessions are taken");
+    draining_.Begin(draining);
+    if (draining) {
+        // Who has been let in by the system is no new one, and would find a broken connection; but
+        // there is an end to that.
+        for (const SOCKET listener : listeners_.Open()) {
+            for (int i = 0; i < kMostTaken && OnAcceptNotification(listener, FD_ACCEPT); ++i) {
+            }
+        }
+        listeners_.CloseAll();
+    } else {
+        LoadInterfaces();
+    }
+    draining_.Done(listeners_.Open().size());
 }
 
 void CSMTP::PublishActiveConnections() {

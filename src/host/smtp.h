@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "host/control/server.h"
 #include "host/interface_options.h"
 #include "host/listeners.h"
 #include "host/scan_limit.h"
@@ -42,8 +43,8 @@ class CSMTP : public CNTService {
     // Rebuilds the table from the store; listeners that are wanted as before stay open. Always 0.
     // Run's thread.
     int LoadInterfaces();
-    // Connections wait on the listener. Run's thread.
-    void OnAcceptNotification(SOCKET socket, LPARAM event);
+    // Connections wait on the listener. Whether more may wait than it has taken. Run's thread.
+    bool OnAcceptNotification(SOCKET socket, LPARAM event);
     // A connection of the interface at this position.
     void Admit(CSocket client, std::size_t position);
 
@@ -57,6 +58,7 @@ class CSMTP : public CNTService {
     void RunLoop(HANDLE notification);
     void PublishActiveConnections();
     void EndSessions();
+    void Drain(bool draining);
     void LoadInterface(NetworkInterface& entry, const std::string& name);
 
     // Lives as long as the host: a late signal may still come to it.
@@ -74,6 +76,7 @@ class CSMTP : public CNTService {
     std::array<std::atomic<std::int32_t>, kInterfaceCount>& arrivingCounts_;
     std::atomic<bool> stopRequested_{false};
     bool sessionsLeft_ = false;
+    control::Draining draining_;
     trelis::Followed<long long> scanLimit_{trelis::kMailDaemonKey, ReadScanLimit};
     platform::InstanceLock lock_;
 };

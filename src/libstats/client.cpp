@@ -108,7 +108,7 @@ int CLibStatsCore::AddReference() {
         }
         const std::lock_guard lock(lock_);
         endpoint_ = opened;
-        outbox_.Open(opened, TellLost);
+        outbox_.Open(opened, TellLost, metrics::Queue::kStatistics);
     }
     ++references_;
     return 0;

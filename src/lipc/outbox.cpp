@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "lipc/deliver.h"
+#include "metrics/count.h"
 
 namespace {
 
@@ -16,34 +17,52 @@ bool NeverTaken(int status) { return status == LIPC_NOT_THERE || status == LIPC_
 
 }  // namespace
 
-void LIPCOutbox::Open(LIPCEndpoint* endpoint, TellLost tellLost) {
+void LIPCOutbox::Open(LIPCEndpoint* endpoint, TellLost tellLost, metrics::Queue name) {
     const std::lock_guard lock(mutex_);
     endpoint_ = endpoint;
     tellLost_ = tellLost;
+    name_ = name;
     lost_ = 0;
     open_ = true;
 }
 
-int LIPCOutbox::Lose(int status) {
-    ++lost_;
+int LIPCOutbox::Lose(int status, std::uint32_t count) {
+    Miss(count);
     return status;
 }
 
-int LIPCOutbox::Post(const void* data, std::uint32_t length) {
+void LIPCOutbox::Miss(std::uint64_t count) {
+    lost_ += count;
+    metrics::Add<metrics::Metric::kQueueDropped>(name_, count);
+}
+
+void LIPCOutbox::ShowWaiting() const {
+    metrics::Set<metrics::Metric::kQueueLength>(name_, waiting_);
+}
+
+void LIPCOutbox::CountLost(std::uint64_t count) {
+    const std::lock_guard lock(mutex_);
+    if (open_) Miss(count);
+}
+
+int LIPCOutbox::Post(const void* data, std::uint32_t length, std::uint32_t count) {
     const std::lock_guard lock(mutex_);
     if (!open_) return LIPC_CLOSING;
-    if (queue_.size() >= kMostRequests || length > kMostBytes - bytes_) return Lose(LIPC_BUSY);
+    if (waiting_ + count > kMostRequests || length > kMostBytes - bytes_)
+        return Lose(LIPC_BUSY, count);
     try {
         if (!thread_.joinable()) thread_ = std::thread([this] { Work(); });
         const char* from = static_cast<const char*>(data);
-        queue_.emplace_back(from, from + length);
+        queue_.push_back({Request(from, from + length), count});
     } catch (const std::bad_alloc&) {
-        return Lose(LIPC_NO_MEMORY);
+        return Lose(LIPC_NO_MEMORY, count);
     } catch (const std::system_error&) {  // no thread to be had
-        return Lose(LIPC_NO_MEMORY);
+        return Lose(LIPC_NO_MEMORY, count);
     }
     bytes_ += length;
+    waiting_ += count;
     idle_ = false;
+    ShowWaiting();
     if (queue_.size() == 1) changed_.notify_all();
     return LIPC_OK;
 }
@@ -54,9 +73,11 @@ int LIPCOutbox::Send(const Request& request) {
 
 // The request at the head and its reply. Whether the daemon has answered.
 bool LIPCOutbox::SendHead(std::unique_lock<std::mutex>& lock) {
-    const Request request = std::move(queue_.front());
+    const auto [request, count] = std::move(queue_.front());
     queue_.pop_front();
     bytes_ -= request.size();
+    waiting_ -= count;
+    ShowWaiting();
     int status = LIPC_OK;
     for (;;) {
         lock.unlock();
@@ -66,14 +87,15 @@ bool LIPCOutbox::SendHead(std::unique_lock<std::mutex>& lock) {
         Pause(lock, status == LIPC_BUSY ? kLIPCBusyPause : kPauseAfterFailure);
     }
     if (status == LIPC_OK) return true;
-    ++lost_;
+    Miss(count);
     if (open_) {
         Pause(lock, kPauseAfterFailure);
     } else {
         // Nobody to deliver to, and no time to wait for one.
-        lost_ += queue_.size();
+        Miss(waiting_);
         queue_.clear();
-        bytes_ = 0;
+        bytes_ = waiting_ = 0;
+        ShowWaiting();
     }
     return false;
 }

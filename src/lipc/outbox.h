@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "lipc/lipc.h"
+#include "metrics/rows.h"
 
 class LIPCOutbox {
   public:
@@ -36,17 +37,25 @@ class LIPCOutbox {
 
     // Begins to take requests for the endpoint, which is the outbox's from here on: others may use
     // it until Close. The outbox is new, or has been closed. No thread runs before the first Post.
-    void Open(LIPCEndpoint* endpoint, TellLost tellLost);
+    // name: under which what waits and what is lost is counted.
+    void Open(LIPCEndpoint* endpoint, TellLost tellLost, metrics::Queue name);
     // Copies the request into the queue; never waits for the daemon. Any thread, at any time.
     // LIPC_OK, LIPC_BUSY if there is no room and LIPC_NO_MEMORY (lost, and counted), or
-    // LIPC_CLOSING when the outbox is not open.
-    int Post(const void* data, std::uint32_t length);
+    // LIPC_CLOSING when the outbox is not open. count: how many it counts for, where one request
+    // holds several.
+    int Post(const void* data, std::uint32_t length, std::uint32_t count = 1);
+    // So many were lost before they could be posted.
+    void CountLost(std::uint64_t count);
     // Takes no more, lets the daemon have up to `limit` to take what waits, closes the endpoint
     // with all who wait in it, and ends the thread. What a daemon that isn't there has not taken is
     // lost at once.
     void Close(std::chrono::milliseconds limit);
 
   private:
+    struct Waiting {
+        Request request;
+        std::uint32_t count;
+    };
     void Work();
     // One request and its reply. A status of LIPCRequest.
     int Send(const Request& request);
@@ -55,15 +64,20 @@ class LIPCOutbox {
     bool SendLost(std::unique_lock<std::mutex>& lock);
     // Until it is over or the outbox is being closed.
     void Pause(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds pause);
-    int Lose(int status);
+    int Lose(int status, std::uint32_t count);
+    // Counts them, for the daemon and for who looks on, as the next does with what waits.
+    void Miss(std::uint64_t count);
+    void ShowWaiting() const;
 
     LIPCEndpoint* endpoint_ = nullptr;  // written while no thread runs
     TellLost tellLost_ = nullptr;       // written while no thread runs
+    metrics::Queue name_{};             // written while no thread runs
     std::mutex mutex_;                  // guards all below
     std::condition_variable changed_;   // of queue_, open_ or idle_
-    std::deque<Request> queue_;
-    std::size_t bytes_ = 0;   // of queue_
-    std::uint64_t lost_ = 0;  // not told yet
+    std::deque<Waiting> queue_;
+    std::size_t bytes_ = 0;    // of queue_
+    std::size_t waiting_ = 0;  // what queue_ counts for
+    std::uint64_t lost_ = 0;   // not told yet
     bool open_ = false;
     bool idle_ = true;  // the thread has nothing left to do, or there is none
     std::thread thread_;

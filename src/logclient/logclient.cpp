@@ -13,7 +13,9 @@
 #include "lipc/deliver.h"
 #include "lipc/lipc.h"
 #include "lipc/outbox.h"
+#include "logclient/gatherer.h"
 #include "logclient/levels.h"
+#include "logclient/line.h"
 #include "platform/clock.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
@@ -240,6 +242,25 @@ LIPCOutbox& Outbox() {
     return outbox;
 }
 
+// What has been gathered becomes one event.
+void PostLines(const std::string& lines, std::uint32_t count) {
+    std::uint32_t event = kEventInfo;
+    OwnedFlatForm flat;
+    if (!Wanted(event)) return;
+    if (BuildOwn(event, &flat, kLogLinesMark, lines.c_str()) == TAGMSG_OK) {
+        Outbox().Post(flat.data, flat.length, count);
+    } else {
+        Outbox().CountLost(count);
+    }
+}
+
+// As the outbox.
+LineGatherer& Lines() {
+    static LineGatherer& lines =
+        *new LineGatherer(PostLines, [](std::uint32_t count) { Outbox().CountLost(count); });
+    return lines;
+}
+
 }  // namespace
 
 int LogClientInit(const char* label, std::uint32_t) {
@@ -247,7 +268,8 @@ int LogClientInit(const char* label, std::uint32_t) {
     LIPCEndpoint* endpoint = nullptr;
     if (LIPCOpenClient(&endpoint, kEndpointName) != LIPC_OK) return kFailed;
     g_endpoint = endpoint;
-    Outbox().Open(endpoint, TellLost);
+    Outbox().Open(endpoint, TellLost, metrics::Queue::kLog);
+    Lines().Open();
     std::snprintf(g_label, sizeof g_label, "%s", label != nullptr ? label : "");
     MakeMissingLevels();
     FollowedLevels().Load();
@@ -257,6 +279,7 @@ int LogClientInit(const char* label, std::uint32_t) {
 void LogClientUninit() {
     if (--g_users != 0) return;
     g_endpoint = nullptr;
+    Lines().Close();
     Outbox().Close(kStopLimit);
     FollowedLevels().End();
 }
@@ -280,3 +303,10 @@ int LogClientPost(std::uint32_t event, ...) {
     va_end(list);
     return status == TAGMSG_OK ? Outbox().Post(flat.data, flat.length) : status;
 }
+
+bool LogClientTakesLines() {
+    std::uint32_t event = kEventInfo;
+    return Wanted(event);
+}
+
+void LogClientLine(std::string_view line) { Lines().Add(line); }

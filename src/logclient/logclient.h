@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 // Event kinds: the top 16 bits of an event word.
 inline constexpr std::uint32_t kEventVirus = 0x10000;
@@ -46,3 +47,12 @@ int LogClientEvent(std::uint32_t event, ...);
 // since 1970). Any thread. 0 if it waits for delivery; -15, -1 and
 // -13 as above; -6 if it is lost; -15 also when the client is down.
 int LogClientPost(std::uint32_t event, ...);
+
+// Whether lines for sessions and messages are wanted: the level of the class Info isn't none. Any
+// thread.
+bool LogClientTakesLines();
+// Takes one such line (logclient/line.h) for delivery together with others: no later than some
+// 200 ms after the first of them, in events of the kind Info whose TagInfoText is kLogLinesMark.
+// While the daemon isn't there they wait as posted events do, each counting for one. Never waits.
+// Any thread.
+void LogClientLine(std::string_view line);

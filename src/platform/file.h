@@ -115,7 +115,5 @@ class InstanceLock {
 
 // Lets the process open as many descriptors as the system allows it.
 void RaiseDescriptorLimit();
-// How many it may have open.
-std::size_t DescriptorLimit();
 
 }  // namespace platform

@@ -29,6 +29,7 @@ using LPTHREAD_START_ROUTINE = DWORD (*)(LPVOID argument);
 HANDLE CreateThread(LPSECURITY_ATTRIBUTES, ULONG_PTR stackSize, LPTHREAD_START_ROUTINE procedure,
                     LPVOID argument, DWORD flags, DWORD* threadId);
 DWORD GetCurrentThreadId();
+DWORD GetCurrentProcessId();
 
 // Wait up to `milliseconds` (INFINITE: no limit) for any one handle. The result is WAIT_OBJECT_0
 // plus the lowest index that is signalled, WAIT_TIMEOUT, or WAIT_FAILED. waitAll is not supported

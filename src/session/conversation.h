@@ -19,6 +19,8 @@ class Conversation {
     // 1: back to the dialogue, 0: end the session. expectReply: whether the client's answer is a
     // reply of the server's that is still to come.
     int RelayMessage(int* expectReply);
+    // The same, and the journal knows what becomes of the message.
+    int RelayOne(int* expectReply);
 
     Peers& peers_;
     SpoolFile& spool_;

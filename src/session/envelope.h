@@ -13,6 +13,7 @@ inline void FreeTextList(TextList& list) { TextList().swap(list); }
 
 struct Envelope {
     std::optional<std::string> savedMailLine;  // the sender command as it came, line end included
+    std::string sender;                        // of it, normalised, for the log
     TextList recipients;                       // in the order of acceptance
     bool haveMail = false;
     bool haveRecipient = false;
@@ -20,9 +21,10 @@ struct Envelope {
     int messagePhase = PHASE_NONE;
 
     // A new sender takes the place of all that was.
-    void AcceptSender(const std::string& line, bool binary) {
+    void AcceptSender(const std::string& line, const std::string& address, bool binary) {
         Clear();
         savedMailLine = line;
+        sender = address;
         haveMail = true;
         binaryMime = binary;
     }

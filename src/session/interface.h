@@ -2,6 +2,7 @@
 // the host; a session copies what it needs when it is admitted.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +12,8 @@
 #include "session/relay_network.h"
 
 struct NetworkInterface {
+    std::string name;                         // below the interfaces' key
+    std::size_t place = 0;                    // where it is counted: metrics::InterfacePlace
     std::string GreetingDomainName;           // the name in the proxy's own reply lines
     std::string IPAddress;                    // "::": all of both families; empty: all of IPv4
     int Port = 0;                             // host order

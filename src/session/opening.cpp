@@ -4,6 +4,7 @@
 
 #include "asfilters/asfilters.h"
 #include "logclient/logclient.h"
+#include "metrics/count.h"
 #include "session/client/proxy_header.h"
 #include "session/dialogue/unserved.h"
 #include "session/secure.h"
@@ -47,6 +48,7 @@ bool CSMTPProxy::LearnClient() {
     if (options.proxyProtocol || options.tellServer != TellServer::kOff)
         clientSocket_.GetOwnAddress(own);
     peers_.ownAddress = IpAddress::Of(peer);
+    peers_.journal.session.peer = peers_.ownAddress.Text();
     ClientIdentity& identity = peers_.identity;
     identity.address = peers_.ownAddress;
     identity.port = peer.Port();
@@ -64,17 +66,25 @@ bool CSMTPProxy::LearnClient() {
 
 bool CSMTPProxy::IsClientDenied() {
     const bool known = peers_.identity.address != IpAddress();
+    peers_.state.SetPeer(peers_.identity.address);
     peers_.address = known ? peers_.identity.address.Text() : "Unknown";
     // Whoever has been told of speaks for nobody, though somebody trusted may have put him through.
     peers_.trusted = known && settings_.options.Trusts(peers_.identity.address);
+    SessionRecord& record = peers_.journal.session;
+    record.peer = peers_.address;
+    record.toldBy = peers_.identity.toldBy;
+    record.helo = peers_.identity.helo;
     peers_.relayAllowed = known && settings_.MayRelay(peers_.identity.address);
     const std::shared_ptr<asfilters::CASFilters> filters = ShareASFilters();
     if (!known || filters == nullptr || filters->CheckIP(peers_.address.c_str()) != 2) return false;
+    metrics::Add<metrics::Metric::kFilterHits>(metrics::Filter::kIpList);
     peers_.SendStatEvent(80, nullptr, nullptr);
+    record.ended = kEndedDenied;
     return true;
 }
 
 void CSMTPProxy::Serve() {
+    peers_.state.SetPhase(SessionPhase::kConnecting);
     if (!configured_ || !SecureWrapped()) return;
     peers_.pipelining = peers_.authenticated = peers_.untold = false;
     peers_.helo.clear();  // who speaks now has not said it
@@ -115,7 +125,7 @@ bool CSMTPProxy::OpenServer() {
                 DropServer();
                 continue;
             case Prepared::kRefused:
-                client_.Send(done.text);
+                peers_.SendReply(done.text);
                 client_.EndSending();
                 return false;
             case Prepared::kFailed:
@@ -185,7 +195,8 @@ bool CSMTPProxy::Wanted() { return !stopRequested_ && !client_.PeerGone(); }
 
 void CSMTPProxy::AnswerOutage(ConnectFailure failure) {
     if (stopRequested_) failure = ConnectFailure::kGivenUp;
-    client_.Send(OutageReply(settings_.greetingName, failure));
+    peers_.journal.session.ended = kEndedOutage;
+    peers_.SendReply(peers_.Own(OutageReply(settings_.greetingName, failure)));
     client_.EndSending();
 }
 

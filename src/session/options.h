@@ -50,6 +50,8 @@ struct ConnectionOptions {
     TellServer tellServer = TellServer::kOff;
     bool tellServerRequired = false;
 
+    bool idInReplies = false;  // also in those whose text others may rely on
+
     bool pipelining = false;
     EarlyTalker earlyTalker = EarlyTalker::kIgnore;
     BareNewline bareNewline = BareNewline::kAccept;

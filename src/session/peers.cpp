@@ -1,6 +1,10 @@
 #include "session/peers.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "libstats/libstats.h"
+#include "metrics/count.h"
 #include "session/client/xclient.h"
 
 namespace {
@@ -10,7 +14,28 @@ constexpr int kServiceId = 22;
 constexpr int kObjectStatus = 30;
 constexpr int kActionMask = 62;
 constexpr int kAllIsWell = 0;
+
+// Refusals that have always had these words.
+constexpr std::string_view kKnownRefusals[] = {
+    "452 Requested action not taken: insufficient system storage",
+    "501 Unknown command",
+    "503 Bad sequence of commands",
+    "550 5.7.1 Message Rejected",
+    "550 Rejected by Vantrel.",
+    "550 Unable to relay",
+};
 constexpr int kPeerLost = 255;
+
+// A piece that ends within a reply, or in the middle of a line, is none.
+void CountReply(std::string_view text) {
+    if (text.size() < 4 || text.back() != '\n') return;
+    std::string_view last = text;
+    // Nearly all have one line, and to look for its end from the front is quicker.
+    if (text.find('\n') + 1 != text.size())
+        last.remove_prefix(text.rfind('\n', text.size() - 2) + 1);
+    if (last.size() < 4 || last[3] == '-' || last[0] < '2' || last[0] > '5') return;
+    metrics::Add<metrics::Metric::kReplies>(static_cast<std::size_t>(last[0] - '2'));
+}
 
 }  // namespace
 
@@ -24,10 +49,30 @@ int KeepAlive(void* context) {
     return alive ? kAllIsWell : kPeerLost;
 }
 
+std::string Peers::Own(std::string_view refusal, Wording wording) const {
+    const std::string_view words = refusal.substr(0, refusal.find_last_not_of("\r\n") + 1);
+    const bool known = wording == Wording::kKnown ||
+                       std::find(std::begin(kKnownRefusals), std::end(kKnownRefusals), words) !=
+                           std::end(kKnownRefusals);
+    return known && !settings.options.idInReplies ? std::string(refusal) : journal.WithId(refusal);
+}
+
+bool Peers::SendReply(std::string_view text) {
+    CountReply(text);
+    return client.Send(text);
+}
+
+bool Peers::QueueReply(std::string_view text) {
+    CountReply(text);
+    return client.Queue(text);
+}
+
 bool Peers::AnswerInsteadOfServer(std::string_view answer) {
     ServerReply reply;
     const bool inStep = server.Ask("RSET\r\n", reply) && !reply.Is("421");
-    return client.Send(answer) && inStep;
+    const bool sent = SendReply(answer);
+    if (sent) journal.Replied(answer);
+    return sent && inStep;
 }
 
 bool Peers::TellOfClient() {

@@ -6,8 +6,10 @@
 
 #include "net/stream.h"
 #include "session/client/identity.h"
+#include "session/journal.h"
 #include "session/server_link.h"
 #include "session/settings.h"
+#include "session/state.h"
 
 // To mail, where the server has to know who the client is and can't be told.
 inline constexpr std::string_view kClientUntold =
@@ -35,13 +37,25 @@ struct Peers {
     bool restart = false;
     // A keep-alive has failed: a peer has gone, or the server is out of step. The session ends.
     bool lost = false;
+    SessionState state{};  // for those who look on
+    // What the log will tell of the session and of the message in hand.
+    Journal journal{};
 
+    // A reply to the client, whole or in pieces, which is counted with its last line. False as
+    // Stream has it.
+    bool SendReply(std::string_view text);
+    bool QueueReply(std::string_view text);
     // Tells the server with XCLIENT or XFORWARD who the client is; sets `untold`. False: the server
     // has gone.
     bool TellOfClient();
+    // A refusal of the proxy's own, as the client gets it: with the id in the log behind it. A text
+    // that programs may know stays as it is, unless the interface wants the id in all: one of the
+    // configuration's (kKnown), or one that has always been the proxy's.
+    enum class Wording { kOurs, kKnown };
+    std::string Own(std::string_view refusal, Wording wording = Wording::kOurs) const;
     // Gives the client the answer to a message that goes no further, once the server has forgotten
     // what it had of it. False: the session ends, for the server is out of step or a peer has gone;
-    // the client has its answer all the same.
+    // the client has its answer all the same, which is noted as the message's.
     bool AnswerInsteadOfServer(std::string_view answer);
     // Tells the statistics daemon of a filter's verdict; null texts are left out.
     void SendStatEvent(int eventCode, const char* sender, const char* recipient) const;

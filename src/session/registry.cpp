@@ -52,6 +52,15 @@ bool SessionRegistry::Empty() {
     return running_ == 0;
 }
 
+std::size_t SessionRegistry::Look(std::size_t most, std::vector<SessionView>& views) {
+    const std::lock_guard lock(mutex_);
+    for (const CSMTPProxy* session : sessions_) {
+        if (views.size() >= most) break;
+        views.push_back(session->View());
+    }
+    return sessions_.size();
+}
+
 void SessionRegistry::Reopen() {
     const std::lock_guard lock(mutex_);
     stopping_ = false;

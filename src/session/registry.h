@@ -8,8 +8,10 @@
 #include <mutex>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 class CSMTPProxy;
+struct SessionView;
 
 class SessionRegistry {
   public:
@@ -33,6 +35,8 @@ class SessionRegistry {
     bool WaitIdle(std::chrono::milliseconds limit);
     // Whether no session's task is left at all, at work or not.
     bool Empty();
+    // How many sessions there are; adds a view of each, up to so many in all.
+    std::size_t Look(std::size_t most, std::vector<SessionView>& views);
     // While one lives, its session's task only sleeps, with nothing in hand: a stop doesn't wait
     // for it.
     class Delay {

@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "logclient/logclient.h"
+#include "metrics/count.h"
 
 namespace {
 
@@ -47,6 +48,11 @@ bool SecureClient(Peers& peers, const TlsContext& context) {
         LogClientPost(kEventInfo, nullptr, text.c_str());
         return false;
     }
+    metrics::Add<metrics::Metric::kTlsSessions>(
+        outcome.protocol == "TLSv1.3"   ? metrics::TlsVersion::k13
+        : outcome.protocol == "TLSv1.2" ? metrics::TlsVersion::k12
+                                        : metrics::TlsVersion::kOther);
     peers.client.Secure(std::move(outcome.transport));
+    peers.journal.session.tls = outcome.protocol + " " + outcome.cipher;
     return true;
 }

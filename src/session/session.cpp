@@ -3,10 +3,26 @@
 #include <new>
 #include <utility>
 
+#include "metrics/count.h"
 #include "platform/task.h"
 #include "session/registry.h"
 
 namespace {
+
+// Counts a session while it runs.
+class Running {
+  public:
+    explicit Running(std::size_t place) : place_(place) {
+        metrics::Add<metrics::Metric::kSessions>(place);
+        metrics::Add<metrics::Metric::kSessionsActive>(place);
+    }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+    ~Running() { metrics::Subtract<metrics::Metric::kSessionsActive>(place_); }
+
+  private:
+    const std::size_t place_;
+};
 
 void SessionThread(void* argument) {
     if (argument == nullptr) return;
@@ -63,6 +79,18 @@ void CSMTPProxy::Cut() {
     }
 }
 
+// Of what its task writes only the state may be looked at.
+SessionView CSMTPProxy::View() const {
+    const SessionState& state = peers_.state;
+    return {peers_.journal.session.id,
+            state.Peer() == IpAddress() ? "" : state.Peer().Text(),
+            settings_.interfaceName,
+            state.Phase(),
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                  state.Begun()),
+            state.Bytes()};
+}
+
 Stream::Line CSMTPProxy::ReadCommand(std::string_view& line, std::size_t limit) {
     // Either this task sees the request, or the requester sees it waiting.
     waitingForCommand_ = true;
@@ -73,6 +101,7 @@ Stream::Line CSMTPProxy::ReadCommand(std::string_view& line, std::size_t limit) 
 }
 
 int CSMTPProxy::RunSession() {
+    const Running running(settings_.interfacePlace);
     CountPlace counted;
     try {
         client_.Attach(clientSocket_);
@@ -90,6 +119,9 @@ int CSMTPProxy::RunSession() {
     } catch (...) {  // memory ran out: an ordinary end
     }
     counted.GiveBack();
+    if (stopRequested_ && peers_.journal.session.ended != kEndedQuit)
+        peers_.journal.session.ended = kEndedStop;
+    peers_.journal.EndSession();
     // A message that was abandoned between two chunks, or by an exception. The file has its name
     // from the client's socket, whose number the next session may get.
     spool_.Remove();

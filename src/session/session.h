@@ -45,6 +45,7 @@ class CSMTPProxy : private CommandSource, private ConnectWatch {
     // Called by the registry under its lock, from the host's thread.
     void RequestStop();
     void Cut();
+    SessionView View() const;
 
   private:
     friend std::unique_ptr<CSMTPProxy> CreateSession(SOCKET socket);

@@ -4,6 +4,8 @@
 
 SessionSettings SessionSettings::Of(const NetworkInterface& interface, long long defaultMaxSize) {
     SessionSettings settings;
+    settings.interfaceName = interface.name;
+    settings.interfacePlace = interface.place;
     settings.greetingName = interface.GreetingDomainName;
     settings.servers.push_back(ServerAddress::Parse(interface.ServerToForward));
     for (const std::string& text : interface.options.fallbackServers) {

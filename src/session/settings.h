@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,6 +12,8 @@
 #include "session/server/server_address.h"
 
 struct SessionSettings {
+    std::string interfaceName;
+    std::size_t interfacePlace = 0;  // where it is counted
     std::string greetingName;
     // In the order in which they are tried: the real server, then those that stand in for it.
     std::vector<ServerAddress> servers;

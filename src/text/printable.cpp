@@ -24,6 +24,16 @@ std::size_t TextWidth(std::string_view text) {
     }));
 }
 
+// Clean texts have no controls: these two are all that has to be escaped.
+std::string QuotedText(std::string_view text) {
+    std::string quoted = "\"";
+    for (const char each : CleanText(text)) {
+        if (each == '"' || each == '\\') quoted += '\\';
+        quoted += each;
+    }
+    return quoted + '"';
+}
+
 std::string CleanText(std::string_view text, std::size_t limit) {
     std::string out;
     while (!text.empty()) {

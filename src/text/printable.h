@@ -12,5 +12,8 @@ std::size_t PrintableLength(std::string_view text);
 // The text without control characters and broken UTF-8 ('?' in their place), cut to limit bytes at
 // a character's boundary.
 std::string CleanText(std::string_view text, std::size_t limit = std::string_view::npos);
+// The clean text in double quotes, as JSON takes it, and Prometheus: with a backslash in front of
+// these and of its own.
+std::string QuotedText(std::string_view text);
 // How wide a text stands in a terminal: its characters, of which continuation bytes are none.
 std::size_t TextWidth(std::string_view text);

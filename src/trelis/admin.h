@@ -18,6 +18,8 @@ using Values = std::vector<std::pair<std::string, std::string>>;
 // Keys that were given a value, at and below key ("/": all), sorted. Nothing if the key doesn't
 // exist.
 std::optional<Values> DumpTree(const std::string& key);
+// How many changes there have been since the store was made; -1 if it can't be read.
+std::int64_t CountChanges();
 // Stores all or none.
 bool LoadValues(const Values& values);
 

@@ -173,6 +173,12 @@ bool Store::NoteChange(const std::string& key) {
     return Execute(("DELETE FROM changes WHERE id < " + std::to_string(id - kChangesKept)).c_str());
 }
 
+std::int64_t Store::Changes() {
+    const std::lock_guard lock(mutex_);
+    sqlite::Statement newest = Prepare("SELECT coalesce(max(id), 0) FROM changes");
+    return newest && newest.Row() ? newest.Number(0) : -1;
+}
+
 bool Store::Commit(bool good) {
     if (good && Execute("COMMIT")) return true;
     Execute("ROLLBACK");

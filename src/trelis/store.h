@@ -47,6 +47,8 @@ class Store {
     std::optional<std::vector<std::string>> Children(const std::string& key);
     // Keys that were given a value, at and below key, in byte order.
     std::optional<Pairs> Dump(const std::string& key);
+    // Those that there have ever been; -1 on failure.
+    std::int64_t Changes();
     // Marks this process's rows among the changes.
     std::int64_t Origin() const { return origin_; }
 

@@ -199,6 +199,10 @@ std::optional<std::vector<std::string>> ListChildren(const std::string& key) {
                 [&](Store& opened) { return opened.Children(key); });
 }
 
+std::int64_t CountChanges() {
+    return With(kLocalStore, std::int64_t{-1}, [](Store& opened) { return opened.Changes(); });
+}
+
 bool FollowChanges(std::function<void(const std::string& path)> use) {
     Watches::Instance().SetListener(std::move(use));
     return TrelisPlaceNotify(kLocalStore, "/", 1) != nullptr;

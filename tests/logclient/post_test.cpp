@@ -2,6 +2,7 @@
 // is bounded.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -164,6 +165,64 @@ TEST_F(Post, TheEndDoesNotWaitLongForADaemonThatHangs) {
     const auto took = Uninit();
     EXPECT_GE(took, 1500ms);
     EXPECT_LT(took, 10s);
+}
+
+TEST_F(Post, LinesAreSentTogetherAndInTheirOrder) {
+    Logger logger;
+    constexpr int kLines = 5000;
+    const auto start = Clock::now();
+    std::string expected;
+    for (int i = 0; i < kLines; ++i) {
+        const std::string line = std::to_string(i) + std::string(50, 'x') + '\x1E';
+        expected += line;
+        LogClientLine(line);
+    }
+    const auto all = [&logger] {
+        std::string text;
+        for (const std::string& each : logger.Messages()) text += each;
+        return text;
+    };
+    EXPECT_TRUE(Eventually([&] { return all().size() >= expected.size(); }));
+    EXPECT_EQ(all(), expected);
+    EXPECT_LT(logger.Messages().size(), static_cast<std::size_t>(kLines) / 50);
+    EXPECT_LT(Clock::now() - start, 10s);
+    LogClientLine("alone\x1E");
+    EXPECT_TRUE(Eventually([&] { return logger.Messages().back() == "alone\x1E"; })) << "in time";
+    LogClientLine("last\x1E");
+    EXPECT_LT(Uninit(), 20s);
+    EXPECT_EQ(logger.Messages().back(), "last\x1E") << "what is gathered is sent at the end";
+    LogClientLine("late\x1E");
+}
+
+TEST_F(Post, LinesCountOneByOneWhereTheyAreLost) {
+    Logger logger;
+    logger.hangs = true;
+    EXPECT_EQ(Info("in its hands"), 0);
+    EXPECT_TRUE(Eventually([&] { return logger.Messages().size() == 1; }));
+    constexpr std::size_t kLines = LIPCOutbox::kMostRequests * 2;
+    for (std::size_t i = 0; i < kLines; ++i) LogClientLine("0123456789012345678901234567890\x1E");
+    std::this_thread::sleep_for(1s);  // the last ones are posted, and lost, by then
+    logger.hangs = false;
+    const auto lost = [&logger] {
+        unsigned long count = 0;
+        for (const std::string& each : logger.Messages()) {
+            if (each.ends_with(" events lost")) count += std::stoul(each);
+        }
+        return count;
+    };
+    EXPECT_TRUE(Eventually([&] { return lost() > 0; }));
+    std::size_t lines = 0;
+    for (const std::string& each : logger.Messages())
+        lines += static_cast<std::size_t>(std::count(each.begin(), each.end(), '\x1E'));
+    EXPECT_EQ(lines + lost(), kLines);
+    EXPECT_LE(lines, LIPCOutbox::kMostRequests);
+    EXPECT_GT(lines, LIPCOutbox::kMostRequests / 2);
+}
+
+TEST_F(Post, LinesAreNotWantedWhereTheirClassIsNot) {
+    EXPECT_TRUE(LogClientTakesLines());
+    TrelisSetValue(kLocalStore, "/VTUX/LoggerDaemon/LogLevel/Info", "none");
+    EXPECT_TRUE(Eventually([] { return !LogClientTakesLines(); }));
 }
 
 TEST_F(Post, TheEndDoesNotWaitForADaemonThatIsNotThere) {

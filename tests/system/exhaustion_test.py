@@ -94,3 +94,4 @@ class FullDisk(unittest.TestCase):
         for words in (("vtregistry", "watch", "/a"), ("vtmaild", "debug"), ("vtsmtpproxy", "debug")):
             with self.subTest(words[0]):
                 self.assertIsNone(self.run_for_a_while(BIN + "/" + words[0], *words[1:]))
+        self.assertEqual(os.listdir(self.home + "/metrics"), ["vtlogd"], "what can't be had whole is not begun")

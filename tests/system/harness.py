@@ -4,6 +4,7 @@ test chooses, and a client that speaks raw bytes."""
 import contextlib
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -189,6 +190,10 @@ class ScanDaemon(Listening):
 
 
 class Client:
+    """Replies come without the id at the end of the proxy's own refusals; `ids` has those."""
+    ids = []
+    ID = re.compile(rb" \[([0-9a-z]{14}(?:-[0-9]+)?)\]\r\n\Z")
+
     def __init__(self, port, timeout=15, host="127.0.0.1"):
         self.socket = socket.create_connection((host, port), timeout)
         self.stream = self.socket.makefile("rb")
@@ -197,6 +202,11 @@ class Client:
         self.socket.sendall(data)
 
     def reply(self):
+        reply = self.whole_reply()
+        self.ids = self.ids + [each.decode() for each in self.ID.findall(reply)]
+        return self.ID.sub(b"\r\n", reply)
+
+    def whole_reply(self):
         """One whole reply; empty when the connection is closed."""
         out = b""
         while True:
@@ -235,7 +245,6 @@ class Client:
     def close(self):
         self.stream.close()
         self.socket.close()
-
 
 class Proxy:
     """vtsmtpproxy in its own instance."""
@@ -308,14 +317,12 @@ class Proxy:
 
     def alive(self):
         return self.process.poll() is None
-
     def spool(self):
         folder = os.path.join(self.home, "tmp", "VTNP")
         return os.listdir(folder) if os.path.isdir(folder) else []
 
     def descriptors(self):
         return len(os.listdir("/proc/%d/fd" % self.process.pid))
-
     def sockets(self):
         """Those of the sessions, and a few besides."""
         directory, count = "/proc/%d/fd/" % self.process.pid, 0

@@ -11,7 +11,7 @@ import unittest
 from harness import BIN
 
 SERVICES = ("vtsmtpproxy", "vtmaild", "vtlogd", "vtstatd", "vtregistry")
-OTHERS = ("vtreport", "vtservice")
+OTHERS = ("vtlog", "vtreport", "vtservice")
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 
 
@@ -250,8 +250,8 @@ class Registry(Person):
 
     def completed(self, line):
         words = line.split(" ")
-        script = 'compopt() { :; }; . "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _vtregistry; printf "%s\\n" "${COMPREPLY[@]}"'
-        return subprocess.run(["bash", "-c", script, ROOT + "/packaging/completion/vtregistry", *words], text=True, check=True,
+        script = 'compopt() { :; }; . "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _$1; printf "%s\\n" "${COMPREPLY[@]}"'
+        return subprocess.run(["bash", "-c", script, ROOT + "/packaging/completion/" + words[0], *words], text=True, check=True,
                               env=dict(self.env, PATH=BIN + ":" + os.environ["PATH"]), capture_output=True).stdout.split()
 
     def test_completion(self):
@@ -263,7 +263,8 @@ class Registry(Person):
                                ("vtregistry get /VTWIN/Ag", ["/VTWIN/Agents/"]), ("vtregistry set maild.scantimeout 1", ["120"]),
                                ("vtregistry set --force maild.virusaction d", ["drop"]), ("vtregistry undo --", ["--force"]),
                                ("vtregistry set interface.net.pipelining o", ["on", "off"]), ("vtregistry set no.such o", []),
-                               ("vtregistry set maild.whenencrypted pu", ["put\\", "off"])):
+                               ("vtregistry set maild.whenencrypted pu", ["put\\", "off"]), ("vtlog f", ["find", "follow"]),
+                               ("vtlog find --verdict r", ["reject"]), ("vtlog find --s", ["--since"]), ("vtlog find --id f", [])):
             self.assertEqual(self.completed(line), expected, line)
 
 

@@ -47,7 +47,7 @@ class Setup(unittest.TestCase):
             self.assertEqual(stored[key], value)
         for key, value in (("MailDomains/2", "example.net"), ("RelayNetworks/1/IPAddress", "192.0.2.0/24"),
                            ("RelayNetworks/2/Mask", "255.255.255.128"), ("RelayNetworks/3/IPAddress", "2001:db8::/32"),
-                           ("BareNewline", "normalize"), ("EarlyTalker", "refuse"), ("ServerTLS/Mode", "try")):
+                           ("BareNewline", "normalize"), ("EarlyTalker", "refuse"), ("IdInReplies", "Y"), ("ServerTLS/Mode", "try")):
             self.assertIn("%s/%s = %s" % (NET, key, value), lines)
         self.proxy.start()
         client = Client(self.proxy.port)

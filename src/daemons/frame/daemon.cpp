@@ -4,13 +4,15 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "metrics/count.h"
 #include "platform/console.h"
 #include "platform/home.h"
 #include "trelis/trelis.h"
 
 Daemon::Daemon(const char* name, const char* display, const char* descriptionText,
-               const char* endpointName)
+               const char* endpointName, metrics::Program program)
     : CNTService(name),
+      program_(program),
       endpointName_(endpointName),
       stopEvent_(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
     displayName = display;
@@ -81,6 +83,9 @@ void Daemon::Run(int argc, char** argv) {
         std::fprintf(stderr, "%s: can't open the store\n", serviceName.c_str());
         return;
     }
+    if (!metrics::Open(program_))
+        std::fprintf(stderr, "%s: can't make its file below metrics: nothing of it is shown\n",
+                     serviceName.c_str());
     if (Start(argc, argv)) {
         if (LIPCOpenServer(&endpoint_, endpointName_) == LIPC_OK) {
             std::vector<UniqueHandle> threads;

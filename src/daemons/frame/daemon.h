@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "lipc/lipc.h"
+#include "metrics/table.h"
 #include "ntservice/ntservice.h"
 #include "platform/file.h"
 #include "platform/sync.h"
@@ -17,9 +18,10 @@
 
 class Daemon : public CNTService {
   public:
-    // endpointName is the pipe's name; the service's name is its own.
+    // program: as what it is counted. endpointName is the pipe's name; the service's name is its
+    // own.
     Daemon(const char* serviceName, const char* displayName, const char* descriptionText,
-           const char* endpointName);
+           const char* endpointName, metrics::Program program);
 
     void Run(int argc, char** argv) override;
     void Stop() override;
@@ -48,6 +50,7 @@ class Daemon : public CNTService {
     void Finish();
     void Drain();
 
+    const metrics::Program program_;
     const char* const endpointName_;
     LIPCEndpoint* endpoint_ = nullptr;
     UniqueHandle stopEvent_;

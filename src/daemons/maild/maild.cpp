@@ -71,7 +71,8 @@ std::string LabelOf(const Judgement& judgement, std::int32_t event,
 
 MailDaemon::MailDaemon()
     : Daemon("VTMAILD", "Vantrel Mail Scanner",
-             "Scans the messages that the Vantrel SMTP proxy hands to it", "vtmaild") {}
+             "Scans the messages that the Vantrel SMTP proxy hands to it", "vtmaild",
+             metrics::Program::kMailDaemon) {}
 
 trelis::Registration MailDaemon::Keys() const {
     return {trelis::Program::kMailDaemon, "VTMAILD", displayName};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <span>
 
 #include "daemons/maild/log.h"
 #include "trelis/keys/settings.h"
@@ -14,12 +15,23 @@ consteval trelis::Key OfAttachments(const char* name) { return {trelis::kAttachm
 consteval trelis::Key OfContent(const char* name) { return {trelis::kContentRuleKey, name}; }
 consteval trelis::Key Limit(const char* name) { return {trelis::kMailDaemonKey, name}; }
 
-std::set<std::string> NamesBelow(const trelis::Key& key) {
+// A name with none of its fields is what is left of a rule that was taken away key by key.
+std::set<std::string> NamesOf(std::span<const trelis::Key> fields) {
     std::set<std::string> names;
-    trelis::NameWalk walk(key);
-    for (std::string name; walk.Next(name);) names.insert(name);
+    trelis::NameWalk walk(fields.front());
+    for (std::string name; walk.Next(name);) {
+        if (std::any_of(fields.begin(), fields.end(), [&name](const trelis::Key& field) {
+                return trelis::ReadIfGiven(field, {name}).has_value();
+            }))
+            names.insert(name);
+    }
     return names;
 }
+constexpr trelis::Key kAttachmentFields[] = {
+    OfAttachments("FileName"), OfAttachments("DeclaredType"), OfAttachments("RealType"),
+    OfAttachments("MinSize"),  OfAttachments("Action"),       OfAttachments("Text")};
+constexpr trelis::Key kContentFields[] = {OfContent("Where"), OfContent("Pattern"),
+                                          OfContent("Action"), OfContent("Text")};
 
 void Warn(const std::string& name, const char* section, const std::string& what) {
     LogOnce({.kind = kEventWarning, .text = "the rule " + name + " on " + section + " " + what});
@@ -36,7 +48,7 @@ Action ReadAction(const trelis::Key& key, const std::string& name, const char* s
 
 maild::AttachmentRules LoadAttachmentRules() {
     maild::AttachmentRules read;
-    for (const std::string& name : NamesBelow(OfAttachments("Action"))) {
+    for (const std::string& name : NamesOf(kAttachmentFields)) {
         maild::AttachmentRule rule;
         rule.name = name;
         rule.fileName = maild::NamePatterns(trelis::ReadText(OfAttachments("FileName"), {name}));
@@ -57,7 +69,7 @@ maild::AttachmentRules LoadAttachmentRules() {
 
 maild::ContentRules LoadContentRules() {
     maild::ContentRules read;
-    for (const std::string& name : NamesBelow(OfContent("Action"))) {
+    for (const std::string& name : NamesOf(kContentFields)) {
         maild::ContentRule rule;
         rule.name = name;
         const std::string where = trelis::ReadText(OfContent("Where"), {name});

@@ -14,6 +14,7 @@
 #include "daemons/registryd/set.h"
 #include "daemons/registryd/show.h"
 #include "daemons/registryd/store_server.h"
+#include "metrics/count.h"
 #include "ntservice/ntservice.h"
 #include "ntservice/words.h"
 #include "platform/console.h"
@@ -115,6 +116,8 @@ class StoreService final : public CNTService {
                       << '\n';
             return;
         }
+        if (!metrics::Open(metrics::Program::kStore))
+            std::cerr << "VTREGISTRY: can't make its file below metrics: nothing of it is shown\n";
         if (!server_.Start()) std::cerr << "VTREGISTRY: can't serve other hosts\n";
         ReportStatus(SERVICE_RUNNING, 3000, 0);
         WaitForSingleObject(stopEvent_.Get(), INFINITE);

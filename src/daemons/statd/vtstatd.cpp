@@ -39,7 +39,8 @@ class StatsDaemon final : public Daemon {
   public:
     StatsDaemon()
         : Daemon("VTSTATD", "Vantrel Statistics",
-                 "Keeps statistics of the mail that passes the Vantrel SMTP proxy", "VTSTATD") {}
+                 "Keeps statistics of the mail that passes the Vantrel SMTP proxy", "VTSTATD",
+                 metrics::Program::kStatistics) {}
 
   protected:
     trelis::Registration Keys() const override {

@@ -12,16 +12,6 @@ std::string Count(std::ptrdiff_t count, const char* word) {
     return std::to_string(count) + ' ' + word + (count == 1 ? "" : "s");
 }
 
-// Clean texts have no controls: these two are all that has to be escaped.
-std::string Quote(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char each : CleanText(text)) {
-        if (each == '"' || each == '\\') quoted += '\\';
-        quoted += each;
-    }
-    return quoted + '"';
-}
-
 std::ptrdiff_t CountOf(const std::vector<Finding>& all, Severity severity) {
     return std::count_if(all.begin(), all.end(),
                          [severity](const Finding& each) { return each.severity == severity; });
@@ -43,9 +33,10 @@ std::string Findings::Json() const {
     std::string text = "[";
     for (const Finding& each : all_) {
         text += &each == &all_.front() ? "\n" : ",\n";
-        text += "  {\"severity\": " + Quote(Word(each.severity)) + ", \"key\": " + Quote(each.key) +
-                ", \"problem\": " + Quote(each.problem) + ", \"remedy\": " + Quote(each.remedy) +
-                '}';
+        text += "  {\"severity\": " + QuotedText(Word(each.severity)) +
+                ", \"key\": " + QuotedText(each.key) +
+                ", \"problem\": " + QuotedText(each.problem) +
+                ", \"remedy\": " + QuotedText(each.remedy) + '}';
     }
     return text + (all_.empty() ? "]\n" : "\n]\n");
 }

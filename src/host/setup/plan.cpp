@@ -57,6 +57,7 @@ trelis::Values PlanInterface(const SetupWishes& wishes, const std::string& hostN
     plan.Set(Key("Pipelining"), "Y");
     plan.Set(Key("BareNewline"), "normalize");
     plan.Set(Key("EarlyTalker"), "refuse");
+    plan.Set(Key("IdInReplies"), "Y");
     // Each session has a connection to the server of its own, and servers have limits of theirs.
     plan.Set(Key("MaxThreads"), "50");
     // A client is to be borne with for five minutes, and hears soon of a server that is down.

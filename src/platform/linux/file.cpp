@@ -234,9 +234,4 @@ void RaiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-std::size_t DescriptorLimit() {
-    rlimit limit{};
-    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? static_cast<std::size_t>(limit.rlim_cur) : 0;
-}
-
 }  // namespace platform

@@ -31,7 +31,8 @@ Dialogue::Outcome Dialogue::StartTlsRule() {
         return AnswerAndEnd(kTextBehind);
     const std::shared_ptr<const TlsContext> context = ClientContext(options);
     if (context == nullptr) return Answer(kNoTlsNow);
-    if (!client.Send(kReadyForTls) || !commands_.Handshake(*context)) return Outcome::kEndSession;
+    if (!peers_.SendReply(kReadyForTls) || !commands_.Handshake(*context))
+        return Outcome::kEndSession;
     // Nothing counts any more that was said before.
     if (envelope_.haveMail || envelope_.haveRecipient) {
         ServerReply reply;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "asfilters/asfilters.h"
+#include "metrics/count.h"
 #include "session/address/normalize.h"
 #include "session/address/path.h"
 #include "session/address/sender_check.h"
@@ -58,14 +59,15 @@ unsigned long long DeclaredSize(std::string_view parameters) {
 
 }  // namespace
 
-Dialogue::Outcome Dialogue::Answer(std::string_view text) {
-    if (!AnswerDue() || closing_ || !Reply(text)) return Outcome::kEndSession;
+Dialogue::Outcome Dialogue::Answer(std::string_view text, Peers::Wording wording) {
+    if (!AnswerDue() || closing_) return Outcome::kEndSession;
+    if (!Reply(peers_.Own(text, wording))) return Outcome::kEndSession;
     const bool alive = peers_.server.KeepAliveAfterAnswer() && !peers_.client.PeerGone();
     return alive ? Outcome::kAnswered : Outcome::kEndSession;
 }
 
 Dialogue::Outcome Dialogue::AnswerAndEnd(std::string_view text) {
-    if (AnswerDue() && !closing_ && peers_.client.Send(text)) peers_.client.EndSending();
+    if (AnswerDue() && !closing_ && peers_.SendReply(peers_.Own(text))) peers_.client.EndSending();
     return Outcome::kEndSession;
 }
 
@@ -120,18 +122,23 @@ bool Dialogue::NamesPath(std::string_view keyword) const {
     return rest.starts_with(':') || (rest.empty() && tokens_[2][0] == ':');
 }
 
+Dialogue::Outcome Dialogue::RefuseToRelay() {
+    metrics::Add<metrics::Metric::kFilterHits>(metrics::Filter::kRelay);
+    return Answer(kUnableToRelay);
+}
+
 Dialogue::Outcome Dialogue::RecipientRule() {
     const bool stranger = !peers_.relayAllowed;
     if (!NamesPath("to")) {  // the server judges the syntax, and may judge mildly
         return stranger && !UnreadStaysInside(copy_, peers_.settings.mailDomains)
-                   ? Answer(kUnableToRelay)
+                   ? RefuseToRelay()
                    : Outcome::kForward;
     }
     if (peers_.untold) return Answer(kBadSequence);  // there is no sender
     const std::string_view text = BehindColon(copy_);
     if (stranger && (IsLocalRecipientOf(text.data(), peers_.settings.mailDomains) == 0 ||
                      !StaysInside(text, peers_.settings.mailDomains)))
-        return Answer(kUnableToRelay);
+        return RefuseToRelay();
     // What is due may begin another envelope.
     if (envelope_.recipients.size() + due_.size() >= kMostRecipients && (!AnswerDue() || closing_))
         return Outcome::kEndSession;
@@ -147,11 +154,16 @@ Dialogue::Outcome Dialogue::SenderRule() {
     const int judgement =
         filters_ == nullptr ? 0 : CheckSenderReadings(*filters_, path, denyText_.data(), kTextSize);
     senderText_ = path.address.substr(0, kLongestAddress);
-    if (judgement == 1) return Answer(denyText_[0] != '\0' ? denyText_.data() : kDefaultDeny);
+    if (judgement == 1 || judgement == 2)
+        metrics::Add<metrics::Metric::kFilterHits>(metrics::Filter::kSenders);
+    if (judgement == 1)
+        return Answer(denyText_[0] != '\0' ? denyText_.data() : kDefaultDeny,
+                      Peers::Wording::kKnown);
     if (judgement == 2) {
         if (!AnswerDue() || closing_) return Outcome::kEndSession;
         peers_.SendStatEvent(81, senderText_.c_str(), nullptr);
-        peers_.client.Send(denyText_.data());  // the session ends either way
+        // The session ends either way.
+        peers_.SendReply(peers_.Own(denyText_.data(), Peers::Wording::kKnown));
         return Outcome::kEndSession;
     }
     const long long limit = peers_.settings.maxMessageSize;
@@ -191,13 +203,14 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     const bool last = tokenCount_ == 3;
     // The chunk is read before the envelope is looked at, or its bytes would be taken for commands.
     const Chunk chunk{envelope_.messagePhase != PHASE_BDAT, last, envelope_.binaryMime, size};
+    // Bytes that nobody has announced a message for are none.
+    const bool announced = refusal.empty() && envelope_.haveRecipient && envelope_.haveMail;
+    if (chunk.first && announced) peers_.journal.BeginMessage(envelope_, "bdat");
     switch (reception_.ReceiveChunk(chunk)) {
         case Received::kWhole:
             break;
         case Received::kTooLarge:
-            envelope_.Clear();
-            return peers_.AnswerInsteadOfServer(kMessageTooLarge) ? Outcome::kAnswered
-                                                                  : Outcome::kEndSession;
+            return RefuseLargeMessage();
         case Received::kFailed:
             return Outcome::kEndSession;
     }
@@ -209,6 +222,13 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     return last ? Outcome::kMessage : Answer(kChunkReceived);
 }
 
+Dialogue::Outcome Dialogue::RefuseLargeMessage() {
+    envelope_.Clear();
+    const bool inStep = peers_.AnswerInsteadOfServer(peers_.Own(kMessageTooLarge));
+    peers_.journal.EndMessage();
+    return inStep ? Outcome::kAnswered : Outcome::kEndSession;
+}
+
 // What the client calls itself goes to the server as it came, and is told it where that is asked.
 Dialogue::Outcome Dialogue::GreetingRule() {
     const std::size_t begin = line_.find_first_of(" \t");
@@ -217,6 +237,7 @@ Dialogue::Outcome Dialogue::GreetingRule() {
                       ? std::string()
                       : line_.substr(name, line_.find_first_of(" \t\r\n", name) - name);
     peers_.proto = inFlight_ == CMD_EHLO ? "ESMTP" : "SMTP";
+    if (peers_.identity.helo.empty()) peers_.journal.session.helo = peers_.helo;
     return Outcome::kForward;
 }
 

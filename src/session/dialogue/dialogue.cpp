@@ -98,9 +98,9 @@ bool Dialogue::AnswerDue() {
 // patience with each answer begins with the one before.
 bool Dialogue::Reply(std::string_view text) {
     if ((hold_ || peers_.client.HasLineAhead()) && !heldUntil_.Over())
-        return peers_.client.Queue(text);
+        return peers_.QueueReply(text);
     heldUntil_ = Deadline(kLongestHeld);
-    return peers_.client.Send(text);
+    return peers_.SendReply(text);
 }
 
 // Whether the client has sent more before it could know what it is answered.

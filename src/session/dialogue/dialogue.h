@@ -102,17 +102,20 @@ class Dialogue {
     Outcome TakeCommand();
     Outcome TakeAuthAnswer(bool whole);
     Outcome Dispatch(bool whole);
-    Outcome Answer(std::string_view text);
+    // A refusal gets the id of the session or message behind it.
+    Outcome Answer(std::string_view text, Peers::Wording wording = Peers::Wording::kOurs);
     Outcome AnswerAndEnd(std::string_view text);
     Outcome ForwardRule() { return Outcome::kForward; }
     // A message that the server would fetch itself never passes here, and nobody tells the server
     // who its client is but the proxy.
     Outcome RefusedRule();
     Outcome RecipientRule();
+    Outcome RefuseToRelay();
     Outcome SenderRule();
     Outcome DataRule();
     std::string_view NotBefore() const;
     Outcome ChunkRule();
+    Outcome RefuseLargeMessage();
     Outcome GreetingRule();
     Outcome AuthRule();
     Outcome StartTlsRule();

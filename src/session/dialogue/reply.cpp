@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "asfilters/asfilters.h"
+#include "metrics/count.h"
 #include "session/address/normalize.h"
 #include "session/client/xclient.h"
 #include "session/dialogue/dialogue.h"
@@ -42,20 +43,25 @@ bool Dialogue::RelayReply() {
         reply_ = line;
         NoteLine();
         if (swallow) continue;
-        if (GuardAgainstHarvesting()) return peers_.client.Send(pending + reply_);
+        if (GuardAgainstHarvesting()) return peers_.SendReply(pending + reply_);
         const Line outcome = RewriteLine();
         if (outcome != Line::kDrop) pending += reply_;
         swallow = outcome == Line::kWholeReply;
         if (pending.size() < kMostPending) continue;
-        if (!peers_.client.Send(pending)) return false;
+        if (!peers_.SendReply(pending)) return false;
         pending.clear();
     }
-    if (!std::exchange(peers_.greeted, true) && TalksEarly(false)) {
+    const bool first = !std::exchange(peers_.greeted, true);
+    if (first) peers_.state.SetPhase(SessionPhase::kDialogue);
+    if (first && TalksEarly(false)) {
         closing_ = true;
-        return peers_.client.Send(kBeforeGreeting);
+        return peers_.SendReply(peers_.Own(kBeforeGreeting));
     }
     // Also what came of a reply that never ended.
-    return Reply(pending) && !reader.Failed();
+    const bool sent = Reply(pending);
+    peers_.journal.ServerReplied(sent ? std::string_view(pending) : std::string_view(),
+                                 envelope_.messagePhase == PHASE_NONE);
+    return sent && !reader.Failed();
 }
 
 // What the reply means for what comes next, whatever the client sees of it.
@@ -63,6 +69,7 @@ void Dialogue::NoteLine() {
     authAnswer_ = reply_.starts_with("334");
     // Whatever it says, the client has said its last word; and a server that answers 421 closes.
     if (inFlight_ == CMD_QUIT || reply_.starts_with("421")) closing_ = true;
+    if (inFlight_ == CMD_QUIT) peers_.journal.session.ended = kEndedQuit;
     if (inFlight_ == CMD_AUTH && reply_.starts_with("235")) peers_.authenticated = true;
     if (inFlight_ == CMD_STARTTLS && reply_.starts_with("220")) startedTls_ = true;
     // It takes what follows for a message, which would pass unscanned; or, in a batch, the next
@@ -70,7 +77,7 @@ void Dialogue::NoteLine() {
     if (Continues(reply_) || (!reply_.starts_with("354") && !(inBatch_ && authAnswer_))) return;
     authAnswer_ = false;
     closing_ = true;
-    reply_ = kOutOfStep;
+    reply_ = peers_.Own(kOutOfStep);
 }
 
 // True if the client is a harvester: the reply in hand is the last one that it gets.
@@ -84,8 +91,9 @@ bool Dialogue::GuardAgainstHarvesting() {
                                                     denyText_.data(), kTextSize);
         if (result == 3) return false;
         if (result != 2) continue;
+        metrics::Add<metrics::Metric::kFilterHits>(metrics::Filter::kGuard);
         peers_.SendStatEvent(82, senderText_.c_str(), recipientText_.c_str());
-        reply_ = denyText_.data();
+        reply_ = peers_.Own(denyText_.data(), Peers::Wording::kKnown);
         closing_ = true;
         return true;
     }
@@ -147,7 +155,7 @@ void Dialogue::AcceptSender() {
     StripBlanks(words.data());
     const bool binary =
         std::string_view(words.c_str()).find("body=binarymime") != std::string::npos;
-    envelope_.AcceptSender(line_, binary);
+    envelope_.AcceptSender(line_, senderText_, binary);
 }
 
 Dialogue::Line Dialogue::FilterEhloLine() {

@@ -49,11 +49,14 @@ void Reception::Begin() {
 
 int Reception::Read(char* block, int size, milliseconds limit) {
     if (refusal_ != Refusal::kNone) limit = std::min(limit, drainUntil_.Left());
-    return peers_.client.Read(block, size, limit, &peers_.server.Socket());
+    const int count = peers_.client.Read(block, size, limit, &peers_.server.Socket());
+    if (count > 0) peers_.state.AddBytes(static_cast<std::uint64_t>(count));
+    return count;
 }
 
 void Reception::Store(std::string_view bytes) {
     const auto length = static_cast<long long>(bytes.size());
+    peers_.journal.Feed(bytes);
     if (refusal_ != Refusal::kNone) {
         drained_ += length;
         return;
@@ -91,24 +94,30 @@ bool Reception::IntervalOver() const {
            seconds(peers_.settings.noopInterval);
 }
 
+void Reception::NoteReceived() { peers_.journal.Received(spool_.Size() + drained_); }
+
 Received Reception::Abandon() {
+    NoteReceived();
     spool_.Remove();
     return Received::kFailed;
 }
 
 Received Reception::AnswerAndEnd() {
+    NoteReceived();
     spool_.Remove();
-    peers_.client.Send(refusal_ == Refusal::kTooLarge      ? kMessageTooLarge
-                       : refusal_ == Refusal::kBareNewline ? kBareNewline
-                                                           : kDiskFull);
+    const std::string answer = peers_.Own(refusal_ == Refusal::kTooLarge      ? kMessageTooLarge
+                                          : refusal_ == Refusal::kBareNewline ? kBareNewline
+                                                                              : kDiskFull);
+    if (peers_.SendReply(answer)) peers_.journal.Replied(answer);
     peers_.client.EndSending();
     return Received::kFailed;
 }
 
 Received Reception::Finish() {
-    if (refusal_ == Refusal::kTooLarge) return Received::kTooLarge;
-    if (refusal_ == Refusal::kNone && spool_.Close()) return Received::kWhole;
-    return AnswerAndEnd();
+    if (refusal_ != Refusal::kTooLarge && (refusal_ != Refusal::kNone || !spool_.Close()))
+        return AnswerAndEnd();
+    NoteReceived();
+    return refusal_ == Refusal::kTooLarge ? Received::kTooLarge : Received::kWhole;
 }
 
 bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {
@@ -128,9 +137,10 @@ bool Reception::Ended(const DataScanner& scanner, bool moreMayBeThere) {
 }
 
 Received Reception::ReceiveData() {
+    const PhaseScope scope(peers_.state, SessionPhase::kReceiving);
     Begin();
     ReadBlock block;
-    if (!peers_.client.Send(kStartMail)) return Received::kFailed;
+    if (!peers_.SendReply(kStartMail)) return Received::kFailed;
     if (!spool_.OpenNext()) Refuse(Refusal::kDiskFull);
     newlines_ = NewlineFilter(peers_.settings.options.bareNewline);
     DataScanner scanner(peers_.pipelining, !newlines_.Idle());
@@ -166,6 +176,7 @@ Received Reception::ReceiveData() {
 }
 
 Received Reception::ReceiveChunk(const Chunk& chunk) {
+    const PhaseScope scope(peers_.state, SessionPhase::kReceiving);
     Begin();
     if (chunk.first)
         newlines_ = NewlineFilter(chunk.binary ? BareNewline::kAccept

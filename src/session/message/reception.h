@@ -52,6 +52,7 @@ class Reception {
     // The next bytes of the message: the count, or below 1.
     int Read(char* block, int size, std::chrono::milliseconds limit);
     bool IntervalOver() const;
+    void NoteReceived();
     Received Finish();
     Received Abandon();
     Received AnswerAndEnd();

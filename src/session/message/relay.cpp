@@ -31,12 +31,29 @@ TextList SplitAddresses(const std::string& text) {
     return pieces;
 }
 
+std::string_view WordOf(Verdict verdict) {
+    switch (verdict) {
+        case VERDICT_FORWARD:
+            return kVerdictForward;
+        case VERDICT_REJECT:
+            return kVerdictReject;
+        case VERDICT_DROP:
+            return kVerdictDrop;
+        case VERDICT_FAILED:
+            break;
+    }
+    return kVerdictFailed;
+}
+
 }  // namespace
 
 int MessageRelay::Run(int* expectReply) {
     std::string redirectAddresses;
+    peers_.state.SetPhase(SessionPhase::kScanning);
     verdict_ = ScanMessage(peers_, envelope_, spool_, redirectAddresses);
     redirects_ = SplitAddresses(redirectAddresses);
+    peers_.state.SetPhase(SessionPhase::kRelaying);
+    peers_.journal.Scanned(WordOf(verdict_));
     bool goOn = false;
     if (verdict_ == VERDICT_FAILED) {
         spool_.KeepName();
@@ -48,9 +65,11 @@ int MessageRelay::Run(int* expectReply) {
                 break;
             case SpoolFile::Found::kGone:
                 // The daemon has taken the message away: the reply to the RSET is the client's.
+                peers_.journal.message.verdict = kVerdictDrop;
                 goOn = peers_.server.Send("RSET\r\n");
                 break;
             case SpoolFile::Found::kUnreadable:
+                peers_.journal.message.verdict = kVerdictFailed;
                 goOn = AnswerFailedScan(expectReply);  // it must not be called accepted
                 break;
         }
@@ -65,7 +84,7 @@ bool MessageRelay::AnswerFailedScan(int* expectReply) {
     *expectReply = 0;
     // A server that didn't answer a NOOP in time may do so yet: its replies would be one behind
     // from now on, and one recipient's pass for another's.
-    return !peers_.lost && peers_.AnswerInsteadOfServer(kNotChecked);
+    return !peers_.lost && peers_.AnswerInsteadOfServer(peers_.Own(kNotChecked));
 }
 
 bool MessageRelay::Deliver(int* expectReply) {
@@ -81,7 +100,16 @@ bool MessageRelay::Deliver(int* expectReply) {
     if (!refusal_.empty()) return AnswerRefusal(expectReply);
     if (verdict_ != VERDICT_REJECT) return true;
     *expectReply = 0;
-    return peers_.server.ReadReply(reply_) && peers_.client.Send(kRejected);
+    if (!peers_.server.ReadReply(reply_)) return false;
+    peers_.journal.TakeQueueId(reply_.Last());
+    return Answer(peers_.Own(kRejected));
+}
+
+// The client's answer, if it isn't the server's next reply.
+bool MessageRelay::Answer(std::string_view text) {
+    if (!peers_.SendReply(text)) return false;
+    peers_.journal.Replied(text);
+    return true;
 }
 
 // The server takes no message from this client, or not this one: that is the client's answer, and
@@ -89,14 +117,14 @@ bool MessageRelay::Deliver(int* expectReply) {
 bool MessageRelay::AnswerRefusal(int* expectReply) {
     *expectReply = 0;
     if (!refusal_.starts_with("421")) return peers_.AnswerInsteadOfServer(refusal_);
-    peers_.client.Send(refusal_);  // the session ends either way
+    Answer(refusal_);  // the session ends either way
     return false;
 }
 
 // A message that was rejected anyway keeps the reason that its client has to hear: for a passing
 // fault of the copy to the redirects it would come again and again.
 void MessageRelay::NoteRefusal() {
-    refusal_ = verdict_ == VERDICT_REJECT ? std::string(kRejected) : reply_.text;
+    refusal_ = verdict_ == VERDICT_REJECT ? peers_.Own(kRejected) : reply_.text;
 }
 
 // False ends the session; refusal_ says if the server wants the sender no more, or keeps what it
@@ -108,7 +136,7 @@ bool MessageRelay::OpenFreshEnvelope() {
         if (peers_.settings.options.tellServer == TellServer::kXforward && !peers_.TellOfClient())
             return false;
         if (peers_.untold) {
-            reply_.text = kClientUntold;
+            reply_.text = peers_.Own(kClientUntold);
         } else if (!peers_.server.Ask(*envelope_.savedMailLine, reply_)) {
             return false;
         }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "platform/file.h"
 #include "session/envelope.h"
@@ -30,6 +31,7 @@ class MessageRelay {
     bool Deliver(int* expectReply);
     bool AnswerFailedScan(int* expectReply);
     bool AnswerRefusal(int* expectReply);
+    bool Answer(std::string_view text);
     void NoteRefusal();
     bool OpenFreshEnvelope();
     bool AddRedirects();

@@ -8,6 +8,7 @@
 namespace {
 
 constexpr std::size_t kRedirectSize = 512;  // with its zero byte
+constexpr std::size_t kLongestReason = 256;
 constexpr std::int32_t kAgentId = 4;
 constexpr std::int32_t kAllSections = 15;
 // How the message came, and so which forms of it a receiver can make.
@@ -64,6 +65,33 @@ std::string Join(const TextList& texts) {
     return all;
 }
 
+// The first section with a finding, or the first entry. A section of which the daemon only says
+// that it has looked has no finding.
+void NoteFinding(const MailScanRecord& record, MessageRecord& message) {
+    if (const MailScanVerdict* verdict = record.verdict) {
+        const MailScanVerdict::Antivirus& antivirus = verdict->antivirus;
+        const struct {
+            std::string_view name;
+            bool found;
+        } sections[] = {
+            {"antivirus", antivirus.result != 0 || antivirus.objects != nullptr},
+            {"attachfilter", verdict->attachFilter.result != 0},
+            {"contentfilter", verdict->contentFilter.result != 0},
+            {"antispam", verdict->antispam.result != 0},
+        };
+        for (const auto& each : sections) {
+            if (message.section.empty() && each.found) message.section = each.name;
+        }
+        const MailScanObject* object =
+            antivirus.objects != nullptr ? antivirus.objects[0] : nullptr;
+        if (message.section == "antivirus" && object != nullptr && object->textA != nullptr)
+            message.reason = object->textA;
+    }
+    if (message.reason.empty() && record.entries != nullptr && record.entries->message != nullptr)
+        message.reason = record.entries->message;
+    if (message.reason.size() > kLongestReason) message.reason.resize(kLongestReason);
+}
+
 }  // namespace
 
 Verdict ScanMessage(Peers& peers, const Envelope& envelope, const SpoolFile& spool,
@@ -90,6 +118,7 @@ Verdict ScanMessage(Peers& peers, const Envelope& envelope, const SpoolFile& spo
         MailScanAddRecipient(&record, Join(envelope.recipients).c_str()) != 0)
         return VERDICT_FAILED;
     if (MailScan(&record) != 0) return VERDICT_FAILED;
+    NoteFinding(record, peers.journal.message);
     if (const MailScanVerdict* verdict = record.verdict) {
         AppendRedirect(redirectAddresses, verdict->antivirus.actionMask, 1,
                        verdict->antivirus.recipients);

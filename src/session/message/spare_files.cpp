@@ -1,14 +1,13 @@
 #include "session/message/spare_files.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace {
 
 constexpr char kDirectory[] = "spare";
 constexpr std::size_t kMostKept = 256;
-// Of all the descriptors, most are for connections.
-constexpr std::size_t kShare = 16;
+// As many as messages come at a time, as a rule; descriptors are for connections.
+constexpr std::size_t kMostOpen = 16;
 
 std::string Directory() {
     char path[4096];
@@ -18,8 +17,9 @@ std::string Directory() {
 }  // namespace
 
 // With all the room that it may need: a file is given back also where nothing may throw.
-SpareFiles::SpareFiles() : most_(std::min(kMostKept, platform::DescriptorLimit() / kShare)) {
-    spares_.reserve(most_);
+SpareFiles::SpareFiles() {
+    open_.reserve(kMostOpen);
+    closed_.reserve(kMostKept);
 }
 
 SpareFiles& SpareFiles::Instance() {
@@ -31,11 +31,13 @@ SpareFile SpareFiles::Take(int group) {
     {
         const std::lock_guard lock(mutex_);
         if (useless_) return {};
-        while (!spares_.empty()) {
-            SpareFile spare = std::move(spares_.back());
-            spares_.pop_back();
-            if (spare.group == group) return spare;
-            Drop(spare);  // the setting has changed
+        while (!open_.empty() || !closed_.empty()) {
+            std::vector<SpareFile>& from = open_.empty() ? closed_ : open_;
+            SpareFile spare = std::move(from.back());
+            from.pop_back();
+            if (!spare.file) spare.file = platform::File::OpenAppend(spare.path.c_str());
+            if (spare.file && spare.group == group) return spare;
+            Drop(spare);  // the setting has changed, for example
         }
     }
     return Make(group);
@@ -65,7 +67,9 @@ SpareFile SpareFiles::Make(int group) {
 void SpareFiles::Give(SpareFile spare) {
     if (spare.file.OnlyOurs(spare.path.c_str()) && spare.file.MakeEmpty()) {
         const std::lock_guard lock(mutex_);
-        if (spares_.size() < most_) return spares_.push_back(std::move(spare));
+        if (open_.size() < kMostOpen) return open_.push_back(std::move(spare));
+        if (spare.file.Close() && closed_.size() < kMostKept)
+            return closed_.push_back(std::move(spare));
     }
     Drop(spare);
 }

@@ -33,8 +33,8 @@ class SpareFiles {
     SpareFile Make(int group);
 
     std::mutex mutex_;
-    const std::size_t most_;           // that are kept
-    std::vector<SpareFile> spares_;    // guarded by mutex_, as all below; all are open
+    std::vector<SpareFile> open_;      // guarded by mutex_, as all below; these are used first
+    std::vector<SpareFile> closed_;    // the rest
     unsigned long long lastName_ = 0;  // the files are numbered
     bool useless_ = false;             // here it can't be known who has a file
 };

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <utility>
 
+#include "metrics/count.h"
+
 namespace {
 
 constexpr char kDirectory[] = "VTNP";
@@ -97,6 +99,8 @@ bool SpoolFile::OpenAgain() {
 }
 
 bool SpoolFile::Write(std::string_view bytes) {
+    counted_ += bytes.size();
+    metrics::Add<metrics::Metric::kSpoolBytes>(0, bytes.size());
     size_ += static_cast<long long>(bytes.size());
     if (!keeping_) return spare_.file.Write(bytes.data(), bytes.size());
     kept_.append(bytes);
@@ -146,6 +150,8 @@ std::optional<std::string_view> SpoolFile::Kept() const {
 }
 
 void SpoolFile::Remove() {
+    if (counted_ > 0)
+        metrics::Subtract<metrics::Metric::kSpoolBytes>(0, std::exchange(counted_, 0));
     Forget();
     changed_.Close();
     if (std::exchange(present_, false)) DeleteFileA(path_.c_str());

@@ -64,6 +64,7 @@ class SpoolFile {
     std::string path_;  // of the message in hand: it can be removed without memory
     bool present_ = false;
     long long size_ = 0;
+    std::uint64_t counted_ = 0;  // bytes of it among those of the spool
     // The message's file. With a path it is one for many messages, and stays open; it has the
     // message's name beside its own.
     SpareFile spare_;

@@ -112,6 +112,9 @@ inline constexpr KeyRow kInternetRows[] = {
     Choice("BareNewline", "accept", "accept|normalize|reject",
            "a LF or CR alone in a message: `accept`, it stays; `normalize`, it becomes CR LF; "
            "`reject`, the message gets 521 and the session ends"),
+    Flag("IdInReplies",
+         "all refusals of the proxy's own end in the id of the message or session, as most do "
+         "anyway: `550 Rejected by Vantrel. [ID]`"),
 };
 
 inline constexpr KeyRow kProxyRows[] = {
@@ -244,12 +247,20 @@ inline constexpr KeyRow kLoggerRows[] = {
            "bytes of one log file; four older ones are kept")
         .In(Unit::kBytes)
         .Counts(kAtStart),
+    Choice("Format", "text", "text|json",
+           "of a line: `text`; `json`, an object with the same names (docs/log.md)")
+        .Counts("with the next line"),
     Written("Path", "the program's file"),
 };
 
 inline constexpr KeyRow kStatsRows[] = {
     Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports").Sane(1, 0xFFFF),
     Text("HTTPAddress", "127.0.0.1", "address to listen on"),
+    Choice("MetricsAccess", "loopback", "loopback|account|all",
+           "who may read `/metrics`, `/healthz` and `/readyz`: `loopback`, clients on this host, "
+           "without an account, and nobody else; `account`, who has one; `all`, everybody (a word "
+           "that is none of these counts as `account`)")
+        .Unknown("account"),
     Number("KeepDays", "400", 0, 100000, "days that records are kept; 0: for ever")
         .In(Unit::kDays)
         .OutOfBounds(Beyond::kNearest),

@@ -92,7 +92,8 @@ TEST(Doubtful, OrdinaryMailCostsNoQuestion) {
         {"coding in other words", Coded("x\r\n", "8-bit")},
         {"no end", Wire("Content-Type: multipart/mixed; boundary=b\n\n--b\n\nx\n")},
     };
-    for (const auto& each : cases) EXPECT_EQ(AskedOf(each.text).files, std::vector<std::string>()) << each.name;
+    for (const auto& each : cases)
+        EXPECT_EQ(AskedOf(each.text).files, std::vector<std::string>()) << each.name;
 }
 
 TEST(Doubtful, EachReadingIsAFile) {

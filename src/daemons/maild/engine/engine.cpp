@@ -4,6 +4,7 @@
 
 #include "daemons/maild/engine/probes.h"
 #include "daemons/maild/log.h"
+#include "metrics/count.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ void Engine::Follow(std::shared_ptr<const Settings> settings) {
                        settings->maxFileSize != settings_->maxFileSize;
     settings_ = std::move(settings);
     if (!other) return;
-    proof_ = nullptr;
+    SetProof(nullptr);
     wanted_ = true;
     wake_.notify_all();
 }
@@ -92,13 +93,20 @@ std::shared_ptr<const EngineProof> Engine::Await(Clock::time_point end, ScanResu
     return proof_;
 }
 
+// Holds the lock.
+void Engine::SetProof(std::shared_ptr<const EngineProof> proof) {
+    proof_ = std::move(proof);
+    metrics::Set<metrics::Metric::kEngineUp>(metrics::EngineName::kClamd,
+                                             proof_ != nullptr && proof_->findsPattern ? 1 : 0);
+}
+
 bool Engine::IsSame(std::uint64_t generation, const Connection& connection) {
     const std::lock_guard lock(mutex_);
     const bool current = proof_ != nullptr && proof_->id.generation == generation;
     // While it is being probed there is only the new process to meet.
     if (!current) return generation_ == generation && generation_ > attempts_;
     if (!sentry_->HungUp() && sentry_->Peer() == connection.Peer()) return true;
-    proof_ = nullptr;
+    SetProof(nullptr);
     return false;
 }
 
@@ -132,7 +140,7 @@ void Engine::Look() {
     const bool there =
         sentry_->Poke(SignatureWatch::kQuestions, sizeof SignatureWatch::kQuestions, came);
     if (!there || signatures_.Take(came)) {
-        proof_ = nullptr;
+        SetProof(nullptr);
         wanted_ = true;
     }
 }
@@ -172,7 +180,7 @@ void Engine::Attempt() {
         ++attempts_;
         // Settings that changed meanwhile ask for another attempt.
         const bool stale = settings != settings_ && wanted_;
-        proof_ = proven && !stale ? proof : nullptr;
+        SetProof(proven && !stale ? proof : nullptr);
         if (proof_ != nullptr) {
             sentry_ = std::move(sentry);
             signatures_ = SignatureWatch();

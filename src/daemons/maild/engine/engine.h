@@ -57,6 +57,7 @@ class Engine {
     void Work();
     void Look();
     void Attempt();
+    void SetProof(std::shared_ptr<const EngineProof> proof);
     ScanResult Prove(EngineProof& proof, const Settings& settings);
     ScanOutcome ProveLimits(EngineProof& proof);
     ScanOutcome ProvePlain(EngineProof& proof, long long size);

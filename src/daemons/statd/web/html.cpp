@@ -66,6 +66,15 @@ form { display: flex; flex-wrap: wrap; gap: 8px 12px; align-items: end; }
 label { font-size: .875rem; color: var(--dim); display: grid; gap: 2px; }
 select, button { font: inherit; font-size: .95rem; color: inherit; background: var(--back);
   border: 1px solid var(--line); border-radius: 6px; padding: 6px 10px; }
+input { font: inherit; font-size: .95rem; color: inherit; background: var(--back);
+  border: 1px solid var(--line); border-radius: 6px; padding: 6px 10px; width: min(70vw, 26rem); }
+a { color: var(--s10); }
+:focus-visible { outline: 2px solid var(--s0); outline-offset: 2px; }
+summary { cursor: pointer; color: var(--dim); font-size: .875rem; padding: 4px 0; }
+.state { border-left-width: 6px; } .state h2 { margin: 0; } .state p { margin: 2px 0 0; }
+.good { border-left-color: var(--s9); } .bad { border-left-color: var(--s1); }
+dl.story { grid-template-columns: repeat(auto-fit, minmax(min(100%, 200px), 1fr)); }
+dl.story dd { font-size: .95rem; overflow-wrap: anywhere; }
 .empty { text-align: center; padding: 48px 12px; }
 @media (max-width: 480px) { main { padding: 8px; } section { padding: 10px; }
   table { font-size: .8125rem; } th, td { padding: 4px; } thead th { font-size: .7rem; }

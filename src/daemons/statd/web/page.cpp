@@ -1,8 +1,12 @@
 #include "daemons/statd/web/page.h"
 
+#include "daemons/statd/report/table.h"
 #include "daemons/statd/store/text.h"
 #include "daemons/statd/web/html.h"
+#include "daemons/statd/web/machines.h"
 #include "daemons/statd/web/plot.h"
+#include "daemons/statd/web/search.h"
+#include "metrics/snapshot.h"
 #include "text/day.h"
 
 namespace stats {
@@ -56,6 +60,28 @@ std::string LastTime(const LiveNumbers& live) {
     return live.lastTime == 0 ? "none yet" : FormatTime(live.lastTime);
 }
 
+// Whether mail is flowing, in the first line that a person reads.
+std::string State() {
+    std::string complaints = MailComplaints();
+    std::string out = "<section class=\"state ";
+    if (complaints.empty()) {
+        out += "good\"><h2>Mail is flowing</h2>\n";
+    } else {
+        complaints.pop_back();
+        for (std::size_t at = 0; (at = complaints.find('\n', at)) != std::string::npos;)
+            complaints.replace(at, 1, "; ");
+        out += "bad\"><h2>Mail is not flowing</h2>\n<p>" + EscapeHtml(complaints) + "</p>\n";
+    }
+    const auto proxy = metrics::Read(metrics::Program::kProxy);
+    if (!proxy || !proxy->running) return out + "</section>\n";
+    std::int64_t sessions = 0;
+    for (std::size_t i = 0; i < proxy->Places(metrics::Metric::kSessionsActive); ++i)
+        sessions += proxy->Gauge(metrics::Metric::kSessionsActive, i);
+    return out + "<p class=\"dim\">Proxy " + EscapeHtml(proxy->version) + " since " +
+           FormatTime(proxy->started) + " UTC; sessions now: " + Grouped(sessions, "\u202F") +
+           "</p></section>\n";
+}
+
 std::string LiveSection(const LiveNumbers& live) {
     std::string out = "<section><h2>Now</h2>\n<dl>\n";
     for (const LiveField& field : kLiveFields)
@@ -80,7 +106,7 @@ std::string Glance(const std::vector<Counts>& hours) {
         Counts& sum = sums.emplace_back();
         for (std::size_t i = hours.size() - span.hours; i < hours.size(); ++i) sum.Add(hours[i]);
     }
-    Table table{"", {"", "24 hours", "7 days", "30 days"}, {}};
+    Table table{"", {"Period", "24 hours", "7 days", "30 days"}, {}};
     const auto add = [&](const std::string& name, auto number) {
         auto& row = table.rows.emplace_back(1, name);
         for (const Counts& sum : sums) row.push_back(std::to_string(number(sum)));
@@ -183,7 +209,7 @@ std::optional<std::string> OverviewPage(ReportReader& reader, const LiveNumbers&
         !reader.Read(today - 29, today, kPageNames, report))
         return std::nullopt;
     std::string body = "<h1>Vantrel Statistics</h1>\n<p class=\"dim\">" + FormatTime(now) +
-                       " UTC</p>\n" + LiveSection(live);
+                       " UTC</p>\n" + State() + SearchForm("") + LiveSection(live);
     if (reader.Records() == 0) {
         body +=
             "<section class=\"empty\"><h2>No records yet</h2>\n<p class=\"dim\">They appear "

@@ -5,6 +5,7 @@
 
 #include "daemons/statd/report/table.h"
 #include "daemons/statd/store/text.h"
+#include "daemons/statd/web/html.h"
 
 namespace stats {
 namespace {
@@ -86,6 +87,18 @@ std::string Bar(const Plot& plot, std::size_t bar, std::int64_t top) {
     return "<g><title>" + EscapeHtml(told) + "</title>" + out + "</g>\n";
 }
 
+// The numbers for those who don't point, or don't see.
+std::string TableBehind(const Plot& plot) {
+    Table table{"", {plot.xTitle}, {}};
+    for (const PlotSeries& series : plot.series) table.headings.push_back(series.name);
+    for (std::size_t i = 0; i < plot.labels.size(); ++i) {
+        auto& row = table.rows.emplace_back(1, plot.labels[i]);
+        for (const PlotSeries& series : plot.series)
+            row.push_back(std::to_string(series.values[i]));
+    }
+    return "<details><summary>Table</summary>\n" + HtmlTable(table) + "</details>\n";
+}
+
 }  // namespace
 
 std::int64_t AxisStep(std::int64_t most) {
@@ -126,7 +139,7 @@ std::string SvgPlot(const Plot& plot) {
     for (std::size_t i = 0; i < plot.labels.size(); ++i) {
         if (Stack(plot, i) > 0) out += Bar(plot, i, top);
     }
-    return out + "</svg></figure>\n";
+    return out + "</svg>\n" + TableBehind(plot) + "</figure>\n";
 }
 
 std::string PlotLegend(const std::vector<PlotSeries>& series) {

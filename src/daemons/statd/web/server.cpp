@@ -55,6 +55,27 @@ std::uint32_t ClientAddress(MHD_Connection* connection) {
     return reinterpret_cast<const sockaddr_in*>(info->client_addr)->sin_addr.s_addr;
 }
 
+bool IsLocal(MHD_Connection* connection) {
+    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr) return false;
+    switch (info->client_addr->sa_family) {
+        case AF_UNIX:
+            return true;
+        case AF_INET:
+            return ntohl(ClientAddress(connection)) >> 24 == IN_LOOPBACKNET;
+        case AF_INET6:
+            return IN6_IS_ADDR_LOOPBACK(
+                &reinterpret_cast<const sockaddr_in6*>(info->client_addr)->sin6_addr);
+        default:
+            return false;
+    }
+}
+
+std::string Search(MHD_Connection* connection) {
+    const char* text = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "q");
+    return text == nullptr ? std::string() : std::string(text, strnlen(text, kLongestSearch));
+}
+
 // A body whose length is not known beforehand, or too large, is not read.
 std::optional<HttpResponse> RefuseBody(MHD_Connection* connection) {
     if (!Header(connection, "Transfer-Encoding").empty())
@@ -71,9 +92,11 @@ MHD_Result Begin(HttpHandler& handler, MHD_Connection* connection, const char* u
     auto exchange = std::make_unique<Exchange>();
     exchange->request = {method,
                          url,
+                         Search(connection),
                          Header(connection, "Authorization"),
                          Header(connection, "Content-Type"),
                          ClientAddress(connection),
+                         IsLocal(connection),
                          {}};
     exchange->refusal = handler.Judge(exchange->request);
     *context = exchange.release();

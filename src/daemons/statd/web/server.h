@@ -21,13 +21,16 @@ struct sockaddr;
 namespace stats {
 
 inline constexpr std::size_t kBodyLimit = 64U << 10;
+inline constexpr std::size_t kLongestSearch = 200;
 
 struct HttpRequest {
     std::string method;
-    std::string path;  // without the query
+    std::string path;    // without the query
+    std::string search;  // the query's q, cut to kLongestSearch; nothing else of it is kept
     std::string authorization;
     std::string contentType;
     std::uint32_t clientAddress = 0;  // IPv4
+    bool local = false;               // from this host, by a loopback address or the owner's socket
     std::string body;
 };
 

@@ -6,7 +6,9 @@
 #include "daemons/statd/report/form.h"
 #include "daemons/statd/report/format.h"
 #include "daemons/statd/store/text.h"
+#include "daemons/statd/web/machines.h"
 #include "daemons/statd/web/page.h"
+#include "daemons/statd/web/search.h"
 #include "platform/clock.h"
 #include "text/ascii.h"
 #include "text/day.h"
@@ -20,8 +22,11 @@ constexpr char kHtml[] = "text/html; charset=utf-8";
 struct Path {
     const char* path;
     const char* methods;  // as the Allow header has them
+    bool forMachines = false;
 };
-constexpr Path kPaths[] = {{"/", "GET, POST"}, {"/live", "GET"}};
+constexpr Path kPaths[] = {{"/", "GET, POST"},        {"/live", "GET"},
+                           {"/find", "GET"},          {"/metrics", "GET", true},
+                           {"/healthz", "GET", true}, {"/readyz", "GET", true}};
 
 HttpResponse Plain(unsigned status, const std::string& text, HttpHeaders headers = {}) {
     return {status, kPlain, text + '\n', std::move(headers)};
@@ -76,6 +81,10 @@ std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
     const bool known = request.method == "GET" || request.method == "POST";
     if (!known || std::string_view(path->methods).find(request.method) == std::string_view::npos)
         return Plain(405, "Not in this way.", {{"Allow", path->methods}});
+    const MachineAccess access = path->forMachines ? MayAsk(request) : MachineAccess::kAccount;
+    if (access == MachineAccess::kFree) return std::nullopt;
+    if (access == MachineAccess::kNobody)
+        return Plain(403, "Only from this host (key MetricsAccess).");
     const Accounts::Verdict verdict = accounts_.Check(request.authorization, request.clientAddress);
     if (verdict == Accounts::Verdict::kGood) return std::nullopt;
     if (verdict == Accounts::Verdict::kBusy)
@@ -86,6 +95,10 @@ std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
 
 HttpResponse HttpSite::Answer(const HttpRequest& request) {
     if (request.method == "POST") return MakeReport(request);
+    if (request.path == "/metrics") return MetricsPage(recorder_.Live());
+    if (request.path == "/healthz") return HealthPage();
+    if (request.path == "/readyz") return ReadyPage();
+    if (request.path == "/find") return Find(request.search);
     return request.path == "/live" ? Live() : Page();
 }
 
@@ -93,6 +106,11 @@ HttpResponse HttpSite::Page() {
     const std::string nonce = RandomHex(16);
     auto page = OverviewPage(reader_, recorder_.Live(), platform::UtcSeconds(), nonce);
     return page ? Document(std::move(*page), nonce) : Unreadable();
+}
+
+HttpResponse HttpSite::Find(const std::string& asked) {
+    const std::string nonce = RandomHex(16);
+    return Document(SearchPage(asked, nonce), nonce);
 }
 
 HttpResponse HttpSite::Live() { return {200, "application/json", LiveJson(recorder_.Live()), {}}; }

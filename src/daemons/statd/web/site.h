@@ -1,6 +1,7 @@
 // web/: the page, the reports and the accounts over HTTP.
 //
-// This header: what is served, GET / (the page), GET /live (numbers), POST / (reports).
+// This header: what is served, GET / (the page), GET /live (numbers), GET /find (a message's
+// story), POST / (reports), and what machines ask (machines.h).
 #pragma once
 
 #include "daemons/statd/report/query.h"
@@ -21,6 +22,7 @@ class HttpSite final : public HttpHandler {
 
   private:
     HttpResponse Page();
+    static HttpResponse Find(const std::string& asked);
     HttpResponse Live();
     HttpResponse MakeReport(const HttpRequest& request);
 

@@ -67,6 +67,8 @@ HANDLE CreateThread(LPSECURITY_ATTRIBUTES, ULONG_PTR stackSize, LPTHREAD_START_R
     return ToHandle(ended.release());
 }
 
+DWORD GetCurrentProcessId() { return static_cast<DWORD>(getpid()); }
+
 DWORD GetCurrentThreadId() {
     if (t_threadId == 0) t_threadId = g_nextThreadId.fetch_add(1);
     return t_threadId;

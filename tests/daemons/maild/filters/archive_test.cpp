@@ -107,12 +107,14 @@ TEST(Archives, RealTypesOfWhatLiesInThem) {
                           {}};
     EXPECT_EQ(Filter(Mail({{"f.zip", Zip({{"a.jpg", kProgram}})}}), rules).findings,
               "programs: a.jpg in f.zip; ");
-    EXPECT_EQ(Filter(Mail({{"a.doc", Zip({{"word/vbaProject.bin", "x"}, {"a.xml", "<a/>"}})}}), rules)
-                  .findings,
-              "macros: a.doc; ");
+    EXPECT_EQ(
+        Filter(Mail({{"a.doc", Zip({{"word/vbaProject.bin", "x"}, {"a.xml", "<a/>"}})}}), rules)
+            .findings,
+        "macros: a.doc; ");
     const std::string document = Zip({{"word/document.xml", "<a/>"}, {"word/vbaProject.bin", "x"}});
-    EXPECT_EQ(Filter(Mail({{"f.tar", Pack("ustar", "none", {{"a.docx", document}})}}), rules).findings,
-              "macros: a.docx in f.tar; ");
+    EXPECT_EQ(
+        Filter(Mail({{"f.tar", Pack("ustar", "none", {{"a.docx", document}})}}), rules).findings,
+        "macros: a.docx in f.tar; ");
 }
 
 TEST(Archives, Bounds) {
@@ -129,8 +131,10 @@ TEST(Archives, Bounds) {
     EXPECT_EQ(why(four, {.maxEntries = 3}), "more files in archives than MaxArchiveEntries");
     const std::string zeros = Zip({{"a", std::string(8 << 20, '\0')}});
     EXPECT_EQ(why(zeros, {.maxBytes = 8 << 20}), "");
-    EXPECT_EQ(why(zeros, {.maxBytes = (8 << 20) - 1}), "more bytes in archives than MaxArchiveBytes");
-    const std::string bomb = Zip({{"a.bz2", Pack("raw", "bzip2", {{"a", std::string(48 << 20, 'a')}})}});
+    EXPECT_EQ(why(zeros, {.maxBytes = (8 << 20) - 1}),
+              "more bytes in archives than MaxArchiveBytes");
+    const std::string bomb =
+        Zip({{"a.bz2", Pack("raw", "bzip2", {{"a", std::string(48 << 20, 'a')}})}});
     EXPECT_EQ(why(bomb, {}), "an archive that unpacks to a thousand times its size");
 }
 
@@ -149,9 +153,11 @@ TEST(Archives, WhatCanNotBeRead) {
         {"a file changed", {"f.zip", broken}, "a file in an archive can't be read: a.txt in f.zip"},
         {"7z's mark alone", {"f", "7z\xBC\xAF\x27\x1C" + random}, "an archive can't be read: f"},
         {"rar's mark alone", {"f", "Rar!\x1A\7\1"s + '\0' + random}, "an archive can't be read: f"},
-        {"called an archive, and nothing known", {"f.zip", random},
+        {"called an archive, and nothing known",
+         {"f.zip", random},
          "an archive can't be read: f.zip"},
-        {"in an archive", {"g.zip", Zip({{"f.zip", cut}})},
+        {"in an archive",
+         {"g.zip", Zip({{"f.zip", cut}})},
          "a file in an archive can't be read: a.txt in f.zip in g.zip"},
         {"called an archive, and a text", {"log.gz", "just a log\n"}, ""},
         {"only called a file", {"f.dat", random}, ""},
@@ -171,8 +177,7 @@ TEST(Archives, Encrypted) {
     EXPECT_EQ(plain.encrypted, "Encrypted.Zip");
     EXPECT_EQ(plain.tooComplex, "");
     EXPECT_EQ(plain.findings, "exe: a.exe in f.zip; ");  // its name is not encrypted
-    const Result packed =
-        Filter(Mail({{"f.tgz", Pack("ustar", "gzip", {{"f.zip", zip}})}}), rules);
+    const Result packed = Filter(Mail({{"f.tgz", Pack("ustar", "gzip", {{"f.zip", zip}})}}), rules);
     EXPECT_EQ(packed.encrypted, "Encrypted.Zip");
     // Headers that are encrypted: RAR of both versions.
     std::string rar5 = "Rar!\x1A\7\1\0"s + "\x00\x00\x00\x00\x21\x04\x00\x00"s + Random(300);
@@ -184,7 +189,8 @@ TEST(Archives, Encrypted) {
     EXPECT_EQ(Filter(Mail({{"a.zip", Zip({{"a.docx", office}})}}), rules).encrypted,
               "Encrypted.Office");
     // As elsewhere, a PDF that says so may open without a password.
-    EXPECT_EQ(Filter(Mail({{"a.pdf", "%PDF-1.4\n1 0 obj <</Encrypt 2 0 R>>"}}), rules).encrypted, "");
+    EXPECT_EQ(Filter(Mail({{"a.pdf", "%PDF-1.4\n1 0 obj <</Encrypt 2 0 R>>"}}), rules).encrypted,
+              "");
 }
 
 }  // namespace

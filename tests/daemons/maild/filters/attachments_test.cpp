@@ -107,7 +107,8 @@ TEST(Attachments, WhatOfARuleMatches) {
         EXPECT_EQ(!Filter(program, {{each.rule}, {}}).empty(), each.matches);
     }
     // What lies in an archive has no declared type.
-    EXPECT_EQ(Filter(Mail({{"f.zip", Zip({{"a.exe", "x"}})}}), {{Rule("r", "*.exe", "*")}, {}}), "");
+    EXPECT_EQ(Filter(Mail({{"f.zip", Zip({{"a.exe", "x"}})}}), {{Rule("r", "*.exe", "*")}, {}}),
+              "");
 }
 
 TEST(Attachments, TheFirstRuleDecidesAboutEach) {
@@ -125,15 +126,20 @@ TEST(Attachments, RealTypes) {
         const char* type;
     } cases[] = {
         {"program of Windows", kProgram, "application/x-dosexec"},
-        {"ELF", "\x7F" "ELF\2\1\1"s, "application/x-executable"},
+        {"ELF",
+         "\x7F"
+         "ELF\2\1\1"s,
+         "application/x-executable"},
         {"Mach-O", "\xCF\xFA\xED\xFE\7\0\0\1"s, "application/x-executable"},
         {"script", "#!/bin/sh\necho\n", "text/x-script"},
         {"batch file", "\r\n@Echo Off\r\ndel *\r\n", "text/x-script"},
         {"shortcut", "L\0\0\0\1\x14\2\0\0\0\0\0\xC0\0\0\0\0\0\0\x46"s, "application/x-ms-shortcut"},
         {"OLE", "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1" + std::string(600, '\0'),
          "application/x-ole-storage"},
-        {"OLE with macros", "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1" + std::string(70000, '\0') +
-             "_\0V\0B\0A\0_\0P\0R\0O\0J\0E\0C\0T\0"s, "application/x-office-macros"},
+        {"OLE with macros",
+         "\xD0\xCF\x11\xE0\xA1\xB1\x1A\xE1" + std::string(70000, '\0') +
+             "_\0V\0B\0A\0_\0P\0R\0O\0J\0E\0C\0T\0"s,
+         "application/x-office-macros"},
         {"HTML with script", "<!DOCTYPE html><html><body><ScRiPt>x()</script>",
          "application/x-html-script"},
         {"HTML with a handler", "<html><body onload = 'x()'>", "application/x-html-script"},
@@ -153,7 +159,9 @@ TEST(Attachments, RealTypes) {
         SCOPED_TRACE(each.name);
         const AttachmentRules rules{{Rule("r", "", "", each.type)}, {}};
         EXPECT_EQ(Filter(Mail({{"a.bin", each.data}}), rules), "r 2 a.bin; ");
-        EXPECT_EQ(Filter(Mail({{"a.bin", "Just a text on <html> and scripts: one = two.\n"}}), rules), "");
+        EXPECT_EQ(
+            Filter(Mail({{"a.bin", "Just a text on <html> and scripts: one = two.\n"}}), rules),
+            "");
     }
 }
 
@@ -164,9 +172,9 @@ TEST(Attachments, EachReadingOfABrokenCoding) {
         Base64Encode(kProgram) + "\n");
     const AttachmentRules rules{{Rule("r", "", "", "application/x-dosexec")}, {}};
     EXPECT_EQ(Filter(text, rules), "");
-    const std::string url = Mixed(
-        "--b\nContent-Type: application/pdf; name=a\nContent-Transfer-Encoding: base64\n\n-" +
-        Base64Encode(kProgram) + "\n");
+    const std::string url =
+        Mixed("--b\nContent-Type: application/pdf; name=a\nContent-Transfer-Encoding: base64\n\n-" +
+              Base64Encode(kProgram) + "\n");
     EXPECT_EQ(Filter(url, rules), "r 1 a; ");
 }
 

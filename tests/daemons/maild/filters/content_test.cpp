@@ -62,10 +62,13 @@ TEST(Content, WhereAndWhat) {
         {"not another header", "header:X-Mailer", "bulk", "Subject: bulk\n\n", ""},
         {"text", "text", "needle", "\nhay\nneedle\n", "r 1 found in text"},
         {"text by its charset", "text", "\\x{20AC}10",
-         "Content-Type: text/plain; charset=windows-1252\n\n\x80" "10\n", "r 1 found in text"},
+         "Content-Type: text/plain; charset=windows-1252\n\n\x80"
+         "10\n",
+         "r 1 found in text"},
         {"text in UTF-16", "text", "hello",
          "Content-Type: text/plain; charset=utf-16le\nContent-Transfer-Encoding: base64\n\n"
-         "aABlAGwAbABvAA==\n", "r 1 found in text"},
+         "aABlAGwAbABvAA==\n",
+         "r 1 found in text"},
         {"bytes that are no UTF-8", "text", "b.d", "\n\xFF\xFE bad \xC3\n", "r 1 found in text"},
         {"coded text", "text", "hello", "Content-Transfer-Encoding: base64\n\naGVsbG8=\n",
          "r 1 found in text"},
@@ -88,8 +91,7 @@ TEST(Content, WhereAndWhat) {
          "r 1 found in text"},
         {"less-than alone", "text", "1 < 2", kHtml + "1 < 2", "r 1 found in text"},
         {"unknown entity", "text", "&foo;bar", kHtml + "&foo;bar", "r 1 found in text"},
-        {"HTML as it is", "html", "<script src=", kHtml + "<script src=x>",
-         "r 1 found in HTML"},
+        {"HTML as it is", "html", "<script src=", kHtml + "<script src=x>", "r 1 found in HTML"},
         {"HTML is not text", "text", "href", kHtml + "<a href=x>", ""},
         {"plain text is not HTML", "html", "needle", "\nneedle\n", ""},
         {"several places", "subject; html;text", "needle", "\nneedle\n", "r 1 found in text"},
@@ -144,9 +146,9 @@ TEST(Content, PatternsThatNeverEnd) {
     const struct {
         const char* pattern;
         char fill;
-    } cases[] = {{"(a+)+$x", 'a'},       {"(a|a)*b", 'a'},       {"(.*)*\\1!", 'a'},
-                 {"(?s)(.*?,){25}P", ','}, {"(x+x+)+y", 'x'},    {"(?:(?:a*)*)*c", 'a'},
-                 {"(?R)?a+(?R)?z", 'a'},  {"x[^y]{0,50000}[yz]", 'x'}};
+    } cases[] = {{"(a+)+$", 'a'},          {"(a|a)*b", 'a'},           {"(.*)*\\1!", 'a'},
+                 {"(?s)(.*?,){25}P", ','}, {"(x+x+)+y", 'x'},          {"(?:(?:a*)*)*c", 'a'},
+                 {"(?R)?a+(?R)?z", 'a'},   {"x[^y]{0,50000}[yz]", 'x'}};
     for (const auto& each : cases) {
         SCOPED_TRACE(each.pattern);
         // Another rule is asked all the same.

@@ -129,7 +129,7 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
         return;
     }
     const std::shared_ptr<const Settings> settings = settings_.Current();
-    const Verdict verdict =
+    const AllFindings verdict =
         JudgeBySections(engine_, *settings, path.c_str(), TransferOf(request.root),
                         {Text(request.root, TagSender), Text(request.root, TagRecipients)});
     const Judgement& judgement = verdict.judgement;

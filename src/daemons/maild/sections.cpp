@@ -23,7 +23,7 @@ void Fill(std::string& text, const std::string& other) {
 
 }  // namespace
 
-Verdict JudgeBySections(Engine& engine, const Settings& settings, const char* path,
+AllFindings JudgeBySections(Engine& engine, const Settings& settings, const char* path,
                         Transfer transfer, const maild::Envelope& envelope) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings.scanSeconds);
     std::optional<maild::AttachmentFilter> attachments;
@@ -32,7 +32,7 @@ Verdict JudgeBySections(Engine& engine, const Settings& settings, const char* pa
     if (settings.attachments.Any())
         sinks.push_back(&attachments.emplace(settings.attachments, end));
     if (settings.content.Any()) sinks.push_back(&content.emplace(settings.content, envelope, end));
-    Verdict verdict{JudgeMessage(engine, settings, path, transfer, {}, sinks), {}};
+    AllFindings verdict{JudgeMessage(engine, settings, path, transfer, {}, sinks), {}};
     Judgement& judgement = verdict.judgement;
     const bool infected = judgement.scan.outcome == ScanOutcome::kInfected;
     if (attachments && !infected) {

@@ -6,12 +6,12 @@
 #include "daemons/maild/content/filter.h"
 #include "daemons/maild/judge.h"
 
-struct Verdict {
+struct AllFindings {
     Judgement judgement;  // also with what archives held
     std::vector<maild::Finding> findings;
 };
 
 // As JudgeMessage, and the rules of the other sections besides. Of a message in which the engine
 // has found malware, and of one that is too large to be looked at, no rule is asked. Any thread.
-Verdict JudgeBySections(Engine& engine, const Settings& settings, const char* path,
+AllFindings JudgeBySections(Engine& engine, const Settings& settings, const char* path,
                         Transfer transfer, const maild::Envelope& envelope);

@@ -36,7 +36,7 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
 }
 
 Exit TestFile(Engine& engine, const Settings& settings, const char* path, Transfer transfer) {
-    const Verdict verdict = JudgeBySections(engine, settings, path, transfer, {});
+    const AllFindings verdict = JudgeBySections(engine, settings, path, transfer, {});
     Print(path, verdict.findings);
     switch (verdict.judgement.scan.outcome) {
         case ScanOutcome::kClean:

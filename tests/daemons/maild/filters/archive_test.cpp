@@ -8,6 +8,7 @@
 #include "packing.h"
 #include "platform/file.h"
 #include "support/instance.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -170,6 +171,25 @@ TEST(Archives, WhatCanNotBeRead) {
     }
 }
 
+std::string Bytes(std::string_view hex) {
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(HexDigit(hex[i]) << 4 | HexDigit(hex[i + 1]));
+    return bytes;
+}
+// A file of a few bytes packed by 7z with a password: without and with an encrypted list of files.
+constexpr char kSevenZipData[] =
+    "377abcaf271c000423ae51d410000000000000005a000000000000000e749425f4f5fdc5547eb8d180a4924c"
+    "aad130e30104060001091000070b0100022406f1070112530fe0b9608b111dca5172c0fd29971f1d64212101"
+    "0001000c0b0700080a018cb2ebe20000050119010011050073000000140a010049e4942e5a7ddd0115060100"
+    "2080a4810000";
+constexpr char kSevenZipHeaders[] =
+    "377abcaf271c0004290e16f770000000000000002e0000000000000027adba698caddbdd0eec4345219fe53f"
+    "907c73779adc64865db168d718f1d962df0a0f99b1df52cf83f4c026799e85308564cf5fd2a420f09853ca77"
+    "bb0f6042a5e5f8af6dcb3b7fc2f29ed559c7714094f5dfafaec8107cde263d9834a7dca0359ef35bdfc144fb"
+    "9b5da0b941c87b2605f2d4a517061001096000070b0100012406f1070112530fe05bcb95960946f658652cca"
+    "38eec8c60c5a0a01d8cd6ecb0000";
+
 TEST(Archives, Encrypted) {
     AttachmentRules rules{{NameRule("exe", "*.exe")}, {}};
     const std::string zip = Pack("zip", "none", {{"a.exe", "secret"}}, "word");
@@ -179,6 +199,14 @@ TEST(Archives, Encrypted) {
     EXPECT_EQ(plain.findings, "exe: a.exe in f.zip; ");  // its name is not encrypted
     const Result packed = Filter(Mail({{"f.tgz", Pack("ustar", "gzip", {{"f.zip", zip}})}}), rules);
     EXPECT_EQ(packed.encrypted, "Encrypted.Zip");
+    for (const char* each : {kSevenZipData, kSevenZipHeaders}) {
+        for (const Packed& file :
+             {Packed{"f.7z", Bytes(each)}, {"f.zip", Zip({{"f", Bytes(each)}})}}) {
+            const Result result = Filter(Mail({file}), rules);
+            EXPECT_EQ(result.encrypted, "Encrypted.7z");
+            EXPECT_EQ(result.tooComplex, "");
+        }
+    }
     // Headers that are encrypted: RAR of both versions.
     std::string rar5 = "Rar!\x1A\7\1\0"s + "\x00\x00\x00\x00\x21\x04\x00\x00"s + Random(300);
     EXPECT_EQ(Filter(Mail({{"f.rar", rar5}}), rules).encrypted, "Encrypted.RAR");

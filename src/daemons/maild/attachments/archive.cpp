@@ -77,6 +77,11 @@ const char* KindOf(archive* reader) {
     }
 }
 
+// The kind of an open archive with something encrypted in it, as far as it was read; else null.
+const char* EncryptedBy(archive* reader) {
+    return archive_read_has_encrypted_entries(reader) > 0 ? KindOf(reader) : nullptr;
+}
+
 std::string ShownName(std::string_view path) {
     const std::size_t slash = path.find_last_of('/');
     return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
@@ -135,20 +140,22 @@ bool ArchiveLooker::Look(Spill& spill, Scratch& file, const std::string& path, i
     }
     if (depth == 1) packed_ += file.Size();
     if (archive_read_open_fd(reader.get(), descriptor, kBlock) != ARCHIVE_OK) {
-        Fail(reader.get(), spill, file, false, path);
+        // One that isn't open can't be asked for what is encrypted.
+        Fail(nullptr, spill, file, false, path);
         return false;
     }
     return Entries(reader.get(), spill, file, path, depth);
 }
 
-// What can't be read, or not to its end.
-void ArchiveLooker::Fail(archive* from, Spill& spill, Scratch& file, bool listed,
+// What can't be read, or not to its end. `encrypted`: what libarchive has met that is; null:
+// nothing.
+void ArchiveLooker::Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
                          const std::string& path) {
     const std::string kind = EncryptedKind(file);
-    const bool encrypted = !kind.empty() || archive_read_has_encrypted_entries(from) > 0;
-    if (encrypted) NoteEncrypted(kind.empty() ? KindOf(from) : kind);
+    if (!kind.empty()) encrypted = kind.c_str();
+    if (encrypted != nullptr) NoteEncrypted(encrypted);
     // Of one whose list of files is encrypted there is nothing else to be read.
-    if ((encrypted && !listed) || (!listed && !spill.SurelyArchive())) return;
+    if (!listed && (encrypted != nullptr || !spill.SurelyArchive())) return;
     if (tooComplex_.empty()) tooComplex_ = "an archive can't be read: " + path;
 }
 
@@ -165,7 +172,7 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
         if (result == ARCHIVE_EOF && !plain && file.Size() <= kMostEmpty) break;
         // A larger archive without files is one that somebody else may find files in.
         if (result == ARCHIVE_EOF || result < ARCHIVE_WARN || plain) {
-            Fail(from, spill, file, listed, path);
+            Fail(EncryptedBy(from), spill, file, listed, path);
             break;
         }
         if (depth > limits_.maxDepth) {
@@ -178,7 +185,7 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
         }
         macros = Entry(from, entry, path, depth) || macros;
     }
-    if (archive_read_has_encrypted_entries(from) > 0) NoteEncrypted(KindOf(from));
+    if (const char* const kind = EncryptedBy(from)) NoteEncrypted(kind);
     return macros;
 }
 

@@ -44,7 +44,8 @@ class ArchiveLooker {
     bool Entries(archive* from, Spill& spill, Scratch& file, const std::string& path, int depth);
     bool Entry(archive* from, archive_entry* entry, const std::string& path, int depth);
     bool Read(archive* from, Spill& spill);
-    void Fail(archive* from, Spill& spill, Scratch& file, bool listed, const std::string& path);
+    void Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
+              const std::string& path);
     void Stop(const std::string& why);
 
     const ArchiveLimits limits_;

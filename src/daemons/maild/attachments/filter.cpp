@@ -1,5 +1,7 @@
 #include "daemons/maild/attachments/filter.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 
 #include "daemons/maild/forms/blocks.h"
@@ -47,10 +49,36 @@ void AttachmentFilter::Begin(const Part& part) {
     if (part.kind != PartKind::kLeaf) return;
     names_ = NamesOf(part);
     leaf_ = std::make_unique<Spill>(CalledArchive(names_, part.type));
+    part_ = &part;
+    BeginHidden(part);
+}
+
+void AttachmentFilter::BeginHidden(const Part& part) {
+    text_.reset();
+    tnef_.reset();
+    if (!hidden_) {
+        struct stat info {};
+        const long long size = fstat(part.source.file, &info) == 0 ? info.st_size : 0;
+        hidden_.emplace(
+            [this](int file, long long) {
+                LookAtHidden(file);
+                return ScanResult{ScanOutcome::kClean, ""};
+            },
+            size);
+    }
+    if (part.isText || part.type.starts_with("message/") || part.type.starts_with("multipart/"))
+        text_ = std::make_unique<FilesInText>(*hidden_, part.place);
 }
 
 void AttachmentFilter::Data(std::span<const std::byte> bytes) {
-    if (leaf_ != nullptr) leaf_->Write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    if (leaf_ == nullptr) return;
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    // The walk hands on the first bytes in one piece, as long as the part has so many.
+    if (leaf_->Size() == 0 && text.starts_with(TnefReader::kMark))
+        tnef_ = std::make_unique<TnefReader>(*hidden_, part_->place);
+    leaf_->Write(text);
+    if (text_ != nullptr) text_->Write(text);
+    if (tnef_ != nullptr) tnef_->Write(text);
 }
 
 void AttachmentFilter::End(const Part& part) {
@@ -61,16 +89,40 @@ void AttachmentFilter::End(const Part& part) {
         const Range& body = part.source.body;
         Ask({NamesOf(part), part.type, {"message/rfc822"}, body.end - body.begin}, Shown(part));
     }
-    if (part.kind != PartKind::kLeaf || leaf_ == nullptr) return;
+    if (part.kind == PartKind::kLeaf && leaf_ != nullptr) LookAtLeaf(part);
+    // Another form of the message is not what lies in the file.
+    for (; placed_ < findings_.size(); ++placed_) {
+        if (!again_) findings_[placed_].range = part.whole;
+    }
+}
+
+void AttachmentFilter::LookAtLeaf(const Part& part) {
+    EndText();
+    if (tnef_ != nullptr) tnef_->Finish();
+    tnef_.reset();
     Look(*leaf_, part);
     leaf_.reset();
     if (part.oddCoding) LookAtReadings(part);
+}
+
+void AttachmentFilter::EndText() {
+    if (text_ == nullptr) return;
+    text_->Finish();
+    // Files that are equal are put once, whatever they are called.
+    for (const std::string& name : text_->Names()) {
+        if (askedByName_.insert(name).second)
+            Ask({ReadingsOfName(name), std::nullopt, {}, 0}, name + " in " + Shown(*part_));
+    }
+    askedByName_.clear();
+    text_.reset();
 }
 
 void AttachmentFilter::Done(const WalkResult&) {
     again_ = true;
     decodedAgain_ = 0;
     archives_.BeginAnew();
+    if (hidden_ && hidden_->TooMany()) tooComplex_ = "more files in its parts than are looked at";
+    hidden_.reset();
 }
 
 void AttachmentFilter::Look(Spill& spill, const Part& part) {
@@ -95,17 +147,43 @@ void AttachmentFilter::LookAtReadings(const Part& part) {
         }
         Scratch decoded;
         Spill spill(CalledArchive(names_, part.type));
+        // Files within a body that is declared to be one.
+        if (reading.coding == Coding::kPlain)
+            text_ = std::make_unique<FilesInText>(*hidden_, part.place);
         const bool whole = DecodeBody(part.source, reading, decoded) && decoded.Rewind() >= 0 &&
                            ReadBlocks(decoded.Rewind(), 0, [&](std::string_view text, off_t) {
                                spill.Write(text);
+                               if (text_ != nullptr) text_->Write(text);
                                return true;
                            });
+        EndText();
         if (!whole) {
             tooComplex_ = "a part can't be read in the ways that readers may";
             return;
         }
         if (spill.Size() > 0) Look(spill, part);
     }
+}
+
+// A file within the part that is open.
+void AttachmentFilter::LookAtHidden(int file) {
+    const std::string name = text_ == nullptr ? "" : text_->Names().back();
+    if (text_ != nullptr) askedByName_.insert(name);
+    Attachment attachment{ReadingsOfName(name), std::nullopt, {}, 0};
+    Spill spill(CalledArchive(attachment.names, ""));
+    const bool read = ReadBlocks(file, 0, [&](std::string_view text, off_t) {
+        spill.Write(text);
+        return true;
+    });
+    if (!read) tooComplex_ = "a file in a part can't be read";
+    const std::string shown = (name.empty() ? "a file" : name) + " in " + Shown(*part_);
+    bool macros = false;
+    if (Scratch* const kept = spill.Finish()) macros = archives_.Look(spill, *kept, shown);
+    if (spill.Type().OfficeEncrypted()) archives_.NoteEncrypted("Office");
+    attachment.types = spill.Type().Types(magic_);
+    if (macros) attachment.types.emplace_back("application/x-office-macros");
+    attachment.size = spill.Size();
+    Ask(attachment, shown);
 }
 
 void AttachmentFilter::Ask(const Attachment& attachment, const std::string& what) {
@@ -118,8 +196,6 @@ void AttachmentFilter::Ask(const Attachment& attachment, const std::string& what
     Finding finding =
         RuledFinding(Section::kAttachments, rule->action, rule->name, what, rule->text);
     finding.part = part_->place;
-    // Another form of the message is not what lies in the file.
-    if (!again_) finding.range = part_->whole;
     finding.value = attachment.size;
     findings_.push_back(std::move(finding));
 }

@@ -190,6 +190,22 @@ constexpr char kSevenZipHeaders[] =
     "9b5da0b941c87b2605f2d4a517061001096000070b0100012406f1070112530fe05bcb95960946f658652cca"
     "38eec8c60c5a0a01d8cd6ecb0000";
 
+// libarchive can't even open it.
+TEST(Archives, WhatCanNotBeOpened) {
+    AttachmentRules rules{{NameRule("exe", "*.exe")}, {}};
+    const std::string lzma = Bytes(
+        "5d000004000000000000000000000000000000000800000000000000000000000000000000000000"
+        "0000000000000000000000000000000000000000000000000000000000612e7a6970000000000000"
+        "000100ffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff"
+        "ffffffffff00f8ffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffffff"
+        "ffffffffffffffffffffffffff29ffffffffffffffffffffffffffffffffffffffffffffffffffff"
+        "ffffffffffffffffffffff0080ffffffff0000000000000000000000000000000000000000000000"
+        "0000000000000000000000000000000000000000fc57f3a4c30000000000000014000001f8ffe300"
+        "0000e000");
+    const Result result = Filter(Mail({{"f.bin", lzma}}), rules);
+    EXPECT_EQ(result.encrypted, "");
+}
+
 TEST(Archives, Encrypted) {
     AttachmentRules rules{{NameRule("exe", "*.exe")}, {}};
     const std::string zip = Pack("zip", "none", {{"a.exe", "secret"}}, "word");

@@ -165,6 +165,34 @@ TEST(Attachments, RealTypes) {
     }
 }
 
+// What readers take out of a text, or of the form in which one program sends attachments.
+TEST(Attachments, FilesWithinAPart) {
+    const AttachmentRules rules{
+        {Rule("name", "*.exe"), Rule("type", "", "", "application/x-dosexec")}, {}};
+    const std::string coded = "%35J0  , \n`\nend\n";  // a program's first bytes
+    EXPECT_EQ(Filter("Subject: a\n\nsee\nbegin 644 my file.exe\n" + coded, rules),
+              "name 1 my file.exe in a part of type text/plain; ");
+    EXPECT_EQ(Filter("Subject: a\n\nsee\nbegin 644 a.txt\n" + coded, rules),
+              "type 1 a.txt in a part of type text/plain; ");
+    EXPECT_EQ(
+        Filter("Subject: a\n\n=ybegin line=128 size=2 name=a b.exe\nxx\n=yend size=2\n", rules),
+        "name 1 a b.exe in a part of type text/plain; ");
+    EXPECT_EQ(Filter("Content-Type: application/x-y\nContent-Transfer-Encoding: x-uuencode\n\n"
+                     "begin 644 a.exe\n" +
+                         coded,
+                     rules),
+              "type 1 a part of type application/x-y; name 1 a.exe in a part of type "
+              "application/x-y; ");
+    const auto number = [](std::size_t value) {
+        std::string bytes;
+        for (int i = 0; i < 4; ++i) bytes += static_cast<char>(value >> (8 * i) & 0xFF);
+        return bytes;
+    };
+    const std::string tnef =
+        "\x78\x9F\x3E\x22\1\0\2"s + number(0x6800F) + number(kProgram.size()) + kProgram + "\0\0"s;
+    EXPECT_EQ(Filter(Mail({{"winmail.dat", tnef}}), rules), "type 2 a file in winmail.dat; ");
+}
+
 // Of base64 that readers end at different places each reading is looked at.
 TEST(Attachments, EachReadingOfABrokenCoding) {
     const std::string text = Mixed(

@@ -5,6 +5,7 @@ import subprocess
 
 from harness import BIN, wait_until
 from scanning import KEY, NOT_CHECKED, QUEUED, REJECTED, Scanning, archive, attached, body, encrypted_archive
+from tricky import b64, signed
 
 DROPPED = b"250 ok\r\n"
 PROGRAM = b"MZ\x90\0\3\0\0\0" + bytes(200)
@@ -42,6 +43,14 @@ class SectionRules(Scanning):
                   b".--b\nContent-Type: application/octet-stream; name=a.exe\n\nx\r\n--b--\r\n")
         self.assertEqual(self.send(hidden.replace(b"\n.", b"\n")), REJECTED)
         self.assertEqual(self.send(hidden), REJECTED)
+
+    def test_within_a_signature(self):
+        self.rule("Attachments", "programs", FileName="*.exe")
+        self.rule("Content", "words", Where="text", Pattern="needle")
+        for inner, reply in ((attached(archive(("a.exe", b"x"))), REJECTED), (body(b"a needle"), REJECTED),
+                             (attached(archive(("a.txt", b"x"))), QUEUED)):
+            self.assertEqual(self.send(b"Content-Type: application/pkcs7-mime; smime-type=signed-data; name=smime.p7m\r\n"
+                                       b"Content-Transfer-Encoding: base64\r\n\r\n" + b64(signed(inner))), reply)
 
     def test_archives(self):
         nested = archive(("a.zip", archive(("b.zip", archive(("c", b"x"))))))

@@ -144,21 +144,23 @@ class PartsJudge {
         all.insert(all.end(), ofForms.begin(), ofForms.end());
         const Form main{transfer == Transfer::kChunks ? 0 : CrLfDots() & survey.dots};
         judgement_.walk =
-            Walk(file, main.dots == 0 ? maild::Dots::kPlain : maild::Dots::kStuffed, all);
+            Walk(file, main.dots == 0 ? maild::Dots::kPlain : maild::Dots::kStuffed, all, ofForms);
         for (const Form& form : FormsOf(survey, transfer)) {
             // Nobody keeps the dots of the way.
             if (form == main || (form.AsStored() && transfer == Transfer::kData)) continue;
             if (judgement_.scan.outcome == ScanOutcome::kInfected) return;
             const platform::File copy = MakeForm(file, form);
             if (!copy) return Take({ScanOutcome::kFailed, kCantCopy});
-            Walk(copy.Descriptor(), maild::Dots::kPlain, ofForms);
+            Walk(copy.Descriptor(), maild::Dots::kPlain, ofForms, ofForms);
         }
     }
 
   private:
     static constexpr unsigned CrLfDots() { return SingleDot(kCrLf) | DoubledDot(kCrLf); }
 
-    maild::WalkResult Walk(int file, maild::Dots dots, std::span<maild::PartSink* const> sinks) {
+    // `inSigned`: those of the sinks that see the parts of signed messages in a part's bytes.
+    maild::WalkResult Walk(int file, maild::Dots dots, std::span<maild::PartSink* const> sinks,
+                           std::span<maild::PartSink* const> inSigned) {
         struct stat info {};
         if (fstat(file, &info) != 0) {
             Take({ScanOutcome::kFailed, kCantRead});
@@ -168,7 +170,8 @@ class PartsJudge {
             [this](int part, long long size) { return judge_.Look(part, size); }, info.st_size);
         const maild::WalkLimits limits{settings_.maxDepth, settings_.maxParts,
                                        settings_.maxHeaderBytes, judge_.End()};
-        maild::DoubtfulParts doubtful(questions, {file, dots, {0, info.st_size}}, limits);
+        maild::DoubtfulParts doubtful(questions, {file, dots, {0, info.st_size}}, limits, 0,
+                                      inSigned);
         std::vector<maild::PartSink*> all(sinks.begin(), sinks.end());
         // An engine that is away has no answer to anything else either.
         if (!EngineIsAway(judgement_.scan.outcome)) all.push_back(&doubtful);

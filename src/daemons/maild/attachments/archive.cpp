@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <optional>
 
+#include "daemons/maild/attachments/zipnames.h"
 #include "daemons/maild/forms/archivelook.h"
 #include "daemons/maild/forms/blocks.h"
 
@@ -162,6 +164,7 @@ void ArchiveLooker::Fail(const char* encrypted, Spill& spill, Scratch& file, boo
 bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const std::string& path,
                             int depth) {
     bool macros = false;
+    std::set<std::string> names;
     for (bool listed = false; going_; listed = true) {
         archive_entry* entry = nullptr;
         const int result = archive_read_next_header(from, &entry);
@@ -183,18 +186,35 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
             Stop("more files in archives than MaxArchiveEntries");
             break;
         }
-        macros = Entry(from, entry, path, depth) || macros;
+        macros = Entry(from, entry, path, depth, names) || macros;
     }
     if (const char* const kind = EncryptedBy(from)) NoteEncrypted(kind);
+    if (going_ && (archive_format(from) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP)
+        LocalNames(file, path, names);
     return macros;
 }
 
+// A zip tells each name twice: at its end, by which nearly all go, and before the file, by which
+// some do who repair what is broken.
+void ArchiveLooker::LocalNames(Scratch& file, const std::string& path,
+                               std::set<std::string>& listed) {
+    const std::size_t most = listed.size() + static_cast<std::size_t>(limits_.maxEntries);
+    const bool read = ForEachLocalName(file.Rewind(), [&](const std::string& name) {
+        if (listed.size() < most && listed.insert(name).second)
+            use_({ReadingsOfName(name), std::nullopt, {}, 0}, ShownName(name) + " in " + path);
+        return Clock::now() < end_;
+    });
+    if (!read) Stop("archives were not looked into in time");
+}
+
 // True if by its name it is what Office keeps macros in.
-bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string& path, int depth) {
+bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
+                          std::set<std::string>& listed) {
     std::string shown;
     Attachment member;
     const auto add = [&](const char* name) {
         if (name == nullptr || *name == '\0') return;
+        listed.insert(name);
         if (shown.empty()) shown = ShownName(name);
         for (std::string& each : ReadingsOfName(name)) {
             if (std::find(member.names.begin(), member.names.end(), each) == member.names.end())

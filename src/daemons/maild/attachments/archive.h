@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,7 +43,9 @@ class ArchiveLooker {
   private:
     bool Look(Spill& spill, Scratch& file, const std::string& path, int depth);
     bool Entries(archive* from, Spill& spill, Scratch& file, const std::string& path, int depth);
-    bool Entry(archive* from, archive_entry* entry, const std::string& path, int depth);
+    bool Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
+               std::set<std::string>& listed);
+    void LocalNames(Scratch& file, const std::string& path, std::set<std::string>& listed);
     bool Read(archive* from, Spill& spill);
     void Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
               const std::string& path);

@@ -102,6 +102,17 @@ TEST(Archives, FoundInAllOfThem) {
     }
 }
 
+// Called otherwise before the file than in the list at the end.
+TEST(Archives, BothNamesOfAFileInAZip) {
+    const AttachmentRules rules{{NameRule("exe", "*.exe")}, {}};
+    for (const std::size_t before : {10U, 65500U, 65530U, 200000U}) {
+        std::string zip = Zip({{"a.txt", Random(before)}, {"b.txt", "x"}});
+        zip.replace(zip.find("b.txt"), 5, "b.exe");
+        EXPECT_EQ(Filter(Mail({{"f.zip", zip}}), rules).findings, "exe: b.exe in f.zip; ")
+            << before;
+    }
+}
+
 TEST(Archives, RealTypesOfWhatLiesInThem) {
     AttachmentRules rules{{TypeRule("macros", "application/x-office-macros"),
                            TypeRule("programs", "application/x-dosexec;application/x-executable")},

@@ -175,6 +175,10 @@ TEST(Attachments, FilesWithinAPart) {
     EXPECT_EQ(Filter("Subject: a\n\nsee\nbegin 644 a.txt\n" + coded, rules),
               "type 1 a.txt in a part of type text/plain; ");
     EXPECT_EQ(
+        Filter("Subject: a\n\nbegin 644 a\n#0V%T\n`\nend\nbegin 644 b.exe\n#0V%T\n`\nend\n", rules),
+        "name 1 b.exe in a part of type text/plain; ")
+        << "with the same bytes as another one";
+    EXPECT_EQ(
         Filter("Subject: a\n\n=ybegin line=128 size=2 name=a b.exe\nxx\n=yend size=2\n", rules),
         "name 1 a b.exe in a part of type text/plain; ");
     EXPECT_EQ(Filter("Content-Type: application/x-y\nContent-Transfer-Encoding: x-uuencode\n\n"

@@ -24,7 +24,7 @@ install(FILES packaging/completion/_vtlog packaging/completion/_vtregistry packa
 install(FILES packaging/prometheus/alerts.yml DESTINATION share/vantrel/prometheus)
 install(FILES packaging/grafana/vantrel.json DESTINATION share/vantrel/grafana)
 install(FILES README.md ARCHITECTURE.md DESTINATION share/doc/vantrel)
-install(DIRECTORY docs DESTINATION share/doc/vantrel)
+install(DIRECTORY docs DESTINATION share/doc/vantrel FILES_MATCHING PATTERN *.md)
 foreach(section 1 5 8)
   file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.${section})
   foreach(page ${pages})
@@ -46,10 +46,33 @@ list(APPEND packed_pages ${keys_page})
 install(FILES ${keys_page} DESTINATION share/man/man5)
 add_custom_target(man ALL DEPENDS ${packed_pages})
 
+# What Debian wants to know of a package: whose it is, what has changed, who answers for it.
+if(DEFINED ENV{DEBEMAIL} AND DEFINED ENV{DEBFULLNAME})
+  set(maintainer "$ENV{DEBFULLNAME} <$ENV{DEBEMAIL}>")
+else()
+  set(maintainer "Vantrel <packages@vantrel.example>")
+endif()
+set(VANTREL_MAINTAINER "${maintainer}" CACHE STRING "Who answers for the Debian package: NAME <ADDRESS>")
+set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${debian}/changelog)
+file(STRINGS ${debian}/changelog newest LIMIT_COUNT 1)
+if(NOT newest MATCHES "^vantrel \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "packaging/debian/changelog begins with another version than ${PROJECT_VERSION}")
+endif()
+foreach(name changelog copyright)
+  configure_file(${debian}/${name} ${CMAKE_BINARY_DIR}/debian/${name} @ONLY)
+endforeach()
+add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/debian/changelog.gz
+  COMMAND gzip -9nkf ${CMAKE_BINARY_DIR}/debian/changelog
+  DEPENDS ${CMAKE_BINARY_DIR}/debian/changelog)
+add_custom_target(changelog ALL DEPENDS ${CMAKE_BINARY_DIR}/debian/changelog.gz)
+install(FILES ${CMAKE_BINARY_DIR}/debian/changelog.gz ${CMAKE_BINARY_DIR}/debian/copyright DESTINATION share/doc/vantrel)
+install(FILES ${debian}/lintian-overrides DESTINATION share/lintian/overrides RENAME vantrel)
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vantrel)
 set(CPACK_PACKAGE_VENDOR Vantrel)
-set(CPACK_PACKAGE_CONTACT "Vantrel <root@localhost>")
+set(CPACK_PACKAGE_CONTACT "${VANTREL_MAINTAINER}")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Mail security proxy: scans mail before it reaches the mail server")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
   "Stands in front of a mail server and speaks SMTP on its behalf: takes each
@@ -64,9 +87,9 @@ set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, clamav-daemon")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "clamav-freshclam, ca-certificates")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-  ${PROJECT_SOURCE_DIR}/packaging/debian/preinst
-  ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
-  ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
-  ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
+  ${debian}/preinst
+  ${debian}/postinst
+  ${debian}/prerm
+  ${debian}/postrm)
 set(CPACK_STRIP_FILES ON)
 include(CPack)

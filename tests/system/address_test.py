@@ -110,7 +110,7 @@ class Families(Case):
         def taken():
             open_at = []
             for host in (V4, V6):
-                with contextlib.suppress(ConnectionRefusedError):
+                with contextlib.suppress(ConnectionRefusedError, ConnectionResetError):
                     Client(proxy.port, 5, host).close()
                     open_at.append(host)
             return open_at

@@ -316,11 +316,13 @@ class Lines(System):
 
     def test_what_is_not_offered(self):
         self.server.rules["EHLO"] = (b"250-real\r\n250-PIPELINING\r\n250-XCLIENT NAME ADDR\r\n250-XFORWARD NAME\r\n250-PIPECONNECT\r\n"
-                                     b"250-X_PIPE_CONNECT\r\n250-BURL imap\r\n250-HELP\r\n250 XFORWARD\r\n")
+                                     b"250-X_PIPE_CONNECT\r\n250-BURL imap\r\n250-X-ANONYMOUSTLS\r\n250-X-EXPS GSSAPI NTLM\r\n"
+                                     b"250-HELP\r\n250 XFORWARD\r\n")
         c = self.opened()
         self.assertEqual(c.ask(b"EHLO me"), b"250-proxy.example\r\n250-HELP\r\n250 EHLO\r\n")
         self.server.lines.clear()
-        for line in (b"XCLIENT ADDR=192.0.2.1", b"xforward NAME=x", b"PIPECONNECT", b"BURL imap://x LAST"):
+        for line in (b"XCLIENT ADDR=192.0.2.1", b"xforward NAME=x", b"PIPECONNECT", b"BURL imap://x LAST", b"X-ANONYMOUSTLS",
+                     b"x-exps GSSAPI"):
             self.assertEqual(c.ask(line), UNKNOWN)
         self.assertEqual(set(self.server.lines), {b"NOOP\r\n"})
 

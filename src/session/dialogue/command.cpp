@@ -267,5 +267,7 @@ const Dialogue::Verb Dialogue::kVerbs[] = {
     {"XFORWARD", CMD_OTHER, &Dialogue::RefusedRule},
     {"PROXY", CMD_OTHER, &Dialogue::RefusedRule},
     {"PIPECONNEC", CMD_OTHER, &Dialogue::RefusedRule},  // tokens end after ten bytes
+    {"X-ANONYMOU", CMD_OTHER, &Dialogue::RefusedRule},  // TLS that we couldn't look into
+    {"X-EXPS", CMD_OTHER, &Dialogue::RefusedRule},
     {nullptr, CMD_OTHER, &Dialogue::ForwardRule},
 };

@@ -27,8 +27,10 @@ constexpr std::string_view kBeforeGreeting =
 
 // Offers of the server's that are not the client's: the proxy does its own TLS and batches, sees
 // every message itself, and tells the server itself whom it speaks for.
-constexpr std::string_view kNotOffered[] = {"pipelining",  "starttls",       "xclient", "xforward",
-                                            "pipeconnect", "x_pipe_connect", "burl"};
+constexpr std::string_view kNotOffered[] = {"pipelining", "starttls", "xclient", "xforward",
+                                            "pipeconnect", "x_pipe_connect", "burl",
+                                            // TLS and AUTH among some servers themselves
+                                            "x-anonymoustls", "x-exps"};
 
 }  // namespace
 

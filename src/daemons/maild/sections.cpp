@@ -24,7 +24,7 @@ void Fill(std::string& text, const std::string& other) {
 }  // namespace
 
 AllFindings JudgeBySections(Engine& engine, const Settings& settings, const char* path,
-                        Transfer transfer, const maild::Envelope& envelope) {
+                            Transfer transfer, const maild::Envelope& envelope) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings.scanSeconds);
     std::optional<maild::AttachmentFilter> attachments;
     std::optional<maild::ContentFilter> content;

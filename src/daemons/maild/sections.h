@@ -14,4 +14,4 @@ struct AllFindings {
 // As JudgeMessage, and the rules of the other sections besides. Of a message in which the engine
 // has found malware, and of one that is too large to be looked at, no rule is asked. Any thread.
 AllFindings JudgeBySections(Engine& engine, const Settings& settings, const char* path,
-                        Transfer transfer, const maild::Envelope& envelope);
+                            Transfer transfer, const maild::Envelope& envelope);

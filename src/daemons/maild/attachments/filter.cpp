@@ -16,7 +16,7 @@ constexpr long long kMostDecodedAgain = 256LL << 20;
 constexpr std::size_t kMostFindings = 100;
 
 bool ShowsOtherThanText(const RealType& type) {
-    return type.BeginsArchive() == RealType::Sure::kYes || type.IsExecutable() ||
+    return type.BeginsArchive() == RealType::Sure::kYes || type.IsProgram() ||
            type.OfficeEncrypted();
 }
 

@@ -53,13 +53,13 @@ constexpr Mark kMarks[] = {
     {0, "\x5D\0\0"sv, "application/x-lzma", Sure::kMaybe},
     {0, "\x28\xB5\x2F\xFD"sv, "application/zstd", Sure::kYes},
     {0, "\x04\x22\x4D\x18"sv, "application/x-lz4", Sure::kYes},
-    {0, "LZIP"sv, "application/x-lzip", Sure::kYes},
-    {0, "MSCF"sv, "application/vnd.ms-cab-compressed", Sure::kYes},
+    {0, "LZIP\1"sv, "application/x-lzip", Sure::kYes},
+    {0, "MSCF\0\0\0\0"sv, "application/vnd.ms-cab-compressed", Sure::kYes},
     {0, "!<arch>\n"sv, "application/x-ar", Sure::kMaybe},
     {0, "070701"sv, "application/x-cpio", Sure::kMaybe},
     {0, "070702"sv, "application/x-cpio", Sure::kMaybe},
     {0, "070707"sv, "application/x-cpio", Sure::kMaybe},
-    {0, "xar!"sv, "application/x-xar", Sure::kYes},
+    {0, "xar!\0"sv, "application/x-xar", Sure::kYes},
     {2, "-lh"sv, "application/x-lha", Sure::kMaybe},
     {257, "ustar"sv, "application/x-tar", Sure::kYes},
     {0x8001, "CD001"sv, "application/x-iso9660-image", Sure::kYes},
@@ -96,8 +96,11 @@ bool IsOldTar(std::string_view head) {
 bool Fits(std::string_view head, const Mark& mark) {
     if (head.size() < mark.at || head.substr(mark.at, mark.bytes.size()) != mark.bytes)
         return false;
-    // "BZh" and three bytes may begin anything else.
-    if (mark.bytes == "BZh"sv) return head.size() > 3 && head[3] >= '1' && head[3] <= '9';
+    // A text may begin so, but has no zero byte, which each program's header has.
+    if (mark.bytes == "MZ"sv) return head.substr(0, 64).find('\0') != std::string_view::npos;
+    if (mark.bytes == "BZh"sv)
+        return head.size() > 5 && head[3] >= '1' && head[3] <= '9' &&
+               (head.substr(4, 2) == "1A" || head.substr(4, 2) == "\x17r");
     if (mark.bytes == "\x5D\0\0"sv) return head.size() > 13 && (head[4] == '\0' || head[4] == 1);
     if (mark.bytes == "\x1F\x8B"sv) return head.size() > 2 && head[2] == 8;
     if (mark.bytes == "-lh"sv) return head.size() > 6 && head[6] == '-';
@@ -181,12 +184,11 @@ RealType::Sure RealType::BeginsArchive() const {
     return sure;
 }
 
-bool RealType::IsExecutable() const {
-    return head_.starts_with("MZ") ||
-           head_.starts_with(
-               "\x7F"
-               "ELF") ||
-           head_.starts_with("#!");
+bool RealType::IsProgram() const {
+    return Fits(head_, {0, "MZ"sv, ""}) || Fits(head_, {0,
+                                                        "\x7F"
+                                                        "ELF"sv,
+                                                        ""});
 }
 
 std::vector<std::string> RealType::Types(bool magic) const {

@@ -34,13 +34,16 @@ class RealType {
     bool HeadWhole() const { return head_.size() >= kHead; }
     // Of what has come so far: whether it begins as an archive, or as a program that may have one
     // behind it.
-    bool MayBeArchive() const { return BeginsArchive() != Sure::kNo || IsExecutable(); }
+    bool MayBeArchive() const {
+        return BeginsArchive() != Sure::kNo || IsProgram() || head_.starts_with("#!");
+    }
     // kYes: it must be readable as one. kMaybe: by bytes that other files may begin with.
     enum class Sure { kNo, kMaybe, kYes };
     Sure BeginsArchive() const;
     // Office with a password. To be asked behind the last byte, as Types.
     bool OfficeEncrypted() const { return ole_ && met_[kEncryptedPackage]; }
-    bool IsExecutable() const;
+    // Of Windows, DOS or ELF.
+    bool IsProgram() const;
     // Each once, in small letters. `magic`: libmagic's too.
     std::vector<std::string> Types(bool magic) const;
     const std::string& Head() const { return head_; }

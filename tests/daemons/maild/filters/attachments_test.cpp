@@ -57,6 +57,8 @@ TEST(Attachments, WhichPartsTheyAre) {
     } cases[] = {
         {"a text", "Subject: a\n\nhello\n", ""},
         {"HTML with script", "Content-Type: text/html\n\n<html><script>x</script></html>\n", ""},
+        {"a text that begins as a program does", "Subject: a\n\nMZ is a newspaper\n", ""},
+        {"a text that is a script", "Subject: a\n\n#!/bin/sh\n", ""},
         {"two texts", Mixed("--b\n\nx\n--b\nContent-Type: text/html\n\n<b>x</b>\n"), ""},
         {"a text with a name", Mixed("--b\nContent-Type: text/plain; name=a.txt\n\nx\n"),
          "all 1 a.txt; "},

@@ -23,6 +23,11 @@ inline constexpr std::int32_t kStatEncryptedRefused = 107;  // put off it counts
 // A message whose structure is ambiguous, or too complex to be looked at; put off it counts as not
 // scanned. Reports show it with the other codes.
 inline constexpr std::int32_t kStatStructureRefused = 108;
+// A message that a rule on attachments or content decides about; the label is the rule and what it
+// has met. Put off it counts as not scanned. Reports show these with the other codes.
+inline constexpr std::int32_t kStatRuleRefused = 120;
+inline constexpr std::int32_t kStatRuleDropped = 121;
+inline constexpr std::int32_t kStatRuleRedirected = 122;
 // Spam; the label is its score. What nobody could judge, and is put off, counts as not scanned.
 // Reports show these with the other codes.
 inline constexpr std::int32_t kStatSpamRefused = 130;

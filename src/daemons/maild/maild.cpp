@@ -7,7 +7,7 @@
 
 #include "daemons/maild/log.h"
 #include "daemons/maild/reply.h"
-#include "daemons/maild/verdict/antivirus.h"
+#include "daemons/maild/sections.h"
 #include "libstats/codes.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
@@ -65,6 +65,10 @@ std::string LabelOf(const Judgement& judgement, std::int32_t event,
     if (decision.by != nullptr && decision.by->section == maild::Section::kAntispam &&
         event != kStatClean)
         return decision.by->reason;
+    const bool ruled =
+        decision.by != nullptr && (decision.by->section == maild::Section::kContent ||
+                                   decision.by->section == maild::Section::kAttachments);
+    if (ruled) return decision.by->rule + ": " + decision.by->reason;
     return event == kStatStructureRefused ? decision.by->reason : judgement.encrypted;
 }
 
@@ -138,9 +142,11 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
     }
     const std::shared_ptr<const Settings> settings = settings_.Current();
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings->scanSeconds);
-    const Judgement judgement =
-        JudgeMessage(engines_, *settings, path.c_str(), TransferOf(request.root));
-    std::vector<maild::Finding> findings = maild::AntivirusFindings(*settings, judgement);
+    AllFindings verdict =
+        JudgeBySections(engines_, *settings, path.c_str(), TransferOf(request.root),
+                        {Text(request.root, TagSender), Text(request.root, TagRecipients)});
+    const Judgement& judgement = verdict.judgement;
+    std::vector<maild::Finding>& findings = verdict.findings;
     antispam_.Look(settings->antispam,
                    {path, TransferOf(request.root), Text(request.root, TagSender),
                     Text(request.root, TagRecipients), Text(request.root, TagPeerAddress), end},

@@ -12,6 +12,8 @@
 //   antivirus   the parts that the engine could see otherwise than a reader
 //   antispam    what rspamd or spamd thinks of the message
 //   judge       all of that together: the judgement of one message
+//   attachments, content      the rules on them; `rules` reads them
+//   sections    the judgement, and what the rules say
 //   verdict     what the sections found, and what becomes of the message
 //   reply       the answer to the proxy
 //   shell       `vtmaild test`

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "daemons/maild/antispam/settings.h"
+#include "daemons/maild/attachments/rule.h"
+#include "daemons/maild/content/rule.h"
 
 // What is taken where MaxFileSize says nothing, in bytes.
 inline constexpr long long kUsualMaxFileSize = 25LL << 20;
@@ -42,6 +44,8 @@ struct Settings {
     long long maxHeaderBytes = 256 << 10;  // of one message's or part's headers
     WhenOdd tooComplex = WhenOdd::kPutOff;
     WhenOdd whenAmbiguous = WhenOdd::kPass;
+    maild::AttachmentRules attachments;
+    maild::ContentRules content;
     maild::SpamSettings antispam;
     bool passWhenDown = false;
     bool passWhenBusy = false;

@@ -8,9 +8,8 @@
 #include <vector>
 
 #include "daemons/maild/antispam/antispam.h"
-#include "daemons/maild/judge.h"
 #include "daemons/maild/reply.h"
-#include "daemons/maild/verdict/antivirus.h"
+#include "daemons/maild/sections.h"
 #include "lipc/lipc.h"
 #include "platform/home.h"
 #include "tagmsg/owned.h"
@@ -52,15 +51,15 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
 
 Exit TestFile(Engines& engines, const Settings& settings, const char* path, Transfer transfer) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings.scanSeconds);
-    const Judgement judgement = JudgeMessage(engines, settings, path, transfer);
-    std::vector<maild::Finding> findings = maild::AntivirusFindings(settings, judgement);
+    AllFindings verdict = JudgeBySections(engines, settings, path, transfer, {});
+    std::vector<maild::Finding>& findings = verdict.findings;
     maild::Antispam().Look(settings.antispam, {path, transfer, {}, "", "", end}, findings);
     Print(path, findings);
     // A score alone is nothing that was found.
     const bool any = std::any_of(findings.begin(), findings.end(), [](const maild::Finding& each) {
         return each.section != maild::Section::kAntispam || each.action != maild::Action::kPass;
     });
-    switch (judgement.scan.outcome) {
+    switch (verdict.judgement.scan.outcome) {
         case ScanOutcome::kClean:
         case ScanOutcome::kEncrypted:
         case ScanOutcome::kInfected:

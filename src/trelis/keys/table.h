@@ -33,6 +33,8 @@ enum class Beyond {
 };
 
 inline constexpr long long kMostInt = std::numeric_limits<int>::max();
+// A section's or a row's effect.
+inline constexpr char kAtStart[] = "at the start";
 
 struct KeyRow {
     const char* name;  // below its section's root; '*' stands for any one name

@@ -23,6 +23,9 @@ inline constexpr std::int32_t kStatEncryptedRefused = 107;  // put off it counts
 // A message whose structure is ambiguous, or too complex to be looked at; put off it counts as not
 // scanned. Reports show it with the other codes.
 inline constexpr std::int32_t kStatStructureRefused = 108;
+// A message that is in the quarantine; one with malware that was delivered, as a setting says.
+inline constexpr std::int32_t kStatQuarantined = 109;
+inline constexpr std::int32_t kStatInfectedPassed = 110;
 
 // Agent numbers of the reporters.
 inline constexpr std::uint32_t kStatAgentProxy = 4;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "daemons/maild/actions/perform.h"
 #include "daemons/maild/judge.h"
 #include "daemons/maild/verdict/antivirus.h"
 #include "text/printable.h"
@@ -37,8 +38,11 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
 }
 
 Exit TestFile(Engine& engine, const Settings& settings, const char* path, Transfer transfer) {
-    const Judgement judgement = JudgeMessage(engine, settings, path, transfer);
-    const std::vector<maild::Finding> findings = maild::AntivirusFindings(settings, judgement);
+    maild::PartMap parts;
+    maild::PartSink* const sinks[] = {&parts};
+    const Judgement judgement = JudgeMessage(engine, settings, path, transfer, sinks);
+    std::vector<maild::Finding> findings = maild::AntivirusFindings(settings, judgement);
+    maild::HoldBackWhatStays(findings, parts, transfer);
     Print(path, findings);
     switch (judgement.scan.outcome) {
         case ScanOutcome::kClean:

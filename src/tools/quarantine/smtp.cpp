@@ -39,6 +39,23 @@ struct Reply {
     }
 };
 
+// As a command has it: the proxy knows addresses without the quotes that theirs may need.
+std::string Path(const std::string& address) {
+    const std::size_t at = address.rfind('@');
+    const std::string local = address.substr(0, at);
+    const bool plain = std::all_of(local.begin(), local.end(), [](char c) {
+        return IsLetter(c) || IsDigit(c) || (c & 0x80) != 0 ||
+               std::string_view(".!#$%&'*+-/=?^_`{|}~").find(c) != std::string_view::npos;
+    });
+    if (plain || at == std::string::npos || local.starts_with('"')) return "<" + address + ">";
+    std::string quoted = "<\"";
+    for (const char c : local) {
+        if (c == '"' || c == '\\') quoted += '\\';
+        quoted += c;
+    }
+    return quoted + "\"" + address.substr(at) + ">";
+}
+
 // One connection, closed when it goes.
 class Dialogue {
   public:
@@ -145,7 +162,7 @@ class Dialogue {
     }
 
     bool Envelope(const Letter& letter) {
-        std::string mail = "MAIL FROM:<" + letter.sender + ">";
+        std::string mail = "MAIL FROM:" + Path(letter.sender);
         bool unicode = HasHighBytes(letter.sender);
         for (const std::string& each : letter.recipients) unicode = unicode || HasHighBytes(each);
         if (offers_.Offers("8BITMIME")) mail += " BODY=8BITMIME";
@@ -153,7 +170,7 @@ class Dialogue {
         Reply reply;
         if (!Ask(mail, reply) || !reply.Is('2')) return false;
         for (const std::string& each : letter.recipients) {
-            if (!Ask("RCPT TO:<" + each + ">", reply)) return false;
+            if (!Ask("RCPT TO:" + Path(each), reply)) return false;
             if (reply.Is('2')) continue;
             said_ = CleanText(each) + ": " + said_;
             return false;

@@ -1,5 +1,7 @@
 #include "daemons/maild/actions/partmap.h"
 
+#include <algorithm>
+
 namespace maild {
 
 void PartMap::Begin(const Part& part) {
@@ -11,7 +13,11 @@ void PartMap::Begin(const Part& part) {
     placed.whole = part.whole;
     placed.body = part.body;
     placed.ofMessage = open_.empty() || parts_[open_.back()].kind == PartKind::kMessage;
-    placed.fixed = !part.ownRange || part.inSigned || part.inEncrypted;
+    placed.coded = part.kind != PartKind::kLeaf && part.coding != Coding::kPlain;
+    // What stands in a coded container is walked as it is, too: that is no place for a text either.
+    const bool inCoded = std::any_of(open_.begin(), open_.end(),
+                                     [this](std::size_t each) { return parts_[each].coded; });
+    placed.fixed = !part.ownRange || part.inSigned || part.inEncrypted || inCoded;
     open_.push_back(parts_.size());
     parts_.push_back(std::move(placed));
 }

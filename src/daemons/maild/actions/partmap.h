@@ -20,6 +20,7 @@ struct PlacedPart {
     bool ofMessage = false;
     // Nothing in it may be changed: it is not in the file as it is, or signed, or encrypted.
     bool fixed = false;
+    bool coded = false;  // a message or multipart with a coding of its own
 };
 
 // A sink of the walk over the stored message. Its ranges are known from the walk's end on.

@@ -29,6 +29,7 @@ std::string Anywhere(const std::string& text) {
 
 bool Index::Open(const std::string& path, bool make) {
     int error = 0;
+    connection_.reset();  // the last one at a file takes its journal away, whatever has come there
     connection_ = sqlite::Open(path, make ? SQLITE_OPEN_CREATE : 0, error);
     // Without FULL a commit in WAL mode could be lost with the power.
     if (error == SQLITE_OK && sqlite::Execute(connection_.get(), "PRAGMA journal_mode=WAL") &&

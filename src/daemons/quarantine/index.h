@@ -14,14 +14,14 @@ namespace quarantine {
 
 // What of the index somebody wants to see; nothing, or empty: anything.
 struct Filter {
-    std::string id;
-    std::string from;     // a part of it, without regard to case
-    std::string to;       // the same of the recipients
-    std::string subject;  // the same
-    std::string section;
-    std::optional<std::int64_t> since;  // milliseconds since 1970; included
-    std::optional<std::int64_t> until;  // not included
-    int limit = 0;                      // the newest so many; 0: all
+    std::string id{};
+    std::string from{};     // a part of it, without regard to case
+    std::string to{};       // the same of the recipients
+    std::string subject{};  // the same
+    std::string section{};
+    std::optional<std::int64_t> since{};  // milliseconds since 1970; included
+    std::optional<std::int64_t> until{};  // not included
+    int limit = 0;                        // the newest so many; 0: all
 };
 
 // One thread at a time; any number of processes. A false, or nothing, is a failure of the database

@@ -61,8 +61,13 @@ std::string Quarantine::PathOf(const std::string& id, const char* ending) const 
 // Under the lock. An index whose file has been taken away would take messages nobody finds again.
 bool Quarantine::OpenIndex(bool make, std::string& complaint) {
     const std::string path = directory_ + "/index.db";
-    if (index_.IsOpen() && platform::LookAtFile(path)) return true;
-    if (index_.Open(path, make)) return true;
+    const auto there = platform::LookAtFile(path);
+    if (index_.IsOpen() && there && there->number == indexNumber_) return true;
+    if (index_.Open(path, make)) {
+        const auto opened = platform::LookAtFile(path);
+        indexNumber_ = opened ? opened->number : 0;
+        return true;
+    }
     complaint = "can't open " + path + ": " + index_.Complaint();
     return false;
 }

@@ -68,7 +68,8 @@ class Quarantine {
 
     const std::string directory_;
     std::mutex mutex_;
-    Index index_;  // guarded by mutex_
+    Index index_;                    // guarded by mutex_, as the next one
+    std::uint64_t indexNumber_ = 0;  // of its file
 };
 
 }  // namespace quarantine

@@ -190,7 +190,7 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
 
 // Bytes as they are to a file or a program, and nothing that steers it to a terminal.
 bool Print(const std::string& bytes, bool exact) {
-    const std::string text = exact && platform::TerminalColumns() > 0 ? CleanLines(bytes) : bytes;
+    const std::string text = exact && platform::OutputIsTerminal() ? CleanLines(bytes) : bytes;
     return std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
 }
 

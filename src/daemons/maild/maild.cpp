@@ -75,6 +75,15 @@ void LogDecision(TagMsgNode* request, const std::string& path, const maild::Find
     Log(std::move(line));
 }
 
+// The line that the proxy writes of the message names the id, too.
+void NoteKept(std::vector<maild::Finding>& findings, const maild::Decision& decision,
+              const std::string& id) {
+    for (maild::Finding& each : findings) {
+        if (&each == decision.by && each.section != maild::Section::kAntivirus)
+            each.text = each.reason + " (in the quarantine as " + id + ")";
+    }
+}
+
 std::int32_t EventOf(const maild::Decision& decision) {
     if (decision.action == maild::Action::kQuarantine) return kStatQuarantined;
     return decision.by == nullptr ? kStatClean : decision.by->event;
@@ -179,6 +188,7 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
         decision = {maild::Action::kPutOff, &findings.front()};
     }
     if (decision.by != nullptr) LogDecision(request.root, path, *decision.by, done.keptAs);
+    if (!done.keptAs.empty()) NoteKept(findings, decision, done.keptAs);
     const std::int32_t event = EventOf(decision);
     stats_.Add({event, message.peer, message.sender, message.recipients,
                 LabelOf(judgement, event, decision), judgement.size});

@@ -39,7 +39,7 @@ void Quarantine::TakeLeavings(int leavingSeconds) {
         const auto meta = platform::LookAtFile(MetaPath(id));
         const auto newest = std::max(message ? message->written : 0, meta ? meta->written : 0);
         if (newest / 1'000'000'000 + leavingSeconds > platform::UtcSeconds()) continue;
-        if (!index_.Begin()) return;
+        if (index_.Find(id) || !index_.Begin()) continue;
         const bool known = index_.Find(id).has_value();
         const bool readable = index_.Complaint().empty();
         std::string text;

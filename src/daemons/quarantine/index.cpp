@@ -124,7 +124,9 @@ std::optional<std::vector<KeptMessage>> Index::List(const Filter& filter) {
         Select("WHERE (?1 = '' OR id = ?1) AND (?2 = '%%' OR sender LIKE ?2 ESCAPE '\\') "
                "AND (?3 = '%%' OR recipients LIKE ?3 ESCAPE '\\') "
                "AND (?4 = '%%' OR subject LIKE ?4 ESCAPE '\\') AND (?5 = '' OR section = ?5) "
-               "AND at >= ?6 AND at < ?7 ORDER BY at DESC, id DESC LIMIT ?8")
+               "AND (?9 = '%%' OR id LIKE ?9 ESCAPE '\\' OR sender LIKE ?9 ESCAPE '\\' OR "
+               "recipients LIKE ?9 ESCAPE '\\' OR subject LIKE ?9 ESCAPE '\\') AND at >= ?6 AND at "
+               "< ?7 ORDER BY at DESC, id DESC LIMIT ?8")
             .c_str());
     if (list) {
         list.Bind(1, filter.id);
@@ -134,6 +136,7 @@ std::optional<std::vector<KeptMessage>> Index::List(const Filter& filter) {
         list.Bind(5, filter.section);
         list.Bind(6, filter.since.value_or(0));
         list.Bind(7, filter.until.value_or(INT64_MAX));
+        list.Bind(9, Anywhere(filter.any));
         list.Bind(8, static_cast<std::int64_t>(filter.limit > 0 ? filter.limit : -1));
     }
     return Read(list);

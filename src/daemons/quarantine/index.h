@@ -18,6 +18,7 @@ struct Filter {
     std::string from{};     // a part of it, without regard to case
     std::string to{};       // the same of the recipients
     std::string subject{};  // the same
+    std::string any{};      // the same of one of these three, or the id
     std::string section{};
     std::optional<std::int64_t> since{};  // milliseconds since 1970; included
     std::optional<std::int64_t> until{};  // not included

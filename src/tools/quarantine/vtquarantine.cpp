@@ -7,15 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "daemons/logd/reader/times.h"
+#include "daemons/quarantine/outward/release.h"
+#include "daemons/quarantine/outward/show.h"
 #include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/home.h"
 #include "text/printable.h"
 #include "text/usage.h"
-#include "daemons/logd/reader/times.h"
 #include "tools/quarantine/entries.h"
-#include "tools/quarantine/release.h"
-#include "tools/quarantine/show.h"
 #include "trelis/keys/settings.h"
 #include "trelis/trelis.h"
 

@@ -239,6 +239,9 @@ inline constexpr KeyRow kStatsRows[] = {
         .In(Unit::kDays)
         .OutOfBounds(Beyond::kNearest),
     Text("Accounts/*", "", "salted hash of an account's password, made with `vtstatd passwd NAME`"),
+    Text("QuarantineAccounts/*", "",
+         "the value is the name of an account that may look into the quarantine, release and "
+         "delete"),
     Written("Path", "the program's file"),
 };
 

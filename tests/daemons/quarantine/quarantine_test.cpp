@@ -220,6 +220,8 @@ TEST_F(Kept, Found) {
         {"sender", {.from = "S@EXAMPLE"}, {second, first}},
         {"a recipient", {.to = "b@"}, {second, first}},
         {"id", {.id = first}, {first}},
+        {"any of them", {.any = "oTHer"}, {second}},
+        {"any, a recipient", {.any = "a@example"}, {second, first}},
         {"section", {.section = "antispam"}, {}},
         {"the newest", {.limit = 1}, {second}},
         {"before", {.until = 1}, {}},

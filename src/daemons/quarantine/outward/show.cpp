@@ -1,4 +1,4 @@
-#include "tools/quarantine/show.h"
+#include "daemons/quarantine/outward/show.h"
 
 #include <memory>
 
@@ -12,6 +12,7 @@ using maild::Part;
 
 // Bytes of one text that are shown.
 constexpr std::size_t kMostText = 65536;
+constexpr std::size_t kMostTexts = 1U << 20U;  // of all of them
 constexpr std::size_t kMostPart = 64U << 20U;
 constexpr std::size_t kMostHeader = 1000;
 
@@ -26,7 +27,8 @@ class Reader final : public maild::PartSink {
         text_.clear();
         size_ = 0;
         converter_.reset();
-        if (part.isText) converter_ = std::make_unique<maild::Utf8Stream>(part.charset);
+        if (part.isText && texts_.size() < kMostTexts)
+            converter_ = std::make_unique<maild::Utf8Stream>(part.charset);
     }
     void Data(std::span<const std::byte> bytes) override {
         size_ += bytes.size();

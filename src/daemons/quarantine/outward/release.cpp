@@ -1,4 +1,4 @@
-#include "tools/quarantine/release.h"
+#include "daemons/quarantine/outward/release.h"
 
 #include "text/ascii.h"
 #include "text/printable.h"

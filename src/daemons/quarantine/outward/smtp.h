@@ -1,4 +1,6 @@
-// Inside quarantine/: one message to one server by SMTP, as a mail program would send it.
+// outward/: how a message gets out of the quarantine, and what of it is shown.
+//
+// This header: one message to one server by SMTP, as a mail program would send it.
 #pragma once
 
 #include <string>
@@ -6,6 +8,7 @@
 
 #include "platform/file.h"
 #include "session/options.h"
+#include "session/server/connector.h"
 #include "session/server/server_address.h"
 
 struct Destination {
@@ -14,6 +17,8 @@ struct Destination {
     ServerTls tls = ServerTls::kOff;
     std::string caFile;    // of `verify`; empty: the system's store
     std::string certName;  // empty: the server's host
+    // Who may end it, by a shutdown of the socket; hears of its end by Failed. Null: nobody.
+    ConnectWatch* watch = nullptr;
 };
 
 struct Letter {

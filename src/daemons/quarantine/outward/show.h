@@ -1,4 +1,4 @@
-// Inside quarantine/: what a message says, for a terminal: nothing of it can steer one.
+// Inside outward/: what a message says, for a terminal or a page: nothing of it can steer one.
 #pragma once
 
 #include <string>

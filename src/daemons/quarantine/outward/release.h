@@ -1,11 +1,11 @@
-// Inside quarantine/: a message on its way out, straight to the server behind the proxy.
+// Inside outward/: a message on its way out, straight to the server behind the proxy.
 #pragma once
 
 #include <optional>
 #include <string>
 
+#include "daemons/quarantine/outward/smtp.h"
 #include "daemons/quarantine/quarantine.h"
-#include "tools/quarantine/smtp.h"
 
 // Where an interface hands mail on, by the store, which is open; the first one if the name is
 // empty. Nothing, with the reason: there is no such interface, or it names no server.

@@ -1,10 +1,9 @@
-#include "tools/quarantine/smtp.h"
+#include "daemons/quarantine/outward/smtp.h"
 
 #include <algorithm>
 #include <memory>
 
 #include "net/stream.h"
-#include "session/server/connector.h"
 #include "text/ascii.h"
 #include "text/printable.h"
 #include "tls/handshake.h"
@@ -65,6 +64,7 @@ class Dialogue {
     Dialogue& operator=(const Dialogue&) = delete;
     ~Dialogue() {
         stream_.Detach();
+        if (destination_.watch != nullptr) destination_.watch->Failed();
         if (!socket_.Empty()) socket_.Close();
     }
 
@@ -115,7 +115,8 @@ class Dialogue {
     }
 
     bool Open() {
-        NobodyElse watch;
+        NobodyElse nobody;
+        ConnectWatch& watch = destination_.watch != nullptr ? *destination_.watch : nobody;
         const ServerConnection connection =
             ConnectToServers(destination_.servers, kConnectLimit, watch, socket_);
         if (socket_.Empty()) return Fail("can't connect: " + connection.reason);

@@ -195,7 +195,7 @@ class NothingLost(Quarantined):
                     self.assertEqual(sorted(os.listdir(self.folder)), whole)
                 else:
                     self.assertTrue(reply.startswith(b"250") and left > 8192, reply)
-                self.assertEqual(self.proxy.spool(), [])
+                self.assertTrue(wait_until(lambda: not self.proxy.spool()))
                 self.tool("expire", "--days", "0")
                 self.hold()
                 whole = sorted(os.listdir(self.folder))
@@ -224,7 +224,7 @@ class NothingLost(Quarantined):
             thread.start()
         kills = 0
         begin = time.monotonic()
-        while time.monotonic() - begin < 12:
+        while time.monotonic() - begin < 60 and (kills < 5 or len(accepted) < 20):
             before = len(accepted)
             wait_until(lambda: len(accepted) > before + 2, 3)
             time.sleep(0.003 * (kills % 7))
@@ -235,8 +235,8 @@ class NothingLost(Quarantined):
         stop.set()
         for thread in threads:
             thread.join()
-        self.assertGreater(kills, 3)
-        self.assertGreater(len(accepted), 10)
+        self.assertGreaterEqual(kills, 5)
+        self.assertGreaterEqual(len(accepted), 20)
         held = {entry["subject"]: entry for entry in self.entries()}
         for subject, size in accepted:
             self.assertIn(subject, held)

@@ -249,7 +249,7 @@ int ReleaseAll(quarantine::Quarantine& store, const Options& options) {
         if (Release(store, id, options.to, options.again, *destination, said)) {
             std::printf("%s: released, the server said: %s\n", CleanText(id).c_str(), said.c_str());
         } else {
-            code = Fail(id + ": not released: " + said);
+            code = Fail(std::string(id).append(": not released: ").append(said));
         }
         std::fflush(stdout);
     }

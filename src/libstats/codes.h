@@ -26,6 +26,11 @@ inline constexpr std::int32_t kStatStructureRefused = 108;
 // A message that is in the quarantine; one with malware that was delivered, as a setting says.
 inline constexpr std::int32_t kStatQuarantined = 109;
 inline constexpr std::int32_t kStatInfectedPassed = 110;
+// A message that a rule on attachments or content decides about; the label is the rule and what it
+// has met. Put off it counts as not scanned. Reports show these with the other codes.
+inline constexpr std::int32_t kStatRuleRefused = 120;
+inline constexpr std::int32_t kStatRuleDropped = 121;
+inline constexpr std::int32_t kStatRuleRedirected = 122;
 
 // Agent numbers of the reporters.
 inline constexpr std::uint32_t kStatAgentProxy = 4;

@@ -169,6 +169,39 @@ class Holding(Quarantined):
         self.assertEqual(len(self.entries()), 2)
 
 
+class ByRules(Quarantined):
+    def rule(self, action, text=""):
+        self.settings(**{"Attachments/Rules/programs/FileName": "*.exe", "Attachments/Rules/programs/Action": action,
+                         "Attachments/Rules/programs/Text": text})
+
+    def test_rules_on_attachments(self):
+        front = (b"Subject: a file\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n"
+                 b"Content-Type: text/plain\r\n\r\nsee\r\n..dot\r\n--b\r\n")
+        message = front + b"Content-Type: application/octet-stream; name=evil.exe\r\n\r\nMZ not so\r\n--b--\r\n"
+        self.rule("remove")
+        self.assertEqual(self.send(message), QUEUED)
+        found = self.released()[-1]
+        self.assertTrue(found.startswith(front) and b"MZ not so" not in found, found)
+        entry = self.entries()[0]
+        self.assertIn(entry["id"].encode(), found.replace(b"=\r\n", b""))
+        self.assertEqual((entry["state"], entry["section"], entry["verdict"]), ("original", "attachments", "remove"))
+        self.assertTrue(self.logged("loses a part by the rule programs"))
+        self.rule("tag", "X-Program: yes\n[exe]")
+        self.assertEqual(self.send(message), QUEUED)
+        self.assertIn(b"X-Program: yes\r\nSubject: [exe] a file\r\n", self.released()[-1])
+        self.assertTrue(self.released()[-1].startswith(b"X-Vantrel-Finding: attachments; programs; evil.exe"))
+        count = len(self.released())
+        self.rule("quarantine")
+        self.assertTrue(self.send(message).startswith(b"250"))
+        self.rule("remove")
+        self.assertTrue(self.send(message.replace(b"multipart/mixed", b"multipart/signed")).startswith(b"250"))
+        self.assertEqual(len(self.released()), count)
+        self.assertEqual([entry["state"] for entry in self.entries()], ["held", "held", "original"])
+        self.rule("reject", "no programs here")
+        self.assertEqual(self.send(message), REJECTED)
+        self.assertTrue(self.logged('reason="no programs here"'))
+
+
 class NothingLost(Quarantined):
     def fill(self, left):
         """All of the quarantine's disk but for so many bytes."""

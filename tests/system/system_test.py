@@ -238,6 +238,7 @@ class Faults(System):
                  b"half a message\r\n", b"and more" * 5000]
         warm = self.ready()
         self.assertEqual(warm.data(b"x\r\n.\r\n"), b"250 queued\r\n")
+        time.sleep(1)  # the threads that send the first lines of the log come late
         before, threads = self.proxy.descriptors(), self.proxy.threads()
         for count in range(len(steps) + 1):
             for hard in (False, True):

@@ -139,24 +139,28 @@ class PartsJudge {
         : judge_(judge), settings_(settings), judgement_(judgement) {}
 
     void Look(int file, const Survey& survey, Transfer transfer,
-              std::span<maild::PartSink* const> sinks) {
+              std::span<maild::PartSink* const> sinks, std::span<maild::PartSink* const> ofForms) {
+        std::vector<maild::PartSink*> all(sinks.begin(), sinks.end());
+        all.insert(all.end(), ofForms.begin(), ofForms.end());
         const Form main{transfer == Transfer::kChunks ? 0 : CrLfDots() & survey.dots};
         judgement_.walk =
-            Walk(file, main.dots == 0 ? maild::Dots::kPlain : maild::Dots::kStuffed, sinks);
+            Walk(file, main.dots == 0 ? maild::Dots::kPlain : maild::Dots::kStuffed, all, ofForms);
         for (const Form& form : FormsOf(survey, transfer)) {
             // Nobody keeps the dots of the way.
             if (form == main || (form.AsStored() && transfer == Transfer::kData)) continue;
             if (judgement_.scan.outcome == ScanOutcome::kInfected) return;
             const platform::File copy = MakeForm(file, form);
             if (!copy) return Take({ScanOutcome::kFailed, kCantCopy});
-            Walk(copy.Descriptor(), maild::Dots::kPlain, {});
+            Walk(copy.Descriptor(), maild::Dots::kPlain, ofForms, ofForms);
         }
     }
 
   private:
     static constexpr unsigned CrLfDots() { return SingleDot(kCrLf) | DoubledDot(kCrLf); }
 
-    maild::WalkResult Walk(int file, maild::Dots dots, std::span<maild::PartSink* const> sinks) {
+    // `inSigned`: those of the sinks that see the parts of signed messages in a part's bytes.
+    maild::WalkResult Walk(int file, maild::Dots dots, std::span<maild::PartSink* const> sinks,
+                           std::span<maild::PartSink* const> inSigned) {
         struct stat info {};
         if (fstat(file, &info) != 0) {
             Take({ScanOutcome::kFailed, kCantRead});
@@ -166,7 +170,8 @@ class PartsJudge {
             [this](int part, long long size) { return judge_.Look(part, size); }, info.st_size);
         const maild::WalkLimits limits{settings_.maxDepth, settings_.maxParts,
                                        settings_.maxHeaderBytes, judge_.End()};
-        maild::DoubtfulParts doubtful(questions, {file, dots, {0, info.st_size}}, limits);
+        maild::DoubtfulParts doubtful(questions, {file, dots, {0, info.st_size}}, limits, 0,
+                                      inSigned);
         std::vector<maild::PartSink*> all(sinks.begin(), sinks.end());
         // An engine that is away has no answer to anything else either.
         if (!EngineIsAway(judgement_.scan.outcome)) all.push_back(&doubtful);
@@ -196,7 +201,8 @@ class PartsJudge {
 }  // namespace
 
 Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* path,
-                       Transfer transfer, std::span<maild::PartSink* const> sinks) {
+                       Transfer transfer, std::span<maild::PartSink* const> sinks,
+                       std::span<maild::PartSink* const> ofForms) {
     Judgement judgement;
     const auto unasked = [&judgement](ScanOutcome outcome, const char* why) {
         judgement.scan = {outcome, why};
@@ -215,7 +221,8 @@ Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* pat
     Judge judge(engine, settings);
     judgement.scan = LookAtForms(judge, file.Descriptor(), info.st_size, survey, transfer);
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement;
-    PartsJudge(judge, settings, judgement).Look(file.Descriptor(), survey, transfer, sinks);
+    PartsJudge(judge, settings, judgement)
+        .Look(file.Descriptor(), survey, transfer, sinks, ofForms);
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement;
     judgement.encrypted = judge.Encrypted();
     if (judgement.encrypted.empty()) judgement.encrypted = OwnFinding(file.Descriptor(), survey);

@@ -25,6 +25,9 @@ struct Judgement {
 };
 
 // Opens the file by its path, never through a link. Takes ScanTimeout for all forms and parts
-// together. The sinks see the parts of a message in which the engine has found nothing. Any thread.
+// together. The sinks see the parts of a message in which the engine has found nothing, of the form
+// that a receiver makes who does as he should; `ofForms` those, the parts of signed messages that
+// lie in a part's bytes, and in further walks the parts of the message's other forms. Any thread.
 Judgement JudgeMessage(Engine& engine, const Settings& settings, const char* path,
-                       Transfer transfer, std::span<maild::PartSink* const> sinks = {});
+                       Transfer transfer, std::span<maild::PartSink* const> sinks = {},
+                       std::span<maild::PartSink* const> ofForms = {});

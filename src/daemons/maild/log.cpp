@@ -1,6 +1,8 @@
 #include "daemons/maild/log.h"
 
 #include <cstdio>
+#include <mutex>
+#include <set>
 
 #include "text/printable.h"
 
@@ -24,4 +26,16 @@ void Log(LogLine line) {
         default:
             LogClientPost(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text);
     }
+}
+
+void LogOnce(LogLine line) {
+    constexpr std::size_t kMostRemembered = 1000;
+    static std::mutex lock;
+    static std::set<std::string> told;
+    {
+        const std::lock_guard guard(lock);
+        if (told.size() >= kMostRemembered) told.clear();
+        if (!told.insert(line.text).second) return;
+    }
+    Log(std::move(line));
 }

@@ -20,3 +20,6 @@ struct LogLine {
 // The level is the one that the configuration has for the kind. What is no virus goes to standard
 // error too. Any thread.
 void Log(LogLine line);
+// The same, if no line of this text was logged so before: for what would come again with each
+// message or each reading of the settings. Any thread.
+void LogOnce(LogLine line);

@@ -7,7 +7,7 @@
 #include "daemons/maild/actions/perform.h"
 #include "daemons/maild/log.h"
 #include "daemons/maild/reply.h"
-#include "daemons/maild/verdict/antivirus.h"
+#include "daemons/maild/sections.h"
 #include "libstats/codes.h"
 #include "tagmsg/owned.h"
 #include "tagmsg/tags.h"
@@ -93,6 +93,10 @@ std::int32_t EventOf(const maild::Decision& decision) {
 std::string LabelOf(const Judgement& judgement, std::int32_t event,
                     const maild::Decision& decision) {
     if (judgement.scan.outcome == ScanOutcome::kInfected) return judgement.scan.text;
+    const bool ruled =
+        decision.by != nullptr && (decision.by->section == maild::Section::kContent ||
+                                   decision.by->section == maild::Section::kAttachments);
+    if (ruled) return decision.by->rule + ": " + decision.by->reason;
     return event == kStatStructureRefused ? decision.by->reason : judgement.encrypted;
 }
 
@@ -166,17 +170,15 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
         return;
     }
     const std::shared_ptr<const Settings> settings = settings_.Current();
-    maild::PartMap parts;
-    maild::PartSink* const sinks[] = {&parts};
     const maild::Stored message{path, TransferOf(request.root), Text(request.root, TagSender),
                                 Text(request.root, TagRecipients),
                                 Text(request.root, TagPeerAddress)};
-    const Judgement judgement =
-        JudgeMessage(engine_, *settings, path.c_str(), message.transfer, sinks);
-    std::vector<maild::Finding> findings = maild::AntivirusFindings(*settings, judgement);
-    maild::HoldBackWhatStays(findings, parts, message.transfer);
+    AllFindings verdict = JudgeBySections(engine_, *settings, path.c_str(), message.transfer,
+                                          {message.sender, message.recipients});
+    const Judgement& judgement = verdict.judgement;
+    std::vector<maild::Finding>& findings = verdict.findings;
     maild::Decision decision = maild::Decide(findings);
-    const maild::Done done = maild::Perform(message, findings, decision, parts, quarantine_,
+    const maild::Done done = maild::Perform(message, findings, decision, verdict.parts, quarantine_,
                                             {settings->quarantineDays, settings->quarantineSize});
     if (!done.good) {
         // In front of all others: nobody but its sender has the message now.

@@ -11,6 +11,8 @@
 //   coding, walk    the message as its parts, bodies decoded
 //   antivirus   the parts that the engine could see otherwise than a reader
 //   judge       all of that together: the judgement of one message
+//   attachments, content      the rules on them; `rules` reads them
+//   sections    the judgement, and what the rules say
 //   verdict     what the sections found, and what becomes of the message
 //   actions     that done: tags, parts taken out, the quarantine
 //   reply       the answer to the proxy

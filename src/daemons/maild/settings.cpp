@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "daemons/maild/rules.h"
 #include "platform/home.h"
 #include "trelis/keys/settings.h"
 
@@ -46,6 +47,8 @@ std::shared_ptr<const Settings> LoadSettings() {
         trelis::ReadSize(Key("MaxHeaderBytes")).value_or(Settings().maxHeaderBytes);
     settings->tooComplex = ReadWhenOdd(Key("TooComplex"));
     settings->whenAmbiguous = ReadWhenOdd(Key("WhenAmbiguous"));
+    settings->attachments = LoadAttachmentRules();
+    settings->content = LoadContentRules();
     settings->passWhenDown = trelis::ReadFlag(Key("PassWhenDown"));
     settings->passWhenBusy = trelis::ReadFlag(Key("PassWhenBusy"));
     settings->passWhenTimedOut = trelis::ReadFlag(Key("PassWhenTimedOut"));

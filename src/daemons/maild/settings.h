@@ -4,6 +4,9 @@
 #include <memory>
 #include <string>
 
+#include "daemons/maild/attachments/rule.h"
+#include "daemons/maild/content/rule.h"
+
 // What is taken where MaxFileSize says nothing, in bytes.
 inline constexpr long long kUsualMaxFileSize = 25LL << 20;
 
@@ -32,6 +35,8 @@ struct Settings {
     long long maxHeaderBytes = 256 << 10;  // of one message's or part's headers
     WhenOdd tooComplex = WhenOdd::kPutOff;
     WhenOdd whenAmbiguous = WhenOdd::kPass;
+    maild::AttachmentRules attachments;
+    maild::ContentRules content;
     bool passWhenDown = false;
     bool passWhenBusy = false;
     bool passWhenTimedOut = false;

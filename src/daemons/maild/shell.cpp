@@ -6,9 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "daemons/maild/actions/perform.h"
-#include "daemons/maild/judge.h"
-#include "daemons/maild/verdict/antivirus.h"
+#include "daemons/maild/sections.h"
 #include "text/printable.h"
 #include "trelis/trelis.h"
 
@@ -38,18 +36,14 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
 }
 
 Exit TestFile(Engine& engine, const Settings& settings, const char* path, Transfer transfer) {
-    maild::PartMap parts;
-    maild::PartSink* const sinks[] = {&parts};
-    const Judgement judgement = JudgeMessage(engine, settings, path, transfer, sinks);
-    std::vector<maild::Finding> findings = maild::AntivirusFindings(settings, judgement);
-    maild::HoldBackWhatStays(findings, parts, transfer);
-    Print(path, findings);
-    switch (judgement.scan.outcome) {
+    const AllFindings verdict = JudgeBySections(engine, settings, path, transfer, {});
+    Print(path, verdict.findings);
+    switch (verdict.judgement.scan.outcome) {
         case ScanOutcome::kClean:
         case ScanOutcome::kEncrypted:
         case ScanOutcome::kInfected:
         case ScanOutcome::kTooBig:
-            return findings.empty() ? kPasses : kFound;
+            return verdict.findings.empty() ? kPasses : kFound;
         default:
             return kCant;
     }

@@ -1,5 +1,6 @@
 #include "daemons/registryd/show.h"
 
+#include <algorithm>
 #include <iostream>
 #include <map>
 #include <string_view>
@@ -10,6 +11,7 @@
 #include "trelis/admin.h"
 #include "trelis/keys/check.h"
 #include "trelis/keys/names.h"
+#include "trelis/keys/rows.h"
 
 namespace {
 
@@ -77,13 +79,20 @@ class Page {
                           "it should be " + *instead + ": " + row.meaning);
         const bool asDefault = row.kind == trelis::KeyKind::kFlag && FoldCase(value[0]) != 'y';
         // What nothing reads, a name for people, changes nothing.
-        const bool registered = (row.registered != nullptr && value == row.registered) ||
+        const bool registered = IsRegistered(path, value) ||
+                                (row.registered != nullptr && value == row.registered) ||
                                 (row.effect != nullptr && std::string_view(row.effect) == "never");
         AddRow(name, value,
                asDefault    ? State::kDefault
                : registered ? State::kRegistered
                             : State::kSet,
                row.meaning);
+    }
+    static bool IsRegistered(const std::string& path, const std::string& value) {
+        return std::any_of(std::begin(trelis::kRegisteredKeys), std::end(trelis::kRegisteredKeys),
+                           [&](const trelis::RegisteredKey& each) {
+                               return path == each.path && value == each.value;
+                           });
     }
     // A key is asked for by either of its names.
     std::string Canonical() const {

@@ -48,6 +48,9 @@ int Register(const Registration& registration) {
     const DWORD length = GetModuleFileNameA(nullptr, path, sizeof path);
     if (length == 0 || length >= sizeof path) return 0;
     const bool opened = TrelisInit2() == 0;
+    char version[64];
+    const bool known = TrelisGetValue(kLocalStore, (Versions(registration) + "/Version").c_str(),
+                                      version, sizeof version) == 0;
     for (const KeySection& section : kKeySections) {
         if (section.program != registration.program) continue;
         const std::string root = std::string(section.root) + '/';
@@ -55,6 +58,9 @@ int Register(const Registration& registration) {
             if (std::string_view(row.name) == "Path") Write(root + row.name, path);
             WriteRow(root, row, registration);
         }
+    }
+    for (const RegisteredKey& each : kRegisteredKeys) {
+        if (!known && each.program == registration.program) Write(each.path, each.value);
     }
     Write(Versions(registration) + "/Name", registration.displayName);
     Write(Versions(registration) + "/Version", RegisteredVersion());

@@ -17,8 +17,9 @@ struct Registration {
 };
 
 // Writes the program's path, name and version, and what its rows register, in the place of what is
-// there. Results of the store are not looked at: it succeeds without one. 1, or 0 if the program's
-// path can't be got.
+// there; keys of entries (kRegisteredKeys) only if the program's version isn't there yet. Results
+// of the store are not looked at: it succeeds without one. 1, or 0 if the program's path can't be
+// got.
 int Register(const Registration& registration);
 // Deletes the program's keys, with all below them. Always 1.
 int Unregister(const Registration& registration);

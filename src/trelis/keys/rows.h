@@ -12,6 +12,8 @@ inline constexpr char kAddressListKey[] = "/VTWIN/Filters/AS/AllowDenyIPList";
 inline constexpr char kBlackListKey[] = "/VTWIN/Filters/AS/SenderBlackList";
 inline constexpr char kHarvestingKey[] = "/VTWIN/Filters/AS/DirectoryHarvesting";
 inline constexpr char kMailDaemonKey[] = "/VTWIN/Daemons/MailDaemon";
+inline constexpr char kAttachmentRuleKey[] = "/VTWIN/Daemons/MailDaemon/Attachments/Rules/*";
+inline constexpr char kContentRuleKey[] = "/VTWIN/Daemons/MailDaemon/Content/Rules/*";
 inline constexpr char kLoggerKey[] = "/VTWIN/Daemons/LoggerDaemon";
 inline constexpr char kLogLevelKey[] = "/VTUX/LoggerDaemon/LogLevel";
 inline constexpr char kStatsKey[] = "/VTWIN/Daemons/StatsDaemon";
@@ -167,8 +169,7 @@ inline constexpr KeyRow kMailDaemonRows[] = {
     Number("Threads", "16", 1, 200, "scans at a time").Counts(kAtStart),
     Text("VirusAction", "reject", "`reject`, `drop` or `redirect`").Words("reject|drop|redirect"),
     Text("Antivirus/Action", "",
-         "what becomes of infected mail: `reject`, `quarantine`, `drop`, `redirect`, `put off`, "
-         "`tag` or `pass`; `remove` keeps it in the quarantine, too; any other word rejects")
+         "what becomes of infected mail, as of a rule; any other word rejects")
         .Words("reject|quarantine|drop|redirect|put off|remove|tag|pass")
         .Alias("antivirusaction")
         .Shown("`VirusAction`"),
@@ -184,7 +185,8 @@ inline constexpr KeyRow kMailDaemonRows[] = {
     Size("MaxHeaderBytes", "262144", 1024, 16LL << 20,
          "bytes, or with K, M: headers of one message or part that are looked at"),
     Text("TooComplex", "put off",
-         "mail beyond the three bounds above, or with more readings than can be scanned: `put off` "
+         "mail beyond the bounds of its parts or archives, or with more readings than can be "
+         "scanned: `put off` "
          "(451), `refuse` (550) or `pass`; any other word puts off")
         .Words("put off|refuse|pass"),
     Text("WhenAmbiguous", "pass",
@@ -192,6 +194,13 @@ inline constexpr KeyRow kMailDaemonRows[] = {
          "each reading scanned, `refuse` (550) or `put off` (451); any other word puts off")
         .Words("pass|refuse|put off")
         .Registers("refuse"),
+    Number("MaxArchiveDepth", "8", 1, 50,
+           "archives within archives that rules on attachments look into"),
+    Number("MaxArchiveEntries", "10000", 1, 1000000,
+           "files in the archives of one message that they look at"),
+    Size("MaxArchiveBytes", "268435456", 1024, 64LL << 30,
+         "bytes, or with K, M, G, of these files together; what is beyond any of these three "
+         "bounds is too complex"),
     Flag("PassWhenDown", "deliver unscanned while clamd doesn't answer").Registers("N"),
     Flag("PassWhenBusy", "deliver unscanned what clamd has no place for").Registers("N"),
     Flag("PassWhenTimedOut", "deliver unscanned what is not scanned in time").Registers("N"),
@@ -201,10 +210,38 @@ inline constexpr KeyRow kMailDaemonRows[] = {
         .In(Unit::kDays)
         .OutOfBounds(Beyond::kNearest),
     Size("Quarantine/MaxSize", "1073741824", 1, kMostSize,
-         "bytes, or with K, M, G, of all messages in the quarantine; the oldest make room, those "
-         "that were released first, and a message larger than that is put off"),
+         "bytes, or with K, M, G, of all messages there; the oldest make room for a new one"),
     Written("RTP/MaxFileSize", "bytes that are taken where `MaxFileSize` says nothing; 0: all"),
     Written("Path", "the program's file"),
+};
+
+inline constexpr char kActionWords[] = "reject|quarantine|drop|redirect|remove|tag|put off|pass";
+inline constexpr char kActionMeaning[] =
+    "what becomes of the message: `reject` (550), `quarantine`, `drop`, `redirect` (to "
+    "`RedirectAddress`), `remove` the attachment, `tag`, `put off` (451) or `pass`; any other word "
+    "puts off";
+
+inline constexpr KeyRow kAttachmentRuleRows[] = {
+    Text("FileName", "",
+         "patterns with `*`, `?` and `[a-z]`, `;` between two, for the attachment's name or that "
+         "of a file in it")
+        .Width(4096)
+        .Shown("any name"),
+    Text("DeclaredType", "", "media types with `*`, `;` between two, as the message declares them")
+        .Width(4096)
+        .Shown("any type"),
+    Text("RealType", "", "the same, as the bytes show them").Width(4096).Shown("any type"),
+    Size("MinSize", "", 0, kMostSize, "bytes, or with K, M, G, decoded").Shown("any size"),
+    Text("Action", "reject", kActionMeaning).Words(kActionWords),
+    Text("Text", "", "the text of a reject, or of a tag"),
+};
+
+inline constexpr KeyRow kContentRuleRows[] = {
+    Text("Where", "subject;text",
+         "`sender`, `recipient`, `subject`, `header:NAME`, `text`, `html`, `;` between two"),
+    Text("Pattern", "", "a regular expression in Perl's syntax").Width(8192),
+    Text("Action", "reject", kActionMeaning).Words(kActionWords),
+    Text("Text", "", "the text of a reject, or of a tag"),
 };
 
 inline constexpr KeyRow kLogLevelRows[] = {
@@ -239,9 +276,7 @@ inline constexpr KeyRow kStatsRows[] = {
         .In(Unit::kDays)
         .OutOfBounds(Beyond::kNearest),
     Text("Accounts/*", "", "salted hash of an account's password, made with `vtstatd passwd NAME`"),
-    Text("QuarantineAccounts/*", "",
-         "the value is the name of an account that may look into the quarantine, release and "
-         "delete"),
+    Text("QuarantineAccounts/*", "", "the value is an account that may use the quarantine's page"),
     Written("Path", "the program's file"),
 };
 
@@ -279,6 +314,10 @@ inline constexpr KeySection kKeySections[] = {
      kHarvestingRows, 256},
     {kMailDaemonKey, "maild", "Scanning", Program::kMailDaemon, "with the next scan",
      kMailDaemonRows},
+    {kAttachmentRuleKey, "attachments.*", "Rules on attachments", Program::kNone,
+     "with the next scan", kAttachmentRuleRows},
+    {kContentRuleKey, "content.*", "Rules on content", Program::kNone, "with the next scan",
+     kContentRuleRows},
     {kLogLevelKey, "logd.level", "Levels of the log", Program::kLogger, "with the next event",
      kLogLevelRows},
     {kLoggerKey, "logd", "The log", Program::kLogger, kAtStart, kLoggerRows},
@@ -287,6 +326,25 @@ inline constexpr KeySection kKeySections[] = {
      kStoreRows, 64},
     {kCrashKey, "crash", "Crash reports", Program::kNone, kAtStart, kCrashRows},
     {kVersionsKey, "versions", "Versions", Program::kNone, kAtStart, kVersionRows},
+};
+
+// Keys with names of their own, which `register` writes into a store that doesn't know the program
+// yet: whoever has an older one has made up his mind.
+inline constexpr RegisteredKey kRegisteredKeys[] = {
+    {Program::kMailDaemon, "/VTWIN/Daemons/MailDaemon/Attachments/Rules/executable-names/FileName",
+     "*.exe;*.com;*.scr;*.pif;*.bat;*.cmd;*.cpl;*.dll;*.sys;*.ocx;*.msi;*.msp;*.mst;*.msix;*.appx;"
+     "*.appinstaller;*.application;*.gadget;*.hta;*.js;*.jse;*.vbs;*.vbe;*.vb;*.wsf;*.wsh;*.wsc;"
+     "*.sct;*.ps1;*.ps1xml;*.ps2;*.psc1;*.psm1;*.msh;*.lnk;*.inf;*.reg;*.scf;*.url;*.website;"
+     "*.settingcontent-ms;*.library-ms;*.search-ms;*.searchconnector-ms;*.chm;*.hlp;*.jar;*.jnlp;"
+     "*.xll;*.xbap;*.vhd;*.vhdx;*.iso;*.img;*.one;*.ade;*.adp;*.mde;*.diagcab;*.ace;*.arj"},
+    {Program::kMailDaemon, "/VTWIN/Daemons/MailDaemon/Attachments/Rules/executable-names/Action",
+     "quarantine"},
+    {Program::kMailDaemon, "/VTWIN/Daemons/MailDaemon/Attachments/Rules/executable-types/RealType",
+     "application/x-dosexec;application/x-executable;application/x-ms-shortcut;application/x-msi;"
+     "application/vnd.microsoft.portable-executable;application/x-sharedlib;"
+     "application/x-pie-executable;application/x-mach-binary;application/x-iso9660-image"},
+    {Program::kMailDaemon, "/VTWIN/Daemons/MailDaemon/Attachments/Rules/executable-types/Action",
+     "quarantine"},
 };
 
 }  // namespace trelis

@@ -81,6 +81,12 @@ struct KeyRow {
     }
 };
 
+struct RegisteredKey {
+    Program program;
+    const char* path;
+    const char* value;
+};
+
 struct KeySection {
     const char* root;
     const char* brief;  // the root in short names: `maild`, `interface.*`

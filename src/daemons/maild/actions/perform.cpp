@@ -13,6 +13,8 @@ namespace maild {
 
 namespace {
 
+constexpr char kCantBeTakenOut[] = "; it can't be taken out, so the message is held back";
+
 bool Within(const Range& inner, const Range& outer) {
     return outer.begin <= inner.begin && inner.end <= outer.end;
 }
@@ -135,8 +137,10 @@ void HoldBackWhatStays(std::vector<Finding>& findings, const PartMap& parts, Tra
     for (Finding& each : findings) {
         if (each.action != Action::kRemove) continue;
         const PlacedPart* part = parts.Find(each);
-        if (part == nullptr || part->fixed || transfer == Transfer::kUnknown)
+        if (part == nullptr || part->fixed || transfer == Transfer::kUnknown) {
             each.action = Action::kQuarantine;
+            if (!each.log.empty()) each.log += kCantBeTakenOut;
+        }
     }
 }
 

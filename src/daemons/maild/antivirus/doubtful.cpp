@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "daemons/maild/antivirus/insidepart.h"
 #include "daemons/maild/antivirus/rescue.h"
 #include "daemons/maild/coding/readings.h"
 #include "text/ascii.h"
@@ -142,7 +143,6 @@ void DoubtfulParts::AskContainer(const Part& part, bool closed) {
     }
 }
 
-// Other sinks don't see what is in there: by what it says it is one file.
 void DoubtfulParts::AskSigned(const Part& part) {
     const long long start = sizeof kMessageStart - 1;
     if (wrapped_->Size() == start) return;  // encrypted, or nothing of the kind
@@ -153,9 +153,11 @@ void DoubtfulParts::AskSigned(const Part& part) {
         unwalked_ = "signed messages within signed messages";
         return;
     }
+    InsidePart inside(part, others_);
+    PartSink* const told[] = {&inside};
     DoubtfulParts inner(questions_, {file, Dots::kPlain, {0, wrapped_->Size()}}, limits_,
-                        nesting_ + 1);
-    PartSink* const sinks[] = {&inner};
+                        nesting_ + 1, told);
+    PartSink* const sinks[] = {&inside, &inner};
     const WalkResult walk = WalkMessage(file, Dots::kPlain, limits_, sinks);
     if (walk.end != WalkEnd::kWhole) unwalked_ = walk.why;
     if (!inner.Unwalked().empty()) unwalked_ = inner.Unwalked();

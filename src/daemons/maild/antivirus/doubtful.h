@@ -28,9 +28,14 @@ class DoubtfulParts final : public PartSink {
   public:
     // All of them outlive it. `message`: where all of it lies; `limits`: for walks over messages
     // that lie in a part's bytes; `nesting`: how many such walks are around this one.
+    // `others`: they see the parts of such messages, too.
     DoubtfulParts(Questions& questions, const BodySource& message, const WalkLimits& limits,
-                  int nesting = 0)
-        : questions_(questions), message_(message), limits_(limits), nesting_(nesting) {}
+                  int nesting = 0, std::span<PartSink* const> others = {})
+        : questions_(questions),
+          message_(message),
+          limits_(limits),
+          nesting_(nesting),
+          others_(others) {}
 
     void Begin(const Part& part) override;
     void Data(std::span<const std::byte> bytes) override;
@@ -51,6 +56,7 @@ class DoubtfulParts final : public PartSink {
     const BodySource message_;
     const WalkLimits& limits_;
     const int nesting_;
+    const std::span<PartSink* const> others_;
     std::string unwalked_;
     struct Open {
         PartKind kind;

@@ -7,6 +7,23 @@ namespace {
 // Longer lines are of no such file.
 constexpr std::size_t kLongestLine = 4096;
 constexpr std::size_t kWriteAt = 32768;
+constexpr std::size_t kMostNames = 2000;
+
+// "begin 644 NAME", "begin-base64 644 NAME", "=ybegin ... name=NAME".
+std::string NameIn(std::string_view line) {
+    while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
+    constexpr std::string_view kYencName = " name=";
+    if (line.starts_with('=')) {
+        const std::size_t at = line.find(kYencName);
+        return at == std::string_view::npos ? "" : std::string(line.substr(at + kYencName.size()));
+    }
+    const std::size_t mode = line.find(' ');
+    const std::size_t name = line.find_first_not_of("01234567 ", std::min(mode, line.size()));
+    const std::size_t behindMode = line.find(' ', line.find_first_not_of(' ', mode));
+    if (mode == std::string_view::npos || behindMode == std::string_view::npos)
+        return name == std::string_view::npos ? "" : std::string(line.substr(name));
+    return std::string(line.substr(line.find_first_not_of(' ', behindMode)));
+}
 
 }  // namespace
 
@@ -39,6 +56,7 @@ void FilesInText::TakeLine(std::string_view line) {
         uu_ = UuDecoder();
         yenc_ = YencDecoder();
         file_ = std::make_unique<Scratch>();
+        if (names_.size() < kMostNames) names_.push_back(NameIn(line));
         any_ = true;
     }
     if (!yenc_.InFile()) uu_.TakeLine(line, out_);

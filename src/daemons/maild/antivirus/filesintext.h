@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "daemons/maild/antivirus/questions.h"
 #include "daemons/maild/coding/decoder.h"
@@ -18,6 +19,9 @@ class FilesInText {
     void Write(std::string_view text);
     void Finish();
     bool Any() const { return any_; }
+    // Of all files so far, up to a bound; the last one is that of the file that is put as a
+    // question at this moment.
+    const std::vector<std::string>& Names() const { return names_; }
 
   private:
     void TakeLine(std::string_view line);
@@ -30,6 +34,7 @@ class FilesInText {
     YencDecoder yenc_;
     std::unique_ptr<Scratch> file_;  // the one that goes on
     std::string out_;
+    std::vector<std::string> names_;
     bool any_ = false;
 };
 

@@ -1,0 +1,28 @@
+// An attachment: it is looked into within the bounds, and what is found in it is told within the
+// message's walk.
+#include <cstdint>
+#include <cstdlib>
+
+#include "daemons/maild/attachments/archive.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using maild::ArchiveLooker;
+    if (size < 2) return 0;
+    const maild::ArchiveLimits limits{3, 50, 1 << 20};
+    int files = 0;
+    ArchiveLooker looker(limits, ArchiveLooker::Clock::now() + std::chrono::seconds(20), false,
+                         [&](const maild::Attachment&, const std::string& path) {
+                             if (++files > 50 || path.empty()) std::abort();
+                         });
+    // The first byte says whether it is called an archive.
+    maild::Spill spill((data[0] & 1U) != 0);
+    const std::string_view bytes(reinterpret_cast<const char*>(data + 1), size - 1);
+    spill.Write(bytes.substr(0, bytes.size() / 2));
+    spill.Write(bytes.substr(bytes.size() / 2));
+    if (maild::Scratch* const file = spill.Finish()) looker.Look(spill, *file, "a.gz");
+    if (spill.Size() != static_cast<long long>(bytes.size())) std::abort();
+    for (const std::string& type : spill.Type().Types(false)) {
+        if (type.find('/') == std::string::npos) std::abort();
+    }
+    return 0;
+}

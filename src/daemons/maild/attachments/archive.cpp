@@ -1,0 +1,284 @@
+#include "daemons/maild/attachments/archive.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <locale.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <optional>
+
+#include "daemons/maild/attachments/zipnames.h"
+#include "daemons/maild/forms/archivelook.h"
+#include "daemons/maild/forms/blocks.h"
+
+namespace maild {
+
+namespace {
+
+// Beyond both, what is packed was made to be unpacked in vain.
+constexpr long long kMostTimes = 1000;
+constexpr long long kFreeOfRatio = 16LL << 20;
+constexpr std::size_t kBlock = 65536;
+constexpr long long kMostEmpty = 512;  // bytes of an archive without files
+
+struct ReaderFreed {
+    void operator()(archive* reader) const { archive_read_free(reader); }
+};
+using Reader = std::unique_ptr<archive, ReaderFreed>;
+
+// libarchive turns names into the charset of the thread's locale, and loses those that don't fit.
+class Utf8Locale {
+  public:
+    Utf8Locale() : before_(uselocale(Ours())) {}
+    Utf8Locale(const Utf8Locale&) = delete;
+    Utf8Locale& operator=(const Utf8Locale&) = delete;
+    ~Utf8Locale() {
+        if (before_ != nullptr) uselocale(before_);
+    }
+
+  private:
+    static locale_t Ours() {
+        static const locale_t ours = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+        return ours;
+    }
+    const locale_t before_;
+};
+
+Reader MakeReader() {
+    Reader reader(archive_read_new());
+    archive* const made = reader.get();
+    if (made == nullptr) return reader;
+    for (const auto support :
+         {archive_read_support_filter_gzip, archive_read_support_filter_bzip2,
+          archive_read_support_filter_xz,   archive_read_support_filter_lzma,
+          archive_read_support_filter_zstd, archive_read_support_filter_lz4,
+          archive_read_support_filter_lzip, archive_read_support_filter_compress,
+          archive_read_support_format_zip,  archive_read_support_format_7zip,
+          archive_read_support_format_rar,  archive_read_support_format_rar5,
+          archive_read_support_format_tar,  archive_read_support_format_iso9660,
+          archive_read_support_format_cab,  archive_read_support_format_lha,
+          archive_read_support_format_cpio, archive_read_support_format_ar,
+          archive_read_support_format_xar,  archive_read_support_format_raw})
+        support(made);
+    return reader;
+}
+
+const char* KindOf(archive* reader) {
+    switch (archive_format(reader) & ARCHIVE_FORMAT_BASE_MASK) {
+        case ARCHIVE_FORMAT_ZIP:
+            return "Zip";
+        case ARCHIVE_FORMAT_7ZIP:
+            return "7z";
+        case ARCHIVE_FORMAT_RAR:
+        case ARCHIVE_FORMAT_RAR_V5:
+            return "RAR";
+        default:
+            return "Archive";
+    }
+}
+
+// The kind of an open archive with something encrypted in it, as far as it was read; else null.
+const char* EncryptedBy(archive* reader) {
+    return archive_read_has_encrypted_entries(reader) > 0 ? KindOf(reader) : nullptr;
+}
+
+std::string ShownName(std::string_view path) {
+    const std::size_t slash = path.find_last_of('/');
+    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+// "a.exe.gz" holds "a.exe", "a.tgz" "a.tar".
+std::string NameInside(const std::string& path) {
+    std::string name = path.substr(0, path.find(" in "));
+    const std::size_t dot = name.rfind('.');
+    if (dot == std::string::npos || dot == 0) return name;
+    const bool tar = name.substr(dot, 2) == ".t";
+    name.resize(dot);
+    return tar ? name + ".tar" : name;
+}
+
+std::string EncryptedKind(Scratch& file) {
+    ArchiveLook look;
+    const int descriptor = file.Rewind();
+    if (descriptor < 0) return {};
+    ReadBlocks(descriptor, 0, [&](std::string_view text, off_t) {
+        for (const char c : text) look.Take(static_cast<unsigned char>(c));
+        return true;
+    });
+    return look.Counts() ? look.Kind() : std::string();
+}
+
+}  // namespace
+
+ArchiveLooker::ArchiveLooker(const ArchiveLimits& limits, Clock::time_point end, bool magic,
+                             Use use)
+    : limits_(limits), end_(end), magic_(magic), use_(std::move(use)) {}
+
+void ArchiveLooker::Stop(const std::string& why) {
+    if (tooComplex_.empty()) tooComplex_ = why;
+    going_ = false;
+}
+
+void ArchiveLooker::BeginAnew() {
+    packed_ = bytes_ = 0;
+    entries_ = 0;
+    going_ = true;
+}
+
+void ArchiveLooker::NoteEncrypted(const std::string& kind) {
+    if (encrypted_.empty()) encrypted_ = "Encrypted." + kind;
+}
+
+bool ArchiveLooker::Look(Spill& spill, Scratch& file, const std::string& path, int depth) {
+    if (!going_) return false;
+    const Utf8Locale utf8;
+    const int descriptor = file.Rewind();
+    Reader reader = MakeReader();
+    if (descriptor < 0 || reader == nullptr) {
+        Stop("an archive can't be stored to be looked into");
+        return false;
+    }
+    if (depth == 1) packed_ += file.Size();
+    if (archive_read_open_fd(reader.get(), descriptor, kBlock) != ARCHIVE_OK) {
+        // One that isn't open can't be asked for what is encrypted.
+        Fail(nullptr, spill, file, false, path);
+        return false;
+    }
+    return Entries(reader.get(), spill, file, path, depth);
+}
+
+// What can't be read, or not to its end. `encrypted`: what libarchive has met that is; null:
+// nothing.
+void ArchiveLooker::Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
+                         const std::string& path) {
+    const std::string kind = EncryptedKind(file);
+    if (!kind.empty()) encrypted = kind.c_str();
+    if (encrypted != nullptr) NoteEncrypted(encrypted);
+    // Of one whose list of files is encrypted there is nothing else to be read.
+    if (!listed && (encrypted != nullptr || !spill.SurelyArchive())) return;
+    if (tooComplex_.empty()) tooComplex_ = "an archive can't be read: " + path;
+}
+
+bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const std::string& path,
+                            int depth) {
+    bool macros = false;
+    std::set<std::string> names;
+    for (bool listed = false; going_; listed = true) {
+        archive_entry* entry = nullptr;
+        const int result = archive_read_next_header(from, &entry);
+        const bool plain =
+            (archive_format(from) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_RAW &&
+            archive_filter_count(from) <= 1;
+        if (result == ARCHIVE_EOF && listed) break;
+        if (result == ARCHIVE_EOF && !plain && file.Size() <= kMostEmpty) break;
+        // A larger archive without files is one that somebody else may find files in.
+        if (result == ARCHIVE_EOF || result < ARCHIVE_WARN || plain) {
+            Fail(EncryptedBy(from), spill, file, listed, path);
+            break;
+        }
+        if (depth > limits_.maxDepth) {
+            Stop("archives deeper than MaxArchiveDepth");
+            break;
+        }
+        if (++entries_ > limits_.maxEntries) {
+            Stop("more files in archives than MaxArchiveEntries");
+            break;
+        }
+        macros = Entry(from, entry, path, depth, names) || macros;
+    }
+    if (const char* const kind = EncryptedBy(from)) NoteEncrypted(kind);
+    if (going_ && (archive_format(from) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP)
+        LocalNames(file, path, names);
+    return macros;
+}
+
+// A zip tells each name twice: at its end, by which nearly all go, and before the file, by which
+// some do who repair what is broken.
+void ArchiveLooker::LocalNames(Scratch& file, const std::string& path,
+                               std::set<std::string>& listed) {
+    const std::size_t most = listed.size() + static_cast<std::size_t>(limits_.maxEntries);
+    const bool read = ForEachLocalName(file.Rewind(), [&](const std::string& name) {
+        if (listed.size() < most && listed.insert(name).second)
+            use_({ReadingsOfName(name), std::nullopt, {}, 0}, ShownName(name) + " in " + path);
+        return Clock::now() < end_;
+    });
+    if (!read) Stop("archives were not looked into in time");
+}
+
+// True if by its name it is what Office keeps macros in.
+bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
+                          std::set<std::string>& listed) {
+    std::string shown;
+    Attachment member;
+    const auto add = [&](const char* name) {
+        if (name == nullptr || *name == '\0') return;
+        listed.insert(name);
+        if (shown.empty()) shown = ShownName(name);
+        for (std::string& each : ReadingsOfName(name)) {
+            if (std::find(member.names.begin(), member.names.end(), each) == member.names.end())
+                member.names.push_back(std::move(each));
+        }
+    };
+    const bool single = (archive_format(from) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_RAW;
+    if (single) add(NameInside(path).c_str());
+    const char* const stored = archive_entry_pathname(entry);
+    if (!single || (stored != nullptr && std::string_view(stored) != "data")) add(stored);
+    add(archive_entry_pathname_utf8(entry));
+    const std::string inner = (shown.empty() ? "a file without a name" : shown) + " in " + path;
+
+    const auto kind = archive_entry_filetype(entry);
+    if (kind == AE_IFDIR) return false;
+    Spill spill(CalledArchive(member.names, ""));
+    const bool encrypted = archive_entry_is_encrypted(entry) > 0;
+    if (encrypted) {
+        NoteEncrypted(KindOf(from));
+        member.size = archive_entry_size(entry);
+    } else if (!Read(from, spill)) {
+        if (archive_read_has_encrypted_entries(from) > 0 && archive_entry_is_encrypted(entry) > 0) {
+            NoteEncrypted(KindOf(from));
+        } else if (tooComplex_.empty()) {
+            tooComplex_ = "a file in an archive can't be read: " + inner;
+        }
+    }
+    bool macros = false;
+    if (!encrypted) {
+        member.size = spill.Size();
+        if (Scratch* const file = spill.Finish()) macros = Look(spill, *file, inner, depth + 1);
+        member.types = spill.Type().Types(magic_);
+        if (macros) member.types.emplace_back("application/x-office-macros");
+        if (spill.Type().OfficeEncrypted()) NoteEncrypted("Office");
+    }
+    use_(member, inner);
+    return std::any_of(member.names.begin(), member.names.end(), [](const std::string& name) {
+        return name == "vbaproject.bin" || name.ends_with("/vbaproject.bin");
+    });
+}
+
+// False if it can't be read to its end.
+bool ArchiveLooker::Read(archive* from, Spill& spill) {
+    static thread_local std::array<char, kBlock> block;
+    for (;;) {
+        const la_ssize_t count = archive_read_data(from, block.data(), block.size());
+        if (count == 0) break;
+        if (count < 0) return false;
+        spill.Write({block.data(), static_cast<std::size_t>(count)});
+        bytes_ += count;
+        if (bytes_ > limits_.maxBytes) {
+            Stop("more bytes in archives than MaxArchiveBytes");
+            return false;
+        }
+        if (bytes_ > kFreeOfRatio && bytes_ / kMostTimes > packed_) {
+            Stop("an archive that unpacks to a thousand times its size");
+            return false;
+        }
+        if (Clock::now() > end_) {
+            Stop("archives were not looked into in time");
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace maild

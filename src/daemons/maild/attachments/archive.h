@@ -1,0 +1,66 @@
+// Inside attachments/: what lies in archives, by libarchive, archives in archives too, within
+// bounds. What can't be read within them is never taken for nothing.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "daemons/maild/attachments/rule.h"
+#include "daemons/maild/attachments/spill.h"
+
+struct archive;
+struct archive_entry;
+
+namespace maild {
+
+// All archives of one message; one thread.
+class ArchiveLooker {
+  public:
+    using Clock = std::chrono::steady_clock;
+    // Told of each file, `path` for people: "a.exe in b.zip in c.zip".
+    using Use = std::function<void(const Attachment& file, const std::string& path)>;
+
+    // `magic`: libmagic is asked for types, too.
+    ArchiveLooker(const ArchiveLimits& limits, Clock::time_point end, bool magic, Use use);
+
+    // `file` is what a Finish gave. `path` is what it is called, for people. True if there is an
+    // Office document with macros by what lies in it.
+    bool Look(Spill& spill, Scratch& file, const std::string& path) {
+        return Look(spill, file, path, 1);
+    }
+    // Bounds count from here on: another walk over the message.
+    void BeginAnew();
+    void NoteEncrypted(const std::string& kind);
+
+    // What is encrypted: "Encrypted.Zip"; empty: nothing was.
+    const std::string& Encrypted() const { return encrypted_; }
+    // Why not all was looked at; empty: all was.
+    const std::string& TooComplex() const { return tooComplex_; }
+
+  private:
+    bool Look(Spill& spill, Scratch& file, const std::string& path, int depth);
+    bool Entries(archive* from, Spill& spill, Scratch& file, const std::string& path, int depth);
+    bool Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
+               std::set<std::string>& listed);
+    void LocalNames(Scratch& file, const std::string& path, std::set<std::string>& listed);
+    bool Read(archive* from, Spill& spill);
+    void Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
+              const std::string& path);
+    void Stop(const std::string& why);
+
+    const ArchiveLimits limits_;
+    const Clock::time_point end_;
+    const bool magic_;
+    const Use use_;
+    long long packed_ = 0;  // bytes of the archives themselves, the outermost ones
+    long long bytes_ = 0;
+    int entries_ = 0;
+    bool going_ = true;
+    std::string encrypted_;
+    std::string tooComplex_;
+};
+
+}  // namespace maild

@@ -1,0 +1,203 @@
+#include "daemons/maild/attachments/filter.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "daemons/maild/forms/blocks.h"
+#include "daemons/maild/verdict/ruled.h"
+
+namespace maild {
+
+namespace {
+
+// Of parts that are read in several ways, all of them together.
+constexpr long long kMostDecodedAgain = 256LL << 20;
+constexpr std::size_t kMostFindings = 100;
+
+bool ShowsOtherThanText(const RealType& type) {
+    return type.BeginsArchive() == RealType::Sure::kYes || type.IsProgram() ||
+           type.OfficeEncrypted();
+}
+
+std::vector<std::string> NamesOf(const Part& part) {
+    std::vector<std::string> names;
+    for (const std::string& name : part.names) {
+        for (std::string& each : ReadingsOfName(name)) {
+            if (std::find(names.begin(), names.end(), each) == names.end())
+                names.push_back(std::move(each));
+        }
+    }
+    return names;
+}
+
+std::string Shown(const Part& part) {
+    return part.names.empty() ? "a part of type " + part.type : part.names.front();
+}
+
+}  // namespace
+
+AttachmentFilter::AttachmentFilter(const AttachmentRules& rules,
+                                   ArchiveLooker::Clock::time_point end)
+    : rules_(rules),
+      magic_(rules.AskForRealTypes()),
+      archives_(rules.archives, end, magic_,
+                [this](const Attachment& file, const std::string& path) { Ask(file, path); }) {}
+
+void AttachmentFilter::Begin(const Part& part) {
+    leaf_.reset();
+    if (part.kind != PartKind::kLeaf) return;
+    names_ = NamesOf(part);
+    leaf_ = std::make_unique<Spill>(CalledArchive(names_, part.type));
+    part_ = &part;
+    BeginHidden(part);
+}
+
+void AttachmentFilter::BeginHidden(const Part& part) {
+    text_.reset();
+    tnef_.reset();
+    if (!hidden_) {
+        struct stat info {};
+        const long long size = fstat(part.source.file, &info) == 0 ? info.st_size : 0;
+        hidden_.emplace(
+            [this](int file, long long) {
+                LookAtHidden(file);
+                return ScanResult{ScanOutcome::kClean, ""};
+            },
+            size);
+    }
+    if (part.isText || part.type.starts_with("message/") || part.type.starts_with("multipart/"))
+        text_ = std::make_unique<FilesInText>(*hidden_, part.place);
+}
+
+void AttachmentFilter::Data(std::span<const std::byte> bytes) {
+    if (leaf_ == nullptr) return;
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    // The walk hands on the first bytes in one piece, as long as the part has so many.
+    if (leaf_->Size() == 0 && text.starts_with(TnefReader::kMark))
+        tnef_ = std::make_unique<TnefReader>(*hidden_, part_->place);
+    leaf_->Write(text);
+    if (text_ != nullptr) text_->Write(text);
+    if (tnef_ != nullptr) tnef_->Write(text);
+}
+
+void AttachmentFilter::End(const Part& part) {
+    part_ = &part;
+    // A forwarded message: its parts are asked about by themselves.
+    const bool named = !part.names.empty() || part.disposition == "attachment";
+    if (part.kind == PartKind::kMessage && named) {
+        const Range& body = part.source.body;
+        Ask({NamesOf(part), part.type, {"message/rfc822"}, body.end - body.begin}, Shown(part));
+    }
+    if (part.kind == PartKind::kLeaf && leaf_ != nullptr) LookAtLeaf(part);
+    // Another form of the message is not what lies in the file.
+    for (; placed_ < findings_.size(); ++placed_) {
+        if (!again_) findings_[placed_].range = part.whole;
+    }
+}
+
+void AttachmentFilter::LookAtLeaf(const Part& part) {
+    EndText();
+    if (tnef_ != nullptr) tnef_->Finish();
+    tnef_.reset();
+    Look(*leaf_, part);
+    leaf_.reset();
+    if (part.oddCoding) LookAtReadings(part);
+}
+
+void AttachmentFilter::EndText() {
+    if (text_ == nullptr) return;
+    text_->Finish();
+    // Files that are equal are put once, whatever they are called.
+    for (const std::string& name : text_->Names()) {
+        if (askedByName_.insert(name).second)
+            Ask({ReadingsOfName(name), std::nullopt, {}, 0}, name + " in " + Shown(*part_));
+    }
+    askedByName_.clear();
+    text_.reset();
+}
+
+void AttachmentFilter::Done(const WalkResult&) {
+    again_ = true;
+    decodedAgain_ = 0;
+    archives_.BeginAnew();
+    if (hidden_ && hidden_->TooMany()) tooComplex_ = "more files in its parts than are looked at";
+    hidden_.reset();
+}
+
+void AttachmentFilter::Look(Spill& spill, const Part& part) {
+    const RealType& type = spill.Type();
+    const bool plain = part.isText && part.names.empty();
+    if (plain && !ShowsOtherThanText(type)) return;
+    bool macros = false;
+    if (Scratch* const file = spill.Finish()) macros = archives_.Look(spill, *file, Shown(part));
+    if (type.OfficeEncrypted()) archives_.NoteEncrypted("Office");
+    Attachment attachment{names_, part.type, type.Types(magic_), spill.Size()};
+    if (macros) attachment.types.emplace_back("application/x-office-macros");
+    Ask(attachment, Shown(part));
+}
+
+// Readers undo its coding in different ways: each of them has its file.
+void AttachmentFilter::LookAtReadings(const Part& part) {
+    for (const Reading& reading : ReadingsOf(part.coding, part.oddHeaders)) {
+        decodedAgain_ += part.source.body.end - part.source.body.begin;
+        if (decodedAgain_ > kMostDecodedAgain) {
+            tooComplex_ = "more readings of its parts than are looked at";
+            return;
+        }
+        Scratch decoded;
+        Spill spill(CalledArchive(names_, part.type));
+        // Files within a body that is declared to be one.
+        if (reading.coding == Coding::kPlain)
+            text_ = std::make_unique<FilesInText>(*hidden_, part.place);
+        const bool whole = DecodeBody(part.source, reading, decoded) && decoded.Rewind() >= 0 &&
+                           ReadBlocks(decoded.Rewind(), 0, [&](std::string_view text, off_t) {
+                               spill.Write(text);
+                               if (text_ != nullptr) text_->Write(text);
+                               return true;
+                           });
+        EndText();
+        if (!whole) {
+            tooComplex_ = "a part can't be read in the ways that readers may";
+            return;
+        }
+        if (spill.Size() > 0) Look(spill, part);
+    }
+}
+
+// A file within the part that is open.
+void AttachmentFilter::LookAtHidden(int file) {
+    const std::string name = text_ == nullptr ? "" : text_->Names().back();
+    if (text_ != nullptr) askedByName_.insert(name);
+    Attachment attachment{ReadingsOfName(name), std::nullopt, {}, 0};
+    Spill spill(CalledArchive(attachment.names, ""));
+    const bool read = ReadBlocks(file, 0, [&](std::string_view text, off_t) {
+        spill.Write(text);
+        return true;
+    });
+    if (!read) tooComplex_ = "a file in a part can't be read";
+    const std::string shown = (name.empty() ? "a file" : name) + " in " + Shown(*part_);
+    bool macros = false;
+    if (Scratch* const kept = spill.Finish()) macros = archives_.Look(spill, *kept, shown);
+    if (spill.Type().OfficeEncrypted()) archives_.NoteEncrypted("Office");
+    attachment.types = spill.Type().Types(magic_);
+    if (macros) attachment.types.emplace_back("application/x-office-macros");
+    attachment.size = spill.Size();
+    Ask(attachment, shown);
+}
+
+void AttachmentFilter::Ask(const Attachment& attachment, const std::string& what) {
+    const AttachmentRule* const rule = rules_.Find(attachment);
+    if (rule == nullptr || findings_.size() >= kMostFindings) return;
+    const bool told = std::any_of(findings_.begin(), findings_.end(), [&](const Finding& each) {
+        return each.rule == rule->name && each.part == part_->place && each.reason == what;
+    });
+    if (told) return;
+    Finding finding =
+        RuledFinding(Section::kAttachments, rule->action, rule->name, what, rule->text);
+    finding.part = part_->place;
+    finding.value = attachment.size;
+    findings_.push_back(std::move(finding));
+}
+
+}  // namespace maild

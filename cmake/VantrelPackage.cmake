@@ -2,7 +2,7 @@
 # The programs live in one directory, beside the supervisor that starts them; /usr/bin has links.
 
 set(VANTREL_PROGRAM_DIR lib/vantrel)
-set(VANTREL_PROGRAMS vtsmtpproxy vtmaild vtlogd vtstatd vtregistry vtreport vtlog)
+set(VANTREL_PROGRAMS vtsmtpproxy vtmaild vtlogd vtstatd vtregistry vtreport vtlog vtquarantine)
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/links ${CMAKE_BINARY_DIR}/man)
 foreach(program ${VANTREL_PROGRAMS})
   if(NOT TARGET ${program})
@@ -17,9 +17,9 @@ install(TARGETS vtservice RUNTIME DESTINATION ${VANTREL_PROGRAM_DIR})
 file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/systemd/*.service)
 install(FILES ${units} DESTINATION lib/systemd/system)
 install(PROGRAMS packaging/clamd-settings DESTINATION ${VANTREL_PROGRAM_DIR})
-install(FILES packaging/completion/vtlog packaging/completion/vtregistry packaging/completion/vtsmtpproxy
+install(FILES packaging/completion/vtlog packaging/completion/vtquarantine packaging/completion/vtregistry packaging/completion/vtsmtpproxy
   DESTINATION share/bash-completion/completions)
-install(FILES packaging/completion/_vtlog packaging/completion/_vtregistry packaging/completion/_vtsmtpproxy
+install(FILES packaging/completion/_vtlog packaging/completion/_vtquarantine packaging/completion/_vtregistry packaging/completion/_vtsmtpproxy
   DESTINATION share/zsh/vendor-completions)
 install(FILES packaging/prometheus/alerts.yml DESTINATION share/vantrel/prometheus)
 install(FILES packaging/grafana/vantrel.json DESTINATION share/vantrel/grafana)

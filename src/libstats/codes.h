@@ -23,6 +23,9 @@ inline constexpr std::int32_t kStatEncryptedRefused = 107;  // put off it counts
 // A message whose structure is ambiguous, or too complex to be looked at; put off it counts as not
 // scanned. Reports show it with the other codes.
 inline constexpr std::int32_t kStatStructureRefused = 108;
+// A message that is in the quarantine; one with malware that was delivered, as a setting says.
+inline constexpr std::int32_t kStatQuarantined = 109;
+inline constexpr std::int32_t kStatInfectedPassed = 110;
 // A message that a rule on attachments or content decides about; the label is the rule and what it
 // has met. Put off it counts as not scanned. Reports show these with the other codes.
 inline constexpr std::int32_t kStatRuleRefused = 120;

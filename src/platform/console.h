@@ -49,6 +49,7 @@ class QuietTerminal {
 
 // The characters in a line of the terminal that standard output is; 0 if it is none.
 std::size_t TerminalColumns();
+bool OutputIsTerminal();
 
 enum class Echo { kOn, kOff };
 // Asks the person at the process's terminal, wherever its streams lead: a line without its end.

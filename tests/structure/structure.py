@@ -25,7 +25,8 @@ valarray variant vector version
 # Folders that are written for one system, and may name its headers and its libraries'.
 OF_THE_SYSTEM = ("platform/linux", "trelis", "daemons")
 # And single headers that are not the system's own, with the reason.
-ALSO = {name: {"getopt.h"} for name in ("tools/vtlog.cpp", "tools/vtreport.cpp")}  # long options, as the C library reads them
+# Long options, as the C library reads them.
+ALSO = {name: {"getopt.h"} for name in ("tools/vtlog.cpp", "tools/vtreport.cpp", "tools/quarantine/vtquarantine.cpp")}
 # Libraries that one folder alone knows, with the reason.
 LIBRARIES = {"tls": "openssl/"}  # so that another library, or version, of TLS changes one folder
 # Who may look behind the platform's face.

@@ -11,7 +11,7 @@ import unittest
 from harness import BIN
 
 SERVICES = ("vtsmtpproxy", "vtmaild", "vtlogd", "vtstatd", "vtregistry")
-OTHERS = ("vtlog", "vtreport", "vtservice")
+OTHERS = ("vtlog", "vtquarantine", "vtreport", "vtservice")
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 
 
@@ -264,7 +264,9 @@ class Registry(Person):
                                ("vtregistry set --force maild.virusaction d", ["drop"]), ("vtregistry undo --", ["--force"]),
                                ("vtregistry set interface.net.pipelining o", ["on", "off"]), ("vtregistry set no.such o", []),
                                ("vtregistry set maild.whenencrypted pu", ["put\\", "off"]), ("vtlog f", ["find", "follow"]),
-                               ("vtlog find --verdict r", ["reject"]), ("vtlog find --s", ["--since"]), ("vtlog find --id f", [])):
+                               ("vtlog find --verdict r", ["reject"]), ("vtlog find --s", ["--since"]), ("vtlog find --id f", []),
+                               ("vtquarantine r", ["release"]), ("vtquarantine find --sec", ["--section"]), ("vtquarantine find --section a",
+                               ["antivirus", "attachments", "antispam"]), ("vtquarantine delete --", []), ("vtquarantine show --r", ["--raw"])):
             self.assertEqual(self.completed(line), expected, line)
 
 

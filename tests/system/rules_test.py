@@ -111,7 +111,11 @@ class NewInstallation(Scanning):
         maild = [BIN + "/vtmaild", "register"]
         subprocess.run(maild, env=self.proxy.env, check=True)
         for attachment in archive(("a.js", b"x")), archive(("a.txt", PROGRAM)), PROGRAM:
-            self.assertEqual(self.send(attached(attachment)), REJECTED)
+            self.assertTrue(self.send(attached(attachment)).startswith(b"250"))
+        self.assertEqual(self.server.messages, [])
+        held = subprocess.run([BIN + "/vtquarantine", "find", "--section", "attachments", "--json"], env=self.proxy.env, check=True,
+                              capture_output=True, text=True).stdout
+        self.assertEqual(held.count('"state":"held"'), 3, held)
         self.assertEqual(self.send(attached(archive(("a.txt", b"x")))), QUEUED)
         # One who has taken a rule away doesn't get it back.
         for rule in "executable-names", "executable-types":

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "daemons/maild/actions/perform.h"
 #include "daemons/maild/log.h"
 #include "daemons/maild/reply.h"
 #include "daemons/maild/sections.h"
@@ -35,27 +36,59 @@ Transfer TransferOf(TagMsgNode* request) {
                                                                 : Transfer::kUnknown;
 }
 
-const char* StatusText(std::int32_t event) {
-    if (event == kStatInfectedRedirected) return "redirected";
-    return event == kStatInfectedDropped ? "dropped" : "refused";
+const char* StatusText(maild::Action action) {
+    switch (action) {
+        case maild::Action::kRedirect:
+            return "redirected";
+        case maild::Action::kDrop:
+            return "dropped";
+        case maild::Action::kQuarantine:
+            return "quarantined";
+        case maild::Action::kPutOff:
+            return "put off";
+        case maild::Action::kPass:
+        case maild::Action::kTag:
+            return "passed";
+        default:
+            return "refused";
+    }
 }
 
-void LogDecision(TagMsgNode* request, const std::string& path, const maild::Finding& by) {
-    if (by.log.empty()) return;
+// What goes to the quarantine is told even of rules that say nothing.
+void LogDecision(TagMsgNode* request, const std::string& path, const maild::Finding& by,
+                 const std::string& keptAs) {
+    if (by.log.empty() && keptAs.empty()) return;
     LogLine line{.kind = kEventFileNotScanned, .text = by.log, .path = path};
     if (by.section == maild::Section::kAntispam && by.rule != "WhenDown") line.kind = kEventInfo;
+    if (line.text.empty())
+        line.text = std::string(maild::Word(by.action)) + ", " + by.rule + ": " + by.reason;
+    if (!keptAs.empty()) line.text += ", in the quarantine as " + keptAs;
     if (by.rule == "VirusAction") {
         line.kind = kEventVirus;
         line.sender = Text(request, TagSender);
         line.recipients = Text(request, TagRecipients);
         line.peer = Text(request, TagPeerAddress);
         line.signature = by.reason;
-        line.status = StatusText(by.event);
+        line.status = StatusText(by.action);
     } else {
         line.text += " (from " + Text(request, TagSender) + " to " + Text(request, TagRecipients) +
                      ", client " + Text(request, TagPeerAddress) + ")";
     }
     Log(std::move(line));
+}
+
+// The line that the proxy writes of the message names the id, too.
+void NoteKept(std::vector<maild::Finding>& findings, const maild::Decision& decision,
+              const std::string& id) {
+    for (maild::Finding& each : findings) {
+        if (&each == decision.by && each.section != maild::Section::kAntivirus)
+            each.text = each.reason + " (in the quarantine as " + id + ")";
+    }
+}
+
+std::int32_t EventOf(const maild::Decision& decision) {
+    if (decision.action == maild::Action::kQuarantine) return kStatQuarantined;
+    return decision.by == nullptr ? kStatClean : decision.by->event;
 }
 
 // What the statistics show beside the event.
@@ -96,6 +129,8 @@ bool MailDaemon::Start(int argc, char** argv) {
     TrelisSetValue(kLocalStore, kUnaskedLimit.Path().c_str(),
                    std::to_string(null_ ? 0 : kUsualMaxFileSize).c_str());
     if (null_) return true;
+    keeper_.Start([this] { return QuarantineLimits(); },
+                  [](const std::string& text) { Log({.kind = kEventWarning, .text = text}); });
     engines_.Start(settings_.Current());
     following_ = true;
     if (!stats_.Start()) Log({.kind = kEventWarning, .text = "can't send statistics"});
@@ -103,6 +138,7 @@ bool MailDaemon::Start(int argc, char** argv) {
 }
 
 void MailDaemon::End() {
+    keeper_.Stop();
     engines_.Stop();
     stats_.Stop();
     LogClientUninit();
@@ -112,6 +148,11 @@ void MailDaemon::End() {
 int MailDaemon::StopSeconds() const {
     const std::shared_ptr<const Settings> settings = settings_.Current();
     return settings == nullptr ? 0 : std::min(settings->scanSeconds, kLongestStop);
+}
+
+quarantine::Limits MailDaemon::QuarantineLimits() const {
+    const std::shared_ptr<const Settings> settings = settings_.Current();
+    return {settings->quarantineDays, settings->quarantineSize};
 }
 
 // Under the lock of the settings: the engine hears of them in their order.
@@ -142,21 +183,33 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
     }
     const std::shared_ptr<const Settings> settings = settings_.Current();
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings->scanSeconds);
-    AllFindings verdict =
-        JudgeBySections(engines_, *settings, path.c_str(), TransferOf(request.root),
-                        {Text(request.root, TagSender), Text(request.root, TagRecipients)});
+    const maild::Stored message{path, TransferOf(request.root), Text(request.root, TagSender),
+                                Text(request.root, TagRecipients),
+                                Text(request.root, TagPeerAddress)};
+    AllFindings verdict = JudgeBySections(engines_, *settings, path.c_str(), message.transfer,
+                                          {message.sender, message.recipients});
     const Judgement& judgement = verdict.judgement;
     std::vector<maild::Finding>& findings = verdict.findings;
     antispam_.Look(settings->antispam,
-                   {path, TransferOf(request.root), Text(request.root, TagSender),
-                    Text(request.root, TagRecipients), Text(request.root, TagPeerAddress), end},
+                   {path, message.transfer, message.sender, message.recipients, message.peer, end},
                    findings);
-    const maild::Decision decision = maild::Decide(findings);
-    if (decision.by != nullptr) LogDecision(request.root, path, *decision.by);
-    const std::int32_t event = decision.by == nullptr ? kStatClean : decision.by->event;
-    stats_.Add({event, Text(request.root, TagPeerAddress), Text(request.root, TagSender),
-                Text(request.root, TagRecipients), LabelOf(judgement, event, decision),
-                judgement.size});
+    maild::Decision decision = maild::Decide(findings);
+    const maild::Done done = maild::Perform(message, findings, decision, verdict.parts, quarantine_,
+                                            {settings->quarantineDays, settings->quarantineSize});
+    if (!done.good) {
+        // In front of all others: nobody but its sender has the message now.
+        findings.insert(findings.begin(), {.action = maild::Action::kPutOff,
+                                           .rule = "actions",
+                                           .reason = done.why,
+                                           .log = "a message is put off: " + done.why,
+                                           .event = kStatNotScanned});
+        decision = {maild::Action::kPutOff, &findings.front()};
+    }
+    if (decision.by != nullptr) LogDecision(request.root, path, *decision.by, done.keptAs);
+    if (!done.keptAs.empty()) NoteKept(findings, decision, done.keptAs);
+    const std::int32_t event = EventOf(decision);
+    stats_.Add({event, message.peer, message.sender, message.recipients,
+                LabelOf(judgement, event, decision), judgement.size});
     if (BuildAnswer(answer.root, findings, decision))
         TagMsgSerialize(answer.root, reply, replyLength);
 }

@@ -15,6 +15,7 @@
 //   attachments, content      the rules on them; `rules` reads them
 //   sections    the judgement, and what the rules say
 //   verdict     what the sections found, and what becomes of the message
+//   actions     that done: tags, parts taken out, the quarantine
 //   reply       the answer to the proxy
 //   shell       `vtmaild test`
 //   verdictstats, log         what is counted and logged
@@ -31,6 +32,8 @@
 #include "daemons/maild/judge.h"
 #include "daemons/maild/settings.h"
 #include "daemons/maild/verdictstats.h"
+#include "daemons/quarantine/keeper.h"
+#include "daemons/quarantine/quarantine.h"
 #include "tagmsg/tagmsg.h"
 #include "trelis/keys/followed.h"
 #include "trelis/keys/settings.h"
@@ -50,6 +53,7 @@ class MailDaemon final : public Daemon {
 
   private:
     std::shared_ptr<const Settings> ReadSettings();
+    quarantine::Limits QuarantineLimits() const;
 
     bool null_ = false;
     int threads_ = 1;
@@ -59,4 +63,6 @@ class MailDaemon final : public Daemon {
     std::atomic<bool> following_{false};  // the engine has started
     mutable trelis::Followed<Settings> settings_{trelis::kMailDaemonKey,
                                                  [this] { return ReadSettings(); }};
+    quarantine::Quarantine quarantine_;
+    quarantine::Keeper keeper_{quarantine_};  // asks the settings for its limits
 };

@@ -99,6 +99,19 @@ bool AddSection(TagMsgNode* root, std::span<const Finding> findings, const Findi
     });
 }
 
+// Why, for the line that the proxy writes of the message: the rule's own words, or what it has
+// found. Of malware the section's objects say it.
+bool AddReason(TagMsgNode* root, const Finding& finding) {
+    const bool told = finding.section == Section::kAntivirus && finding.text.empty();
+    const std::string& text = finding.text.empty() ? finding.reason : finding.text;
+    if (told || text.empty()) return true;
+    TagMsgNode* entry = AddChild(root);
+    return entry != nullptr && Add(entry, TagEntryCode, 1) &&
+           Add(entry, TagObjectName, finding.part.empty() ? "message" : finding.part.c_str()) &&
+           Add(entry, TagFilterValue, static_cast<std::int32_t>(finding.value)) &&
+           Add(entry, TagMessage, text.c_str());
+}
+
 }  // namespace
 
 bool BuildStates(TagMsgNode* root, const std::vector<EngineState>& states) {
@@ -131,8 +144,7 @@ std::vector<EngineState> ReadStates(TagMsgNode* root) {
 bool BuildForward(TagMsgNode* root) { return Add(root, TagActionMask, kMaskForward); }
 
 bool BuildAnswer(TagMsgNode* root, std::span<const Finding> findings, const Decision& decision) {
-    // Until there is a quarantine to keep it in, its sender does.
-    if (decision.action == Action::kPutOff || decision.action == Action::kQuarantine) return false;
+    if (decision.action == Action::kPutOff) return false;
     std::vector<const Finding*> sections;
     for (const Section section : maild::kSections) {
         const Decision strongest = maild::Decide(findings, section);
@@ -140,7 +152,8 @@ bool BuildAnswer(TagMsgNode* root, std::span<const Finding> findings, const Deci
     }
     const std::int32_t mask = MaskOf(decision.action);
     if (!Add(root, TagActionMask, sections.empty() ? mask : mask | kMaskChildren)) return false;
-    return std::all_of(sections.begin(), sections.end(), [&](const Finding* each) {
-        return AddSection(root, findings, *each, decision);
-    });
+    return std::all_of(
+               sections.begin(), sections.end(),
+               [&](const Finding* each) { return AddSection(root, findings, *each, decision); }) &&
+           (decision.action == Action::kPass || AddReason(root, *decision.by));
 }

@@ -8,9 +8,9 @@
 #include "daemons/maild/verdict/finding.h"
 #include "tagmsg/tagmsg.h"
 
-// Fills in the root of an answer: what becomes of the message, and each section that has found
-// something to do. False without memory, and for what is put off: the request then gets a reply
-// without data, which counts as a scan that failed.
+// Fills in the root of an answer: what becomes of the message, each section that has found
+// something to do, and in an entry why, for the proxy's log. False without memory, and for what is
+// put off: the request then gets a reply without data, which counts as a scan that failed.
 bool BuildAnswer(TagMsgNode* root, std::span<const maild::Finding> findings,
                  const maild::Decision& decision);
 // The message may go on, nothing else is said.

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <optional>
 
+#include "daemons/maild/actions/perform.h"
 #include "daemons/maild/attachments/filter.h"
 #include "daemons/maild/verdict/antivirus.h"
 #include "daemons/maild/verdict/ruled.h"
@@ -32,7 +33,9 @@ AllFindings JudgeBySections(Engines& engines, const Settings& settings, const ch
     if (settings.attachments.Any())
         sinks.push_back(&attachments.emplace(settings.attachments, end));
     if (settings.content.Any()) sinks.push_back(&content.emplace(settings.content, envelope, end));
-    AllFindings verdict{JudgeMessage(engines, settings, path, transfer, {}, sinks), {}};
+    AllFindings verdict;
+    maild::PartSink* const own[] = {&verdict.parts};
+    verdict.judgement = JudgeMessage(engines, settings, path, transfer, own, sinks);
     Judgement& judgement = verdict.judgement;
     const bool infected = judgement.scan.outcome == ScanOutcome::kInfected;
     if (attachments && !infected) {
@@ -41,8 +44,8 @@ AllFindings JudgeBySections(Engines& engines, const Settings& settings, const ch
     }
     if (content && !infected) Fill(judgement.tooComplex, content->TooComplex());
     verdict.findings = maild::AntivirusFindings(settings, judgement);
-    if (infected) return verdict;
-    if (attachments) Append(verdict.findings, attachments->Findings(), settings);
-    if (content) Append(verdict.findings, content->Findings(), settings);
+    if (attachments && !infected) Append(verdict.findings, attachments->Findings(), settings);
+    if (content && !infected) Append(verdict.findings, content->Findings(), settings);
+    maild::HoldBackWhatStays(verdict.findings, verdict.parts, transfer);
     return verdict;
 }

@@ -3,12 +3,14 @@
 
 #include <vector>
 
+#include "daemons/maild/actions/partmap.h"
 #include "daemons/maild/content/filter.h"
 #include "daemons/maild/judge.h"
 
 struct AllFindings {
-    Judgement judgement;  // also with what archives held
-    std::vector<maild::Finding> findings;
+    Judgement judgement;                   // also with what archives held
+    std::vector<maild::Finding> findings;  // a removal that can't be done is a quarantine here
+    maild::PartMap parts;
 };
 
 // As JudgeMessage, and the rules of the other sections besides. Of a message in which the engine

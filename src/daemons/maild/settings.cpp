@@ -49,6 +49,10 @@ std::shared_ptr<const Settings> LoadSettings() {
     settings->maxFileSize = trelis::ReadSize(Key("MaxFileSize")).value_or(kUsualMaxFileSize);
     settings->virusAction = trelis::ReadText(Key("VirusAction"));
     settings->redirectAddress = trelis::ReadText(Key("RedirectAddress"));
+    settings->antivirusAction = trelis::ReadText(Key("Antivirus/Action"));
+    settings->quarantineDays = trelis::ReadInt(Key("Quarantine/KeepDays"));
+    settings->quarantineSize =
+        trelis::ReadSize(Key("Quarantine/MaxSize")).value_or(Settings().quarantineSize);
     settings->whenEncrypted = ReadWhenEncrypted();
     settings->maxDepth = trelis::ReadInt(Key("MaxDepth"));
     settings->maxParts = trelis::ReadInt(Key("MaxParts"));

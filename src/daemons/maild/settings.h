@@ -38,6 +38,9 @@ struct Settings {
     long long maxFileSize = 0;  // bytes, at most 2 GB
     std::string virusAction;
     std::string redirectAddress;
+    std::string antivirusAction;  // empty: VirusAction decides
+    int quarantineDays = 30;      // 0: for ever
+    long long quarantineSize = 1LL << 30;
     WhenEncrypted whenEncrypted = WhenEncrypted::kPass;
     int maxDepth = 40;
     int maxParts = 1000;

@@ -93,6 +93,8 @@ QuietTerminal::~QuietTerminal() {
     for (const int number : kEnds) signal(number, SIG_DFL);
 }
 
+bool OutputIsTerminal() { return isatty(STDOUT_FILENO) == 1; }
+
 std::size_t TerminalColumns() {
     winsize size{};
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;

@@ -22,6 +22,11 @@ inline constexpr KeyRow kMailDaemonRows[] = {
     Seconds("ScanTimeout", "120", 1, 3600, "seconds for one message"),
     Number("Threads", "16", 1, 200, "scans at a time").Counts(kAtStart),
     Text("VirusAction", "reject", "`reject`, `drop` or `redirect`").Words("reject|drop|redirect"),
+    Text("Antivirus/Action", "",
+         "what becomes of infected mail, as of a rule; any other word rejects")
+        .Words("reject|quarantine|drop|redirect|put off|remove|tag|pass")
+        .Alias("antivirusaction")
+        .Shown("`VirusAction`"),
     Text("RedirectAddress", "", "where `redirect` sends infected mail; without it, it is rejected")
         .Registers(""),
     Text(
@@ -74,6 +79,12 @@ inline constexpr KeyRow kMailDaemonRows[] = {
     Flag("PassWhenBusy", "deliver unscanned what clamd has no place for").Registers("N"),
     Flag("PassWhenTimedOut", "deliver unscanned what is not scanned in time").Registers("N"),
     Flag("PassWhenTooBig", "deliver unscanned what can't be scanned whole").Registers("N"),
+    Number("Quarantine/KeepDays", "30", 0, 100000,
+           "days that a message is kept in the quarantine; 0: until there is no room")
+        .In(Unit::kDays)
+        .OutOfBounds(Beyond::kNearest),
+    Size("Quarantine/MaxSize", "1073741824", 1, std::numeric_limits<long long>::max(),
+         "bytes, or with K, M, G, of all messages there; the oldest make room for a new one"),
     Written("RTP/MaxFileSize", "bytes that are taken where `MaxFileSize` says nothing; 0: all"),
     Written("Path", "the program's file"),
 };

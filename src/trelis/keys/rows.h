@@ -215,6 +215,7 @@ inline constexpr KeyRow kStatsRows[] = {
         .In(Unit::kDays)
         .OutOfBounds(Beyond::kNearest),
     Text("Accounts/*", "", "salted hash of an account's password, made with `vtstatd passwd NAME`"),
+    Text("QuarantineAccounts/*", "", "the value is an account that may use the quarantine's page"),
     Written("Path", "the program's file"),
 };
 

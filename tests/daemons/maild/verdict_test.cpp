@@ -17,6 +17,10 @@ Finding Of(Section section, Action action, const char* target = "") {
     return {.section = section, .action = action, .target = target};
 }
 
+Finding Said(Action action, const char* text, const char* reason) {
+    return {.section = Section::kAttachments, .action = action, .reason = reason, .text = text};
+}
+
 TEST(Verdict, TheStrongestFindingDecides) {
     constexpr Section kVirus = Section::kAntivirus;
     constexpr Section kContent = Section::kContent;
@@ -75,6 +79,14 @@ TEST(Verdict, OfTheAntivirusSection) {
     Settings redirects;
     redirects.virusAction = "redirect";
     redirects.redirectAddress = "a@b";
+    const auto acts = [](const char* action, const char* address = "") {
+        Settings settings;
+        settings.virusAction = "drop";
+        settings.antivirusAction = action;
+        settings.redirectAddress = address;
+        return settings;
+    };
+    const Judgement malware{{}, "", infected, ""};
     const struct {
         const char* name;
         Settings settings;
@@ -88,6 +100,16 @@ TEST(Verdict, OfTheAntivirusSection) {
          {{}, "", infected, ""},
          Action::kRedirect,
          kStatInfectedRedirected},
+        {"infected, no word", acts(""), malware, Action::kDrop, kStatInfectedDropped},
+        {"infected, held", acts("Quarantine"), malware, Action::kQuarantine, kStatInfectedRefused},
+        {"infected, tagged", acts("tag"), malware, Action::kTag, kStatInfectedPassed},
+        {"infected, put off", acts("put off"), malware, Action::kPutOff, kStatNotScanned},
+        {"infected, redirected by it", acts("redirect", "a@b"), malware, Action::kRedirect,
+         kStatInfectedRedirected},
+        {"infected, nowhere to go", acts("redirect"), malware, Action::kReject,
+         kStatInfectedRefused},
+        {"infected, a slip of the pen", acts("dorp"), malware, Action::kReject,
+         kStatInfectedRefused},
         {"infected, whatever else",
          refuses,
          {forged, "deep", infected, "Zip"},
@@ -135,7 +157,7 @@ TEST(Verdict, OfTheAntivirusSection) {
     }
 }
 
-// "MASK NAME:MASK[:RECIPIENTS]..." of an answer.
+// "MASK NAME:MASK[:RECIPIENTS]... entry:MESSAGE" of an answer.
 std::string AnswerTo(const std::vector<Finding>& findings) {
     OwnedMessage answer;
     EXPECT_EQ(TagMsgCreate(&answer.root), TAGMSG_OK);
@@ -150,7 +172,14 @@ std::string AnswerTo(const std::vector<Finding>& findings) {
         TagMsgNode* section = nullptr;
         TagMsgGetChild(answer.root, &section, i);
         const void* found = nullptr;
-        TagMsgPeekAttr(section, TagSection, &found);
+        if (TagMsgPeekAttr(section, TagSection, &found) != TAGMSG_OK) {
+            // One of these missing would fail the scan.
+            for (const std::uint32_t tag : {TagEntryCode, TagFilterValue, TagObjectName})
+                EXPECT_EQ(TagMsgPeekAttr(section, tag, &found), TAGMSG_OK) << tag;
+            EXPECT_EQ(TagMsgPeekAttr(section, TagMessage, &found), TAGMSG_OK);
+            text += " entry:" + std::string(static_cast<const char*>(found));
+            continue;
+        }
         text += " " + std::string(static_cast<const char*>(found)) + ":" + mask(section);
         if (TagMsgPeekAttr(section, TagRecipients, &found) == TAGMSG_OK)
             text += ":" + std::string(static_cast<const char*>(found));
@@ -179,6 +208,19 @@ TEST(Verdict, Answers) {
          {Of(Section::kContent, Action::kDrop), Of(Section::kAttachments, Action::kRedirect, "a")},
          "18 AttachFilter:2 ContentFilter:2"},
         {"put off", {Of(Section::kAntivirus, Action::kPutOff)}, "none"},
+        {"quarantine is a drop to the proxy",
+         {Of(Section::kAntivirus, Action::kQuarantine)},
+         "18 Antivirus:2"},
+        {"a part that was taken out",
+         {Of(Section::kAttachments, Action::kRemove)},
+         "17 AttachFilter:1"},
+        {"the rule's own words",
+         {Said(Action::kReject, "not here", "x.exe")},
+         "20 AttachFilter:4 entry:not here"},
+        {"what was found", {Said(Action::kDrop, "", "x.exe")}, "18 AttachFilter:2 entry:x.exe"},
+        {"of the one that decides",
+         {Said(Action::kDrop, "", "x.exe"), Of(Section::kContent, Action::kReject)},
+         "20 AttachFilter:2 ContentFilter:4"},
     };
     for (const auto& each : cases) EXPECT_EQ(AnswerTo(each.findings), each.answer) << each.name;
 }

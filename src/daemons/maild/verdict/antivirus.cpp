@@ -21,18 +21,39 @@ bool MayPass(const Settings& settings, ScanOutcome outcome) {
     }
 }
 
+// A word that is none rejects.
+Action ActionOnMalware(const Settings& settings) {
+    if (settings.antivirusAction.empty()) {
+        if (settings.Redirects()) return Action::kRedirect;
+        return settings.virusAction == "drop" ? Action::kDrop : Action::kReject;
+    }
+    const Action action = ActionOf(settings.antivirusAction).value_or(Action::kReject);
+    const bool nowhere = action == Action::kRedirect && settings.redirectAddress.empty();
+    return nowhere ? Action::kReject : action;
+}
+
 Finding Malware(const Settings& settings, const ScanResult& scan) {
-    Finding finding{.rule = "VirusAction", .reason = scan.text, .log = "virus found: " + scan.text};
-    if (settings.Redirects()) {
-        finding.action = Action::kRedirect;
-        finding.target = settings.redirectAddress;
-        finding.event = kStatInfectedRedirected;
-    } else if (settings.virusAction == "drop") {
-        finding.action = Action::kDrop;
-        finding.event = kStatInfectedDropped;
-    } else {
-        finding.action = Action::kReject;
-        finding.event = kStatInfectedRefused;
+    Finding finding{.action = ActionOnMalware(settings),
+                    .rule = "VirusAction",
+                    .reason = scan.text,
+                    .log = "virus found: " + scan.text};
+    switch (finding.action) {
+        case Action::kRedirect:
+            finding.target = settings.redirectAddress;
+            finding.event = kStatInfectedRedirected;
+            break;
+        case Action::kDrop:
+            finding.event = kStatInfectedDropped;
+            break;
+        case Action::kPass:
+        case Action::kTag:
+            finding.event = kStatInfectedPassed;
+            break;
+        case Action::kPutOff:
+            finding.event = kStatNotScanned;
+            break;
+        default:
+            finding.event = kStatInfectedRefused;
     }
     return finding;
 }

@@ -6,20 +6,6 @@ namespace maild {
 
 namespace {
 
-// What this daemon can't do yet becomes what is safe: nothing is delivered that was to be held
-// back.
-Action Possible(Action action) {
-    switch (action) {
-        case Action::kRemove:
-        case Action::kQuarantine:
-            return Action::kReject;
-        case Action::kTag:
-            return Action::kPass;
-        default:
-            return action;
-    }
-}
-
 // What becomes of the message, for the log, and the event.
 struct Outcome {
     const char* words;
@@ -28,10 +14,13 @@ struct Outcome {
 Outcome OutcomeOf(Action action) {
     switch (action) {
         case Action::kPass:
-        case Action::kTag:
-        case Action::kRemove:
             return {"passes", kStatClean};
+        case Action::kTag:
+            return {"is tagged", kStatClean};
+        case Action::kRemove:
+            return {"loses a part", kStatClean};
         case Action::kQuarantine:
+            return {"is held back", kStatQuarantined};
         case Action::kReject:
             return {"is refused", kStatRuleRefused};
         case Action::kDrop:
@@ -55,7 +44,7 @@ void Tell(Finding& finding) {
 
 Finding RuledFinding(Section section, Action action, const std::string& rule,
                      const std::string& what, const std::string& text) {
-    Finding finding{.section = section, .action = Possible(action), .rule = rule, .reason = what};
+    Finding finding{.section = section, .action = action, .rule = rule, .reason = what};
     if (finding.action == Action::kReject) finding.text = text;
     if (finding.action == Action::kTag) finding.target = text;
     Tell(finding);

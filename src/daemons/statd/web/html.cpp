@@ -75,6 +75,7 @@ summary { cursor: pointer; color: var(--dim); font-size: .875rem; padding: 4px 0
 .good { border-left-color: var(--s9); } .bad { border-left-color: var(--s1); }
 dl.story { grid-template-columns: repeat(auto-fit, minmax(min(100%, 200px), 1fr)); }
 dl.story dd { font-size: .95rem; overflow-wrap: anywhere; }
+pre { margin: 0; white-space: pre-wrap; overflow-wrap: anywhere; font-size: .875rem; }
 .empty { text-align: center; padding: 48px 12px; }
 @media (max-width: 480px) { main { padding: 8px; } section { padding: 10px; }
   table { font-size: .8125rem; } th, td { padding: 4px; } thead th { font-size: .7rem; }

@@ -24,9 +24,15 @@ struct Path {
     const char* methods;  // as the Allow header has them
     bool forMachines = false;
 };
-constexpr Path kPaths[] = {{"/", "GET, POST"},        {"/live", "GET"},
-                           {"/find", "GET"},          {"/metrics", "GET", true},
-                           {"/healthz", "GET", true}, {"/readyz", "GET", true}};
+constexpr Path kPaths[] = {{"/", "GET, POST"},           {"/live", "GET"},
+                           {"/quarantine", "GET, POST"}, {"/find", "GET"},
+                           {"/metrics", "GET", true},    {"/healthz", "GET", true},
+                           {"/readyz", "GET", true}};
+
+// Messages of the quarantine have paths below its own.
+std::string NameOf(const std::string& path) {
+    return HeldPages::IsTheirs(path) ? "/quarantine" : path;
+}
 
 HttpResponse Plain(unsigned status, const std::string& text, HttpHeaders headers = {}) {
     return {status, kPlain, text + '\n', std::move(headers)};
@@ -74,9 +80,9 @@ HttpResponse Written(const ReportRequest& asked, const Report& report) {
 }  // namespace
 
 std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
-    const Path* const path =
-        std::find_if(std::begin(kPaths), std::end(kPaths),
-                     [&](const Path& each) { return request.path == each.path; });
+    const Path* const path = std::find_if(
+        std::begin(kPaths), std::end(kPaths),
+        [&, name = NameOf(request.path)](const Path& each) { return name == each.path; });
     if (path == std::end(kPaths)) return Plain(404, "There is nothing here.");
     const bool known = request.method == "GET" || request.method == "POST";
     if (!known || std::string_view(path->methods).find(request.method) == std::string_view::npos)
@@ -94,6 +100,7 @@ std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
 }
 
 HttpResponse HttpSite::Answer(const HttpRequest& request) {
+    if (HeldPages::IsTheirs(request.path)) return Held(request);
     if (request.method == "POST") return MakeReport(request);
     if (request.path == "/metrics") return MetricsPage(recorder_.Live());
     if (request.path == "/healthz") return HealthPage();
@@ -111,6 +118,14 @@ HttpResponse HttpSite::Page() {
 HttpResponse HttpSite::Find(const std::string& asked) {
     const std::string nonce = RandomHex(16);
     return Document(SearchPage(asked, nonce), nonce);
+}
+
+HttpResponse HttpSite::Held(const HttpRequest& request) {
+    if (request.method == "POST" && !IsForm(request.contentType))
+        return Plain(400, "The type must be application/x-www-form-urlencoded.");
+    const std::string nonce = RandomHex(16);
+    HttpResponse response = held_.Answer(request, nonce);
+    return response.type == kHtml ? Document(std::move(response.body), nonce) : response;
 }
 
 HttpResponse HttpSite::Live() { return {200, "application/json", LiveJson(recorder_.Live()), {}}; }

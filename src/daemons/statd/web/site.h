@@ -4,6 +4,7 @@
 // story), POST / (reports), and what machines ask (machines.h).
 #pragma once
 
+#include "daemons/statd/held/held.h"
 #include "daemons/statd/report/query.h"
 #include "daemons/statd/store/recorder.h"
 #include "daemons/statd/web/accounts.h"
@@ -24,11 +25,13 @@ class HttpSite final : public HttpHandler {
     HttpResponse Page();
     static HttpResponse Find(const std::string& asked);
     HttpResponse Live();
+    HttpResponse Held(const HttpRequest& request);
     HttpResponse MakeReport(const HttpRequest& request);
 
     Recorder& recorder_;
     ReportReader& reader_;
     Accounts& accounts_;
+    HeldPages held_;
 };
 
 }  // namespace stats

@@ -1,0 +1,19 @@
+// Inside outward/: a message on its way out, straight to the server behind the proxy.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "daemons/quarantine/outward/smtp.h"
+#include "daemons/quarantine/quarantine.h"
+
+// Where an interface hands mail on, by the store, which is open; the first one if the name is
+// empty. Nothing, with the reason: there is no such interface, or it names no server.
+std::optional<Destination> DestinationOf(const std::string& interface, std::string& complaint);
+
+// Sends the message once: the state is `releasing` from before the first byte, and `released` once
+// the server has it. A refusal puts the state back; where the server had all of it and didn't
+// answer, nobody can know, and it stays. `to`: instead of the envelope's recipients. True: taken.
+// `said` is the server's word, or what failed; printable.
+bool Release(quarantine::Quarantine& store, const std::string& id, const std::string& to,
+             bool again, const Destination& destination, std::string& said);

@@ -1,0 +1,228 @@
+#include "daemons/quarantine/quarantine.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "daemons/quarantine/copy.h"
+#include "daemons/quarantine/form.h"
+#include "platform/clock.h"
+#include "platform/home.h"
+#include "text/ascii.h"
+
+namespace quarantine {
+
+namespace {
+
+// 20261126T034452-1f0a93c47b2d6e58: sorted by name they are sorted by time.
+std::string NewId(std::int64_t at) {
+    char random[8] = {};
+    if (getrandom(random, sizeof random, 0) != sizeof random) return {};
+    std::string id;
+    for (const char c : platform::UtcTimeText(at / 1000)) {
+        if (c != '-' && c != ':' && c != 'Z') id += c;
+    }
+    return id + "-" + ToHex({random, sizeof random});
+}
+
+std::string Reason() { return std::strerror(errno); }
+
+bool SyncDirectory(const std::string& path) {
+    const platform::File directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return directory && fsync(directory.Descriptor()) == 0;
+}
+
+// Made durable, with its entry in the directory above.
+bool MakeDirectory(const std::string& path) {
+    if (mkdir(path.c_str(), 0700) != 0) return errno == EEXIST;
+    return SyncDirectory(path.substr(0, path.rfind('/')));
+}
+
+bool Finish(platform::File& file) { return fsync(file.Descriptor()) == 0 && file.Close(); }
+
+bool WriteNew(const std::string& path, const std::string& text) {
+    platform::File file = platform::File::CreateExclusive(path.c_str(), -1);
+    return file && file.Write(text.data(), text.size()) && Finish(file);
+}
+
+}  // namespace
+
+Quarantine::Quarantine() : directory_(platform::HomePath("quarantine")) {}
+
+std::string Quarantine::PathOf(const std::string& id, const char* ending) const {
+    return directory_ + "/" + id + ending;
+}
+
+// Under the lock. An index whose file has been taken away would take messages nobody finds again.
+bool Quarantine::OpenIndex(bool make, std::string& complaint) {
+    const std::string path = directory_ + "/index.db";
+    const auto there = platform::LookAtFile(path);
+    if (index_.IsOpen() && there && there->number == indexNumber_) return true;
+    if (index_.Open(path, make)) {
+        const auto opened = platform::LookAtFile(path);
+        indexNumber_ = opened ? opened->number : 0;
+        return true;
+    }
+    complaint = "can't open " + path + ": " + index_.Complaint();
+    return false;
+}
+
+void Quarantine::RemoveFiles(const std::string& id) const {
+    unlink(MetaPath(id).c_str());
+    unlink(MessagePath(id).c_str());
+}
+
+// Inside a transaction: what has to go, so that `wanted` more bytes fit.
+bool Quarantine::MakeRoom(long long wanted, const Limits& limits, std::vector<std::string>& gone,
+                          std::string& complaint) {
+    std::optional<long long> size = index_.Size();
+    if (!size) {
+        complaint = index_.Complaint();
+        return false;
+    }
+    if (*size + wanted <= limits.maxSize) return true;
+    const std::optional<std::vector<KeptMessage>> oldest = index_.ToMakeRoom();
+    if (!oldest) {
+        complaint = index_.Complaint();
+        return false;
+    }
+    for (const KeptMessage& each : *oldest) {
+        if (*size + wanted <= limits.maxSize) break;
+        if (!index_.Remove(each.id)) {
+            complaint = index_.Complaint();
+            return false;
+        }
+        *size -= each.size;
+        gone.push_back(each.id);
+    }
+    return true;
+}
+
+bool Quarantine::Store(const KeptMessage& message, const Limits& limits, std::string& complaint) {
+    std::vector<std::string> gone;
+    const std::lock_guard lock(mutex_);
+    if (!OpenIndex(true, complaint)) return false;
+    if (!index_.Begin()) {
+        complaint = index_.Complaint();
+        return false;
+    }
+    if (!MakeRoom(message.size, limits, gone, complaint) || !index_.Put(message) ||
+        !index_.Commit()) {
+        if (complaint.empty()) complaint = index_.Complaint();
+        index_.Rollback();
+        return false;
+    }
+    for (const std::string& id : gone) RemoveFiles(id);
+    return true;
+}
+
+std::optional<std::string> Quarantine::Keep(int file, maild::Dots dots, KeptMessage message,
+                                            const Limits& limits, std::string& complaint) {
+    complaint.clear();
+    message.at = message.changed = platform::UtcMilliseconds();
+    message.id = NewId(message.at);
+    if (message.id.empty() || directory_.empty() || !MakeDirectory(directory_)) {
+        complaint = "can't make " + directory_ + ": " + Reason();
+        return std::nullopt;
+    }
+    platform::File copy = platform::File::CreateExclusive(MessagePath(message.id).c_str(), -1);
+    if (copy) {
+        const Copied copied = CopyMessage(file, dots, copy);
+        message.size = copied.size;
+        message.subject = copied.subject;
+        if (copied.size > limits.maxSize) {
+            complaint = "it is larger than Quarantine/MaxSize";
+        } else if (copied.whole && Finish(copy) &&
+                   WriteNew(MetaPath(message.id), WriteForm(message)) &&
+                   SyncDirectory(directory_) && Store(message, limits, complaint)) {
+            return message.id;
+        }
+    }
+    if (complaint.empty()) complaint = "can't write to " + directory_ + ": " + Reason();
+    RemoveFiles(message.id);
+    return std::nullopt;
+}
+
+std::optional<std::vector<KeptMessage>> Quarantine::List(const Filter& filter,
+                                                         std::string& complaint) {
+    if (!platform::LookAtFile(directory_)) return std::vector<KeptMessage>();
+    const std::lock_guard lock(mutex_);
+    if (!OpenIndex(true, complaint)) return std::nullopt;
+    std::optional<std::vector<KeptMessage>> found = index_.List(filter);
+    if (!found) complaint = index_.Complaint();
+    return found;
+}
+
+std::optional<KeptMessage> Quarantine::Find(const std::string& id, std::string& complaint) {
+    complaint = "there is no message " + id;
+    if (!IsId(id) || !platform::LookAtFile(directory_)) return std::nullopt;
+    const std::lock_guard lock(mutex_);
+    if (!OpenIndex(true, complaint)) return std::nullopt;
+    std::optional<KeptMessage> found = index_.Find(id);
+    if (!index_.Complaint().empty()) complaint = index_.Complaint();
+    return found;
+}
+
+platform::File Quarantine::Open(const std::string& id) const {
+    return IsId(id) ? platform::File::OpenRead(MessagePath(id).c_str()) : platform::File();
+}
+
+// The record first: a message without one is not taken in again, should the rest not come to pass.
+bool Quarantine::RemoveEntry(const std::string& id, std::string& complaint) {
+    unlink(MetaPath(id).c_str());
+    if (!index_.Remove(id)) {
+        complaint = index_.Complaint();
+        return false;
+    }
+    unlink(MessagePath(id).c_str());
+    return true;
+}
+
+bool Quarantine::Delete(const std::string& id, std::string& complaint) {
+    if (!Find(id, complaint)) return false;
+    const std::lock_guard lock(mutex_);
+    return RemoveEntry(id, complaint);
+}
+
+platform::File Quarantine::Claim(const std::string& id, bool again, std::string& complaint) {
+    if (!Find(id, complaint)) return {};
+    platform::File file = Open(id);
+    if (!file) {
+        complaint = "can't read " + MessagePath(id) + ": " + Reason();
+        return {};
+    }
+    // Held by whoever is at it now, and gone with its process.
+    if (flock(file.Descriptor(), LOCK_EX | LOCK_NB) != 0) {
+        complaint = "somebody else releases it now";
+        return {};
+    }
+    const std::lock_guard lock(mutex_);
+    const std::int64_t now = platform::UtcMilliseconds();
+    const bool claimed =
+        again ? index_.Change(id,
+                              {state::kHeld, state::kOriginal, state::kReleasing, state::kReleased},
+                              state::kReleasing, now)
+              : index_.Change(id, {state::kHeld, state::kOriginal}, state::kReleasing, now);
+    if (claimed) return file;
+    const std::optional<KeptMessage> found = index_.Find(id);
+    complaint = !found ? "there is no message " + id
+                       : "its state is `" + found->state + "`; --again sends it all the same";
+    return {};
+}
+
+bool Quarantine::EndRelease(const std::string& id, bool released, std::string& complaint) {
+    const std::lock_guard lock(mutex_);
+    if (!OpenIndex(false, complaint)) return false;
+    const std::int64_t now = platform::UtcMilliseconds();
+    const bool ended = released ? index_.Change(id, {state::kReleasing}, state::kReleased, now)
+                                : index_.ChangeBack(id, now);
+    if (!ended) complaint = index_.Complaint();
+    return ended;
+}
+
+}  // namespace quarantine

@@ -1,0 +1,232 @@
+// What is kept, what makes room, what a crash leaves, and who may send a message on.
+#include "daemons/quarantine/quarantine.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "daemons/quarantine/form.h"
+#include "platform/home.h"
+#include "support/instance.h"
+
+namespace fs = std::filesystem;
+using quarantine::KeptMessage;
+using quarantine::Limits;
+using quarantine::Quarantine;
+
+namespace {
+
+platform::File FileOf(const std::string& text) {
+    platform::File file(memfd_create("test", MFD_CLOEXEC));
+    EXPECT_TRUE(file.Write(text.data(), text.size()));
+    return file;
+}
+
+class Kept : public testing::Test {
+  protected:
+    void SetUp() override { fs::remove_all(folder_); }
+
+    std::string Keep(const std::string& text, const Limits& limits = {},
+                     maild::Dots dots = maild::Dots::kPlain) {
+        KeptMessage message;
+        message.sender = "s@example.org";
+        message.recipients = "a@example.org;b@example.org";
+        message.section = "content";
+        return store_.Keep(FileOf(text).Descriptor(), dots, message, limits, complaint_)
+            .value_or("");
+    }
+    std::vector<std::string> Ids(const quarantine::Filter& filter = {}) {
+        std::vector<std::string> ids;
+        const auto found = store_.List(filter, complaint_);
+        EXPECT_TRUE(found) << complaint_;
+        for (const KeptMessage& each : found.value_or(std::vector<KeptMessage>()))
+            ids.push_back(each.id);
+        return ids;
+    }
+    std::string Text(const std::string& id) {
+        std::string text;
+        platform::ReadWholeFile(folder_ + "/" + id + ".eml", text);
+        return text;
+    }
+    std::vector<std::string> Files() {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(folder_)) {
+            const std::string name = entry.path().filename();
+            if (!name.starts_with("index.db")) names.push_back(name);
+        }
+        return names;
+    }
+    std::string StateOf(const std::string& id) {
+        const auto found = store_.Find(id, complaint_);
+        return found ? found->state : "none";
+    }
+    bool Release(const std::string& id, bool again, bool taken) {
+        const platform::File claim = store_.Claim(id, again, complaint_);
+        return claim && store_.EndRelease(id, taken, complaint_);
+    }
+
+    const std::string folder_ = platform::HomePath("quarantine");
+    Quarantine store_;
+    std::string complaint_;
+};
+
+TEST_F(Kept, AsItsReaderHasIt) {
+    EXPECT_EQ(Ids(), std::vector<std::string>());
+    const std::string id =
+        Keep("Subject: =?utf-8?q?h=C3=BC?=\r\n\r\n..x\r\n\n..y\r\n", {}, maild::Dots::kStuffed);
+    ASSERT_NE(id, "") << complaint_;
+    EXPECT_EQ(Text(id), "Subject: =?utf-8?q?h=C3=BC?=\r\n\r\n.x\r\n\n..y\r\n");
+    const auto found = store_.Find(id, complaint_);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->subject, "h\xC3\xBC");
+    EXPECT_EQ(found->size, static_cast<long long>(Text(id).size()));
+    EXPECT_EQ(found->recipients, "a@example.org;b@example.org");
+    struct stat info {};
+    for (const std::string& name : Files()) {
+        ASSERT_EQ(stat((folder_ + "/" + name).c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0077U, 0U) << name;
+    }
+    EXPECT_TRUE(store_.Delete(id, complaint_));
+    EXPECT_EQ(Files(), std::vector<std::string>());
+    EXPECT_FALSE(store_.Delete(id, complaint_));
+}
+
+TEST_F(Kept, FormHoldsAnyBytes) {
+    KeptMessage message;
+    message.id = "20260101T000000-0";
+    message.at = 1234567890123;
+    message.size = 77;
+    message.sender = "a\\x41\r\nid: other\x80\xFF";
+    message.reason = std::string("nul\0\x1b", 5);
+    message.state = quarantine::state::kOriginal;
+    const auto back = quarantine::ReadForm(quarantine::WriteForm(message));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->sender, message.sender);
+    EXPECT_EQ(back->reason, message.reason);
+    EXPECT_EQ(back->id, message.id);
+    EXPECT_EQ(back->at, message.at);
+    EXPECT_EQ(back->size, message.size);
+    EXPECT_EQ(back->state, message.state);
+    for (const char* text : {"", "id: ../x\n", "id: \n", "sender: x\n"})
+        EXPECT_FALSE(quarantine::ReadForm(text)) << text;
+}
+
+TEST_F(Kept, WhatMakesRoom) {
+    const Limits limits{30, 350};
+    const std::string text(100, 'x');
+    const std::string oldest = Keep(text, limits);
+    const std::string released = Keep(text, limits);
+    const std::string third = Keep(text, limits);
+    EXPECT_TRUE(Release(released, false, true)) << complaint_;
+    const std::string fourth = Keep(text, limits);
+    EXPECT_EQ(Ids(), (std::vector<std::string>{fourth, third, oldest})) << "released ones go first";
+    const std::string fifth = Keep(text, limits);
+    EXPECT_EQ(Ids(), (std::vector<std::string>{fifth, fourth, third})) << "then the oldest";
+    EXPECT_EQ(Files().size(), 6U);
+    EXPECT_EQ(Keep(std::string(351, 'x'), limits), "");
+    EXPECT_EQ(complaint_, "it is larger than Quarantine/MaxSize");
+    EXPECT_EQ(Ids(), (std::vector<std::string>{fifth, fourth, third})) << "nothing went for it";
+    EXPECT_EQ(Files().size(), 6U) << "nothing is left of it";
+    EXPECT_EQ(store_.TidyUp({30, 150}, 0, complaint_), 2);
+    EXPECT_EQ(Ids(), std::vector<std::string>{fifth});
+    EXPECT_EQ(store_.Expire(1, complaint_), 0);
+    EXPECT_EQ(store_.Expire(0, complaint_), 1);
+    EXPECT_EQ(Files(), std::vector<std::string>());
+}
+
+// A process that is killed at any point of Keep or Delete leaves one of these.
+TEST_F(Kept, WhatACrashLeaves) {
+    const std::string whole = Keep("Subject: a\r\n\r\nx\r\n");
+    const std::string text = "Subject: b\r\n\r\ny\r\n";
+    const std::string unknown = "20260101T000000-00000000000000aa";
+    KeptMessage message;
+    message.id = unknown;
+    message.at = 1767225600000;
+    message.sender = "s@example.org";
+    message.size = static_cast<long long>(text.size());
+    const auto put = [&](const std::string& id, const char* ending, const std::string& what) {
+        std::ofstream(folder_ + "/" + id + ending) << what;
+    };
+    put(unknown, ".eml", text);
+    put(unknown, ".meta", quarantine::WriteForm(message));
+    put("half", ".eml", text);
+    put("record", ".meta", quarantine::WriteForm(message));
+    message.id = "cut";
+    put("cut", ".eml", "Subj");
+    put("cut", ".meta", quarantine::WriteForm(message));
+    fs::remove(folder_ + "/" + whole + ".meta");  // of a deletion that went no further
+    EXPECT_EQ(store_.TidyUp({0, 1 << 20}, 3600, complaint_), 0);
+    EXPECT_EQ(Ids(), std::vector<std::string>{whole}) << "it may still be on its way there";
+    {
+        Quarantine next;
+        EXPECT_EQ(next.TidyUp({0, 1 << 20}, 0, complaint_), 0) << complaint_;
+    }
+    EXPECT_EQ(Ids(), (std::vector<std::string>{whole, unknown}));
+    EXPECT_EQ(Files().size(), 3U);
+    EXPECT_EQ(Text(unknown), text);
+    EXPECT_EQ(StateOf(unknown), "held");
+    for (const char* each : {"", "-wal", "-shm"}) fs::remove(folder_ + "/index.db" + each);
+    EXPECT_NE(Keep("after the index has gone"), "") << complaint_;
+    EXPECT_EQ(store_.TidyUp({0, 1 << 20}, 0, complaint_), 0);
+    EXPECT_EQ(Ids().size(), 2U) << "the index is made anew from the pairs";
+}
+
+TEST_F(Kept, NothingIsKeptHalf) {
+    fs::remove_all(folder_);
+    std::ofstream(folder_) << "no directory";
+    EXPECT_EQ(Keep("x"), "");
+    EXPECT_NE(complaint_.find("can't"), std::string::npos);
+    fs::remove_all(folder_);
+    fs::create_directories(folder_ + "/index.db");
+    EXPECT_EQ(Keep("x"), "");
+    EXPECT_EQ(Files(), std::vector<std::string>());
+}
+
+TEST_F(Kept, OneReleaseAtATime) {
+    const std::string id = Keep("x");
+    {
+        const platform::File claim = store_.Claim(id, false, complaint_);
+        EXPECT_TRUE(claim);
+        EXPECT_EQ(StateOf(id), "releasing");
+        Quarantine other;
+        EXPECT_FALSE(other.Claim(id, true, complaint_)) << "not even with --again";
+    }
+    EXPECT_FALSE(store_.Claim(id, false, complaint_)) << "it was cut off";
+    EXPECT_TRUE(Release(id, true, false));
+    EXPECT_EQ(StateOf(id), "held") << "refused";
+    EXPECT_TRUE(Release(id, false, true));
+    EXPECT_EQ(StateOf(id), "released");
+    EXPECT_FALSE(store_.Claim(id, false, complaint_));
+    EXPECT_TRUE(Release(id, true, false));
+    EXPECT_EQ(StateOf(id), "released") << "it was before";
+    EXPECT_FALSE(store_.Claim("../../etc/passwd", true, complaint_));
+}
+
+TEST_F(Kept, Found) {
+    const std::string first = Keep("Subject: 100% off\r\n\r\nx\r\n");
+    const std::string second = Keep("Subject: Other\r\n\r\nx\r\n");
+    const struct {
+        const char* name;
+        quarantine::Filter filter;
+        std::vector<std::string> ids;
+    } cases[] = {
+        {"all", {}, {second, first}},
+        {"a part of the subject, in any case", {.subject = "OTH"}, {second}},
+        {"no pattern", {.subject = "0% o"}, {first}},
+        {"no pattern at all", {.subject = "_"}, {}},
+        {"sender", {.from = "S@EXAMPLE"}, {second, first}},
+        {"a recipient", {.to = "b@"}, {second, first}},
+        {"id", {.id = first}, {first}},
+        {"any of them", {.any = "oTHer"}, {second}},
+        {"any, a recipient", {.any = "a@example"}, {second, first}},
+        {"section", {.section = "antispam"}, {}},
+        {"the newest", {.limit = 1}, {second}},
+        {"before", {.until = 1}, {}},
+    };
+    for (const auto& each : cases) EXPECT_EQ(Ids(each.filter), each.ids) << each.name;
+}
+
+}  // namespace

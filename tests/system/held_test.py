@@ -1,0 +1,125 @@
+"""The pages of the quarantine: who may see them, what of a message they show, and how it gets out."""
+
+import base64
+import json
+import re
+import subprocess
+import tempfile
+import unittest
+import urllib.error
+import urllib.parse
+import urllib.request
+
+from harness import BIN, MailServer, Proxy, wait_until
+
+STATS = "/VTWIN/Daemons/StatsDaemon/"
+HOSTILE = (b"Subject: <script>alert(1)</script>\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n"
+           b"Content-Type: text/html\r\n\r\n</pre><img src=x onerror=alert(2)>\r\n--b--\r\n")
+
+
+class Stay(urllib.request.HTTPRedirectHandler):
+    def redirect_request(self, *args):
+        return None
+
+
+class Held(unittest.TestCase):
+    def setUp(self):
+        self.server = MailServer()
+        self.addCleanup(self.server.close)
+        self.proxy = Proxy(self.server.port, start=False)
+        self.addCleanup(self.proxy.stop)
+        for name in ("ann", "bob"):
+            subprocess.run([BIN + "/vtstatd", "passwd", name], input="secret-%s\n" % name, text=True, env=self.proxy.env, check=True,
+                           capture_output=True)
+        self.proxy.tool("set", STATS + "QuarantineAccounts/1", "ann")
+        self.proxy.statistics()
+        self.url = "http://127.0.0.1:%s" % self.proxy.tool("get", STATS + "HTTPPort").stdout.strip()
+        self.assertTrue(wait_until(lambda: self.ask("/")[0] == 200))
+
+    def ask(self, path, form=None, account="ann", password=None):
+        pair = "%s:%s" % (account, password or "secret-" + account)
+        request = urllib.request.Request(self.url + path, data=urllib.parse.urlencode(form).encode() if form is not None else None,
+                                         headers={"Authorization": "Basic " + base64.b64encode(pair.encode()).decode()})
+        try:
+            with urllib.request.build_opener(Stay).open(request, timeout=20) as reply:
+                return reply.status, reply.read().decode(), reply.headers
+        except urllib.error.HTTPError as error:
+            with error:
+                return error.code, error.read().decode(), error.headers
+        except OSError:
+            return 0, "", {}
+
+    def hold(self, message=HOSTILE):
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(message)
+            file.flush()
+            done = subprocess.run([BIN + "/act", file.name, "chunks", "quarantine:<b>bad</b>"], env=self.proxy.env, text=True,
+                                  capture_output=True, check=True)
+        return done.stdout.split()[1]
+
+    def state(self, which):
+        done = subprocess.run([BIN + "/vtquarantine", "show", which, "--json"], env=self.proxy.env, text=True, capture_output=True)
+        return json.loads(done.stdout)["state"] if done.returncode == 0 else "gone"
+
+    def token(self, which, account="ann"):
+        return re.search(r'name="token" value="([0-9a-f]{32})"', self.ask("/quarantine/" + which, account=account)[1])[1]
+
+    def test_who_may(self):
+        which = self.hold()
+        for path, form in (("/quarantine", None), ("/quarantine/" + which, None), ("/quarantine/" + which, {"action": "delete"})):
+            self.assertEqual(self.ask(path, form, account="bob")[0], 403, path)
+            self.assertEqual(self.ask(path, form, password="wrong")[0], 401, path)
+        with open(self.proxy.home + "/report.token", encoding="ascii") as file:
+            self.assertEqual(self.ask("/quarantine", account="local", password=file.read().strip()[6:])[0], 200, "the owner")
+        for path in ("/quarantine/nothing", "/quarantine/../store.db", "/quarantine/" + which + "/x", "/quarantinex"):
+            self.assertEqual(self.ask(path)[0], 404, path)
+        self.assertEqual(self.state(which), "held")
+
+    def test_nothing_of_a_message_is_active(self):
+        which = self.hold()
+        for path in ("/quarantine", "/quarantine?q=SCRIPT", "/quarantine/" + which):
+            code, page, headers = self.ask(path)
+            self.assertEqual(code, 200)
+            self.assertIn(which, page)
+            self.assertIn("&lt;script&gt;", page)
+            self.assertFalse(re.search(r"<script|<img|<b>|alert\(2\)&gt;</pre><", page), page)
+            self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
+        self.assertIn("onerror=alert(2)&gt;", page)
+        self.assertNotIn(which, self.ask("/quarantine?q=nobody")[1])
+
+    def test_release_and_delete(self):
+        which, other = self.hold(), self.hold()
+        for form in ({"action": "release"}, {"action": "release", "token": ""}, {"action": "release", "token": "0" * 32},
+                     {"action": "delete", "token": "x"}):
+            self.assertEqual(self.ask("/quarantine/" + which, form)[0], 403, form)
+        token = self.token(which)
+        self.assertEqual(self.ask("/quarantine/" + which, {"action": "open", "token": token})[0], 400)
+        self.assertEqual(self.state(which), "held")
+        self.server.rules["DATA"] = b"451 <later>\r\n"
+        self.assertEqual(self.ask("/quarantine/" + which, {"action": "release", "token": token})[0], 303)
+        self.assertTrue(wait_until(lambda: "451 &lt;later&gt;" in self.ask("/quarantine/" + which)[1]))
+        self.assertEqual(self.state(which), "held")
+        self.server.rules["DATA"] = b"354 go on\r\n"
+        code, _, headers = self.ask("/quarantine/" + which, {"action": "release", "token": token})
+        self.assertEqual((code, headers["Location"]), (303, "/quarantine/" + which))
+        self.assertTrue(wait_until(lambda: self.state(which) == "released"))
+        self.ask("/quarantine/" + which, {"action": "release", "token": token})
+        self.assertTrue(wait_until(lambda: "Not released" in self.ask("/quarantine/" + which)[1]))
+        self.assertEqual(self.server.messages, [b"X-Vantrel-Released: " + which.encode() + b"\r\n" + HOSTILE])
+        self.assertEqual(self.ask("/quarantine/" + other, {"action": "delete", "token": token})[0], 303)
+        self.assertEqual(self.state(other), "gone")
+        self.assertEqual(self.ask("/quarantine/" + other, {"action": "delete", "token": token})[0], 404)
+
+    def test_a_stop_waits_for_no_server(self):
+        which = self.hold()
+        self.server.rules["END"] = b""
+        self.ask("/quarantine/" + which, {"action": "release", "token": self.token(which)})
+        self.assertTrue(wait_until(lambda: self.server.messages))
+        daemon = self.proxy.daemons[-1]
+        daemon.terminate()
+        daemon.wait(10)
+        self.assertEqual(self.state(which), "releasing")
+
+
+if __name__ == "__main__":
+    unittest.main()

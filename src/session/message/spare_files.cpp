@@ -36,12 +36,24 @@ SpareFile SpareFiles::Take(int group) {
         if (!state) return {};
         spare.number = state->number;
     }
-    if (!spare.file) return {};
-    const std::lock_guard lock(mutex_);
-    inHand_.insert(spare.number);
-    // The system gives numbers of files that are gone to new ones.
-    std::replace(dropped_.begin(), dropped_.end(), spare.number, std::uint64_t{0});
+    // What has its name may be another message's by now.
+    if (!spare.file || !Enter(spare.number)) return {};
     return spare;
+}
+
+bool SpareFiles::Enter(std::uint64_t number) {
+    const std::lock_guard lock(mutex_);
+    if (!inHand_.insert(number).second) return false;
+    // The system gives numbers of files that are gone to new ones.
+    std::replace(dropped_.begin(), dropped_.end(), number, std::uint64_t{0});
+    return true;
+}
+
+void SpareFiles::Leave(std::uint64_t number, bool stays) {
+    const std::lock_guard lock(mutex_);
+    if (inHand_.erase(number) == 0 || !stays) return;
+    dropped_[nextDropped_] = number;
+    nextDropped_ = (nextDropped_ + 1) % dropped_.size();
 }
 
 // Without a file: there is none.
@@ -96,10 +108,8 @@ void SpareFiles::Give(SpareFile spare) {
 void SpareFiles::Drop(const SpareFile& spare) {
     if (spare.path.empty()) return;
     DeleteFileA(spare.path.c_str());
-    const std::lock_guard lock(mutex_);
-    if (inHand_.erase(spare.number) == 0) return;
-    dropped_[nextDropped_] = spare.number;
-    nextDropped_ = (nextDropped_ + 1) % dropped_.size();
+    const auto state = spare.file ? spare.file.State() : std::nullopt;
+    Leave(spare.number, !state || state->names > 0);
 }
 
 bool SpareFiles::IsAnothers(std::uint64_t number) {

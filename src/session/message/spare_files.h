@@ -32,6 +32,11 @@ class SpareFiles {
     void Give(SpareFile spare);
     // Takes the name of a file away that is not to be used again.
     void Drop(const SpareFile& spare);
+    // A message has a file of this number that is none of these, open as long as it does; and no
+    // longer. False: another one has it.
+    bool Enter(std::uint64_t number);
+    // stays: somebody has it under a name of his own.
+    void Leave(std::uint64_t number, bool stays);
     // Whether the file of this number holds another message than the one that asks, whose file it
     // isn't: one in hand, or one of the last that somebody has kept.
     bool IsAnothers(std::uint64_t number);

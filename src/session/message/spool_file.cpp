@@ -88,15 +88,16 @@ bool SpoolFile::OpenNext() {
         MakeDirectory();
         spare_.file = platform::File::CreateExclusive(path_.c_str(), group);
         present_ = static_cast<bool>(spare_.file);
+        if (const auto made = present_ ? spare_.file.State() : std::nullopt) {
+            spare_.number = made->number;
+            SpareFiles::Instance().Enter(made->number);
+        }
     }
     keeping_ = present_;
     return present_;
 }
 
-bool SpoolFile::OpenAgain() {
-    if (!spare_.file) spare_.file = platform::File::OpenAppend(path_.c_str());
-    return static_cast<bool>(spare_.file);
-}
+bool SpoolFile::OpenAgain() { return static_cast<bool>(spare_.file); }
 
 bool SpoolFile::Write(std::string_view bytes) {
     counted_ += bytes.size();
@@ -127,7 +128,7 @@ bool SpoolFile::Close() {
     if (!Store() || spare_.file.Size() != size_) return false;
     // A close that fails tells of a write that did: the message is not whole on the disk. Where
     // files are used again there are no such late news.
-    return !spare_.path.empty() || spare_.file.Close();
+    return !spare_.path.empty() || spare_.file.Settle();
 }
 
 SpoolFile::Found SpoolFile::LookAgain() {
@@ -164,13 +165,24 @@ void SpoolFile::Remove() {
         metrics::Subtract<metrics::Metric::kSpoolBytes>(0, std::exchange(counted_, 0));
     Forget();
     changed_.Close();
-    if (std::exchange(present_, false)) DeleteFileA(path_.c_str());
     const bool failed = std::exchange(scanFailed_, false);
     if (spare_.path.empty()) {
-        spare_.file.Close();
-    } else if (failed) {
+        RemoveOwn();
+        return;
+    }
+    if (std::exchange(present_, false)) DeleteFileA(path_.c_str());
+    if (failed) {
         SpareFiles::Instance().Drop(std::exchange(spare_, {}));
     } else {
         SpareFiles::Instance().Give(std::exchange(spare_, {}));
     }
+}
+
+// A file that has the message's name alone.
+void SpoolFile::RemoveOwn() {
+    if (!std::exchange(present_, false)) return;
+    DeleteFileA(path_.c_str());
+    const auto state = spare_.file.State();
+    SpareFiles::Instance().Leave(std::exchange(spare_.number, 0), !state || state->names > 0);
+    spare_.file.Close();
 }

@@ -27,7 +27,7 @@ class SpoolFile {
     // Removes the file of the message before, goes to the next number and makes its file, empty and
     // open for writing. False if it can't be made.
     bool OpenNext();
-    // Opens the file of the message in hand again, to add to it.
+    // Whether something can be added to the file of the message in hand.
     bool OpenAgain();
     // False: nothing more can be stored, the disk is full as a rule. What is written may wait for
     // Close.
@@ -59,6 +59,7 @@ class SpoolFile {
 
   private:
     Found LookAtAnother();
+    void RemoveOwn();
     bool Store();
     // What is in memory.
     void Forget();

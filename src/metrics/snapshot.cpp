@@ -67,6 +67,7 @@ std::optional<Snapshot> ReadFile(Program program, const std::string& path) {
         for (std::size_t i = 0; i < snapshot.words.size(); ++i)
             snapshot.words[i] += stripe[i].load(std::memory_order_relaxed);
     }
+    if (!file.IsWhole()) return std::nullopt;
     return snapshot;
 }
 

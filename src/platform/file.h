@@ -76,6 +76,8 @@ class File {
     bool OnlyOurs(const char* name) const;
     // False if the system reports a late write error.
     bool Close();
+    // The same, but it stays open.
+    bool Settle();
 
     // Takes over a descriptor; -1: none.
     explicit File(int descriptor) : descriptor_(descriptor) {}

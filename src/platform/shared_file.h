@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/file.h"
+#include "platform/mapping.h"
 
 namespace platform {
 
@@ -16,9 +17,9 @@ class SharedFile {
     SharedFile() = default;
     SharedFile(const SharedFile&) = delete;
     SharedFile& operator=(const SharedFile&) = delete;
-    SharedFile(SharedFile&& other) noexcept { *this = std::move(other); }
-    SharedFile& operator=(SharedFile&& other) noexcept;
-    ~SharedFile() { Unmap(); }
+    SharedFile(SharedFile&&) = default;
+    SharedFile& operator=(SharedFile&&) = default;
+    ~SharedFile() = default;
 
     // A new file, all zero, under a name that nobody looks at; with its place on the disk, for a
     // full one would end the process at its first write. It is this process's as long as it lives,
@@ -33,18 +34,16 @@ class SharedFile {
     // Of a view: whether the process that made it lives.
     bool WriterLives() const;
 
-    explicit operator bool() const { return data_ != nullptr; }
+    // Whether the file has still all that is mapped: if not, what has been read may be nothing.
+    bool IsWhole() const;
+
+    explicit operator bool() const { return static_cast<bool>(mapping_); }
     // Of a view: read only.
-    void* Data() const { return data_; }
-    std::size_t Size() const { return size_; }
+    void* Data() const { return mapping_.Data(); }
+    std::size_t Size() const { return mapping_.Size(); }
 
   private:
-    bool Map(bool writing);
-    void Unmap();
-
-    File file_;
-    void* data_ = nullptr;
-    std::size_t size_ = 0;
+    Mapping mapping_;
 };
 
 }  // namespace platform

@@ -2,15 +2,16 @@
 
 #include <fcntl.h>
 #include <linux/futex.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <climits>
+#include <utility>
 
 #include "platform/file.h"
 #include "platform/home.h"
+#include "platform/mapping.h"
 
 namespace trelis {
 namespace {
@@ -26,20 +27,20 @@ long Futex(std::atomic<std::uint32_t>* word, int operation, std::uint32_t value,
                    nullptr, 0);
 }
 
-void* MapCounter() {
-    const platform::File file(open(platform::HomePath("store.seq").c_str(),
-                                   O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+platform::Mapping MapCounter() {
+    platform::File file(open(platform::HomePath("store.seq").c_str(),
+                             O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     // Only ever made longer: a page that another process uses must not go away under it. And with
     // its place on the disk: a full one would end the process at its first look.
-    if (!file || posix_fallocate(file.Descriptor(), 0, kFileSize) != 0) return MAP_FAILED;
-    return mmap(nullptr, kFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.Descriptor(), 0);
+    if (!file || posix_fallocate(file.Descriptor(), 0, kFileSize) != 0) return {};
+    return platform::Mapping::Map(std::move(file), kFileSize, true);
 }
 
 }  // namespace
 
 Sequence::Sequence() {
-    void* page = MapCounter();
-    if (page != MAP_FAILED) counter_ = static_cast<std::atomic<std::uint32_t>*>(page);
+    static platform::Mapping& mapping = *new platform::Mapping(MapCounter());
+    if (mapping) counter_ = static_cast<std::atomic<std::uint32_t>*>(mapping.Data());
 }
 
 Sequence& Sequence::Instance() {

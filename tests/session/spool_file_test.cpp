@@ -227,6 +227,68 @@ TEST_F(Spool, AGroupThatIsSetLaterMayRead) {
     EXPECT_EQ(mode(spool_.Path()), 0600U);
 }
 
+// The names of files that wait, and of those in hand, are somebody's to move about: what goes on is
+// the message's own, or nothing.
+TEST_F(Spool, AnotherFileUnderASpareNameIsNotTakenForIt) {
+    ASSERT_NO_FATAL_FAILURE(Have("the first"));
+    spool_.Remove();
+    for (const auto& spare : fs::directory_iterator(g_instance.Path() + "/tmp/spare")) {
+        // As many names as are expected, but none of them the message's.
+        for (const char* each : {"/one", "/two"})
+            fs::create_hard_link(spare, g_instance.Path() + each);
+        fs::remove(spare);
+        std::ofstream(spare.path()) << "somebody else's mail";
+    }
+    ASSERT_NO_FATAL_FAILURE(Have("a message"));
+    EXPECT_EQ(Read(spool_.Path()), "a message");
+    ASSERT_EQ(spool_.LookAgain(), SpoolFile::Found::kWhole);
+    EXPECT_EQ(Whole(), "a message");
+}
+
+TEST_F(Spool, TwoMessagesWhoseNamesAreExchangedGoNowhere) {
+    SpoolFile other;
+    ASSERT_TRUE(other.Name(4713) && other.OpenNext() && other.Write("other") && other.Close());
+    ASSERT_NO_FATAL_FAILURE(Have("ours"));
+    const std::string away = g_instance.Path() + "/away";
+    fs::rename(spool_.Path(), away);
+    fs::rename(other.Path(), spool_.Path());
+    fs::rename(away, other.Path());
+    EXPECT_EQ(other.LookAgain(), SpoolFile::Found::kUnreadable);
+    other.Remove();
+    EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kUnreadable) << "also behind the other's end";
+}
+
+TEST_F(Spool, AMessageThatIsCutWhileItComesIsNotStored) {
+    const std::string large(100000, 'l');
+    ASSERT_TRUE(spool_.OpenNext() && spool_.Write(large));
+    fs::resize_file(spool_.Path(), 0);
+    ASSERT_TRUE(spool_.Write(large));
+    EXPECT_FALSE(spool_.Close());
+
+    ASSERT_NO_FATAL_FAILURE(Have("a first chunk"));
+    fs::resize_file(spool_.Path(), 0);
+    ASSERT_TRUE(spool_.OpenAgain() && spool_.Write("a second one"));
+    EXPECT_FALSE(spool_.Close());
+}
+
+// To make room, for example: its client keeps it.
+TEST_F(Spool, AMessageThatIsEmptiedHasNotBeenThere) {
+    ASSERT_NO_FATAL_FAILURE(Have("a message"));
+    fs::resize_file(spool_.Path(), 0);
+    EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kUnreadable);
+    ASSERT_NO_FATAL_FAILURE(Have(""));
+    EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kWhole);
+}
+
+// It may be that nobody can read it any more: the next message had better have another.
+TEST_F(Spool, AFileWhoseScanHasFailedIsNotUsedAgain) {
+    ASSERT_NO_FATAL_FAILURE(Have("not scanned"));
+    fs::permissions(spool_.Path(), fs::perms::none);
+    spool_.KeepName();
+    ASSERT_NO_FATAL_FAILURE(Have("the next one"));
+    EXPECT_NE(fs::status(spool_.Path()).permissions(), fs::perms::none);
+}
+
 #ifndef __SANITIZE_ADDRESS__
 // Where memory has run out a session still has to end.
 TEST_F(Spool, AFileGoesWithoutMemory) {

@@ -120,6 +120,13 @@ class Editor(Kept):
         self.assertEqual(self.edit("interface.new", "sed -i 's/^# \\(interface.new.port\\) = .*/\\1 = 26/' $1")[0], 0)
         self.assertEqual(self.vt("get", "interface.new.port")[1], "26\n")
 
+    def test_a_file_that_could_not_be_saved_changes_nothing(self):
+        before = self.stored()
+        for script in (": >$1", "printf ' \\n\\n' >$1", "rm $1; mkfifo $1", "rm $1"):
+            code, _, said = self.edit("/", script)
+            self.assertEqual((code, said.count("nothing was changed")), (1, 1), (script, said))
+            self.assertEqual(self.stored(), before, script)
+
     def test_a_slip_changes_nothing(self):
         before = self.stored()
         for key, script, said in (

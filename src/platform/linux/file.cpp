@@ -146,6 +146,12 @@ bool File::Close() {
     return descriptor < 0 || close(descriptor) == 0;
 }
 
+// Each close of a descriptor tells, whichever of them it is.
+bool File::Settle() {
+    const int copy = fcntl(Descriptor(), F_DUPFD_CLOEXEC, 0);
+    return copy >= 0 && close(copy) == 0;
+}
+
 std::optional<FileState> LookAtFile(const std::string& path) {
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) return std::nullopt;

@@ -25,6 +25,7 @@ constexpr std::string_view kAuthNeedsTls =
 constexpr std::string_view kNeedsGreeting = "503 5.5.1 Send EHLO or HELO first\r\n";
 constexpr std::string_view kTellingFailed =
     "421 4.3.2 Lost the mail server, closing transmission channel\r\n";
+constexpr std::string_view kUnknownParameter = "555 5.5.4 PRDR is not known here\r\n";
 constexpr std::string_view kTooManyRecipients = "452 4.5.3 Too many recipients\r\n";
 // Of one message, whatever the server takes: each is kept until the message is over.
 constexpr std::size_t kMostRecipients = 10000;
@@ -34,6 +35,18 @@ constexpr std::string_view kDefaultDeny = "550 5.7.1 Message Rejected\r\n";
 std::string_view BehindColon(std::string_view text) {
     const std::size_t colon = text.find(':');
     return colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
+}
+
+// A message sent with it has a reply for each recipient, and one in front of them.
+bool AsksForMoreReplies(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\v\f\r\n";
+    constexpr std::string_view kKey = "PRDR";
+    while (!text.empty()) {
+        const std::string_view word = text.substr(0, text.find_first_of(kBlanks));
+        if (EqualIgnoringCase(word.substr(0, word.find('=')), kKey)) return true;
+        text.remove_prefix(std::min(word.size() + 1, text.size()));
+    }
+    return false;
 }
 
 // The number of the parameter SIZE=number, or 0.
@@ -150,6 +163,7 @@ Dialogue::Outcome Dialogue::RecipientRule() {
 
 Dialogue::Outcome Dialogue::SenderRule() {
     if (!NamesPath("from")) return Outcome::kForward;
+    if (AsksForMoreReplies(BehindColon(copy_))) return Answer(kUnknownParameter);
     MailPath path = ReadPath(BehindColon(copy_));
     const int judgement =
         filters_ == nullptr ? 0 : CheckSenderReadings(*filters_, path, denyText_.data(), kTextSize);
@@ -269,5 +283,17 @@ const Dialogue::Verb Dialogue::kVerbs[] = {
     {"PIPECONNEC", CMD_OTHER, &Dialogue::RefusedRule},  // tokens end after ten bytes
     {"X-ANONYMOU", CMD_OTHER, &Dialogue::RefusedRule},  // TLS that we couldn't look into
     {"X-EXPS", CMD_OTHER, &Dialogue::RefusedRule},
+    {"COMPRESS", CMD_OTHER, &Dialogue::RefusedRule},    // nor into this
+    {"XEXCH50", CMD_OTHER, &Dialogue::RefusedRule},     // bytes follow
+    {"X-LINK2STA", CMD_OTHER, &Dialogue::RefusedRule},  // what servers of one house tell each other
+    {"XSHADOW", CMD_OTHER, &Dialogue::RefusedRule},
+    {"XSHADOWREQ", CMD_OTHER, &Dialogue::RefusedRule},
+    {"XPROXY", CMD_OTHER, &Dialogue::RefusedRule},  // as XFORWARD, or on to yet another server
+    {"XPROXYFROM", CMD_OTHER, &Dialogue::RefusedRule},
+    {"XPROXYTO", CMD_OTHER, &Dialogue::RefusedRule},
+    {"TURN", CMD_OTHER, &Dialogue::RefusedRule},  // the server would become the client
+    {"ATRN", CMD_OTHER, &Dialogue::RefusedRule},
+    {"LHLO", CMD_OTHER, &Dialogue::RefusedRule},  // a reply for each recipient of a message
+    {"VERB", CMD_OTHER, &Dialogue::RefusedRule},  // lines in front of replies, of their own code
     {nullptr, CMD_OTHER, &Dialogue::ForwardRule},
 };

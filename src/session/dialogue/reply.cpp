@@ -25,12 +25,21 @@ bool Continues(std::string_view line) { return line.size() > 3 && line[3] == '-'
 constexpr std::string_view kBeforeGreeting =
     "554 5.5.1 Not your turn before the greeting, closing transmission channel\r\n";
 
+// The server waits for something that is no command: what follows would pass unseen, or put the
+// dialogue out of step.
+bool WantsMore(std::string_view reply) {
+    return reply.starts_with('3') && !reply.starts_with("334");
+}
+
 // Offers of the server's that are not the client's: the proxy does its own TLS and batches, sees
 // every message itself, and tells the server itself whom it speaks for.
-constexpr std::string_view kNotOffered[] = {"pipelining", "starttls", "xclient", "xforward",
-                                            "pipeconnect", "x_pipe_connect", "burl",
-                                            // TLS and AUTH among some servers themselves
-                                            "x-anonymoustls", "x-exps"};
+constexpr std::string_view kNotOffered[] = {
+    "pipelining", "starttls", "xclient", "xforward", "pipeconnect", "x_pipe_connect", "burl",
+    // TLS and AUTH among some servers themselves
+    "x-anonymoustls", "x-exps",
+    // more that the proxy could not follow: command.cpp
+    "compress", "xexch50", "x-link2state", "xshadow", "xshadowrequest", "xmessagecontext", "xproxy",
+    "xproxyfrom", "xproxyto", "turn", "atrn", "verb", "prdr"};
 
 }  // namespace
 
@@ -73,10 +82,11 @@ void Dialogue::NoteLine() {
     if (inFlight_ == CMD_QUIT || reply_.starts_with("421")) closing_ = true;
     if (inFlight_ == CMD_QUIT) peers_.journal.session.ended = kEndedQuit;
     if (inFlight_ == CMD_AUTH && reply_.starts_with("235")) peers_.authenticated = true;
-    if (inFlight_ == CMD_STARTTLS && reply_.starts_with("220")) startedTls_ = true;
+    // But for the greeting, to no command, it stands for a handshake.
+    if (verb_ != nullptr && reply_.starts_with("220")) startedTls_ = true;
     // It takes what follows for a message, which would pass unscanned; or, in a batch, the next
     // command for an answer, and then the client's answer for a command.
-    if (Continues(reply_) || (!reply_.starts_with("354") && !(inBatch_ && authAnswer_))) return;
+    if (Continues(reply_) || (!WantsMore(reply_) && !(inBatch_ && authAnswer_))) return;
     authAnswer_ = false;
     closing_ = true;
     reply_ = peers_.Own(kOutOfStep);

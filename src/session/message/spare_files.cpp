@@ -1,5 +1,6 @@
 #include "session/message/spare_files.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -28,19 +29,48 @@ SpareFiles& SpareFiles::Instance() {
 }
 
 SpareFile SpareFiles::Take(int group) {
-    {
-        const std::lock_guard lock(mutex_);
-        if (useless_) return {};
-        while (!open_.empty() || !closed_.empty()) {
-            std::vector<SpareFile>& from = open_.empty() ? closed_ : open_;
-            SpareFile spare = std::move(from.back());
-            from.pop_back();
-            if (!spare.file) spare.file = platform::File::OpenAppend(spare.path.c_str());
-            if (spare.file && spare.group == group) return spare;
-            Drop(spare);  // the setting has changed, for example
-        }
+    SpareFile spare = TakeKept(group);
+    if (!spare.file) spare = Make(group);
+    if (spare.file && spare.number == 0) {
+        const auto state = spare.file.State();
+        if (!state) return {};
+        spare.number = state->number;
     }
-    return Make(group);
+    // What has its name may be another message's by now.
+    if (!spare.file || !Enter(spare.number)) return {};
+    return spare;
+}
+
+bool SpareFiles::Enter(std::uint64_t number) {
+    const std::lock_guard lock(mutex_);
+    if (!inHand_.insert(number).second) return false;
+    // The system gives numbers of files that are gone to new ones.
+    std::replace(dropped_.begin(), dropped_.end(), number, std::uint64_t{0});
+    return true;
+}
+
+void SpareFiles::Leave(std::uint64_t number, bool stays) {
+    const std::lock_guard lock(mutex_);
+    if (inHand_.erase(number) == 0 || !stays) return;
+    dropped_[nextDropped_] = number;
+    nextDropped_ = (nextDropped_ + 1) % dropped_.size();
+}
+
+// Without a file: there is none.
+SpareFile SpareFiles::TakeKept(int group) {
+    const std::lock_guard lock(mutex_);
+    while (!open_.empty() || !closed_.empty()) {
+        std::vector<SpareFile>& from = open_.empty() ? closed_ : open_;
+        SpareFile spare = std::move(from.back());
+        from.pop_back();
+        if (!spare.file) {
+            spare.file = platform::File::OpenAppend(spare.path.c_str());
+            spare.number = 0;  // what has the name now may be another one
+        }
+        if (spare.file && spare.group == group) return spare;
+        DeleteFileA(spare.path.c_str());  // the setting has changed, for example
+    }
+    return {};
 }
 
 SpareFile SpareFiles::Make(int group) {
@@ -50,6 +80,7 @@ SpareFile SpareFiles::Make(int group) {
     made.group = group;
     {
         const std::lock_guard lock(mutex_);
+        if (useless_) return {};
         made.path = directory + platform::kSeparator + std::to_string(++lastName_);
     }
     made.file = platform::File::CreateExclusive(made.path.c_str(), group);
@@ -58,24 +89,33 @@ SpareFile SpareFiles::Make(int group) {
         made.file = platform::File::CreateExclusive(made.path.c_str(), group);
     }
     if (!made.file || made.file.OnlyOurs(made.path.c_str())) return made;
-    Drop(made);
+    DeleteFileA(made.path.c_str());
     const std::lock_guard lock(mutex_);
     useless_ = true;
     return {};
 }
 
 void SpareFiles::Give(SpareFile spare) {
-    if (spare.file.OnlyOurs(spare.path.c_str()) && spare.file.MakeEmpty()) {
-        const std::lock_guard lock(mutex_);
-        if (open_.size() < kMostOpen) return open_.push_back(std::move(spare));
-        if (spare.file.Close() && closed_.size() < kMostKept)
-            return closed_.push_back(std::move(spare));
-    }
-    Drop(spare);
+    if (!spare.file.OnlyOurs(spare.path.c_str()) || !spare.file.MakeEmpty()) return Drop(spare);
+    const std::lock_guard lock(mutex_);
+    inHand_.erase(spare.number);
+    if (open_.size() < kMostOpen) return open_.push_back(std::move(spare));
+    if (spare.file.Close() && closed_.size() < kMostKept)
+        return closed_.push_back(std::move(spare));
+    DeleteFileA(spare.path.c_str());
 }
 
 void SpareFiles::Drop(const SpareFile& spare) {
-    if (!spare.path.empty()) DeleteFileA(spare.path.c_str());
+    if (spare.path.empty()) return;
+    DeleteFileA(spare.path.c_str());
+    const auto state = spare.file ? spare.file.State() : std::nullopt;
+    Leave(spare.number, !state || state->names > 0);
+}
+
+bool SpareFiles::IsAnothers(std::uint64_t number) {
+    const std::lock_guard lock(mutex_);
+    return inHand_.count(number) != 0 ||
+           std::find(dropped_.begin(), dropped_.end(), number) != dropped_.end();
 }
 
 void CleanSpareFiles() {

@@ -67,6 +67,7 @@ bool SpoolFile::Name(SOCKET client) {
 void SpoolFile::KeepName() {
     const std::lock_guard lock(Taken().mutex);
     Taken().last[stem_] = number_;
+    scanFailed_ = true;
 }
 
 bool SpoolFile::OpenNext() {
@@ -76,27 +77,27 @@ bool SpoolFile::OpenNext() {
     const int group = g_group;
     spare_ = SpareFiles::Instance().Take(group);
     present_ = spare_.file && platform::LinkFile(spare_.path, path_);
-    // Somebody may have been at it meanwhile.
-    const auto state = present_ ? spare_.file.State() : std::nullopt;
-    if (state && state->plain && state->size == 0 && state->names == 2) {
-        fileNumber_ = state->number;
-    } else {
-        SpareFiles::Drop(std::exchange(spare_, {}));
+    // Somebody may have been at it meanwhile, or have put another file in its place.
+    const auto state = present_ ? platform::LookAtFile(path_) : std::nullopt;
+    if (!state || !state->plain || state->size != 0 || state->names != 2 ||
+        state->number != spare_.number) {
+        SpareFiles::Instance().Drop(std::exchange(spare_, {}));
         // The instance's lock makes this process the only one here: whatever has the name is a
         // leaving. Or the directory has been cleared away.
         DeleteFileA(path_.c_str());
         MakeDirectory();
         spare_.file = platform::File::CreateExclusive(path_.c_str(), group);
         present_ = static_cast<bool>(spare_.file);
+        if (const auto made = present_ ? spare_.file.State() : std::nullopt) {
+            spare_.number = made->number;
+            SpareFiles::Instance().Enter(made->number);
+        }
     }
     keeping_ = present_;
     return present_;
 }
 
-bool SpoolFile::OpenAgain() {
-    if (!spare_.file) spare_.file = platform::File::OpenAppend(path_.c_str());
-    return static_cast<bool>(spare_.file);
-}
+bool SpoolFile::OpenAgain() { return static_cast<bool>(spare_.file); }
 
 bool SpoolFile::Write(std::string_view bytes) {
     counted_ += bytes.size();
@@ -124,25 +125,35 @@ void SpoolFile::Forget() {
 }
 
 bool SpoolFile::Close() {
-    if (!Store()) return false;
+    if (!Store() || spare_.file.Size() != size_) return false;
     // A close that fails tells of a write that did: the message is not whole on the disk. Where
     // files are used again there are no such late news.
-    return !spare_.path.empty() || spare_.file.Close();
+    return !spare_.path.empty() || spare_.file.Settle();
 }
 
 SpoolFile::Found SpoolFile::LookAgain() {
+    const bool wasEmpty = size_ == 0;
     const std::optional<platform::FileState> now =
         spare_.file ? platform::LookAtFile(path_) : std::nullopt;
-    if (now && now->plain && now->number == fileNumber_) {
+    if (now && now->plain && now->number == spare_.number) {
         size_ = static_cast<long long>(now->size);
         if (keeping_ && (now->size != kept_.size() || !spare_.file.BeginsWith(kept_))) Forget();
-        return Found::kWhole;
+    } else if (const Found found = LookAtAnother(); found != Found::kWhole) {
+        return found;
     }
+    return size_ > 0 || wasEmpty ? Found::kWhole : Found::kUnreadable;
+}
+
+// At what has the message's name, whatever file that is.
+SpoolFile::Found SpoolFile::LookAtAnother() {
     Forget();
     changed_ = platform::File::OpenRead(path_.c_str());
     if (!changed_) return errno == ENOENT ? Found::kGone : Found::kUnreadable;
-    size_ = changed_.Size();
-    return size_ < 0 ? Found::kUnreadable : Found::kWhole;
+    const auto state = changed_.State();
+    if (!state || !state->plain || SpareFiles::Instance().IsAnothers(state->number))
+        return Found::kUnreadable;
+    size_ = static_cast<long long>(state->size);
+    return Found::kWhole;
 }
 
 std::optional<std::string_view> SpoolFile::Kept() const {
@@ -154,10 +165,24 @@ void SpoolFile::Remove() {
         metrics::Subtract<metrics::Metric::kSpoolBytes>(0, std::exchange(counted_, 0));
     Forget();
     changed_.Close();
-    if (std::exchange(present_, false)) DeleteFileA(path_.c_str());
+    const bool failed = std::exchange(scanFailed_, false);
     if (spare_.path.empty()) {
-        spare_.file.Close();
+        RemoveOwn();
+        return;
+    }
+    if (std::exchange(present_, false)) DeleteFileA(path_.c_str());
+    if (failed) {
+        SpareFiles::Instance().Drop(std::exchange(spare_, {}));
     } else {
         SpareFiles::Instance().Give(std::exchange(spare_, {}));
     }
+}
+
+// A file that has the message's name alone.
+void SpoolFile::RemoveOwn() {
+    if (!std::exchange(present_, false)) return;
+    DeleteFileA(path_.c_str());
+    const auto state = spare_.file.State();
+    SpareFiles::Instance().Leave(std::exchange(spare_.number, 0), !state || state->names > 0);
+    spare_.file.Close();
 }

@@ -27,20 +27,23 @@ class SpoolFile {
     // Removes the file of the message before, goes to the next number and makes its file, empty and
     // open for writing. False if it can't be made.
     bool OpenNext();
-    // Opens the file of the message in hand again, to add to it.
+    // Whether something can be added to the file of the message in hand.
     bool OpenAgain();
     // False: nothing more can be stored, the disk is full as a rule. What is written may wait for
     // Close.
     bool Write(std::string_view bytes);
-    // Everything is in the file then. False if something could not be stored.
+    // Everything is in the file then. False if something could not be stored, or isn't there any
+    // more.
     bool Close();
     // No file is no failure. Throws nothing.
     void Remove();
 
     // The scan has been given up, and may still go on: the file's name will be no other message's,
-    // whatever session gets the number of this one's socket.
+    // whatever session gets the number of this one's socket. Nor is its file used again: it may be
+    // that the daemon couldn't read it.
     void KeepName();
 
+    // A message that is empty now, but wasn't, is as unreadable as the file of another one.
     enum class Found { kWhole, kGone, kUnreadable };
     // What there is of the message behind the scan, during which the daemon may have changed it or
     // taken it away: Size, Kept and File are about that from here on.
@@ -55,6 +58,8 @@ class SpoolFile {
     const std::string& Path() const { return path_; }
 
   private:
+    Found LookAtAnother();
+    void RemoveOwn();
     bool Store();
     // What is in memory.
     void Forget();
@@ -74,7 +79,7 @@ class SpoolFile {
     std::string kept_;
     std::size_t stored_ = 0;
     bool keeping_ = false;
-    std::uint64_t fileNumber_ = 0;  // the file's own, by which it is known again
+    bool scanFailed_ = false;
 };
 
 // The group that may read the spool besides its owner, for a scan daemon that runs as another user;

@@ -12,6 +12,7 @@
 #include "daemons/registryd/changes/form.h"
 #include "daemons/registryd/changes/history.h"
 #include "platform/descriptor.h"
+#include "platform/file.h"
 #include "platform/home.h"
 #include "text/printable.h"
 #include "trelis/admin.h"
@@ -41,6 +42,9 @@ class EditedFile {
     }
     // By its name: editors put new files in the place of old ones.
     std::optional<std::string> Read() const {
+        // Who reads a pipe would wait for somebody who writes to it.
+        const auto state = platform::LookAtFile(path_);
+        if (!state || !state->plain) return std::nullopt;
         std::ifstream file(path_, std::ios::binary);
         std::ostringstream text;
         text << file.rdbuf();
@@ -149,6 +153,10 @@ int Edit(const Arguments& arguments) {
                           ") has not ended well; nothing was changed. $EDITOR says which one.");
         const auto text = file.Read();
         if (!text) return Failed("can't read " + file.Path() + "; nothing was changed");
+        // An editor whose disk is full leaves that, and nobody who takes all away takes the
+        // comments.
+        if (text->find_first_not_of(" \t\r\n") == std::string::npos)
+            return Failed("the editor has left an empty file; nothing was changed");
         const ReadForm read = ParseForm(*text, *before, *path);
         if (read.complaints.empty()) return Apply(Changes(*before, read.values));
         for (const std::string& each : read.complaints)

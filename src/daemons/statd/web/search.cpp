@@ -50,9 +50,11 @@ struct Found {
     std::size_t all = 0;
 };
 
-Found Search(const std::string& asked) {
+// Nothing: another search runs.
+std::optional<Found> Search(const std::string& asked) {
     static std::mutex one;
-    const std::lock_guard lock(one);
+    const std::unique_lock lock(one, std::try_to_lock);
+    if (!lock) return std::nullopt;
     Found found;
     std::deque<LogReader> files = LogFiles(platform::HomePath("log/vtlogd.log")).OpenAll();
     found.readable = !files.empty();
@@ -120,11 +122,13 @@ std::string Story(const LogRecord& record) {
     return out + "</dl></section>\n";
 }
 
-std::string Result(const std::string& asked) {
+std::optional<std::string> Result(const std::string& asked) {
     if (asked.size() < kLeastAsked)
         return "<p>Three characters at least: an id, an address, a client, a Message-ID or a "
                "queue id.</p>\n";
-    const Found found = Search(asked);
+    const std::optional<Found> searched = Search(asked);
+    if (!searched) return std::nullopt;
+    const Found& found = *searched;
     if (!found.readable) return "<p>The log can't be read: does vtlogd run?</p>\n";
     if (found.all == 0)
         return "<p>Nothing in the log for <strong>" + EscapeHtml(asked) + "</strong>.</p>\n";
@@ -148,11 +152,12 @@ std::string SearchForm(const std::string& asked) {
            "</section>\n";
 }
 
-std::string SearchPage(const std::string& asked, const std::string& nonce) {
-    const std::string text = LowerCase(Trimmed(asked));
+std::optional<std::string> SearchPage(const std::string& asked, const std::string& nonce) {
+    const std::optional<std::string> result = Result(LowerCase(Trimmed(asked)));
+    if (!result) return std::nullopt;
     return HtmlPage("Vantrel: find a message", nonce,
                     "<p><a href=\"/\">Statistics</a></p>\n<h1>Find a message</h1>\n" +
-                        SearchForm(asked) + Result(text),
+                        SearchForm(asked) + *result,
                     "");
 }
 

@@ -117,7 +117,9 @@ HttpResponse HttpSite::Page() {
 
 HttpResponse HttpSite::Find(const std::string& asked) {
     const std::string nonce = RandomHex(16);
-    return Document(SearchPage(asked, nonce), nonce);
+    auto page = SearchPage(asked, nonce);
+    if (!page) return Plain(503, "Another search runs; try again.", {{"Retry-After", "2"}});
+    return Document(std::move(*page), nonce);
 }
 
 HttpResponse HttpSite::Held(const HttpRequest& request) {

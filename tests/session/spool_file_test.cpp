@@ -271,15 +271,6 @@ TEST_F(Spool, AMessageThatIsCutWhileItComesIsNotStored) {
     EXPECT_FALSE(spool_.Close());
 }
 
-// To make room, for example: its client keeps it.
-TEST_F(Spool, AMessageThatIsEmptiedHasNotBeenThere) {
-    ASSERT_NO_FATAL_FAILURE(Have("a message"));
-    fs::resize_file(spool_.Path(), 0);
-    EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kUnreadable);
-    ASSERT_NO_FATAL_FAILURE(Have(""));
-    EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kWhole);
-}
-
 // It may be that nobody can read it any more: the next message had better have another.
 TEST_F(Spool, AFileWhoseScanHasFailedIsNotUsedAgain) {
     ASSERT_NO_FATAL_FAILURE(Have("not scanned"));

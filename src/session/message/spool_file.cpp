@@ -132,16 +132,14 @@ bool SpoolFile::Close() {
 }
 
 SpoolFile::Found SpoolFile::LookAgain() {
-    const bool wasEmpty = size_ == 0;
     const std::optional<platform::FileState> now =
         spare_.file ? platform::LookAtFile(path_) : std::nullopt;
     if (now && now->plain && now->number == spare_.number) {
         size_ = static_cast<long long>(now->size);
         if (keeping_ && (now->size != kept_.size() || !spare_.file.BeginsWith(kept_))) Forget();
-    } else if (const Found found = LookAtAnother(); found != Found::kWhole) {
-        return found;
+        return Found::kWhole;
     }
-    return size_ > 0 || wasEmpty ? Found::kWhole : Found::kUnreadable;
+    return LookAtAnother();
 }
 
 // At what has the message's name, whatever file that is.

@@ -43,7 +43,7 @@ class SpoolFile {
     // that the daemon couldn't read it.
     void KeepName();
 
-    // A message that is empty now, but wasn't, is as unreadable as the file of another one.
+    // The file of another message is as unreadable as one that can't be read.
     enum class Found { kWhole, kGone, kUnreadable };
     // What there is of the message behind the scan, during which the daemon may have changed it or
     // taken it away: Size, Kept and File are about that from here on.

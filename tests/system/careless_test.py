@@ -49,7 +49,7 @@ class Told(list):
 
 
 class SpoolFiles(System):
-    """They are cut, exchanged, linked, made unreadable and replaced while messages go through them."""
+    """They are exchanged, linked, made unreadable and replaced while messages go through them."""
     SENDERS, EACH = 6, 60
 
     def careless(self):
@@ -62,9 +62,8 @@ class SpoolFiles(System):
                     number += 1
                     at, other = os.path.join(path, name), os.path.join(path, following)
                     kept = self.proxy.home + "/kept"
-                    acts = [lambda: os.chmod(at, 0), lambda: os.link(at, kept + str(number)), lambda: exchange(at, other),
-                            lambda: os.truncate(at, 0)]
-                    # What is gone behind the scan has been taken away by the scan daemon.
+                    acts = [lambda: os.chmod(at, 0), lambda: os.link(at, kept + str(number)), lambda: exchange(at, other)]
+                    # What is gone or cut behind the scan has been taken away by the scan daemon.
                     if folder == "tmp/spare":
                         acts += [lambda: os.rename(at, other), lambda: os.unlink(at), lambda: os.rename(kept + str(number - 5), at)]
                     try:

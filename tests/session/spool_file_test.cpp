@@ -271,6 +271,17 @@ TEST_F(Spool, AMessageThatIsCutWhileItComesIsNotStored) {
     EXPECT_FALSE(spool_.Close());
 }
 
+// A spare one may have come there; the scan itself may leave nothing of a message.
+TEST_F(Spool, AnotherFileThatIsEmptyIsNoMessage) {
+    ASSERT_NO_FATAL_FAILURE(Have("a message"));
+    fs::resize_file(spool_.Path(), 0);
+    EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kWhole);
+    ASSERT_NO_FATAL_FAILURE(Have("a message"));
+    std::ofstream(spool_.Path() + ".new").close();
+    fs::rename(spool_.Path() + ".new", spool_.Path());
+    EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kUnreadable);
+}
+
 // It may be that nobody can read it any more: the next message had better have another.
 TEST_F(Spool, AFileWhoseScanHasFailedIsNotUsedAgain) {
     ASSERT_NO_FATAL_FAILURE(Have("not scanned"));

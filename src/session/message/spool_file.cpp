@@ -150,6 +150,8 @@ SpoolFile::Found SpoolFile::LookAtAnother() {
     const auto state = changed_.State();
     if (!state || !state->plain || SpareFiles::Instance().IsAnothers(state->number))
         return Found::kUnreadable;
+    // Nobody puts an empty file in the place of a message, but a spare one may have come there.
+    if (state->size == 0 && size_ > 0) return Found::kUnreadable;
     size_ = static_cast<long long>(state->size);
     return Found::kWhole;
 }

@@ -45,7 +45,8 @@ TEST(EngineAnswer, OnlyTheWholeFormIsClean) {
         {"HTTP/1.1 200: OK", ScanOutcome::kFailed, "HTTP/1.1 200: OK"},
         {"stream: OK ", ScanOutcome::kFailed, "stream: OK "},
         {"stream: ok", ScanOutcome::kFailed, "stream: ok"},
-        {"stream: Eicar FOUND\0stream: OK"sv, ScanOutcome::kFailed, "stream: Eicar FOUND?stream: OK"},
+        {"stream: Eicar FOUND\0stream: OK"sv, ScanOutcome::kFailed,
+         "stream: Eicar FOUND?stream: OK"},
         {"stream: Eicar FOUND\nstream: OK", ScanOutcome::kFailed, "stream: Eicar FOUND?stream: OK"},
         {"", ScanOutcome::kFailed, ""},
     };

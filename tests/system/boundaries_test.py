@@ -348,7 +348,7 @@ class Silence(System):
         clients = [self.opened() for _ in range(5)]
         for c in clients:
             c.send(b"HELP\r\n")
-        self.assertGreaterEqual(self.proxy.sockets(), before + 10)
+        self.assertGreater(self.proxy.sockets(), before + 7)  # one of the log client may come and go
         for c in clients:
             c.reset()
         self.assertTrue(wait_until(lambda: self.proxy.sockets() <= before, 15), self.proxy.sockets())

@@ -43,7 +43,7 @@ std::optional<std::int64_t> ParseMoment(std::string_view text) {
     const int hour = TakePair(text, text.starts_with(' ') ? ' ' : 'T', 24);
     const int minute = TakePair(text, ':', 60);
     if (hour < 0 || minute < 0) return std::nullopt;
-    seconds += hour * kHourSeconds + minute * 60;
+    seconds += hour * kHourSeconds + minute * std::int64_t{60};
     if (text.empty()) return seconds * 1000;
     const int second = TakePair(text, ':', 61);
     const int thousandths = Thousandths(text);

@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t kMostShown = 50;
 constexpr std::size_t kLeastAsked = 3;
 
-std::string Trimmed(std::string text) {
+std::string Trimmed(const std::string& text) {
     const std::size_t begin = text.find_first_not_of(" \t[");
     if (begin == std::string::npos) return "";
     return text.substr(begin, text.find_last_not_of(" \t]") + 1 - begin);

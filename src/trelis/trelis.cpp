@@ -176,6 +176,7 @@ Applied ApplyChanges(const std::vector<ValueChange>& changes, bool force, std::i
         const Applied applied = opened.Apply(changes, force, undoes, where);
         if (applied != Applied::kDone) return applied;
         std::vector<std::string> paths;
+        paths.reserve(changes.size());
         for (const ValueChange& change : changes) paths.push_back(change.path);
         Watches::Instance().Announce(paths);
         return applied;

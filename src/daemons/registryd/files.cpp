@@ -76,10 +76,9 @@ using Sorted = std::map<std::string, std::string>;
 Sorted Below(const trelis::Values& values, const std::string& key) {
     Sorted below;
     for (const auto& [path, value] : values) {
-        const bool within = key == "/" || path == key || path.starts_with(key + '/');
         const auto known = trelis::FindByPath(path);
         const bool written = known && known->row->kind == trelis::KeyKind::kWritten;
-        if (within && !written) below.insert_or_assign(path, value);
+        if (IsAtOrBelow(path, key) && !written) below.insert_or_assign(path, value);
     }
     return below;
 }

@@ -28,3 +28,7 @@ std::optional<std::string> PathOf(const std::string& typed) {
     UnknownKey(typed);
     return std::nullopt;
 }
+
+bool IsAtOrBelow(const std::string& path, const std::string& key) {
+    return key == "/" || path == key || path.starts_with(key + '/');
+}

@@ -19,3 +19,5 @@ int UnknownKey(const std::string& typed);
 std::optional<std::string> PathOf(const std::string& typed);
 // " Is KEY meant?", or nothing where no known key is near.
 std::string Hint(const std::string& typed);
+// Whether a path is that of the key, which may be "/", or stands below it.
+bool IsAtOrBelow(const std::string& path, const std::string& key);

@@ -4,6 +4,7 @@
 
 #include "text/ascii.h"
 #include "text/printable.h"
+#include "text/trim.h"
 
 namespace {
 
@@ -12,12 +13,6 @@ constexpr std::size_t kLongestLine = 1000;
 constexpr std::size_t kLongestId = 255;
 constexpr std::string_view kName = "message-id";
 constexpr std::string_view kBlanks = " \t\r\n";
-
-std::string_view Trimmed(std::string_view text) {
-    const std::size_t begin = text.find_first_not_of(kBlanks);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
-}
 
 }  // namespace
 
@@ -63,7 +58,7 @@ void MessageIdFinder::TakeLine(std::string_view line, std::string& id) {
         line.remove_prefix(colon + 1);
         inValue_ = true;
     }
-    const std::string_view more = Trimmed(line);
+    const std::string_view more = Trimmed(line, kBlanks);
     if (value_.size() > kLongestId || more.empty()) return;
     if (!value_.empty()) value_ += ' ';
     value_ += more;

@@ -5,18 +5,13 @@
 #include <optional>
 
 #include "text/ascii.h"
+#include "text/trim.h"
 
 namespace maild {
 
 namespace {
 
 constexpr std::size_t kMostFields = 100;
-
-std::string_view Trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
-}
 
 bool ReadHead(std::string_view head, HeadedReply& reply) {
     const std::size_t first = head.find("\r\n");

@@ -1,22 +1,17 @@
 #include "daemons/maild/content/rule.h"
 
 #include "text/ascii.h"
+#include "text/trim.h"
 
 namespace maild {
 
 namespace {
 
-std::string_view Trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
-}
-
 bool AddPlace(Places& places, std::string_view word) {
     constexpr std::string_view kHeader = "header:";
     const std::string small = LowerCase(word);
     if (small.starts_with(kHeader)) {
-        const std::string_view name = Trim(std::string_view(small).substr(kHeader.size()));
+        const std::string_view name = Trimmed(std::string_view(small).substr(kHeader.size()));
         if (name.empty()) return false;
         places.headers.emplace_back(name);
         return true;
@@ -44,7 +39,7 @@ std::optional<Places> ParsePlaces(std::string_view words) {
     bool any = false;
     while (!words.empty()) {
         const std::size_t end = words.find(';');
-        const std::string_view word = Trim(words.substr(0, end));
+        const std::string_view word = Trimmed(words.substr(0, end));
         if (!word.empty()) {
             if (!AddPlace(places, word)) return std::nullopt;
             any = true;

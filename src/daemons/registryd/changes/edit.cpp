@@ -92,8 +92,7 @@ std::optional<ConfigurationValues> ValuesAt(const std::string& path) {
     for (const auto& [at, value] : *all) {
         const auto key = trelis::FindByPath(at);
         const bool written = key && key->row->kind == trelis::KeyKind::kWritten;
-        if (!written && (path == "/" || at == path || at.starts_with(path + '/')))
-            values.emplace(at, value);
+        if (!written && IsAtOrBelow(at, path)) values.emplace(at, value);
     }
     return values;
 }

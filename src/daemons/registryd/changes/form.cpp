@@ -5,7 +5,9 @@
 #include <set>
 #include <sstream>
 
+#include "daemons/registryd/typed.h"
 #include "text/printable.h"
+#include "text/trim.h"
 #include "trelis/admin.h"
 #include "trelis/keys/check.h"
 #include "trelis/keys/names.h"
@@ -14,20 +16,10 @@ namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
 
-std::string_view Trimmed(std::string_view text) {
-    const std::size_t begin = text.find_first_not_of(kBlanks);
-    if (begin == std::string_view::npos) return {};
-    return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
-}
-
-bool IsAtOrBelow(const std::string& path, const std::string& above) {
-    return above == "/" || path == above || path.starts_with(above + '/');
-}
-
 // Whether it can stand in a line as it is.
 bool IsPlain(const std::string& value) {
-    return Trimmed(value) == value && CleanText(value) == value && !value.starts_with('"') &&
-           !value.empty();
+    return Trimmed(value, kBlanks) == value && CleanText(value) == value &&
+           !value.starts_with('"') && !value.empty();
 }
 
 // Nothing for a value that is no text that an editor could show.
@@ -70,7 +62,7 @@ class Reader {
         : before_(before), path_(path) {}
 
     void Line(int number, std::string_view line) {
-        line = Trimmed(line);
+        line = Trimmed(line, kBlanks);
         if (line.empty() || line.front() == '#') return;
         const std::string complaint = Take(line);
         if (!complaint.empty())
@@ -91,8 +83,8 @@ class Reader {
         const std::size_t equals = line.find(" = ");
         const std::size_t at = equals == std::string_view::npos ? line.find('=') : equals + 1;
         if (at == std::string_view::npos) return "KEY = VALUE is wanted";
-        const std::string name(Trimmed(line.substr(0, at)));
-        const auto value = AsWritten(Trimmed(line.substr(at + 1)));
+        const std::string name(Trimmed(line.substr(0, at), kBlanks));
+        const auto value = AsWritten(Trimmed(line.substr(at + 1), kBlanks));
         if (!value) return name + ": the quotes don't fit";
         const auto key =
             name.starts_with('/') ? trelis::FindByPath(name) : trelis::FindByShortName(name);

@@ -38,10 +38,6 @@ std::string Quoted(const std::string& path, const std::optional<std::string>& va
     return IsSecret(path) ? kHidden : '"' + CleanText(*value) + '"';
 }
 
-bool IsAtOrBelow(const std::string& path, const std::string& key) {
-    return key == "/" || path == key || path.starts_with(key + '/');
-}
-
 void PrintJson(const trelis::Act& act, const trelis::ValueChange& change) {
     const auto value = [&](const std::optional<std::string>& text) {
         if (!text) return nlohmann::json(nullptr);

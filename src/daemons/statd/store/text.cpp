@@ -4,26 +4,22 @@
 
 #include "text/ascii.h"
 #include "text/printable.h"
+#include "text/trim.h"
 
 namespace stats {
 namespace {
 
-std::string_view Trimmed(std::string_view text) {
-    constexpr std::string_view kBlank = " \t\r\n";
-    const std::size_t from = text.find_first_not_of(kBlank);
-    if (from == std::string_view::npos) return {};
-    return text.substr(from, text.find_last_not_of(kBlank) - from + 1);
-}
+constexpr std::string_view kBlanks = " \t\r\n";
 
 }  // namespace
 
 std::string DomainOf(std::string_view address) {
-    address = Trimmed(address);
+    address = Trimmed(address, kBlanks);
     if (!address.empty() && address.front() == '<') {
         address.remove_prefix(1);
         address = address.substr(0, address.rfind('>'));
     }
-    address = Trimmed(address);
+    address = Trimmed(address, kBlanks);
     if (address.empty()) return "<>";
     const std::size_t at = address.rfind('@');
     std::string domain =
@@ -37,7 +33,7 @@ std::vector<std::string> DomainsOf(std::string_view list, std::size_t limit) {
     std::vector<std::string> domains;
     while (!list.empty() && domains.size() < limit) {
         const std::size_t end = list.find(';');
-        const std::string_view item = Trimmed(list.substr(0, end));
+        const std::string_view item = Trimmed(list.substr(0, end), kBlanks);
         list.remove_prefix(end == std::string_view::npos ? list.size() : end + 1);
         if (item.empty()) continue;
         std::string domain = DomainOf(item);

@@ -19,6 +19,7 @@ bool IsClean(const std::string& path) {
     record.peerAddress = "192.0.2.1";
     record.timeoutSeconds = 60;
     record.transferForm = 1;
+    record.scanSections = 15;  // as the proxy asks
     MailScanAddRecipient(&record, "recipient@example.org");
     const bool clean = MailScan(&record) == 0 && record.actionMask == 1;
     MailScanFree(&record);

@@ -10,7 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < 2) return 0;
     const maild::ArchiveLimits limits{3, 50, 1 << 20};
     int files = 0;
-    ArchiveLooker looker(limits, ArchiveLooker::Clock::now() + std::chrono::seconds(20), false,
+    ArchiveLooker looker(limits, ArchiveLooker::Clock::now() + std::chrono::seconds(20),
+                         maild::MagicUse::kNever,
                          [&](const maild::Attachment&, const std::string& path) {
                              if (++files > 50 || path.empty()) std::abort();
                          });
@@ -21,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     spill.Write(bytes.substr(bytes.size() / 2));
     if (maild::Scratch* const file = spill.Finish()) looker.Look(spill, *file, "a.gz");
     if (spill.Size() != static_cast<long long>(bytes.size())) std::abort();
-    for (const std::string& type : spill.Type().Types(false)) {
+    for (const std::string& type : spill.Type().Types(maild::MagicUse::kNever)) {
         if (type.find('/') == std::string::npos) std::abort();
     }
     return 0;

@@ -4,6 +4,7 @@
 #include "daemons/maild/maild.h"
 #include "daemons/maild/shell.h"
 #include "ntservice/words.h"
+#include "platform/memory.h"
 
 namespace {
 
@@ -18,6 +19,7 @@ constexpr ServiceWords kWords{
 }  // namespace
 
 int main(int argc, char** argv) {
+    platform::TuneAllocator();  // an arena for each of up to 200 scans keeps half a megabyte each
     if (argc > 1 && std::strcmp(argv[1], "test") == 0)
         return TestFiles(std::span(argv, static_cast<std::size_t>(argc)).subspan(2));
     if (argc > 1 && std::strcmp(argv[1], "status") == 0)

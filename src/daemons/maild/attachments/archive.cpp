@@ -112,7 +112,7 @@ std::string EncryptedKind(Scratch& file) {
 
 }  // namespace
 
-ArchiveLooker::ArchiveLooker(const ArchiveLimits& limits, Clock::time_point end, bool magic,
+ArchiveLooker::ArchiveLooker(const ArchiveLimits& limits, Clock::time_point end, MagicUse magic,
                              Use use)
     : limits_(limits), end_(end), magic_(magic), use_(std::move(use)) {}
 

@@ -23,8 +23,8 @@ class ArchiveLooker {
     // Told of each file, `path` for people: "a.exe in b.zip in c.zip".
     using Use = std::function<void(const Attachment& file, const std::string& path)>;
 
-    // `magic`: libmagic is asked for types, too.
-    ArchiveLooker(const ArchiveLimits& limits, Clock::time_point end, bool magic, Use use);
+    // `magic`: what libmagic is asked about.
+    ArchiveLooker(const ArchiveLimits& limits, Clock::time_point end, MagicUse magic, Use use);
 
     // `file` is what a Finish gave. `path` is what it is called, for people. True if there is an
     // Office document with macros by what lies in it.
@@ -53,7 +53,7 @@ class ArchiveLooker {
 
     const ArchiveLimits limits_;
     const Clock::time_point end_;
-    const bool magic_;
+    const MagicUse magic_;
     const Use use_;
     long long packed_ = 0;  // bytes of the archives themselves, the outermost ones
     long long bytes_ = 0;

@@ -40,7 +40,7 @@ std::string Shown(const Part& part) {
 AttachmentFilter::AttachmentFilter(const AttachmentRules& rules,
                                    ArchiveLooker::Clock::time_point end)
     : rules_(rules),
-      magic_(rules.AskForRealTypes()),
+      magic_(rules.AskForMagic()),
       archives_(rules.archives, end, magic_,
                 [this](const Attachment& file, const std::string& path) { Ask(file, path); }) {}
 

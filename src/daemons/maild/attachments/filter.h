@@ -50,7 +50,7 @@ class AttachmentFilter final : public PartSink {
     void Ask(const Attachment& attachment, const std::string& what);
 
     const AttachmentRules& rules_;
-    const bool magic_;
+    const MagicUse magic_;
     ArchiveLooker archives_;
     std::optional<Questions> hidden_;  // files in parts, which are asked about like others
     std::unique_ptr<FilesInText> text_;

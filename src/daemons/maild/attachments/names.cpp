@@ -88,8 +88,7 @@ std::u32string Characters(std::string_view text) {
 }
 
 // Behind `[` at `at`: whether the character is in the set; `at` goes behind its `]`. Without one
-// the
-// `[` is itself.
+// the `[` is itself.
 bool InSet(std::u32string_view pattern, std::size_t& at, char32_t c) {
     std::size_t i = at + 1;
     const bool inverse = i < pattern.size() && (pattern[i] == '!' || pattern[i] == '^');
@@ -196,6 +195,13 @@ bool NamePatterns::Match(std::string_view folded) const {
     const std::u32string characters = Characters(folded);
     return std::any_of(patterns_.begin(), patterns_.end(), [&](const std::u32string& pattern) {
         return MatchWhole(pattern, characters);
+    });
+}
+
+bool NamePatterns::AllAmong(std::span<const std::string_view> folded) const {
+    return std::all_of(patterns_.begin(), patterns_.end(), [&](const std::u32string& pattern) {
+        return std::any_of(folded.begin(), folded.end(),
+                           [&](std::string_view text) { return pattern == Characters(text); });
     });
 }
 

@@ -4,6 +4,7 @@
 // This header: names and patterns in a form in which they can be compared.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,8 @@ class NamePatterns {
     // Whether any of them matches the whole of a text, which is folded as ReadingsOfName does.
     bool Match(std::string_view folded) const;
     bool MatchAny(const std::vector<std::string>& folded) const;
+    // Whether each of them is one of these texts, without a wildcard.
+    bool AllAmong(std::span<const std::string_view> folded) const;
 
   private:
     std::vector<std::u32string> patterns_;

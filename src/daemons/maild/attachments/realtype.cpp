@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "text/ascii.h"
+#include "text/printable.h"
 
 namespace maild {
 
@@ -148,6 +149,21 @@ bool HasHandler(std::string_view small) {
     return false;
 }
 
+// No control characters, and UTF-8: no program begins so.
+bool BeginsAsText(std::string_view head) {
+    constexpr std::size_t kLooked = 1024;
+    const bool cut = head.size() > kLooked;
+    head = head.substr(0, kLooked);
+    while (!head.empty()) {
+        const auto c = static_cast<unsigned char>(head[0]);
+        const bool white = c == '\t' || c == '\r' || c == '\n' || c == '\f';
+        const std::size_t length = white ? 1 : PrintableLength(head);
+        if (length == 0) return cut && head.size() < 4 && c >= 0xC2;
+        head.remove_prefix(length);
+    }
+    return true;
+}
+
 void AddOnce(std::vector<std::string>& list, std::string text) {
     if (!text.empty() && std::find(list.begin(), list.end(), text) == list.end())
         list.push_back(std::move(text));
@@ -191,7 +207,16 @@ bool RealType::IsProgram() const {
                                                         ""});
 }
 
-std::vector<std::string> RealType::Types(bool magic) const {
+bool RealType::Asks(MagicUse magic) const {
+    if (magic != MagicUse::kNoTexts) return magic == MagicUse::kAll;
+    if (met_[kScript] || met_[kScriptLink]) return true;  // if it is shown as HTML
+    const bool archive = std::any_of(std::begin(kMarks), std::end(kMarks), [&](const Mark& mark) {
+        return mark.at == 0 && mark.archive == Sure::kYes && Fits(head_, mark);
+    });
+    return !archive && !BeginsAsText(head_);
+}
+
+std::vector<std::string> RealType::Types(MagicUse magic) const {
     std::vector<std::string> types;
     for (const Mark& mark : kMarks) {
         if (Fits(head_, mark)) AddOnce(types, mark.type);
@@ -201,7 +226,7 @@ std::vector<std::string> RealType::Types(bool magic) const {
     if (BeginsBatch(head_)) AddOnce(types, "text/x-script");
     if (OfficeEncrypted()) AddOnce(types, "application/x-office-encrypted");
     if (ole_ && met_[kVbaProject]) AddOnce(types, "application/x-office-macros");
-    const std::string magics = magic ? MagicType(head_) : std::string();
+    const std::string magics = Asks(magic) ? MagicType(head_) : std::string();
     const std::string_view begin = WithoutBlanks(head_);
     const bool markup = begin.starts_with('<');
     const bool html = magics == "text/html" || (markup && met_[kHtml]) ||

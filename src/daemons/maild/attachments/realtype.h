@@ -23,6 +23,10 @@
 
 namespace maild {
 
+// When libmagic is asked, which costs up to a millisecond for a text: for no file; for all but
+// texts without a script in them and archives, by what these begin with; for all.
+enum class MagicUse { kNever, kNoTexts, kAll };
+
 // Takes a file's bytes as they come.
 class RealType {
   public:
@@ -44,14 +48,15 @@ class RealType {
     bool OfficeEncrypted() const { return ole_ && met_[kEncryptedPackage]; }
     // Of Windows, DOS or ELF.
     bool IsProgram() const;
-    // Each once, in small letters. `magic`: libmagic's too.
-    std::vector<std::string> Types(bool magic) const;
+    // Each once, in small letters.
+    std::vector<std::string> Types(MagicUse magic) const;
     const std::string& Head() const { return head_; }
 
   private:
     enum Word { kEncryptedPackage, kVbaProject, kScript, kScriptLink, kHtml, kSvg, kWords };
 
     void Search(std::string_view bytes);
+    bool Asks(MagicUse magic) const;
 
     std::string head_;
     std::string tail_;  // the last bytes, in which a word may have begun

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "daemons/maild/attachments/names.h"
+#include "daemons/maild/attachments/realtype.h"
 #include "daemons/maild/verdict/finding.h"
 
 namespace maild {
@@ -45,8 +46,8 @@ struct AttachmentRules {
     bool Any() const { return !rules.empty(); }
     // The first one that matches; null: none does.
     const AttachmentRule* Find(const Attachment& attachment) const;
-    // Whether any of them asks for what the bytes show: then libmagic is asked, too.
-    bool AskForRealTypes() const;
+    // What libmagic has to be asked about, as far as their RealTypes go.
+    MagicUse AskForMagic() const;
 };
 
 }  // namespace maild

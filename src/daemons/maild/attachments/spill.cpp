@@ -55,7 +55,7 @@ Scratch* Spill::Finish() {
 bool Spill::SurelyArchive() const {
     if (type_.BeginsArchive() == RealType::Sure::kYes) return true;
     // Called so, and nothing else by its bytes.
-    return called_ && size_ > 0 && type_.Types(false).empty() &&
+    return called_ && size_ > 0 && type_.Types(MagicUse::kNever).empty() &&
            MagicType(type_.Head()) == "application/octet-stream";
 }
 

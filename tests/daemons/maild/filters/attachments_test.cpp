@@ -155,7 +155,12 @@ TEST(Attachments, RealTypes) {
         {"archive", Zip({{"a", "b"}}), "application/x-archive"},
         {"disk image", std::string(0x8001, '\0') + "CD001" + std::string(4096, '\0'),
          "application/x-iso9660-image"},
-        {"by libmagic alone", "GIF89a\1\0\1\0\0\0\0"s, "image/gif"},
+        {"a picture, by libmagic alone", "GIF89a\1\0\1\0\0\0\0"s, "image/gif"},
+        {"a program of DOS, by libmagic alone", "\xB8\0\x4C\xCD\x21"s + std::string(80, '\x21'),
+         "application/x-dosexec"},
+        {"HTML behind words, by libmagic alone", "see\n<html><body><script>x()</script>",
+         "application/x-html-script"},
+        {"a text, by libmagic alone", "#include <a.h>\nint main() { return 0; }\n", "text/x-c"},
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.name);

@@ -41,6 +41,7 @@ int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, OwnedFlatF
         {TagScanParamB, &record.paramB},
         {TagScanSections, &record.scanSections},
         {TagTransferForm, record.transferForm != 0 ? &record.transferForm : nullptr},
+        {TagHelo, record.helo != nullptr && record.helo[0] != '\0' ? record.helo : nullptr},
         {TagPollInterval, record.cancelCallback != nullptr ? &slice : nullptr},
         {TagExtraText, record.extraText[0] != '\0' ? record.extraText : nullptr},
     };

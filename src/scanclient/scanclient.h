@@ -72,6 +72,7 @@ struct MailScanRecord {
     // How the message came: 1 by DATA, dot-stuffed; 2 by BDAT, as it is; 0, unknown: nothing is
     // sent and the daemon expects either.
     std::int32_t transferForm;
+    const char* helo;  // caller; what the client called itself. Null or empty: nothing is sent
 };
 
 // Bit of actionMask: before reading the children, that there are some; in the record's answer,

@@ -42,6 +42,8 @@ inline constexpr std::uint32_t TagScanParamB = 0x3C01;
 inline constexpr std::uint32_t TagScanSections = 0x3E01;
 // How a message to be scanned came: 1 by DATA, dot-stuffed as on the wire; 2 by BDAT, as it is.
 inline constexpr std::uint32_t TagTransferForm = 0x3F01;
+// What the client of a message to be scanned has called itself.
+inline constexpr std::uint32_t TagHelo = 0x4000;
 inline constexpr std::uint32_t TagStamp = 0x4100;
 inline constexpr std::uint32_t TagSourceHost = 0x4101;
 inline constexpr std::uint32_t TagTargetHost = 0x4201;

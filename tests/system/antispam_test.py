@@ -274,6 +274,7 @@ class SpamFaults(Antispam):
         self.assertRegex(head, rb"\APOST /checkv2 HTTP/1\.1\r\n")
         for line in (b"From: <s@example.org>", b"Rcpt: <r@example.org>", b"IP: 127.0.0.1"):
             self.assertIn(line, head.split(b"\r\n"))
+        self.assertRegex(head, rb"\r\nHelo: [^\r\n]+\r\n")
 
     def test_scores_that_are_none(self):
         self.fake.answer = answer(score=20, action="no action")

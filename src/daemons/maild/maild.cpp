@@ -183,15 +183,19 @@ void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
     }
     const std::shared_ptr<const Settings> settings = settings_.Current();
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings->scanSeconds);
-    const maild::Stored message{path, TransferOf(request.root), Text(request.root, TagSender),
+    const maild::Stored message{path,
+                                TransferOf(request.root),
+                                Text(request.root, TagSender),
                                 Text(request.root, TagRecipients),
-                                Text(request.root, TagPeerAddress)};
+                                Text(request.root, TagPeerAddress),
+                                Text(request.root, TagHelo)};
     AllFindings verdict = JudgeBySections(engines_, *settings, path.c_str(), message.transfer,
                                           {message.sender, message.recipients});
     const Judgement& judgement = verdict.judgement;
     std::vector<maild::Finding>& findings = verdict.findings;
     antispam_.Look(settings->antispam,
-                   {path, message.transfer, message.sender, message.recipients, message.peer, end},
+                   {path, message.transfer, message.sender, message.recipients, message.peer,
+                    message.helo, end},
                    findings);
     maild::Decision decision = maild::Decide(findings);
     const maild::Done done = maild::Perform(message, findings, decision, verdict.parts, quarantine_,

@@ -53,7 +53,7 @@ Exit TestFile(Engines& engines, const Settings& settings, const char* path, Tran
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings.scanSeconds);
     AllFindings verdict = JudgeBySections(engines, settings, path, transfer, {});
     std::vector<maild::Finding>& findings = verdict.findings;
-    maild::Antispam().Look(settings.antispam, {path, transfer, {}, "", "", end}, findings);
+    maild::Antispam().Look(settings.antispam, {path, transfer, {}, "", "", "", end}, findings);
     Print(path, findings);
     // A score alone is nothing that was found.
     const bool any = std::any_of(findings.begin(), findings.end(), [](const maild::Finding& each) {

@@ -104,6 +104,7 @@ Verdict ScanMessage(Peers& peers, const Envelope& envelope, const SpoolFile& spo
     record.path = path.c_str();
     record.sender = sender.c_str();
     record.peerAddress = peers.address.c_str();
+    record.helo = (peers.identity.helo.empty() ? peers.helo : peers.identity.helo).c_str();
     record.agentId = kAgentId;
     record.timeoutSeconds = peers.settings.noopInterval;
     record.cancelCallback = KeepAlive;

@@ -135,10 +135,13 @@ TEST(Rspamd, TheEnvelopeMakesNoFieldsOfItsOwn) {
     question.sender = "a@example.org\r\nRcpt: x";
     question.recipients = {"b@example.org", "c\n@example.org"};
     question.peer = "192.0.2.1";
+    question.helo = "mx\rIP: ::1";
     EXPECT_EQ(RspamdRequest(question),
               "POST /checkv2 HTTP/1.1\r\nHost: rspamd\r\nConnection: close\r\nContent-Length: 7\r\n"
               "Queue-Id: V1\r\nIP: 192.0.2.1\r\nRcpt: <b@example.org>\r\n\r\n");
     question.sender = "";
+    question.helo = "mx.example.net";
+    EXPECT_NE(RspamdRequest(question).find("\r\nHelo: mx.example.net\r\n"), std::string::npos);
     EXPECT_NE(RspamdRequest(question).find("\r\nFrom: <>\r\n"), std::string::npos);
 }
 

@@ -94,6 +94,7 @@ class Performing {
         kept.sender = message_.sender;
         kept.recipients = message_.recipients;
         kept.peer = message_.peer;
+        kept.helo = message_.helo;
         kept.verdict = Word(decision_.action);
         const Finding* by = decision_.by;
         if (by != nullptr) {

@@ -23,6 +23,7 @@ struct Stored {
     std::string sender;
     std::string recipients;  // joined by ';'
     std::string peer;
+    std::string helo{};
 };
 
 // Before Decide: a part that can't be taken out, because it is the whole message, signed,

@@ -96,6 +96,7 @@ SpamOpinion Antispam::Ask(const SpamSettings& settings, const SpamSubject& subje
     question.sender = subject.sender;
     question.recipients = Split(subject.recipients);
     if (IsNumber(subject.peer)) question.peer = subject.peer;
+    question.helo = subject.helo;
     Connection connection;
     connection.SetEnd(std::min(subject.end, Clock::now() + std::chrono::seconds(settings.seconds)));
     if (connection.Open(TargetsOf(*address)) != ScanOutcome::kClean)

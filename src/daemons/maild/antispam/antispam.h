@@ -22,6 +22,7 @@ struct SpamSubject {
     std::optional<std::string> sender;
     std::string recipients;  // joined by ';'
     std::string peer;
+    std::string helo;
     std::chrono::steady_clock::time_point end;  // of the scan's time
 };
 

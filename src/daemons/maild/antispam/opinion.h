@@ -30,6 +30,7 @@ struct SpamQuestion {
     std::optional<std::string> sender;
     std::vector<std::string> recipients;
     std::string peer;  // a number, of either family; else nothing is said of it
+    std::string helo;  // what it called itself
 };
 
 // What the engine itself would do.

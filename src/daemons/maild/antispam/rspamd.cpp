@@ -170,6 +170,7 @@ std::string RspamdRequest(const SpamQuestion& question) {
     text += "Content-Length: " + std::to_string(question.bytes) + "\r\n";
     if (!question.id.empty()) AddField(text, "Queue-Id", question.id);
     if (!question.peer.empty()) AddField(text, "IP", question.peer);
+    if (!question.helo.empty()) AddField(text, "Helo", question.helo);
     if (question.sender) AddField(text, "From", '<' + *question.sender + '>');
     std::size_t count = 0;
     for (const std::string& each : question.recipients) {

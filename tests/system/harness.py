@@ -252,6 +252,9 @@ class Proxy:
     def __init__(self, server_port, keys=None, start=True):
         self.home = tempfile.mkdtemp(prefix="vantrel-system.")
         self.env = dict(os.environ, VANTREL_HOME=self.home)
+        # What a sanitizer has to say of any program of the instance; only some have an output that is read.
+        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
+            self.env[name] = (os.environ.get(name, "") + " log_path=%s/sanitizer" % self.home).strip()
         self.port = free_port()
         values = {NET + "/Port": str(self.port), NET + "/IPAddress": "127.0.0.1",
                   NET + "/ServerToForward": "127.0.0.1:%d" % server_port, NET + "/GreetingDomainName": "proxy.example",
@@ -346,5 +349,12 @@ class Proxy:
             each.send_signal(signal.SIGCONT)
             each.terminate()
             each.wait(30)
+        reports = ""
+        for name in os.listdir(self.home) if os.path.isdir(self.home) else ():
+            if name.startswith("sanitizer."):
+                with open(self.home + "/" + name, encoding="utf-8", errors="replace") as file:
+                    reports += file.read()
         shutil.rmtree(self.home, ignore_errors=True)
+        if reports:
+            raise AssertionError(reports)
         return code, output

@@ -162,10 +162,23 @@ std::shared_ptr<const Settings> MailDaemon::ReadSettings() {
     return settings;
 }
 
+// What goes wrong in a way that nobody has thought of is told: the message is put off, and so each
+// time that it comes again.
 void MailDaemon::Answer(const void* data, std::uint32_t length, void** reply,
                         std::uint32_t* replyLength) {
     OwnedMessage request;
     if (request.Parse(data, length) != TAGMSG_OK) return;
+    try {
+        AnswerRequest(request, reply, replyLength);
+    } catch (const std::exception& error) {
+        Log({.kind = kEventError,
+             .text = std::string("a message is put off: ") + error.what(),
+             .path = Text(request.root, TagPath)});
+        throw;
+    }
+}
+
+void MailDaemon::AnswerRequest(OwnedMessage& request, void** reply, std::uint32_t* replyLength) {
     const std::string path = Text(request.root, TagPath);
     const bool ofEngines = path.empty() && Text(request.root, TagSection) == kEnginesSection;
     if (path.empty() && !ofEngines) return;

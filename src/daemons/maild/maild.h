@@ -34,7 +34,7 @@
 #include "daemons/maild/verdictstats.h"
 #include "daemons/quarantine/keeper.h"
 #include "daemons/quarantine/quarantine.h"
-#include "tagmsg/tagmsg.h"
+#include "tagmsg/owned.h"
 #include "trelis/keys/followed.h"
 #include "trelis/keys/settings.h"
 
@@ -50,6 +50,7 @@ class MailDaemon final : public Daemon {
                 std::uint32_t* replyLength) override;
     void End() override;
     int StopSeconds() const override;
+    void AnswerRequest(OwnedMessage& request, void** reply, std::uint32_t* replyLength);
 
   private:
     std::shared_ptr<const Settings> ReadSettings();

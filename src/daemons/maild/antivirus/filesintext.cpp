@@ -22,7 +22,8 @@ std::string NameIn(std::string_view line) {
     const std::size_t behindMode = line.find(' ', line.find_first_not_of(' ', mode));
     if (mode == std::string_view::npos || behindMode == std::string_view::npos)
         return name == std::string_view::npos ? "" : std::string(line.substr(name));
-    return std::string(line.substr(line.find_first_not_of(' ', behindMode)));
+    const std::size_t begin = line.find_first_not_of(' ', behindMode);
+    return begin == std::string_view::npos ? "" : std::string(line.substr(begin));
 }
 
 }  // namespace

@@ -179,6 +179,9 @@ TEST(Attachments, FilesWithinAPart) {
     const std::string coded = "%35J0  , \n`\nend\n";  // a program's first bytes
     EXPECT_EQ(Filter("Subject: a\n\nsee\nbegin 644 my file.exe\n" + coded, rules),
               "name 1 my file.exe in a part of type text/plain; ");
+    for (const char* blanks : {" ", "   ", " \r"})
+        EXPECT_EQ(Filter("Subject: a\n\nbegin 644" + (blanks + ("\n" + coded)), rules),
+                  "type 1 a file in a part of type text/plain; ");
     EXPECT_EQ(Filter("Subject: a\n\nsee\nbegin 644 a.txt\n" + coded, rules),
               "type 1 a.txt in a part of type text/plain; ");
     EXPECT_EQ(

@@ -1,0 +1,6 @@
+"""Signatures of senders: what is not altered verifies behind the proxy, however it came."""
+
+import unittest
+
+import dkim
+from cryptography.hazmat.primitives import serialization

@@ -13,32 +13,13 @@ import struct
 import subprocess
 import tempfile
 import threading
-import time
+
+import sanitizers
+from waiting import free_port, listens, wait_until
 
 BIN = os.environ["VANTREL_BIN"]
 NET = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces/net"
 SEEN = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces/seen"
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def wait_until(check, seconds=10):
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        if check():
-            return True
-        time.sleep(0.01)
-    return False
-
-
-def listens(port):
-    """Whether somebody does, on 127.0.0.1: found out without a connection, which would count as one."""
-    with open("/proc/net/tcp", encoding="ascii") as table:
-        return any(line.split()[1] == "0100007F:%04X" % port and line.split()[3] == "0A" for line in table)
 
 
 class Listening:
@@ -252,9 +233,7 @@ class Proxy:
     def __init__(self, server_port, keys=None, start=True):
         self.home = tempfile.mkdtemp(prefix="vantrel-system.")
         self.env = dict(os.environ, VANTREL_HOME=self.home)
-        # What a sanitizer has to say of any program of the instance; only some have an output that is read.
-        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
-            self.env[name] = (os.environ.get(name, "") + " log_path=%s/sanitizer" % self.home).strip()
+        sanitizers.report_to(self.home, self.env)
         self.port = free_port()
         values = {NET + "/Port": str(self.port), NET + "/IPAddress": "127.0.0.1",
                   NET + "/ServerToForward": "127.0.0.1:%d" % server_port, NET + "/GreetingDomainName": "proxy.example",
@@ -349,12 +328,7 @@ class Proxy:
             each.send_signal(signal.SIGCONT)
             each.terminate()
             each.wait(30)
-        reports = ""
-        for name in os.listdir(self.home) if os.path.isdir(self.home) else ():
-            if name.startswith("sanitizer."):
-                with open(self.home + "/" + name, encoding="utf-8", errors="replace") as file:
-                    reports += file.read()
+        reports = sanitizers.reports(self.home)
         shutil.rmtree(self.home, ignore_errors=True)
-        if reports:
-            raise AssertionError(reports)
+        assert not reports, reports
         return code, output

@@ -2,14 +2,14 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <locale.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <optional>
 
-#include "daemons/maild/attachments/zipnames.h"
+#include "daemons/maild/attachments/reader.h"
+#include "daemons/maild/attachments/zipheaders.h"
 #include "daemons/maild/forms/archivelook.h"
 #include "daemons/maild/forms/blocks.h"
 
@@ -22,48 +22,6 @@ constexpr long long kMostTimes = 1000;
 constexpr long long kFreeOfRatio = 16LL << 20;
 constexpr std::size_t kBlock = 65536;
 constexpr long long kMostEmpty = 512;  // bytes of an archive without files
-
-struct ReaderFreed {
-    void operator()(archive* reader) const { archive_read_free(reader); }
-};
-using Reader = std::unique_ptr<archive, ReaderFreed>;
-
-// libarchive turns names into the charset of the thread's locale, and loses those that don't fit.
-class Utf8Locale {
-  public:
-    Utf8Locale() : before_(uselocale(Ours())) {}
-    Utf8Locale(const Utf8Locale&) = delete;
-    Utf8Locale& operator=(const Utf8Locale&) = delete;
-    ~Utf8Locale() {
-        if (before_ != nullptr) uselocale(before_);
-    }
-
-  private:
-    static locale_t Ours() {
-        static const locale_t ours = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-        return ours;
-    }
-    const locale_t before_;
-};
-
-Reader MakeReader() {
-    Reader reader(archive_read_new());
-    archive* const made = reader.get();
-    if (made == nullptr) return reader;
-    for (const auto support :
-         {archive_read_support_filter_gzip, archive_read_support_filter_bzip2,
-          archive_read_support_filter_xz,   archive_read_support_filter_lzma,
-          archive_read_support_filter_zstd, archive_read_support_filter_lz4,
-          archive_read_support_filter_lzip, archive_read_support_filter_compress,
-          archive_read_support_format_zip,  archive_read_support_format_7zip,
-          archive_read_support_format_rar,  archive_read_support_format_rar5,
-          archive_read_support_format_tar,  archive_read_support_format_iso9660,
-          archive_read_support_format_cab,  archive_read_support_format_lha,
-          archive_read_support_format_cpio, archive_read_support_format_ar,
-          archive_read_support_format_xar,  archive_read_support_format_raw})
-        support(made);
-    return reader;
-}
 
 const char* KindOf(archive* reader) {
     switch (archive_format(reader) & ARCHIVE_FORMAT_BASE_MASK) {
@@ -135,7 +93,7 @@ bool ArchiveLooker::Look(Spill& spill, Scratch& file, const std::string& path, i
     if (!going_) return false;
     const Utf8Locale utf8;
     const int descriptor = file.Rewind();
-    Reader reader = MakeReader();
+    const Reader reader = MakeReader(Formats::kAll);
     if (descriptor < 0 || reader == nullptr) {
         Stop("an archive can't be stored to be looked into");
         return false;
@@ -149,6 +107,18 @@ bool ArchiveLooker::Look(Spill& spill, Scratch& file, const std::string& path, i
     return Entries(reader.get(), spill, file, path, depth);
 }
 
+// A zip that is packed as a whole: to be looked at from both sides it must be a file.
+bool ArchiveLooker::Unpacked(Spill& spill, Scratch& file, const std::string& path, int depth) {
+    const int descriptor = file.Rewind();
+    const Reader reader = MakeReader(Formats::kPackedAlone);
+    if (descriptor < 0 || reader == nullptr ||
+        archive_read_open_fd(reader.get(), descriptor, kBlock) != ARCHIVE_OK) {
+        Stop("an archive can't be stored to be looked into");
+        return false;
+    }
+    return Entries(reader.get(), spill, file, path, depth);
+}
+
 // What can't be read, or not to its end. `encrypted`: what libarchive has met that is; null:
 // nothing.
 void ArchiveLooker::Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
@@ -157,7 +127,9 @@ void ArchiveLooker::Fail(const char* encrypted, Spill& spill, Scratch& file, boo
     if (!kind.empty()) encrypted = kind.c_str();
     if (encrypted != nullptr) NoteEncrypted(encrypted);
     // Of one whose list of files is encrypted there is nothing else to be read.
-    if (!listed && (encrypted != nullptr || !spill.SurelyArchive())) return;
+    if (!listed && encrypted != nullptr) return;
+    if (!listed && !spill.SurelyArchive() && !(spill.Called() && HoldsArchiveMark(file.Rewind())))
+        return;
     if (tooComplex_.empty()) tooComplex_ = "an archive can't be read: " + path;
 }
 
@@ -165,12 +137,15 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
                             int depth) {
     bool macros = false;
     std::set<std::string> names;
+    std::size_t files = 0;
     for (bool listed = false; going_; listed = true) {
         archive_entry* entry = nullptr;
         const int result = archive_read_next_header(from, &entry);
         const bool plain =
             (archive_format(from) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_RAW &&
             archive_filter_count(from) <= 1;
+        if (!listed && IsZip(from) && archive_filter_count(from) > 1)
+            return Unpacked(spill, file, path, depth);
         if (result == ARCHIVE_EOF && listed) break;
         if (result == ARCHIVE_EOF && !plain && file.Size() <= kMostEmpty) break;
         // A larger archive without files is one that somebody else may find files in.
@@ -178,33 +153,79 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
             Fail(EncryptedBy(from), spill, file, listed, path);
             break;
         }
-        if (depth > limits_.maxDepth) {
-            Stop("archives deeper than MaxArchiveDepth");
-            break;
-        }
-        if (++entries_ > limits_.maxEntries) {
-            Stop("more files in archives than MaxArchiveEntries");
-            break;
-        }
+        if (!Counted(depth)) break;
+        ++files;
         macros = Entry(from, entry, path, depth, names) || macros;
     }
     if (const char* const kind = EncryptedBy(from)) NoteEncrypted(kind);
-    if (going_ && (archive_format(from) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP)
-        LocalNames(file, path, names);
+    if (going_ && IsZip(from)) macros = BothSides(file, path, depth, names, files) || macros;
     return macros;
 }
 
-// A zip tells each name twice: at its end, by which nearly all go, and before the file, by which
-// some do who repair what is broken.
-void ArchiveLooker::LocalNames(Scratch& file, const std::string& path,
-                               std::set<std::string>& listed) {
+// A zip tells all twice: libarchive reads what the directory at its end lists, under the names that
+// stand before the files; readers that repair, or that begin at the front, find others.
+bool ArchiveLooker::BothSides(Scratch& file, const std::string& path, int depth,
+                              std::set<std::string>& listed, std::size_t files) {
     const std::size_t most = listed.size() + static_cast<std::size_t>(limits_.maxEntries);
-    const bool read = ForEachLocalName(file.Rewind(), [&](const std::string& name) {
-        if (listed.size() < most && listed.insert(name).second)
-            use_({ReadingsOfName(name), std::nullopt, {}, 0}, ShownName(name) + " in " + path);
+    ZipHeaders headers;
+    std::size_t met = 0;
+    const bool read = ForEachZipHeader(file.Rewind(), [&](const ZipHeader& header) {
+        if (++met <= 4 * static_cast<std::size_t>(limits_.maxEntries)) headers.Take(header);
+        for (const std::string& name : header.names) {
+            if (listed.size() < most && listed.insert(name).second)
+                use_({ReadingsOfName(name), std::nullopt, {}, 0}, ShownName(name) + " in " + path);
+        }
         return Clock::now() < end_;
     });
     if (!read) Stop("archives were not looked into in time");
+    if (headers.Contradicts() && tooComplex_.empty())
+        tooComplex_ = "a zip that says two things of a file: " + path;
+    return !headers.Plain(files) && Unlisted(file, path, depth, headers.Files(), listed);
+}
+
+// Reads the files of a zip as they stand there, whatever its directory lists.
+bool ArchiveLooker::Unlisted(Scratch& file, const std::string& path, int depth,
+                             const std::vector<long long>& places, std::set<std::string>& listed) {
+    bool macros = false;
+    std::set<long long> left(places.begin(), places.end());
+    while (going_ && !left.empty()) {
+        const long long from = *left.begin();
+        left.erase(left.begin());
+        const int descriptor = file.Rewind();
+        const Reader reader = MakeReader(Formats::kZipAsItStands);
+        if (descriptor < 0 || lseek(descriptor, from, SEEK_SET) != from || reader == nullptr) {
+            Stop("an archive can't be stored to be looked into");
+            break;
+        }
+        if (archive_read_open_fd(reader.get(), descriptor, kBlock) != ARCHIVE_OK) continue;
+        long long archiveAt = -1;
+        for (archive_entry* entry = nullptr; going_;) {
+            const int result = archive_read_next_header(reader.get(), &entry);
+            const long long at = from + archive_read_header_position(reader.get());
+            // What an archive holds in it was looked at when it was.
+            if (archiveAt >= 0 && archiveAt < at)
+                left.erase(left.upper_bound(archiveAt), left.lower_bound(at));
+            if (result == ARCHIVE_EOF || result < ARCHIVE_WARN) break;
+            left.erase(at);
+            if (!Counted(depth)) break;
+            lookedInto_ = false;
+            macros = Entry(reader.get(), entry, path, depth, listed) || macros;
+            archiveAt = lookedInto_ ? at : -1;
+        }
+    }
+    return macros;
+}
+
+// Whether one more file may be looked at.
+bool ArchiveLooker::Counted(int depth) {
+    if (depth > limits_.maxDepth) {
+        Stop("archives deeper than MaxArchiveDepth");
+    } else if (++entries_ > limits_.maxEntries) {
+        Stop("more files in archives than MaxArchiveEntries");
+    } else if (Clock::now() > end_) {
+        Stop("archives were not looked into in time");
+    }
+    return going_;
 }
 
 // True if by its name it is what Office keeps macros in.
@@ -228,8 +249,7 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
     add(archive_entry_pathname_utf8(entry));
     const std::string inner = (shown.empty() ? "a file without a name" : shown) + " in " + path;
 
-    const auto kind = archive_entry_filetype(entry);
-    if (kind == AE_IFDIR) return false;
+    // A folder may have bytes, too: it is one by what is said in one place.
     Spill spill(CalledArchive(member.names, ""));
     const bool encrypted = archive_entry_is_encrypted(entry) > 0;
     if (encrypted) {
@@ -246,10 +266,12 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
     if (!encrypted) {
         member.size = spill.Size();
         if (Scratch* const file = spill.Finish()) macros = Look(spill, *file, inner, depth + 1);
+        lookedInto_ = spill.Type().BeginsArchive() == RealType::Sure::kYes;
         member.types = spill.Type().Types(magic_);
         if (macros) member.types.emplace_back("application/x-office-macros");
         if (spill.Type().OfficeEncrypted()) NoteEncrypted("Office");
     }
+    if (archive_entry_filetype(entry) == AE_IFDIR && spill.Size() == 0 && !encrypted) return false;
     use_(member, inner);
     return std::any_of(member.names.begin(), member.names.end(), [](const std::string& name) {
         return name == "vbaproject.bin" || name.ends_with("/vbaproject.bin");

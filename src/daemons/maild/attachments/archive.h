@@ -45,7 +45,12 @@ class ArchiveLooker {
     bool Entries(archive* from, Spill& spill, Scratch& file, const std::string& path, int depth);
     bool Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
                std::set<std::string>& listed);
-    void LocalNames(Scratch& file, const std::string& path, std::set<std::string>& listed);
+    bool Unpacked(Spill& spill, Scratch& file, const std::string& path, int depth);
+    bool BothSides(Scratch& file, const std::string& path, int depth, std::set<std::string>& listed,
+                   std::size_t files);
+    bool Unlisted(Scratch& file, const std::string& path, int depth,
+                  const std::vector<long long>& places, std::set<std::string>& listed);
+    bool Counted(int depth);
     bool Read(archive* from, Spill& spill);
     void Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
               const std::string& path);
@@ -59,6 +64,7 @@ class ArchiveLooker {
     long long bytes_ = 0;
     int entries_ = 0;
     bool going_ = true;
+    bool lookedInto_ = false;  // the last file was an archive itself
     std::string encrypted_;
     std::string tooComplex_;
 };

@@ -92,7 +92,7 @@ void AttachmentFilter::End(const Part& part) {
     if (part.kind == PartKind::kLeaf && leaf_ != nullptr) LookAtLeaf(part);
     // Another form of the message is not what lies in the file.
     for (; placed_ < findings_.size(); ++placed_) {
-        if (!again_) findings_[placed_].range = part.whole;
+        findings_[placed_].range = again_ ? kNowhere : part.whole;
     }
 }
 
@@ -186,9 +186,18 @@ void AttachmentFilter::LookAtHidden(int file) {
     Ask(attachment, shown);
 }
 
+bool AttachmentFilter::Counts(Action action) const {
+    const auto known = [&](const Finding& each) {
+        return each.action == action && (!Delivers(action) || each.part == part_->place);
+    };
+    return action != Action::kPass && std::none_of(findings_.begin(), findings_.end(), known);
+}
+
 void AttachmentFilter::Ask(const Attachment& attachment, const std::string& what) {
     const AttachmentRule* const rule = rules_.Find(attachment);
-    if (rule == nullptr || findings_.size() >= kMostFindings) return;
+    if (rule == nullptr) return;
+    // Beyond the bound only what would change the decision, or takes out another part.
+    if (findings_.size() >= kMostFindings && !Counts(rule->action)) return;
     const bool told = std::any_of(findings_.begin(), findings_.end(), [&](const Finding& each) {
         return each.rule == rule->name && each.part == part_->place && each.reason == what;
     });

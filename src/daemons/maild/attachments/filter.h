@@ -48,6 +48,7 @@ class AttachmentFilter final : public PartSink {
     void BeginHidden(const Part& part);
     void EndText();
     void Ask(const Attachment& attachment, const std::string& what);
+    bool Counts(Action action) const;
 
     const AttachmentRules& rules_;
     const MagicUse magic_;

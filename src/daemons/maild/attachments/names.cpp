@@ -11,6 +11,7 @@ namespace {
 
 // Longer names can't be saved anywhere.
 constexpr std::size_t kLongestName = 4096;
+constexpr std::size_t kMostFolded = 65536;
 
 struct Freed {
     void operator()(char* text) const { g_free(text); }
@@ -64,8 +65,10 @@ std::string WithoutUnseen(std::string_view text) {
 }
 
 void AddCleaned(std::vector<std::string>& list, std::string_view folded) {
-    const std::string seen = WithoutUnseen(folded);
+    std::string seen = WithoutUnseen(folded);
     AddOnce(list, seen);
+    // A folder of that name to some, to others a file.
+    while (!seen.empty() && (seen.back() == '/' || seen.back() == '\\')) seen.pop_back();
     const std::size_t folder = seen.find_last_of("/\\");
     const std::string file = folder == std::string::npos ? seen : seen.substr(folder + 1);
     AddOnce(list, WithoutUnseen(file));
@@ -73,12 +76,13 @@ void AddCleaned(std::vector<std::string>& list, std::string_view folded) {
     const std::size_t colon = file.find(':');
     if (colon != std::string::npos && colon > 1)
         AddOnce(list, WithoutUnseen(file.substr(0, colon)));
-    // In quotes that don't belong to it, or with a parameter that was taken for a part of it.
-    const std::size_t odd = file.find_first_of("\"';");
-    if (odd == std::string::npos) return;
-    const std::size_t from = file.find_first_not_of("\"' ");
+    // In quotes that don't belong to it, with a parameter that was taken for a part of it, or up to
+    // what no file's name may have.
+    constexpr char kOdd[] = "\"'`;<>?|*";
+    if (file.find_first_of(kOdd) == std::string::npos) return;
+    const std::size_t from = file.find_first_not_of("\"'`<>?|* ");
     if (from == std::string::npos) return;
-    AddOnce(list, WithoutUnseen(file.substr(from, file.find_first_of("\"';", from) - from)));
+    AddOnce(list, WithoutUnseen(file.substr(from, file.find_first_of(kOdd, from) - from)));
 }
 
 std::u32string Characters(std::string_view text) {
@@ -164,7 +168,19 @@ std::string FoldText(std::string_view text) {
 
 std::vector<std::string> ReadingsOfName(std::string_view name) {
     std::vector<std::string> readings;
-    name = name.substr(0, kLongestName);
+    // Who saves it must shorten it, and keeps what tells its type.
+    std::string shortened;
+    if (name.size() > kLongestName) {
+        shortened = FoldText(name.substr(0, kMostFolded));
+        if (name.size() > kMostFolded)
+            shortened += FoldText(
+                name.substr(name.size() - std::min(name.size() - kMostFolded, kLongestName / 2)));
+        shortened = WithoutUnseen(shortened);
+        if (shortened.size() > kLongestName)
+            shortened = shortened.substr(0, kLongestName / 2) +
+                        shortened.substr(shortened.size() - kLongestName / 2);
+        name = shortened;
+    }
     const std::string cut = FoldText(name.substr(0, name.find('\0')));
     AddOnce(readings, cut);
     AddCleaned(readings, cut);

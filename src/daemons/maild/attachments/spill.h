@@ -23,6 +23,7 @@ class Spill {
     const RealType& Type() const { return type_; }
     // Whether it must be readable as an archive.
     bool SurelyArchive() const;
+    bool Called() const { return called_; }
     long long Size() const { return size_; }
 
   private:

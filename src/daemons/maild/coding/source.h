@@ -12,6 +12,8 @@ struct Range {
     long long end = 0;
     bool operator==(const Range&) const = default;
 };
+// Of what doesn't lie in the stored file as it is.
+inline constexpr Range kNowhere{-1, -1};
 
 // How a part's body is coded for the way.
 enum class Coding { kPlain, kBase64, kQuotedPrintable, kUuencode, kYenc, kUnknown };

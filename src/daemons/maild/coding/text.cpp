@@ -22,12 +22,19 @@ bool IsUtf8(const std::string& charset) {
     return charset.empty() || charset == "utf-8" || charset == "utf8" || charset == "us-ascii";
 }
 
+// As the system knows it. A suffix of iconv's own would have it drop or invent characters.
+const char* NameOf(const std::string& charset) {
+    if (charset.find('/') != std::string::npos) return "";
+    // Under names of old: "unicode-1-1-utf-7", "x-unicode-2-0-utf-7".
+    return charset.find("utf-7") != std::string::npos ? "UTF-7" : charset.c_str();
+}
+
 }  // namespace
 
 Utf8Stream::Utf8Stream(const std::string& charset) {
     utf8_ = IsUtf8(charset);
-    // A suffix of iconv's own would have it drop or invent characters.
-    if (!utf8_ && charset.find('/') == std::string::npos) converter_ = Open(charset.c_str());
+    wide_ = charset == "utf-16" || charset == "ucs-2" || charset == "iso-10646-ucs-2";
+    if (!utf8_) converter_ = Open(NameOf(charset));
     known_ = utf8_ || converter_ != nullptr;
     if (converter_ == nullptr) {
         utf8_ = true;
@@ -54,6 +61,15 @@ void Utf8Stream::Convert(bool last, const Take& take) {
         take(rest_);
         rest_.clear();
         return;
+    }
+    if (wide_ && !rest_.empty()) {
+        // Without a mark the system takes the low byte for the first one.
+        wide_ = false;
+        void* const turned = rest_[0] == '\0' ? Open("UTF-16BE") : nullptr;
+        if (turned != nullptr) {
+            iconv_close(converter_);
+            converter_ = turned;
+        }
     }
     char* from = rest_.data();
     std::size_t left = rest_.size();

@@ -33,6 +33,7 @@ class Utf8Stream {
     void* converter_ = nullptr;  // iconv's
     void* fallback_ = nullptr;   // of UTF-8: for bytes that are none
     bool utf8_ = true;
+    bool wide_ = false;  // in UTF-16, whose first byte hasn't come yet
     bool known_ = true;
     std::string rest_;  // bytes not converted yet
 };

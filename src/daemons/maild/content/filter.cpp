@@ -2,11 +2,20 @@
 
 #include <algorithm>
 
+#include "daemons/maild/coding/words.h"
+#include "daemons/maild/content/seen.h"
 #include "daemons/maild/log.h"
 #include "daemons/maild/verdict/ruled.h"
 #include "text/ascii.h"
 
 namespace maild {
+
+namespace {
+
+// Of one message, that a removal is told of.
+constexpr std::size_t kMostPlaces = 100;
+
+}  // namespace
 
 ContentFilter::ContentFilter(const ContentRules& rules, const Envelope& envelope,
                              std::chrono::steady_clock::time_point end)
@@ -25,7 +34,8 @@ ContentFilter::ContentFilter(const ContentRules& rules, const Envelope& envelope
 template <typename Wanted>
 void ContentFilter::Ask(std::string_view text, const std::string& where, const std::string& place,
                         const Wanted& wanted, bool first, bool last) {
-    const std::size_t most = found_.value_or(rules_.rules.size());
+    // One that removes is to find all parts.
+    const std::size_t most = found_ ? *found_ + (Removes(*found_) ? 1 : 0) : rules_.rules.size();
     for (std::size_t i = 0; i < most; ++i) {
         const ContentRule& rule = rules_.rules[i];
         State& state = states_[i];
@@ -39,29 +49,45 @@ void ContentFilter::Ask(std::string_view text, const std::string& where, const s
                 break;
             case Match::kBeyond:
                 state.skipped = true;
+                // Nobody knows what else is to be taken out.
+                if (found_ == i) Meet(i, where, "");
                 LogOnce({.kind = kEventWarning,
                          .text = "the rule " + rule.name +
                                  " on content takes more time or memory than it may, and was "
                                  "skipped for a message"});
                 break;
             case Match::kYes:
-                found_ = i;
-                where_ = where;
-                place_ = place;
-                return;
+                return Meet(i, where, place);
         }
     }
+}
+
+void ContentFilter::Meet(std::size_t rule, const std::string& where, const std::string& place) {
+    if (found_ != rule) met_.clear();
+    found_ = rule;
+    const bool known = std::any_of(met_.begin(), met_.end(), [&](const Met& each) {
+        return each.place == place && each.stored != again_;
+    });
+    if (known || met_.size() > kMostPlaces) return;
+    met_.push_back({where, met_.size() == kMostPlaces ? "" : place, !again_});
 }
 
 void ContentFilter::Headers(std::span<const HeaderField> fields, const std::string& place) {
     if (!place.empty()) return;  // of a message in the message
     for (const HeaderField& field : fields) {
         const std::string name = LowerCase(field.name);
-        Ask(field.decoded, "the header " + field.name, "", [&name](const Places& places) {
+        const auto wanted = [&name](const Places& places) {
             return (places.subject && name == "subject") ||
                    std::find(places.headers.begin(), places.headers.end(), name) !=
                        places.headers.end();
-        });
+        };
+        if (std::none_of(rules_.rules.begin(), rules_.rules.end(),
+                         [&](const ContentRule& rule) { return wanted(rule.places); }))
+            continue;
+        const std::string seen = SeenText(field.decoded);
+        const std::string loose = SeenText(DecodeLoosely(field.raw));
+        Ask(seen, "the header " + field.name, "", wanted);
+        if (loose != seen) Ask(loose, "the header " + field.name, "", wanted);
     }
 }
 
@@ -89,7 +115,7 @@ void ContentFilter::Take(std::string_view text) {
         html_.text += text;
         if (html_.text.size() >= kWindow) Look(html_, &Places::html, "HTML", false);
     } else {
-        text_.text += text;
+        text_.text += SeenText(text);
     }
     if (text_.text.size() >= kWindow) Look(text_, &Places::text, "text", false);
 }
@@ -122,12 +148,15 @@ void ContentFilter::Look(Window& window, bool Places::*place, const char* where,
 }
 
 std::vector<Finding> ContentFilter::Findings() const {
-    if (!found_) return {};
-    const ContentRule& rule = rules_.rules[*found_];
-    Finding finding =
-        RuledFinding(Section::kContent, rule.action, rule.name, "found in " + where_, rule.text);
-    finding.part = place_;
-    return {finding};
+    std::vector<Finding> findings;
+    for (const Met& each : met_) {
+        const ContentRule& rule = rules_.rules[*found_];
+        findings.push_back(RuledFinding(Section::kContent, rule.action, rule.name,
+                                        "found in " + each.where, rule.text));
+        findings.back().part = each.place;
+        if (!each.stored) findings.back().range = kNowhere;
+    }
+    return findings;
 }
 
 }  // namespace maild

@@ -39,8 +39,9 @@ class ContentFilter final : public PartSink {
     void Begin(const Part& part) override;
     void Data(std::span<const std::byte> bytes) override;
     void End(const Part& part) override;
+    void Done(const WalkResult&) override { again_ = true; }
 
-    // Behind the walk: of the rule that decides.
+    // Behind the walk: of the rule that decides; of one that removes, each part.
     std::vector<Finding> Findings() const;
     // Why not all rules were asked about everything; empty: they were.
     const std::string& TooComplex() const { return tooComplex_; }
@@ -50,6 +51,11 @@ class ContentFilter final : public PartSink {
         std::string text;
         bool first = true;
     };
+    struct Met {
+        std::string where;
+        std::string place;
+        bool stored = true;  // in the message as it lies in its file
+    };
     struct State {
         std::chrono::nanoseconds budget = kBudget;
         bool skipped = false;
@@ -58,6 +64,8 @@ class ContentFilter final : public PartSink {
     template <typename Wanted>
     void Ask(std::string_view text, const std::string& where, const std::string& place,
              const Wanted& wanted, bool first = true, bool last = true);
+    void Meet(std::size_t rule, const std::string& where, const std::string& place);
+    bool Removes(std::size_t rule) const { return rules_.rules[rule].action == Action::kRemove; }
     void Look(Window& window, bool Places::*place, const char* where, bool last);
     void Take(std::string_view text);
 
@@ -66,8 +74,8 @@ class ContentFilter final : public PartSink {
     std::vector<State> states_;
     Matcher matcher_;
     std::optional<std::size_t> found_;  // the first rule that has matched
-    std::string where_;
-    std::string place_;
+    std::vector<Met> met_;              // where; the first place alone, but for a removal
+    bool again_ = false;                // this walk isn't the first one
     std::string tooComplex_;
     bool ofBodies_ = false;  // any rule looks at parts
     // Of the text part that is open:

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 
+#include "daemons/maild/content/entities.h"
+#include "daemons/maild/content/seen.h"
 #include "text/ascii.h"
 
 namespace maild {
@@ -20,147 +23,9 @@ constexpr std::string_view kBlocks[] = {
     "h4",      "h5",      "h6",         "head",     "header", "hr",      "html",   "li",
     "main",    "option",  "ol",         "p",        "pre",    "section", "table",  "tbody",
     "td",      "tfoot",   "th",         "thead",    "title",  "tr",      "ul"};
-constexpr std::string_view kHiding[] = {"script", "style", "noembed", "template"};
-
-struct Entity {
-    std::string_view name;
-    std::uint32_t character;
-};
-// Those that mail is written with; all others stay as they are.
-constexpr Entity kEntities[] = {{"amp", '&'},
-                                {"AMP", '&'},
-                                {"lt", '<'},
-                                {"LT", '<'},
-                                {"gt", '>'},
-                                {"GT", '>'},
-                                {"quot", '"'},
-                                {"QUOT", '"'},
-                                {"apos", '\''},
-                                {"nbsp", 0xA0},
-                                {"iexcl", 0xA1},
-                                {"cent", 0xA2},
-                                {"pound", 0xA3},
-                                {"yen", 0xA5},
-                                {"sect", 0xA7},
-                                {"copy", 0xA9},
-                                {"laquo", 0xAB},
-                                {"shy", 0xAD},
-                                {"reg", 0xAE},
-                                {"deg", 0xB0},
-                                {"middot", 0xB7},
-                                {"raquo", 0xBB},
-                                {"iquest", 0xBF},
-                                {"Agrave", 0xC0},
-                                {"Aacute", 0xC1},
-                                {"Acirc", 0xC2},
-                                {"Atilde", 0xC3},
-                                {"Auml", 0xC4},
-                                {"Aring", 0xC5},
-                                {"AElig", 0xC6},
-                                {"Ccedil", 0xC7},
-                                {"Egrave", 0xC8},
-                                {"Eacute", 0xC9},
-                                {"Ecirc", 0xCA},
-                                {"Euml", 0xCB},
-                                {"Iacute", 0xCD},
-                                {"Ntilde", 0xD1},
-                                {"Oacute", 0xD3},
-                                {"Ocirc", 0xD4},
-                                {"Ouml", 0xD6},
-                                {"Oslash", 0xD8},
-                                {"Uacute", 0xDA},
-                                {"Uuml", 0xDC},
-                                {"szlig", 0xDF},
-                                {"agrave", 0xE0},
-                                {"aacute", 0xE1},
-                                {"acirc", 0xE2},
-                                {"atilde", 0xE3},
-                                {"auml", 0xE4},
-                                {"aring", 0xE5},
-                                {"aelig", 0xE6},
-                                {"ccedil", 0xE7},
-                                {"egrave", 0xE8},
-                                {"eacute", 0xE9},
-                                {"ecirc", 0xEA},
-                                {"euml", 0xEB},
-                                {"igrave", 0xEC},
-                                {"iacute", 0xED},
-                                {"icirc", 0xEE},
-                                {"iuml", 0xEF},
-                                {"ntilde", 0xF1},
-                                {"ograve", 0xF2},
-                                {"oacute", 0xF3},
-                                {"ocirc", 0xF4},
-                                {"otilde", 0xF5},
-                                {"ouml", 0xF6},
-                                {"oslash", 0xF8},
-                                {"ugrave", 0xF9},
-                                {"uacute", 0xFA},
-                                {"ucirc", 0xFB},
-                                {"uuml", 0xFC},
-                                {"yacute", 0xFD},
-                                {"yuml", 0xFF},
-                                {"ensp", 0x2002},
-                                {"emsp", 0x2003},
-                                {"thinsp", 0x2009},
-                                {"zwnj", 0x200C},
-                                {"zwj", 0x200D},
-                                {"ZeroWidthSpace", 0x200B},
-                                {"ndash", 0x2013},
-                                {"mdash", 0x2014},
-                                {"lsquo", 0x2018},
-                                {"rsquo", 0x2019},
-                                {"ldquo", 0x201C},
-                                {"rdquo", 0x201D},
-                                {"bull", 0x2022},
-                                {"hellip", 0x2026},
-                                {"euro", 0x20AC},
-                                {"trade", 0x2122},
-                                {"Tab", '\t'},
-                                {"NewLine", '\n'},
-                                {"colon", ':'},
-                                {"period", '.'},
-                                {"comma", ','},
-                                {"sol", '/'},
-                                {"commat", '@'},
-                                {"num", '#'},
-                                {"excl", '!'},
-                                {"dollar", '$'}};
-
-std::string Utf8(std::uint32_t c) {
-    if (c == 0 || c > 0x10FFFF || (c >= 0xD800 && c < 0xE000)) c = 0xFFFD;
-    const auto byte = [](std::uint32_t value) { return static_cast<char>(value); };
-    if (c < 0x80) return {byte(c)};
-    if (c < 0x800) return {byte(0xC0 | c >> 6), byte(0x80 | (c & 0x3F))};
-    if (c < 0x10000)
-        return {byte(0xE0 | c >> 12), byte(0x80 | (c >> 6 & 0x3F)), byte(0x80 | (c & 0x3F))};
-    return {byte(0xF0 | c >> 18), byte(0x80 | (c >> 12 & 0x3F)), byte(0x80 | (c >> 6 & 0x3F)),
-            byte(0x80 | (c & 0x3F))};
-}
-
-// Of one character: blanks of any kind, and what has no width.
-enum class Look { kSeen, kBlank, kUnseen };
-Look LookOf(std::string_view c) {
-    if (c.size() == 1)
-        return IsSpace(c[0]) ? Look::kBlank : IsControl(c[0]) ? Look::kUnseen : Look::kSeen;
-    if (c == "\xC2\xA0" || c == "\xE3\x80\x80" || c == "\xE2\x80\xAF" || c == "\xE2\x81\x9F")
-        return Look::kBlank;
-    if (c == "\xC2\xAD" || c == "\xEF\xBB\xBF" || c == "\xCD\x8F") return Look::kUnseen;
-    if (c.size() == 3 && c.starts_with("\xE2\x80")) {
-        const auto last = static_cast<unsigned char>(c[2]);
-        if (last <= 0x8A || last == 0xA8 || last == 0xA9) return Look::kBlank;
-        if (last <= 0x8F || (last >= 0xAA && last <= 0xAE)) return Look::kUnseen;
-    }
-    if (c.size() == 3 && c.starts_with("\xE2\x81") && static_cast<unsigned char>(c[2]) >= 0xA0 &&
-        static_cast<unsigned char>(c[2]) <= 0xAF)
-        return Look::kUnseen;
-    return Look::kSeen;
-}
-
-std::size_t LengthOf(char first) {
-    const auto byte = static_cast<unsigned char>(first);
-    return byte < 0xC0 ? 1 : byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
-}
+constexpr std::string_view kHiding[] = {"script", "style"};
+constexpr std::string_view kRawText[] = {"title",   "textarea", "xmp",
+                                         "noembed", "noframes", "iframe"};
 
 template <typename List>
 bool Among(const List& list, std::string_view word) {
@@ -212,43 +77,87 @@ void VisibleText::Take(char c, std::string& out) {
             }
             break;
         case State::kEntity:
-            if (IsLetter(c) || IsDigit(c) || (c == '#' && word_.empty())) {
-                word_ += c;
-                if (word_.size() > kLongestWord) EndEntity(out);
-            } else {
-                const bool known = EndEntity(out);
-                if (c != ';' || !known) Take(c, out);
-            }
+            TakeEntity(c, out);
             break;
         case State::kHidden:
             // Up to its end tag.
             word_ += FoldCase(c);
             if (word_.size() > kLongestWord) word_.erase(0, word_.size() - kLongestWord / 2);
-            if (word_.ends_with("</" + hidden_)) {
-                state_ = State::kTag;
-                word_.clear();
-                nameEnded_ = true;
-            }
+            if (word_.ends_with("</" + element_)) BeginTag("/");
+            break;
+        case State::kRaw:
+            TakeRaw(c, out);
             break;
         case State::kComment:
             word_ += c;
-            if (word_.size() > 3) word_.erase(0, word_.size() - 3);
-            if (word_ == "-->" || (c == '>' && word_ == "--!>")) state_ = State::kText;
+            if (word_.size() > 4) word_.erase(0, word_.size() - 4);
+            if (word_.ends_with("-->") || word_ == "--!>") state_ = State::kText;
             break;
         default:
             TakeTag(c, out);
     }
 }
 
+void VisibleText::TakeEntity(char c, std::string& out) {
+    const bool number = word_.starts_with('#');
+    const bool hex = word_.starts_with("#x") || word_.starts_with("#X");
+    const bool goesOn = !number ? IsLetter(c) || IsDigit(c) || (c == '#' && word_.empty())
+                        : hex   ? HexDigit(c) >= 0
+                                : IsDigit(c) || (word_.size() == 1 && FoldCase(c) == 'x');
+    if (goesOn) {
+        // Zeros in front change nothing, however many there are.
+        if (number && c == '0' && word_.size() == (hex ? 2U : 1U)) {
+            zeros_ = true;
+            return;
+        }
+        word_ += c;
+        if (word_.size() > kLongestWord) EndEntity(out);
+        return;
+    }
+    const bool known = EndEntity(out);
+    if (c != ';' || !known) Take(c, out);
+}
+
+// What may be its end tag is held back.
+void VisibleText::TakeRaw(char c, std::string& out) {
+    const std::string end = "</" + element_;
+    word_ += c;
+    const std::string small = LowerCase(word_);
+    if (small == end) {
+        BeginTag("/" + element_);
+    } else if (!end.starts_with(small)) {
+        std::string text;
+        text.swap(word_);
+        for (const char each : text.substr(0, text.size() - 1)) PutText(each, out);
+        if (c == '<') {
+            word_ = c;
+        } else {
+            PutText(c, out);
+        }
+    }
+}
+
+void VisibleText::BeginTag(std::string name) {
+    state_ = State::kTag;
+    word_ = std::move(name);
+    nameEnded_ = attribute_ = valueBegins_ = inValue_ = closed_ = false;
+}
+
 void VisibleText::TakeTag(char c, std::string& out) {
     switch (state_) {
         case State::kTagOpen:
-            if (c == '!' || c == '?') {
+            if (c == '!') {
                 state_ = State::kMarkup;
-            } else if (IsLetter(c) || c == '/') {
-                state_ = State::kTag;
-                nameEnded_ = false;
-                word_ += FoldCase(c);
+            } else if (IsLetter(c) || (c == '/' && word_.empty())) {
+                // Behind "</" a letter makes a tag, anything else a comment.
+                if (c == '/') {
+                    word_ = c;
+                } else {
+                    BeginTag(word_ + FoldCase(c));
+                }
+            } else if (word_ == "/" || c == '?') {
+                state_ = c == '>' ? State::kText : State::kBogus;
+                word_.clear();
             } else {
                 state_ = State::kText;
                 PutText('<', out);
@@ -264,60 +173,90 @@ void VisibleText::TakeTag(char c, std::string& out) {
                 state_ = State::kText;
             }
             break;
+        case State::kBogus:
+            if (c == '>') state_ = State::kText;
+            break;
         case State::kQuoted:
             if (c == quote_) state_ = State::kTag;
             break;
         default:
-            if (c == '>') {
-                EndTag();
-            } else if ((c == '"' || c == '\'') && nameEnded_) {
-                state_ = State::kQuoted;
-                quote_ = c;
-            } else if (IsSpace(c) || (c == '/' && word_ != "/")) {
-                nameEnded_ = true;
-            } else if (!nameEnded_ && word_.size() < kLongestWord) {
-                word_ += FoldCase(c);
-            }
+            TakeInTag(c);
+    }
+}
+
+// Quotes count behind an attribute's '=' alone.
+void VisibleText::TakeInTag(char c) {
+    if (c == '>') return EndTag();
+    if (valueBegins_ && IsSpace(c)) return;
+    if (valueBegins_ && (c == '"' || c == '\'')) {
+        state_ = State::kQuoted;
+        quote_ = c;
+        valueBegins_ = false;
+        return;
+    }
+    inValue_ = (inValue_ || valueBegins_) && !IsSpace(c);
+    if (nameEnded_ && c == '=' && !inValue_ && attribute_) {
+        valueBegins_ = true;
+        attribute_ = false;
+        return;
+    }
+    valueBegins_ = false;
+    if (inValue_) return;
+    closed_ = c == '/';
+    if (IsSpace(c) || c == '/') {
+        nameEnded_ = true;
+        attribute_ = attribute_ && c != '/';
+    } else if (nameEnded_) {
+        attribute_ = true;
+    } else if (word_.size() < kLongestWord) {
+        word_ += FoldCase(c);
     }
 }
 
 void VisibleText::EndTag() {
     state_ = State::kText;
     const bool end = word_.starts_with('/');
-    const std::string_view name = std::string_view(word_).substr(end ? 1 : 0);
-    if (Among(kBlocks, name)) Separate();
-    if (!end && Among(kHiding, name)) {
-        state_ = State::kHidden;
-        hidden_ = name;
-    }
+    const std::string name = word_.substr(end ? 1 : 0);
     word_.clear();
+    if (Among(kBlocks, name)) Separate();
+    // Closed by itself it hides nothing to some.
+    if (end || closed_) return;
+    if (Among(kHiding, name)) state_ = State::kHidden;
+    if (Among(kRawText, name)) state_ = State::kRaw;
+    element_ = name;
+}
+
+void VisibleText::EndNumber(std::string_view word, std::string& out) {
+    const bool hex = word.size() > 1 && FoldCase(word[1]) == 'x';
+    std::uint32_t character = 0;
+    for (std::size_t i = hex ? 2 : 1; i < word.size(); ++i)
+        character = std::min<std::uint32_t>(
+            character * (hex ? 16 : 10) + static_cast<std::uint32_t>(HexDigit(word[i])), 0x110000);
+    // What browsers take these for.
+    if (character == 0x96 || character == 0x97) character = 0x2013;
+    Put(Utf8(character), out);
 }
 
 bool VisibleText::EndEntity(std::string& out) {
     state_ = State::kText;
-    std::uint32_t character = 0;
-    if (word_.size() > 1 && word_[0] == '#') {
-        const bool hex = FoldCase(word_[1]) == 'x';
-        for (std::size_t i = hex ? 2 : 1; i < word_.size(); ++i) {
-            const int digit = HexDigit(word_[i]);
-            if (digit < 0 || (!hex && digit > 9)) break;
-            character = std::min<std::uint32_t>(
-                character * (hex ? 16 : 10) + static_cast<std::uint32_t>(digit), 0x110000);
-        }
-        // What browsers take these for.
-        if (character == 0x96 || character == 0x97) character = 0x2013;
+    std::string word;
+    word.swap(word_);
+    const bool zeros = std::exchange(zeros_, false);
+    if (word.starts_with('#') && (zeros || HexDigit(word.back()) >= 0)) {
+        EndNumber(word, out);
+        return true;
+    }
+    if (const std::uint32_t character = CharacterOf(word)) {
         Put(Utf8(character), out);
         return true;
     }
-    for (const Entity& each : kEntities) {
-        if (each.name != word_) continue;
-        Put(Utf8(each.character), out);
-        return true;
+    const std::string_view open = OpenNameIn(word);
+    if (open.empty()) {
+        PutText('&', out);
+    } else {
+        Put(Utf8(CharacterOf(open)), out);
     }
-    const std::string word = std::move(word_);
-    word_.clear();
-    PutText('&', out);
-    for (const char c : word) PutText(c, out);
+    for (const char c : word.substr(open.size())) PutText(c, out);
     return false;
 }
 

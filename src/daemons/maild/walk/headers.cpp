@@ -1,7 +1,10 @@
 #include "daemons/maild/walk/headers.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <utility>
 
+#include "daemons/maild/coding/words.h"
 #include "daemons/maild/walk/parameters.h"
 #include "text/ascii.h"
 
@@ -78,21 +81,63 @@ void AddOnce(std::vector<std::string>& list, std::string text) {
         list.push_back(std::move(text));
 }
 
+bool IsNameOf(const Parameter& parameter, std::string_view name) {
+    return parameter.name.starts_with(name) && parameter.name.substr(name.size(), 1) == "*";
+}
+
+// The pieces of one parameter put together, in the order that they say and in which they stand.
+void AddJoined(std::vector<std::string>& list, const StructuredValue& parsed,
+               std::string_view name) {
+    std::vector<std::pair<int, std::string_view>> pieces;
+    for (const Parameter& each : parsed.parameters) {
+        if (IsNameOf(each, name))
+            pieces.emplace_back(std::atoi(each.name.c_str() + name.size() + 1), each.value);
+    }
+    for (const bool ordered : {false, true}) {
+        if (ordered)
+            std::stable_sort(pieces.begin(), pieces.end(),
+                             [](const auto& a, const auto& b) { return a.first < b.first; });
+        std::string joined;
+        for (const auto& each : pieces) joined += each.second;
+        AddOnce(list, MakeUtf8(joined));
+        AddOnce(list, DecodeLoosely(joined));
+    }
+}
+
+// Whatever stands behind the parameter's name, for readers that don't know the syntax: up to the
+// semicolon, and within the first quotes.
+void AddCrude(std::vector<std::string>& list, std::string_view value, std::string_view name) {
+    const std::string small = LowerCase(value);
+    for (std::size_t at = small.find(name); at != std::string::npos;
+         at = small.find(name, at + name.size())) {
+        std::size_t from = at + name.size();
+        if (at > 0 && IsLetter(small[at - 1])) continue;
+        while (from < value.size() && (IsBlank(value[from]) || value[from] == '*')) ++from;
+        if (from == value.size() || value[from] != '=') continue;
+        from = value.find_first_not_of(" \t", from + 1);
+        if (from == std::string_view::npos) return;
+        std::string_view text = value.substr(from);
+        if (text[0] == '"') {
+            AddOnce(list, DecodeLoosely(text.substr(1, text.find('"', 1) - 1)));
+        } else {
+            AddOnce(list, DecodeLoosely(Trim(text.substr(0, text.find(';')))));
+        }
+    }
+}
+
 // The readings of one parameter, each once.
 void AddReadings(std::vector<std::string>& list, const std::string& value, bool disposition,
                  const char* name) {
     AddOnce(list, DecodeParameter(value, disposition, name));
     const StructuredValue parsed = ParseStructured(value);
-    std::string joined;
     for (const Parameter& each : parsed.parameters) {
-        if (each.name == name) {
-            AddOnce(list, DecodeText(each.value));
-            AddOnce(list, MakeUtf8(each.value));
-        } else if (each.name.starts_with(std::string(name) + "*")) {
-            joined += each.value;
-        }
+        if (each.name != name) continue;
+        AddOnce(list, DecodeText(each.value));
+        AddOnce(list, DecodeLoosely(each.value));
+        AddOnce(list, MakeUtf8(each.value));
     }
-    AddOnce(list, MakeUtf8(joined));
+    AddJoined(list, parsed, name);
+    AddCrude(list, value, name);
 }
 
 bool HasTwo(const StructuredValue& value, std::string_view name) {
@@ -169,6 +214,9 @@ void HeaderBlock::ReadType(Declared& declared) const {
     for (const Parameter& each : parsed.parameters) {
         if (each.name == "charset" && part.charset.empty()) part.charset = LowerCase(each.value);
     }
+    // In pieces or with a charset of its own.
+    if (part.charset.empty() && type.value.find('*') != std::string::npos)
+        part.charset = LowerCase(DecodeParameter(type.value, false, "charset"));
     if (part.type == "application/pkcs7-mime" || part.type == "application/x-pkcs7-mime") {
         std::string kind;
         for (const Parameter& each : parsed.parameters) {
@@ -256,9 +304,14 @@ void HeaderBlock::ReadNames(Declared& declared) const {
         for (const Field& field : fields_) {
             const bool own =
                 EqualIgnoringCase(field.name, disposition ? "Content-Disposition" : "Content-Type");
-            if (own)
-                AddReadings(declared.part.names, std::string(Trim(Unfold(field.value))),
-                            disposition, name);
+            if (!own) continue;
+            const std::string value(Trim(Unfold(field.value)));
+            const std::string closed(Trim(Unfold(field.value, true)));
+            const std::string decoded = DecodeLoosely(value);
+            AddReadings(declared.part.names, value, disposition, name);
+            if (closed != value) AddReadings(declared.part.names, closed, disposition, name);
+            // As a whole it is no coded text, but some take it for one.
+            if (decoded != value) AddCrude(declared.part.names, decoded, name);
         }
     }
 }

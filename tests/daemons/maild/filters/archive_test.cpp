@@ -113,6 +113,70 @@ TEST(Archives, BothNamesOfAFileInAZip) {
     }
 }
 
+std::string Replaced(std::string text, const std::string& old, const std::string& made) {
+    const std::size_t at = text.rfind(old);
+    EXPECT_NE(at, std::string::npos);
+    return text.replace(at, old.size(), made);
+}
+
+// What one reader takes for the archive and another one doesn't.
+TEST(Archives, ReadFromEitherEnd) {
+    const AttachmentRules rules{{NameRule("exe", "*.exe"), TypeRule("type", "*dosexec")}, {}};
+    const std::string inner = Zip({{"a.exe", "x"}});
+    const std::string good = Zip({{"a.txt", "x"}});
+    const std::string listed = Replaced(good, "a.txt", "a.exe");
+    const std::string commented =
+        listed.substr(0, listed.size() - 2) + "\x30\x75" + std::string(30000, 'c');
+    std::string flagged = Zip({{"a.dat", kProgram}});
+    flagged[6] = static_cast<char>(flagged[6] | 1);
+    const struct {
+        const char* name;
+        std::string data;
+        const char* findings;
+        const char* tooComplex;
+    } cases[] = {
+        {"by the directory's name", listed, "exe: a.exe in f.zip; ", ""},
+        {"with a long comment behind it", commented, "exe: a.exe in f.zip; ", ""},
+        {"behind something, too", Random(100) + commented, "", "an archive can't be read: f.zip"},
+        {"behind a picture", "GIF89a" + std::string(100, 'x') + commented, "",
+         "an archive can't be read: f.zip"},
+        {"packed as a whole", Pack("raw", "gzip", {{"f", listed}}), "exe: a.exe in f in f.zip; ",
+         ""},
+        {"another zip in front", Zip({{"b", kProgram}}) + good, "type: b in f.zip; ", ""},
+        {"and one in it", Pack("zip", "none", {{"b", inner}}) + good, "exe: a.exe in b in f.zip; ",
+         ""},
+        {"of the same names", Zip({{"a.txt", kProgram}}) + good, "type: a.txt in f.zip; ", ""},
+        {"between others", good + Zip({{"a.txt", kProgram}}) + good, "type: a.txt in f.zip; ", ""},
+        {"encrypted by one of two", flagged, "", "a zip that says two things of a file: f.zip"},
+        {"RAR behind a picture", "GIF89a" + Random(100) + "Rar!\x1A\7"s + Random(100), "",
+         "an archive can't be read: f.zip"},
+        {"a stored zip is as any other file", Zip({{"b.zip", good}, {"c.zip", good}}), "", ""},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.name);
+        const Result result = Filter(Mail({{"f.zip", each.data}}), rules);
+        EXPECT_EQ(result.findings, each.findings);
+        EXPECT_EQ(result.tooComplex, each.tooComplex);
+    }
+}
+
+// A folder that has bytes: to pass over them costs as much as to read them.
+TEST(Archives, FoldersWithBytes) {
+    std::string header = Pack("ustar", "none", {{"d", ""}}).substr(0, 512);
+    header.replace(124, 11, "77777777777");  // 8 GiB
+    header[156] = 'D';
+    header.replace(148, 8, 8, ' ');
+    unsigned sum = 0;
+    for (const char c : header) sum += static_cast<unsigned char>(c);
+    char digits[8];
+    std::snprintf(digits, sizeof digits, "%06o", sum);
+    header.replace(148, 7, digits, 7);
+    const std::string packed = Pack("raw", "gzip", {{"f", header + std::string(40 << 20, '\0')}});
+    const AttachmentRules rules{{NameRule("exe", "*.exe")}, {.maxBytes = 16 << 20}};
+    EXPECT_EQ(Filter(Mail({{"f.tgz", packed}}), rules).tooComplex,
+              "more bytes in archives than MaxArchiveBytes");
+}
+
 TEST(Archives, RealTypesOfWhatLiesInThem) {
     AttachmentRules rules{{TypeRule("macros", "application/x-office-macros"),
                            TypeRule("programs", "application/x-dosexec;application/x-executable")},

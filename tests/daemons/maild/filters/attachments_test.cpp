@@ -220,4 +220,19 @@ TEST(Attachments, EachReadingOfABrokenCoding) {
     EXPECT_EQ(Filter(url, rules), "r 1 a; ");
 }
 
+// However many attachments a mild rule has matched.
+TEST(Attachments, Many) {
+    AttachmentRules rules{{Rule("mild", "a*"), Rule("strict", "*.exe")}, {}};
+    std::string parts;
+    for (int i = 0; i < 150; ++i)
+        parts += "--b\nContent-Type: x/y; name=a" + std::to_string(i) + "\n\nx\n";
+    parts += "--b\nContent-Type: x/y; name=b.exe\n\nx\n";
+    rules.rules.front().action = maild::Action::kPass;
+    EXPECT_NE(Filter(Mixed(parts), rules).find("strict 151 b.exe; "), std::string::npos);
+    rules.rules.front().action = maild::Action::kRemove;
+    const std::string removed = Filter(Mixed(parts), rules);
+    EXPECT_NE(removed.find("mild 150 a149; "), std::string::npos);
+    EXPECT_NE(removed.find("strict 151 b.exe; "), std::string::npos);
+}
+
 }  // namespace

@@ -10,6 +10,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using maild::ContentFilter;
 using maild::ContentRule;
 using maild::ContentRules;
@@ -35,7 +36,7 @@ std::string Filter(const std::string& message, const ContentRules& rules,
     EXPECT_EQ(filter.TooComplex(), "");
     std::string found;
     for (const maild::Finding& each : filter.Findings())
-        found += each.rule + " " + each.part + " " + each.reason;
+        found += (found.empty() ? "" : " ") + each.rule + " " + each.part + " " + each.reason;
     return found;
 }
 
@@ -81,6 +82,58 @@ TEST(Content, WhereAndWhat) {
          "r 1 found in text"},
         {"characters without width", "text", "viagra", kHtml + "vi\u200Bag&shy;ra&#8203;",
          "r 1 found in text"},
+        {"the same in plain text", "text", "viagra now",
+         "\nvi\u200Bag\u00ADr\uFE0F\x7F"
+         "a\u00A0now\n",
+         "r 1 found in text"},
+        {"zeros in plain text", "text", "viagra", "\nv\0ia\0gra\n"s, "r 1 found in text"},
+        {"lines of plain text", "text", "^one\r?\ntwo\r?$", "\none\ntwo", "r 1 found in text"},
+        {"a subject without width", "subject", "viagra", "Subject: =?utf-8?Q?via=E2=80=8Bgra?=\n\n",
+         "r  found in the header Subject"},
+        {"a subject without fillers", "subject", "viagra", "Subject: =?utf-8?B?dmlhZ3Jh=?= x\n\n",
+         "r  found in the header Subject"},
+        {"coded words with blanks", "subject", "buy viagra",
+         "Subject: =?utf-8?Q?buy viagr?= =?x?Q?a?=\n\n", "r  found in the header Subject"},
+        {"UTF-7 under a name of old", "text", "viagra",
+         "Content-Type: text/plain; charset=x-unicode-2-0-utf-7\n\nvi+AGE-gra\n",
+         "r 1 found in text"},
+        {"a charset in pieces", "text", "viagra",
+         "Content-Type: text/plain; charset*0=utf; charset*1=-7\n\nvi+AGE-gra\n",
+         "r 1 found in text"},
+        {"UTF-16 without a mark", "text", "hi",
+         "Content-Type: text/plain; charset=utf-16\nContent-Transfer-Encoding: "
+         "base64\n\nAGgAaQ==\n",
+         "r 1 found in text"},
+        {"a comment's other end", "text", "seen", kHtml + "<!-- x --!>seen<!-- -->",
+         "r 1 found in text"},
+        {"quotes that are no value's", "text", "^seen$", kHtml + "<b \">seen<b \">",
+         "r 1 found in text"},
+        {"quotes within a value", "text", "^seen$", kHtml + "<b x=y\">seen<b \">",
+         "r 1 found in text"},
+        {"a value behind blanks", "text", "^seen$", kHtml + "<b x = '>' y=\">\">seen",
+         "r 1 found in text"},
+        {"a slash before a sign", "text", "^seen$", kHtml + "<b x/=\">seen<b \">",
+         "r 1 found in text"},
+        {"an end tag without a name", "text", "^seen$", kHtml + "</ \">seen<b a=\"\">",
+         "r 1 found in text"},
+        {"an instruction", "text", "^seen$", kHtml + "<?-- >seen", "r 1 found in text"},
+        {"a comment in a title", "text", "seen", kHtml + "<title><!--</title>seen",
+         "r 1 found in text"},
+        {"less-than in a text area", "text", "^a<b</textarseen$",
+         kHtml + "<textarea>a<b</textar</TEXTAREA >seen", "r 1 found in text"},
+        {"a style that is closed by itself", "text", "seen", kHtml + "<svg><style/></svg>seen",
+         "r 1 found in text"},
+        {"what only browsers hide", "text", "seen", kHtml + "<template>seen</template>",
+         "r 1 found in text"},
+        {"numbers without semicolons", "text", "^viagra$", kHtml + "&#118iagr&#x61;",
+         "r 1 found in text"},
+        {"many zeros", "text", "^viagra$", kHtml + "&#" + std::string(60, '0') + "118;iagra",
+         "r 1 found in text"},
+        {"a name without a semicolon", "text", "^viagra$", kHtml + "via&shygra",
+         "r 1 found in text"},
+        {"names of what doesn't show", "text", "^viagra$",
+         kHtml + "v&lrm;i&NoBreak;a&NegativeThinSpace;gra", "r 1 found in text"},
+        {"no number", "text", "^&#;&#x;$", kHtml + "&#;&#x;", "r 1 found in text"},
         {"blocks are apart", "text", "one two", kHtml + "<div>one</div><div>two</div>",
          "r 1 found in text"},
         {"script isn't visible", "text", "hidden",
@@ -107,6 +160,22 @@ TEST(Content, TheFirstRuleDecides) {
     const ContentRules rules{{Rule("1", "text", "late"), Rule("2", "subject", "early")}};
     EXPECT_EQ(Filter("Subject: early\n\nlate\n", rules), "1 1 found in text");
     EXPECT_EQ(Filter("Subject: early\n\nx\n", rules), "2  found in the header Subject");
+}
+
+// Each part that a removal has to take out, and none of a rule that comes later.
+TEST(Content, WhatIsToBeRemoved) {
+    ContentRules rules;
+    rules.rules.push_back(Rule("r", "text;subject", "needle"));
+    rules.rules.push_back(Rule("s", "text", "other"));
+    rules.rules.front().action = maild::Action::kRemove;
+    const std::string parts =
+        "Content-Type: multipart/mixed; boundary=b\n\n--b\n\nother\n--b\n\nneedle\n--b\n\n"
+        "hay\n--b\nContent-Type: text/html\n\nneed<b>le\n--b--\n";
+    EXPECT_EQ(Filter(parts, rules), "r 2 found in text r 4 found in text");
+    EXPECT_EQ(Filter("Subject: needle\n" + parts, rules),
+              "r  found in the header Subject r 2 found in text r 4 found in text");
+    rules.rules.front().action = maild::Action::kReject;
+    EXPECT_EQ(Filter(parts, rules), "r 2 found in text");
 }
 
 TEST(Content, LargeTexts) {

@@ -189,6 +189,33 @@ TEST(Walk, Names) {
     }
 }
 
+// Some reader shows each of these as a program.
+TEST(Walk, NamesOfLenientReaders) {
+    const char* const cases[] = {
+        "Content-Disposition: filename=a.exe",
+        "Content-Type: name=a.exe",
+        "Content-Disposition: attachment filename=a.exe",
+        "Content-Disposition: attachment, FileName = \"a.exe\"; x=y",
+        "Content-Disposition: attachment; filename=\"a.exe\" x=y",
+        "Content-Disposition: attachment; filename=a(.exe",
+        "Content-Disposition: attachment; filename=a.\n  exe",
+        "Content-Disposition: attachment; filename=\"a.e\n\txe\"",
+        "Content-Disposition: attachment; filename*1=.exe; filename*0=a",
+        "Content-Disposition: attachment; filename*0=\"=?utf-8?Q?a=2E\"; filename*1=\"exe?=\"",
+        "Content-Disposition: attachment; filename=\"=?utf-8?Q?my a=2Eexe?=\"",
+        "Content-Disposition: attachment; filename=\"=?utf-8?B?YS5le?= =?utf-8?B?GU?=\"",
+        "Content-Disposition: attachment; filename=\"=?utf-8*en?Q?a=2Eexe?=\"",
+        "Content-Disposition: =?utf-8?Q?attachment;_filename=3Da.exe?=",
+    };
+    for (const char* each : cases) {
+        const Outline outline = OutlineOf(Wire(std::string(each) + "\n\nx\n"));
+        bool shown = false;
+        for (const std::string& name : outline.parts[0].names)
+            shown = shown || name.ends_with(".exe");
+        EXPECT_TRUE(shown) << each;
+    }
+}
+
 TEST(Walk, Limits) {
     std::string nested;
     std::string many = "Content-Type: multipart/mixed; boundary=b\n\n";

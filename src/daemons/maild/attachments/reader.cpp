@@ -1,0 +1,54 @@
+#include "daemons/maild/attachments/reader.h"
+
+namespace maild {
+
+namespace {
+
+using Support = int (*)(archive*);
+constexpr Support kFilters[] = {
+    archive_read_support_filter_gzip, archive_read_support_filter_bzip2,
+    archive_read_support_filter_xz,   archive_read_support_filter_lzma,
+    archive_read_support_filter_zstd, archive_read_support_filter_lz4,
+    archive_read_support_filter_lzip, archive_read_support_filter_compress};
+constexpr Support kFormats[] = {
+    archive_read_support_format_zip,  archive_read_support_format_7zip,
+    archive_read_support_format_rar,  archive_read_support_format_rar5,
+    archive_read_support_format_tar,  archive_read_support_format_iso9660,
+    archive_read_support_format_cab,  archive_read_support_format_lha,
+    archive_read_support_format_cpio, archive_read_support_format_ar,
+    archive_read_support_format_xar};
+
+locale_t Ours() {
+    static const locale_t ours = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    return ours;
+}
+
+}  // namespace
+
+Reader MakeReader(Formats formats) {
+    Reader reader(archive_read_new());
+    archive* const made = reader.get();
+    if (made == nullptr) return reader;
+    if (formats == Formats::kZipAsItStands) {
+        archive_read_support_format_zip_streamable(made);
+        return reader;
+    }
+    for (const Support each : kFilters) each(made);
+    if (formats == Formats::kAll) {
+        for (const Support each : kFormats) each(made);
+    }
+    archive_read_support_format_raw(made);
+    return reader;
+}
+
+bool IsZip(archive* reader) {
+    return (archive_format(reader) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP;
+}
+
+Utf8Locale::Utf8Locale() : before_(uselocale(Ours())) {}
+
+Utf8Locale::~Utf8Locale() {
+    if (before_ != nullptr) uselocale(before_);
+}
+
+}  // namespace maild

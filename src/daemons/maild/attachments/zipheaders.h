@@ -1,0 +1,52 @@
+// Inside attachments/: what a zip says of its files. It says it twice, before each file and in the
+// directory at its end; some readers go by the one, some by the other.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace maild {
+
+struct ZipHeader {
+    bool ofDirectory = false;
+    long long at = 0;                // where it stands in the file
+    long long points = -1;           // of the directory: where the other one is said to stand
+    std::vector<std::string> names;  // its own, and in UTF-8 beside it, if that is given
+    bool encrypted = false;
+    unsigned method = 0;
+};
+
+// Reads the file from its start and hands over all that stands behind the mark of a header. False
+// if it can't be read, or once `use` gives false.
+bool ForEachZipHeader(int file, const std::function<bool(ZipHeader header)>& use);
+
+// What becomes known of a zip by its headers.
+class ZipHeaders {
+  public:
+    void Take(const ZipHeader& header);
+    // Whether the directory tells of each file that stands there, of so many in all, and of no
+    // other. A zip that is stored in a zip shows its files here, too.
+    bool Plain(std::size_t files) const;
+    // A file is packed or encrypted in one way by the directory and in another one by itself.
+    bool Contradicts() const;
+    // Where the files' own headers stand.
+    std::vector<long long> Files() const;
+
+  private:
+    struct Said {
+        long long at;
+        bool encrypted;
+        unsigned method;
+    };
+    // By how much the directory is wrong about places, because something stands in front.
+    long long Shift() const;
+
+    std::vector<Said> files_;
+    std::vector<Said> listed_;  // `at` is where the directory says that the file is
+};
+
+// Whether the marks of an archive stand anywhere in the file.
+bool HoldsArchiveMark(int file);
+
+}  // namespace maild

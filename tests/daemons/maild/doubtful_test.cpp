@@ -223,6 +223,33 @@ TEST(Doubtful, MessageWithinItsSignature) {
     }
 }
 
+// Mail programs open it; so its parts are seen as those of a forwarded message are.
+TEST(Doubtful, MessageInAFile) {
+    const std::string inner = Wire(
+        "Subject: in\nContent-Type: multipart/mixed; boundary=i\n\n--i\n\nhello\n--i\n"
+        "Content-Type: x/y; name=a.exe\n\nx\n--i--\n");
+    for (const char* name : {"a.eml", "A.EML", "a.mht", "\"a.eml .\""}) {
+        const platform::File file =
+            FileOf(Coded(Lines(Base64Encode(inner)), "base64",
+                         "application/octet-stream; name=" + std::string(name)));
+        maild::Questions questions(
+            [](int, long long) {
+                return ScanResult{ScanOutcome::kClean, ""};
+            },
+            file.Size());
+        const maild::WalkLimits limits;
+        Outline outline;
+        maild::PartSink* const others[] = {&outline};
+        maild::DoubtfulParts doubtful(questions,
+                                      {file.Descriptor(), maild::Dots::kPlain, {0, file.Size()}},
+                                      limits, 0, others);
+        maild::PartSink* const sinks[] = {&doubtful};
+        maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, limits, sinks);
+        EXPECT_EQ(outline.text, "(1 multipart/mixed(1.1 text/plain[hello])(1.2 x/y[x]))") << name;
+        EXPECT_EQ(doubtful.Unwalked(), "");
+    }
+}
+
 TEST(Doubtful, WhatIsFoundEndsIt) {
     const std::string found = Base64Encode("virus");
     const Asked asked = AskedOf(Coded("!" + found + "\r\n"));
@@ -231,6 +258,10 @@ TEST(Doubtful, WhatIsFoundEndsIt) {
 }
 
 TEST(Doubtful, QuestionsAreBounded) {
+    // Files without bytes, too: each has a name.
+    std::string empty;
+    for (int i = 0; i < 2001; ++i) empty += "begin 644 a\r\n`\r\nend\r\n";
+    EXPECT_TRUE(AskedOf("Subject: a\r\n\r\n" + empty).tooMany);
     std::string text = "Subject: a\r\n\r\n";
     for (int i = 0; i < 5000; ++i)
         text += "begin 644 a\r\n#" + std::string(1, static_cast<char>('!' + i % 60)) +

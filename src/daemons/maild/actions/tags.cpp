@@ -80,14 +80,19 @@ void TakeTarget(std::string_view target, Tag& tag) {
 // The places behind `Subject:` and its blanks, in the message's own headers.
 struct Subjects {
     std::vector<long long> places;
+    long long top = 0;  // where headers may be put in front: what a mailbox has there stays first
     bool prefixed = false;  // they have it already
     bool failed = false;
 };
 Subjects FindSubjects(const PlacedPart& message, const std::string& prefix, int file, Dots dots) {
     Subjects found;
     LineReader reader(file, dots, {message.whole.begin, message.body.begin});
+    bool first = true;
     for (Line line; reader.Next(line);) {
         const std::string_view content = line.Content();
+        if (first && line.ends && (content.starts_with("From ") || content.starts_with(">From ")))
+            found.top = line.range.end;
+        first = false;
         const std::size_t colon = content.find(':');
         if (!line.begins || colon == std::string_view::npos ||
             !EqualIgnoringCase(Trim(content.substr(0, colon)), "Subject") || content[0] == ' ' ||
@@ -131,17 +136,15 @@ Tag TagOf(std::span<const Finding> findings) {
 bool AddTag(const Tag& tag, const PlacedPart* message, int file, Dots dots, Edits& edits) {
     std::string top;
     for (const std::string& header : tag.headers) top += header + "\r\n";
-    bool good = true;
+    Subjects found;
+    const std::string prefix = Coded(tag.prefix);
+    if (message != nullptr) found = FindSubjects(*message, prefix, file, dots);
     if (!tag.prefix.empty()) {
-        const std::string prefix = Coded(tag.prefix);
-        Subjects found;
-        if (message != nullptr) found = FindSubjects(*message, prefix, file, dots);
-        good = !found.failed;
         for (const long long place : found.places) edits.Add({{place, place}, prefix + " "});
         if (found.places.empty() && !found.prefixed) top += "Subject: " + prefix + "\r\n";
     }
-    if (!top.empty()) edits.Add({{0, 0}, top});
-    return good;
+    if (!top.empty()) edits.Add({{found.top, found.top}, top});
+    return !found.failed;
 }
 
 }  // namespace maild

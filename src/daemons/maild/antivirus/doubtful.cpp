@@ -4,6 +4,7 @@
 
 #include "daemons/maild/antivirus/insidepart.h"
 #include "daemons/maild/antivirus/rescue.h"
+#include "daemons/maild/attachments/names.h"
 #include "daemons/maild/coding/readings.h"
 #include "text/ascii.h"
 
@@ -35,6 +36,16 @@ bool IsSignature(const Part& part, std::string_view start) {
     return typed && named && begins;
 }
 
+// A message as a file, which mail programs open as they open what is forwarded.
+bool IsSavedMail(const Part& part) {
+    return std::any_of(part.names.begin(), part.names.end(), [](const std::string& name) {
+        const std::vector<std::string> readings = ReadingsOfName(name);
+        return std::any_of(readings.begin(), readings.end(), [](const std::string& each) {
+            return each.ends_with(".eml") || each.ends_with(".mht") || each.ends_with(".mhtml");
+        });
+    });
+}
+
 bool IsCoded(const Part& part) {
     return part.coding != Coding::kPlain && part.coding != Coding::kUnknown;
 }
@@ -59,7 +70,8 @@ void DoubtfulParts::Begin(const Part& part) {
     if (part.isText || isMessage || part.type.starts_with("multipart/"))
         text_ = std::make_unique<FilesInText>(questions_, part.place);
     const bool isSigned = SignedData::MayBe(part);
-    if ((isMessage && root) || isSigned) {
+    saved_ = IsSavedMail(part);
+    if ((isMessage && root) || isSigned || saved_) {
         wrapped_ = std::make_unique<Scratch>();
         wrapped_->Write(kMessageStart);
         if (isSigned) signed_.emplace(*wrapped_);
@@ -95,8 +107,8 @@ void DoubtfulParts::End(const Part& part) {
             text_->Finish();
             if (text_->Any() && !hidden_) hidden_ = {Ambiguous::kHiddenCoding, part.place};
         }
-        if (signed_) {
-            AskSigned(part);
+        if (signed_ || saved_) {
+            AskWithin(part);
         } else if (wrapped_ != nullptr) {
             questions_.Put(*wrapped_, part.place);
         }
@@ -143,14 +155,14 @@ void DoubtfulParts::AskContainer(const Part& part, bool closed) {
     }
 }
 
-void DoubtfulParts::AskSigned(const Part& part) {
+void DoubtfulParts::AskWithin(const Part& part) {
     const long long start = sizeof kMessageStart - 1;
     if (wrapped_->Size() == start) return;  // encrypted, or nothing of the kind
     questions_.Put(*wrapped_, part.place);
     if (!questions_.Going()) return;
     const int file = wrapped_->Rewind();
     if (nesting_ >= kMostNesting) {
-        unwalked_ = "signed messages within signed messages";
+        unwalked_ = "messages in the bytes of messages, too many of them in each other";
         return;
     }
     InsidePart inside(part, others_);

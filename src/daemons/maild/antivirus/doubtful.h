@@ -50,7 +50,7 @@ class DoubtfulParts final : public PartSink {
   private:
     void AskReadings(const Part& part);
     void AskContainer(const Part& part, bool closed);
-    void AskSigned(const Part& part);
+    void AskWithin(const Part& part);
 
     Questions& questions_;
     const BodySource message_;
@@ -71,8 +71,9 @@ class DoubtfulParts final : public PartSink {
     std::string place_;
     std::string start_;                 // its first bytes
     bool first_ = false;                // none of its bytes have come
-    std::unique_ptr<Scratch> wrapped_;  // a message of a kind that isn't taken apart, or signed
+    std::unique_ptr<Scratch> wrapped_;  // a message of a kind that isn't taken apart, signed, saved
     std::optional<SignedData> signed_;
+    bool saved_ = false;  // it is a message as a file
 };
 
 }  // namespace maild

@@ -57,7 +57,11 @@ void FilesInText::TakeLine(std::string_view line) {
         uu_ = UuDecoder();
         yenc_ = YencDecoder();
         file_ = std::make_unique<Scratch>();
-        if (names_.size() < kMostNames) names_.push_back(NameIn(line));
+        if (names_.size() < kMostNames) {
+            names_.push_back(NameIn(line));
+        } else {
+            questions_.Stop();
+        }
         any_ = true;
     }
     if (!yenc_.InFile()) uu_.TakeLine(line, out_);

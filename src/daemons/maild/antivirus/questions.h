@@ -38,10 +38,10 @@ class Questions {
     // Whether there were more than are asked.
     bool TooMany() const { return tooMany_; }
     int Count() const { return count_; }
-
-  private:
+    // There are more.
     void Stop();
 
+  private:
     const Ask ask_;
     const long long size_;
     std::set<std::string> asked_;  // checksums

@@ -190,6 +190,13 @@ class Rewriting(unittest.TestCase):
                     self.assertEqual(self.act(message, form, "tag:" + tag), first + wanted)
                     self.assertEqual((self.action, self.id), ("tag", ""))
 
+    def test_a_line_of_a_mailbox_stays_first(self):
+        for line in (b"From a@b Mon Jan 1 00:00:00 2024\r\n", b">From a\r\n"):
+            for tag in ("X-Spam: yes", "[S]"):
+                after = self.act(line + b"To: a\r\nContent-Type: text/plain\r\n\r\nx\r\n", "data", "tag:" + tag)
+                self.assertTrue(after.startswith(line + b"X-Vantrel-Finding: "), after)
+                self.assertTrue(after.endswith(b"\r\nTo: a\r\nContent-Type: text/plain\r\n\r\nx\r\n"), after)
+
     def test_tag_and_removal(self):
         message = b"Content-Type: application/evil\r\nSubject: h\r\n\r\nevil\r\n"
         parsed = email.message_from_bytes(self.act(message, "data", "tag:X-Spam: yes\n[S]", "remove:1"), policy=POLICY)

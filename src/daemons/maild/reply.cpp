@@ -80,9 +80,11 @@ bool AddObject(TagMsgNode* section, const Finding& finding) {
 bool AddSection(TagMsgNode* root, std::span<const Finding> findings, const Finding& mine,
                 const Decision& decision) {
     const SectionName& name = kNames[static_cast<std::size_t>(mine.section)];
-    // Addresses count for nothing unless it is they that the message goes to.
+    // Addresses count for nothing unless it is they that the message goes to, and are recipients as
+    // often as they are told.
     const bool redirects = decision.action == Action::kRedirect &&
-                           mine.action == Action::kRedirect && !mine.target.empty();
+                           mine.action == Action::kRedirect && !mine.target.empty() &&
+                           (&mine == decision.by || mine.target != decision.by->target);
     // A drop would be a redirection's bit to the session.
     const std::int32_t mask = MaskOf(mine.action) | (redirects ? name.redirectBit : 0);
     TagMsgNode* section = AddChild(root);

@@ -228,10 +228,10 @@ TEST(Doubtful, MessageInAFile) {
     const std::string inner = Wire(
         "Subject: in\nContent-Type: multipart/mixed; boundary=i\n\n--i\n\nhello\n--i\n"
         "Content-Type: x/y; name=a.exe\n\nx\n--i--\n");
-    for (const char* name : {"a.eml", "A.EML", "a.mht", "\"a.eml .\""}) {
-        const platform::File file =
-            FileOf(Coded(Lines(Base64Encode(inner)), "base64",
-                         "application/octet-stream; name=" + std::string(name)));
+    for (const char* type :
+         {"application/octet-stream; name=a.eml", "application/octet-stream; name=A.EML",
+          "x/y; name=a.mht", "x/y; name=\"a.eml .\"", "message/rfc8", "message/x"}) {
+        const platform::File file = FileOf(Coded(Lines(Base64Encode(inner)), "base64", type));
         maild::Questions questions(
             [](int, long long) {
                 return ScanResult{ScanOutcome::kClean, ""};
@@ -245,7 +245,7 @@ TEST(Doubtful, MessageInAFile) {
                                       limits, 0, others);
         maild::PartSink* const sinks[] = {&doubtful};
         maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, limits, sinks);
-        EXPECT_EQ(outline.text, "(1 multipart/mixed(1.1 text/plain[hello])(1.2 x/y[x]))") << name;
+        EXPECT_EQ(outline.text, "(1 multipart/mixed(1.1 text/plain[hello])(1.2 x/y[x]))") << type;
         EXPECT_EQ(doubtful.Unwalked(), "");
     }
 }

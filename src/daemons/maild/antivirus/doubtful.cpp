@@ -36,8 +36,16 @@ bool IsSignature(const Part& part, std::string_view start) {
     return typed && named && begins;
 }
 
-// A message as a file, which mail programs open as they open what is forwarded.
+// What is taken for a message by some: a file that mail programs open as they open what is
+// forwarded, and any kind of message but those that are reports.
 bool IsSavedMail(const Part& part) {
+    constexpr std::string_view kReports[] = {
+        "message/delivery-status",          "message/global-delivery-status",
+        "message/disposition-notification", "message/global-disposition-notification",
+        "message/feedback-report",          "message/tracking-status"};
+    if (part.type.starts_with("message/") &&
+        std::find(std::begin(kReports), std::end(kReports), part.type) == std::end(kReports))
+        return true;
     return std::any_of(part.names.begin(), part.names.end(), [](const std::string& name) {
         const std::vector<std::string> readings = ReadingsOfName(name);
         return std::any_of(readings.begin(), readings.end(), [](const std::string& each) {

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 
+#include "daemons/maild/coding/readings.h"
 #include "daemons/maild/coding/words.h"
 #include "daemons/maild/content/seen.h"
+#include "daemons/maild/forms/blocks.h"
 #include "daemons/maild/log.h"
 #include "daemons/maild/verdict/ruled.h"
 #include "text/ascii.h"
@@ -14,6 +16,8 @@ namespace {
 
 // Of one message, that a removal is told of.
 constexpr std::size_t kMostPlaces = 100;
+// Of texts that are read in several ways, all of them together: bytes.
+constexpr long long kMostDecodedAgain = 64LL << 20;
 
 }  // namespace
 
@@ -122,6 +126,11 @@ void ContentFilter::Take(std::string_view text) {
 
 void ContentFilter::End(const Part& part) {
     if (!stream_ || part.kind != PartKind::kLeaf) return;
+    EndText();
+    if (part.oddCoding) LookAtReadings(part);
+}
+
+void ContentFilter::EndText() {
     stream_->Finish([this](std::string_view text) { Take(text); });
     if (visible_) {
         visible_->Finish(text_.text);
@@ -130,6 +139,26 @@ void ContentFilter::End(const Part& part) {
     Look(text_, &Places::text, "text", true);
     stream_.reset();
     visible_.reset();
+}
+
+// Readers undo its coding in different ways.
+void ContentFilter::LookAtReadings(const Part& part) {
+    for (const Reading& reading : ReadingsOf(part.coding, part.oddHeaders)) {
+        decodedAgain_ += part.source.body.end - part.source.body.begin;
+        if (decodedAgain_ > kMostDecodedAgain) {
+            tooComplex_ = "more readings of its texts than are looked at";
+            return;
+        }
+        Scratch decoded;
+        Begin(part);
+        const bool whole = DecodeBody(part.source, reading, decoded) && decoded.Rewind() >= 0 &&
+                           ReadBlocks(decoded.Rewind(), 0, [this](std::string_view text, off_t) {
+                               Data(std::as_bytes(std::span<const char>(text)));
+                               return true;
+                           });
+        EndText();
+        if (!whole) tooComplex_ = "a text can't be read in the ways that readers may";
+    }
 }
 
 void ContentFilter::Look(Window& window, bool Places::*place, const char* where, bool last) {

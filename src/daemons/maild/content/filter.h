@@ -39,7 +39,10 @@ class ContentFilter final : public PartSink {
     void Begin(const Part& part) override;
     void Data(std::span<const std::byte> bytes) override;
     void End(const Part& part) override;
-    void Done(const WalkResult&) override { again_ = true; }
+    void Done(const WalkResult&) override {
+        again_ = true;
+        decodedAgain_ = 0;
+    }
 
     // Behind the walk: of the rule that decides; of one that removes, each part.
     std::vector<Finding> Findings() const;
@@ -68,6 +71,8 @@ class ContentFilter final : public PartSink {
     bool Removes(std::size_t rule) const { return rules_.rules[rule].action == Action::kRemove; }
     void Look(Window& window, bool Places::*place, const char* where, bool last);
     void Take(std::string_view text);
+    void EndText();
+    void LookAtReadings(const Part& part);
 
     const ContentRules& rules_;
     const std::chrono::steady_clock::time_point end_;
@@ -77,7 +82,8 @@ class ContentFilter final : public PartSink {
     std::vector<Met> met_;              // where; the first place alone, but for a removal
     bool again_ = false;                // this walk isn't the first one
     std::string tooComplex_;
-    bool ofBodies_ = false;  // any rule looks at parts
+    long long decodedAgain_ = 0;  // bytes
+    bool ofBodies_ = false;       // any rule looks at parts
     // Of the text part that is open:
     std::optional<Utf8Stream> stream_;
     std::optional<VisibleText> visible_;  // of HTML

@@ -1,10 +1,9 @@
 #include "daemons/maild/walk/headers.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <utility>
 
 #include "daemons/maild/coding/words.h"
+#include "daemons/maild/walk/namereadings.h"
 #include "daemons/maild/walk/parameters.h"
 #include "text/ascii.h"
 
@@ -21,6 +20,10 @@ constexpr std::size_t kMostNames = 64;
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 bool IsBlankLine(std::string_view line) { return std::all_of(line.begin(), line.end(), IsBlank); }
+
+bool StartsWithContent(std::string_view name) {
+    return EqualIgnoringCase(name.substr(0, 8), "content-");
+}
 
 std::string_view Trim(std::string_view text) {
     while (!text.empty() && (IsBlank(text.front()) || text.front() == '\n')) text.remove_prefix(1);
@@ -81,65 +84,6 @@ void AddOnce(std::vector<std::string>& list, std::string text) {
         list.push_back(std::move(text));
 }
 
-bool IsNameOf(const Parameter& parameter, std::string_view name) {
-    return parameter.name.starts_with(name) && parameter.name.substr(name.size(), 1) == "*";
-}
-
-// The pieces of one parameter put together, in the order that they say and in which they stand.
-void AddJoined(std::vector<std::string>& list, const StructuredValue& parsed,
-               std::string_view name) {
-    std::vector<std::pair<int, std::string_view>> pieces;
-    for (const Parameter& each : parsed.parameters) {
-        if (IsNameOf(each, name))
-            pieces.emplace_back(std::atoi(each.name.c_str() + name.size() + 1), each.value);
-    }
-    for (const bool ordered : {false, true}) {
-        if (ordered)
-            std::stable_sort(pieces.begin(), pieces.end(),
-                             [](const auto& a, const auto& b) { return a.first < b.first; });
-        std::string joined;
-        for (const auto& each : pieces) joined += each.second;
-        AddOnce(list, MakeUtf8(joined));
-        AddOnce(list, DecodeLoosely(joined));
-    }
-}
-
-// Whatever stands behind the parameter's name, for readers that don't know the syntax: up to the
-// semicolon, and within the first quotes.
-void AddCrude(std::vector<std::string>& list, std::string_view value, std::string_view name) {
-    const std::string small = LowerCase(value);
-    for (std::size_t at = small.find(name); at != std::string::npos;
-         at = small.find(name, at + name.size())) {
-        std::size_t from = at + name.size();
-        if (at > 0 && IsLetter(small[at - 1])) continue;
-        while (from < value.size() && (IsBlank(value[from]) || value[from] == '*')) ++from;
-        if (from == value.size() || value[from] != '=') continue;
-        from = value.find_first_not_of(" \t", from + 1);
-        if (from == std::string_view::npos) return;
-        std::string_view text = value.substr(from);
-        if (text[0] == '"') {
-            AddOnce(list, DecodeLoosely(text.substr(1, text.find('"', 1) - 1)));
-        } else {
-            AddOnce(list, DecodeLoosely(Trim(text.substr(0, text.find(';')))));
-        }
-    }
-}
-
-// The readings of one parameter, each once.
-void AddReadings(std::vector<std::string>& list, const std::string& value, bool disposition,
-                 const char* name) {
-    AddOnce(list, DecodeParameter(value, disposition, name));
-    const StructuredValue parsed = ParseStructured(value);
-    for (const Parameter& each : parsed.parameters) {
-        if (each.name != name) continue;
-        AddOnce(list, DecodeText(each.value));
-        AddOnce(list, DecodeLoosely(each.value));
-        AddOnce(list, MakeUtf8(each.value));
-    }
-    AddJoined(list, parsed, name);
-    AddCrude(list, value, name);
-}
-
 bool HasTwo(const StructuredValue& value, std::string_view name) {
     const Parameter* first = nullptr;
     for (const Parameter& each : value.parameters) {
@@ -172,7 +116,7 @@ bool HeaderBlock::AddLine(std::string_view line) {
         return true;
     }
     const std::string_view name = Trim(line.substr(0, colon));
-    if (name.size() >= 8 && EqualIgnoringCase(name.substr(0, 8), "content-")) {
+    if (StartsWithContent(name)) {
         odd_ = odd_ || foldedOddly_ || name.size() != colon;
         oddBreak_ = oddBreak_ || broken_;
         ofBody_ = true;
@@ -316,11 +260,20 @@ void HeaderBlock::ReadNames(Declared& declared) const {
     }
 }
 
+// Blanks to some readers, to others a part of the word.
+bool HeaderBlock::HasControls() const {
+    return std::any_of(fields_.begin(), fields_.end(), [](const Field& field) {
+        return StartsWithContent(field.name) &&
+               std::any_of(field.value.begin(), field.value.end(), [](char c) {
+                   return IsControl(c) && c != '\t' && c != '\n' && c != '\r' && c != '\0';
+               });
+    });
+}
+
 Declared HeaderBlock::Read() const {
     Declared declared;
     declared.tooLong = std::any_of(fields_.begin(), fields_.end(), [](const Field& field) {
-        return field.value.size() > kLongestStructured && field.name.size() > 8 &&
-               EqualIgnoringCase(std::string_view(field.name).substr(0, 8), "content-");
+        return field.value.size() > kLongestStructured && StartsWithContent(field.name);
     });
     if (declared.tooLong) return declared;
     ReadType(declared);
@@ -331,7 +284,7 @@ Declared HeaderBlock::Read() const {
                        declared.part.names.size() > kMostNames;
     if (nul_) declared.ambiguities.push_back(Ambiguous::kNulInHeaders);
     if (bareCr_) declared.ambiguities.push_back(Ambiguous::kBareCrInHeaders);
-    if (odd_) declared.ambiguities.push_back(Ambiguous::kFolding);
+    if (odd_ || HasControls()) declared.ambiguities.push_back(Ambiguous::kFolding);
     if (oddBreak_) declared.ambiguities.push_back(Ambiguous::kHeaderBreak);
     return declared;
 }

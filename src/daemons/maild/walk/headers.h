@@ -49,6 +49,7 @@ class HeaderBlock {
     void ReadCoding(Declared& declared) const;
     void ReadDisposition(Declared& declared) const;
     void ReadNames(Declared& declared) const;
+    bool HasControls() const;
 
     bool inDigest_;
     std::vector<Field> fields_;

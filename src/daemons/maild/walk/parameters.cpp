@@ -21,7 +21,8 @@ struct Freed {
 };
 using OwnedText = std::unique_ptr<char, Freed>;
 
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+// Controls count as blanks: many readers' do.
+bool IsBlank(char c) { return (c >= '\0' && c <= ' ') || c == '\x7F'; }
 
 // Reads a structured value from its start.
 class Scanner {

@@ -137,6 +137,18 @@ TEST(Walk, WhatReadersSeeDifferently) {
         EXPECT_EQ(OutlineOf(Wire(each.text)).ambiguous, each.ambiguous) << each.name;
 }
 
+// Python's and others' idea of a blank.
+TEST(Walk, ControlsAreBlanks) {
+    for (const char* control : {"\v", "\f", "\x1C", "\x01"}) {
+        const std::string c = control;
+        const Outline outline =
+            OutlineOf(Wire("Content-Type:" + c + " multipart/mixed" + c + ";" + c + "boundary" + c +
+                           "=" + c + "b" + c + "\n\n--b\n\nx\n--b--\n"));
+        EXPECT_EQ(outline.text, "(multipart/mixed(1 text/plain[x]))");
+        EXPECT_EQ(outline.ambiguous, "headers folded in an odd way");
+    }
+}
+
 TEST(Walk, WhatIsCodedAgainstTheRulesIsWalkedInBothReadings) {
     const Outline outline = OutlineOf(
         Wire("Content-Type: message/rfc822\nContent-Transfer-Encoding: base64\n\nVG86IGEKCmIK\n"));
@@ -201,6 +213,7 @@ TEST(Walk, NamesOfLenientReaders) {
         "Content-Disposition: attachment; filename=a.\n  exe",
         "Content-Disposition: attachment; filename=\"a.e\n\txe\"",
         "Content-Disposition: attachment; filename*1=.exe; filename*0=a",
+        "Content-Disposition: attachment; filename*0=\"a.\"--; filename*1=\"exe\"",
         "Content-Disposition: attachment; filename*0=\"=?utf-8?Q?a=2E\"; filename*1=\"exe?=\"",
         "Content-Disposition: attachment; filename=\"=?utf-8?Q?my a=2Eexe?=\"",
         "Content-Disposition: attachment; filename=\"=?utf-8?B?YS5le?= =?utf-8?B?GU?=\"",

@@ -143,6 +143,7 @@ CASES = [
     one("message in quoted-printable", quopri.encodestring(INNER.replace(b"\r\n", b"\n")).replace(b"\n", b"\r\n"), b"quoted-printable",
         kind=b"message/rfc822"),
     one("coded message in a coded message", b64(b"To: a\r\n" + part(b64(INNER), kind=b"message/rfc822")), kind=b"message/rfc822"),
+    one("message whose first header nobody knows", b"X-Any: a\r\n" + INNER, None, kind=b"message/rfc822"),
     one("message/global", INNER, None, kind=b"message/global"),
     one("message/news", INNER, None, kind=b"message/news"),
     one("message of a kind that isn't known", INNER, None, kind=b"message/x-other"),

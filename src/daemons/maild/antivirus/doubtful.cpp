@@ -14,12 +14,10 @@ namespace {
 
 constexpr int kMostNesting = 3;
 constexpr std::size_t kStart = 32;  // bytes by which a signature is known
-// The engine doesn't look into these at all.
-constexpr const char* kClosed[] = {"multipart/parallel", "message/partial", "message/external-body",
-                                   "message/news", "message/global"};
-
+// The engine doesn't look into some kinds at all, and into a message in a message only if its first
+// headers are of those that it knows.
 bool IsClosed(const Part& part) {
-    return std::find(std::begin(kClosed), std::end(kClosed), part.type) != std::end(kClosed);
+    return part.kind == PartKind::kMessage || part.type == "multipart/parallel";
 }
 
 // A detached signature that nobody would take for anything else.

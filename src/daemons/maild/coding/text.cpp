@@ -22,9 +22,8 @@ bool IsUtf8(const std::string& charset) {
     return charset.empty() || charset == "utf-8" || charset == "utf8" || charset == "us-ascii";
 }
 
-// As the system knows it. A suffix of iconv's own would have it drop or invent characters.
+// As the system knows it.
 const char* NameOf(const std::string& charset) {
-    if (charset.find('/') != std::string::npos) return "";
     // Under names of old: "unicode-1-1-utf-7", "x-unicode-2-0-utf-7".
     return charset.find("utf-7") != std::string::npos ? "UTF-7" : charset.c_str();
 }
@@ -34,7 +33,8 @@ const char* NameOf(const std::string& charset) {
 Utf8Stream::Utf8Stream(const std::string& charset) {
     utf8_ = IsUtf8(charset);
     wide_ = charset == "utf-16" || charset == "ucs-2" || charset == "iso-10646-ucs-2";
-    if (!utf8_) converter_ = Open(NameOf(charset));
+    // A suffix of iconv's own would have it drop or invent characters.
+    if (!utf8_ && charset.find('/') == std::string::npos) converter_ = Open(NameOf(charset));
     known_ = utf8_ || converter_ != nullptr;
     if (converter_ == nullptr) {
         utf8_ = true;

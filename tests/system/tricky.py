@@ -143,6 +143,10 @@ CASES = [
     one("message in quoted-printable", quopri.encodestring(INNER.replace(b"\r\n", b"\n")).replace(b"\n", b"\r\n"), b"quoted-printable",
         kind=b"message/rfc822"),
     one("coded message in a coded message", b64(b"To: a\r\n" + part(b64(INNER), kind=b"message/rfc822")), kind=b"message/rfc822"),
+    *[("a type in front of the first part, " + name,
+       message(mixed(TEXT, b"Content-Type: multipart/mixed; boundary=p\r\n\r\n" + text + b"--p\r\n" + part(b64(ZIP)) + b"--p--\r\n")))
+      for name, text in (("with its value", b"Content-Type: text/plain\r\n"), ("behind a blank line", b"\r\ncontent-type: a/b\r\n\r\n"),
+                         ("without a colon", b"Content-Type a/b\r\n\r\n"))],
     one("message whose first header nobody knows", b"X-Any: a\r\n" + INNER, None, kind=b"message/rfc822"),
     one("message/global", INNER, None, kind=b"message/global"),
     one("message/news", INNER, None, kind=b"message/news"),

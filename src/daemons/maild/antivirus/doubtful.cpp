@@ -15,9 +15,10 @@ namespace {
 constexpr int kMostNesting = 3;
 constexpr std::size_t kStart = 32;  // bytes by which a signature is known
 // The engine doesn't look into some kinds at all, and into a message in a message only if its first
-// headers are of those that it knows.
+// headers are of those that it knows; and a multipart's type is another one to it by a header in
+// front of its first part.
 bool IsClosed(const Part& part) {
-    return part.kind == PartKind::kMessage || part.type == "multipart/parallel";
+    return part.kind == PartKind::kMessage || part.type == "multipart/parallel" || part.oddPreamble;
 }
 
 // A detached signature that nobody would take for anything else.

@@ -153,7 +153,8 @@ void HeaderBlock::ReadType(Declared& declared) const {
     const StructuredValue parsed = ParseStructured(type.value);
     part.type = parsed.main;
     const std::size_t slash = part.type.find('/');
-    if (slash == std::string::npos || slash == 0 || slash + 1 == part.type.size())
+    if (slash == std::string::npos || slash == 0 || slash + 1 == part.type.size() ||
+        part.type.find('/', slash + 1) != std::string::npos)
         part.type = inDigest_ && type.value.empty() ? "message/rfc822" : "text/plain";
     for (const Parameter& each : parsed.parameters) {
         if (each.name == "charset" && part.charset.empty()) part.charset = LowerCase(each.value);

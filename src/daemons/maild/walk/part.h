@@ -49,6 +49,9 @@ struct Part {
     bool oddHeaders = false;  // its coding is declared so that readers take different ones
     // From End on: it is broken so that readers undo it differently, or declared so.
     bool oddCoding = false;
+    // From End on, of a multipart: what stands in front of its first part could be taken for
+    // headers.
+    bool oddPreamble = false;
 };
 
 // One header of a message.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "text/ascii.h"
+
 namespace maild {
 
 namespace {
@@ -12,6 +14,10 @@ constexpr unsigned kLookAtClock = 1 << 20;
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 bool AllBlank(std::string_view text) { return std::all_of(text.begin(), text.end(), IsBlank); }
+
+bool LooksOfHeader(std::string_view line) {
+    return EqualIgnoringCase(line.substr(0, 7), "content");
+}
 
 bool IsCoded(Coding coding) { return coding != Coding::kPlain && coding != Coding::kUnknown; }
 
@@ -179,6 +185,8 @@ void Walker::BodyLine(const Line& line) {
     Level& level = levels_.back();
     if (level.part.kind == PartKind::kLeaf) return Content(line);
     level.text = level.text || !AllBlank(line.Content());
+    level.part.oddPreamble =
+        level.part.oddPreamble || (level.children == 0 && line.begins && LooksOfHeader(line.text));
     held_ = line.ends ? line.text.substr(line.text.size() - line.EndLength()) : std::string_view();
     heldBegin_ = line.range.end - static_cast<long long>(held_.size());
     held_ = held_.size() == 2 ? "\r\n" : held_.empty() ? "" : "\n";

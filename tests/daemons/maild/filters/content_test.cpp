@@ -75,6 +75,8 @@ TEST(Content, WhereAndWhat) {
          "r 1 found in text"},
         {"broken base64", "text", "hello there",
          "Content-Transfer-Encoding: base64\n\naGVs=bG8gdGhlcmU=\n", "r 1 found in text"},
+        {"a type that is none", "text", "hello", "Content-Type: a/b text/plain\n\nhello\n",
+         "r 1 found in text"},
         {"a coding that isn't one", "text", "hello",
          "Content-Transfer-Encoding: base-64\n\naGVsbG8=\n", "r 1 found in text"},
         {"text in an attachment of text", "text", "hello",

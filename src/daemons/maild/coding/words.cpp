@@ -96,6 +96,9 @@ bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 }  // namespace
 
 std::string DecodeLoosely(std::string_view text) {
+    const bool ascii = std::all_of(text.begin(), text.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    if (ascii && text.find("=?"sv) == std::string_view::npos) return std::string(text);
     std::string out;
     Bytes bytes;
     bool behindWord = false;

@@ -259,6 +259,15 @@ TEST(Doubtful, MessageInAFile) {
     }
 }
 
+// Nothing is kept of parts that come behind it.
+TEST(Doubtful, WhatIsFoundInAFileEndsIt) {
+    const Asked asked = AskedOf(
+        Wire("Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: x/y; name=a.eml\n\n"
+             "To: a\n\nvirus\n--b\nContent-Type: x/y\n\nx\n--b\n\nx\n--b--\n"));
+    EXPECT_EQ(asked.files.size(), 1U);
+    EXPECT_EQ(asked.result.outcome, ScanOutcome::kInfected);
+}
+
 TEST(Doubtful, WhatIsFoundEndsIt) {
     const std::string found = Base64Encode("virus");
     const Asked asked = AskedOf(Coded("!" + found + "\r\n"));

@@ -70,6 +70,7 @@ void DoubtfulParts::Begin(const Part& part) {
     const bool root = around_.empty() || around_.back().kind == PartKind::kMessage;
     around_.push_back({part.kind});
     start_.clear();
+    saved_ = false;
     if (part.kind != PartKind::kLeaf || !questions_.Going()) return;
     first_ = true;
     place_ = part.place;
@@ -114,7 +115,7 @@ void DoubtfulParts::End(const Part& part) {
             text_->Finish();
             if (text_->Any() && !hidden_) hidden_ = {Ambiguous::kHiddenCoding, part.place};
         }
-        if (signed_ || saved_) {
+        if (wrapped_ != nullptr && (signed_ || saved_)) {
             AskWithin(part);
         } else if (wrapped_ != nullptr) {
             questions_.Put(*wrapped_, part.place);

@@ -1,6 +1,7 @@
 #include "daemons/maild/attachments/zipheaders.h"
 
 #include <algorithm>
+#include <optional>
 #include <string_view>
 
 #include "daemons/maild/forms/blocks.h"
@@ -21,6 +22,11 @@ struct Layout {
 constexpr Layout kFile{"PK\3\4"sv, 4, 26, 30};
 constexpr Layout kListed{"PK\1\2"sv, 6, 28, 46};
 constexpr std::size_t kPointsAt = 42;
+constexpr std::string_view kEnd = "PK\5\6"sv;
+constexpr std::size_t kEndSize = 22;
+constexpr std::size_t kDirectoryAt = 16;  // in it
+constexpr long long kEndForLargeFiles = 76;
+constexpr long long kSaidThere = 0xFFFFFFFF;
 constexpr std::size_t kMarkSize = 4;
 constexpr std::size_t kLongestName = 4096;
 constexpr std::size_t kMostExtra = 4096;  // that is looked at
@@ -58,13 +64,28 @@ void AddNames(std::string_view header, const Layout& layout, std::vector<std::st
     }
 }
 
-ZipHeader Read(std::string_view header, const Layout& layout, long long at) {
+long long LongNumber(std::string_view bytes, std::size_t at) {
+    return Number(bytes, at) | static_cast<long long>(Number(bytes, at + 2)) << 16;
+}
+
+// Nothing, if it is none.
+std::optional<ZipHeader> Read(std::string_view header, long long at) {
     ZipHeader read;
     read.at = at;
-    read.ofDirectory = layout.mark == kListed.mark;
-    if (read.ofDirectory)
-        read.points =
-            Number(header, kPointsAt) | static_cast<long long>(Number(header, kPointsAt + 2)) << 16;
+    if (header.starts_with(kEnd)) {
+        if (header.size() < kEndSize) return {};
+        read.kind = ZipHeader::Kind::kEnd;
+        read.points = LongNumber(header, kDirectoryAt);
+        return read;
+    }
+    const Layout& layout = header.starts_with(kFile.mark) ? kFile : kListed;
+    if (header.size() < layout.name || !IsHeader(header, layout)) return {};
+    if (layout.mark == kListed.mark) {
+        read.kind = ZipHeader::Kind::kListed;
+        read.points = LongNumber(header, kPointsAt);
+        read.length = static_cast<long long>(layout.name) + Number(header, layout.lengths) +
+                      Number(header, layout.lengths + 2) + Number(header, layout.lengths + 4);
+    }
     read.encrypted = (Number(header, layout.version + 2) & 1U) != 0;
     read.method = Number(header, layout.version + 4);
     AddNames(header, layout, read.names);
@@ -75,7 +96,7 @@ std::size_t NextMark(std::string_view text, std::size_t from) {
     for (std::size_t at = text.find("PK"sv, from); at != std::string_view::npos;
          at = text.find("PK"sv, at + 1)) {
         const std::string_view mark = text.substr(at, kMarkSize);
-        if (mark == kFile.mark || mark == kListed.mark) return at;
+        if (mark == kFile.mark || mark == kListed.mark || mark == kEnd) return at;
     }
     return std::string_view::npos;
 }
@@ -91,10 +112,8 @@ bool ForEachZipHeader(int file, const std::function<bool(ZipHeader header)>& use
         while (at != std::string::npos) {
             const std::string_view header = std::string_view(held).substr(at, kWindow);
             if (header.size() < kWindow && !last) break;
-            const Layout& layout = header.starts_with(kFile.mark) ? kFile : kListed;
-            if (header.size() >= layout.name && IsHeader(header, layout) &&
-                !use(Read(header, layout, heldAt + static_cast<long long>(at))))
-                return false;
+            const auto read = Read(header, heldAt + static_cast<long long>(at));
+            if (read && !use(*read)) return false;
             at = NextMark(held, at + kMarkSize);
         }
         const std::size_t gone = at != std::string::npos   ? at
@@ -113,35 +132,57 @@ bool ForEachZipHeader(int file, const std::function<bool(ZipHeader header)>& use
 }
 
 void ZipHeaders::Take(const ZipHeader& header) {
-    (header.ofDirectory ? listed_ : files_)
-        .push_back(
-            {header.ofDirectory ? header.points : header.at, header.encrypted, header.method});
+    using Kind = ZipHeader::Kind;
+    if (header.kind == Kind::kFile) {
+        files_.push_back({header.at, header.encrypted, header.method});
+        return;
+    }
+    Directory* last = directories_.empty() ? nullptr : &directories_.back();
+    if (header.kind == Kind::kEnd) {
+        // In front of it stands its like for large files, in some.
+        const bool behind = last != nullptr &&
+                            (header.at == last->end || header.at == last->end + kEndForLargeFiles);
+        if (behind && header.points != kSaidThere) last->shift = last->begin - header.points;
+        return;
+    }
+    if (last == nullptr || header.at != last->end) {
+        last = &directories_.emplace_back();
+        last->begin = header.at;
+    }
+    last->end = header.at + header.length;
+    last->listed.push_back({header.points, header.encrypted, header.method});
 }
 
-long long ZipHeaders::Shift() const {
-    if (files_.empty() || listed_.empty()) return 0;
-    const auto first = std::min_element(listed_.begin(), listed_.end(),
+long long ZipHeaders::ShiftOf(const Directory& directory) const {
+    if (directory.shift || files_.empty()) return directory.shift.value_or(0);
+    const auto first = std::min_element(directory.listed.begin(), directory.listed.end(),
                                         [](const Said& a, const Said& b) { return a.at < b.at; });
     return files_.front().at - first->at;
 }
 
 bool ZipHeaders::Plain(std::size_t files) const {
-    if (files_.size() != files || listed_.size() != files) return false;
+    if (files_.size() != files || directories_.size() > 1) return false;
     std::vector<long long> pointed;
-    for (const Said& each : listed_) pointed.push_back(each.at + Shift());
+    for (const Directory& each : directories_) {
+        for (const Said& listed : each.listed) pointed.push_back(listed.at + ShiftOf(each));
+    }
     std::sort(pointed.begin(), pointed.end());
     return pointed == Files();
 }
 
 bool ZipHeaders::Contradicts() const {
-    const long long shift = Shift();
-    return std::any_of(listed_.begin(), listed_.end(), [&](const Said& listed) {
-        const auto file =
-            std::lower_bound(files_.begin(), files_.end(), listed.at + shift,
-                             [](const Said& each, long long at) { return each.at < at; });
-        return file != files_.end() && file->at == listed.at + shift &&
-               (file->encrypted != listed.encrypted || file->method != listed.method);
-    });
+    const auto contradicts = [&](const Directory& directory) {
+        const long long shift = ShiftOf(directory);
+        return std::any_of(
+            directory.listed.begin(), directory.listed.end(), [&](const Said& listed) {
+                const auto file =
+                    std::lower_bound(files_.begin(), files_.end(), listed.at + shift,
+                                     [](const Said& each, long long at) { return each.at < at; });
+                return file != files_.end() && file->at == listed.at + shift &&
+                       (file->encrypted != listed.encrypted || file->method != listed.method);
+            });
+    };
+    return std::any_of(directories_.begin(), directories_.end(), contradicts);
 }
 
 std::vector<long long> ZipHeaders::Files() const {

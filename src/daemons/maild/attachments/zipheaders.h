@@ -3,15 +3,18 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace maild {
 
 struct ZipHeader {
-    bool ofDirectory = false;
+    enum class Kind { kFile, kListed, kEnd };  // before a file, in the directory, behind that
+    Kind kind = Kind::kFile;
     long long at = 0;                // where it stands in the file
-    long long points = -1;           // of the directory: where the other one is said to stand
+    long long length = 0;            // bytes, of one in the directory
+    long long points = -1;           // to the file's own header, or to the directory's start
     std::vector<std::string> names;  // its own, and in UTF-8 beside it, if that is given
     bool encrypted = false;
     unsigned method = 0;
@@ -39,11 +42,18 @@ class ZipHeaders {
         bool encrypted;
         unsigned method;
     };
-    // By how much the directory is wrong about places, because something stands in front.
-    long long Shift() const;
+    // One that is stored in another one has its directory there, too, which counts from its own
+    // start.
+    struct Directory {
+        long long begin = 0;
+        long long end = 0;
+        std::vector<Said> listed;        // `at` is where it says that the file is
+        std::optional<long long> shift;  // by how much it is wrong, by what stands behind it
+    };
+    long long ShiftOf(const Directory& directory) const;
 
     std::vector<Said> files_;
-    std::vector<Said> listed_;  // `at` is where the directory says that the file is
+    std::vector<Directory> directories_;
 };
 
 // Whether the marks of an archive stand anywhere in the file.

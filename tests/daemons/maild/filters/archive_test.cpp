@@ -119,6 +119,10 @@ std::string Replaced(std::string text, const std::string& old, const std::string
     return text.replace(at, old.size(), made);
 }
 
+std::string Stored(const std::vector<Packed>& files) {
+    return Pack("zip", "none", files, nullptr, "zip:compression=store");
+}
+
 // What one reader takes for the archive and another one doesn't.
 TEST(Archives, ReadFromEitherEnd) {
     const AttachmentRules rules{{NameRule("exe", "*.exe"), TypeRule("type", "*dosexec")}, {}};
@@ -150,7 +154,11 @@ TEST(Archives, ReadFromEitherEnd) {
         {"encrypted by one of two", flagged, "", "a zip that says two things of a file: f.zip"},
         {"RAR behind a picture", "GIF89a" + Random(100) + "Rar!\x1A\7"s + Random(100), "",
          "an archive can't be read: f.zip"},
-        {"a stored zip is as any other file", Zip({{"b.zip", good}, {"c.zip", good}}), "", ""},
+        {"a zip is as any other file", Zip({{"b.zip", good}, {"c.zip", good}}), "", ""},
+        {"also as it stands", Stored({{"a", "x"}, {"b.zip", Zip({{"c", "x"}, {"d", "x"}})}}), "",
+         ""},
+        {"two of them, among others", Stored({{"b.zip", good}, {"a", "x"}, {"c.zip", good}}), "",
+         ""},
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.name);

@@ -18,13 +18,16 @@ struct Packed {
 // An archive in libarchive's format ("zip", "7zip", "ustar", "iso9660", "raw") and filter ("none",
 // "gzip", "bzip2", "xz", "zstd"); with a password its files are encrypted.
 inline std::string Pack(const char* format, const char* filter, const std::vector<Packed>& files,
-                        const char* password = nullptr) {
+                        const char* password = nullptr, const char* options = nullptr) {
     archive* const made = archive_write_new();
     EXPECT_EQ(archive_write_set_format_by_name(made, format), ARCHIVE_OK);
     if (std::string(filter) != "none") archive_write_add_filter_by_name(made, filter);
     if (password != nullptr) {
         EXPECT_EQ(archive_write_set_options(made, "zip:encryption=traditional"), ARCHIVE_OK);
         archive_write_set_passphrase(made, password);
+    }
+    if (options != nullptr) {
+        EXPECT_EQ(archive_write_set_options(made, options), ARCHIVE_OK);
     }
     archive_write_set_bytes_in_last_block(made, 1);
     std::string out(64 << 20, '\0');

@@ -22,3 +22,8 @@ inline constexpr char kEnginesSection[] = "engines";
 
 // Asks the daemon of this instance. False: nobody answers within ten seconds.
 bool AskForEngines(std::vector<EngineState>& states);
+
+// Messages below the instance whose path begins so are samples of `vtsmtpproxy check`: the daemon
+// says what the engine finds in them, does nothing with them, and doesn't count them. The proxy's
+// own lie elsewhere.
+inline constexpr char kSampleFiles[] = "tmp/check-";

@@ -82,6 +82,24 @@ class CheckedEngines(Scanning):
         self.settings(**{"Antispam/WhenDown": "put off"})
         self.assertEqual(self.findings(), [("error", KEY + "Antispam/Address")])
 
+    def test_its_messages_are_nobodys(self):
+        """Whatever is done with infected mail and by rules: theirs are neither kept nor counted, and found infected."""
+        self.send(body(b"hello"))
+        self.assertTrue(wait_until(lambda: len(self.events()) > 0))
+        before = self.events()
+        for action, expected in (("quarantine", []), ("tag", []), ("drop", []), ("put off", []),
+                                 ("pass", [("warning", KEY + "Antivirus/Action")])):
+            with self.subTest(action):
+                self.settings(**{"Antivirus/Action": action})
+                self.assertEqual(self.findings(), expected)
+        self.settings(**{"Antivirus/Action": "", "Content/Rules/a/Pattern": "clean", "Content/Rules/a/Action": "quarantine"})
+        self.assertEqual(self.findings(), [])
+        listed = subprocess.run([BIN + "/vtquarantine", "list", "--json"], env=self.proxy.env, capture_output=True, text=True)
+        self.assertEqual(listed.stdout, "")
+        self.send(body(b"behind them"))
+        self.assertTrue(wait_until(lambda: len(self.events()) > len(before)))
+        self.assertEqual(len(self.events()), len(before) + 1)
+
 
 class CheckedSilentEngine(Scanning):
     """It is silent about what lies beyond its limits."""

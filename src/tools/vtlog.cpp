@@ -17,6 +17,7 @@
 #include "daemons/logd/reader/times.h"
 #include "logclient/line.h"
 #include "platform/clock.h"
+#include "platform/console.h"
 #include "platform/home.h"
 #include "text/usage.h"
 
@@ -161,25 +162,29 @@ class Output {
     bool broken_ = false;
 };
 
-int Unreadable(const std::string& path) {
-    std::fprintf(stderr, "vtlog: can't read %s\n", path.c_str());
+constexpr char kNoLog[] = ": is there a log, as vtlogd writes it, and may this user read it?";
+
+int Unreadable(const std::string& what) {
+    std::fprintf(stderr, "vtlog: can't read %s\n", what.c_str());
     return kExitUnreadable;
 }
 
 int Find(const LogFiles& files, const std::string& path, Output& output) {
     std::deque<LogReader> all = files.OpenAll();
-    if (all.empty()) return Unreadable(path);
+    if (all.empty()) return Unreadable(path + kNoLog);
     for (; !all.empty() && output.Wanted(); all.pop_front()) {
         std::string_view line;
         while (output.Wanted() && all.front().Next(line)) output.Take(line);
     }
     output.Flush();
-    return output.Found() ? kExitFound : kExitNothing;
+    if (output.Found()) return kExitFound;
+    if (platform::OutputIsTerminal()) std::fputs("vtlog: nothing found\n", stderr);
+    return kExitNothing;
 }
 
 int Follow(const LogFiles& files, const std::string& path, Output& output) {
     LogReader file = files.OpenNewest();
-    if (!file) return Unreadable(path);
+    if (!file) return Unreadable(path + kNoLog);
     file.SkipToEnd();
     while (output.Wanted()) {
         // Looked for before the last look at this one: what is written in between is not missed.
@@ -209,8 +214,8 @@ int main(int argc, char** argv) {
 #ifdef SIGPIPE
     std::signal(SIGPIPE, SIG_IGN);  // the failing write tells
 #endif
+    if (const std::string why = platform::WhyNoHome(); !why.empty()) return Unreadable(why);
     const std::string path = platform::HomePath("log/vtlogd.log");
-    if (path.empty()) return Unreadable(platform::HomeError());
     const LogFiles files(path);
     Output output(options);
     return options.follow ? Follow(files, path, output) : Find(files, path, output);

@@ -95,13 +95,15 @@ int ShowStatus(std::span<char* const> words) {
     const bool json = words.size() == 1 && std::strcmp(words[0], "--json") == 0;
     if (!words.empty() && !json) return WrongUsage(usage, std::string("unexpected: ") + words[0]);
     std::vector<EngineState> states;
-    const bool answers = platform::MissingHome().empty() && AskForEngines(states);
+    const std::string why = platform::WhyNoHome();
+    const bool answers = why.empty() && AskForEngines(states);
     if (json)
         PrintJson(answers, states);
     else if (answers)
         PrintStates(states);
     else
-        std::fputs("vtmaild: the daemon does not answer\n", stderr);
+        std::fprintf(stderr, "vtmaild: %s\n",
+                     why.empty() ? "the daemon does not answer: is it started?" : why.c_str());
     return answers ? 0 : 1;
 }
 

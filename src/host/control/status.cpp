@@ -69,6 +69,11 @@ int RunStatus(const std::vector<std::string>& words) {
         (each == "--watch" ? watch : json) = true;
     }
     platform::ReleaseSignals();
+    // Of programs that may not be looked at nothing is said, as of those that don't run.
+    if (const std::string why = platform::WhyNoHome(); !why.empty()) {
+        std::fprintf(stderr, "vtsmtpproxy: %s\n", why.c_str());
+        if (platform::MissingHome().empty()) return 1;
+    }
     for (;;) {
         const View view = LookAtAll();
         const std::string text = json ? Json(view) : std::string(watch ? kClear : "") + Text(view);

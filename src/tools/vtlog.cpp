@@ -3,6 +3,7 @@
 #include <getopt.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -176,7 +177,10 @@ int Find(const LogFiles& files, const std::string& path, Output& output) {
         std::string_view line;
         while (output.Wanted() && all.front().Next(line)) output.Take(line);
     }
-    output.Flush();
+    if (!output.Flush() && errno != EPIPE) {  // who closes a pipe has read what he wanted
+        std::fputs("vtlog: can't write the output\n", stderr);
+        return kExitUnreadable;
+    }
     if (output.Found()) return kExitFound;
     if (platform::OutputIsTerminal()) std::fputs("vtlog: nothing found\n", stderr);
     return kExitNothing;

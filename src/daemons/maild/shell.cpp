@@ -104,7 +104,7 @@ int ShowStatus(std::span<char* const> words) {
     else
         std::fprintf(stderr, "vtmaild: %s\n",
                      why.empty() ? "the daemon does not answer: is it started?" : why.c_str());
-    return answers ? 0 : 1;
+    return answers && std::fflush(stdout) == 0 ? 0 : 1;
 }
 
 int TestFiles(std::span<char* const> words) {

@@ -19,6 +19,7 @@
 #include "metrics/count.h"
 #include "ntservice/ntservice.h"
 #include "ntservice/words.h"
+#include "platform/account.h"
 #include "platform/console.h"
 #include "platform/file.h"
 #include "platform/home.h"
@@ -226,10 +227,11 @@ int main(int argc, char** argv) {
         const Arguments arguments(words.begin() + 1, words.end());
         if (arguments.size() < command.least || arguments.size() > command.most)
             return Unknown(words[0] + ": too many or too few words behind it");
+        const std::string person = platform::PersonName();
         if (TrelisInit2() != 0)
             return Failed(platform::HomeError().empty() ? "can't open the store"
                                                         : platform::HomeError());
-        KeepAsPersons(words[0]);
+        trelis::KeepHistory(person, words[0]);
         const int code = Written(command.run(arguments));
         TrelisUninit();
         return code;

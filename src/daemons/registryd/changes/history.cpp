@@ -1,11 +1,7 @@
 #include "daemons/registryd/changes/history.h"
 
-#include <pwd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -93,15 +89,6 @@ const trelis::Act* ActToUndo(const std::vector<trelis::Act>& acts, const std::st
 std::string InWords(const trelis::ValueChange& change) {
     return CleanText(NameOf(change.path)) + ": " + Quoted(change.path, change.before) + " -> " +
            Quoted(change.path, change.after);
-}
-
-void KeepAsPersons(const std::string& how) {
-    const char* const behind = getuid() == 0 ? std::getenv("SUDO_USER") : nullptr;
-    const passwd* const entry = behind == nullptr ? getpwuid(getuid()) : nullptr;
-    trelis::KeepHistory(behind != nullptr  ? std::string(behind)
-                        : entry != nullptr ? std::string(entry->pw_name)
-                                           : "user " + std::to_string(getuid()),
-                        how);
 }
 
 int ShowHistory(const Arguments& arguments) {

@@ -20,6 +20,7 @@
 #include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/home.h"
+#include "text/ascii.h"
 #include "text/usage.h"
 
 namespace {
@@ -62,10 +63,11 @@ bool IsVerdict(std::string_view word) {
     return std::find(std::begin(kWords), std::end(kWords), word) != std::end(kWords);
 }
 
-// As it stands behind a refusal: in brackets, perhaps.
-std::string WithoutBrackets(std::string id) {
-    if (id.starts_with('[') && id.ends_with(']')) return id.substr(1, id.size() - 2);
-    return id;
+// As it stands in a message or behind a refusal: in brackets, perhaps. "<>" is a sender's own.
+std::string WithoutBrackets(std::string text) {
+    const bool brackets = (text.starts_with('[') && text.ends_with(']')) ||
+                          (text.starts_with('<') && text.ends_with('>'));
+    return brackets && text.size() > 2 ? text.substr(1, text.size() - 2) : text;
 }
 
 constexpr option kOptions[] = {{"from", required_argument, nullptr, 'f'},
@@ -83,22 +85,24 @@ std::optional<int> TakeOption(int which, const char* word, Options& options) {
     LogFilter& filter = options.filter;
     switch (which) {
         case 'f':
-            filter.from = optarg;
+            filter.from = WithoutBrackets(optarg);
             break;
         case 't':
-            filter.to = optarg;
+            filter.to = WithoutBrackets(optarg);
             break;
         case 'i':
-            filter.id = WithoutBrackets(optarg);
+            filter.id = LowerCase(WithoutBrackets(optarg));
             break;
         case 'v':
-            filter.verdict = optarg;
-            if (!IsVerdict(filter.verdict)) return Wrong("no such verdict: ", optarg);
+            filter.verdict = LowerCase(optarg);
+            if (!IsVerdict(filter.verdict))
+                return Wrong("no verdict (forward, reject, drop, failed, none): ", optarg);
             break;
         case 's':
         case 'u': {
             const auto when = ParseWhen(optarg, platform::UtcMilliseconds());
-            if (!when) return Wrong("no time: ", optarg);
+            if (!when)
+                return Wrong("no time (30m, 2h, 3d, 2026-01-31, 2026-01-31T23:59:59): ", optarg);
             (which == 's' ? filter.since : filter.until) = when;
             break;
         }

@@ -97,6 +97,11 @@ class Status(Control):
         self.assertTrue(first["answers"] and second["answers"])
         watching.send_signal(signal.SIGINT)
         self.assertEqual(watching.wait(10), -signal.SIGINT)
+        # A terminal is wiped, a file isn't.
+        watching = self.background("status", "--watch")
+        self.assertRegex(watching.stdout.readline(), r"\Avtsmtpproxy +runs")
+        watching.send_signal(signal.SIGINT)
+        watching.wait(10)
 
     def test_a_proxy_that_hangs_is_not_waited_for_for_ever(self):
         os.kill(self.proxy.process.pid, signal.SIGSTOP)

@@ -10,6 +10,9 @@ if(VANTREL_SANITIZE)
   target_link_options(vantrel_options INTERFACE -fsanitize=${VANTREL_SANITIZE})
 endif()
 
+# Tables of functions are bound at the start, and nothing can write to them from then on.
+target_link_options(vantrel_options INTERFACE -Wl,-z,relro,-z,now)
+
 function(vantrel_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
   add_library(vantrel_${name} STATIC ${ARG_SOURCES})

@@ -4,6 +4,7 @@
 
 #include "libstats/core.h"
 #include "net/socket.h"
+#include "platform/home.h"
 #include "text/base64.h"
 #include "trelis/keys/settings.h"
 
@@ -15,7 +16,10 @@ constexpr std::size_t kCredentialsSize = 1024;
 // The server's own store knows its port: the one of this host is asked only for this host.
 int ReadPort(std::uint32_t address) {
     int port = kStatsPort;
-    if (TrelisInit2() == 0) {
+    // Where there is no instance of its own, this host says nothing, and none is made for that.
+    const bool here = ntohl(address) >> 24U == IN_LOOPBACKNET;
+    const bool silent = here && !platform::MissingHome().empty();
+    if (!silent && TrelisInit2() == 0) {
         port = trelis::ReadInt(kPort, {}, ntohl(address));
         TrelisUninit();
     }

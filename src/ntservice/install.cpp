@@ -8,6 +8,7 @@
 
 #include "ntservice/messages.h"
 #include "ntservice/ntservice.h"
+#include "platform/console.h"
 #include "platform/errortext.h"
 #include "platform/file.h"
 #include "platform/library.h"
@@ -197,7 +198,10 @@ int CNTService::StartInstalledService() {
     }
     SERVICE_STATUS status{};
     WaitWhile(SERVICE_START_PENDING, service, status);
-    if (status.dwCurrentState == SERVICE_RUNNING) return 1;
+    if (status.dwCurrentState == SERVICE_RUNNING) {
+        if (platform::OutputIsTerminal()) Print("\n");  // programs that read it know it without
+        return 1;
+    }
     PrintName(kStartFailed, displayName);
     return 0;
 }

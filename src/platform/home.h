@@ -15,6 +15,9 @@ const std::string& Home();
 std::string MissingHome();
 // Why Home is empty, for a person; empty text if it isn't.
 const std::string& HomeError();
+// Why there is nothing to look at, for a person: HomeError, or that the directory isn't there,
+// which then isn't made. Empty text if there is something.
+std::string WhyNoHome();
 // Home plus "/" plus the relative path. Empty if there is no home.
 std::string HomePath(const char* relative);
 

@@ -14,6 +14,8 @@ constexpr std::size_t kMostWidth = 100;
 constexpr std::size_t kGap = 2;
 constexpr std::size_t kLeastName = 12;
 constexpr std::string_view kCut = "..";
+constexpr char kNothing[] = "nothing in this period\n";
+constexpr std::string_view kCode = "Code";  // a number that counts nothing
 
 struct Column {
     std::vector<std::string> cells;  // the heading first
@@ -95,9 +97,13 @@ std::size_t TerminalWidth() {
 std::string TableForTerminal(const ReportTable& table, std::size_t width) {
     const std::string heading = table.empty() || table[0].empty() ? "" : CleanText(table[0][0]);
     std::string out = heading.empty() ? "" : "By " + LowerCase(heading) + "\n\n";
-    if (table.size() < 2) return out + "nothing in this period\n";
+    if (table.size() < 2) return out + kNothing;
     std::vector<Column> columns = ColumnsOf(table);
     const std::string empty = TakeEmpty(columns);
+    const bool nothing = std::none_of(columns.begin(), columns.end(), [](const Column& column) {
+        return column.numbers && column.cells.front() != kCode;
+    });
+    if (!empty.empty() && nothing) return out + kNothing;
     if (const std::size_t all = WidthOf(columns); all > width && !columns.empty()) {
         std::size_t& name = columns.front().width;
         name -= std::min(all - width, name - std::min(name, kLeastName));

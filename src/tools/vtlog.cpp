@@ -3,6 +3,7 @@
 #include <getopt.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -17,7 +18,9 @@
 #include "daemons/logd/reader/times.h"
 #include "logclient/line.h"
 #include "platform/clock.h"
+#include "platform/console.h"
 #include "platform/home.h"
+#include "text/ascii.h"
 #include "text/usage.h"
 
 namespace {
@@ -60,10 +63,11 @@ bool IsVerdict(std::string_view word) {
     return std::find(std::begin(kWords), std::end(kWords), word) != std::end(kWords);
 }
 
-// As it stands behind a refusal: in brackets, perhaps.
-std::string WithoutBrackets(std::string id) {
-    if (id.starts_with('[') && id.ends_with(']')) return id.substr(1, id.size() - 2);
-    return id;
+// As it stands in a message or behind a refusal: in brackets, perhaps. "<>" is a sender's own.
+std::string WithoutBrackets(std::string text) {
+    const bool brackets = (text.starts_with('[') && text.ends_with(']')) ||
+                          (text.starts_with('<') && text.ends_with('>'));
+    return brackets && text.size() > 2 ? text.substr(1, text.size() - 2) : text;
 }
 
 constexpr option kOptions[] = {{"from", required_argument, nullptr, 'f'},
@@ -81,22 +85,24 @@ std::optional<int> TakeOption(int which, const char* word, Options& options) {
     LogFilter& filter = options.filter;
     switch (which) {
         case 'f':
-            filter.from = optarg;
+            filter.from = WithoutBrackets(optarg);
             break;
         case 't':
-            filter.to = optarg;
+            filter.to = WithoutBrackets(optarg);
             break;
         case 'i':
-            filter.id = WithoutBrackets(optarg);
+            filter.id = LowerCase(WithoutBrackets(optarg));
             break;
         case 'v':
-            filter.verdict = optarg;
-            if (!IsVerdict(filter.verdict)) return Wrong("no such verdict: ", optarg);
+            filter.verdict = LowerCase(optarg);
+            if (!IsVerdict(filter.verdict))
+                return Wrong("no verdict (forward, reject, drop, failed, none): ", optarg);
             break;
         case 's':
         case 'u': {
             const auto when = ParseWhen(optarg, platform::UtcMilliseconds());
-            if (!when) return Wrong("no time: ", optarg);
+            if (!when)
+                return Wrong("no time (30m, 2h, 3d, 2026-01-31, 2026-01-31T23:59:59): ", optarg);
             (which == 's' ? filter.since : filter.until) = when;
             break;
         }
@@ -161,25 +167,32 @@ class Output {
     bool broken_ = false;
 };
 
-int Unreadable(const std::string& path) {
-    std::fprintf(stderr, "vtlog: can't read %s\n", path.c_str());
+constexpr char kNoLog[] = ": is there a log, as vtlogd writes it, and may this user read it?";
+
+int Unreadable(const std::string& what) {
+    std::fprintf(stderr, "vtlog: can't read %s\n", what.c_str());
     return kExitUnreadable;
 }
 
 int Find(const LogFiles& files, const std::string& path, Output& output) {
     std::deque<LogReader> all = files.OpenAll();
-    if (all.empty()) return Unreadable(path);
+    if (all.empty()) return Unreadable(path + kNoLog);
     for (; !all.empty() && output.Wanted(); all.pop_front()) {
         std::string_view line;
         while (output.Wanted() && all.front().Next(line)) output.Take(line);
     }
-    output.Flush();
-    return output.Found() ? kExitFound : kExitNothing;
+    if (!output.Flush() && errno != EPIPE) {  // who closes a pipe has read what he wanted
+        std::fputs("vtlog: can't write the output\n", stderr);
+        return kExitUnreadable;
+    }
+    if (output.Found()) return kExitFound;
+    if (platform::OutputIsTerminal()) std::fputs("vtlog: nothing found\n", stderr);
+    return kExitNothing;
 }
 
 int Follow(const LogFiles& files, const std::string& path, Output& output) {
     LogReader file = files.OpenNewest();
-    if (!file) return Unreadable(path);
+    if (!file) return Unreadable(path + kNoLog);
     file.SkipToEnd();
     while (output.Wanted()) {
         // Looked for before the last look at this one: what is written in between is not missed.
@@ -209,8 +222,8 @@ int main(int argc, char** argv) {
 #ifdef SIGPIPE
     std::signal(SIGPIPE, SIG_IGN);  // the failing write tells
 #endif
+    if (const std::string why = platform::WhyNoHome(); !why.empty()) return Unreadable(why);
     const std::string path = platform::HomePath("log/vtlogd.log");
-    if (path.empty()) return Unreadable(platform::HomeError());
     const LogFiles files(path);
     Output output(options);
     return options.follow ? Follow(files, path, output) : Find(files, path, output);

@@ -136,6 +136,7 @@ struct Credentials {
 };
 
 std::optional<Credentials> FromTokenFile() {
+    if (!platform::WhyNoHome().empty()) return std::nullopt;  // which is not made for this
     std::ifstream file(platform::HomePath(kTokenFile));
     std::string line;
     if (!std::getline(file, line)) return std::nullopt;

@@ -28,7 +28,8 @@ OF_THE_SYSTEM = ("platform/linux", "trelis", "daemons")
 # Long options, as the C library reads them.
 ALSO = {name: {"getopt.h"} for name in ("tools/vtlog.cpp", "tools/vtreport.cpp", "tools/quarantine/vtquarantine.cpp")}
 # Libraries that one folder alone knows, with the reason.
-LIBRARIES = {"tls": "openssl/"}  # so that another library, or version, of TLS changes one folder
+LIBRARIES = {"tls": "openssl/",  # so that another library, or version, of TLS changes one folder
+             "pattern": "pcre2.h"}  # its types alone stand in the header
 # Who may look behind the platform's face.
 BEHIND_THE_FACE = ("platform/linux", "daemons/supervisor")
 # Longer than the rest, with the reason. What stands here and is short enough is a breach too.

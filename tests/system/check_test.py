@@ -61,6 +61,20 @@ class Checking(unittest.TestCase):
         self.assertEqual(self.run_check(), (0, "nothing to complain of\n"))
         self.assertEqual(self.run_check("--json"), (0, "[]\n"))
 
+    def one_at_a_time(self, cases):
+        before = json.loads(self.proxy.tool("dump").stdout)
+        for keys, severity, key, word in cases:
+            with self.subTest(keys=keys):
+                self.proxy.load(keys)
+                found = self.findings()
+                for each in keys:
+                    self.proxy.tool("del", each)
+                self.proxy.load(before)
+                expected = key or next(iter(keys))
+                self.assertEqual([(each["severity"], each["key"]) for each in found], [(severity, expected)], found)
+                self.assertIn(word, found[0]["remedy"])
+        self.assert_fine()  # each case has been taken back
+
 
 class Right(Checking):
     def test_nothing_to_complain_of(self):
@@ -164,18 +178,7 @@ class Wrong(Checking):
             ({"/VTWIN/Filters/AS/AllowDenyIPList/Addresses/a/IP": "192.0.2.1"}, "error",
              "/VTWIN/Filters/AS/AllowDenyIPList/Addresses/a/Action", "deny"),
         )
-        before = json.loads(self.proxy.tool("dump").stdout)
-        for keys, severity, key, word in cases:
-            with self.subTest(keys=keys):
-                self.proxy.load(keys)
-                found = self.findings()
-                for each in keys:
-                    self.proxy.tool("del", each)
-                self.proxy.load(before)
-                expected = key or next(iter(keys))
-                self.assertEqual([(each["severity"], each["key"]) for each in found], [(severity, expected)], found)
-                self.assertIn(word, found[0]["remedy"])
-        self.assert_fine()  # each case has been taken back
+        self.one_at_a_time(cases)
 
     def one(self, key, word, severity="error"):
         found = self.findings()

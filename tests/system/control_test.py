@@ -97,6 +97,11 @@ class Status(Control):
         self.assertTrue(first["answers"] and second["answers"])
         watching.send_signal(signal.SIGINT)
         self.assertEqual(watching.wait(10), -signal.SIGINT)
+        # A terminal is wiped, a file isn't.
+        watching = self.background("status", "--watch")
+        self.assertRegex(watching.stdout.readline(), r"\Avtsmtpproxy +runs")
+        watching.send_signal(signal.SIGINT)
+        watching.wait(10)
 
     def test_a_proxy_that_hangs_is_not_waited_for_for_ever(self):
         os.kill(self.proxy.process.pid, signal.SIGSTOP)
@@ -130,7 +135,8 @@ class NoProxy(unittest.TestCase):
         with tempfile.TemporaryDirectory() as parent:
             env = dict(os.environ, VANTREL_HOME=parent + "/home")
             cases = (  # words, code, what is on which stream
-                (["status"], 1, r"vtsmtpproxy +does not run\n", ""), (["status", "--json"], 1, r'\{"answers": false', ""),
+                (["status"], 1, r"vtsmtpproxy +does not run\n", "no such instance"),
+                (["status", "--json"], 1, r'\{"answers": false', "no such instance"),
                 (["drain"], 1, "", "vtsmtpproxy: the proxy does not run\n"),
                 (["drain", "--cancel"], 1, "", "vtsmtpproxy: the proxy does not run\n"),
                 (["status", "--bogus"], 2, "", "unexpected: --bogus"), (["status", "now"], 2, "", "unexpected: now"),
@@ -144,7 +150,23 @@ class NoProxy(unittest.TestCase):
                     self.assertEqual(done.returncode, code, done)
                     for text, pattern in ((done.stdout, out), (done.stderr, error)):
                         self.assertRegex(text, pattern or r"\A\Z")
+            for words in (["vtlog", "find"], ["vtlog", "follow"], ["vtquarantine", "list"], ["vtreport"], ["vtmaild", "status"]):
+                done = subprocess.run([BIN + "/" + words[0], *words[1:]], env=env, capture_output=True, timeout=20,
+                                      stdin=subprocess.DEVNULL, start_new_session=True)
+                self.assertNotEqual((done.returncode, done.stderr), (0, b""), words)
             self.assertEqual(os.listdir(parent), [], "an instance is not made by a look at it")
+
+    def test_of_programs_that_it_may_not_look_at_nothing_is_said(self):
+        other = ["setpriv", "--reuid", "nobody", "--regid", "nogroup", "--clear-groups"]
+        if os.geteuid() != 0 or subprocess.run([*other, BIN + "/vtsmtpproxy", "--version"], capture_output=True).returncode != 0:
+            self.skipTest("nobody else to be")
+        with tempfile.TemporaryDirectory() as home:
+            for words in (["vtsmtpproxy", "status"], ["vtsmtpproxy", "drain"], ["vtmaild", "status"], ["vtlog", "find"]):
+                done = subprocess.run([*other, BIN + "/" + words[0], *words[1:]], env=dict(os.environ, VANTREL_HOME=home), text=True,
+                                      capture_output=True, timeout=20)
+                self.assertEqual(done.stdout, "")
+                self.assertRegex(done.stderr, r"\A\w+: .*owned by another user: be that user or root.*\n\Z")
+                self.assertNotEqual(done.returncode, 0)
 
 
 class Drain(Control):

@@ -59,6 +59,24 @@ class Pages(unittest.TestCase):
         self.assertIn(done.returncode, codes, "%s\n%s%s" % (command, done.stdout, done.stderr))
         return done
 
+    def test_the_first_day_is_in_the_readme(self):
+        """The script that goes that way takes each command from there, and says so if one is missing."""
+        script = os.path.join(ROOT, "packaging", "first-day")
+        done = subprocess.run([script, "--commands"], text=True, capture_output=True)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        found = done.stdout.splitlines()
+        for word in ("apt install ./", "vtsmtpproxy setup ", "vtsmtpproxy check", "swaks ", "vtlog find --id", "/metrics", "/find?q="):
+            self.assertTrue([each for each in found if word in each], word)
+        for line in found:
+            self.assertIn(line[:40], read("README.md"))
+        inside = os.path.join(ROOT, "packaging", "first-day-inside")
+        with tempfile.NamedTemporaryFile("w", suffix=".md") as other:
+            other.write(read("README.md").replace("vtlog find --id ID\n    curl", "vtlog find --to ID\n    curl"))
+            other.flush()
+            done = subprocess.run([inside, "--commands", other.name], text=True, capture_output=True)
+        self.assertNotEqual(done.returncode, 0)
+        self.assertIn("README has no command that begins: vtlog find --id", done.stderr)
+
     def test_the_commands_are_taken_as_they_stand_there(self):
         taken = 0
         for path in [("README.md",), *(("docs", name) for name in pages()), *(("packaging", "man", name) for name in sorted(os.listdir(MANUAL)))]:

@@ -152,7 +152,7 @@ class ScanDaemon(Listening):
                     assert length == remaining and reserved == 0
                     request = stream.read(length)
                     self.requests.append(request)
-                    reply = self.answer(request)
+                    reply = clean() if request.find(b"engines") > 0 > request.find(b"/") else self.answer(request)  # it has none
                     if reply is None:
                         return
                     client.sendall(b"VTIPC\0\0\0" + struct.pack("<III", len(reply), len(reply), 0) + reply)

@@ -1,8 +1,10 @@
 """What people have changed, and how they take it back; the configuration in an editor."""
 
+import grp
 import json
 import os
 import pty
+import pwd
 import subprocess
 
 from harness import BIN
@@ -46,6 +48,20 @@ class History(Kept):
         self.assertRegex(people[1], r'1  20\d\d-\d\d-\d\dT\S+Z  \S+  set +interface\.net\.port: not set -> "25"')
         self.assertNotIn("$6$", people[1])
         self.assertEqual(self.vt("history", "interfac")[0], 1)
+
+    def test_whose_it_is(self):
+        """Root is somebody, though it becomes the instance's owner."""
+        if os.geteuid() != 0:
+            self.skipTest("nobody else to be")
+        os.mkdir(self.home, 0o700)
+        os.chown(self.home, pwd.getpwnam("nobody").pw_uid, grp.getgrnam("nogroup").gr_gid)
+        os.chmod(self.parent, 0o755)
+        self.run_it("vtregistry", "set", "maild.threads", "7", SUDO_USER="ann")
+        self.run_it("vtregistry", "set", "maild.threads", "8", SUDO_USER="")
+        self.run_it("vtsmtpproxy", "setup", "--server", "127.0.0.1:9", "--domain", "example.org", SUDO_USER="joe")
+        told = [json.loads(line) for line in self.vt("history", "--json")[1].splitlines()]
+        self.assertEqual({(each["act"], each["who"], each["how"]) for each in told},
+                         {(1, "ann", "set"), (2, "root", "set"), (3, "joe", "setup")})
 
     def test_what_is_undone_is_as_it_was(self):
         self.vt("set", "maild.threads", "7")

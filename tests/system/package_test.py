@@ -158,6 +158,14 @@ class Package(unittest.TestCase):
         self.assertNotIn("vtlogd", done.stdout)
         self.assertNotIn("vtstatd", done.stdout)
 
+    def test_units_leave_what_the_configuration_may_ask_for(self):
+        """Engines and spam filters on other hosts; servers that a release of the quarantine's page goes to."""
+        for name in ("vtmaild", "vtstatd", "vtsmtpproxy"):
+            with open(os.path.join(UNITS, name + ".service"), encoding="utf-8") as file:
+                unit = file.read()
+            self.assertIn("\nRestrictAddressFamilies=AF_UNIX AF_INET AF_INET6\n", unit, name)
+            self.assertNotRegex(unit, r"(?m)^(PrivateNetwork=yes|IPAddressDeny=)", name)
+
     def test_a_removal_leaves_no_link_to_a_unit_that_is_gone(self):
         self.install()
         os.symlink("/lib/systemd/system/vtsmtpproxy.service", self.wants + "/vtsmtpproxy.service")  # the administrator's

@@ -63,6 +63,27 @@ class Words(Person):
             for word in ("--help", "--version"):
                 self.assertEqual(subprocess.run([BIN + "/vtmaild", word], stdout=full, env=self.env, check=False).returncode, 1)
 
+    def test_output_that_cannot_be_written_is_a_failure(self):
+        """A backup that is none has to be noticed; whoever closes a pipe has seen what he wanted."""
+        self.run_it("vtregistry", "register")
+        self.run_it("vtregistry", "set", "maild.scantimeout", "5")
+        for words in (["dump"], ["show"], ["keys"], ["get", "maild.scantimeout"], ["list", "/"], ["history"]):
+            with open("/dev/full", "w", encoding="ascii") as full:
+                done = subprocess.run([BIN + "/vtregistry", *words], stdout=full, stderr=subprocess.PIPE, env=self.env, text=True)
+            self.assertEqual((done.returncode, done.stderr),
+                             (1, "vtregistry: can't write the output: No space left on device\n"), words)
+        read, write = os.pipe()
+        os.close(read)
+        done = subprocess.run([BIN + "/vtregistry", "show"], stdout=write, stderr=subprocess.PIPE, env=self.env)
+        os.close(write)
+        self.assertEqual((done.returncode, done.stderr), (1, b""))
+
+    def test_words_that_make_no_sense_together(self):
+        for words in (["set", "a", "b", "c"], ["show", "--bogus"], ["keys", "--values"], ["undo", "1", "2"], ["history", "a", "b"]):
+            code, out, err = self.run_it("vtregistry", *words)
+            self.assertEqual((code, out), (2, ""), words)
+            self.assertRegex(err, r"\Avtregistry: .*" + words[0] + " takes .*\n\Z")
+
     def test_a_service_manager_s_words_are_its_own_affair(self):
         for program in SERVICES[:-1]:
             code, out, err = self.run_it(program, "bogus", NOTIFY_SOCKET=self.parent + "/nobody")
@@ -238,7 +259,7 @@ class Registry(Person):
         self.assertEqual(list(self.shown("interface.net.ServerToForward")), ["interface.net.server"])
         self.assertEqual([name for name in self.shown("interface.net") if not name.startswith(("interface.net.", NET))], [])
         self.assertEqual(self.vt("show", "mailt")[:2], (1, ""))
-        self.assertEqual(self.vt("show", "maild", "logd")[:2], (1, ""))
+        self.assertEqual(self.vt("show", "maild", "logd")[:2], (2, ""))
 
     def test_a_narrow_terminal_has_narrow_lines(self):
         self.vt("set", NET + "/Greeting" + "x" * 90, "x" * 300)
@@ -259,7 +280,8 @@ class Registry(Person):
         for line, expected in (("vtregistry s", ["show", "set", "start", "stop"]), ("vtregistry set maild.sc", ["maild.scantimeout"]),
                                ("vtregistry get inter", ["interface."]), ("vtregistry get interface.", ["interface.net."]),
                                ("vtregistry set --force interface.net.tr", ["interface.net.trust."]),
-                               ("vtregistry set interface.net.trust.", []), ("vtregistry show --c", ["--changed"]),
+                               ("vtregistry set interface.net.trust.", []),
+                               ("vtregistry set content.Pills.p", ["content.Pills.pattern"]), ("vtregistry show --c", ["--changed"]),
                                ("vtregistry get /VTWIN/Ag", ["/VTWIN/Agents/"]), ("vtregistry set maild.scantimeout 1", ["120"]),
                                ("vtregistry set --force maild.virusaction d", ["drop"]), ("vtregistry undo --", ["--force"]),
                                ("vtregistry set interface.net.pipelining o", ["on", "off"]), ("vtregistry set no.such o", []),

@@ -125,6 +125,12 @@ class Report(unittest.TestCase):
         result = self.run_it()
         self.assertEqual((result.returncode, result.stdout.decode().splitlines()[1:]), (0, ["", "nothing in this period"]))
 
+    def test_events_of_an_empty_period(self):
+        self.serve(ok(b'2 4 Event Code Total Bytes Clean 100 0 0'))
+        result = self.run_it()
+        self.assertEqual((result.returncode, result.stdout.decode().splitlines()[1:]),
+                         (0, ["", "By event", "", "nothing in this period"]))
+
     def test_a_wide_table_fits_the_page(self):
         sender, counts = "s" * 200 + "@example.org", (0, 7, 1234567, 0)
         row = [sender, *(counts * 4), "99"]

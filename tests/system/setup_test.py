@@ -107,6 +107,15 @@ class Setup(unittest.TestCase):
         self.assertEqual(client.ask(b"NOOP"), b"250 ok\r\n")
         client.close()
 
+    def test_a_running_proxy_moves_its_listener_meanwhile(self):
+        """Which is nobody else's."""
+        self.setup(*self.words)
+        self.proxy.start()
+        for turn in range(8):
+            address = ("[::]", "0.0.0.0")[turn % 2] + ":%d" % self.proxy.port
+            code, out, err = self.setup(*self.words[:-1], address, "--force")
+            self.assertEqual((code, err, out.splitlines()[-1]), (0, "", "nothing to complain of"), out)
+
     def test_words_of_no_use(self):
         for words, word in (((), "nobody to ask"), (self.words[2:], "--server"), (self.words[:2], "--domain"),
                             ((*self.words, "--relay", "0.0.0.0/0"), "everybody"),

@@ -38,6 +38,9 @@ class Vtlog(Logged):
         self.assertEqual([json.loads(line)["from"] for line in lines], ["s%d@example.org" % i for i in range(8)])
         code, lines = self.vtlog("find", "--from", "@example.org", "--verdict", "forward", "--peer", "127.0.0.0/8", "--since", "1h")
         self.assertEqual([re.search(r" from=(\S+)", line)[1] for line in lines], ["s%d@example.org" % i for i in range(8)])
+        one = json.loads(self.vtlog("find", "--from", "<S1@example.org>", "--verdict", "FORWARD", "--json")[1][0])
+        for typed in (one["id"], "[%s]" % one["id"], "<%s>" % one["id"], one["id"].upper()):
+            self.assertEqual(len(self.vtlog("find", "--id", typed)[1]), 1, typed)
         for words in (("--verdict", "reject"), ("--peer", "192.0.2.1"), ("--until", "1h"), ("--from", "s@example.org")):
             self.assertEqual(self.vtlog("find", *words), (1, []), words)
 

@@ -27,13 +27,6 @@ bool Add(TagMsgNode* node, std::uint32_t tag, const char* text) {
     return TagMsgAddAttr(node, tag, text) == TAGMSG_OK;
 }
 
-std::string TextOf(TagMsgNode* node, std::uint32_t tag) {
-    const void* found = nullptr;
-    return TagMsgPeekAttr(node, tag, &found) == TAGMSG_OK && found != nullptr
-               ? std::string(static_cast<const char*>(found))
-               : std::string();
-}
-
 TagMsgNode* AddChild(TagMsgNode* parent) {
     TagMsgNode* child = nullptr;
     if (TagMsgCreate(&child) != TAGMSG_OK || TagMsgAddChild(parent, child) != TAGMSG_OK)
@@ -125,22 +118,6 @@ bool BuildStates(TagMsgNode* root, const std::vector<EngineState>& states) {
                Add(engine, TagInfoText, each.version.c_str()) &&
                Add(engine, TagCount, each.outstanding);
     });
-}
-
-std::vector<EngineState> ReadStates(TagMsgNode* root) {
-    std::vector<EngineState> states;
-    const int count = TagMsgChildCount(root);
-    for (int i = 0; i < count; ++i) {
-        TagMsgNode* engine = nullptr;
-        if (TagMsgGetChild(root, &engine, i) != TAGMSG_OK) break;
-        EngineState state{TextOf(engine, TagObjectName), TextOf(engine, TagHost),
-                          TextOf(engine, TagStatusText), TextOf(engine, TagInfoText), 0};
-        std::int32_t outstanding = 0;
-        TagMsgCopyAttr(engine, TagCount, &outstanding, sizeof outstanding);
-        state.outstanding = outstanding;
-        states.push_back(std::move(state));
-    }
-    return states;
 }
 
 bool BuildForward(TagMsgNode* root) { return Add(root, TagActionMask, kMaskForward); }

@@ -16,7 +16,5 @@ bool BuildAnswer(TagMsgNode* root, std::span<const maild::Finding> findings,
 // The message may go on, nothing else is said.
 bool BuildForward(TagMsgNode* root);
 
-// A request without a path, and with this section, asks for the engines.
-inline constexpr char kEnginesSection[] = "engines";
+// The answer about the engines (scanclient/engines.h).
 bool BuildStates(TagMsgNode* root, const std::vector<EngineState>& states);
-std::vector<EngineState> ReadStates(TagMsgNode* root);

@@ -8,12 +8,9 @@
 #include <vector>
 
 #include "daemons/maild/antispam/antispam.h"
-#include "daemons/maild/reply.h"
 #include "daemons/maild/sections.h"
-#include "lipc/lipc.h"
 #include "platform/home.h"
-#include "tagmsg/owned.h"
-#include "tagmsg/tags.h"
+#include "scanclient/engines.h"
 #include "text/printable.h"
 #include "text/usage.h"
 #include "trelis/trelis.h"
@@ -29,7 +26,6 @@ constexpr char kStatusHelp[] =
     "usage: vtmaild status [--json]\n"
     "Shows the engines: where each is, its state, the scans that it has in hand, its version.\n"
     "The exit code: 0 if the daemon answers, 1 if not.\n";
-constexpr std::int32_t kAnswerMs = 10000;
 
 enum Exit { kPasses = 0, kFound = 1, kWrongWords = 2, kCant = 3 };
 
@@ -70,31 +66,6 @@ Exit TestFile(Engines& engines, const Settings& settings, const char* path, Tran
     }
 }
 
-// What the daemon that runs says of its engines. False: nobody answers.
-bool AskForStates(std::vector<EngineState>& states) {
-    const TagMsgField fields[] = {{TagSection, kEnginesSection}};
-    OwnedFlatForm request;
-    LIPCEndpoint* endpoint = nullptr;
-    if (TagMsgFlatten(fields, request) != TAGMSG_OK ||
-        LIPCOpenClient(&endpoint, "vtmaild") != LIPC_OK)
-        return false;
-    LIPCConnection* connection = nullptr;
-    const void* reply = nullptr;
-    std::uint32_t length = 0;
-    std::uint64_t turn = 0;
-    // All its threads may be busy with scans.
-    const int status = LIPCRequestInTurn(endpoint, &connection, request.data, request.length,
-                                         &reply, &length, kAnswerMs, &turn);
-    OwnedMessage answer;
-    const bool answered =
-        status == LIPC_OK && reply != nullptr && answer.Parse(reply, length) == TAGMSG_OK;
-    if (answered) states = ReadStates(answer.root);
-    if (connection != nullptr && (status == LIPC_OK || status == LIPC_TIMED_OUT))
-        LIPCRelease(endpoint, connection);
-    LIPCClose(endpoint);
-    return answered;
-}
-
 void PrintStates(const std::vector<EngineState>& states) {
     for (const EngineState& each : states)
         std::printf("%s at %s: %s, %d in hand%s%s\n", CleanText(each.name).c_str(),
@@ -124,14 +95,16 @@ int ShowStatus(std::span<char* const> words) {
     const bool json = words.size() == 1 && std::strcmp(words[0], "--json") == 0;
     if (!words.empty() && !json) return WrongUsage(usage, std::string("unexpected: ") + words[0]);
     std::vector<EngineState> states;
-    const bool answers = platform::MissingHome().empty() && AskForStates(states);
+    const std::string why = platform::WhyNoHome();
+    const bool answers = why.empty() && AskForEngines(states);
     if (json)
         PrintJson(answers, states);
     else if (answers)
         PrintStates(states);
     else
-        std::fputs("vtmaild: the daemon does not answer\n", stderr);
-    return answers ? 0 : 1;
+        std::fprintf(stderr, "vtmaild: %s\n",
+                     why.empty() ? "the daemon does not answer: is it started?" : why.c_str());
+    return answers && std::fflush(stdout) == 0 ? 0 : 1;
 }
 
 int TestFiles(std::span<char* const> words) {

@@ -103,7 +103,8 @@ int Dump(const Arguments& arguments) {
 int Load(const Arguments& arguments) {
     const bool check = !arguments.empty() && arguments[0] == kCheck;
     const std::size_t at = check ? 1 : 0;
-    if (arguments.size() > at + 1) return Failed("load takes --check and a file, in this order");
+    if (arguments.size() > at + 1)
+        return WrongWords("load takes --check and a file, in this order");
     const auto values = ReadFile(arguments.size() > at ? arguments[at] : "");
     if (!values) return kExitFailed;
     if (check) return Check(*values);

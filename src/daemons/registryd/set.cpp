@@ -77,7 +77,7 @@ int SetShort(const std::string& name, const std::string& written, bool force) {
 int SetKey(const Arguments& arguments) {
     const bool force = arguments.size() == 3;
     if (force && arguments[0] != kForce)
-        return Failed("set takes a key and a value: put a value with blanks in quotes");
+        return WrongWords("set takes a key and a value: put a value with blanks in quotes");
     const std::string& key = arguments[force ? 1 : 0];
     const std::string& value = arguments[force ? 2 : 1];
     return key.starts_with('/') ? SetPath(key, value, force) : SetShort(key, value, force);

@@ -3,11 +3,17 @@
 #include <iostream>
 
 #include "text/printable.h"
+#include "text/usage.h"
 #include "trelis/keys/names.h"
 
 int Failed(const std::string& what) {
     std::cerr << "vtregistry: " << CleanText(what) << '\n';
     return kExitFailed;
+}
+
+int WrongWords(const std::string& what) {
+    Failed(what);
+    return kExitUsage;
 }
 
 std::string Hint(const std::string& typed) {

@@ -12,6 +12,8 @@ inline constexpr int kExitFailed = 1;
 
 // Says it on standard error. Gives kExitFailed.
 int Failed(const std::string& what);
+// The same of words that make no sense together. Gives kExitUsage.
+int WrongWords(const std::string& what);
 // Says that there is no such key, and which one may be meant.
 int UnknownKey(const std::string& typed);
 // The path of a key, or of what stands above keys. Nothing, after UnknownKey: an unknown short

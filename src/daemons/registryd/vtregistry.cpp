@@ -1,6 +1,8 @@
 // The store's tool: reads, changes, lists and follows the configuration. With one of the options of
 // a service, or started by a service manager, it is the service VTREGISTRY.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -17,6 +19,7 @@
 #include "metrics/count.h"
 #include "ntservice/ntservice.h"
 #include "ntservice/words.h"
+#include "platform/account.h"
 #include "platform/console.h"
 #include "platform/file.h"
 #include "platform/home.h"
@@ -65,7 +68,7 @@ int List(const Arguments& arguments) {
 int Keys(const Arguments& arguments) {
     const std::string what = arguments.empty() ? "" : arguments[0];
     if ((what == "--values") != (arguments.size() == 2))
-        return Failed("keys takes a prefix, --short, --reference, or --values and a key");
+        return WrongWords("keys takes a prefix, --short, --reference, or --values and a key");
     if (what == "--values") {
         std::cout << ValuesOf(arguments[1]);
         return 0;
@@ -194,7 +197,19 @@ constexpr ServiceWords kWords{
     "KEY is a short name, such as interface.net.server or maild.scantimeout, or an absolute path.\n"
     "Sizes and times may have units: 25M, 10m. Manual: vtregistry(1), vantrel-keys(5)\n"};
 
-int WrongWords(const std::string& what) { return WrongUsage(ServiceUsage(kWords), what); }
+int Unknown(const std::string& what) { return WrongUsage(ServiceUsage(kWords), what); }
+
+// The code of a command whose output has not come to its end, as a backup that is half a one.
+int Written(int code) {
+    if (std::cout.flush()) return code;
+    std::cout.clear();
+    errno = 0;
+    std::cout << '\n' << std::flush;  // says why once more
+    // Who has closed the other end of a pipe has read what he wanted.
+    return errno == EPIPE ? kExitFailed
+                          : Failed(std::string("can't write the output") +
+                                   (errno == 0 ? "" : std::string(": ") + std::strerror(errno)));
+}
 
 }  // namespace
 
@@ -211,14 +226,15 @@ int main(int argc, char** argv) {
         if (words.empty() || words[0] != command.word) continue;
         const Arguments arguments(words.begin() + 1, words.end());
         if (arguments.size() < command.least || arguments.size() > command.most)
-            return WrongWords(words[0] + ": too many or too few words behind it");
+            return Unknown(words[0] + ": too many or too few words behind it");
+        const std::string person = platform::PersonName();
         if (TrelisInit2() != 0)
             return Failed(platform::HomeError().empty() ? "can't open the store"
                                                         : platform::HomeError());
-        KeepAsPersons(words[0]);
-        const int code = command.run(arguments);
+        trelis::KeepHistory(person, words[0]);
+        const int code = Written(command.run(arguments));
         TrelisUninit();
         return code;
     }
-    return WrongWords(words.empty() ? "nothing to do" : "unknown word: " + words[0]);
+    return Unknown(words.empty() ? "nothing to do" : "unknown word: " + words[0]);
 }

@@ -33,6 +33,7 @@ bool OpenStore(Findings& findings) {
 void CheckConfiguration(Findings& findings) {
     CheckKeys(findings);
     CheckLists(findings);
+    CheckFilters(findings);
     std::vector<std::string> interfaces;
     trelis::NameWalk names(InterfaceKey("Port"));
     for (std::string name; names.Next(name);) interfaces.push_back(name);

@@ -32,6 +32,7 @@ class Findings {
     std::string Text() const;
     // One array of objects with severity, key, problem and remedy, and a line end.
     std::string Json() const;
+    std::size_t Size() const { return all_.size(); }
     // 0, 1 with warnings only, 2.
     int ExitCode() const;
 

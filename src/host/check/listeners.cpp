@@ -1,9 +1,11 @@
 // Whether the interfaces can have their addresses and ports. A port is tried by a bind alone: no
 // client ever meets a listener of this program.
 #include <cerrno>
+#include <chrono>
 #include <map>
 #include <optional>
 #include <system_error>
+#include <thread>
 
 #include "host/check/parts.h"
 #include "host/listeners.h"
@@ -22,6 +24,28 @@ int TryBind(const SocketAddress& where, bool bothFamilies) {
     const int error = socket.Bind(where) ? 0 : errno;
     socket.Close();
     return error;
+}
+
+// A proxy that runs follows a change of its interfaces, and is between two listeners for a moment.
+constexpr std::chrono::seconds kFollowing{2};
+constexpr std::chrono::milliseconds kAgain{100};
+
+struct Trial {
+    int error = 0;  // of a bind
+    platform::PortHolder holder = platform::PortHolder::kNobody;
+
+    bool IsGood() const { return error == 0 || holder == platform::PortHolder::kService; }
+};
+
+Trial TryListening(const SocketAddress& where, bool bothFamilies) {
+    const auto end = std::chrono::steady_clock::now() + kFollowing;
+    for (;;) {
+        Trial trial{TryBind(where, bothFamilies)};
+        if (trial.error != 0) trial.holder = platform::WhoListens(where, kProxyServiceName);
+        if (trial.IsGood() || trial.error != EADDRINUSE || std::chrono::steady_clock::now() >= end)
+            return trial;
+        std::this_thread::sleep_for(kAgain);
+    }
 }
 
 class ListenerCheck {
@@ -48,17 +72,16 @@ class ListenerCheck {
                             "the interface " + first->second + " has this address and port",
                             "set another port or address");
         else
-            Judge(TryBind(where, *address == IpAddress()), where, portKey, addressKey);
+            Judge(TryListening(where, *address == IpAddress()), where, portKey, addressKey);
     }
 
   private:
-    void Judge(int error, const SocketAddress& where, const std::string& portKey,
+    void Judge(const Trial& trial, const SocketAddress& where, const std::string& portKey,
                const std::string& addressKey) {
-        if (error == 0) return;
+        if (trial.IsGood()) return;
         const std::string shown = AddressAndPort(where);
-        const platform::PortHolder holder = platform::WhoListens(where, kProxyServiceName);
-        if (holder == platform::PortHolder::kService) return;
-        if (holder == platform::PortHolder::kOther || error == EADDRINUSE) {
+        const int error = trial.error;
+        if (trial.holder == platform::PortHolder::kOther || error == EADDRINUSE) {
             findings_.Error(portKey, "another program has " + shown,
                             "stop that program (ss -ltnp shows it), or set another port");
         } else if (error == EACCES) {

@@ -8,8 +8,6 @@ namespace {
 consteval trelis::Key ListKey(const char* name) { return {trelis::kAddressListKey, name}; }
 constexpr trelis::Key kPageAddress{trelis::kStatsKey, "HTTPAddress"};
 constexpr trelis::Key kStoreAddress{trelis::kStoreKey, "Address"};
-constexpr trelis::Key kRedirect{trelis::kMailDaemonKey, "RedirectAddress"};
-constexpr trelis::Key kVirusAction{trelis::kMailDaemonKey, "VirusAction"};
 
 void CheckEntry(const std::string& name, Findings& findings) {
     const std::string address = trelis::ReadText(ListKey("Addresses/*/IP"), {name});
@@ -47,8 +45,4 @@ void CheckLists(Findings& findings) {
     for (std::string name; names.Next(name);) CheckEntry(name, findings);
     CheckAddress(kPageAddress, findings);
     CheckAddress(kStoreAddress, findings);
-    if (trelis::ReadText(kVirusAction) == "redirect" && trelis::ReadText(kRedirect).empty())
-        findings.Warn(kVirusAction.Path(),
-                      "infected mail is rejected, for there is nowhere to redirect it",
-                      "set " + kRedirect.Path() + ", or the action to reject");
 }

@@ -13,6 +13,8 @@ void CheckInstanceDirectories(Findings& findings);
 void CheckKeys(Findings& findings);
 // Entries of lists that nobody goes by, and addresses of the daemons.
 void CheckLists(Findings& findings);
+// Rules on mail, what is done by them, scores, and the room for what is held back.
+void CheckFilters(Findings& findings);
 // Settings of an interface that make it an open relay, or contradict each other.
 void CheckRelaying(const std::string& interface, Findings& findings);
 void CheckModes(const std::string& interface, Findings& findings);
@@ -22,8 +24,12 @@ void CheckCertificates(const std::string& interface, Findings& findings);
 void CheckListeners(const std::vector<std::string>& interfaces, Findings& findings);
 // The mail servers behind an interface. Takes up to a few seconds each.
 void CheckServers(const std::string& interface, Findings& findings);
-// The scan daemon, by two messages. Takes up to half a minute.
+// The scan daemon, its engines and its spam filter, by two messages. Takes up to half a minute.
 void CheckScanning(Findings& findings);
+// As the daemon knows them; it has to run. False if one of the engines can't be believed.
+bool CheckEngines(Findings& findings);
+// Behind a clean message, by what has become of it. False if there is nobody to judge spam.
+bool CheckSpamFilter(Findings& findings);
 
 consteval trelis::Key InterfaceKey(const char* name) { return {trelis::kInterfaceKey, name}; }
 

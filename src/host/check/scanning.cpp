@@ -1,5 +1,5 @@
 // The scan daemon and its engine, by two messages: a clean one, and one with the standard test
-// pattern. The daemon logs and counts them as any others; their sender says whose they are.
+// pattern. The daemon logs them as any others; their sender says whose they are.
 #include <chrono>
 #include <string>
 #include <string_view>
@@ -8,6 +8,7 @@
 #include "platform/file.h"
 #include "platform/home.h"
 #include "platform/local_socket.h"
+#include "scanclient/engines.h"
 #include "scanclient/scanclient.h"
 
 namespace {
@@ -35,7 +36,7 @@ using Clock = std::chrono::steady_clock;
 class Sample {
   public:
     explicit Sample(const std::string& text)
-        : path_(platform::HomePath("tmp/check-") +
+        : path_(platform::HomePath(kSampleFiles) +
                 std::to_string(Clock::now().time_since_epoch().count())) {
         platform::File file = platform::File::CreateExclusive(path_.c_str(), -1);
         made_ = static_cast<bool>(file);
@@ -87,8 +88,11 @@ bool DaemonListens() {
 
 void AskForBoth(const Sample& clean, const Sample& infected, Findings& findings) {
     const std::string root = trelis::kMailDaemonKey;
+    const bool engines = CheckEngines(findings);
     const Answer ofClean = Ask(clean.Path());
+    const bool filter = CheckSpamFilter(findings);
     if (ofClean == Answer::kNone) {
+        if (!engines || !filter) return;  // why, has been told
         findings.Error(kSocket.Path(), "the scan daemon can't scan, so all mail is put off",
                        "start clamd (systemctl start clamav-daemon), or name its socket; the log "
                        "says what is missing");

@@ -1,5 +1,3 @@
-#include <cstdio>
-
 #include "host/control/words.h"
 #include "lipc/lipc.h"
 #include "platform/home.h"
@@ -12,11 +10,7 @@ constexpr std::int32_t kAnswerMs = 10000;
 }  // namespace
 
 Asked Ask(std::string_view word, State& state) {
-    if (!platform::MissingHome().empty()) return Asked::kNobody;
-    if (platform::Home().empty()) {
-        std::fprintf(stderr, "vtsmtpproxy: %s\n", platform::HomeError().c_str());
-        return Asked::kNobody;
-    }
+    if (!platform::MissingHome().empty() || platform::Home().empty()) return Asked::kNobody;
     LIPCEndpoint* endpoint = nullptr;
     if (LIPCOpenClient(&endpoint, kEndpoint) != LIPC_OK) return Asked::kSilent;
     LIPCConnection* connection = nullptr;

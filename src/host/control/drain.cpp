@@ -7,6 +7,7 @@
 
 #include "host/control/words.h"
 #include "platform/console.h"
+#include "platform/home.h"
 #include "text/usage.h"
 
 namespace control {
@@ -58,6 +59,9 @@ std::string Left(std::size_t count) {
 }
 
 int Complain(Asked asked) {
+    const std::string why = platform::WhyNoHome();
+    if (!why.empty()) std::fprintf(stderr, "vtsmtpproxy: %s\n", why.c_str());
+    if (!why.empty() && platform::MissingHome().empty()) return 1;
     std::fprintf(stderr, "vtsmtpproxy: the proxy %s\n",
                  asked == Asked::kNobody ? "does not run" : "does not answer");
     return 1;

@@ -69,9 +69,16 @@ int RunStatus(const std::vector<std::string>& words) {
         (each == "--watch" ? watch : json) = true;
     }
     platform::ReleaseSignals();
+    // Of programs that may not be looked at nothing is said, as of those that don't run.
+    if (const std::string why = platform::WhyNoHome(); !why.empty()) {
+        std::fprintf(stderr, "vtsmtpproxy: %s\n", why.c_str());
+        if (platform::MissingHome().empty()) return 1;
+    }
+    // In a file or a pipe one stands behind the other.
+    const bool clear = watch && platform::OutputIsTerminal();
     for (;;) {
         const View view = LookAtAll();
-        const std::string text = json ? Json(view) : std::string(watch ? kClear : "") + Text(view);
+        const std::string text = json ? Json(view) : std::string(clear ? kClear : "") + Text(view);
         if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) return 1;
         if (!watch) return view.programs.front().running ? 0 : 1;
         std::this_thread::sleep_for(kAgain);

@@ -4,7 +4,9 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "platform/linux/fail.h"
 
@@ -80,6 +82,14 @@ std::string platform::SidText(PSID identifier) {
     std::string text = "S-1-" + std::to_string(read.authority[5]);
     for (const DWORD part : read.parts) text += '-' + std::to_string(part);
     return text;
+}
+
+std::string platform::PersonName() {
+    const uid_t user = getuid();
+    const char* const behind = user == 0 ? std::getenv("SUDO_USER") : nullptr;
+    if (behind != nullptr && *behind != '\0') return behind;
+    const passwd* const entry = getpwuid(user);
+    return entry != nullptr ? entry->pw_name : "user " + std::to_string(user);
 }
 
 std::string platform::HostName() {

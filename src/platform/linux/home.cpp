@@ -78,13 +78,16 @@ HomeState Prepare() {
     if (!MakeDirectories(path)) return {"", path + ": " + std::strerror(errno)};
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) return {"", path + ": " + std::strerror(errno)};
-    if (!S_ISDIR(info.st_mode)) return {"", path + ": not a directory"};
+    if (!S_ISDIR(info.st_mode))
+        return {"", path + ": not a directory: set VANTREL_HOME to the instance's"};
     // Whoever can write here could put a socket or a spool file of their own in the place of ours.
     if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-        return {"", path + ": refused, other users can write to it"};
+        return {"", path + ": refused, other users can write to it: chmod go-w it"};
     const bool foreign = info.st_uid != geteuid();
     if (foreign && (geteuid() != 0 || !BecomeOwner(info.st_uid, info.st_gid)))
-        return {"", path + ": refused, owned by another user"};
+        return {
+            "",
+            path + ": refused, owned by another user: be that user or root, or set VANTREL_HOME"};
     for (const char* folder : {"pipes", "tmp", "services", "registry"}) {
         const std::string below = path + "/" + folder;
         if (mkdir(below.c_str(), 0700) != 0 && errno != EEXIST)
@@ -106,6 +109,13 @@ std::string MissingHome() {
     return access(path.c_str(), F_OK) != 0 && errno == ENOENT ? path : std::string();
 }
 const std::string& HomeError() { return State().error; }
+std::string WhyNoHome() {
+    const std::string missing = MissingHome();
+    return missing.empty() ? HomeError()
+                           : missing +
+                                 ": there is no such instance: set VANTREL_HOME, or write a "
+                                 "configuration with vtsmtpproxy setup";
+}
 
 std::string HomePath(const char* relative) {
     return Home().empty() ? std::string() : Home() + "/" + relative;

@@ -202,7 +202,10 @@ int List(quarantine::Quarantine& store, const Options& options) {
     std::string complaint;
     const auto found = store.List(options.filter, complaint);
     if (!found) return Fail(complaint);
-    if (found->empty()) return kExitNothing;
+    if (found->empty()) {
+        if (platform::OutputIsTerminal()) std::fputs("vtquarantine: nothing found\n", stderr);
+        return kExitNothing;
+    }
     std::string text;
     if (options.json) {
         for (const quarantine::KeptMessage& each : *found) text += EntryAsJson(each) + "\n";
@@ -293,7 +296,7 @@ int main(int argc, char** argv) {
     if (const std::optional<int> code = ParseArguments(argc, argv, options)) return *code;
     platform::HoldSignals();
     platform::ReleaseSignals();
-    if (platform::Home().empty()) return Fail(platform::HomeError());
+    if (const std::string why = platform::WhyNoHome(); !why.empty()) return Fail(why);
     if (TrelisInit2() != 0) return Fail("can't open the configuration");
     const int code = Run(options);
     TrelisUninit();

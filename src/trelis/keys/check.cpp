@@ -94,6 +94,8 @@ std::optional<std::string> WantedInstead(const KeySection& section, const KeyRow
         });
         return known ? std::nullopt : std::optional("one of: " + words);
     }
+    if (row.form != nullptr)
+        return row.form->fits(value) ? std::nullopt : std::optional<std::string>(row.form->wanted);
     if (row.kind == KeyKind::kFlag) {
         const char first = FoldCase(value[0]);
         return first == 'y' || first == 'n' ? std::nullopt : std::optional<std::string>("Y or N");

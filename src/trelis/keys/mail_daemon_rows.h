@@ -1,6 +1,7 @@
 // Inside keys/: the mail daemon's rows of the table, which rows.h has whole.
 #pragma once
 
+#include "trelis/keys/forms.h"
 #include "trelis/keys/table.h"
 
 namespace trelis {
@@ -8,7 +9,8 @@ namespace trelis {
 inline constexpr KeyRow kMailDaemonRows[] = {
     Text("Engines/*", "",
          "the value is where an engine (clamd) of this name listens: `unix:PATH`, `HOST:PORT` or "
-         "`[IPv6]:PORT`, up to 16 of them; without any it is `ClamdSocket`"),
+         "`[IPv6]:PORT`, up to 16 of them; without any it is `ClamdSocket`")
+        .Form(kServiceAddress),
     Text("ClamdSocket", "", "clamd's Unix socket")
         .Shown("`clamd/clamd.sock` of the instance if there, else `/run/clamav/clamd.ctl`")
         .Registers(""),
@@ -58,15 +60,19 @@ inline constexpr KeyRow kMailDaemonRows[] = {
     Text("Antispam/Address", "",
          "who says whether mail is spam: rspamd's normal worker, `HOST:PORT` or `unix:PATH`, or "
          "SpamAssassin, `spamd:HOST:PORT` or `spamd:unix:PATH`")
+        .Form(kSpamAddress)
         .Shown("nobody"),
     Text("Antispam/TagScore", "", "the score from which on mail is tagged, as `6` or `6.5`")
         .Width(32)
+        .Form(kScore)
         .Shown("the engine's own"),
     Text("Antispam/QuarantineScore", "", "the score from which on mail goes to the quarantine")
         .Width(32)
+        .Form(kScore)
         .Shown("the engine's own"),
     Text("Antispam/RejectScore", "", "the score from which on mail is refused with 550")
         .Width(32)
+        .Form(kScore)
         .Shown("the engine's own"),
     Text("Antispam/SubjectPrefix", "", "what is put in front of the subject of tagged mail")
         .Width(64),

@@ -1,6 +1,7 @@
 // The rows of the table of keys, in the order in which the reference shows them.
 #pragma once
 
+#include "trelis/keys/forms.h"
 #include "trelis/keys/mail_daemon_rows.h"
 #include "trelis/keys/table.h"
 
@@ -168,8 +169,12 @@ inline constexpr KeyRow kAttachmentRuleRows[] = {
         .Shown("any name"),
     Text("DeclaredType", "", "media types with `*`, `;` between two, as the message declares them")
         .Width(4096)
+        .Form(kTypeList)
         .Shown("any type"),
-    Text("RealType", "", "the same, as the bytes show them").Width(4096).Shown("any type"),
+    Text("RealType", "", "the same, as the bytes show them")
+        .Width(4096)
+        .Form(kTypeList)
+        .Shown("any type"),
     Size("MinSize", "", 0, kMostSize, "bytes, or with K, M, G, decoded").Shown("any size"),
     Text("Action", "reject", kActionMeaning).Words(kActionWords),
     Text("Text", "", "the text of a reject, or of a tag"),
@@ -177,7 +182,8 @@ inline constexpr KeyRow kAttachmentRuleRows[] = {
 
 inline constexpr KeyRow kContentRuleRows[] = {
     Text("Where", "subject;text",
-         "`sender`, `recipient`, `subject`, `header:NAME`, `text`, `html`, `;` between two"),
+         "`sender`, `recipient`, `subject`, `header:NAME`, `text`, `html`, `;` between two")
+        .Form(kPlaceList),
     Text("Pattern", "", "a regular expression in Perl's syntax").Width(8192),
     Text("Action", "reject", kActionMeaning).Words(kActionWords),
     Text("Text", "", "the text of a reject, or of a tag"),

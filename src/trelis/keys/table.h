@@ -6,6 +6,7 @@
 
 #include <limits>
 #include <span>
+#include <string_view>
 
 namespace trelis {
 
@@ -30,6 +31,12 @@ enum class Beyond {
     kDefault,
     kNearest,  // the bound that is next
     kMost      // the upper bound
+};
+
+// How a text has to look (forms.h).
+struct TextForm {
+    bool (*fits)(std::string_view text);  // of one that is not empty
+    const char* wanted;                   // in words
 };
 
 inline constexpr long long kMostInt = std::numeric_limits<int>::max();
@@ -59,6 +66,7 @@ struct KeyRow {
     // least and most.
     long long saneLeast = 0;
     long long saneMost = 0;
+    const TextForm* form = nullptr;  // of a text that has one
 
     template <typename Field>
     constexpr KeyRow With(Field KeyRow::*field, Field value) const {
@@ -78,6 +86,7 @@ struct KeyRow {
     constexpr KeyRow In(Unit what) const { return With(&KeyRow::unit, what); }
     constexpr KeyRow Alias(const char* tail) const { return With(&KeyRow::alias, tail); }
     constexpr KeyRow Words(const char* all) const { return With(&KeyRow::words, all); }
+    constexpr KeyRow Form(const TextForm& f) const { return With(&KeyRow::form, &f); }
     constexpr KeyRow Sane(long long from, long long to) const {
         return With(&KeyRow::saneLeast, from).With(&KeyRow::saneMost, to);
     }

@@ -1,9 +1,8 @@
 #include "daemons/maild/antispam/settings.h"
 
-#include <charconv>
-
 #include "daemons/maild/antispam/opinion.h"
 #include "text/printable.h"
+#include "trelis/keys/forms.h"
 #include "trelis/keys/settings.h"
 
 namespace maild {
@@ -15,11 +14,7 @@ consteval trelis::Key Key(const char* name) { return {trelis::kMailDaemonKey, na
 std::optional<double> ReadScore(const trelis::Key& key, SpamSettings& settings) {
     const std::string text = trelis::ReadText(key);
     if (text.empty()) return {};
-    double value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error == std::errc() && end == text.data() + text.size()) {
-        if (const std::optional<double> score = ScoreOf(value)) return score;
-    }
+    if (const std::optional<double> value = trelis::ParseScore(text)) return ScoreOf(*value);
     settings.unread += std::string(settings.unread.empty() ? "" : ", ") + key.Row().name;
     return {};
 }

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <new>
 
+#include "pattern/pattern.h"
+
 namespace maild {
 
 namespace {
@@ -15,8 +17,6 @@ namespace {
 constexpr std::uint32_t kMatchLimit = 100000;
 constexpr std::uint32_t kDepthLimit = 10000;
 constexpr std::uint32_t kHeapKilobytes = 4096;
-constexpr std::size_t kLongestPattern = 8192;
-constexpr std::uint32_t kDeepestPattern = 100;
 constexpr std::size_t kStackBegin = 32 << 10;
 constexpr std::size_t kStackMost = 512 << 10;
 // Limits count anew at each place, so the clock is looked at after so many of them: few at first,
@@ -31,10 +31,6 @@ std::chrono::nanoseconds ThreadTime() {
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
-
-struct ContextFreed {
-    void operator()(pcre2_compile_context_8* context) const { pcre2_compile_context_free(context); }
-};
 
 }  // namespace
 
@@ -56,24 +52,9 @@ Matcher::~Matcher() {
 }
 
 std::unique_ptr<const Pattern> Pattern::Compile(const std::string& text, std::string& why) {
-    const std::unique_ptr<pcre2_compile_context_8, ContextFreed> context(
-        pcre2_compile_context_create(nullptr));
-    if (context == nullptr) throw std::bad_alloc();
-    pcre2_set_max_pattern_length(context.get(), kLongestPattern);
-    pcre2_set_parens_nest_limit(context.get(), kDeepestPattern);
-    int error = 0;
-    PCRE2_SIZE at = 0;
-    pcre2_code_8* const code = pcre2_compile(
-        reinterpret_cast<PCRE2_SPTR8>(text.data()), text.size(),
-        PCRE2_UTF | PCRE2_MATCH_INVALID_UTF | PCRE2_NEVER_BACKSLASH_C | PCRE2_USE_OFFSET_LIMIT,
-        &error, &at, context.get());
-    if (code == nullptr) {
-        PCRE2_UCHAR8 words[160];
-        pcre2_get_error_message(error, words, sizeof words);
-        why = std::string(reinterpret_cast<const char*>(words)) + ", at character " +
-              std::to_string(at + 1);
-        return nullptr;
-    }
+    CompiledPattern compiled = CompilePattern(text, why);
+    if (compiled == nullptr) return nullptr;
+    pcre2_code_8* const code = compiled.release();
     // Where it can't be, it is matched without.
     pcre2_jit_compile(code, PCRE2_JIT_COMPLETE);
     return std::unique_ptr<const Pattern>(new Pattern(code));

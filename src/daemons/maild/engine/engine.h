@@ -21,6 +21,7 @@
 #include "daemons/maild/engine/clamd.h"
 #include "daemons/maild/engine/signatures.h"
 #include "daemons/maild/settings.h"
+#include "scanclient/engines.h"
 
 // What one process of the engine has shown.
 struct EngineProof {
@@ -35,17 +36,6 @@ struct EngineProof {
     bool complete = false;  // false: a probe got no answer, it is tried again later
 
     bool IsBelieved() const { return tellsOfLimits && plainBytes == kNoLimit; }
-};
-
-// What people are told of an engine.
-struct EngineState {
-    std::string name;
-    std::string address;
-    // "up"; "up, not believed about all" (it is silent about a limit); "finds nothing" (not the
-    // test pattern); "being probed"; "down: " and why.
-    std::string state;
-    std::string version;  // as it says; empty: not known
-    int outstanding = 0;  // scans
 };
 
 class Engine {

@@ -1,11 +1,7 @@
 #include "daemons/registryd/changes/history.h"
 
-#include <pwd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -95,19 +91,11 @@ std::string InWords(const trelis::ValueChange& change) {
            Quoted(change.path, change.after);
 }
 
-void KeepAsPersons(const std::string& how) {
-    const char* const behind = getuid() == 0 ? std::getenv("SUDO_USER") : nullptr;
-    const passwd* const entry = behind == nullptr ? getpwuid(getuid()) : nullptr;
-    trelis::KeepHistory(behind != nullptr  ? std::string(behind)
-                        : entry != nullptr ? std::string(entry->pw_name)
-                                           : "user " + std::to_string(getuid()),
-                        how);
-}
-
 int ShowHistory(const Arguments& arguments) {
     const bool json = !arguments.empty() && arguments[0] == kJson;
     const std::size_t at = json ? 1 : 0;
-    if (arguments.size() > at + 1) return Failed("history takes --json and a key, in this order");
+    if (arguments.size() > at + 1)
+        return WrongWords("history takes --json and a key, in this order");
     const auto key = PathOf(arguments.size() > at ? arguments[at] : "/");
     if (!key) return kExitFailed;
     const auto acts = trelis::ReadHistory();
@@ -123,14 +111,15 @@ int ShowHistory(const Arguments& arguments) {
                 rows.push_back(Row(act, change, std::exchange(first, false)));
         }
     }
-    std::cout << InColumns(rows, PageWidth()) << std::flush;
-    return std::cout ? 0 : Failed("can't write");
+    std::cout << InColumns(rows, PageWidth());
+    return 0;
 }
 
 int Undo(const Arguments& arguments) {
     const bool force = !arguments.empty() && arguments[0] == kForce;
     const std::size_t at = force ? 1 : 0;
-    if (arguments.size() > at + 1) return Failed("undo takes --force and a number, in this order");
+    if (arguments.size() > at + 1)
+        return WrongWords("undo takes --force and a number, in this order");
     const auto acts = trelis::ReadHistory();
     if (!acts) return Failed("can't read the store");
     const trelis::Act* const act = ActToUndo(*acts, arguments.size() > at ? arguments[at] : "");

@@ -19,6 +19,3 @@ int Undo(const Arguments& arguments);
 
 // One change in words: the key by its short name, what it was and what it is.
 std::string InWords(const trelis::ValueChange& change);
-// Keeps what this process changes from now on as the person's at the terminal. how: the word that
-// changes it.
-void KeepAsPersons(const std::string& how);

@@ -1,0 +1,29 @@
+// Texts of the configuration that have a form: whether one can be read, for who sets it. What it
+// means is its reader's affair.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "trelis/keys/table.h"
+
+namespace trelis {
+
+// A decimal number, whole or broken, with nothing around it.
+std::optional<double> ParseScore(std::string_view text);
+
+bool IsServiceAddress(std::string_view text);
+bool IsSpamAddress(std::string_view text);
+bool IsScore(std::string_view text);
+bool IsPlaceList(std::string_view text);
+bool IsTypeList(std::string_view text);
+
+inline constexpr TextForm kServiceAddress{IsServiceAddress, "unix:PATH, HOST:PORT or [IPv6]:PORT"};
+inline constexpr TextForm kSpamAddress{
+    IsSpamAddress, "HOST:PORT or unix:PATH of rspamd, or spamd:HOST:PORT, spamd:unix:PATH"};
+inline constexpr TextForm kScore{IsScore, "a number such as 6 or 6.5"};
+inline constexpr TextForm kPlaceList{
+    IsPlaceList, "sender, recipient, subject, header:NAME, text or html, with ; between two"};
+inline constexpr TextForm kTypeList{IsTypeList, "media types such as image/*, with ; between two"};
+
+}  // namespace trelis

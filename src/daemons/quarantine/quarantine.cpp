@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -18,6 +19,9 @@
 namespace quarantine {
 
 namespace {
+
+// Of what is kept of a stranger's text for people to read.
+constexpr std::size_t kMostText = 1000;
 
 // 20261126T034452-1f0a93c47b2d6e58: sorted by name they are sorted by time.
 std::string NewId(std::int64_t at) {
@@ -43,11 +47,22 @@ bool MakeDirectory(const std::string& path) {
     return SyncDirectory(path.substr(0, path.rfind('/')));
 }
 
-bool Finish(platform::File& file) { return fsync(file.Descriptor()) == 0 && file.Close(); }
+// Until it is closed nobody takes it for a leaving of a crash. False: somebody has, just now.
+bool Hold(const platform::File& file) {
+    struct stat info {};
+    return flock(file.Descriptor(), LOCK_EX | LOCK_NB) == 0 &&
+           fstat(file.Descriptor(), &info) == 0 && info.st_nlink > 0;
+}
+
+std::string Shorter(std::string text) {
+    text.resize(std::min(text.size(), kMostText));
+    return text;
+}
 
 bool WriteNew(const std::string& path, const std::string& text) {
     platform::File file = platform::File::CreateExclusive(path.c_str(), -1);
-    return file && file.Write(text.data(), text.size()) && Finish(file);
+    return file && file.Write(text.data(), text.size()) && fsync(file.Descriptor()) == 0 &&
+           file.Close();
 }
 
 }  // namespace
@@ -77,50 +92,6 @@ void Quarantine::RemoveFiles(const std::string& id) const {
     unlink(MessagePath(id).c_str());
 }
 
-// Inside a transaction: what has to go, so that `wanted` more bytes fit.
-bool Quarantine::MakeRoom(long long wanted, const Limits& limits, std::vector<std::string>& gone,
-                          std::string& complaint) {
-    std::optional<long long> size = index_.Size();
-    if (!size) {
-        complaint = index_.Complaint();
-        return false;
-    }
-    if (*size + wanted <= limits.maxSize) return true;
-    const std::optional<std::vector<KeptMessage>> oldest = index_.ToMakeRoom();
-    if (!oldest) {
-        complaint = index_.Complaint();
-        return false;
-    }
-    for (const KeptMessage& each : *oldest) {
-        if (*size + wanted <= limits.maxSize) break;
-        if (!index_.Remove(each.id)) {
-            complaint = index_.Complaint();
-            return false;
-        }
-        *size -= each.size;
-        gone.push_back(each.id);
-    }
-    return true;
-}
-
-bool Quarantine::Store(const KeptMessage& message, const Limits& limits, std::string& complaint) {
-    std::vector<std::string> gone;
-    const std::lock_guard lock(mutex_);
-    if (!OpenIndex(true, complaint)) return false;
-    if (!index_.Begin()) {
-        complaint = index_.Complaint();
-        return false;
-    }
-    if (!MakeRoom(message.size, limits, gone, complaint) || !index_.Put(message) ||
-        !index_.Commit()) {
-        if (complaint.empty()) complaint = index_.Complaint();
-        index_.Rollback();
-        return false;
-    }
-    for (const std::string& id : gone) RemoveFiles(id);
-    return true;
-}
-
 std::optional<std::string> Quarantine::Keep(int file, maild::Dots dots, KeptMessage message,
                                             const Limits& limits, std::string& complaint) {
     complaint.clear();
@@ -131,15 +102,19 @@ std::optional<std::string> Quarantine::Keep(int file, maild::Dots dots, KeptMess
         return std::nullopt;
     }
     platform::File copy = platform::File::CreateExclusive(MessagePath(message.id).c_str(), -1);
-    if (copy) {
+    if (copy && Hold(copy)) {
         const Copied copied = CopyMessage(file, dots, copy);
         message.size = copied.size;
-        message.subject = copied.subject;
+        message.subject = Shorter(copied.subject);
+        message.reason = Shorter(message.reason);
+        std::vector<KeptMessage> gone;
         if (copied.size > limits.maxSize) {
             complaint = "it is larger than Quarantine/MaxSize";
-        } else if (copied.whole && Finish(copy) &&
+        } else if (copied.whole && fsync(copy.Descriptor()) == 0 &&
                    WriteNew(MetaPath(message.id), WriteForm(message)) &&
-                   SyncDirectory(directory_) && Store(message, limits, complaint)) {
+                   SyncDirectory(directory_) &&
+                   Admit(&message, limits, SIZE_MAX, gone, complaint)) {
+            Tell(gone);
             return message.id;
         }
     }
@@ -166,6 +141,15 @@ std::optional<KeptMessage> Quarantine::Find(const std::string& id, std::string& 
     std::optional<KeptMessage> found = index_.Find(id);
     if (!index_.Complaint().empty()) complaint = index_.Complaint();
     return found;
+}
+
+std::optional<Numbers> Quarantine::Count(std::string& complaint) {
+    if (!platform::LookAtFile(directory_)) return Numbers();
+    const std::lock_guard lock(mutex_);
+    if (!OpenIndex(true, complaint)) return std::nullopt;
+    std::optional<Numbers> numbers = index_.Count();
+    if (!numbers) complaint = index_.Complaint();
+    return numbers;
 }
 
 platform::File Quarantine::Open(const std::string& id) const {
@@ -222,6 +206,7 @@ bool Quarantine::EndRelease(const std::string& id, bool released, std::string& c
     const bool ended = released ? index_.Change(id, {state::kReleasing}, state::kReleased, now)
                                 : index_.ChangeBack(id, now);
     if (!ended) complaint = index_.Complaint();
+    if (ended && released) index_.Add(counter::kReleased, 1);
     return ended;
 }
 

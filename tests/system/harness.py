@@ -27,7 +27,8 @@ class Listening:
 
     def listen(self):
         self.clients = []
-        threading.Thread(target=self._accept, daemon=True).start()
+        self.accepting = threading.Thread(target=self._accept, daemon=True)
+        self.accepting.start()
 
     def _accept(self):
         while True:
@@ -43,6 +44,12 @@ class Listening:
         return len(self.clients)
 
     def close(self):
+        """Afterwards nobody accepts by the descriptor's number, which the next one's listener may get."""
+        try:
+            self.listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self.accepting.join(10)
         self.listener.close()
 
 

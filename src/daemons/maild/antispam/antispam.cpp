@@ -24,8 +24,6 @@ namespace {
 using Clock = Connection::Clock;
 
 constexpr std::string_view kSpamd = "spamd:";
-// As long as addresses behind a name usually stay.
-constexpr std::chrono::seconds kBelieved{60};
 
 // Whether an opinion can still change anything.
 bool IsOpen(const std::vector<Finding>& findings) {
@@ -98,24 +96,13 @@ SpamOpinion Antispam::Ask(const SpamSettings& settings, const SpamSubject& subje
     if (IsNumber(subject.peer)) question.peer = subject.peer;
     question.helo = subject.helo;
     Connection connection;
-    connection.SetEnd(std::min(subject.end, Clock::now() + std::chrono::seconds(settings.seconds)));
-    if (connection.Open(TargetsOf(*address)) != ScanOutcome::kClean)
-        return SpamOpinion::None("can't connect");
+    const Clock::time_point end =
+        std::min(subject.end, Clock::now() + std::chrono::seconds(settings.seconds));
+    const std::vector<SocketTarget> targets = names_.Targets(*address, end);
+    if (targets.empty() && address->path.empty()) return SpamOpinion::None("its name is not found");
+    connection.SetEnd(end);
+    if (connection.Open(targets) != ScanOutcome::kClean) return SpamOpinion::None("can't connect");
     return spamd ? AskSpamd(connection, question) : AskRspamd(connection, question);
-}
-
-std::vector<SocketTarget> Antispam::TargetsOf(const ServiceAddress& address) {
-    const std::string text = address.Text();
-    {
-        const std::lock_guard lock(mutex_);
-        if (looked_ == text && !targets_.empty() && Clock::now() < until_) return targets_;
-    }
-    std::vector<SocketTarget> targets = FindTargets(address);
-    const std::lock_guard lock(mutex_);
-    looked_ = text;
-    targets_ = targets;
-    until_ = Clock::now() + kBelieved;
-    return targets;
 }
 
 // Once for each change.

@@ -39,15 +39,12 @@ class Antispam {
 
   private:
     SpamOpinion Ask(const SpamSettings& settings, const SpamSubject& subject);
-    std::vector<SocketTarget> TargetsOf(const ServiceAddress& address);
     void Tell(const SpamSettings& settings, const SpamOpinion& opinion);
 
+    // As long as addresses behind a name usually stay.
+    NameLookup names_{std::chrono::seconds(60)};
     std::mutex mutex_;
-    // Guarded by mutex_: what the last name stands for, and until when that is believed.
-    std::string looked_;
-    std::vector<SocketTarget> targets_;
-    std::chrono::steady_clock::time_point until_;
-    std::string told_;  // what was logged last
+    std::string told_;  // what was logged last; guarded by mutex_
 };
 
 }  // namespace maild

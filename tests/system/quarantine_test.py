@@ -2,13 +2,14 @@
 
 import json
 import os
+import re
 import signal
 import subprocess
 import threading
 import time
 import unittest
 
-from harness import BIN, MailServer, wait_until
+from harness import BIN, Client, MailServer, wait_until
 from scanning import EICAR, NOT_CHECKED, QUEUED, REJECTED, Scanning, archive, attached, body
 
 
@@ -85,6 +86,21 @@ class Holding(Quarantined):
                 self.assertIn(word, done.stderr)
                 self.assertEqual(self.state(entry), "held")
         self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
+
+    def test_envelopes_of_every_kind(self):
+        for sender, recipients, paths in ((b"", [b"r@example.org"], [b"<>", b"<r@example.org>"]),
+                                          (b"s@example.org", [b"postmaster", b'"a b"@example.org'],
+                                           [b"<s@example.org>", b"<postmaster>", b'<"a b"@example.org>'])):
+            with self.subTest(sender=sender):
+                client = Client(self.proxy.port)
+                self.addCleanup(client.close)
+                client.envelope(sender, recipients)
+                self.assertTrue(client.data(body(EICAR) + b".\r\n").startswith(b"250"))
+                entry = self.entries()[0]
+                self.assertEqual(entry["from"].encode(), sender or b"<>")
+                lines = len(self.server.lines)
+                self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
+                self.assertEqual([re.search(rb":(<.*?>)[ \r]", line)[1] for line in self.server.lines[lines:] if b":" in line], paths)
 
     def test_release_to_a_server_that_must_speak_tls(self):
         entry = self.hold()

@@ -16,6 +16,7 @@
 #include "daemons/maild/log.h"
 #include "metrics/count.h"
 #include "platform/file.h"
+#include "text/mailbox.h"
 
 namespace maild {
 
@@ -37,16 +38,6 @@ bool IsNumber(const std::string& peer) {
     std::array<unsigned char, sizeof(in6_addr)> room;
     return inet_pton(AF_INET, peer.c_str(), room.data()) == 1 ||
            inet_pton(AF_INET6, peer.c_str(), room.data()) == 1;
-}
-
-std::vector<std::string> Split(std::string_view joined) {
-    std::vector<std::string> all;
-    while (!joined.empty()) {
-        const std::string_view each = joined.substr(0, joined.find(';'));
-        joined.remove_prefix(std::min(each.size() + 1, joined.size()));
-        if (!each.empty()) all.emplace_back(each);
-    }
-    return all;
 }
 
 }  // namespace
@@ -91,8 +82,8 @@ SpamOpinion Antispam::Ask(const SpamSettings& settings, const SpamSubject& subje
     question.bytes = CountBytes(question.file, question.dots, question.size);
     if (question.bytes < 0) return SpamOpinion::None("can't read the message");
     question.id = subject.path.substr(subject.path.rfind('/') + 1);
-    question.sender = subject.sender;
-    question.recipients = Split(subject.recipients);
+    if (subject.sender) question.sender = Mailbox(*subject.sender);
+    question.recipients = SplitRecipients(subject.recipients);
     if (IsNumber(subject.peer)) question.peer = subject.peer;
     question.helo = subject.helo;
     Connection connection;

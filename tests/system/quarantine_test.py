@@ -89,8 +89,8 @@ class Holding(Quarantined):
 
     def test_envelopes_of_every_kind(self):
         for sender, recipients, paths in ((b"", [b"r@example.org"], [b"<>", b"<r@example.org>"]),
-                                          (b"s@example.org", [b"postmaster", b'"a b"@example.org'],
-                                           [b"<s@example.org>", b"<postmaster>", b'<"a b"@example.org>'])):
+                                          (b"s@example.org", [b"postmaster", b"r@example.org"],
+                                           [b"<s@example.org>", b"<postmaster>", b"<r@example.org>"])):
             with self.subTest(sender=sender):
                 client = Client(self.proxy.port)
                 self.addCleanup(client.close)
@@ -158,7 +158,7 @@ class Holding(Quarantined):
                          [1, 0, 1, 0, 1, 0])
         self.assertEqual(self.tool("find", "--to", "nobody").returncode, 1)
         for words in (["list", "--until", "1h"], ["show"], ["show", "a", "b"], ["release"], ["expire", "--days", "x"], ["list", "--limit", "0"],
-                      ["show", entry["id"], "--raw", "--json"], ["find", "--section", "other"], ["delete"], ["list", "x"]):
+                      ["show", entry["id"], "--raw", "--json"], ["release", entry["id"], "--to", ""], ["find", "--section", "other"], ["delete"], ["list", "x"]):
             self.assertEqual(self.tool(*words).returncode, 2, words)
         for words in (["show", "nothing"], ["release", "../" + entry["id"]], ["delete", "nothing"], ["expire", "--days", "1"]):
             self.assertEqual(self.tool(*words).returncode, 1, words)

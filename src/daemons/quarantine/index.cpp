@@ -263,7 +263,7 @@ bool Index::Change(const std::string& id, std::initializer_list<const char*> fro
         if (!change.Run()) return Fail();
         if (sqlite3_changes(connection_.get()) == 1) return true;
     }
-    complaint_ = "it is in another state";
+    complaint_.clear();
     return false;
 }
 

@@ -65,7 +65,8 @@ class Index {
     std::optional<Numbers> Count();
     // Adds to what has happened since the index was made.
     bool Add(const char* counter, int count);
-    // Changes the state if it is one of `from`. False also if it is another one.
+    // Changes the state if it is one of `from`. False also if it is another one, or there is no
+    // such message: Complaint is empty then.
     bool Change(const std::string& id, std::initializer_list<const char*> from, const char* to,
                 std::int64_t now);
     // Back to what a release found.

@@ -193,6 +193,10 @@ platform::File Quarantine::Claim(const std::string& id, bool again, std::string&
                               state::kReleasing, now)
               : index_.Change(id, {state::kHeld, state::kOriginal}, state::kReleasing, now);
     if (claimed) return file;
+    if (!index_.Complaint().empty()) {
+        complaint = index_.Complaint();
+        return {};
+    }
     const std::optional<KeptMessage> found = index_.Find(id);
     complaint = !found ? "there is no message " + id
                        : "its state is `" + found->state + "`; --again sends it all the same";
@@ -205,7 +209,8 @@ bool Quarantine::EndRelease(const std::string& id, bool released, std::string& c
     const std::int64_t now = platform::UtcMilliseconds();
     const bool ended = released ? index_.Change(id, {state::kReleasing}, state::kReleased, now)
                                 : index_.ChangeBack(id, now);
-    if (!ended) complaint = index_.Complaint();
+    if (!ended)
+        complaint = index_.Complaint().empty() ? "it is not there any more" : index_.Complaint();
     if (ended && released) index_.Add(counter::kReleased, 1);
     return ended;
 }

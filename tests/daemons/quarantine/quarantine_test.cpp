@@ -325,6 +325,14 @@ TEST_F(Kept, OneReleaseAtATime) {
     EXPECT_TRUE(Release(id, true, false));
     EXPECT_EQ(StateOf(id), "released") << "it was before";
     EXPECT_FALSE(store_.Claim("../../etc/passwd", true, complaint_));
+    const std::string other = Keep("y");
+    int error = 0;
+    const sqlite::Connection writer = sqlite::Open(folder_ + "/index.db", 0, error);
+    ASSERT_TRUE(sqlite::Execute(writer.get(), "BEGIN IMMEDIATE"));
+    EXPECT_FALSE(store_.Claim(other, false, complaint_));
+    EXPECT_EQ(complaint_, "database is locked") << "nothing about states";
+    sqlite::Execute(writer.get(), "ROLLBACK");
+    EXPECT_TRUE(store_.Claim(other, false, complaint_)) << complaint_;
 }
 
 TEST_F(Kept, Found) {

@@ -102,6 +102,16 @@ class Holding(Quarantined):
                 self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
                 self.assertEqual([re.search(rb":(<.*?>)[ \r]", line)[1] for line in self.server.lines[lines:] if b":" in line], paths)
 
+    def test_release_with_an_answer_that_is_none(self):
+        for answer in (b"hello\r\n", b"354 go on\r\n", None):
+            with self.subTest(answer):
+                entry = self.hold()
+                self.server.rules["END"] = answer
+                done = self.tool("release", entry["id"])
+                self.server.rules["END"] = QUEUED
+                self.assertEqual((done.returncode, self.state(entry)), (1, "releasing"), "the server may have it")
+                self.assertIn("--again", done.stderr)
+
     def test_release_to_a_server_that_must_speak_tls(self):
         entry = self.hold()
         plain = MailServer(EHLO=b"250-real.example\r\n250 8BITMIME\r\n")

@@ -156,6 +156,12 @@ platform::File Quarantine::Open(const std::string& id) const {
     return IsId(id) ? platform::File::OpenRead(MessagePath(id).c_str()) : platform::File();
 }
 
+// The server may still refuse it.
+bool Quarantine::IsBeingReleased(const std::string& id) const {
+    const platform::File file = Open(id);
+    return file && flock(file.Descriptor(), LOCK_EX | LOCK_NB) != 0;
+}
+
 // The record first: a message without one is not taken in again, should the rest not come to pass.
 bool Quarantine::RemoveEntry(const std::string& id, std::string& complaint) {
     unlink(MetaPath(id).c_str());
@@ -169,6 +175,10 @@ bool Quarantine::RemoveEntry(const std::string& id, std::string& complaint) {
 
 bool Quarantine::Delete(const std::string& id, std::string& complaint) {
     if (!Find(id, complaint)) return false;
+    if (IsBeingReleased(id)) {
+        complaint = "somebody releases " + id + " now";
+        return false;
+    }
     const std::lock_guard lock(mutex_);
     return RemoveEntry(id, complaint);
 }

@@ -48,7 +48,7 @@ class Quarantine {
     // Nothing if there is no such message, too.
     std::optional<KeptMessage> Find(const std::string& id, std::string& complaint);
     platform::File Open(const std::string& id) const;
-    // False if there was none, or it can't be done.
+    // False if there was none, or somebody releases it now, or it can't be done.
     bool Delete(const std::string& id, std::string& complaint);
 
     // A release, by whoever holds its claim: the file stays locked as long as that is there. The
@@ -70,7 +70,8 @@ class Quarantine {
     std::optional<int> TidyUp(const Limits& limits, int leavingSeconds, std::string& complaint);
     // Whatever tidies up ends soon, with what it has done. For good; any thread.
     void EndTidying() { ending_ = true; }
-    // As the last step alone; days 0: all of them.
+    // As the last step but one alone; days 0: all of them, but for what somebody releases
+    // now.
     std::optional<int> Expire(int days, std::string& complaint);
 
   private:
@@ -92,6 +93,7 @@ class Quarantine {
     // Room for the next one, if there is one, and itself in the index. Up to `most` go for it.
     bool Admit(const KeptMessage* next, const Limits& limits, std::size_t most,
                std::vector<KeptMessage>& gone, std::string& complaint);
+    bool IsBeingReleased(const std::string& id) const;
     bool RemoveEntry(const std::string& id, std::string& complaint);
     void RemoveFiles(const std::string& id) const;
     void Tell(const std::vector<KeptMessage>& gone) const;

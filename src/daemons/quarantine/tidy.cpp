@@ -162,8 +162,9 @@ std::optional<int> Quarantine::ExpireSome(std::int64_t before, std::string& comp
     const std::lock_guard lock(mutex_);
     if (!OpenIndex(true, complaint)) return std::nullopt;
     bool good = index_.Begin();
-    const auto old = good ? index_.Before(before, static_cast<int>(kAtOnce)) : std::nullopt;
+    auto old = good ? index_.Before(before, static_cast<int>(kAtOnce)) : std::nullopt;
     good = old.has_value();
+    if (good) std::erase_if(*old, [this](const std::string& id) { return IsBeingReleased(id); });
     for (std::size_t i = 0; good && i < old->size(); ++i) {
         unlink(MetaPath((*old)[i]).c_str());
         good = index_.Remove((*old)[i]);
@@ -186,7 +187,7 @@ std::optional<int> Quarantine::Expire(int days, std::string& complaint) {
         const std::optional<int> some = ExpireSome(before, complaint);
         if (!some) return std::nullopt;
         count += *some;
-        if (*some < static_cast<int>(kAtOnce) || ending_) return count;
+        if (*some == 0 || ending_) return count;
         LetOthersIn();
     }
 }

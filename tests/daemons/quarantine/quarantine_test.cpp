@@ -315,6 +315,8 @@ TEST_F(Kept, OneReleaseAtATime) {
         EXPECT_EQ(StateOf(id), "releasing");
         Quarantine other;
         EXPECT_FALSE(other.Claim(id, true, complaint_)) << "not even with --again";
+        EXPECT_FALSE(other.Delete(id, complaint_)) << "the server may refuse it";
+        EXPECT_EQ(other.Expire(0, complaint_), 0);
     }
     EXPECT_FALSE(store_.Claim(id, false, complaint_)) << "it was cut off";
     EXPECT_TRUE(Release(id, true, false));

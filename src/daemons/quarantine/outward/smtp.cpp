@@ -61,7 +61,8 @@ class Dialogue {
         }
         Reply reply;
         if (!Read(reply, kSecondsForMessage)) return Sent::kUnknown;
-        if (!reply.Is('2')) return Sent::kRefused;
+        if (reply.Is('4') || reply.Is('5')) return Sent::kRefused;
+        if (!reply.Is('2')) return Sent::kUnknown;
         stream_.Send("QUIT\r\n");
         return Sent::kTaken;
     }

@@ -102,6 +102,12 @@ class Holding(Quarantined):
                 self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
                 self.assertEqual([re.search(rb":(<.*?>)[ \r]", line)[1] for line in self.server.lines[lines:] if b":" in line], paths)
 
+    def test_released_lines_end_in_one_way(self):
+        entry = self.hold(b"Subject: x\r\n\r\na\r.\r\nMAIL FROM:<>\n.\nb\r\r\n" + EICAR + b"\r", self.send_chunk)
+        self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
+        self.assertEqual(self.released()[-1].split(b"\r\n", 1)[1],
+                         b"Subject: x\r\n\r\na\r\n..\r\nMAIL FROM:<>\r\n..\r\nb\r\n\r\n" + EICAR + b"\r\n")
+
     def test_release_with_an_answer_that_is_none(self):
         for answer in (b"hello\r\n", b"354 go on\r\n", None):
             with self.subTest(answer):

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "daemons/quarantine/copy.h"
@@ -89,6 +90,7 @@ bool Quarantine::OpenIndex(bool make, std::string& complaint) {
 
 void Quarantine::RemoveFiles(const std::string& id) const {
     unlink(MetaPath(id).c_str());
+    unlink(PathOf(id, ".fresh").c_str());
     unlink(MessagePath(id).c_str());
 }
 
@@ -107,6 +109,7 @@ std::optional<std::string> Quarantine::Keep(int file, maild::Dots dots, KeptMess
         message.size = copied.size;
         message.subject = Shorter(copied.subject);
         message.reason = Shorter(message.reason);
+        message.helo = Shorter(message.helo);
         std::vector<KeptMessage> gone;
         if (copied.size > limits.maxSize) {
             complaint = "it is larger than Quarantine/MaxSize";
@@ -164,13 +167,16 @@ bool Quarantine::IsBeingReleased(const std::string& id) const {
 
 // The record first: a message without one is not taken in again, should the rest not come to pass.
 bool Quarantine::RemoveEntry(const std::string& id, std::string& complaint) {
-    unlink(MetaPath(id).c_str());
-    if (!index_.Remove(id)) {
-        complaint = index_.Complaint();
-        return false;
+    bool good = index_.Begin() && index_.Remove(id);
+    if (good) unlink(MetaPath(id).c_str());
+    good = good && index_.Commit();
+    if (good) {
+        unlink(MessagePath(id).c_str());
+        return true;
     }
-    unlink(MessagePath(id).c_str());
-    return true;
+    complaint = index_.Complaint();
+    index_.Rollback();
+    return false;
 }
 
 bool Quarantine::Delete(const std::string& id, std::string& complaint) {
@@ -181,6 +187,19 @@ bool Quarantine::Delete(const std::string& id, std::string& complaint) {
     }
     const std::lock_guard lock(mutex_);
     return RemoveEntry(id, complaint);
+}
+
+// So that an index that is made anew knows whether somebody has it. The old one is enough without.
+void Quarantine::NoteState(const std::string& id) {
+    const std::optional<KeptMessage> message = index_.Find(id);
+    const std::string fresh = PathOf(id, ".fresh");
+    if (!message) return;
+    unlink(fresh.c_str());
+    if (WriteNew(fresh, WriteForm(*message)) &&
+        std::rename(fresh.c_str(), MetaPath(id).c_str()) == 0)
+        SyncDirectory(directory_);
+    else
+        unlink(fresh.c_str());
 }
 
 platform::File Quarantine::Claim(const std::string& id, bool again, std::string& complaint) {
@@ -202,7 +221,10 @@ platform::File Quarantine::Claim(const std::string& id, bool again, std::string&
                               {state::kHeld, state::kOriginal, state::kReleasing, state::kReleased},
                               state::kReleasing, now)
               : index_.Change(id, {state::kHeld, state::kOriginal}, state::kReleasing, now);
-    if (claimed) return file;
+    if (claimed) {
+        NoteState(id);
+        return file;
+    }
     if (!index_.Complaint().empty()) {
         complaint = index_.Complaint();
         return {};
@@ -221,8 +243,10 @@ bool Quarantine::EndRelease(const std::string& id, bool released, std::string& c
                                 : index_.ChangeBack(id, now);
     if (!ended)
         complaint = index_.Complaint().empty() ? "it is not there any more" : index_.Complaint();
-    if (ended && released) index_.Add(counter::kReleased, 1);
-    return ended;
+    if (!ended) return false;
+    if (released) index_.Add(counter::kReleased, 1);
+    NoteState(id);
+    return true;
 }
 
 }  // namespace quarantine

@@ -93,6 +93,7 @@ class Quarantine {
     // Room for the next one, if there is one, and itself in the index. Up to `most` go for it.
     bool Admit(const KeptMessage* next, const Limits& limits, std::size_t most,
                std::vector<KeptMessage>& gone, std::string& complaint);
+    void NoteState(const std::string& id);
     bool IsBeingReleased(const std::string& id) const;
     bool RemoveEntry(const std::string& id, std::string& complaint);
     void RemoveFiles(const std::string& id) const;

@@ -307,6 +307,25 @@ TEST_F(Kept, NothingIsKeptHalf) {
     EXPECT_EQ(Files(), std::vector<std::string>());
 }
 
+TEST_F(Kept, StatesOutliveTheIndex) {
+    const std::string text = "x";
+    const std::string held = Keep(text);
+    const std::string out = Keep(text);
+    const std::string refused = Keep(text);
+    const std::string cut = Keep(text);
+    EXPECT_TRUE(Release(out, false, true));
+    EXPECT_TRUE(Release(refused, false, false));
+    EXPECT_TRUE(store_.Claim(cut, false, complaint_));
+    for (const char* each : {"", "-wal", "-shm"}) fs::remove(folder_ + "/index.db" + each);
+    EXPECT_EQ(store_.TidyUp({0, 1 << 20}, 0, complaint_), 0);
+    EXPECT_EQ(StateOf(held), "held");
+    EXPECT_EQ(StateOf(out), "released");
+    EXPECT_EQ(StateOf(refused), "held");
+    EXPECT_EQ(StateOf(cut), "releasing");
+    EXPECT_TRUE(Release(cut, true, false)) << complaint_;
+    EXPECT_EQ(StateOf(cut), "held");
+}
+
 TEST_F(Kept, OneReleaseAtATime) {
     const std::string id = Keep("x");
     {
@@ -333,6 +352,8 @@ TEST_F(Kept, OneReleaseAtATime) {
     ASSERT_TRUE(sqlite::Execute(writer.get(), "BEGIN IMMEDIATE"));
     EXPECT_FALSE(store_.Claim(other, false, complaint_));
     EXPECT_EQ(complaint_, "database is locked") << "nothing about states";
+    EXPECT_FALSE(store_.Delete(other, complaint_));
+    EXPECT_TRUE(fs::exists(folder_ + "/" + other + ".meta")) << "all of it is still there";
     sqlite::Execute(writer.get(), "ROLLBACK");
     EXPECT_TRUE(store_.Claim(other, false, complaint_)) << complaint_;
 }

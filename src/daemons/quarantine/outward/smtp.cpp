@@ -182,6 +182,11 @@ class Dialogue {
             if (count < 0) return Fail("can't read the message");
             for (long long i = 0; i < count; ++i) {
                 const char c = block[static_cast<std::size_t>(i)];
+                // A server may take each of them for the end of a line.
+                if (before == '\r' && c != '\n') {
+                    out += '\n';
+                    before = '\n';
+                }
                 if (before == '\n' && c == '.') out += '.';
                 if (c == '\n' && before != '\r') out += '\r';
                 out += c;
@@ -192,7 +197,9 @@ class Dialogue {
             out.clear();
             at += count;
         }
-        endsLine_ = before == '\n';
+        if (before == '\r' && !stream_.Send("\n"))
+            return Fail("the connection to " + server_ + " broke");
+        endsLine_ = before == '\n' || before == '\r';
         return true;
     }
 

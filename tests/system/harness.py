@@ -27,8 +27,7 @@ class Listening:
 
     def listen(self):
         self.clients = []
-        self.accepting = threading.Thread(target=self._accept, daemon=True)
-        self.accepting.start()
+        threading.Thread(target=self._accept, daemon=True).start()
 
     def _accept(self):
         while True:
@@ -44,12 +43,8 @@ class Listening:
         return len(self.clients)
 
     def close(self):
-        """Afterwards nobody accepts by the descriptor's number, which the next one's listener may get."""
-        try:
+        with contextlib.suppress(OSError):  # who accepts shall not do so by this number, which the next one may get
             self.listener.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        self.accepting.join(10)
         self.listener.close()
 
 
@@ -171,10 +166,8 @@ class ScanDaemon(Listening):
         if os.path.exists(self.path):
             os.unlink(self.path)
         for client in self.clients:
-            try:
+            with contextlib.suppress(OSError):
                 client.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
 
 
 class Client:

@@ -1,80 +1,15 @@
-// What is kept, what makes room, what a crash leaves, and who may send a message on.
-#include "daemons/quarantine/quarantine.h"
-
-#include <gtest/gtest.h>
-#include <sys/file.h>
-#include <sys/mman.h>
+// How messages are kept and found, and who may send one on.
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <fstream>
+#include <future>
 
-#include "daemons/quarantine/clockwatch.h"
 #include "daemons/quarantine/form.h"
-#include "platform/home.h"
+#include "quarantine_fixture.h"
 #include "support/instance.h"
 
-namespace fs = std::filesystem;
-using quarantine::KeptMessage;
-using quarantine::Limits;
-using quarantine::Quarantine;
-
+namespace quarantine {
 namespace {
-
-platform::File FileOf(const std::string& text) {
-    platform::File file(memfd_create("test", MFD_CLOEXEC));
-    EXPECT_TRUE(file.Write(text.data(), text.size()));
-    return file;
-}
-
-class Kept : public testing::Test {
-  protected:
-    void SetUp() override { fs::remove_all(folder_); }
-
-    std::string Keep(const std::string& text, const Limits& limits = {},
-                     maild::Dots dots = maild::Dots::kPlain, const std::string& peer = "") {
-        KeptMessage message;
-        message.peer = peer;
-        message.sender = "s@example.org";
-        message.recipients = "a@example.org;b@example.org";
-        message.section = "content";
-        return store_.Keep(FileOf(text).Descriptor(), dots, message, limits, complaint_)
-            .value_or("");
-    }
-    std::vector<std::string> Ids(const quarantine::Filter& filter = {}) {
-        std::vector<std::string> ids;
-        const auto found = store_.List(filter, complaint_);
-        EXPECT_TRUE(found) << complaint_;
-        for (const KeptMessage& each : found.value_or(std::vector<KeptMessage>()))
-            ids.push_back(each.id);
-        return ids;
-    }
-    std::string Text(const std::string& id) {
-        std::string text;
-        platform::ReadWholeFile(folder_ + "/" + id + ".eml", text);
-        return text;
-    }
-    std::vector<std::string> Files() {
-        std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(folder_)) {
-            const std::string name = entry.path().filename();
-            if (!name.starts_with("index.db")) names.push_back(name);
-        }
-        return names;
-    }
-    std::string StateOf(const std::string& id) {
-        const auto found = store_.Find(id, complaint_);
-        return found ? found->state : "none";
-    }
-    bool Release(const std::string& id, bool again, bool taken) {
-        const platform::File claim = store_.Claim(id, again, complaint_);
-        return claim && store_.EndRelease(id, taken, complaint_);
-    }
-
-    const std::string folder_ = platform::HomePath("quarantine");
-    Quarantine store_;
-    std::string complaint_;
-};
 
 TEST_F(Kept, AsItsReaderHasIt) {
     EXPECT_EQ(Ids(), std::vector<std::string>());
@@ -117,95 +52,6 @@ TEST_F(Kept, FormHoldsAnyBytes) {
         EXPECT_FALSE(quarantine::ReadForm(text)) << text;
 }
 
-TEST_F(Kept, WhatMakesRoom) {
-    const Limits limits{30, 350};
-    const std::string text(100, 'x');
-    const std::string oldest = Keep(text, limits);
-    const std::string released = Keep(text, limits);
-    const std::string third = Keep(text, limits);
-    EXPECT_TRUE(Release(released, false, true)) << complaint_;
-    const std::string fourth = Keep(text, limits);
-    EXPECT_EQ(Ids(), (std::vector<std::string>{fourth, third, oldest})) << "released ones go first";
-    const std::string fifth = Keep(text, limits);
-    EXPECT_EQ(Ids(), (std::vector<std::string>{fifth, fourth, third})) << "then the oldest";
-    EXPECT_EQ(Files().size(), 6U);
-    EXPECT_EQ(Keep(std::string(351, 'x'), limits), "");
-    EXPECT_EQ(complaint_, "it is larger than Quarantine/MaxSize");
-    EXPECT_EQ(Ids(), (std::vector<std::string>{fifth, fourth, third})) << "nothing went for it";
-    EXPECT_EQ(Files().size(), 6U) << "nothing is left of it";
-    EXPECT_EQ(store_.TidyUp({30, 150}, 0, complaint_), 2);
-    EXPECT_EQ(Ids(), std::vector<std::string>{fifth});
-    EXPECT_EQ(store_.Expire(1, complaint_), 0);
-    EXPECT_EQ(store_.Expire(0, complaint_), 1);
-    EXPECT_EQ(Files(), std::vector<std::string>());
-}
-
-TEST_F(Kept, IsCounted) {
-    std::vector<std::string> told;
-    store_.TellOfPushedOut([&](const KeptMessage& each) { told.push_back(each.id); });
-    const Limits limits{30, 250};
-    const std::string first = Keep(std::string(100, 'x'), limits);
-    const std::string second = Keep(std::string(50, 'x'), limits);
-    Keep(std::string(150, 'x'), limits);
-    EXPECT_EQ(told, std::vector<std::string>{first});
-    EXPECT_TRUE(Release(second, false, true));
-    EXPECT_TRUE(Release(second, true, false)) << "refused, and not counted";
-    Quarantine other;
-    const auto numbers = other.Count(complaint_);
-    ASSERT_TRUE(numbers) << complaint_;
-    EXPECT_EQ(numbers->messages, (std::array<long long, 4>{1, 0, 0, 1}));
-    EXPECT_EQ(numbers->bytes, 200);
-    EXPECT_EQ(numbers->pushedOut, 1);
-    EXPECT_EQ(numbers->released, 1);
-    EXPECT_EQ(store_.Expire(0, complaint_), 2);
-    const auto later = other.Count(complaint_);
-    ASSERT_TRUE(later);
-    EXPECT_EQ(later->expired, 2);
-    EXPECT_EQ(later->All() + later->bytes, 0);
-}
-
-TEST(Clock, SetAhead) {
-    constexpr std::int64_t kDay = 86400;
-    constexpr std::int64_t kNow = 1767225600;
-    const struct {
-        const char* what;
-        std::int64_t wall, running;
-        bool believed;
-    } looks[] = {{"the first", kNow, 100, true},
-                 {"an hour on", kNow + 3600, 3700, true},
-                 {"set by an hour", kNow + 3 * 3600, 3 * 3600 - 3600, true},
-                 {"set by a year", kNow + 366 * kDay, 4 * 3600, false},
-                 {"an hour on", kNow + 366 * kDay + 3600, 5 * 3600, false},
-                 {"a day on", kNow + 367 * kDay, 4 * 3600 + kDay, true},
-                 {"set back", kNow, 6 * 3600 + kDay, true}};
-    quarantine::ClockWatch watch;
-    for (const auto& each : looks)
-        EXPECT_EQ(watch.IsBelieved(each.wall, each.running), each.believed) << each.what;
-}
-
-// Who fills it pushes out what he has put there himself.
-TEST_F(Kept, AFloodPushesItselfOut) {
-    const struct {
-        const char* name;
-        const char* first;
-        const char* second;
-    } floods[] = {{"one client", "192.0.2.7", "192.0.2.7"},
-                  {"a network of one client", "2001:db8::1", "2001:db8::2:1"}};
-    for (const auto& flood : floods) {
-        fs::remove_all(folder_);
-        const Limits limits{30, 1000};
-        const std::string mine = Keep(std::string(100, 'm'), limits, {}, "192.0.2.1");
-        const std::string other = Keep(std::string(100, 'm'), limits, {}, "2001:db8:0:1::1");
-        for (int i = 0; i < 20; ++i)
-            EXPECT_NE(
-                Keep(std::string(100, 'x'), limits, {}, i % 2 == 0 ? flood.first : flood.second),
-                "");
-        EXPECT_EQ(Ids().size(), 10U) << flood.name;
-        EXPECT_EQ(StateOf(mine), "held") << flood.name;
-        EXPECT_EQ(StateOf(other), "held") << flood.name;
-    }
-}
-
 // What a stranger writes into one message bears on no other one's room.
 TEST_F(Kept, AHugeSubjectIsCut) {
     const std::string id = Keep("Subject: " + std::string(200'000, 'x') + "\r\n\r\nx\r\n");
@@ -213,87 +59,6 @@ TEST_F(Kept, AHugeSubjectIsCut) {
     ASSERT_TRUE(found);
     EXPECT_LE(found->subject.size(), 1000U);
     EXPECT_LE(fs::file_size(folder_ + "/" + id + ".meta"), 8000U);
-}
-
-// A process that is killed at any point of Keep or Delete leaves one of these.
-TEST_F(Kept, WhatACrashLeaves) {
-    const std::string whole = Keep("Subject: a\r\n\r\nx\r\n");
-    const std::string text = "Subject: b\r\n\r\ny\r\n";
-    const std::string unknown = "20260101T000000-00000000000000aa";
-    KeptMessage message;
-    message.id = unknown;
-    message.at = 1767225600000;
-    message.sender = "s@example.org";
-    message.size = static_cast<long long>(text.size());
-    const auto put = [&](const std::string& id, const char* ending, const std::string& what) {
-        std::ofstream(folder_ + "/" + id + ending) << what;
-    };
-    put(unknown, ".eml", text);
-    put(unknown, ".meta", quarantine::WriteForm(message));
-    put("half", ".eml", text);
-    put("record", ".meta", quarantine::WriteForm(message));
-    message.id = "cut";
-    const std::string form = quarantine::WriteForm(message);
-    put("cut", ".eml", text);
-    put("cut", ".meta", form.substr(0, form.size() - 3));
-    put("empty", ".eml", text);
-    put("empty", ".meta", "");
-    fs::remove(folder_ + "/" + whole + ".meta");  // of a deletion that went no further
-    EXPECT_EQ(store_.TidyUp({0, 1 << 20}, 3600, complaint_), 0);
-    EXPECT_EQ(Ids(), std::vector<std::string>{whole}) << "it may still be on its way there";
-    {
-        Quarantine next;
-        EXPECT_EQ(next.TidyUp({0, 1 << 20}, 0, complaint_), 0) << complaint_;
-    }
-    EXPECT_EQ(Ids(), (std::vector<std::string>{whole, unknown}));
-    EXPECT_EQ(Files().size(), 3U);
-    EXPECT_EQ(Text(unknown), text);
-    EXPECT_EQ(StateOf(unknown), "held");
-    for (const char* each : {"", "-wal", "-shm"}) fs::remove(folder_ + "/index.db" + each);
-    EXPECT_NE(Keep("after the index has gone"), "") << complaint_;
-    EXPECT_EQ(store_.TidyUp({0, 1 << 20}, 0, complaint_), 0);
-    EXPECT_EQ(Ids().size(), 2U) << "the index is made anew from the pairs";
-}
-
-// No crash leaves these, but a bad disk may: nobody knows whether somebody counts on them.
-TEST_F(Kept, WhatABadDiskLeaves) {
-    Keep("x");
-    KeptMessage message;
-    message.size = 100;
-    const auto put = [&](const std::string& id, const std::string& text) {
-        message.id = id;
-        std::ofstream(folder_ + "/" + id + ".eml") << text;
-        std::ofstream(folder_ + "/" + id + ".meta") << quarantine::WriteForm(message);
-    };
-    put("shorter", "Subj");
-    put("another", std::string(100, 'x'));
-    fs::copy_file(folder_ + "/shorter.meta", folder_ + "/another.meta",
-                  fs::copy_options::overwrite_existing);
-    put("unreadable", std::string(100, 'x'));
-    fs::remove(folder_ + "/unreadable.meta");
-    fs::create_directory(folder_ + "/unreadable.meta");
-    for (int i = 0; i < 5000; ++i) message.recipients += std::string(250, 'r') + "@example.org;";
-    put("good", std::string(100, 'x'));
-    for (const char* each : {"", "-wal", "-shm"}) fs::remove(folder_ + "/index.db" + each);
-    EXPECT_EQ(store_.TidyUp({30, 1 << 20}, 0, complaint_), 1) << "the good one, which is old";
-    EXPECT_NE(complaint_.find("record"), std::string::npos) << complaint_;
-    for (const char* id : {"shorter", "another", "unreadable"})
-        EXPECT_TRUE(fs::exists(folder_ + "/" + id + ".eml")) << id;
-}
-
-// Those that tidy up meanwhile take nothing away from under somebody's hands.
-TEST_F(Kept, WhatIsOnItsWayStays) {
-    Keep("x");
-    const std::string path = folder_ + "/20260101T000000-00000000000000aa.eml";
-    std::ofstream(path) << "on its way";
-    {
-        const platform::File busy = platform::File::OpenRead(path.c_str());
-        ASSERT_EQ(flock(busy.Descriptor(), LOCK_EX | LOCK_NB), 0);
-        EXPECT_EQ(store_.TidyUp({30, 1 << 20}, 0, complaint_), 0);
-        EXPECT_TRUE(fs::exists(path));
-    }
-    EXPECT_EQ(store_.TidyUp({30, 1 << 20}, 0, complaint_), 0);
-    EXPECT_FALSE(fs::exists(path));
 }
 
 TEST_F(Kept, NothingIsKeptHalf) {
@@ -350,9 +115,13 @@ TEST_F(Kept, OneReleaseAtATime) {
     int error = 0;
     const sqlite::Connection writer = sqlite::Open(folder_ + "/index.db", 0, error);
     ASSERT_TRUE(sqlite::Execute(writer.get(), "BEGIN IMMEDIATE"));
+    auto deleted = std::async(std::launch::async, [&other] {
+        std::string complaint;
+        return Quarantine().Delete(other, complaint);
+    });
     EXPECT_FALSE(store_.Claim(other, false, complaint_));
     EXPECT_EQ(complaint_, "database is locked") << "nothing about states";
-    EXPECT_FALSE(store_.Delete(other, complaint_));
+    EXPECT_FALSE(deleted.get());
     EXPECT_TRUE(fs::exists(folder_ + "/" + other + ".meta")) << "all of it is still there";
     sqlite::Execute(writer.get(), "ROLLBACK");
     EXPECT_TRUE(store_.Claim(other, false, complaint_)) << complaint_;
@@ -383,3 +152,4 @@ TEST_F(Kept, Found) {
 }
 
 }  // namespace
+}  // namespace quarantine

@@ -86,11 +86,25 @@ SpamOpinion Antispam::Ask(const SpamSettings& settings, const SpamSubject& subje
     question.recipients = SplitRecipients(subject.recipients);
     if (IsNumber(subject.peer)) question.peer = subject.peer;
     question.helo = subject.helo;
+    const Clock::time_point begin = Clock::now();
+    if (!patience_.MayAsk(begin)) return SpamOpinion::None("no answer in time");
+    const std::chrono::seconds time(settings.seconds);
+    const Clock::time_point end = std::min(subject.end, begin + time);
+    SpamOpinion opinion = AskAt(*address, spamd, question, end);
+    // A message that took long to scan leaves little: that is nobody else's fault.
+    const bool late = !opinion.answered && Clock::now() >= end && end - begin >= time / 2;
+    if (late)
+        patience_.WasLate(Clock::now());
+    else
+        patience_.WasInTime();
+    return opinion;
+}
+
+SpamOpinion Antispam::AskAt(const ServiceAddress& address, bool spamd, const SpamQuestion& question,
+                            Clock::time_point end) {
+    const std::vector<SocketTarget> targets = names_.Targets(address, end);
+    if (targets.empty() && address.path.empty()) return SpamOpinion::None("its name is not found");
     Connection connection;
-    const Clock::time_point end =
-        std::min(subject.end, Clock::now() + std::chrono::seconds(settings.seconds));
-    const std::vector<SocketTarget> targets = names_.Targets(*address, end);
-    if (targets.empty() && address->path.empty()) return SpamOpinion::None("its name is not found");
     connection.SetEnd(end);
     if (connection.Open(targets) != ScanOutcome::kClean) return SpamOpinion::None("can't connect");
     return spamd ? AskSpamd(connection, question) : AskRspamd(connection, question);

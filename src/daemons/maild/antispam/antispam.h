@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "daemons/maild/antispam/opinion.h"
+#include "daemons/maild/antispam/patience.h"
 #include "daemons/maild/antispam/settings.h"
 #include "daemons/maild/engine/address.h"
 #include "daemons/maild/forms/forms.h"
@@ -39,8 +40,11 @@ class Antispam {
 
   private:
     SpamOpinion Ask(const SpamSettings& settings, const SpamSubject& subject);
+    SpamOpinion AskAt(const ServiceAddress& address, bool spamd, const SpamQuestion& question,
+                      std::chrono::steady_clock::time_point end);
     void Tell(const SpamSettings& settings, const SpamOpinion& opinion);
 
+    Patience patience_;
     // As long as addresses behind a name usually stay.
     NameLookup names_{std::chrono::seconds(60)};
     std::mutex mutex_;

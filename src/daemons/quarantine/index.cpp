@@ -9,11 +9,14 @@ namespace quarantine {
 
 namespace {
 
-constexpr char kSchema[] =
+constexpr char kTable[] =
     "CREATE TABLE IF NOT EXISTS messages(id TEXT PRIMARY KEY, at INTEGER NOT NULL, sender TEXT, "
     "recipients TEXT, peer TEXT, helo TEXT, subject TEXT, size INTEGER NOT NULL, verdict TEXT, "
     "section TEXT, rule TEXT, reason TEXT, state TEXT NOT NULL, before TEXT, changed INTEGER, "
-    "source TEXT);"
+    "source TEXT);";
+// Of an index that was made before it was known; fails on all others.
+constexpr char kSource[] = "ALTER TABLE messages ADD COLUMN source TEXT";
+constexpr char kRest[] =
     "CREATE INDEX IF NOT EXISTS messages_at ON messages(at);"
     "CREATE INDEX IF NOT EXISTS messages_state ON messages(state, at);"
     "CREATE INDEX IF NOT EXISTS messages_source ON messages(state, source, at, size);"
@@ -54,8 +57,10 @@ bool Index::Open(const std::string& path, bool make) {
     // Without FULL a commit in WAL mode could be lost with the power.
     if (error == SQLITE_OK && sqlite::Execute(connection_.get(), "PRAGMA journal_mode=WAL") &&
         sqlite::Execute(connection_.get(), "PRAGMA synchronous=FULL") &&
-        sqlite::Execute(connection_.get(), kSchema))
-        return true;
+        sqlite::Execute(connection_.get(), kTable)) {
+        sqlite::Execute(connection_.get(), kSource);
+        if (sqlite::Execute(connection_.get(), kRest)) return true;
+    }
     Fail();
     connection_.reset();
     return false;

@@ -33,6 +33,22 @@ TEST_F(Kept, WhatMakesRoom) {
     EXPECT_EQ(Files(), std::vector<std::string>());
 }
 
+TEST_F(Kept, AnIndexOfBefore) {
+    fs::create_directories(folder_);
+    int error = 0;
+    const sqlite::Connection before =
+        sqlite::Open(folder_ + "/index.db", SQLITE_OPEN_CREATE, error);
+    ASSERT_TRUE(sqlite::Execute(
+        before.get(),
+        "CREATE TABLE messages(id TEXT PRIMARY KEY, at INTEGER NOT NULL, sender TEXT, recipients "
+        "TEXT, peer TEXT, helo TEXT, subject TEXT, size INTEGER NOT NULL, verdict TEXT, section "
+        "TEXT, rule TEXT, reason TEXT, state TEXT NOT NULL, before TEXT, changed INTEGER);"
+        "INSERT INTO messages(id, at, size, state) VALUES('old', 1, 100, 'held')"));
+    const std::string id = Keep(std::string(100, 'x'), {30, 150});
+    EXPECT_NE(id, "") << complaint_;
+    EXPECT_EQ(Ids(), std::vector<std::string>{id}) << "the other one made room";
+}
+
 TEST_F(Kept, IsCounted) {
     std::vector<std::string> told;
     store_.TellOfPushedOut([&](const KeptMessage& each) { told.push_back(each.id); });

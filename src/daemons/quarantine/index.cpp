@@ -13,13 +13,14 @@ constexpr char kTable[] =
     "CREATE TABLE IF NOT EXISTS messages(id TEXT PRIMARY KEY, at INTEGER NOT NULL, sender TEXT, "
     "recipients TEXT, peer TEXT, helo TEXT, subject TEXT, size INTEGER NOT NULL, verdict TEXT, "
     "section TEXT, rule TEXT, reason TEXT, state TEXT NOT NULL, before TEXT, changed INTEGER, "
-    "source TEXT);";
-// Of an index that was made before it was known; fails on all others.
+    "source TEXT, room INTEGER);";
+// Of an index that was made before they were known; fails on all others.
 constexpr char kSource[] = "ALTER TABLE messages ADD COLUMN source TEXT";
+constexpr char kRoom[] = "ALTER TABLE messages ADD COLUMN room INTEGER";
 constexpr char kRest[] =
     "CREATE INDEX IF NOT EXISTS messages_at ON messages(at);"
     "CREATE INDEX IF NOT EXISTS messages_state ON messages(state, at);"
-    "CREATE INDEX IF NOT EXISTS messages_source ON messages(state, source, at, size);"
+    "CREATE INDEX IF NOT EXISTS messages_room ON messages(state, source, at, size, room);"
     "CREATE TABLE IF NOT EXISTS counters(name TEXT PRIMARY KEY, count INTEGER NOT NULL);";
 constexpr char kColumns[] =
     "SELECT id, at, sender, recipients, peer, helo, subject, size, verdict, section, rule, reason, "
@@ -59,6 +60,7 @@ bool Index::Open(const std::string& path, bool make) {
         sqlite::Execute(connection_.get(), "PRAGMA synchronous=FULL") &&
         sqlite::Execute(connection_.get(), kTable)) {
         sqlite::Execute(connection_.get(), kSource);
+        sqlite::Execute(connection_.get(), kRoom);
         if (sqlite::Execute(connection_.get(), kRest)) return true;
     }
     Fail();
@@ -79,7 +81,7 @@ bool Index::Put(const KeptMessage& message) {
     sqlite::Statement put(connection_.get(),
                           "INSERT OR REPLACE INTO messages(id, at, sender, recipients, peer, helo, "
                           "subject, size, verdict, section, rule, reason, state, before, changed, "
-                          "source) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+                          "source, room) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
     if (!put) return Fail();
     put.Bind(1, message.id);
     put.Bind(2, message.at);
@@ -97,6 +99,7 @@ bool Index::Put(const KeptMessage& message) {
     put.Bind(14, message.before);
     put.Bind(15, message.changed);
     put.Bind(16, SourceOf(message.peer));
+    put.Bind(17, static_cast<std::int64_t>(RoomOf(message)));
     return put.Run() || Fail();
 }
 
@@ -199,9 +202,10 @@ std::optional<KeptMessage> Index::Oldest(const char* state, const std::string& s
 }
 
 std::optional<std::vector<Index::Share>> Index::Shares() {
-    sqlite::Statement sums(connection_.get(),
-                           "SELECT source, SUM(size), COUNT(*) FROM messages WHERE state = 'held' "
-                           "GROUP BY source");
+    sqlite::Statement sums(
+        connection_.get(),
+        "SELECT source, SUM(COALESCE(room, size)), COUNT(*) FROM messages WHERE state = 'held' "
+        "GROUP BY source");
     std::vector<Share> shares;
     while (sums && sums.Row())
         shares.push_back({sums.Text(0), static_cast<long long>(sums.Number(1)),
@@ -224,12 +228,14 @@ std::optional<std::vector<std::string>> Index::Before(std::int64_t at, int limit
 std::optional<Numbers> Index::Count() {
     Numbers numbers;
     sqlite::Statement sums(connection_.get(),
-                           "SELECT state, COUNT(*), SUM(size) FROM messages GROUP BY state");
+                           "SELECT state, COUNT(*), SUM(size), SUM(COALESCE(room, size)) FROM "
+                           "messages GROUP BY state");
     while (sums && sums.Row()) {
         const auto found = std::find(kStates.begin(), kStates.end(), sums.Text(0));
         if (found != kStates.end())
             numbers.messages[static_cast<std::size_t>(found - kStates.begin())] = sums.Number(1);
         numbers.bytes += sums.Number(2);
+        numbers.room += sums.Number(3);
     }
     sqlite::Statement counters(connection_.get(), "SELECT name, count FROM counters");
     while (counters && counters.Row()) {

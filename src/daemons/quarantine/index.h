@@ -55,7 +55,7 @@ class Index {
     // What each source has in the state `held`.
     struct Share {
         std::string source;
-        long long bytes = 0;
+        long long room = 0;
         long long messages = 0;
     };
     std::optional<std::vector<Share>> Shares();

@@ -111,7 +111,7 @@ std::optional<std::string> Quarantine::Keep(int file, maild::Dots dots, KeptMess
         message.reason = Shorter(message.reason);
         message.helo = Shorter(message.helo);
         std::vector<KeptMessage> gone;
-        if (copied.size > limits.maxSize) {
+        if (RoomOf(message) > limits.maxSize) {
             complaint = "it is larger than Quarantine/MaxSize";
         } else if (copied.whole && fsync(copy.Descriptor()) == 0 &&
                    WriteNew(MetaPath(message.id), WriteForm(message)) &&

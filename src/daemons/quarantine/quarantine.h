@@ -76,11 +76,11 @@ class Quarantine {
 
   private:
     bool OpenIndex(bool make, std::string& complaint);
-    // Bytes and messages, of which there are too many.
+    // What there is too much of.
     struct Excess {
-        long long bytes = 0;
+        long long room = 0;
         long long messages = 0;
-        bool Any() const { return bytes > 0 || messages > 0; }
+        bool Any() const { return room > 0 || messages > 0; }
     };
     // Inside a transaction: the oldest ones of a state go, as long as there is too much and `more`
     // says so.

@@ -20,7 +20,7 @@ bool Quarantine::Push(const char* state, const std::string& source, Excess& exce
         if (!oldest) return index_.Complaint().empty();
         if (!more(*oldest)) return true;
         if (!index_.Remove(oldest->id)) return false;
-        excess.bytes -= oldest->size;
+        excess.room -= RoomOf(*oldest);
         --excess.messages;
         gone.push_back(std::move(*oldest));
     }
@@ -32,13 +32,13 @@ bool Quarantine::PushShares(const Limits& limits, Excess& excess, std::size_t mo
     std::optional<std::vector<Index::Share>> shares = index_.Shares();
     if (!shares) return false;
     std::sort(shares->begin(), shares->end(),
-              [](const Index::Share& a, const Index::Share& b) { return a.bytes > b.bytes; });
+              [](const Index::Share& a, const Index::Share& b) { return a.room > b.room; });
     for (Index::Share& share : *shares) {
         const auto more = [&](const KeptMessage& next) {
-            if (gone.size() >= most || (share.bytes <= limits.maxSize / kShares &&
+            if (gone.size() >= most || (share.room <= limits.maxSize / kShares &&
                                         share.messages <= limits.MostMessages() / kShares))
                 return false;
-            share.bytes -= next.size;
+            share.room -= RoomOf(next);
             --share.messages;
             return true;
         };
@@ -51,9 +51,9 @@ bool Quarantine::MakeRoom(const KeptMessage* next, const Limits& limits, std::si
                           std::vector<KeptMessage>& gone) {
     const std::optional<Numbers> numbers = index_.Count();
     if (!numbers) return false;
-    Excess excess{numbers->bytes - limits.maxSize, numbers->All() - limits.MostMessages()};
+    Excess excess{numbers->room - limits.maxSize, numbers->All() - limits.MostMessages()};
     if (next != nullptr) {
-        excess.bytes += next->size;
+        excess.room += RoomOf(*next);
         ++excess.messages;
     }
     const auto more = [&](const KeptMessage&) { return gone.size() < most; };

@@ -92,6 +92,20 @@ TEST(Clock, SetAhead) {
         EXPECT_EQ(watch.IsBelieved(each.wall, each.running), each.believed) << each.what;
 }
 
+TEST_F(Kept, ThousandsOfRecipientsTakeRoom) {
+    const Limits limits{30, 100'000};
+    KeptMessage message;
+    for (int i = 0; i < 1000; ++i) message.recipients += "someone@example.org;";
+    std::vector<std::string> kept;
+    for (int i = 0; i < 4; ++i)
+        kept.push_back(
+            store_.Keep(FileOf("x").Descriptor(), {}, message, limits, complaint_).value_or(""));
+    EXPECT_EQ(Ids(), (std::vector<std::string>{kept[3], kept[2]}));
+    for (int i = 0; i < 2000; ++i) message.recipients += "someone@example.org;";
+    EXPECT_FALSE(store_.Keep(FileOf("x").Descriptor(), {}, message, limits, complaint_));
+    EXPECT_EQ(Ids().size(), 2U) << "nothing went for what has no room at all";
+}
+
 // Who fills it pushes out what he has put there himself.
 TEST_F(Kept, AFloodPushesItselfOut) {
     const struct {

@@ -2,6 +2,17 @@
 
 #include <algorithm>
 
+namespace {
+
+// U+2028 and U+2029, which end lines, U+202A to U+202E and U+2066 to U+2069, which turn around what
+// stands behind them: the bytes behind the first one.
+bool IsSteering(unsigned char second, unsigned char third) {
+    return (second == 0x80 && third >= 0xA8 && third <= 0xAE) ||
+           (second == 0x81 && third >= 0xA6 && third <= 0xA9);
+}
+
+}  // namespace
+
 std::size_t PrintableLength(std::string_view text) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char first = byte(0);
@@ -15,6 +26,7 @@ std::size_t PrintableLength(std::string_view text) {
     if ((first == 0xE0 && byte(1) < 0xA0) || (first == 0xED && byte(1) > 0x9F) ||
         (first == 0xF0 && byte(1) < 0x90) || (first == 0xF4 && byte(1) > 0x8F))
         return 0;
+    if (first == 0xE2 && IsSteering(byte(1), byte(2))) return 0;
     return first == 0xC2 && byte(1) < 0xA0 ? 0 : length;  // the upper controls
 }
 

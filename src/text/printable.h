@@ -6,7 +6,8 @@
 #include <string_view>
 
 // Bytes of the printable character at the text's start: well-formed UTF-8 and no control, neither
-// of the lower ones (below 0x20, 0x7F) nor of the upper ones (0x80 to 0x9F, as a byte or in UTF-8).
+// of the lower ones (below 0x20, 0x7F) nor of the upper ones (0x80 to 0x9F, as a byte or in UTF-8),
+// nor one that ends a line or changes the direction of what follows.
 // 0: its first byte has to be shown in another way. The text is not empty.
 std::size_t PrintableLength(std::string_view text);
 // The text without control characters and broken UTF-8 ('?' in their place), cut to limit bytes at

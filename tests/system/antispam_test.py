@@ -236,6 +236,17 @@ class SpamFaults(Antispam):
         self.assertTrue(self.logged("mail passes unjudged"))
         self.assertTrue(self.logged("a message is put off, nobody says whether it is spam: no answer in time"))
 
+    def test_one_that_hangs_holds_up_no_mail(self):
+        self.spam_settings(WhenDown="pass")
+        self.fake.answer = None
+        begun = time.monotonic()
+        for _ in range(8):
+            self.assertEqual(self.send(body(b"hello")), QUEUED)
+        self.assertLess(time.monotonic() - begun, 11, "a few at 2 s, and not all")
+        self.fake.answer = SPAM
+        self.assertTrue(wait_until(lambda: self.send(body(b"spam")) == REJECTED, 20), "it is asked again by itself")
+        self.assertEqual(self.send(body(b"spam")), REJECTED)
+
     def test_nobody_there(self):
         for address in ("127.0.0.1:%d" % free_port(), "unix:/nobody", "nonsense", "spamd:nonsense", "spamd:127.0.0.1:%d" % free_port()):
             with self.subTest(address):

@@ -43,6 +43,8 @@ class Listening:
         return len(self.clients)
 
     def close(self):
+        with contextlib.suppress(OSError):  # who accepts shall not do so by this number, which the next one may get
+            self.listener.shutdown(socket.SHUT_RDWR)
         self.listener.close()
 
 
@@ -164,10 +166,8 @@ class ScanDaemon(Listening):
         if os.path.exists(self.path):
             os.unlink(self.path)
         for client in self.clients:
-            try:
+            with contextlib.suppress(OSError):
                 client.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
 
 
 class Client:

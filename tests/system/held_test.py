@@ -11,6 +11,7 @@ import urllib.parse
 import urllib.request
 
 from harness import BIN, MailServer, Proxy, wait_until
+from metrics import parse
 
 STATS = "/VTWIN/Daemons/StatsDaemon/"
 HOSTILE = (b"Subject: <script>alert(1)</script>\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\n"
@@ -63,6 +64,20 @@ class Held(unittest.TestCase):
 
     def token(self, which, account="ann"):
         return re.search(r'name="token" value="([0-9a-f]{32})"', self.ask("/quarantine/" + which, account=account)[1])[1]
+
+    def test_what_is_counted(self):
+        first, second = self.hold(), self.hold()
+        subprocess.run([BIN + "/vtquarantine", "release", first], env=self.proxy.env, check=True, capture_output=True)
+
+        def counted(*names):
+            numbers = parse(self.ask("/metrics")[1])
+            return [numbers["vantrel_quarantine_" + name] for name in names]
+        names = ('messages{state="held"}', 'messages{state="released"}', "bytes", "released_total", "expired_total", "pushed_out_total")
+        self.assertEqual(counted(*names), [1, 1, 2 * len(HOSTILE), 1, 0, 0])
+        self.ask("/quarantine/" + second, {"action": "release", "token": self.token(second)})
+        self.assertTrue(wait_until(lambda: counted("released_total") == [2]))
+        subprocess.run([BIN + "/vtquarantine", "expire", "--days", "0"], env=self.proxy.env, check=True, capture_output=True)
+        self.assertEqual(counted(*names), [0, 0, 0, 2, 2, 0])
 
     def test_who_may(self):
         which = self.hold()

@@ -2,13 +2,14 @@
 
 import json
 import os
+import re
 import signal
 import subprocess
 import threading
 import time
 import unittest
 
-from harness import BIN, MailServer, wait_until
+from harness import BIN, Client, MailServer, wait_until
 from scanning import EICAR, NOT_CHECKED, QUEUED, REJECTED, Scanning, archive, attached, body
 
 
@@ -86,6 +87,37 @@ class Holding(Quarantined):
                 self.assertEqual(self.state(entry), "held")
         self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
 
+    def test_envelopes_of_every_kind(self):
+        for sender, recipients, paths in ((b"", [b"r@example.org"], [b"<>", b"<r@example.org>"]),
+                                          (b"s@example.org", [b"postmaster", b"r@example.org"],
+                                           [b"<s@example.org>", b"<postmaster>", b"<r@example.org>"])):
+            with self.subTest(sender=sender):
+                client = Client(self.proxy.port)
+                self.addCleanup(client.close)
+                client.envelope(sender, recipients)
+                self.assertTrue(client.data(body(EICAR) + b".\r\n").startswith(b"250"))
+                entry = self.entries()[0]
+                self.assertEqual(entry["from"].encode(), sender or b"<>")
+                lines = len(self.server.lines)
+                self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
+                self.assertEqual([re.search(rb":(<.*?>)[ \r]", line)[1] for line in self.server.lines[lines:] if b":" in line], paths)
+
+    def test_released_lines_end_in_one_way(self):
+        entry = self.hold(b"Subject: x\r\n\r\na\r.\r\nMAIL FROM:<>\n.\nb\r\r\n" + EICAR + b"\r", self.send_chunk)
+        self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
+        self.assertEqual(self.released()[-1].split(b"\r\n", 1)[1],
+                         b"Subject: x\r\n\r\na\r\n..\r\nMAIL FROM:<>\r\n..\r\nb\r\n\r\n" + EICAR + b"\r\n")
+
+    def test_release_with_an_answer_that_is_none(self):
+        for answer in (b"hello\r\n", b"354 go on\r\n", None):
+            with self.subTest(answer):
+                entry = self.hold()
+                self.server.rules["END"] = answer
+                done = self.tool("release", entry["id"])
+                self.server.rules["END"] = QUEUED
+                self.assertEqual((done.returncode, self.state(entry)), (1, "releasing"), "the server may have it")
+                self.assertIn("--again", done.stderr)
+
     def test_release_to_a_server_that_must_speak_tls(self):
         entry = self.hold()
         plain = MailServer(EHLO=b"250-real.example\r\n250 8BITMIME\r\n")
@@ -142,7 +174,7 @@ class Holding(Quarantined):
                          [1, 0, 1, 0, 1, 0])
         self.assertEqual(self.tool("find", "--to", "nobody").returncode, 1)
         for words in (["list", "--until", "1h"], ["show"], ["show", "a", "b"], ["release"], ["expire", "--days", "x"], ["list", "--limit", "0"],
-                      ["show", entry["id"], "--raw", "--json"], ["find", "--section", "other"], ["delete"], ["list", "x"]):
+                      ["show", entry["id"], "--raw", "--json"], ["release", entry["id"], "--to", ""], ["find", "--section", "other"], ["delete"], ["list", "x"]):
             self.assertEqual(self.tool(*words).returncode, 2, words)
         for words in (["show", "nothing"], ["release", "../" + entry["id"]], ["delete", "nothing"], ["expire", "--days", "1"]):
             self.assertEqual(self.tool(*words).returncode, 1, words)

@@ -21,6 +21,12 @@ TEST(Printable, Length) {
         {"last of them", "\xC2\x9F", 0},
         {"cut short", "\xE2\x82", 0},
         {"upper control in a longer form", "\xE0\x82\x9B", 0},
+        {"line separator", "\xE2\x80\xA8", 0},
+        {"right-to-left override", "\xE2\x80\xAE", 0},
+        {"first isolate", "\xE2\x81\xA6", 0},
+        {"last isolate", "\xE2\x81\xA9", 0},
+        {"narrow blank behind the overrides", "\xE2\x80\xAF", 3},
+        {"right-to-left mark, which Hebrew needs", "\xE2\x80\x8F", 3},
         {"surrogate", "\xED\xA0\x80", 0},
         {"beyond the last", "\xF4\x90\x80\x80", 0},
     };

@@ -79,6 +79,16 @@ void LogDecision(TagMsgNode* request, const std::string& path, const maild::Find
     Log(std::move(line));
 }
 
+void LogPushedOut(const quarantine::KeptMessage& message) {
+    // Of the others somebody has the message, or the most of it.
+    const bool held = message.state != quarantine::state::kReleased &&
+                      message.state != quarantine::state::kOriginal;
+    Log({.kind = held ? kEventWarning : kEventInfo,
+         .text = "deleted from the quarantine to make room: " + message.id + " (" + message.state +
+                 ", " + std::to_string(message.size) + " bytes, from " + message.sender + " to " +
+                 message.recipients + ", client " + message.peer + ")"});
+}
+
 // The line that the proxy writes of the message names the id, too.
 void NoteKept(std::vector<maild::Finding>& findings, const maild::Decision& decision,
               const std::string& id) {
@@ -144,6 +154,7 @@ bool MailDaemon::Start(int argc, char** argv) {
     TrelisSetValue(kLocalStore, kUnaskedLimit.Path().c_str(),
                    std::to_string(null_ ? 0 : kUsualMaxFileSize).c_str());
     if (null_) return true;
+    quarantine_.TellOfPushedOut(LogPushedOut);
     keeper_.Start([this] { return QuarantineLimits(); },
                   [](const std::string& text) { Log({.kind = kEventWarning, .text = text}); });
     engines_.Start(settings_.Current());

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,9 +49,12 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
 
 Exit TestFile(Engines& engines, const Settings& settings, const char* path, Transfer transfer) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings.scanSeconds);
-    AllFindings verdict = JudgeBySections(engines, settings, path, transfer, {});
+    // A link of whoever asks is his own affair.
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path, nullptr), std::free);
+    const char* const file = real != nullptr ? real.get() : path;
+    AllFindings verdict = JudgeBySections(engines, settings, file, transfer, {});
     std::vector<maild::Finding>& findings = verdict.findings;
-    maild::Antispam().Look(settings.antispam, {path, transfer, {}, "", "", "", end}, findings);
+    maild::Antispam().Look(settings.antispam, {file, transfer, {}, "", "", "", end}, findings);
     Print(path, findings);
     // A score alone is nothing that was found.
     const bool any = std::any_of(findings.begin(), findings.end(), [](const maild::Finding& each) {

@@ -23,7 +23,8 @@ constexpr TextField kTexts[] = {{"id", &KeptMessage::id},
                                 {"section", &KeptMessage::section},
                                 {"rule", &KeptMessage::rule},
                                 {"reason", &KeptMessage::reason},
-                                {"state", &KeptMessage::state}};
+                                {"state", &KeptMessage::state},
+                                {"before", &KeptMessage::before}};
 
 std::string Escape(std::string_view value) {
     std::string text;

@@ -1,14 +1,27 @@
 #include "daemons/quarantine/index.h"
 
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+
 namespace quarantine {
 
 namespace {
 
-constexpr char kSchema[] =
+constexpr char kTable[] =
     "CREATE TABLE IF NOT EXISTS messages(id TEXT PRIMARY KEY, at INTEGER NOT NULL, sender TEXT, "
     "recipients TEXT, peer TEXT, helo TEXT, subject TEXT, size INTEGER NOT NULL, verdict TEXT, "
-    "section TEXT, rule TEXT, reason TEXT, state TEXT NOT NULL, before TEXT, changed INTEGER);"
-    "CREATE INDEX IF NOT EXISTS messages_at ON messages(at);";
+    "section TEXT, rule TEXT, reason TEXT, state TEXT NOT NULL, before TEXT, changed INTEGER, "
+    "source TEXT, room INTEGER);";
+// Of an index that was made before they were known; fails on all others.
+constexpr char kSource[] = "ALTER TABLE messages ADD COLUMN source TEXT";
+constexpr char kRoom[] = "ALTER TABLE messages ADD COLUMN room INTEGER";
+constexpr char kRest[] =
+    "CREATE INDEX IF NOT EXISTS messages_at ON messages(at);"
+    "CREATE INDEX IF NOT EXISTS messages_state ON messages(state, at);"
+    "CREATE INDEX IF NOT EXISTS messages_room ON messages(state, source, at, size, room);"
+    "CREATE TABLE IF NOT EXISTS counters(name TEXT PRIMARY KEY, count INTEGER NOT NULL);";
 constexpr char kColumns[] =
     "SELECT id, at, sender, recipients, peer, helo, subject, size, verdict, section, rule, reason, "
     "state, before, changed FROM messages ";
@@ -25,6 +38,17 @@ std::string Anywhere(const std::string& text) {
     return pattern + "%";
 }
 
+// Whoever has one address of a network of IPv6 has all of them.
+std::string SourceOf(const std::string& peer) {
+    in6_addr address{};
+    if (inet_pton(AF_INET6, peer.c_str(), &address) != 1 || IN6_IS_ADDR_V4MAPPED(&address))
+        return peer;
+    std::fill_n(address.s6_addr + 8, 8, 0);
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    inet_ntop(AF_INET6, &address, text.data(), text.size());
+    return std::string(text.data()) + "/64";
+}
+
 }  // namespace
 
 bool Index::Open(const std::string& path, bool make) {
@@ -34,8 +58,11 @@ bool Index::Open(const std::string& path, bool make) {
     // Without FULL a commit in WAL mode could be lost with the power.
     if (error == SQLITE_OK && sqlite::Execute(connection_.get(), "PRAGMA journal_mode=WAL") &&
         sqlite::Execute(connection_.get(), "PRAGMA synchronous=FULL") &&
-        sqlite::Execute(connection_.get(), kSchema))
-        return true;
+        sqlite::Execute(connection_.get(), kTable)) {
+        sqlite::Execute(connection_.get(), kSource);
+        sqlite::Execute(connection_.get(), kRoom);
+        if (sqlite::Execute(connection_.get(), kRest)) return true;
+    }
     Fail();
     connection_.reset();
     return false;
@@ -53,8 +80,8 @@ void Index::Rollback() { sqlite::Execute(connection_.get(), "ROLLBACK"); }
 bool Index::Put(const KeptMessage& message) {
     sqlite::Statement put(connection_.get(),
                           "INSERT OR REPLACE INTO messages(id, at, sender, recipients, peer, helo, "
-                          "subject, size, verdict, section, rule, reason, state, before, changed) "
-                          "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+                          "subject, size, verdict, section, rule, reason, state, before, changed, "
+                          "source, room) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
     if (!put) return Fail();
     put.Bind(1, message.id);
     put.Bind(2, message.at);
@@ -71,6 +98,8 @@ bool Index::Put(const KeptMessage& message) {
     put.Bind(13, message.state);
     put.Bind(14, message.before);
     put.Bind(15, message.changed);
+    put.Bind(16, SourceOf(message.peer));
+    put.Bind(17, static_cast<std::int64_t>(RoomOf(message)));
     return put.Run() || Fail();
 }
 
@@ -142,26 +171,92 @@ std::optional<std::vector<KeptMessage>> Index::List(const Filter& filter) {
     return Read(list);
 }
 
-std::optional<long long> Index::Size() {
-    sqlite::Statement sum(connection_.get(), "SELECT COALESCE(SUM(size), 0) FROM messages");
-    if (sum && sum.Row()) return sum.Number(0);
+std::optional<std::vector<std::string>> Index::Texts(sqlite::Statement& statement) {
+    std::vector<std::string> texts;
+    while (statement && statement.Row()) texts.push_back(statement.Text(0));
+    if (statement && !statement.Failed()) return texts;
     Fail();
     return std::nullopt;
 }
 
-std::optional<std::vector<KeptMessage>> Index::ToMakeRoom() {
-    sqlite::Statement oldest(
-        connection_.get(),
-        Select("ORDER BY CASE state WHEN 'released' THEN 0 WHEN 'original' THEN 1 WHEN "
-               "'releasing' THEN 3 ELSE 2 END, at, id")
-            .c_str());
-    return Read(oldest);
+std::optional<std::vector<std::string>> Index::Ids() {
+    sqlite::Statement ids(connection_.get(), "SELECT id FROM messages");
+    return Texts(ids);
 }
 
-std::optional<std::vector<KeptMessage>> Index::Before(std::int64_t at) {
-    sqlite::Statement old(connection_.get(), Select("WHERE at < ? ORDER BY at").c_str());
-    if (old) old.Bind(1, at);
-    return Read(old);
+std::optional<KeptMessage> Index::Oldest(const char* state, const std::string& source) {
+    const bool any = source.empty();
+    sqlite::Statement oldest(
+        connection_.get(),
+        Select(any ? "WHERE state = ?1 ORDER BY at, rowid LIMIT 1"
+                   : "WHERE state = ?1 AND source = ?2 ORDER BY at, size, rowid LIMIT 1")
+            .c_str());
+    if (oldest) {
+        oldest.Bind(1, state);
+        if (!any) oldest.Bind(2, source);
+    }
+    complaint_.clear();
+    std::optional<std::vector<KeptMessage>> found = Read(oldest);
+    if (!found || found->empty()) return std::nullopt;
+    return std::move(found->front());
+}
+
+std::optional<std::vector<Index::Share>> Index::Shares() {
+    sqlite::Statement sums(
+        connection_.get(),
+        "SELECT source, SUM(COALESCE(room, size)), COUNT(*) FROM messages WHERE state = 'held' "
+        "GROUP BY source");
+    std::vector<Share> shares;
+    while (sums && sums.Row())
+        shares.push_back({sums.Text(0), static_cast<long long>(sums.Number(1)),
+                          static_cast<long long>(sums.Number(2))});
+    if (sums && !sums.Failed()) return shares;
+    Fail();
+    return std::nullopt;
+}
+
+std::optional<std::vector<std::string>> Index::Before(std::int64_t at, int limit) {
+    sqlite::Statement old(connection_.get(),
+                          "SELECT id FROM messages WHERE at < ? ORDER BY at LIMIT ?");
+    if (old) {
+        old.Bind(1, at);
+        old.Bind(2, std::int64_t{limit});
+    }
+    return Texts(old);
+}
+
+std::optional<Numbers> Index::Count() {
+    Numbers numbers;
+    sqlite::Statement sums(connection_.get(),
+                           "SELECT state, COUNT(*), SUM(size), SUM(COALESCE(room, size)) FROM "
+                           "messages GROUP BY state");
+    while (sums && sums.Row()) {
+        const auto found = std::find(kStates.begin(), kStates.end(), sums.Text(0));
+        if (found != kStates.end())
+            numbers.messages[static_cast<std::size_t>(found - kStates.begin())] = sums.Number(1);
+        numbers.bytes += sums.Number(2);
+        numbers.room += sums.Number(3);
+    }
+    sqlite::Statement counters(connection_.get(), "SELECT name, count FROM counters");
+    while (counters && counters.Row()) {
+        const std::string name = counters.Text(0);
+        if (name == counter::kPushedOut) numbers.pushedOut = counters.Number(1);
+        if (name == counter::kExpired) numbers.expired = counters.Number(1);
+        if (name == counter::kReleased) numbers.released = counters.Number(1);
+    }
+    if (sums && !sums.Failed() && counters && !counters.Failed()) return numbers;
+    Fail();
+    return std::nullopt;
+}
+
+bool Index::Add(const char* counter, int count) {
+    sqlite::Statement add(connection_.get(),
+                          "INSERT INTO counters VALUES(?1, ?2) ON CONFLICT(name) DO UPDATE SET "
+                          "count = count + excluded.count");
+    if (!add) return Fail();
+    add.Bind(1, counter);
+    add.Bind(2, std::int64_t{count});
+    return add.Run() || Fail();
 }
 
 bool Index::Change(const std::string& id, std::initializer_list<const char*> from, const char* to,
@@ -179,7 +274,7 @@ bool Index::Change(const std::string& id, std::initializer_list<const char*> fro
         if (!change.Run()) return Fail();
         if (sqlite3_changes(connection_.get()) == 1) return true;
     }
-    complaint_ = "it is in another state";
+    complaint_.clear();
     return false;
 }
 

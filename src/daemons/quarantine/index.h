@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "daemons/quarantine/kept.h"
+#include "daemons/quarantine/numbers.h"
 #include "trelis/sqlite.h"
 
 namespace quarantine {
@@ -46,14 +47,26 @@ class Index {
     std::optional<KeptMessage> Find(const std::string& id);
     // The newest first.
     std::optional<std::vector<KeptMessage>> List(const Filter& filter);
-    // Bytes of all messages.
-    std::optional<long long> Size();
-    // What makes room first comes first: released, then what its recipients have but for a part,
-    // then held; the oldest first. What is being released comes last.
-    std::optional<std::vector<KeptMessage>> ToMakeRoom();
-    // Those that came before the moment.
-    std::optional<std::vector<KeptMessage>> Before(std::int64_t at);
-    // Changes the state if it is one of `from`. False also if it is another one.
+    // The ids of all.
+    std::optional<std::vector<std::string>> Ids();
+    // The oldest of those in a state, of one source if that isn't empty. Nothing also if there is
+    // none: Complaint is empty then.
+    std::optional<KeptMessage> Oldest(const char* state, const std::string& source);
+    // What each source has in the state `held`.
+    struct Share {
+        std::string source;
+        long long room = 0;
+        long long messages = 0;
+    };
+    std::optional<std::vector<Share>> Shares();
+    // The oldest of those that came before the moment, up to so many.
+    std::optional<std::vector<std::string>> Before(std::int64_t at, int limit);
+    // What is there, and what has been counted.
+    std::optional<Numbers> Count();
+    // Adds to what has happened since the index was made.
+    bool Add(const char* counter, int count);
+    // Changes the state if it is one of `from`. False also if it is another one, or there is no
+    // such message: Complaint is empty then.
     bool Change(const std::string& id, std::initializer_list<const char*> from, const char* to,
                 std::int64_t now);
     // Back to what a release found.
@@ -62,6 +75,7 @@ class Index {
   private:
     bool Fail();
     std::optional<std::vector<KeptMessage>> Read(sqlite::Statement& statement);
+    std::optional<std::vector<std::string>> Texts(sqlite::Statement& statement);
 
     sqlite::Connection connection_;
     std::string complaint_;

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "daemons/quarantine/clockwatch.h"
 #include "daemons/quarantine/quarantine.h"
 
 namespace quarantine {
@@ -19,8 +20,8 @@ class Keeper {
     Keeper& operator=(const Keeper&) = delete;
     ~Keeper() { Stop(); }
 
-    // Takes in what a crash has left before it returns: nobody keeps anything yet. The limits are
-    // asked for each time; `tell` hears of what can't be done. Both on the keeper's thread, too.
+    // Takes in what a crash has left, and then tidies up; waits for none of it. The limits are
+    // asked for each time; `tell` hears of what can't be done. Both on the keeper's thread.
     void Start(std::function<Limits()> limits, Tell tell);
     void Stop();
 
@@ -31,6 +32,7 @@ class Keeper {
     Quarantine& store_;
     std::function<Limits()> limits_;
     Tell tell_;
+    ClockWatch clock_;
     std::mutex mutex_;
     std::condition_variable stop_;
     bool stopping_ = false;  // guarded by mutex_

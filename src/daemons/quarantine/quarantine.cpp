@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "daemons/quarantine/copy.h"
@@ -18,6 +20,9 @@
 namespace quarantine {
 
 namespace {
+
+// Of what is kept of a stranger's text for people to read.
+constexpr std::size_t kMostText = 1000;
 
 // 20261126T034452-1f0a93c47b2d6e58: sorted by name they are sorted by time.
 std::string NewId(std::int64_t at) {
@@ -43,11 +48,22 @@ bool MakeDirectory(const std::string& path) {
     return SyncDirectory(path.substr(0, path.rfind('/')));
 }
 
-bool Finish(platform::File& file) { return fsync(file.Descriptor()) == 0 && file.Close(); }
+// Until it is closed nobody takes it for a leaving of a crash. False: somebody has, just now.
+bool Hold(const platform::File& file) {
+    struct stat info {};
+    return flock(file.Descriptor(), LOCK_EX | LOCK_NB) == 0 &&
+           fstat(file.Descriptor(), &info) == 0 && info.st_nlink > 0;
+}
+
+std::string Shorter(std::string text) {
+    text.resize(std::min(text.size(), kMostText));
+    return text;
+}
 
 bool WriteNew(const std::string& path, const std::string& text) {
     platform::File file = platform::File::CreateExclusive(path.c_str(), -1);
-    return file && file.Write(text.data(), text.size()) && Finish(file);
+    return file && file.Write(text.data(), text.size()) && fsync(file.Descriptor()) == 0 &&
+           file.Close();
 }
 
 }  // namespace
@@ -74,51 +90,8 @@ bool Quarantine::OpenIndex(bool make, std::string& complaint) {
 
 void Quarantine::RemoveFiles(const std::string& id) const {
     unlink(MetaPath(id).c_str());
+    unlink(PathOf(id, ".fresh").c_str());
     unlink(MessagePath(id).c_str());
-}
-
-// Inside a transaction: what has to go, so that `wanted` more bytes fit.
-bool Quarantine::MakeRoom(long long wanted, const Limits& limits, std::vector<std::string>& gone,
-                          std::string& complaint) {
-    std::optional<long long> size = index_.Size();
-    if (!size) {
-        complaint = index_.Complaint();
-        return false;
-    }
-    if (*size + wanted <= limits.maxSize) return true;
-    const std::optional<std::vector<KeptMessage>> oldest = index_.ToMakeRoom();
-    if (!oldest) {
-        complaint = index_.Complaint();
-        return false;
-    }
-    for (const KeptMessage& each : *oldest) {
-        if (*size + wanted <= limits.maxSize) break;
-        if (!index_.Remove(each.id)) {
-            complaint = index_.Complaint();
-            return false;
-        }
-        *size -= each.size;
-        gone.push_back(each.id);
-    }
-    return true;
-}
-
-bool Quarantine::Store(const KeptMessage& message, const Limits& limits, std::string& complaint) {
-    std::vector<std::string> gone;
-    const std::lock_guard lock(mutex_);
-    if (!OpenIndex(true, complaint)) return false;
-    if (!index_.Begin()) {
-        complaint = index_.Complaint();
-        return false;
-    }
-    if (!MakeRoom(message.size, limits, gone, complaint) || !index_.Put(message) ||
-        !index_.Commit()) {
-        if (complaint.empty()) complaint = index_.Complaint();
-        index_.Rollback();
-        return false;
-    }
-    for (const std::string& id : gone) RemoveFiles(id);
-    return true;
 }
 
 std::optional<std::string> Quarantine::Keep(int file, maild::Dots dots, KeptMessage message,
@@ -131,15 +104,20 @@ std::optional<std::string> Quarantine::Keep(int file, maild::Dots dots, KeptMess
         return std::nullopt;
     }
     platform::File copy = platform::File::CreateExclusive(MessagePath(message.id).c_str(), -1);
-    if (copy) {
+    if (copy && Hold(copy)) {
         const Copied copied = CopyMessage(file, dots, copy);
         message.size = copied.size;
-        message.subject = copied.subject;
-        if (copied.size > limits.maxSize) {
+        message.subject = Shorter(copied.subject);
+        message.reason = Shorter(message.reason);
+        message.helo = Shorter(message.helo);
+        std::vector<KeptMessage> gone;
+        if (RoomOf(message) > limits.maxSize) {
             complaint = "it is larger than Quarantine/MaxSize";
-        } else if (copied.whole && Finish(copy) &&
+        } else if (copied.whole && fsync(copy.Descriptor()) == 0 &&
                    WriteNew(MetaPath(message.id), WriteForm(message)) &&
-                   SyncDirectory(directory_) && Store(message, limits, complaint)) {
+                   SyncDirectory(directory_) &&
+                   Admit(&message, limits, SIZE_MAX, gone, complaint)) {
+            Tell(gone);
             return message.id;
         }
     }
@@ -168,25 +146,60 @@ std::optional<KeptMessage> Quarantine::Find(const std::string& id, std::string& 
     return found;
 }
 
+std::optional<Numbers> Quarantine::Count(std::string& complaint) {
+    if (!platform::LookAtFile(directory_)) return Numbers();
+    const std::lock_guard lock(mutex_);
+    if (!OpenIndex(true, complaint)) return std::nullopt;
+    std::optional<Numbers> numbers = index_.Count();
+    if (!numbers) complaint = index_.Complaint();
+    return numbers;
+}
+
 platform::File Quarantine::Open(const std::string& id) const {
     return IsId(id) ? platform::File::OpenRead(MessagePath(id).c_str()) : platform::File();
 }
 
+// The server may still refuse it.
+bool Quarantine::IsBeingReleased(const std::string& id) const {
+    const platform::File file = Open(id);
+    return file && flock(file.Descriptor(), LOCK_EX | LOCK_NB) != 0;
+}
+
 // The record first: a message without one is not taken in again, should the rest not come to pass.
 bool Quarantine::RemoveEntry(const std::string& id, std::string& complaint) {
-    unlink(MetaPath(id).c_str());
-    if (!index_.Remove(id)) {
-        complaint = index_.Complaint();
-        return false;
+    bool good = index_.Begin() && index_.Remove(id);
+    if (good) unlink(MetaPath(id).c_str());
+    good = good && index_.Commit();
+    if (good) {
+        unlink(MessagePath(id).c_str());
+        return true;
     }
-    unlink(MessagePath(id).c_str());
-    return true;
+    complaint = index_.Complaint();
+    index_.Rollback();
+    return false;
 }
 
 bool Quarantine::Delete(const std::string& id, std::string& complaint) {
     if (!Find(id, complaint)) return false;
+    if (IsBeingReleased(id)) {
+        complaint = "somebody releases " + id + " now";
+        return false;
+    }
     const std::lock_guard lock(mutex_);
     return RemoveEntry(id, complaint);
+}
+
+// So that an index that is made anew knows whether somebody has it. The old one is enough without.
+void Quarantine::NoteState(const std::string& id) {
+    const std::optional<KeptMessage> message = index_.Find(id);
+    const std::string fresh = PathOf(id, ".fresh");
+    if (!message) return;
+    unlink(fresh.c_str());
+    if (WriteNew(fresh, WriteForm(*message)) &&
+        std::rename(fresh.c_str(), MetaPath(id).c_str()) == 0)
+        SyncDirectory(directory_);
+    else
+        unlink(fresh.c_str());
 }
 
 platform::File Quarantine::Claim(const std::string& id, bool again, std::string& complaint) {
@@ -208,7 +221,14 @@ platform::File Quarantine::Claim(const std::string& id, bool again, std::string&
                               {state::kHeld, state::kOriginal, state::kReleasing, state::kReleased},
                               state::kReleasing, now)
               : index_.Change(id, {state::kHeld, state::kOriginal}, state::kReleasing, now);
-    if (claimed) return file;
+    if (claimed) {
+        NoteState(id);
+        return file;
+    }
+    if (!index_.Complaint().empty()) {
+        complaint = index_.Complaint();
+        return {};
+    }
     const std::optional<KeptMessage> found = index_.Find(id);
     complaint = !found ? "there is no message " + id
                        : "its state is `" + found->state + "`; --again sends it all the same";
@@ -221,8 +241,12 @@ bool Quarantine::EndRelease(const std::string& id, bool released, std::string& c
     const std::int64_t now = platform::UtcMilliseconds();
     const bool ended = released ? index_.Change(id, {state::kReleasing}, state::kReleased, now)
                                 : index_.ChangeBack(id, now);
-    if (!ended) complaint = index_.Complaint();
-    return ended;
+    if (!ended)
+        complaint = index_.Complaint().empty() ? "it is not there any more" : index_.Complaint();
+    if (!ended) return false;
+    if (released) index_.Add(counter::kReleased, 1);
+    NoteState(id);
+    return true;
 }
 
 }  // namespace quarantine

@@ -1,10 +1,13 @@
 // The quarantine of this instance, as programs use it.
 #pragma once
 
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -18,6 +21,13 @@ namespace quarantine {
 struct Limits {
     int keepDays = 30;            // 0: for ever
     long long maxSize = 1 << 30;  // bytes of all messages
+
+    // Small ones take more of a disk than their bytes.
+    long long MostMessages() const { return std::max(kFewest, maxSize / kUsualBlock); }
+
+  private:
+    static constexpr long long kFewest = 10'000;
+    static constexpr long long kUsualBlock = 4096;
 };
 
 // Any thread. Where something fails, `complaint` says why: one line for a person.
@@ -38,7 +48,7 @@ class Quarantine {
     // Nothing if there is no such message, too.
     std::optional<KeptMessage> Find(const std::string& id, std::string& complaint);
     platform::File Open(const std::string& id) const;
-    // False if there was none, or it can't be done.
+    // False if there was none, or somebody releases it now, or it can't be done.
     bool Delete(const std::string& id, std::string& complaint);
 
     // A release, by whoever holds its claim: the file stays locked as long as that is there. The
@@ -47,26 +57,59 @@ class Quarantine {
     // How it ended: the server has taken it, or has not.
     bool EndRelease(const std::string& id, bool released, std::string& complaint);
 
+    // Who hears of each message that made room for another one. Before any other call.
+    using Gone = std::function<void(const KeptMessage&)>;
+    void TellOfPushedOut(Gone tell) { tell_ = std::move(tell); }
+    // Nothing on a failure.
+    std::optional<Numbers> Count(std::string& complaint);
+
     // Takes in pairs that the index doesn't know, if they are as old as that in seconds: leavings
-    // of a crash. Removes halves. Then removes what is older than the days, and what is beyond the
-    // size. The count of messages removed; nothing on a failure.
+    // of a crash. Removes halves, but nothing that somebody may count on: the complaint is about
+    // such ones. Then removes what is older than the days, and what is beyond the size. The count
+    // of messages removed; nothing on a failure.
     std::optional<int> TidyUp(const Limits& limits, int leavingSeconds, std::string& complaint);
-    // As the last step alone; days 0: all of them.
+    // Whatever tidies up ends soon, with what it has done. For good; any thread.
+    void EndTidying() { ending_ = true; }
+    // As the last step but one alone; days 0: all of them, but for what somebody releases
+    // now.
     std::optional<int> Expire(int days, std::string& complaint);
 
   private:
     bool OpenIndex(bool make, std::string& complaint);
-    bool MakeRoom(long long wanted, const Limits& limits, std::vector<std::string>& gone,
-                  std::string& complaint);
-    bool Store(const KeptMessage& message, const Limits& limits, std::string& complaint);
+    // What there is too much of.
+    struct Excess {
+        long long room = 0;
+        long long messages = 0;
+        bool Any() const { return room > 0 || messages > 0; }
+    };
+    // Inside a transaction: the oldest ones of a state go, as long as there is too much and `more`
+    // says so.
+    bool Push(const char* state, const std::string& source, Excess& excess,
+              const std::function<bool(const KeptMessage&)>& more, std::vector<KeptMessage>& gone);
+    bool PushShares(const Limits& limits, Excess& excess, std::size_t most,
+                    std::vector<KeptMessage>& gone);
+    bool MakeRoom(const KeptMessage* next, const Limits& limits, std::size_t most,
+                  std::vector<KeptMessage>& gone);
+    // Room for the next one, if there is one, and itself in the index. Up to `most` go for it.
+    bool Admit(const KeptMessage* next, const Limits& limits, std::size_t most,
+               std::vector<KeptMessage>& gone, std::string& complaint);
+    void NoteState(const std::string& id);
+    bool IsBeingReleased(const std::string& id) const;
     bool RemoveEntry(const std::string& id, std::string& complaint);
     void RemoveFiles(const std::string& id) const;
-    void TakeLeavings(int leavingSeconds);
+    void Tell(const std::vector<KeptMessage>& gone) const;
+    std::vector<std::string> UnknownIds(std::string& complaint);
+    bool TakeLeavings(std::span<const std::string> ids, int leavingSeconds, std::string& complaint);
+    bool TakeLeaving(const std::string& id, int leavingSeconds, std::string& complaint);
+    // Up to a number of them; nothing on a failure.
+    std::optional<int> ExpireSome(std::int64_t before, std::string& complaint);
     std::string PathOf(const std::string& id, const char* ending) const;
     std::string MetaPath(const std::string& id) const { return PathOf(id, ".meta"); }
     std::string MessagePath(const std::string& id) const { return PathOf(id, ".eml"); }
 
     const std::string directory_;
+    Gone tell_;
+    std::atomic<bool> ending_{false};
     std::mutex mutex_;
     Index index_;                    // guarded by mutex_, as the next one
     std::uint64_t indexNumber_ = 0;  // of its file

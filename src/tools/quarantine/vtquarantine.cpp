@@ -110,6 +110,7 @@ std::optional<int> TakeOption(int which, Options& options) {
             filter.from = optarg;
             break;
         case 't':
+            if (*optarg == '\0') return Wrong("--to is empty");  // not: all of them
             filter.to = options.to = optarg;
             break;
         case 'S':

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "daemons/maild/antispam/findings.h"
+#include "daemons/maild/antispam/patience.h"
 #include "daemons/maild/antispam/rspamd.h"
 #include "daemons/maild/antispam/spamd.h"
 #include "libstats/codes.h"
@@ -182,6 +183,30 @@ TEST(Spamd, Answers) {
             EXPECT_EQ(opinion.symbols, (std::vector<std::string>{"GTUBE", "X_Y"}));
         }
     }
+}
+
+TEST(Patience, WhoIsLateIsAskedNowAndThen) {
+    const Patience::Clock::time_point start{};
+    const auto after = [&](int seconds) { return start + std::chrono::seconds(seconds); };
+    Patience patience;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(patience.MayAsk(after(i))) << i;
+        patience.WasLate(after(20));
+        if (i == 1) patience.WasInTime();
+    }
+    EXPECT_TRUE(patience.MayAsk(after(20))) << "one came in between";
+    patience.WasLate(after(20));
+    patience.WasLate(after(20));
+    EXPECT_FALSE(patience.MayAsk(after(20)));
+    EXPECT_FALSE(patience.MayAsk(after(29)));
+    EXPECT_TRUE(patience.MayAsk(after(30)));
+    EXPECT_FALSE(patience.MayAsk(after(31))) << "one is enough";
+    patience.WasLate(after(50));
+    EXPECT_FALSE(patience.MayAsk(after(51)));
+    EXPECT_TRUE(patience.MayAsk(after(60)));
+    patience.WasInTime();
+    EXPECT_TRUE(patience.MayAsk(after(60)));
+    EXPECT_TRUE(patience.MayAsk(after(60)));
 }
 
 TEST(SpamFindings, ScoresAndTheEnginesWord) {

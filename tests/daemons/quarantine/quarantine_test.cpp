@@ -1,77 +1,15 @@
-// What is kept, what makes room, what a crash leaves, and who may send a message on.
-#include "daemons/quarantine/quarantine.h"
-
-#include <gtest/gtest.h>
-#include <sys/mman.h>
+// How messages are kept and found, and who may send one on.
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <fstream>
+#include <future>
 
 #include "daemons/quarantine/form.h"
-#include "platform/home.h"
+#include "quarantine_fixture.h"
 #include "support/instance.h"
 
-namespace fs = std::filesystem;
-using quarantine::KeptMessage;
-using quarantine::Limits;
-using quarantine::Quarantine;
-
+namespace quarantine {
 namespace {
-
-platform::File FileOf(const std::string& text) {
-    platform::File file(memfd_create("test", MFD_CLOEXEC));
-    EXPECT_TRUE(file.Write(text.data(), text.size()));
-    return file;
-}
-
-class Kept : public testing::Test {
-  protected:
-    void SetUp() override { fs::remove_all(folder_); }
-
-    std::string Keep(const std::string& text, const Limits& limits = {},
-                     maild::Dots dots = maild::Dots::kPlain) {
-        KeptMessage message;
-        message.sender = "s@example.org";
-        message.recipients = "a@example.org;b@example.org";
-        message.section = "content";
-        return store_.Keep(FileOf(text).Descriptor(), dots, message, limits, complaint_)
-            .value_or("");
-    }
-    std::vector<std::string> Ids(const quarantine::Filter& filter = {}) {
-        std::vector<std::string> ids;
-        const auto found = store_.List(filter, complaint_);
-        EXPECT_TRUE(found) << complaint_;
-        for (const KeptMessage& each : found.value_or(std::vector<KeptMessage>()))
-            ids.push_back(each.id);
-        return ids;
-    }
-    std::string Text(const std::string& id) {
-        std::string text;
-        platform::ReadWholeFile(folder_ + "/" + id + ".eml", text);
-        return text;
-    }
-    std::vector<std::string> Files() {
-        std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(folder_)) {
-            const std::string name = entry.path().filename();
-            if (!name.starts_with("index.db")) names.push_back(name);
-        }
-        return names;
-    }
-    std::string StateOf(const std::string& id) {
-        const auto found = store_.Find(id, complaint_);
-        return found ? found->state : "none";
-    }
-    bool Release(const std::string& id, bool again, bool taken) {
-        const platform::File claim = store_.Claim(id, again, complaint_);
-        return claim && store_.EndRelease(id, taken, complaint_);
-    }
-
-    const std::string folder_ = platform::HomePath("quarantine");
-    Quarantine store_;
-    std::string complaint_;
-};
 
 TEST_F(Kept, AsItsReaderHasIt) {
     EXPECT_EQ(Ids(), std::vector<std::string>());
@@ -114,64 +52,13 @@ TEST_F(Kept, FormHoldsAnyBytes) {
         EXPECT_FALSE(quarantine::ReadForm(text)) << text;
 }
 
-TEST_F(Kept, WhatMakesRoom) {
-    const Limits limits{30, 350};
-    const std::string text(100, 'x');
-    const std::string oldest = Keep(text, limits);
-    const std::string released = Keep(text, limits);
-    const std::string third = Keep(text, limits);
-    EXPECT_TRUE(Release(released, false, true)) << complaint_;
-    const std::string fourth = Keep(text, limits);
-    EXPECT_EQ(Ids(), (std::vector<std::string>{fourth, third, oldest})) << "released ones go first";
-    const std::string fifth = Keep(text, limits);
-    EXPECT_EQ(Ids(), (std::vector<std::string>{fifth, fourth, third})) << "then the oldest";
-    EXPECT_EQ(Files().size(), 6U);
-    EXPECT_EQ(Keep(std::string(351, 'x'), limits), "");
-    EXPECT_EQ(complaint_, "it is larger than Quarantine/MaxSize");
-    EXPECT_EQ(Ids(), (std::vector<std::string>{fifth, fourth, third})) << "nothing went for it";
-    EXPECT_EQ(Files().size(), 6U) << "nothing is left of it";
-    EXPECT_EQ(store_.TidyUp({30, 150}, 0, complaint_), 2);
-    EXPECT_EQ(Ids(), std::vector<std::string>{fifth});
-    EXPECT_EQ(store_.Expire(1, complaint_), 0);
-    EXPECT_EQ(store_.Expire(0, complaint_), 1);
-    EXPECT_EQ(Files(), std::vector<std::string>());
-}
-
-// A process that is killed at any point of Keep or Delete leaves one of these.
-TEST_F(Kept, WhatACrashLeaves) {
-    const std::string whole = Keep("Subject: a\r\n\r\nx\r\n");
-    const std::string text = "Subject: b\r\n\r\ny\r\n";
-    const std::string unknown = "20260101T000000-00000000000000aa";
-    KeptMessage message;
-    message.id = unknown;
-    message.at = 1767225600000;
-    message.sender = "s@example.org";
-    message.size = static_cast<long long>(text.size());
-    const auto put = [&](const std::string& id, const char* ending, const std::string& what) {
-        std::ofstream(folder_ + "/" + id + ending) << what;
-    };
-    put(unknown, ".eml", text);
-    put(unknown, ".meta", quarantine::WriteForm(message));
-    put("half", ".eml", text);
-    put("record", ".meta", quarantine::WriteForm(message));
-    message.id = "cut";
-    put("cut", ".eml", "Subj");
-    put("cut", ".meta", quarantine::WriteForm(message));
-    fs::remove(folder_ + "/" + whole + ".meta");  // of a deletion that went no further
-    EXPECT_EQ(store_.TidyUp({0, 1 << 20}, 3600, complaint_), 0);
-    EXPECT_EQ(Ids(), std::vector<std::string>{whole}) << "it may still be on its way there";
-    {
-        Quarantine next;
-        EXPECT_EQ(next.TidyUp({0, 1 << 20}, 0, complaint_), 0) << complaint_;
-    }
-    EXPECT_EQ(Ids(), (std::vector<std::string>{whole, unknown}));
-    EXPECT_EQ(Files().size(), 3U);
-    EXPECT_EQ(Text(unknown), text);
-    EXPECT_EQ(StateOf(unknown), "held");
-    for (const char* each : {"", "-wal", "-shm"}) fs::remove(folder_ + "/index.db" + each);
-    EXPECT_NE(Keep("after the index has gone"), "") << complaint_;
-    EXPECT_EQ(store_.TidyUp({0, 1 << 20}, 0, complaint_), 0);
-    EXPECT_EQ(Ids().size(), 2U) << "the index is made anew from the pairs";
+// What a stranger writes into one message bears on no other one's room.
+TEST_F(Kept, AHugeSubjectIsCut) {
+    const std::string id = Keep("Subject: " + std::string(200'000, 'x') + "\r\n\r\nx\r\n");
+    const auto found = store_.Find(id, complaint_);
+    ASSERT_TRUE(found);
+    EXPECT_LE(found->subject.size(), 1000U);
+    EXPECT_LE(fs::file_size(folder_ + "/" + id + ".meta"), 8000U);
 }
 
 TEST_F(Kept, NothingIsKeptHalf) {
@@ -185,6 +72,25 @@ TEST_F(Kept, NothingIsKeptHalf) {
     EXPECT_EQ(Files(), std::vector<std::string>());
 }
 
+TEST_F(Kept, StatesOutliveTheIndex) {
+    const std::string text = "x";
+    const std::string held = Keep(text);
+    const std::string out = Keep(text);
+    const std::string refused = Keep(text);
+    const std::string cut = Keep(text);
+    EXPECT_TRUE(Release(out, false, true));
+    EXPECT_TRUE(Release(refused, false, false));
+    EXPECT_TRUE(store_.Claim(cut, false, complaint_));
+    for (const char* each : {"", "-wal", "-shm"}) fs::remove(folder_ + "/index.db" + each);
+    EXPECT_EQ(store_.TidyUp({0, 1 << 20}, 0, complaint_), 0);
+    EXPECT_EQ(StateOf(held), "held");
+    EXPECT_EQ(StateOf(out), "released");
+    EXPECT_EQ(StateOf(refused), "held");
+    EXPECT_EQ(StateOf(cut), "releasing");
+    EXPECT_TRUE(Release(cut, true, false)) << complaint_;
+    EXPECT_EQ(StateOf(cut), "held");
+}
+
 TEST_F(Kept, OneReleaseAtATime) {
     const std::string id = Keep("x");
     {
@@ -193,6 +99,8 @@ TEST_F(Kept, OneReleaseAtATime) {
         EXPECT_EQ(StateOf(id), "releasing");
         Quarantine other;
         EXPECT_FALSE(other.Claim(id, true, complaint_)) << "not even with --again";
+        EXPECT_FALSE(other.Delete(id, complaint_)) << "the server may refuse it";
+        EXPECT_EQ(other.Expire(0, complaint_), 0);
     }
     EXPECT_FALSE(store_.Claim(id, false, complaint_)) << "it was cut off";
     EXPECT_TRUE(Release(id, true, false));
@@ -203,6 +111,20 @@ TEST_F(Kept, OneReleaseAtATime) {
     EXPECT_TRUE(Release(id, true, false));
     EXPECT_EQ(StateOf(id), "released") << "it was before";
     EXPECT_FALSE(store_.Claim("../../etc/passwd", true, complaint_));
+    const std::string other = Keep("y");
+    int error = 0;
+    const sqlite::Connection writer = sqlite::Open(folder_ + "/index.db", 0, error);
+    ASSERT_TRUE(sqlite::Execute(writer.get(), "BEGIN IMMEDIATE"));
+    auto deleted = std::async(std::launch::async, [&other] {
+        std::string complaint;
+        return Quarantine().Delete(other, complaint);
+    });
+    EXPECT_FALSE(store_.Claim(other, false, complaint_));
+    EXPECT_EQ(complaint_, "database is locked") << "nothing about states";
+    EXPECT_FALSE(deleted.get());
+    EXPECT_TRUE(fs::exists(folder_ + "/" + other + ".meta")) << "all of it is still there";
+    sqlite::Execute(writer.get(), "ROLLBACK");
+    EXPECT_TRUE(store_.Claim(other, false, complaint_)) << complaint_;
 }
 
 TEST_F(Kept, Found) {
@@ -230,3 +152,4 @@ TEST_F(Kept, Found) {
 }
 
 }  // namespace
+}  // namespace quarantine

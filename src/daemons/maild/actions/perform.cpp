@@ -8,6 +8,7 @@
 #include "daemons/maild/actions/edits.h"
 #include "daemons/maild/actions/notice.h"
 #include "daemons/maild/actions/tags.h"
+#include "text/mailbox.h"
 
 namespace maild {
 
@@ -91,7 +92,7 @@ class Performing {
 
     bool Keep(std::string& why) {
         quarantine::KeptMessage kept;
-        kept.sender = message_.sender;
+        kept.sender = Mailbox(message_.sender);
         kept.recipients = message_.recipients;
         kept.peer = message_.peer;
         kept.helo = message_.helo;

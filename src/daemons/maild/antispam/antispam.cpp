@@ -16,6 +16,7 @@
 #include "daemons/maild/log.h"
 #include "metrics/count.h"
 #include "platform/file.h"
+#include "text/mailbox.h"
 
 namespace maild {
 
@@ -24,8 +25,6 @@ namespace {
 using Clock = Connection::Clock;
 
 constexpr std::string_view kSpamd = "spamd:";
-// As long as addresses behind a name usually stay.
-constexpr std::chrono::seconds kBelieved{60};
 
 // Whether an opinion can still change anything.
 bool IsOpen(const std::vector<Finding>& findings) {
@@ -39,16 +38,6 @@ bool IsNumber(const std::string& peer) {
     std::array<unsigned char, sizeof(in6_addr)> room;
     return inet_pton(AF_INET, peer.c_str(), room.data()) == 1 ||
            inet_pton(AF_INET6, peer.c_str(), room.data()) == 1;
-}
-
-std::vector<std::string> Split(std::string_view joined) {
-    std::vector<std::string> all;
-    while (!joined.empty()) {
-        const std::string_view each = joined.substr(0, joined.find(';'));
-        joined.remove_prefix(std::min(each.size() + 1, joined.size()));
-        if (!each.empty()) all.emplace_back(each);
-    }
-    return all;
 }
 
 }  // namespace
@@ -93,29 +82,32 @@ SpamOpinion Antispam::Ask(const SpamSettings& settings, const SpamSubject& subje
     question.bytes = CountBytes(question.file, question.dots, question.size);
     if (question.bytes < 0) return SpamOpinion::None("can't read the message");
     question.id = subject.path.substr(subject.path.rfind('/') + 1);
-    question.sender = subject.sender;
-    question.recipients = Split(subject.recipients);
+    if (subject.sender) question.sender = Mailbox(*subject.sender);
+    question.recipients = SplitRecipients(subject.recipients);
     if (IsNumber(subject.peer)) question.peer = subject.peer;
     question.helo = subject.helo;
-    Connection connection;
-    connection.SetEnd(std::min(subject.end, Clock::now() + std::chrono::seconds(settings.seconds)));
-    if (connection.Open(TargetsOf(*address)) != ScanOutcome::kClean)
-        return SpamOpinion::None("can't connect");
-    return spamd ? AskSpamd(connection, question) : AskRspamd(connection, question);
+    const Clock::time_point begin = Clock::now();
+    if (!patience_.MayAsk(begin)) return SpamOpinion::None("no answer in time");
+    const std::chrono::seconds time(settings.seconds);
+    const Clock::time_point end = std::min(subject.end, begin + time);
+    SpamOpinion opinion = AskAt(*address, spamd, question, end);
+    // A message that took long to scan leaves little: that is nobody else's fault.
+    const bool late = !opinion.answered && Clock::now() >= end && end - begin >= time / 2;
+    if (late)
+        patience_.WasLate(Clock::now());
+    else
+        patience_.WasInTime();
+    return opinion;
 }
 
-std::vector<SocketTarget> Antispam::TargetsOf(const ServiceAddress& address) {
-    const std::string text = address.Text();
-    {
-        const std::lock_guard lock(mutex_);
-        if (looked_ == text && !targets_.empty() && Clock::now() < until_) return targets_;
-    }
-    std::vector<SocketTarget> targets = FindTargets(address);
-    const std::lock_guard lock(mutex_);
-    looked_ = text;
-    targets_ = targets;
-    until_ = Clock::now() + kBelieved;
-    return targets;
+SpamOpinion Antispam::AskAt(const ServiceAddress& address, bool spamd, const SpamQuestion& question,
+                            Clock::time_point end) {
+    const std::vector<SocketTarget> targets = names_.Targets(address, end);
+    if (targets.empty() && address.path.empty()) return SpamOpinion::None("its name is not found");
+    Connection connection;
+    connection.SetEnd(end);
+    if (connection.Open(targets) != ScanOutcome::kClean) return SpamOpinion::None("can't connect");
+    return spamd ? AskSpamd(connection, question) : AskRspamd(connection, question);
 }
 
 // Once for each change.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "daemons/maild/antispam/opinion.h"
+#include "daemons/maild/antispam/patience.h"
 #include "daemons/maild/antispam/settings.h"
 #include "daemons/maild/engine/address.h"
 #include "daemons/maild/forms/forms.h"
@@ -39,15 +40,15 @@ class Antispam {
 
   private:
     SpamOpinion Ask(const SpamSettings& settings, const SpamSubject& subject);
-    std::vector<SocketTarget> TargetsOf(const ServiceAddress& address);
+    SpamOpinion AskAt(const ServiceAddress& address, bool spamd, const SpamQuestion& question,
+                      std::chrono::steady_clock::time_point end);
     void Tell(const SpamSettings& settings, const SpamOpinion& opinion);
 
+    Patience patience_;
+    // As long as addresses behind a name usually stay.
+    NameLookup names_{std::chrono::seconds(60)};
     std::mutex mutex_;
-    // Guarded by mutex_: what the last name stands for, and until when that is believed.
-    std::string looked_;
-    std::vector<SocketTarget> targets_;
-    std::chrono::steady_clock::time_point until_;
-    std::string told_;  // what was logged last
+    std::string told_;  // what was logged last; guarded by mutex_
 };
 
 }  // namespace maild

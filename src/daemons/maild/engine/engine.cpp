@@ -211,7 +211,9 @@ void Engine::Attempt() {
     // What is found by itself is a path.
     const std::optional<ServiceAddress> address =
         setting_.address.empty() ? ServiceAddress::OfPath(where) : ServiceAddress::Parse(where);
-    if (address) proof->id.targets = FindTargets(*address);
+    if (address)
+        proof->id.targets = names_.Targets(
+            *address, Clock::now() + std::chrono::seconds(settings->connectSeconds), &cancel_);
     proof->id.connectSeconds = settings->connectSeconds;
     proof->id.cancel = &cancel_;
     proof->id.isSame = [this, generation = proof->id.generation](const Connection& connection) {
@@ -221,6 +223,8 @@ void Engine::Attempt() {
     sentry->SetEnd(Clock::now() + std::chrono::seconds(settings->connectSeconds), &cancel_);
     ScanResult result{sentry->Open(proof->id.targets), "can't connect"};
     if (!address) result.text = "this is no address";
+    if (address && address->path.empty() && proof->id.targets.empty())
+        result.text = "its name is not found";
     if (result.outcome == ScanOutcome::kNoMeans) result.text = "no descriptor for a connection";
     if (result.outcome == ScanOutcome::kClean) {
         // Of all that a name stands for, it is this one that has to prove itself.

@@ -100,6 +100,7 @@ class Engine {
 
     const EngineSetting setting_;
     const std::size_t place_;
+    NameLookup names_{std::chrono::seconds(0)};
     std::atomic<int> outstanding_{0};
     std::atomic<Clock::rep> avoidUntil_{0};
     std::thread thread_;

@@ -1,6 +1,7 @@
 #include "daemons/quarantine/outward/release.h"
 
 #include "text/ascii.h"
+#include "text/mailbox.h"
 #include "text/printable.h"
 #include "trelis/keys/settings.h"
 
@@ -58,7 +59,7 @@ bool Release(quarantine::Quarantine& store, const std::string& id, const std::st
     const std::optional<quarantine::KeptMessage> message = store.Find(id, said);
     if (!message) return false;
     Letter letter;
-    letter.sender = message->sender;
+    letter.sender = Mailbox(message->sender);
     letter.recipients =
         to.empty() ? SplitRecipients(message->recipients) : std::vector<std::string>{to};
     letter.header = "X-Vantrel-Released: " + id;

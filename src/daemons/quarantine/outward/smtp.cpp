@@ -5,6 +5,7 @@
 
 #include "net/stream.h"
 #include "text/ascii.h"
+#include "text/mailbox.h"
 #include "text/printable.h"
 #include "tls/handshake.h"
 #include "tls/trust.h"
@@ -38,23 +39,6 @@ struct Reply {
     }
 };
 
-// As a command has it: the proxy knows addresses without the quotes that theirs may need.
-std::string Path(const std::string& address) {
-    const std::size_t at = address.rfind('@');
-    const std::string local = address.substr(0, at);
-    const bool plain = std::all_of(local.begin(), local.end(), [](char c) {
-        return IsLetter(c) || IsDigit(c) || (c & 0x80) != 0 ||
-               std::string_view(".!#$%&'*+-/=?^_`{|}~").find(c) != std::string_view::npos;
-    });
-    if (plain || at == std::string::npos || local.starts_with('"')) return "<" + address + ">";
-    std::string quoted = "<\"";
-    for (const char c : local) {
-        if (c == '"' || c == '\\') quoted += '\\';
-        quoted += c;
-    }
-    return quoted + "\"" + address.substr(at) + ">";
-}
-
 // One connection, closed when it goes.
 class Dialogue {
   public:
@@ -77,7 +61,8 @@ class Dialogue {
         }
         Reply reply;
         if (!Read(reply, kSecondsForMessage)) return Sent::kUnknown;
-        if (!reply.Is('2')) return Sent::kRefused;
+        if (reply.Is('4') || reply.Is('5')) return Sent::kRefused;
+        if (!reply.Is('2')) return Sent::kUnknown;
         stream_.Send("QUIT\r\n");
         return Sent::kTaken;
     }
@@ -162,8 +147,13 @@ class Dialogue {
         return true;
     }
 
+    bool NoAddress(const std::string& text) { return Fail("no command can name " + text); }
     bool Envelope(const Letter& letter) {
-        std::string mail = "MAIL FROM:" + Path(letter.sender);
+        if (PathOf(letter.sender).empty()) return NoAddress(letter.sender);
+        for (const std::string& each : letter.recipients) {
+            if (PathOf(each).empty()) return NoAddress(each);
+        }
+        std::string mail = "MAIL FROM:" + PathOf(letter.sender);
         bool unicode = HasHighBytes(letter.sender);
         for (const std::string& each : letter.recipients) unicode = unicode || HasHighBytes(each);
         if (offers_.Offers("8BITMIME")) mail += " BODY=8BITMIME";
@@ -171,7 +161,7 @@ class Dialogue {
         Reply reply;
         if (!Ask(mail, reply) || !reply.Is('2')) return false;
         for (const std::string& each : letter.recipients) {
-            if (!Ask("RCPT TO:" + Path(each), reply)) return false;
+            if (!Ask("RCPT TO:" + PathOf(each), reply)) return false;
             if (reply.Is('2')) continue;
             said_ = CleanText(each) + ": " + said_;
             return false;
@@ -192,6 +182,11 @@ class Dialogue {
             if (count < 0) return Fail("can't read the message");
             for (long long i = 0; i < count; ++i) {
                 const char c = block[static_cast<std::size_t>(i)];
+                // A server may take each of them for the end of a line.
+                if (before == '\r' && c != '\n') {
+                    out += '\n';
+                    before = '\n';
+                }
                 if (before == '\n' && c == '.') out += '.';
                 if (c == '\n' && before != '\r') out += '\r';
                 out += c;
@@ -202,7 +197,9 @@ class Dialogue {
             out.clear();
             at += count;
         }
-        endsLine_ = before == '\n';
+        if (before == '\r' && !stream_.Send("\n"))
+            return Fail("the connection to " + server_ + " broke");
+        endsLine_ = before == '\n' || before == '\r';
         return true;
     }
 
@@ -220,23 +217,4 @@ class Dialogue {
 
 Sent SendLetter(const Destination& destination, const Letter& letter, std::string& said) {
     return Dialogue(destination, said).Send(letter);
-}
-
-std::vector<std::string> SplitRecipients(const std::string& list) {
-    std::vector<std::string> all;
-    std::string each;
-    bool quoted = false;
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        const char c = list[i];
-        if (c == ';' && !quoted) {
-            if (!each.empty()) all.push_back(std::move(each));
-            each.clear();
-            continue;
-        }
-        if (c == '"') quoted = !quoted;
-        each += c;
-        if (c == '\\' && quoted && i + 1 < list.size()) each += list[++i];
-    }
-    if (!each.empty()) all.push_back(std::move(each));
-    return all;
 }

@@ -35,8 +35,5 @@ enum class Sent {
 };
 
 // To all the recipients or to none. `said` is the server's last word, or what has failed: one line,
-// printable. A line feed alone goes out as CR LF: this way knows no other line ends.
+// printable. A line feed alone, and a CR alone, go out as CR LF: this way knows no other line ends.
 Sent SendLetter(const Destination& destination, const Letter& letter, std::string& said);
-
-// The addresses of a list with ';' between two, but for those within quotes.
-std::vector<std::string> SplitRecipients(const std::string& list);

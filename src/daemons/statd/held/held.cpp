@@ -93,6 +93,11 @@ HttpResponse HeldPages::Answer(const HttpRequest& request, const std::string& no
     return list ? List(request.search, nonce) : Show(id, TokenOf(account), nonce);
 }
 
+std::optional<quarantine::Numbers> HeldPages::Count() {
+    std::string complaint;
+    return store_.Count(complaint);
+}
+
 HttpResponse HeldPages::List(const std::string& search, const std::string& nonce) {
     std::string complaint;
     const auto found = store_.List({.any = search, .limit = kMostListed}, complaint);

@@ -8,6 +8,7 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "daemons/quarantine/quarantine.h"
@@ -24,6 +25,8 @@ class HeldPages {
     // The account has been checked. A page needs `nonce` for its style; its caller puts the
     // headers of documents to it.
     HttpResponse Answer(const HttpRequest& request, const std::string& nonce);
+    // What is there and has been; nothing if it can't be read.
+    std::optional<quarantine::Numbers> Count();
 
   private:
     HttpResponse List(const std::string& search, const std::string& nonce);

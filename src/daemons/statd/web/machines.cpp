@@ -35,6 +35,33 @@ void WriteOwn(metrics::Exposition& exposition, const LiveNumbers& live) {
             "Changes of the configuration since its store was made.", changes);
 }
 
+// The index has them, for whichever program lets a message out.
+void WriteHeld(metrics::Exposition& exposition, const quarantine::Numbers& held) {
+    exposition.Family("vantrel_quarantine_messages", Kind::kGauge,
+                      "Messages in the quarantine, by state.");
+    for (std::size_t i = 0; i < held.messages.size(); ++i)
+        exposition.Sample({{"state", quarantine::kStates[i]}},
+                          static_cast<double>(held.messages[i]));
+    const struct {
+        const char* name;
+        Kind kind;
+        const char* help;
+        long long value;
+    } rows[] = {
+        {"vantrel_quarantine_bytes", Kind::kGauge, "Bytes of these messages.", held.bytes},
+        {"vantrel_quarantine_released_total", Kind::kCounter,
+         "Messages that were sent on from the quarantine.", held.released},
+        {"vantrel_quarantine_expired_total", Kind::kCounter,
+         "Messages that were deleted from it for their age.", held.expired},
+        {"vantrel_quarantine_pushed_out_total", Kind::kCounter,
+         "Messages that were deleted from it to make room for others.", held.pushedOut},
+    };
+    for (const auto& row : rows) {
+        exposition.Family(row.name, row.kind, row.help);
+        exposition.Sample({}, static_cast<double>(row.value));
+    }
+}
+
 std::string ProxyComplaints() {
     const auto proxy = metrics::Read(Program::kProxy);
     if (!proxy || !proxy->running) return "the proxy does not run\n";
@@ -65,7 +92,7 @@ MachineAccess MayAsk(const HttpRequest& request) {
     return MachineAccess::kAccount;
 }
 
-HttpResponse MetricsPage(const LiveNumbers& live) {
+HttpResponse MetricsPage(const LiveNumbers& live, const std::optional<quarantine::Numbers>& held) {
     std::vector<metrics::Snapshot> programs;
     for (std::size_t i = 0; i < metrics::kProgramNames.size(); ++i) {
         if (auto snapshot = metrics::Read(static_cast<Program>(i)))
@@ -74,6 +101,7 @@ HttpResponse MetricsPage(const LiveNumbers& live) {
     metrics::Exposition exposition;
     metrics::Write(exposition, programs);
     WriteOwn(exposition, live);
+    if (held) WriteHeld(exposition, *held);
     return {200, metrics::kExpositionType, exposition.Take(), {}};
 }
 

@@ -2,6 +2,9 @@
 // or sends mail to them.
 #pragma once
 
+#include <optional>
+
+#include "daemons/quarantine/numbers.h"
 #include "daemons/statd/store/recorder.h"
 #include "daemons/statd/web/server.h"
 
@@ -15,8 +18,9 @@ enum class MachineAccess {
 };
 MachineAccess MayAsk(const HttpRequest& request);
 
-// The numbers of all programs of the instance.
-HttpResponse MetricsPage(const LiveNumbers& live);
+// The numbers of all programs of the instance, and of its quarantine, if that
+// can be read.
+HttpResponse MetricsPage(const LiveNumbers& live, const std::optional<quarantine::Numbers>& held);
 // Why mail can't be taken or scanned now, one a line; empty: it can.
 std::string MailComplaints();
 // 200: this daemon answers.

@@ -102,7 +102,7 @@ std::optional<HttpResponse> HttpSite::Judge(const HttpRequest& request) {
 HttpResponse HttpSite::Answer(const HttpRequest& request) {
     if (HeldPages::IsTheirs(request.path)) return Held(request);
     if (request.method == "POST") return MakeReport(request);
-    if (request.path == "/metrics") return MetricsPage(recorder_.Live());
+    if (request.path == "/metrics") return MetricsPage(recorder_.Live(), held_.Count());
     if (request.path == "/healthz") return HealthPage();
     if (request.path == "/readyz") return ReadyPage();
     if (request.path == "/find") return Find(request.search);

@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ArchiveLooker looker(limits, ArchiveLooker::Clock::now() + std::chrono::seconds(20),
                          maild::MagicUse::kNever,
                          [&](const maild::Attachment&, const std::string& path) {
-                             if (++files > 50 || path.empty()) std::abort();
+                             if (++files > 100 || path.empty())
+                                 std::abort();  // and names without files
                          });
     // The first byte says whether it is called an archive.
     maild::Spill spill((data[0] & 1U) != 0);

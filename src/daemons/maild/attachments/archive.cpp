@@ -21,6 +21,7 @@ namespace {
 constexpr long long kMostTimes = 1000;
 constexpr long long kFreeOfRatio = 16LL << 20;
 constexpr std::size_t kBlock = 65536;
+constexpr int kHeadersOfAFile = 4;     // of a zip: two, and once more where it is stored in another
 constexpr long long kMostEmpty = 512;  // bytes of an archive without files
 
 const char* KindOf(archive* reader) {
@@ -166,18 +167,20 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
 // stand before the files; readers that repair, or that begin at the front, find others.
 bool ArchiveLooker::BothSides(Scratch& file, const std::string& path, int depth,
                               std::set<std::string>& listed, std::size_t files) {
-    const std::size_t most = listed.size() + static_cast<std::size_t>(limits_.maxEntries);
     ZipHeaders headers;
-    std::size_t met = 0;
     const bool read = ForEachZipHeader(file.Rewind(), [&](const ZipHeader& header) {
-        if (++met <= 4 * static_cast<std::size_t>(limits_.maxEntries)) headers.Take(header);
+        headers.Take(header);
+        bool bounded = ++headers_ <= kHeadersOfAFile * limits_.maxEntries;
         for (const std::string& name : header.names) {
-            if (listed.size() < most && listed.insert(name).second)
+            if (!bounded || !listed.insert(name).second) continue;
+            bounded = ++names_ <= limits_.maxEntries;
+            if (bounded)
                 use_({ReadingsOfName(name), std::nullopt, {}, 0}, ShownName(name) + " in " + path);
         }
-        return Clock::now() < end_;
+        if (!bounded) Stop("more files in archives than MaxArchiveEntries");
+        return bounded && Clock::now() < end_;
     });
-    if (!read) Stop("archives were not looked into in time");
+    if (!read && going_) Stop("archives were not looked into in time");
     if (headers.Contradicts() && tooComplex_.empty())
         tooComplex_ = "a zip that says two things of a file: " + path;
     return !headers.Plain(files) && Unlisted(file, path, depth, headers.Files(), listed);

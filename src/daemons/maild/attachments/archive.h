@@ -63,6 +63,8 @@ class ArchiveLooker {
     long long packed_ = 0;  // bytes of the archives themselves, the outermost ones
     long long bytes_ = 0;
     int entries_ = 0;
+    long long headers_ = 0;  // of zips
+    int names_ = 0;          // that stand in these alone
     bool going_ = true;
     bool lookedInto_ = false;  // the last file was an archive itself
     std::string encrypted_;

@@ -298,7 +298,8 @@ bool ArchiveLooker::Read(archive* from, Spill& spill) {
             Stop("an archive that unpacks to a thousand times its size");
             return false;
         }
-        if (Clock::now() > end_) {
+        const bool large = bytes_ > kFreeOfRatio;
+        if (Clock::now() > end_ || (large && !place_.Take(end_))) {
             Stop("archives were not looked into in time");
             return false;
         }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "daemons/maild/attachments/large.h"
 #include "daemons/maild/attachments/rule.h"
 #include "daemons/maild/attachments/spill.h"
 
@@ -62,6 +63,7 @@ class ArchiveLooker {
     const Use use_;
     long long packed_ = 0;  // bytes of the archives themselves, the outermost ones
     long long bytes_ = 0;
+    LargePlace place_;
     int entries_ = 0;
     long long headers_ = 0;  // of zips
     int names_ = 0;          // that stand in these alone

@@ -1,9 +1,12 @@
 // What lies in archives: found under any nesting and packing, told where it can't be read.
 #include <sys/mman.h>
 
+#include <array>
+#include <chrono>
 #include <random>
 
 #include "daemons/maild/attachments/filter.h"
+#include "daemons/maild/attachments/large.h"
 #include "daemons/maild/walk/walk.h"
 #include "packing.h"
 #include "platform/file.h"
@@ -57,6 +60,28 @@ std::string Random(std::size_t size) {
     return text;
 }
 
+TEST(Archives, FewLargeOnesAtOnce) {
+    const auto now = std::chrono::steady_clock::now;
+    maild::LargePlace next;
+    {
+        std::array<maild::LargePlace, maild::LargePlace::kPlaces> all;
+        for (maild::LargePlace& each : all) EXPECT_TRUE(each.Take(now()) && each.Take(now()));
+        EXPECT_FALSE(next.Take(now() + std::chrono::milliseconds(20)));
+    }
+    EXPECT_TRUE(next.Take(now()));
+}
+
+// Each with a text as `a.exe`, stored: nothing here writes them.
+const std::string kRar4 =
+    "Rar!\032\007\000\317\220s\000\000\015\000\000\000\000\000\000\000"
+    "\235\214t\000\200%\000\004\000\000\000\004\000\000\000\003\307\247\213;"
+    "!\000\000\000\0240\005\000\244\201\000\000a.exetex"
+    "t\304={\000@\007\000"s;
+const std::string kRar5 =
+    "Rar!\032\007\001\000\305\03232\003\001\000\000c\212^\021"
+    "\024\002\002\004\004\004\244\203\002\307\247\213;\000\001\005a.ex"
+    "etext\031\262:5\003\005\000\000"s;
+
 TEST(Archives, FoundInAllOfThem) {
     AttachmentRules rules{{NameRule("exe", "*.exe")}, {}};
     const std::vector<Packed> files{{"readme.txt", "hello"}, {"dir/a.exe", "text"}};
@@ -77,6 +102,8 @@ TEST(Archives, FoundInAllOfThem) {
          "exe: a.exe in a.exe.gz; "},
         {"bz2 of one file", "A.EXE.bz2", Pack("raw", "bzip2", {{"x", "text"}}),
          "exe: A.EXE in A.EXE.bz2; "},
+        {"rar of old", "f.rar", kRar4, "exe: a.exe in f.rar; "},
+        {"rar", "f.rar", kRar5, "exe: a.exe in f.rar; "},
         {"iso", "f.iso", Pack("iso9660", "none", files), "exe: A.EXE in f.iso; "},
         {"zip in zip in tar", "f.tar",
          Pack("ustar", "none", {{"a.zip", Zip({{"b.zip", Zip(files)}})}}),

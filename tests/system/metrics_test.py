@@ -221,6 +221,7 @@ class Ready(Scanning):
         cls.pages = Pages.__new__(Pages)
         cls.pages.proxy = cls.proxy
         cls.pages.port = int(cls.proxy.tool("get", STATS + "/HTTPPort").stdout)
+        assert wait_until(cls.pages.answers, 20), "vtstatd does not come up"
 
     def ready(self):
         return self.pages.get("/readyz")[:2]

@@ -1,6 +1,8 @@
 #include "daemons/maild/walk/headers.h"
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 #include "daemons/maild/coding/words.h"
 #include "daemons/maild/walk/namereadings.h"
@@ -146,10 +148,37 @@ HeaderBlock::Once HeaderBlock::Find(std::string_view name) const {
     return once;
 }
 
+// Whether all types are the same text in the same charset, written in different ways.
+bool HeaderBlock::SameTexts() const {
+    std::optional<std::pair<std::string, std::string>> first;
+    return std::all_of(fields_.begin(), fields_.end(), [&](const Field& field) {
+        if (!EqualIgnoringCase(field.name, "Content-Type")) return true;
+        const std::string value(Trim(Unfold(field.value)));
+        const StructuredValue type = ParseStructured(value);
+        std::string charset;
+        for (const Parameter& each : type.parameters) {
+            if (each.name != "charset") return false;
+            charset += LowerCase(each.value) + ";";
+        }
+        if (!first) first.emplace(type.main, charset);
+        return (type.main == "text/plain" || type.main == "text/html") &&
+               *first == std::pair(type.main, charset);
+    });
+}
+
+// Whether all codings are none.
+bool HeaderBlock::NoCodings() const {
+    return std::all_of(fields_.begin(), fields_.end(), [](const Field& field) {
+        if (!EqualIgnoringCase(field.name, "Content-Transfer-Encoding")) return true;
+        const std::string word = LowerCase(Trim(Unfold(field.value)));
+        return word.empty() || MeansPlain(word);
+    });
+}
+
 void HeaderBlock::ReadType(Declared& declared) const {
     Part& part = declared.part;
     const Once type = Find("Content-Type");
-    if (type.two) declared.ambiguities.push_back(Ambiguous::kTwoContentTypes);
+    if (type.two && !SameTexts()) declared.ambiguities.push_back(Ambiguous::kTwoContentTypes);
     const StructuredValue parsed = ParseStructured(type.value);
     part.type = parsed.main;
     const std::size_t slash = part.type.find('/');
@@ -223,7 +252,7 @@ void HeaderBlock::ReadCoding(Declared& declared) const {
         if (guess != Coding::kUnknown) declared.ambiguities.push_back(Ambiguous::kUnknownEncoding);
         part.oddHeaders = true;
     }
-    if (coding.two) {
+    if (coding.two && !NoCodings()) {
         declared.ambiguities.push_back(Ambiguous::kTwoTransferEncodings);
         part.oddHeaders = true;
     }

@@ -45,6 +45,8 @@ class HeaderBlock {
         bool two = false;   // there is another one that says something else
     };
     Once Find(std::string_view name) const;
+    bool SameTexts() const;
+    bool NoCodings() const;
     void ReadType(Declared& declared) const;
     void ReadCoding(Declared& declared) const;
     void ReadDisposition(Declared& declared) const;

@@ -49,6 +49,11 @@ struct Part {
     bool oddHeaders = false;  // its coding is declared so that readers take different ones
     // From End on: it is broken so that readers undo it differently, or declared so.
     bool oddCoding = false;
+    // From End on: of its coding nothing is odd but that lines of base64 end within a group, which
+    // only who decodes each line by itself sees.
+    bool cutGroups = false;
+    // From End on: it ended before the message in which it lies, as what a bounce returns does.
+    bool cutOff = false;
     // From End on, of a multipart: what stands in front of its first part could be taken for
     // headers.
     bool oddPreamble = false;

@@ -19,6 +19,12 @@ bool LooksOfHeader(std::string_view line) {
     return EqualIgnoringCase(line.substr(0, 7), "content");
 }
 
+// A file in a text, or a line end to some.
+bool MayHideParts(const Line& line) {
+    return (line.begins && (line.text.starts_with("begin") || line.text.starts_with("=ybegin"))) ||
+           line.Content().find_first_of(std::string_view("\r\0", 2)) != std::string_view::npos;
+}
+
 bool IsCoded(Coding coding) { return coding != Coding::kPlain && coding != Coding::kUnknown; }
 
 }  // namespace
@@ -177,6 +183,24 @@ std::string Walker::PlaceOf(const Part& part) const {
     return level.part.place.empty() ? number : level.part.place + "." + number;
 }
 
+// Whether the innermost part is the whole of a message in a message. Who returns one may write what
+// the server has left of it under its headers: a multipart's, and words.
+bool Walker::IsReturned() const {
+    return levels_.size() > 1 ? levels_[levels_.size() - 2].part.kind == PartKind::kMessage
+                              : container_ != nullptr;
+}
+
+// Whether the innermost part ends because a message ends in which a multipart around it is open;
+// all levels but so many end.
+bool Walker::IsCutOff(std::size_t keep) const {
+    bool open = false;
+    for (std::size_t i = levels_.size() - 1; i-- > keep;) {
+        open = open || (levels_[i].part.kind == PartKind::kMultipart && !levels_[i].closed);
+        if (open && levels_[i].part.kind == PartKind::kMessage) return true;
+    }
+    return false;
+}
+
 Range Walker::Stored(Range range) const { return container_ == nullptr ? range : container_->body; }
 
 void Walker::BodyLine(const Line& line) {
@@ -187,6 +211,7 @@ void Walker::BodyLine(const Line& line) {
     level.text = level.text || !AllBlank(line.Content());
     level.part.oddPreamble =
         level.part.oddPreamble || (level.children == 0 && line.begins && LooksOfHeader(line.text));
+    level.doubt = level.doubt || level.part.oddPreamble || MayHideParts(line);
     held_ = line.ends ? line.text.substr(line.text.size() - line.EndLength()) : std::string_view();
     heldBegin_ = line.range.end - static_cast<long long>(held_.size());
     held_ = held_.size() == 2 ? "\r\n" : held_.empty() ? "" : "\n";
@@ -264,7 +289,8 @@ bool Walker::Boundary(const Line& line) {
     const long long end = held_.empty() ? line.range.begin : heldBegin_;
     EndLevels(*found + 1, end);
     Level& level = levels_[*found];
-    if (level.closed) state_.Note(Ambiguous::kPartsBehindEnd, level.part.place);
+    // Some write the end twice, which begins nothing.
+    if (level.closed && !closes) state_.Note(Ambiguous::kPartsBehindEnd, level.part.place);
     where_ = Where::kBody;
     held_ = {};
     if (closes) {
@@ -281,9 +307,10 @@ void Walker::EndLevels(std::size_t keep, long long end) {
     while (levels_.size() > keep) {
         Level& level = levels_.back();
         const bool atEnd = keep == 0;
+        level.part.cutOff = IsCutOff(keep);
         if (level.part.kind == PartKind::kLeaf) EndLeaf();
         if (level.part.kind == PartKind::kMultipart && !level.silent) {
-            if (level.children == 0 && level.text)
+            if (level.children == 0 && level.text && (level.doubt || !IsReturned()))
                 state_.Note(Ambiguous::kNoBoundary, level.part.place);
             if (level.children > 0 && !level.closed && !atEnd)
                 state_.Note(Ambiguous::kUnclosedMultipart, level.part.place);
@@ -306,6 +333,7 @@ void Walker::EndLeaf() {
     if (part.coding == Coding::kBase64) {
         base64_.Finish(out_);
         if (base64_.Odd()) state_.Note(Ambiguous::kOddCoding, part.place);
+        part.cutGroups = !part.oddCoding && !base64_.Odd() && base64_.Cut();
         part.oddCoding = part.oddCoding || base64_.Odd() || base64_.Cut();
     }
     if (part.coding == Coding::kQuotedPrintable) {

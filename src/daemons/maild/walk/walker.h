@@ -45,6 +45,7 @@ class Walker {
         int children = 0;
         bool closed = false;  // its end was met
         bool text = false;    // there is something in it besides its parts
+        bool doubt = false;   // in front of its first part, of which some may make another thing
         bool silent = false;  // the sinks don't hear of it
     };
     enum class Where { kHeaders, kBody };
@@ -63,6 +64,8 @@ class Walker {
     void Emit();
     void Note(Ambiguous what, const std::string& place);
     std::string PlaceOf(const Part& part) const;
+    bool IsReturned() const;
+    bool IsCutOff(std::size_t keep) const;
     Range Stored(Range range) const;
 
     WalkState& state_;

@@ -80,6 +80,51 @@ TEST(Walk, Parts) {
     }
 }
 
+// What careless programs send, and servers that return mail.
+TEST(Walk, WhatLooksOddAndIsAlikeToAll) {
+    const auto returned = [](const std::string& rest) {
+        return Mixed(
+            "--b\nContent-Type: message/rfc822\n\nSubject: a\nContent-Type: "
+            "multipart/mixed; boundary=c\n\n" +
+            rest + "\n--b--\n");
+    };
+    const std::string type = "Content-Type: text/plain; charset=utf-8\nContent-Type: ";
+    const std::string coding = "Content-Transfer-Encoding: 7bit\nContent-Transfer-Encoding: ";
+    const struct {
+        const char* name;
+        std::string text;
+        const char* ambiguous;
+    } cases[] = {
+        {"text twice", type + "TEXT/plain;charset=\"UTF-8\";\n\nx\n", ""},
+        {"text twice, once with a name", type + "text/plain; charset=utf-8; name=a\n\nx\n",
+         "two Content-Type headers"},
+        {"text in two charsets", type + "text/plain; charset=utf-16\n\nx\n",
+         "two Content-Type headers"},
+        {"multipart twice",
+         "Content-Type: multipart/mixed; boundary=b\nContent-Type: multipart/mixed; "
+         "boundary=\"b\"\n\n--b\n\nx\n--b--\n",
+         "two Content-Type headers"},
+        {"no coding twice", coding + "8bit\n\nx\n", ""},
+        {"no coding in three words", coding + "8bit\nContent-Transfer-Encoding: binary\n\nx\n", ""},
+        {"a coding behind them", coding + "8bit\nContent-Transfer-Encoding: base64\n\nx\n",
+         "two Content-Transfer-Encoding headers"},
+        {"the end twice", Mixed("--b\n\nx\n--b--\n\n--b--\n"), ""},
+        {"the end twice, and a part", Mixed("--b\n\nx\n--b--\n--b--\n--b\n\ny\n--b--\n"),
+         "parts behind the end of a multipart"},
+        {"returned without its parts", returned("----- Message truncated -----\n"), ""},
+        {"returned with words alone", returned("This is a multi-part message.\n\n----- cut\n\nx\n"),
+         ""},
+        {"returned with headers of a part", returned("--d\ncontent-type: text/html\n\nx\n--d--\n"),
+         "a multipart without a boundary"},
+        {"returned with a file", returned("begin 644 a\n#86)C\nend\n"),
+         "a multipart without a boundary"},
+        {"returned with a line end to some", returned("--d\n\rcontent-type: text/html\n\nx\n"),
+         "a multipart without a boundary"},
+    };
+    for (const auto& each : cases)
+        EXPECT_EQ(OutlineOf(Wire(each.text)).ambiguous, each.ambiguous) << each.name;
+}
+
 TEST(Walk, WhatReadersSeeDifferently) {
     const struct {
         const char* name;

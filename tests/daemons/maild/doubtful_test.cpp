@@ -17,6 +17,7 @@ struct Asked {
     std::vector<std::string> files;
     ScanResult result;
     bool tooMany = false;
+    std::string unwalked;
 
     bool Has(const std::string& text) const {
         return std::find(files.begin(), files.end(), text) != files.end();
@@ -43,6 +44,7 @@ Asked AskedOf(const std::string& text) {
     maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, limits, sinks);
     asked.result = questions.Result();
     asked.tooMany = questions.TooMany();
+    asked.unwalked = doubtful.Unwalked();
     return asked;
 }
 
@@ -217,6 +219,30 @@ TEST(Doubtful, MessageWithinItsSignature) {
                                           "application/pkcs7-mime; name=smime.p7m"));
         EXPECT_EQ(asked.Has("Received: from spool\r\n" + message), each.found) << each.name;
         EXPECT_EQ(asked.Has("abc"), each.found) << each.name << ": it is walked as well";
+    }
+}
+
+// Invoices and other files are signed, too: what stands there for headers never ends.
+TEST(Doubtful, FilesWithinASignature) {
+    std::string lines;
+    for (int i = 0; i < 3000; ++i) lines += "<a:n" + std::to_string(i) + "/>\r\n";
+    const std::string uu = "begin 644 a\r\n#86)C\r\nend\r\n";
+    const struct {
+        const char* name;
+        std::string file;
+        bool walked;
+    } cases[] = {
+        {"lines", lines + uu, true},
+        {"one line", "<?xml?>" + std::string(300000, 'x') + "\r\n" + uu, true},
+        {"a message", lines + "Content-Type: text/plain\r\n\r\n" + uu, false},
+        {"a message to some", lines + "x\rCONTENT-type: text/plain\r\n\r\n" + uu, false},
+    };
+    for (const auto& each : cases) {
+        const Asked asked =
+            AskedOf(Coded(Lines(Base64Encode(Element(0x30, Element(4, each.file, 4), 4))), "base64",
+                          "application/pkcs7-mime; name=a.xml.p7m"));
+        EXPECT_EQ(asked.unwalked.empty(), each.walked) << each.name;
+        EXPECT_EQ(asked.Has("abc"), each.walked) << each.name;
     }
 }
 

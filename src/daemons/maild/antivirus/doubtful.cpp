@@ -6,6 +6,7 @@
 #include "daemons/maild/antivirus/rescue.h"
 #include "daemons/maild/attachments/names.h"
 #include "daemons/maild/coding/readings.h"
+#include "daemons/maild/forms/blocks.h"
 #include "text/ascii.h"
 
 namespace maild {
@@ -51,6 +52,27 @@ bool IsSavedMail(const Part& part) {
             return each.ends_with(".eml") || each.ends_with(".mht") || each.ends_with(".mhtml");
         });
     });
+}
+
+// Whether a line begins as the headers do that say what a body is: what has none is a text without
+// parts to any reader, however long what stands there for headers.
+bool SaysWhatItIs(int file) {
+    constexpr std::string_view kWord = "content";
+    std::size_t met = 0;  // characters of the word in the line that goes by
+    bool counts = true;   // the line has been the word so far
+    const bool read = ReadBlocks(file, 0, [&](std::string_view text, off_t) {
+        for (const char c : text) {
+            if (c == '\n' || c == '\r') {
+                met = 0;
+                counts = true;
+            } else if (counts) {
+                counts = FoldCase(c) == kWord[met];
+                if (counts && ++met == kWord.size()) return false;
+            }
+        }
+        return true;
+    });
+    return !read;
 }
 
 bool IsCoded(const Part& part) {
@@ -179,8 +201,23 @@ void DoubtfulParts::AskWithin(const Part& part) {
                         nesting_ + 1, told);
     PartSink* const sinks[] = {&inside, &inner};
     const WalkResult walk = WalkMessage(file, Dots::kPlain, limits_, sinks);
-    if (walk.end != WalkEnd::kWhole) unwalked_ = walk.why;
+    if (walk.end == WalkEnd::kTooComplex && !SaysWhatItIs(file)) {
+        AskForFiles(file, part.place);
+    } else if (walk.end != WalkEnd::kWhole) {
+        unwalked_ = walk.why;
+    }
     if (!inner.Unwalked().empty()) unwalked_ = inner.Unwalked();
+}
+
+// Of a file that is signed, or called a message, and is none.
+void DoubtfulParts::AskForFiles(int file, const std::string& place) {
+    FilesInText files(questions_, place);
+    const bool read = ReadBlocks(file, 0, [&](std::string_view text, off_t) {
+        files.Write(text);
+        return true;
+    });
+    files.Finish();
+    if (!read) questions_.Fail();
 }
 
 void DoubtfulParts::Done(const WalkResult& result) {

@@ -51,6 +51,7 @@ class DoubtfulParts final : public PartSink {
     void AskReadings(const Part& part);
     void AskContainer(const Part& part, bool closed);
     void AskWithin(const Part& part);
+    void AskForFiles(int file, const std::string& place);
 
     Questions& questions_;
     const BodySource message_;

@@ -206,6 +206,34 @@ TEST(Encrypted, Parts) {
     }
 }
 
+// Archives of several small files whose list is packed; they can't be made without a 7z program.
+TEST(Encrypted, SevenZipWithAPackedList) {
+    constexpr char kAll[] =
+        "N3q8ryccAASqdbvxzQAAAAAAAAAiAAAAAAAAADGj8+KGxygPFbgpUzyxBdwDaBAgX/mqlzWa8vSGxWRD/"
+        "gVwFwAAgTMH"
+        "rg/"
+        "QDrA8nzkQnJ+m1TPasi6w6VNt9x5F9CfGorOPElhr+ETzL5ZF8F8dTB94tvV13CCA58tmZjRplcUUDhDmGUcJu5OF"
+        "CVdpQgiYnvL2LO6dhmJrCXabywqq+U86s40/Q3/ZxPWsez/ZZH/qDH6r3skRcX6LKUASyrhp2pCwCDgkzuVp3vQTl/"
+        "BY"
+        "hoT1k3N5bXT/Y3sobrXKxbZK9gNVfFL6qI+4AAAAFwYgAQmArQAHCwEAASMDAQEFXQAQAAAMgY4KARBvN10AAA==";
+    constexpr char kOneOfFour[] =
+        "N3q8ryccAASYRjVnzAAAAAAAAAAiAAAAAAAAAH/"
+        "6WEfgABQAEV0AOhlLeBA1egKqIKaGYSowamAANvG5Ssg0+MlC1ing"
+        "f7TCHwAAgTMHrjGZ5IA5WqO60ycP86La07c6RqNu4Q/zDXy0cf214PO/"
+        "aW2NJT0SjbWSFrEuzfgpx9nH2bX87MgdDg9l"
+        "SOyFynlXTrCtkE4u1IYAl4AymcaYaiCVql3Ov8Vqwmrl2BP8jzDp+"
+        "KxB1zqOgDCcw4YqIMo44rENYoZYJ822An0QATk/"
+        "QmP8/CwpbkmEHhHYSOFQK3UvjEwNM3SmHI8AAAAXBikBCYCjAAcLAQABIwMBAQVdABAAAAyBLgoBRWKB7gAA";
+    for (const std::string coded : {kAll, kOneOfFour}) {
+        std::vector<EncryptedPart> parts;
+        ASSERT_TRUE(FindEncrypted(InMemory("a\r\n\r\n" + coded + "\r\n").Descriptor(), 0, parts));
+        ASSERT_EQ(parts.size(), coded == kAll ? 1U : 0U);
+        if (parts.empty()) continue;
+        EXPECT_EQ(parts[0].kind, "7z");
+        EXPECT_TRUE(parts[0].counts && parts[0].whole);
+    }
+}
+
 TEST(Encrypted, DotsInFrontAndPartsBehindEachOther) {
     std::string coded = Coded(ZipFile(true) + std::string(200, 'y'));
     for (std::size_t at = 0; (at = coded.find('\n', at)) != std::string::npos; ++at)

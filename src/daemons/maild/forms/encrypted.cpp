@@ -2,15 +2,19 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 
+#include "daemons/maild/coding/scratch.h"
 #include "daemons/maild/forms/archivelook.h"
 #include "daemons/maild/forms/blocks.h"
+#include "daemons/maild/forms/sevenzip.h"
 #include "text/base64.h"
 
 namespace {
 
 // What the first bytes of an archive are in base64, as far as they decide all of a character.
 constexpr std::string_view kStarts[] = {"UEsDB", "N3q8rycc", "UmFyIRoH", "JVBER"};
+constexpr std::string_view kSevenZip = kStarts[1];
 constexpr std::size_t kLongestStart = 8;
 
 // Between the characters of a coded part, or in front of its first line.
@@ -70,6 +74,7 @@ class Search {
         look_ = ArchiveLook();
         group_ = 0;
         digits_ = 0;
+        sevenZip_ = start_ == kSevenZip ? std::make_unique<maild::Scratch>() : nullptr;
         for (const char c : start_) Decode(Base64Digit(c));
         start_.clear();
     }
@@ -77,20 +82,29 @@ class Search {
         group_ = group_ << 6 | static_cast<std::uint32_t>(digit);
         if (++digits_ < 4) return;
         for (const int shift : {16, 8, 0})
-            look_.Take(static_cast<unsigned char>(group_ >> shift & 0xFF));
+            TakeByte(static_cast<unsigned char>(group_ >> shift & 0xFF));
         group_ = 0;
         digits_ = 0;
+    }
+    void TakeByte(unsigned char byte) {
+        look_.Take(byte);
+        const char c = static_cast<char>(byte);
+        if (sevenZip_ != nullptr) sevenZip_->Write({&c, 1});
     }
     void EndPart(long long at) {
         state_ = State::kInLine;
         // A last group cut short holds one byte or two.
-        if (digits_ >= 2)
-            look_.Take(static_cast<unsigned char>(group_ >> (6 * digits_ - 8) & 0xFF));
-        if (digits_ == 3) look_.Take(static_cast<unsigned char>(group_ >> 2 & 0xFF));
+        if (digits_ >= 2) TakeByte(static_cast<unsigned char>(group_ >> (6 * digits_ - 8) & 0xFF));
+        if (digits_ == 3) TakeByte(static_cast<unsigned char>(group_ >> 2 & 0xFF));
         part_.end = at;
         part_.kind = look_.Kind();
         part_.counts = look_.Counts();
         part_.whole = look_.Whole();
+        if (sevenZip_ != nullptr && part_.kind.empty() && SevenZipEncrypted(sevenZip_->Rewind())) {
+            part_.kind = "7z";
+            part_.whole = true;
+        }
+        sevenZip_.reset();
         if (!part_.kind.empty()) parts_.push_back(part_);
     }
 
@@ -99,6 +113,7 @@ class Search {
     std::string start_;  // of the line, as long as it may become a part
     EncryptedPart part_;
     ArchiveLook look_;
+    std::unique_ptr<maild::Scratch> sevenZip_;  // its bytes
     std::uint32_t group_ = 0;
     int digits_ = 0;
 };

@@ -3,7 +3,7 @@
 //
 // Recognised is a part whose first line begins with the archive's first bytes:
 //   zip    any file in it with bit 0 of its flags, also in a zip that lies in it uncompressed
-//   7z     a header that names the AES method, or is packed with it
+//   7z     a header that names the AES method, or is packed with it; a packed one is unpacked
 //   rar    up to version 4: headers or first file encrypted; version 5: headers encrypted
 // Not recognised: archives within compressed archives, office documents with a password, messages
 // coded otherwise. PDF files with an /Encrypt entry are noted, but do not count: most of them open

@@ -102,7 +102,7 @@ bool ArchiveLooker::Look(Spill& spill, Scratch& file, const std::string& path, i
     if (depth == 1) packed_ += file.Size();
     if (archive_read_open_fd(reader.get(), descriptor, kBlock) != ARCHIVE_OK) {
         // One that isn't open can't be asked for what is encrypted.
-        Fail(nullptr, spill, file, false, path);
+        Fail(nullptr, spill, file, false, path, depth);
         return false;
     }
     return Entries(reader.get(), spill, file, path, depth);
@@ -123,7 +123,7 @@ bool ArchiveLooker::Unpacked(Spill& spill, Scratch& file, const std::string& pat
 // What can't be read, or not to its end. `encrypted`: what libarchive has met that is; null:
 // nothing.
 void ArchiveLooker::Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
-                         const std::string& path) {
+                         const std::string& path, int depth) {
     const std::string kind = EncryptedKind(file);
     if (!kind.empty()) encrypted = kind.c_str();
     if (encrypted != nullptr) NoteEncrypted(encrypted);
@@ -131,6 +131,7 @@ void ArchiveLooker::Fail(const char* encrypted, Spill& spill, Scratch& file, boo
     if (!listed && encrypted != nullptr) return;
     if (!listed && !spill.SurelyArchive() && !(spill.Called() && HoldsArchiveMark(file.Rewind())))
         return;
+    innerUnreadable_ = innerUnreadable_ || depth > 1;
     if (tooComplex_.empty()) tooComplex_ = "an archive can't be read: " + path;
 }
 
@@ -151,7 +152,7 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
         if (result == ARCHIVE_EOF && !plain && file.Size() <= kMostEmpty) break;
         // A larger archive without files is one that somebody else may find files in.
         if (result == ARCHIVE_EOF || result < ARCHIVE_WARN || plain) {
-            Fail(EncryptedBy(from), spill, file, listed, path);
+            Fail(EncryptedBy(from), spill, file, listed, path, depth);
             break;
         }
         if (!Counted(depth)) break;
@@ -261,8 +262,9 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
     } else if (!Read(from, spill)) {
         if (archive_read_has_encrypted_entries(from) > 0 && archive_entry_is_encrypted(entry) > 0) {
             NoteEncrypted(KindOf(from));
-        } else if (tooComplex_.empty()) {
-            tooComplex_ = "a file in an archive can't be read: " + inner;
+        } else {
+            innerUnreadable_ = innerUnreadable_ || depth > 1;
+            if (tooComplex_.empty()) tooComplex_ = "a file in an archive can't be read: " + inner;
         }
     }
     bool macros = false;

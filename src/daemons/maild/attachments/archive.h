@@ -35,6 +35,12 @@ class ArchiveLooker {
     // Bounds count from here on: another walk over the message.
     void BeginAnew();
     void NoteEncrypted(const std::string& kind);
+    // Whether an archive in another one could not be read.
+    bool InnerUnreadable() const { return innerUnreadable_; }
+    // What could not be read, or says two things, is no archive. Bounds that were met stay.
+    void ForgetUnreadable() {
+        if (going_) tooComplex_.clear();
+    }
 
     // What is encrypted: "Encrypted.Zip"; empty: nothing was.
     const std::string& Encrypted() const { return encrypted_; }
@@ -54,7 +60,7 @@ class ArchiveLooker {
     bool Counted(int depth);
     bool Read(archive* from, Spill& spill);
     void Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
-              const std::string& path);
+              const std::string& path, int depth);
     void Stop(const std::string& why);
 
     const ArchiveLimits limits_;
@@ -68,7 +74,8 @@ class ArchiveLooker {
     long long headers_ = 0;  // of zips
     int names_ = 0;          // that stand in these alone
     bool going_ = true;
-    bool lookedInto_ = false;  // the last file was an archive itself
+    bool innerUnreadable_ = false;  // the same of an archive in another one
+    bool lookedInto_ = false;       // the last file was an archive itself
     std::string encrypted_;
     std::string tooComplex_;
 };

@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <string_view>
 
+#include "daemons/maild/attachments/zipheaders.h"
 #include "daemons/maild/forms/blocks.h"
 #include "daemons/maild/verdict/ruled.h"
 
@@ -29,6 +32,24 @@ std::vector<std::string> NamesOf(const Part& part) {
         }
     }
     return names;
+}
+
+// Whether it is an archive of which the list of its files is missing, that stands at its end:
+// nobody opens one.
+bool LacksItsEnd(Spill& spill) {
+    Scratch* const file = spill.Finish();
+    if (file == nullptr) return false;
+    const std::string_view head = spill.Type().Head();
+    if (head.starts_with("PK\3\4")) return IsBeginningOfZip(file->Rewind());
+    constexpr std::string_view kSevenZip = "7z\xBC\xAF\x27\x1C";
+    constexpr std::size_t kListAt = 12;  // where it stands, and how long it is
+    if (!head.starts_with(kSevenZip) || head.size() < 32) return head.starts_with(kSevenZip);
+    std::uint64_t end = 32;
+    for (std::size_t i = 0; i < 6; ++i) {
+        for (const std::size_t at : {kListAt, kListAt + 8})
+            end += std::uint64_t{static_cast<unsigned char>(head[at + i])} << 8 * i;
+    }
+    return end > static_cast<std::uint64_t>(spill.Size());
 }
 
 std::string Shown(const Part& part) {
@@ -100,9 +121,16 @@ void AttachmentFilter::LookAtLeaf(const Part& part) {
     EndText();
     if (tnef_ != nullptr) tnef_->Finish();
     tnef_.reset();
+    const bool before = archives_.TooComplex().empty();
     Look(*leaf_, part);
+    const bool cut = before && part.cutOff && !archives_.InnerUnreadable() && LacksItsEnd(*leaf_);
+    // An archive that was read, and whose lines end anywhere, is none to who decodes each by
+    // itself.
+    const bool readable =
+        archives_.TooComplex().empty() && leaf_->Type().BeginsArchive() == RealType::Sure::kYes;
     leaf_.reset();
     if (part.oddCoding) LookAtReadings(part);
+    if ((readable && part.cutGroups) || cut) archives_.ForgetUnreadable();
 }
 
 void AttachmentFilter::EndText() {

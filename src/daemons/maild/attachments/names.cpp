@@ -72,9 +72,9 @@ void AddCleaned(std::vector<std::string>& list, std::string_view folded) {
     const std::size_t folder = seen.find_last_of("/\\");
     const std::string file = folder == std::string::npos ? seen : seen.substr(folder + 1);
     AddOnce(list, WithoutUnseen(file));
-    // The name of a stream of the file.
+    // The name of a stream of the file. In a title there is a blank behind the colon.
     const std::size_t colon = file.find(':');
-    if (colon != std::string::npos && colon > 1)
+    if (colon != std::string::npos && colon > 1 && file.substr(colon + 1, 1) != " ")
         AddOnce(list, WithoutUnseen(file.substr(0, colon)));
     // In quotes that don't belong to it, with a parameter that was taken for a part of it, or up to
     // what no file's name may have.

@@ -149,6 +149,11 @@ bool HasHandler(std::string_view small) {
     return false;
 }
 
+// As programs without a header do early on, that do anything.
+bool CallsDos(std::string_view head) {
+    return head.substr(0, 1024).find("\xCD\x21"sv) != std::string_view::npos;
+}
+
 // No control characters, and UTF-8: no program begins so.
 bool BeginsAsText(std::string_view head) {
     constexpr std::size_t kLooked = 1024;
@@ -226,7 +231,11 @@ std::vector<std::string> RealType::Types(MagicUse magic) const {
     if (BeginsBatch(head_)) AddOnce(types, "text/x-script");
     if (OfficeEncrypted()) AddOnce(types, "application/x-office-encrypted");
     if (ole_ && met_[kVbaProject]) AddOnce(types, "application/x-office-macros");
-    const std::string magics = Asks(magic) ? MagicType(head_) : std::string();
+    std::string magics = Asks(magic) ? MagicType(head_) : std::string();
+    // To libmagic what begins with a jump is a program of DOS: of bytes by chance each hundredth,
+    // and texts in older charsets.
+    if (magics == "application/x-dosexec" && !IsProgram() && !CallsDos(head_))
+        magics = "application/octet-stream";
     const std::string_view begin = WithoutBlanks(head_);
     const bool markup = begin.starts_with('<');
     const bool html = magics == "text/html" || (markup && met_[kHtml]) ||

@@ -191,6 +191,14 @@ std::vector<long long> ZipHeaders::Files() const {
     return places;
 }
 
+bool IsBeginningOfZip(int file) {
+    constexpr unsigned kDeflated = 8;
+    return ForEachZipHeader(file, [](const ZipHeader& header) {
+        return header.kind != ZipHeader::Kind::kEnd &&
+               (header.method == 0 || header.method == kDeflated);
+    });
+}
+
 bool HoldsArchiveMark(int file) {
     std::string held;
     bool found = false;

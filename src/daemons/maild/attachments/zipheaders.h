@@ -56,6 +56,10 @@ class ZipHeaders {
     std::vector<Directory> directories_;
 };
 
+// Whether it is a zip without the end of its directory, whose files are packed in the ways that all
+// readers know.
+bool IsBeginningOfZip(int file);
+
 // Whether the marks of an archive stand anywhere in the file.
 bool HoldsArchiveMark(int file);
 

@@ -121,6 +121,91 @@ TEST(Attachments, TheFirstRuleDecidesAboutEach) {
               "1 2 a.pdf; 2 3 b.exe; ");
 }
 
+// libmagic takes what begins with a jump for a program.
+TEST(Attachments, NoProgramsByChance) {
+    const AttachmentRules rules{{Rule("r", "", "", "application/x-dosexec")}, {}};
+    const std::string files[] = {"\xB8tat;nom\n1;2\n", "\xEBtat;nom\n1;2\n" + std::string(80, '!'),
+                                 "\xB8\0\x4C\xCE\x21"s + std::string(80, '\x21'), "MZ;Name\n1;2\n"};
+    for (const std::string& each : files) EXPECT_EQ(Filter(Mail({{"a.bin", each}}), rules), "");
+}
+
+std::string TooComplex(const std::string& message) {
+    const AttachmentRules rules{{Rule("none", "*.none")}, {}};
+    maild::AttachmentFilter filter(rules,
+                                   std::chrono::steady_clock::now() + std::chrono::seconds(30));
+    platform::File file(memfd_create("test", MFD_CLOEXEC));
+    EXPECT_TRUE(file.Write(message.data(), message.size()));
+    maild::PartSink* const sinks[] = {&filter};
+    maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, {}, sinks);
+    return filter.TooComplex().substr(0, filter.TooComplex().find(':'));
+}
+
+std::string InLines(const std::string& coded, std::size_t width) {
+    std::string lines;
+    for (std::size_t at = 0; at < coded.size(); at += width)
+        lines += coded.substr(at, width) + "\n";
+    return lines;
+}
+
+// To who decodes each line by itself there is another file.
+TEST(Attachments, ArchivesInLinesThatEndAnywhere) {
+    const std::string head = "Content-Type: application/zip\nContent-Transfer-Encoding: base64\n\n";
+    const std::string bytes = Zip({{"a.exe", kProgram}, {"b", std::string(2000, 'x')}});
+    const std::string zip = Base64Encode(bytes);
+    const std::string broken = Base64Encode("PK\3\4" + std::string(2000, '\2'));
+    const AttachmentRules rules{{Rule("exe", "*.exe")}, {}};
+    for (const std::size_t width : {45U, 57U, 61U, 70U, 73U, 75U, 77U, 998U}) {
+        SCOPED_TRACE(width);
+        const std::string lines = head + InLines(zip, width);
+        EXPECT_EQ(TooComplex(lines), "");
+        EXPECT_TRUE(Filter(lines, rules).starts_with("exe 1 a.exe in a part"));
+        EXPECT_EQ(TooComplex(head + InLines(broken, width)), "an archive can't be read");
+        const std::string filled = head + zip.substr(0, 45) + "=\n" + zip.substr(45);
+        EXPECT_NE(TooComplex(filled), "") << "broken to everybody";
+    }
+}
+
+// Servers return the beginning of a message.
+TEST(Attachments, ArchivesThatABounceCuts) {
+    const std::string zip = Zip({{"a", std::string(3000, 'x')}, {"b", std::string(3000, 'y')}});
+    const std::string sevenZip = Pack("7zip", "none", {{"a", std::string(3000, 'x')}});
+    const auto bounce = [](const std::string& file, const std::string& end) {
+        return Mixed(
+            "--b\n\nreturned\n--b\nContent-Type: message/rfc822\n\nContent-Type: "
+            "multipart/mixed; boundary=c\n\n--c\nContent-Type: application/zip\n"
+            "Content-Transfer-Encoding: base64\n\n" +
+            InLines(Base64Encode(file), 76) + end);
+    };
+    const struct {
+        const char* name;
+        std::string message;
+        const char* tooComplex;
+    } cases[] = {
+        {"zip", bounce(zip.substr(0, zip.size() - 150), ""), ""},
+        {"zip, in its first file", bounce(zip.substr(0, 40), ""), ""},
+        {"7z", bounce(sevenZip.substr(0, sevenZip.size() - 20), ""), ""},
+        {"whole, and unreadable",
+         bounce("PK\3\4" + std::string(2000, 'x') + zip.substr(zip.size() - 22), ""),
+         "an archive can't be read"},
+        {"with a file in it that is whole and unreadable",
+         bounce(
+             Zip({{"a.rar", "Rar!\x1A\7\0"s + std::string(900, 'x')}, {"b", std::string(900, 'y')}})
+                 .substr(0, 100),
+             ""),
+         "an archive can't be read"},
+        {"another kind", bounce("Rar!\x1A\7\0" + std::string(60, 'x'), ""),
+         "an archive can't be read"},
+        {"in a message that ends", bounce(zip.substr(0, zip.size() - 150), "--c--\n"),
+         "a file in an archive can't be read"},
+        {"in the message itself",
+         "Content-Type: application/zip\nContent-Transfer-Encoding: base64\n\n" +
+             Base64Encode(zip.substr(0, zip.size() - 150)),
+         "a file in an archive can't be read"},
+    };
+    for (const auto& each : cases)
+        EXPECT_EQ(TooComplex(each.message), each.tooComplex) << each.name;
+}
+
 TEST(Attachments, RealTypes) {
     const struct {
         const char* name;

@@ -83,6 +83,8 @@ TEST(Names, Tricky) {
         {"dots in front", "../../a.exe", "a.exe", true},
         {"stream of a file", "a.exe:$DATA", "*.exe", true},
         {"stream with two colons", "a.exe::$DATA", "*.exe", true},
+        {"stream with a name", "a.exe:b.txt", "*.exe", true},
+        {"title with a colon", "Welcome to example.com: confirm.eml", "*.com", false},
         {"quotes of its own", "\"a.exe\"", "*.exe", true},
         {"a parameter behind it", "a.exe; x=y", "*.exe", true},
         {"folded to two letters", "STRASSE.TXT",

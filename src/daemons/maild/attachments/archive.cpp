@@ -21,8 +21,8 @@ namespace {
 constexpr long long kMostTimes = 1000;
 constexpr long long kFreeOfRatio = 16LL << 20;
 constexpr std::size_t kBlock = 65536;
-constexpr long long kHeadersOfAFile =
-    4;                                 // of a zip: two, and once more where it is stored in another
+// Of a zip: two, and once more where it is stored in another.
+constexpr long long kHeadersOfAFile = 4;
 constexpr long long kMostEmpty = 512;  // bytes of an archive without files
 
 const char* KindOf(archive* reader) {

@@ -64,7 +64,7 @@ bool IsVerdict(std::string_view word) {
 }
 
 // As it stands in a message or behind a refusal: in brackets, perhaps. "<>" is a sender's own.
-std::string WithoutBrackets(std::string text) {
+std::string WithoutBrackets(const std::string& text) {
     const bool brackets = (text.starts_with('[') && text.ends_with(']')) ||
                           (text.starts_with('<') && text.ends_with('>'));
     return brackets && text.size() > 2 ? text.substr(1, text.size() - 2) : text;

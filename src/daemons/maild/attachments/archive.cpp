@@ -106,7 +106,10 @@ bool ArchiveLooker::Look(Spill& spill, Scratch& file, const std::string& path, i
         Fail(nullptr, spill, file, false, path, depth);
         return false;
     }
-    return Entries(reader.get(), spill, file, path, depth);
+    const bool macros = Entries(reader.get(), spill, file, path, depth);
+    // What unpacked it has forgotten all: the engine may take its time.
+    if (depth == 1) place_.GiveBack();
+    return macros;
 }
 
 // A zip that is packed as a whole: to be looked at from both sides it must be a file.

@@ -16,8 +16,10 @@ class LargePlace {
     LargePlace() = default;
     LargePlace(const LargePlace&) = delete;
     LargePlace& operator=(const LargePlace&) = delete;
-    ~LargePlace() {
+    ~LargePlace() { GiveBack(); }
+    void GiveBack() {
         if (taken_) Places().release();
+        taken_ = false;
     }
     // False: none has become free in time. Nothing is done by who has one.
     bool Take(std::chrono::steady_clock::time_point end) {

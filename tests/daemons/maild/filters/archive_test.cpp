@@ -1,12 +1,9 @@
 // What lies in archives: found under any nesting and packing, told where it can't be read.
 #include <sys/mman.h>
 
-#include <array>
-#include <chrono>
 #include <random>
 
 #include "daemons/maild/attachments/filter.h"
-#include "daemons/maild/attachments/large.h"
 #include "daemons/maild/walk/walk.h"
 #include "packing.h"
 #include "platform/file.h"
@@ -58,17 +55,6 @@ std::string Random(std::size_t size) {
     std::string text;
     while (text.size() < size) text += static_cast<char>(random());
     return text;
-}
-
-TEST(Archives, FewLargeOnesAtOnce) {
-    const auto now = std::chrono::steady_clock::now;
-    maild::LargePlace next;
-    {
-        std::array<maild::LargePlace, maild::LargePlace::kPlaces> all;
-        for (maild::LargePlace& each : all) EXPECT_TRUE(each.Take(now()) && each.Take(now()));
-        EXPECT_FALSE(next.Take(now() + std::chrono::milliseconds(20)));
-    }
-    EXPECT_TRUE(next.Take(now()));
 }
 
 // Each with a text as `a.exe`, stored: nothing here writes them.

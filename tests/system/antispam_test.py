@@ -6,7 +6,6 @@ import re
 import shutil
 import socket
 import subprocess
-import threading
 import time
 
 from harness import BIN, Listening, free_port, listens, wait_until

@@ -9,6 +9,7 @@ import time
 import unittest
 
 from harness import NET, free_port, wait_until
+from waiting import serves
 from trust import BALANCER, RELAY, STRANGER, TRUST, From, Trust
 
 HAPROXY = shutil.which("haproxy", path="/usr/sbin:/usr/bin")
@@ -45,7 +46,7 @@ class Balanced(Trust):
         process = subprocess.Popen([HAPROXY, "-f", directory + "/cfg", "-db"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(process.wait)
         self.addCleanup(process.terminate)
-        self.assertTrue(wait_until(lambda: os.path.exists(self.admin)))
+        self.assertTrue(wait_until(lambda: serves(self.admin)))
 
     def column(self, *names):
         """Of the server's line in HAProxy's statistics."""

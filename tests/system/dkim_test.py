@@ -3,7 +3,6 @@
 import base64
 import re
 import subprocess
-import unittest
 
 import dkim
 

@@ -4,14 +4,12 @@ server, whatever becomes of the engines."""
 import contextlib
 import json
 import os
-import re
 import socket
 import subprocess
 import threading
 import time
-import unittest
 
-from harness import BIN, Client, MailServer, Proxy, free_port, wait_until
+from harness import BIN, free_port, wait_until
 from metrics import Pages
 from scanning import EICAR, KEY, QUEUED, Scanning, attached, body
 from system_test import NOT_CHECKED, REJECTED

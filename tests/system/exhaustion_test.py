@@ -11,6 +11,7 @@ import unittest
 
 from harness import BIN, wait_until
 from scanning import EICAR, NOT_CHECKED, QUEUED, REJECTED, Scanning, body
+from waiting import serves
 
 
 class Descriptors(Scanning):
@@ -88,7 +89,7 @@ class FullDisk(unittest.TestCase):
         logger = subprocess.Popen([BIN + "/vtlogd", "debug"], env=self.env, stdout=subprocess.DEVNULL)
         self.addCleanup(logger.wait, 20)
         self.addCleanup(logger.terminate)
-        self.assertTrue(wait_until(lambda: os.path.exists(self.home + "/pipes/vtlogd"), 20))
+        self.assertTrue(wait_until(lambda: serves(self.home + "/pipes/vtlogd"), 20))
         os.unlink(self.home + "/store.seq")
         self.fill()
         for words in (("vtregistry", "watch", "/a"), ("vtmaild", "debug"), ("vtsmtpproxy", "debug")):

@@ -15,7 +15,7 @@ import tempfile
 import threading
 
 import sanitizers
-from waiting import free_port, listens, wait_until
+from waiting import free_port, listens, serves, wait_until
 
 BIN = os.environ["VANTREL_BIN"]
 NET = "/VTWIN/Agents/VTSMTPProxy/NetworkInterfaces/net"
@@ -267,7 +267,7 @@ class Proxy:
         """A program of the instance, once it serves its pipe."""
         process = subprocess.Popen([*before, BIN + "/" + name, "debug"], env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.daemons.append(process)
-        assert wait_until(lambda: os.path.exists(self.home + "/pipes/" + pipe), 20), name
+        assert wait_until(lambda: serves(self.home + "/pipes/" + pipe), 20), name
         return process
 
     def logger(self):

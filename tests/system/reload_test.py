@@ -1,7 +1,6 @@
 """A change of the configuration loses nobody: listeners that are still wanted stay open, and those that can't be had are
 had later."""
 
-import os
 import signal
 import socket
 import subprocess
@@ -11,6 +10,7 @@ import unittest
 
 from address_test import Case
 from harness import BIN, NET, Client, free_port, wait_until
+from waiting import serves
 
 INTERFACES = NET[:NET.rindex("/")]
 V4 = "127.0.0.1"
@@ -23,7 +23,7 @@ class Logged(Case):
         logger = subprocess.Popen([BIN + "/vtlogd", "debug"], env=proxy.env, stdout=subprocess.DEVNULL)
         self.addCleanup(logger.wait)
         self.addCleanup(logger.terminate)
-        self.assertTrue(wait_until(lambda: os.path.exists(proxy.home + "/pipes/vtlogd"), 20))
+        self.assertTrue(wait_until(lambda: serves(proxy.home + "/pipes/vtlogd"), 20))
         proxy.start()
 
     def log(self):

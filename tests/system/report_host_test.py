@@ -7,6 +7,7 @@ import tempfile
 import unittest
 
 from harness import BIN, free_port, wait_until
+from waiting import serves
 
 STATS = "/VTWIN/Daemons/StatsDaemon/"
 STORE = "/VTWIN/Daemons/StoreDaemon/"
@@ -39,7 +40,7 @@ class OtherHost(unittest.TestCase):
 
         def report():
             return subprocess.run([BIN + "/vtreport", "--host", "127.0.0.2"], env=here, text=True, capture_output=True)
-        self.assertTrue(wait_until(lambda: os.path.exists(home + "/pipes/VTSTATD"), 20))
+        self.assertTrue(wait_until(lambda: serves(home + "/pipes/VTSTATD"), 20))
         self.assertEqual(report().returncode, 1, "the other store is closed")
         subprocess.run([BIN + "/vtregistry", "set", STORE + "RemoteReads", "Y"], env=there, check=True)
         self.assertTrue(wait_until(lambda: report().returncode == 0), report())

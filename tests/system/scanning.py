@@ -6,13 +6,13 @@ import glob
 import io
 import os
 import signal
-import socket
 import subprocess
 import unittest
 import zipfile
 
 from harness import BIN, Client, MailServer, Proxy, wait_until
 from system_test import NOT_CHECKED, REJECTED
+from waiting import serves
 
 # The standard test pattern for scanners, in two pieces so that this file is none itself.
 EICAR = rb"X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-" + b"ANTIVIRUS-TEST-FILE!" + b"$H+H*"
@@ -84,7 +84,7 @@ class Scanning(unittest.TestCase):
     @classmethod
     def start_engine(cls):
         cls.clamd = cls.spawn("clamd", "--config-file=" + cls.proxy.home + "/clamd/clamd.conf")
-        assert wait_until(lambda: os.path.exists(cls.proxy.home + "/clamd/clamd.sock"), 60), "clamd"
+        assert wait_until(lambda: serves(cls.proxy.home + "/clamd/clamd.sock"), 60), "clamd"
 
     @classmethod
     def start_scanner(cls):
@@ -93,8 +93,7 @@ class Scanning(unittest.TestCase):
 
     @classmethod
     def serves(cls, pipe):
-        with socket.socket(socket.AF_UNIX) as probe:
-            return probe.connect_ex(cls.proxy.home + "/pipes/" + pipe) == 0
+        return serves(cls.proxy.home + "/pipes/" + pipe)
 
     @classmethod
     def spawn(cls, *words):

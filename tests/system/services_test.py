@@ -11,6 +11,7 @@ import threading
 import unittest
 
 from harness import BIN, NET, Client, MailServer, free_port, wait_until
+from waiting import serves
 
 DEPENDENCIES = ("vtregistry", "vtmaild")
 DISPLAY = {"vtregistry": "Vantrel Configuration Store", "vtmaild": "Vantrel Mail Scanner", "vtsmtpproxy": "Vantrel SMTP Proxy"}
@@ -155,7 +156,7 @@ class Services(Instance):
         self.run_program("vtregistry", "install")
         self.run_program("vtmaild", "install")
         held = subprocess.Popen([BIN + "/vtmaild", "debug"], env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.assertTrue(wait_until(lambda: os.path.exists(self.home + "/pipes/vtmaild")))
+        self.assertTrue(wait_until(lambda: serves(self.home + "/pipes/vtmaild")))
         code, text = self.run_program("vtsmtpproxy", "start")
         self.assertEqual((code, "The dependency service or group failed to start." in text), (255, True), text)
         self.assertTrue(wait_until(lambda: self.status("VTREGISTRY").get("state") == "stopped"), "started for this alone")

@@ -7,7 +7,7 @@ import subprocess
 import unittest
 
 from check_test import judge
-from harness import BIN, NET, Client, MailServer, Proxy, ScanDaemon, free_port
+from harness import BIN, NET, Client, MailServer, Proxy, ScanDaemon
 from tls import Authority
 
 FILTERS = "/VTWIN/Filters/AS/AllowDenyIPList/Enabled"

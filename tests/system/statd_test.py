@@ -18,6 +18,7 @@ import time
 import unittest
 
 from harness import BIN, flat, free_port, wait_until
+from waiting import serves
 
 KEY = "/VTWIN/Daemons/StatsDaemon"
 MARKER = b"2.0LIPCNOREPLY\0"
@@ -80,7 +81,7 @@ class Statd(unittest.TestCase):
         self.assertTrue(wait_until(self.ready, 20), "vtstatd does not come up")
 
     def ready(self):
-        if not os.path.exists(os.path.join(self.home, "pipes", "VTSTATD")):
+        if not serves(self.home + "/pipes/VTSTATD"):
             return False
         try:
             socket.create_connection(("127.0.0.1", self.port), 1).close()

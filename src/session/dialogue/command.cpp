@@ -84,13 +84,27 @@ Dialogue::Outcome Dialogue::AnswerAndEnd(std::string_view text) {
     return Outcome::kEndSession;
 }
 
+// The first words of the command; what is longer than a token goes on in the next.
+void Dialogue::TakeTokens() {
+    constexpr std::string_view kBlanks = " \t\n\v\f\r";
+    std::string_view rest = copy_;
+    tokenCount_ = 0;
+    for (auto& token : tokens_) {
+        rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks), rest.size()));
+        std::string_view word = rest.substr(0, kLongestToken);
+        word = word.substr(0, word.find_first_of(kBlanks));
+        word.copy(token, word.size());
+        token[word.size()] = '\0';
+        rest.remove_prefix(word.size());
+        if (!word.empty()) ++tokenCount_;
+    }
+}
+
 Dialogue::Outcome Dialogue::Dispatch(bool whole) {
     copy_ = line_;
     NormalizeCommand(copy_.data());
     copy_.resize(std::strlen(copy_.c_str()));
-    for (auto& token : tokens_) token[0] = '\0';
-    tokenCount_ = std::max(0, std::sscanf(copy_.c_str(), "%10s %10s %10s %10s", tokens_[0],
-                                          tokens_[1], tokens_[2], tokens_[3]));
+    TakeTokens();
     verb_ = kVerbs;
     while (verb_->word != nullptr && !EqualIgnoringCase(tokens_[0], verb_->word)) ++verb_;
     const bool tooLong = verb_->code != CMD_AUTH && line_.size() > kLongestCommand;

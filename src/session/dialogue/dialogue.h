@@ -101,6 +101,7 @@ class Dialogue {
 
     Outcome TakeCommand();
     Outcome TakeAuthAnswer(bool whole);
+    void TakeTokens();
     Outcome Dispatch(bool whole);
     // A refusal gets the id of the session or message behind it.
     Outcome Answer(std::string_view text, Peers::Wording wording = Peers::Wording::kOurs);
@@ -131,7 +132,7 @@ class Dialogue {
     // With their line ends. Only an authentication exchange has long ones.
     static constexpr std::size_t kLongestCommand = 2048;
     static constexpr std::size_t kLongestAuthLine = 12288;
-    static constexpr std::size_t kTokenSize = 12;
+    static constexpr std::size_t kLongestToken = 10;
     static constexpr int kTextSize = 512;  // of a filter's answer
     static constexpr std::size_t kLongestAddress = 511;
 
@@ -160,5 +161,5 @@ class Dialogue {
     std::string senderText_;
     std::string recipientText_;
     std::array<char, kTextSize> denyText_{};
-    std::array<char[kTokenSize], 4> tokens_;
+    std::array<char[kLongestToken + 1], 4> tokens_;
 };

@@ -3,6 +3,7 @@
 import base64
 import binascii
 import functools
+import gzip
 import quopri
 import struct
 
@@ -120,6 +121,8 @@ CASES = [
     one("a coding behind a line of blanks", ZIPPED, b"base64", more=b"X-A: b\r\n \r\n"),
     one("a coding behind a line that is none", ZIPPED, b"base64", more=b"hello\r\n"),
     one("blank before the colon", ZIPPED, None, more=b"Content-Transfer-Encoding : base64\r\n"),
+    one("a control before the colon", ZIPPED, None, more=b"Content-Transfer-Encoding\x0b: base64\r\n"),
+    one("a hard blank before the colon", ZIPPED, None, more=b"Content-Transfer-Encoding\xa0: base64\r\n"),
     one("a NUL in a header", ZIPPED, b"base64", more=b"X-A: \0\r\n"),
     one("a bare CR in a header", ZIPPED, None, more=b"X-A: b\rContent-Transfer-Encoding: base64\r\n"),
     one("quoted-printable with blanks behind its lines", quoted(ZIP, b"=%02X", b"= \t \r\n"), b"quoted-printable"),
@@ -234,4 +237,8 @@ CASES = [
     ("signed within what is signed", message(mixed(mixed(mixed(TEXT, part(ZIPPED), boundary=b"d"), SIGNATURE, boundary=b"c",
                                                          kind=b"multipart/signed"), SIGNATURE, kind=b"multipart/signed"))),
     ("signed, without the end", message(mixed(part(ZIPPED), SIGNATURE, boundary=b"b", end=False, kind=b"multipart/signed"))),
+    ("multipart by a header with a control before the colon", message(mixed(TEXT, part(b64(ZIP[:PADDED]) + b64(ZIP[PADDED:]))).replace(
+        b"Content-Type:", b"Content-Type\x0b:", 1))),
+    one("zip behind something packed", b64(gzip.compress(b"x") + ZIP)),
+    one("zip behind a song's name", b64(b"ID3" + bytes(100) + ZIP)),
 ]

@@ -161,15 +161,19 @@ class PartsJudge {
             Take({ScanOutcome::kFailed, kCantRead});
             return {maild::WalkEnd::kCantRead, kCantRead, {}, 0};
         }
+        // An engine that is away has no answer to anything else either.
         maild::Questions questions(
-            [this](int part, long long size) { return judge_.Look(part, size); }, info.st_size);
+            [this](int part, long long size) {
+                return EngineIsAway(judgement_.scan.outcome) ? ScanResult{ScanOutcome::kClean, ""}
+                                                             : judge_.Look(part, size);
+            },
+            info.st_size);
         const maild::WalkLimits limits{settings_.maxDepth, settings_.maxParts,
                                        settings_.maxHeaderBytes, judge_.End()};
         maild::DoubtfulParts doubtful(questions, {file, dots, {0, info.st_size}}, limits, 0,
                                       inSigned);
         std::vector<maild::PartSink*> all(sinks.begin(), sinks.end());
-        // An engine that is away has no answer to anything else either.
-        if (!EngineIsAway(judgement_.scan.outcome)) all.push_back(&doubtful);
+        all.push_back(&doubtful);
         maild::WalkResult walk = maild::WalkMessage(file, dots, limits, all);
         if (doubtful.Hidden()) walk.ambiguities.push_back(*doubtful.Hidden());
         Take(questions.Result());

@@ -93,9 +93,11 @@ void DoubtfulParts::Begin(const Part& part) {
     around_.push_back({part.kind});
     start_.clear();
     saved_ = false;
-    if (part.kind != PartKind::kLeaf || !questions_.Going()) return;
+    // Others see what lies in a part's bytes also while there is no engine to be asked.
+    if (part.kind != PartKind::kLeaf || !Wanted()) return;
     first_ = true;
     place_ = part.place;
+    zip_.emplace();
     const bool isMessage = part.type.starts_with("message/");
     if (part.isText || isMessage || part.type.starts_with("multipart/"))
         text_ = std::make_unique<FilesInText>(questions_, part.place);
@@ -117,6 +119,7 @@ void DoubtfulParts::Data(std::span<const std::byte> bytes) {
     first_ = false;
     if (tnef_ != nullptr) tnef_->Write(text);
     if (text_ != nullptr) text_->Write(text);
+    if (zip_ && !zip_->Write(text)) questions_.Fail();
     if (signed_) {
         if (!signed_->Write(text)) questions_.Fail();
     } else if (wrapped_ != nullptr && !wrapped_->Write(text)) {
@@ -142,6 +145,8 @@ void DoubtfulParts::End(const Part& part) {
         } else if (wrapped_ != nullptr) {
             questions_.Put(*wrapped_, part.place);
         }
+        if (Scratch* const zip = zip_ ? zip_->Finish() : nullptr) questions_.Put(*zip, part.place);
+        zip_.reset();
         signed_.reset();
         tnef_.reset();
         text_.reset();
@@ -189,7 +194,7 @@ void DoubtfulParts::AskWithin(const Part& part) {
     const long long start = sizeof kMessageStart - 1;
     if (wrapped_->Size() == start) return;  // encrypted, or nothing of the kind
     questions_.Put(*wrapped_, part.place);
-    if (!questions_.Going()) return;
+    if (!Wanted()) return;
     const int file = wrapped_->Rewind();
     if (nesting_ >= kMostNesting) {
         unwalked_ = "messages in the bytes of messages, too many of them in each other";

@@ -6,6 +6,7 @@
 //   a container into which the engine doesn't look     as a message that it takes apart
 //   a message within its S/MIME signature              as a message, walked as well
 //   files in a text by uuencode or yEnc, files in TNEF each by itself
+//   a zip behind other bytes of a file                 by itself
 //   a message whose structure is ambiguous             all that looks coded in it (rescue.h)
 //
 // Ordinary mail has none of these.
@@ -20,6 +21,7 @@
 #include "daemons/maild/antivirus/questions.h"
 #include "daemons/maild/antivirus/signeddata.h"
 #include "daemons/maild/antivirus/tnef.h"
+#include "daemons/maild/antivirus/zipbehind.h"
 #include "daemons/maild/walk/walk.h"
 
 namespace maild {
@@ -48,6 +50,7 @@ class DoubtfulParts final : public PartSink {
     const std::string& Unwalked() const { return unwalked_; }
 
   private:
+    bool Wanted() const { return questions_.Going() || !others_.empty(); }
     void AskReadings(const Part& part);
     void AskContainer(const Part& part, bool closed);
     void AskWithin(const Part& part);
@@ -69,6 +72,7 @@ class DoubtfulParts final : public PartSink {
     // Of the leaf that is open:
     std::unique_ptr<FilesInText> text_;
     std::unique_ptr<TnefReader> tnef_;
+    std::optional<ZipBehind> zip_;
     std::string place_;
     std::string start_;                 // its first bytes
     bool first_ = false;                // none of its bytes have come

@@ -12,6 +12,7 @@
 #include "daemons/maild/attachments/zipheaders.h"
 #include "daemons/maild/forms/archivelook.h"
 #include "daemons/maild/forms/blocks.h"
+#include "text/ascii.h"
 
 namespace maild {
 
@@ -23,7 +24,8 @@ constexpr long long kFreeOfRatio = 16LL << 20;
 constexpr std::size_t kBlock = 65536;
 // Of a zip: two, and once more where it is stored in another.
 constexpr long long kHeadersOfAFile = 4;
-constexpr long long kMostEmpty = 512;  // bytes of an archive without files
+constexpr long long kMostEmpty = 512;              // bytes of an archive without files
+constexpr std::size_t kUnknown = ~std::size_t{0};  // of files
 
 const char* KindOf(archive* reader) {
     switch (archive_format(reader) & ARCHIVE_FORMAT_BASE_MASK) {
@@ -57,6 +59,16 @@ std::string NameInside(const std::string& path) {
     const bool tar = name.substr(dot, 2) == ".t";
     name.resize(dot);
     return tar ? name + ".tar" : name;
+}
+
+// Whether nobody opens as a zip what is called so. A zip in such an archive may stand at its end.
+bool IsCalledOtherwise(const std::string& path) {
+    constexpr std::string_view kEndings[] = {".tar", ".tgz", ".gz",  ".bz2", ".xz",
+                                             ".zst", ".7z",  ".rar", ".cab", ".iso",
+                                             ".img", ".lzh", ".ar",  ".cpio"};
+    const std::string name = LowerCase(path.substr(0, path.find(" in ")));
+    return std::any_of(std::begin(kEndings), std::end(kEndings),
+                       [&](std::string_view each) { return name.ends_with(each); });
 }
 
 std::string EncryptedKind(Scratch& file) {
@@ -164,7 +176,10 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
         macros = Entry(from, entry, path, depth, names) || macros;
     }
     if (const char* const kind = EncryptedBy(from)) NoteEncrypted(kind);
-    if (going_ && IsZip(from)) macros = BothSides(file, path, depth, names, files) || macros;
+    // Whatever it begins as, readers of zips find the one at its end.
+    const bool zip = IsZip(from);
+    if (going_ && (zip || (!IsCalledOtherwise(path) && EndsAsZip(file.Rewind()))))
+        macros = BothSides(file, path, depth, names, zip ? files : kUnknown) || macros;
     return macros;
 }
 

@@ -98,8 +98,14 @@ void AttachmentFilter::Data(std::span<const std::byte> bytes) {
     if (leaf_->Size() == 0 && text.starts_with(TnefReader::kMark))
         tnef_ = std::make_unique<TnefReader>(*hidden_, part_->place);
     leaf_->Write(text);
-    if (text_ != nullptr) text_->Write(text);
+    if (text_ != nullptr) WriteText(text);
     if (tnef_ != nullptr) tnef_->Write(text);
+}
+
+void AttachmentFilter::WriteText(std::string_view text) {
+    inText_ = true;
+    text_->Write(text);
+    inText_ = false;
 }
 
 void AttachmentFilter::End(const Part& part) {
@@ -135,7 +141,9 @@ void AttachmentFilter::LookAtLeaf(const Part& part) {
 
 void AttachmentFilter::EndText() {
     if (text_ == nullptr) return;
+    inText_ = true;
     text_->Finish();
+    inText_ = false;
     // Files that are equal are put once, whatever they are called.
     for (const std::string& name : text_->Names()) {
         if (askedByName_.insert(name).second)
@@ -181,7 +189,7 @@ void AttachmentFilter::LookAtReadings(const Part& part) {
         const bool whole = DecodeBody(part.source, reading, decoded) && decoded.Rewind() >= 0 &&
                            ReadBlocks(decoded.Rewind(), 0, [&](std::string_view text, off_t) {
                                spill.Write(text);
-                               if (text_ != nullptr) text_->Write(text);
+                               if (text_ != nullptr) WriteText(text);
                                return true;
                            });
         EndText();
@@ -193,10 +201,11 @@ void AttachmentFilter::LookAtReadings(const Part& part) {
     }
 }
 
-// A file within the part that is open.
+// A file within the part that is open: in its text, or in the container that it is, or in both.
 void AttachmentFilter::LookAtHidden(int file) {
-    const std::string name = text_ == nullptr ? "" : text_->Names().back();
-    if (text_ != nullptr) askedByName_.insert(name);
+    const bool named = inText_ && !text_->Names().empty();
+    const std::string name = named ? text_->Names().back() : "";
+    if (named) askedByName_.insert(name);
     Attachment attachment{ReadingsOfName(name), std::nullopt, {}, 0};
     Spill spill(CalledArchive(attachment.names, ""));
     const bool read = ReadBlocks(file, 0, [&](std::string_view text, off_t) {

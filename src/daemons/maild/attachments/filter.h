@@ -46,6 +46,7 @@ class AttachmentFilter final : public PartSink {
     void LookAtReadings(const Part& part);
     void LookAtHidden(int file);
     void BeginHidden(const Part& part);
+    void WriteText(std::string_view text);
     void EndText();
     void Ask(const Attachment& attachment, const std::string& what);
     bool Counts(Action action) const;
@@ -55,6 +56,7 @@ class AttachmentFilter final : public PartSink {
     ArchiveLooker archives_;
     std::optional<Questions> hidden_;  // files in parts, which are asked about like others
     std::unique_ptr<FilesInText> text_;
+    bool inText_ = false;                // it puts its files now
     std::set<std::string> askedByName_;  // files in the text that is open
     std::unique_ptr<TnefReader> tnef_;
     std::unique_ptr<Spill> leaf_;     // the one that is open

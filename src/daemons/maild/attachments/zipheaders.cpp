@@ -1,5 +1,7 @@
 #include "daemons/maild/attachments/zipheaders.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <optional>
 #include <string_view>
@@ -24,11 +26,13 @@ constexpr Layout kListed{"PK\1\2"sv, 6, 28, 46};
 constexpr std::size_t kPointsAt = 42;
 constexpr std::string_view kEnd = "PK\5\6"sv;
 constexpr std::size_t kEndSize = 22;
-constexpr std::size_t kDirectoryAt = 16;  // in it
+constexpr std::size_t kCountAt = 10;  // in it: of the files that are listed
+constexpr std::size_t kDirectoryAt = 16;
 constexpr long long kEndForLargeFiles = 76;
 constexpr long long kSaidThere = 0xFFFFFFFF;
+constexpr unsigned kCountedThere = 0xFFFF;
 constexpr std::size_t kMarkSize = 4;
-constexpr std::size_t kLongestName = 4096;
+constexpr std::size_t kLongestName = 0xFFFF;
 constexpr std::size_t kMostExtra = 4096;  // that is looked at
 constexpr std::size_t kWindow = 46 + kLongestName + kMostExtra;
 constexpr unsigned kUtf8Name = 0x7075;  // a field of what is behind the name
@@ -45,9 +49,9 @@ unsigned Number(std::string_view bytes, std::size_t at) {
 // Within what is packed the mark comes by chance, and hardly ever with a method that there is.
 bool IsHeader(std::string_view header, const Layout& layout) {
     const unsigned method = Number(header, layout.version + 4);
-    return Number(header, layout.version) < 100 &&
-           (method <= 20 || (method >= 93 && method <= 99)) &&
-           Number(header, layout.lengths) <= kLongestName;
+    // Of the version the low byte counts, to nearly all.
+    return (Number(header, layout.version) & 0xFFU) < 100 &&
+           (method <= 20 || (method >= 93 && method <= 99));
 }
 
 void AddNames(std::string_view header, const Layout& layout, std::vector<std::string>& names) {
@@ -76,6 +80,7 @@ std::optional<ZipHeader> Read(std::string_view header, long long at) {
         if (header.size() < kEndSize) return {};
         read.kind = ZipHeader::Kind::kEnd;
         read.points = LongNumber(header, kDirectoryAt);
+        read.count = Number(header, kCountAt);
         return read;
     }
     const Layout& layout = header.starts_with(kFile.mark) ? kFile : kListed;
@@ -143,6 +148,7 @@ void ZipHeaders::Take(const ZipHeader& header) {
         const bool behind = last != nullptr &&
                             (header.at == last->end || header.at == last->end + kEndForLargeFiles);
         if (behind && header.points != kSaidThere) last->shift = last->begin - header.points;
+        if (behind && header.count != kCountedThere) last->count = header.count;
         return;
     }
     if (last == nullptr || header.at != last->end) {
@@ -182,7 +188,11 @@ bool ZipHeaders::Contradicts() const {
                        (file->encrypted != listed.encrypted || file->method != listed.method);
             });
     };
-    return std::any_of(directories_.begin(), directories_.end(), contradicts);
+    const auto hides = [](const Directory& directory) {
+        return directory.count && *directory.count != (directory.listed.size() & 0xFFFFU);
+    };
+    return std::any_of(directories_.begin(), directories_.end(), contradicts) ||
+           std::any_of(directories_.begin(), directories_.end(), hides);
 }
 
 std::vector<long long> ZipHeaders::Files() const {
@@ -197,6 +207,19 @@ bool IsBeginningOfZip(int file) {
         return header.kind != ZipHeader::Kind::kEnd &&
                (header.method == 0 || header.method == kDeflated);
     });
+}
+
+bool EndsAsZip(int file) {
+    constexpr long long kMostBehind = kEndSize + 0xFFFF;  // with its comment
+    struct stat info {};
+    if (file < 0 || fstat(file, &info) != 0) return false;
+    std::string held;
+    return ReadBlocks(file, std::max<long long>(info.st_size - kMostBehind, 0),
+                      [&](std::string_view text, off_t) {
+                          held += text;
+                          return true;
+                      }) &&
+           held.find(kEnd) != std::string::npos;
 }
 
 bool HoldsArchiveMark(int file) {

@@ -18,6 +18,7 @@ struct ZipHeader {
     std::vector<std::string> names;  // its own, and in UTF-8 beside it, if that is given
     bool encrypted = false;
     unsigned method = 0;
+    unsigned count = 0;  // of the files, by the end of the directory; the low 16 bits
 };
 
 // Reads the file from its start and hands over all that stands behind the mark of a header. False
@@ -31,7 +32,8 @@ class ZipHeaders {
     // Whether the directory tells of each file that stands there, of so many in all, and of no
     // other. A zip that is stored in a zip shows its files here, too.
     bool Plain(std::size_t files) const;
-    // A file is packed or encrypted in one way by the directory and in another one by itself.
+    // A file is packed or encrypted in one way by the directory and in another one by itself, or
+    // the directory's end tells of another number of files than the directory.
     bool Contradicts() const;
     // Where the files' own headers stand.
     std::vector<long long> Files() const;
@@ -49,6 +51,7 @@ class ZipHeaders {
         long long end = 0;
         std::vector<Said> listed;        // `at` is where it says that the file is
         std::optional<long long> shift;  // by how much it is wrong, by what stands behind it
+        std::optional<unsigned> count;   // of its files, by the same
     };
     long long ShiftOf(const Directory& directory) const;
 
@@ -59,6 +62,9 @@ class ZipHeaders {
 // Whether it is a zip without the end of its directory, whose files are packed in the ways that all
 // readers know.
 bool IsBeginningOfZip(int file);
+
+// Whether a directory of a zip may end the file, whatever else it is: readers of zips begin there.
+bool EndsAsZip(int file);
 
 // Whether the marks of an archive stand anywhere in the file.
 bool HoldsArchiveMark(int file);

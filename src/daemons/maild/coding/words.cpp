@@ -95,10 +95,12 @@ bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
 }  // namespace
 
-std::string DecodeLoosely(std::string_view text) {
-    const bool ascii = std::all_of(text.begin(), text.end(),
+std::string DecodeLoosely(std::string_view all) {
+    std::string_view text = all.substr(0, kMostDecoded);
+    const std::string_view rest = all.substr(text.size());
+    const bool ascii = std::all_of(all.begin(), all.end(),
                                    [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    if (ascii && text.find("=?"sv) == std::string_view::npos) return std::string(text);
+    if (ascii && text.find("=?"sv) == std::string_view::npos) return std::string(all);
     std::string out;
     Bytes bytes;
     bool behindWord = false;
@@ -124,6 +126,7 @@ std::string DecodeLoosely(std::string_view text) {
         }
     }
     bytes.Flush(out);
+    out += rest;
     Utf8Stream stream("");
     std::string whole;
     const auto take = [&whole](std::string_view piece) { whole += piece; };

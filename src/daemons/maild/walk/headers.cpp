@@ -33,6 +33,16 @@ std::string_view Trim(std::string_view text) {
     return text;
 }
 
+bool IsOfName(char c) { return c > ' ' && c < '\x7F'; }
+
+// Some readers take all kinds of blanks and controls from around a header's name.
+std::string_view NameIn(std::string_view text) {
+    const auto around = [](char c) { return !IsOfName(c); };
+    while (!text.empty() && around(text.front())) text.remove_prefix(1);
+    while (!text.empty() && around(text.back())) text.remove_suffix(1);
+    return text;
+}
+
 // Its lines in one; `close`: without the blanks that began them.
 std::string Unfold(std::string_view value, bool close = false) {
     std::string unfolded;
@@ -117,9 +127,10 @@ bool HeaderBlock::AddLine(std::string_view line) {
         oddBreak_ = oddBreak_ || (broken_ && ofBody_);
         return true;
     }
-    const std::string_view name = Trim(line.substr(0, colon));
+    const std::string_view name = NameIn(line.substr(0, colon));
     if (StartsWithContent(name)) {
-        odd_ = odd_ || foldedOddly_ || name.size() != colon;
+        odd_ = odd_ || foldedOddly_ || name.size() != colon ||
+               !std::all_of(name.begin(), name.end(), IsOfName);
         oddBreak_ = oddBreak_ || broken_;
         ofBody_ = true;
     }

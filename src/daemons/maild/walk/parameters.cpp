@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "daemons/maild/coding/words.h"
 #include "text/ascii.h"
 
 namespace maild {
@@ -127,6 +128,8 @@ std::string DecodeParameter(const std::string& value, bool disposition, const ch
 }
 
 std::string DecodeText(const std::string& text) {
+    if (text.size() > kMostDecoded)
+        return DecodeText(text.substr(0, kMostDecoded)) + MakeUtf8(text.substr(kMostDecoded));
     Prepare();
     const OwnedText decoded(g_mime_utils_header_decode_text(nullptr, text.c_str()));
     return decoded == nullptr ? MakeUtf8(text) : MakeUtf8(decoded.get());

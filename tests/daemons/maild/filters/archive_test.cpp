@@ -146,6 +146,12 @@ TEST(Archives, ReadFromEitherEnd) {
         listed.substr(0, listed.size() - 2) + "\x30\x75" + std::string(30000, 'c');
     std::string flagged = Zip({{"a.dat", kProgram}});
     flagged[6] = static_cast<char>(flagged[6] | 1);
+    // Readers that begin at the front stop at what is none of a zip, others never see it.
+    std::string versions = good.substr(0, good.find("PK\1\2")) + "PK\1\2" + std::string(50, '\1');
+    versions += Zip({{std::string(3000, '.') + "/a.exe", "x"}});
+    versions[versions.find("PK\3\4", 1) + 5] = 1;
+    std::string miscounted = good;
+    miscounted[miscounted.rfind("PK\5\6") + 10] = 2;
     const struct {
         const char* name;
         std::string data;
@@ -154,9 +160,17 @@ TEST(Archives, ReadFromEitherEnd) {
     } cases[] = {
         {"by the directory's name", listed, "exe: a.exe in f.zip; ", ""},
         {"with a long comment behind it", commented, "exe: a.exe in f.zip; ", ""},
-        {"behind something, too", Random(100) + commented, "", "an archive can't be read: f.zip"},
-        {"behind a picture", "GIF89a" + std::string(100, 'x') + commented, "",
+        {"behind something, too", Random(100) + commented, "exe: a.exe in f.zip; ",
          "an archive can't be read: f.zip"},
+        {"behind a picture", "GIF89a" + std::string(100, 'x') + commented, "exe: a.exe in f.zip; ",
+         "an archive can't be read: f.zip"},
+        {"behind another archive", Pack("ustar", "none", {{"a.txt", "x"}}) + Zip({{"b", kProgram}}),
+         "type: b in f.zip; ", ""},
+        {"behind something packed", Pack("raw", "gzip", {{"a", "x"}}) + Zip({{"b.exe", "x"}}),
+         "exe: b.exe in f.zip; ", ""},
+        {"headers of another version", versions, "exe: a.exe in f.zip; ", ""},
+        {"a directory that tells of more files than it lists", miscounted, "",
+         "a zip that says two things of a file: f.zip"},
         {"packed as a whole", Pack("raw", "gzip", {{"f", listed}}), "exe: a.exe in f in f.zip; ",
          ""},
         {"another zip in front", Zip({{"b", kProgram}}) + good, "type: b in f.zip; ", ""},

@@ -290,6 +290,11 @@ TEST(Attachments, FilesWithinAPart) {
     const std::string tnef =
         "\x78\x9F\x3E\x22\1\0\2"s + number(0x6800F) + number(kProgram.size()) + kProgram + "\0\0"s;
     EXPECT_EQ(Filter(Mail({{"winmail.dat", tnef}}), rules), "type 2 a file in winmail.dat; ");
+    // A text for one reader, a container for another: its files have no names in the text.
+    EXPECT_EQ(Filter("Content-Type: text/plain\nContent-Transfer-Encoding: base64\n\n" +
+                         Base64Encode(tnef),
+                     rules),
+              "type 1 a file in a part of type text/plain; ");
 }
 
 // Of base64 that readers end at different places each reading is looked at.

@@ -1,0 +1,42 @@
+#include "daemons/maild/antivirus/zipbehind.h"
+
+#include <algorithm>
+
+namespace maild {
+
+namespace {
+
+using namespace std::string_view_literals;
+
+constexpr std::string_view kFile = "PK\3\4"sv;
+constexpr std::string_view kEnd = "PK\5\6"sv;
+// Behind its mark the directory's end has so many bytes, and a comment as long as this.
+constexpr long long kMostBehindEnd = 22 + 0xFFFF;
+
+}  // namespace
+
+bool ZipBehind::Write(std::string_view bytes) {
+    if (size_ == 0) beginsSo_ = bytes.starts_with(kFile);
+    if (beginsSo_) return true;
+    const long long from = size_ - static_cast<long long>(joined_.size());
+    joined_ += bytes;
+    size_ += static_cast<long long>(bytes.size());
+    bool kept = true;
+    if (zip_ != nullptr) {
+        kept = zip_->Write(bytes);
+    } else if (const std::size_t begin = joined_.find(kFile); begin != std::string::npos) {
+        zip_ = std::make_unique<Scratch>();
+        kept = zip_->Write(std::string_view(joined_).substr(begin));
+    }
+    if (const std::size_t end = zip_ == nullptr ? std::string::npos : joined_.rfind(kEnd);
+        end != std::string::npos)
+        endAt_ = from + static_cast<long long>(end);
+    joined_.erase(0, joined_.size() - std::min(joined_.size(), kFile.size() - 1));
+    return kept;
+}
+
+Scratch* ZipBehind::Finish() {
+    return endAt_ >= 0 && size_ - endAt_ <= kMostBehindEnd ? zip_.get() : nullptr;
+}
+
+}  // namespace maild

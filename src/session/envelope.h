@@ -17,16 +17,19 @@ struct Envelope {
     TextList recipients;                       // in the order of acceptance
     bool haveMail = false;
     bool haveRecipient = false;
-    bool binaryMime = false;  // the sender command carries BODY=BINARYMIME
+    bool binaryMime = false;  // the sender command has "body=binarymime" somewhere
+    bool binaryBody = false;  // and it is a parameter: the body's line ends are nobody's business
     int messagePhase = PHASE_NONE;
 
     // A new sender takes the place of all that was.
-    void AcceptSender(const std::string& line, const std::string& address, bool binary) {
+    void AcceptSender(const std::string& line, const std::string& address, bool binary,
+                      bool binaryParameter = false) {
         Clear();
         savedMailLine = line;
         sender = address;
         haveMail = true;
         binaryMime = binary;
+        binaryBody = binaryParameter;
     }
     void AcceptRecipient(const std::string& address) {
         recipients.push_back(address);
@@ -40,7 +43,7 @@ struct Envelope {
     // next one takes its place.
     void BeginRun() {
         FreeTextList(recipients);
-        haveMail = haveRecipient = binaryMime = false;
+        haveMail = haveRecipient = binaryMime = binaryBody = false;
         messagePhase = PHASE_NONE;
     }
 };

@@ -132,6 +132,17 @@ class Chunks(Chunked):
         self.assertEqual(c.reply(), OK)
         self.assertTrue(wait_until(lambda: self.server.lines == [b"NOOP\r\n"] * 2), self.server.lines)
 
+    def test_one_slow_chunk_keeps_the_server_alive_while_it_comes(self):
+        c = self.begun()
+        c.send(b"BDAT 60 LAST\r\n")
+        for _ in range(6):
+            self.assertLess(self.server.lines.count(b"NOOP\r\n"), 4)
+            time.sleep(0.5)
+            c.send(b"x" * 9)
+        self.assertGreaterEqual(self.server.lines.count(b"NOOP\r\n"), 1, "in the midst of it")
+        c.send(b"x" * 6)
+        self.assertEqual(c.reply(), b"250 ok\r\n")
+
     def test_memory_does_not_follow_the_size(self):
         def resident():
             with open("/proc/%d/statm" % self.proxy.process.pid) as f:

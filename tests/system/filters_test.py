@@ -61,6 +61,7 @@ class Senders(Filters):
         c.send(b"DATA\r\n")
         self.assertEqual(c.reply(), b"503 Bad sequence of commands\r\n", "no sender was accepted")
         self.assertEqual(c.ask(b"MAIL FROM:<good@x.example>"), b"250 ok\r\n")
+        self.assertEqual(c.ask(b"MAIL <bad@x.example>"), b"550 5.7.1 Message Rejected\r\n", "a sender to some servers")
         self.assertEqual(c.ask(b"RCPT TO:<r@example.org>"), b"250 ok\r\n")
         self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
         self.assertIn(b"MAIL FROM:<good@x.example>\r\n", self.server.lines, "the line passes unchanged")

@@ -213,4 +213,21 @@ class BareNewlines(System):
         c.mail()
         c.send(b"BDAT 3 LAST\r\na\nb")
         self.assertEqual(c.reply(), BARE)
+        # A stranger chooses his address, and the values of his parameters.
+        for sender in (b"<body=binarymime@example.com>", b"<s@example.com> ENVID=body=binarymime"):
+            c = self.opened(b"EHLO me")
+            self.assertEqual(c.ask(b"MAIL FROM:" + sender), OK)
+            self.assertEqual(c.ask(b"RCPT TO:<r@example.org>"), OK)
+            c.send(b"BDAT 3 LAST\r\na\nb")
+            self.assertEqual(c.reply(), BARE, sender)
         self.assertEqual(self.server.messages, [b"clean\r\n\r\n"])
+
+    def test_chunks_that_nobody_has_announced_are_no_message(self):
+        self.use("reject")
+        self.server.rules["RCPT"] = b"550 no such user\r\n"
+        c = self.opened(b"EHLO me")
+        c.ask(b"MAIL FROM:<s@example.org>")
+        c.ask(b"RCPT TO:<r@example.org>")
+        for chunk in (b"BDAT 1\r\n\r", b"BDAT 1 LAST\r\n\n"):
+            c.send(chunk)
+            self.assertEqual(c.reply()[:3], b"503")

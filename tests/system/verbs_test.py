@@ -28,6 +28,10 @@ class OtherChannels(System):
             self.assertEqual(c.ask(line), UNKNOWN, line)
         self.assertEqual(set(self.server.lines), {b"NOOP\r\n"})
 
+    def test_all_of_the_way_encrypted_is_not_offered_in_the_clear(self):
+        self.server.rules["EHLO"] = b"250-real\r\n250-REQUIRETLS\r\n250 HELP\r\n"
+        self.assertEqual(self.opened().ask(b"EHLO me"), b"250-proxy.example\r\n250 HELP\r\n")
+
     def test_a_reply_for_each_recipient_is_not_asked_for(self):
         c = self.opened()
         self.server.lines.clear()

@@ -37,9 +37,10 @@ std::string_view BehindColon(std::string_view text) {
     return colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
 }
 
+constexpr std::string_view kBlanks = " \t\v\f\r\n";
+
 // A message sent with it has a reply for each recipient, and one in front of them.
 bool AsksForMoreReplies(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\v\f\r\n";
     constexpr std::string_view kKey = "PRDR";
     while (!text.empty()) {
         const std::string_view word = text.substr(0, text.find_first_of(kBlanks));
@@ -51,7 +52,6 @@ bool AsksForMoreReplies(std::string_view text) {
 
 // The number of the parameter SIZE=number, or 0.
 unsigned long long DeclaredSize(std::string_view parameters) {
-    constexpr std::string_view kBlanks = " \t\r\n";
     constexpr std::string_view kKey = "SIZE=";
     while (!parameters.empty()) {
         const std::size_t end = std::min(parameters.find_first_of(kBlanks), parameters.size());
@@ -86,7 +86,6 @@ Dialogue::Outcome Dialogue::AnswerAndEnd(std::string_view text) {
 
 // The first words of the command; what is longer than a token goes on in the next.
 void Dialogue::TakeTokens() {
-    constexpr std::string_view kBlanks = " \t\n\v\f\r";
     std::string_view rest = copy_;
     tokenCount_ = 0;
     for (auto& token : tokens_) {
@@ -175,8 +174,22 @@ Dialogue::Outcome Dialogue::RecipientRule() {
     return Outcome::kForward;
 }
 
+// A sender that is none by the grammar, and one to lenient servers all the same: nothing is known
+// of it, but who is listed doesn't pass by that.
+Dialogue::Outcome Dialogue::UnreadSender() {
+    std::string_view rest = copy_;
+    rest.remove_prefix(std::min(rest.find_first_of(kBlanks), rest.size()));
+    if (filters_ == nullptr || rest.find_first_of("@%!") == std::string_view::npos)
+        return Outcome::kForward;
+    MailPath path = ReadPath(rest);
+    const int judgement = CheckSenderReadings(*filters_, path, denyText_.data(), kTextSize);
+    if (judgement != 1 && judgement != 2) return Outcome::kForward;
+    metrics::Add<metrics::Metric::kFilterHits>(metrics::Filter::kSenders);
+    return Answer(kDefaultDeny, Peers::Wording::kKnown);
+}
+
 Dialogue::Outcome Dialogue::SenderRule() {
-    if (!NamesPath("from")) return Outcome::kForward;
+    if (!NamesPath("from")) return UnreadSender();
     if (AsksForMoreReplies(BehindColon(copy_))) return Answer(kUnknownParameter);
     MailPath path = ReadPath(BehindColon(copy_));
     const int judgement =
@@ -230,9 +243,11 @@ Dialogue::Outcome Dialogue::ChunkRule() {
     if (tokenCount_ == 3 && !EqualIgnoringCase(tokens_[2], "last")) return Answer(unknown);
     const bool last = tokenCount_ == 3;
     // The chunk is read before the envelope is looked at, or its bytes would be taken for commands.
-    const Chunk chunk{envelope_.messagePhase != PHASE_BDAT, last, envelope_.binaryMime, size};
-    // Bytes that nobody has announced a message for are none.
+    // Bytes that nobody has announced a message for are none: nothing is wrong with their line
+    // ends.
     const bool announced = refusal.empty() && envelope_.haveRecipient && envelope_.haveMail;
+    const Chunk chunk{envelope_.messagePhase != PHASE_BDAT, last,
+                      envelope_.binaryBody || !announced, size};
     if (chunk.first && announced) peers_.journal.BeginMessage(envelope_, "bdat");
     switch (reception_.ReceiveChunk(chunk)) {
         case Received::kWhole:
@@ -259,11 +274,16 @@ Dialogue::Outcome Dialogue::RefuseLargeMessage() {
 
 // What the client calls itself goes to the server as it came, and is told it where that is asked.
 Dialogue::Outcome Dialogue::GreetingRule() {
-    const std::size_t begin = line_.find_first_of(" \t");
-    const std::size_t name = line_.find_first_not_of(" \t\r\n", begin);
-    peers_.helo = name == std::string::npos || begin == std::string::npos
-                      ? std::string()
-                      : line_.substr(name, line_.find_first_of(" \t\r\n", name) - name);
+    // By the same blanks as the verb.
+    std::string_view rest = line_;
+    const auto next = [&rest] {
+        rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks), rest.size()));
+        const std::string_view word = rest.substr(0, rest.find_first_of(kBlanks));
+        rest.remove_prefix(word.size());
+        return word;
+    };
+    next();
+    peers_.helo = next();
     peers_.proto = inFlight_ == CMD_EHLO ? "ESMTP" : "SMTP";
     if (peers_.identity.helo.empty()) peers_.journal.session.helo = peers_.helo;
     return Outcome::kForward;

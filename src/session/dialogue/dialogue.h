@@ -113,6 +113,7 @@ class Dialogue {
     Outcome RecipientRule();
     Outcome RefuseToRelay();
     Outcome SenderRule();
+    Outcome UnreadSender();
     Outcome DataRule();
     std::string_view NotBefore() const;
     Outcome ChunkRule();

@@ -7,6 +7,7 @@
 #include "asfilters/asfilters.h"
 #include "metrics/count.h"
 #include "session/address/normalize.h"
+#include "session/address/path.h"
 #include "session/client/xclient.h"
 #include "session/dialogue/dialogue.h"
 #include "session/registry.h"
@@ -40,6 +41,20 @@ constexpr std::string_view kNotOffered[] = {
     // more that the proxy could not follow: command.cpp
     "compress", "xexch50", "x-link2state", "xshadow", "xshadowrequest", "xmessagecontext", "xproxy",
     "xproxyfrom", "xproxyto", "turn", "atrn", "verb", "prdr"};
+
+// By a parameter: an address may hold the same text, and a stranger chooses his.
+bool SaysBinaryBody(std::string_view line) {
+    constexpr std::string_view kBlanks = " \t\v\f\r\n";
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return false;
+    std::string_view text = ReadPath(line.substr(colon + 1)).parameters;
+    while (!text.empty()) {
+        const std::string_view word = text.substr(0, text.find_first_of(kBlanks));
+        if (EqualIgnoringCase(word, "body=binarymime")) return true;
+        text.remove_prefix(std::min(word.size() + 1, text.size()));
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -167,7 +182,7 @@ void Dialogue::AcceptSender() {
     StripBlanks(words.data());
     const bool binary =
         std::string_view(words.c_str()).find("body=binarymime") != std::string::npos;
-    envelope_.AcceptSender(line_, senderText_, binary);
+    envelope_.AcceptSender(line_, senderText_, binary, binary && SaysBinaryBody(line_));
 }
 
 Dialogue::Line Dialogue::FilterEhloLine() {
@@ -208,6 +223,8 @@ bool Dialogue::IsOffered(std::string_view keyword) const {
     for (const std::string_view each : kNotOffered) {
         if (EqualIgnoringCase(keyword, each)) return false;
     }
+    // It promises that all of the message's way is encrypted.
+    if (EqualIgnoringCase(keyword, "requiretls") && !peers_.client.Secured()) return false;
     constexpr std::string_view kAuth = "auth";  // some servers write "AUTH=" for old clients
     const bool auth = EqualIgnoringCase(keyword.substr(0, kAuth.size()), kAuth) &&
                       (keyword.size() == kAuth.size() || keyword[kAuth.size()] == '=');

@@ -195,6 +195,11 @@ Received Reception::ReceiveChunk(const Chunk& chunk) {
         missing -= count;
         StoreLines({block.Data(), static_cast<std::size_t>(count)}, false);
         if (refusal_ == Refusal::kBareNewline) return AnswerAndEnd();
+        // A server has no more patience with a message in one chunk than with any other.
+        if (missing > 0 && IntervalOver()) {
+            if (KeepAlive(&peers_) != 0) return Abandon();
+            lastKeepAlive_ = std::chrono::steady_clock::now();
+        }
         block.GrowIfFilledBy(count);
     }
     if (chunk.last) StoreLines({}, true);

@@ -106,6 +106,18 @@ class SectionRules(Scanning):
                          "  content: drop, words: found in text, part 1\n  antispam: nothing\n")
 
 
+class RulesWithoutEngine(Scanning):
+    LATE = True
+
+    def test_messages_within_a_part_are_looked_into(self):
+        self.settings(PassWhenDown="Y", **{"Attachments/Rules/programs/FileName": "*.exe"})
+        for name, reply in (("a.exe", REJECTED), ("a.txt", QUEUED)):
+            inner = attached(archive((name, b"x")))
+            self.assertEqual(self.send(inner), reply)
+            self.assertEqual(self.send(b"Content-Type: application/octet-stream; name=m.eml\r\n"
+                                       b"Content-Transfer-Encoding: base64\r\n\r\n" + b64(inner)), reply)
+
+
 class NewInstallation(Scanning):
     def test_programs_are_kept_away(self):
         maild = [BIN + "/vtmaild", "register"]

@@ -188,6 +188,14 @@ class Verdicts(System):
                 self.assertEqual(self.server.lines[mark:], lines + ([b"DATA\r\n"] if delivered else []))
                 self.assertEqual(c.ask(b"NOOP"), b"250 ok\r\n", "replies are in step")
 
+    def test_a_sender_never_hears_of_a_dropped_message(self):
+        self.scan.answer = lambda request: verdict(2)
+        self.server.rules["RSET"] = b"554 Too many nonmail commands\r\n"
+        c = self.ready()
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 2.0.0 Ok\r\n")
+        self.assertEqual(c.reply(), b"", "the server has had enough of this session")
+        self.assertEqual(self.server.messages, [])
+
     def test_failed_scans_are_put_off_and_the_session_goes_on(self):
         answers = {"no data": b"2.0LIPCNOREPLY\0", "junk": b"junk", "no mask": b"\x10" + b"\0" * 15, "closed": None}
         for name, reply in answers.items():

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <unordered_set>
 #include <utility>
 
 #include "session/address/normalize.h"
@@ -188,10 +189,9 @@ std::string Cut(std::string_view path, bool bracketed, std::string_view lineEnd)
 class Readings {
   public:
     // The first one stays so, also if it is empty.
-    explicit Readings(std::string first) { all_.push_back(std::move(first)); }
+    explicit Readings(const std::string& first) : all_{first}, known_{first} {}
     void Add(std::string_view reading) {
-        if (!reading.empty() && std::find(all_.begin(), all_.end(), reading) == all_.end())
-            all_.emplace_back(reading);
+        if (!reading.empty() && known_.emplace(reading).second) all_.emplace_back(reading);
     }
 
     // Both readings of each separator: a mailbox in front of '@' and '%', behind '!'. The mailbox
@@ -234,7 +234,8 @@ class Readings {
         return Trim(text.substr(at + 1, end - at - 1));
     }
 
-    std::vector<std::string> all_;
+    std::vector<std::string> all_;           // in their order
+    std::unordered_set<std::string> known_;  // the same: a path may have hundreds
 };
 
 void AddPath(std::string_view path, Readings& readings) {

@@ -14,6 +14,7 @@ constexpr long long kBlockSize = 32768;
 constexpr std::string_view kRejected = "550 Rejected by Vantrel.\r\n";
 constexpr std::string_view kNotChecked =
     "451 4.3.0 Message could not be checked, try again later\r\n";
+constexpr std::string_view kDropped = "250 2.0.0 Ok\r\n";
 constexpr std::string_view kEndOfData = "\r\n.\r\n";
 // What of a large message goes out between two looks at its client.
 constexpr long long kPiece = 1 << 20;
@@ -66,7 +67,7 @@ int MessageRelay::Run(int* expectReply) {
             case SpoolFile::Found::kGone:
                 // The daemon has taken the message away: the reply to the RSET is the client's.
                 peers_.journal.message.verdict = kVerdictDrop;
-                goOn = peers_.server.Send("RSET\r\n");
+                goOn = peers_.server.Send("RSET\r\n") && AnswerDropped(expectReply);
                 break;
             case SpoolFile::Found::kUnreadable:
                 peers_.journal.message.verdict = kVerdictFailed;
@@ -98,11 +99,22 @@ bool MessageRelay::Deliver(int* expectReply) {
     if (!AddRedirects() || peers_.client.HasException()) return false;
     if ((!refused || !redirects_.empty()) && !SendMessage()) return false;
     if (!refusal_.empty()) return AnswerRefusal(expectReply);
+    if (verdict_ == VERDICT_DROP && redirects_.empty()) return AnswerDropped(expectReply);
     if (verdict_ != VERDICT_REJECT) return true;
     *expectReply = 0;
     if (!peers_.server.ReadReply(reply_)) return false;
     peers_.journal.TakeQueueId(reply_.Last());
     return Answer(peers_.Own(kRejected));
+}
+
+// The answer is the server's to the RSET. But a sender doesn't hear of a message that is dropped: a
+// server that has had enough of this session ends it with the client's next command.
+bool MessageRelay::AnswerDropped(int* expectReply) {
+    *expectReply = 0;
+    if (!peers_.server.ReadReply(reply_)) return false;
+    if (!reply_.Refuses()) return Answer(reply_.text);
+    Answer(kDropped);
+    return false;
 }
 
 // The client's answer, if it isn't the server's next reply.

@@ -30,6 +30,7 @@ class MessageRelay {
   private:
     bool Deliver(int* expectReply);
     bool AnswerFailedScan(int* expectReply);
+    bool AnswerDropped(int* expectReply);
     bool AnswerRefusal(int* expectReply);
     bool Answer(std::string_view text);
     void NoteRefusal();

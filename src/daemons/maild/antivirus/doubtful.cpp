@@ -5,6 +5,7 @@
 #include "daemons/maild/antivirus/insidepart.h"
 #include "daemons/maild/antivirus/rescue.h"
 #include "daemons/maild/attachments/names.h"
+#include "daemons/maild/attachments/spill.h"
 #include "daemons/maild/coding/readings.h"
 #include "daemons/maild/forms/blocks.h"
 #include "text/ascii.h"
@@ -46,12 +47,8 @@ bool IsSavedMail(const Part& part) {
     if (part.type.starts_with("message/") &&
         std::find(std::begin(kReports), std::end(kReports), part.type) == std::end(kReports))
         return true;
-    return std::any_of(part.names.begin(), part.names.end(), [](const std::string& name) {
-        const std::vector<std::string> readings = ReadingsOfName(name);
-        return std::any_of(readings.begin(), readings.end(), [](const std::string& each) {
-            return each.ends_with(".eml") || each.ends_with(".mht") || each.ends_with(".mhtml");
-        });
-    });
+    return std::any_of(part.names.begin(), part.names.end(),
+                       [](const std::string& name) { return CalledMessage(ReadingsOfName(name)); });
 }
 
 // Whether a line begins as the headers do that say what a body is: what has none is a text without

@@ -85,8 +85,12 @@ std::string EncryptedKind(Scratch& file) {
 }  // namespace
 
 ArchiveLooker::ArchiveLooker(const ArchiveLimits& limits, Clock::time_point end, MagicUse magic,
-                             Use use)
-    : limits_(limits), end_(end), magic_(magic), use_(std::move(use)) {}
+                             Use use, UseMessage useMessage)
+    : limits_(limits),
+      end_(end),
+      magic_(magic),
+      use_(std::move(use)),
+      useMessage_(std::move(useMessage)) {}
 
 void ArchiveLooker::Stop(const std::string& why) {
     if (tooComplex_.empty()) tooComplex_ = why;
@@ -273,7 +277,8 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
     const std::string inner = (shown.empty() ? "a file without a name" : shown) + " in " + path;
 
     // A folder may have bytes, too: it is one by what is said in one place.
-    Spill spill(CalledArchive(member.names, ""));
+    const bool message = CalledMessage(member.names);
+    Spill spill(CalledArchive(member.names, ""), message);
     const bool encrypted = archive_entry_is_encrypted(entry) > 0;
     if (encrypted) {
         NoteEncrypted(KindOf(from));
@@ -289,7 +294,14 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
     bool macros = false;
     if (!encrypted) {
         member.size = spill.Size();
-        if (Scratch* const file = spill.Finish()) macros = Look(spill, *file, inner, depth + 1);
+        if (Scratch* const file = spill.Finish()) {
+            macros = Look(spill, *file, inner, depth + 1);
+            if (message && going_) {
+                // It may hold large archives itself: nobody waits for a place while he has one.
+                place_.GiveBack();
+                useMessage_(file->Rewind(), inner);
+            }
+        }
         lookedInto_ = spill.Type().BeginsArchive() == RealType::Sure::kYes;
         member.types = spill.Type().Types(magic_);
         if (macros) member.types.emplace_back("application/x-office-macros");

@@ -24,8 +24,13 @@ class ArchiveLooker {
     // Told of each file, `path` for people: "a.exe in b.zip in c.zip".
     using Use = std::function<void(const Attachment& file, const std::string& path)>;
 
+    // Gets the descriptor of a file that is called a message.
+    using UseMessage = std::function<void(int file, const std::string& path)>;
+
     // `magic`: what libmagic is asked about.
-    ArchiveLooker(const ArchiveLimits& limits, Clock::time_point end, MagicUse magic, Use use);
+    ArchiveLooker(
+        const ArchiveLimits& limits, Clock::time_point end, MagicUse magic, Use use,
+        UseMessage useMessage = [](int, const std::string&) {});
 
     // `file` is what a Finish gave. `path` is what it is called, for people. True if there is an
     // Office document with macros by what lies in it.
@@ -67,6 +72,7 @@ class ArchiveLooker {
     const Clock::time_point end_;
     const MagicUse magic_;
     const Use use_;
+    const UseMessage useMessage_;
     long long packed_ = 0;  // bytes of the archives themselves, the outermost ones
     long long bytes_ = 0;
     LargePlace place_;

@@ -9,6 +9,7 @@
 #include "daemons/maild/attachments/zipheaders.h"
 #include "daemons/maild/forms/blocks.h"
 #include "daemons/maild/verdict/ruled.h"
+#include "daemons/maild/walk/walk.h"
 
 namespace maild {
 
@@ -17,6 +18,7 @@ namespace {
 // Of parts that are read in several ways, all of them together.
 constexpr long long kMostDecodedAgain = 256LL << 20;
 constexpr std::size_t kMostFindings = 100;
+constexpr int kMostNesting = 3;
 
 bool ShowsOtherThanText(const RealType& type) {
     return type.BeginsArchive() == RealType::Sure::kYes || type.IsProgram() ||
@@ -59,11 +61,15 @@ std::string Shown(const Part& part) {
 }  // namespace
 
 AttachmentFilter::AttachmentFilter(const AttachmentRules& rules,
-                                   ArchiveLooker::Clock::time_point end)
+                                   ArchiveLooker::Clock::time_point end, int nesting)
     : rules_(rules),
+      end_(end),
+      nesting_(nesting),
       magic_(rules.AskForMagic()),
-      archives_(rules.archives, end, magic_,
-                [this](const Attachment& file, const std::string& path) { Ask(file, path); }) {}
+      archives_(
+          rules.archives, end, magic_,
+          [this](const Attachment& file, const std::string& path) { Ask(file, path); },
+          [this](int file, const std::string& path) { LookWithin(file, path); }) {}
 
 void AttachmentFilter::Begin(const Part& part) {
     leaf_.reset();
@@ -207,7 +213,8 @@ void AttachmentFilter::LookAtHidden(int file) {
     const std::string name = named ? text_->Names().back() : "";
     if (named) askedByName_.insert(name);
     Attachment attachment{ReadingsOfName(name), std::nullopt, {}, 0};
-    Spill spill(CalledArchive(attachment.names, ""));
+    const bool message = CalledMessage(attachment.names);
+    Spill spill(CalledArchive(attachment.names, ""), message);
     const bool read = ReadBlocks(file, 0, [&](std::string_view text, off_t) {
         spill.Write(text);
         return true;
@@ -215,12 +222,38 @@ void AttachmentFilter::LookAtHidden(int file) {
     if (!read) tooComplex_ = "a file in a part can't be read";
     const std::string shown = (name.empty() ? "a file" : name) + " in " + Shown(*part_);
     bool macros = false;
-    if (Scratch* const kept = spill.Finish()) macros = archives_.Look(spill, *kept, shown);
+    if (Scratch* const kept = spill.Finish()) {
+        macros = archives_.Look(spill, *kept, shown);
+        if (message) LookWithin(kept->Rewind(), shown);
+    }
     if (spill.Type().OfficeEncrypted()) archives_.NoteEncrypted("Office");
     attachment.types = spill.Type().Types(magic_);
     if (macros) attachment.types.emplace_back("application/x-office-macros");
     attachment.size = spill.Size();
     Ask(attachment, shown);
+}
+
+// What a message has that is a file in the part that is open: it counts as that part's.
+void AttachmentFilter::LookWithin(int file, const std::string& path) {
+    if (nesting_ >= kMostNesting) {
+        tooComplex_ = "messages in files of messages, too many of them in each other";
+        return;
+    }
+    AttachmentFilter inner(rules_, end_, nesting_ + 1);
+    WalkLimits limits;
+    limits.end = end_;
+    PartSink* const sinks[] = {&inner};
+    const WalkResult walk = WalkMessage(file, Dots::kPlain, limits, sinks);
+    for (Finding found : inner.Findings()) {
+        if (findings_.size() >= kMostFindings && !Counts(found.action)) continue;
+        found.part = part_->place;
+        found.reason += " in " + path;
+        findings_.push_back(std::move(found));
+    }
+    if (const std::string& kind = inner.Encrypted(); !kind.empty())
+        archives_.NoteEncrypted(kind.substr(kind.find('.') + 1));
+    if (tooComplex_.empty()) tooComplex_ = inner.TooComplex();
+    if (tooComplex_.empty() && walk.end != WalkEnd::kWhole) tooComplex_ = walk.why;
 }
 
 bool AttachmentFilter::Counts(Action action) const {

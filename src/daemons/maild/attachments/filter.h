@@ -24,8 +24,10 @@ namespace maild {
 
 class AttachmentFilter final : public PartSink {
   public:
-    // The rules outlive it. It may see several walks of one message.
-    AttachmentFilter(const AttachmentRules& rules, ArchiveLooker::Clock::time_point end);
+    // The rules outlive it. It may see several walks of one message. `nesting`: in so many messages
+    // that are files of others.
+    AttachmentFilter(const AttachmentRules& rules, ArchiveLooker::Clock::time_point end,
+                     int nesting = 0);
 
     void Begin(const Part& part) override;
     void Data(std::span<const std::byte> bytes) override;
@@ -45,6 +47,7 @@ class AttachmentFilter final : public PartSink {
     void Look(Spill& spill, const Part& part);
     void LookAtReadings(const Part& part);
     void LookAtHidden(int file);
+    void LookWithin(int file, const std::string& path);
     void BeginHidden(const Part& part);
     void WriteText(std::string_view text);
     void EndText();
@@ -52,6 +55,8 @@ class AttachmentFilter final : public PartSink {
     bool Counts(Action action) const;
 
     const AttachmentRules& rules_;
+    const ArchiveLooker::Clock::time_point end_;
+    const int nesting_;
     const MagicUse magic_;
     ArchiveLooker archives_;
     std::optional<Questions> hidden_;  // files in parts, which are asked about like others

@@ -29,6 +29,13 @@ bool CalledArchive(const std::vector<std::string>& names, std::string_view decla
             }));
 }
 
+bool CalledMessage(const std::vector<std::string>& names) {
+    return std::any_of(names.begin(), names.end(), [](const std::string& name) {
+        return name.ends_with(".eml") || name.ends_with(".mht") || name.ends_with(".mhtml") ||
+               name.ends_with(".nws");
+    });
+}
+
 void Spill::Write(std::string_view bytes) {
     const std::size_t before = type_.Head().size();
     type_.Write(bytes);

@@ -258,6 +258,24 @@ TEST(Attachments, RealTypes) {
 }
 
 // What readers take out of a text, or of the form in which one program sends attachments.
+std::string Uuencode(const std::string& bytes) {
+    std::string text;
+    for (std::size_t at = 0; at < bytes.size(); at += 45) {
+        std::string line = bytes.substr(at, 45);
+        text += static_cast<char>(' ' + line.size());
+        line.resize((line.size() + 2) / 3 * 3);
+        for (std::size_t i = 0; i < line.size(); i += 3) {
+            unsigned group = 0;
+            for (std::size_t k = 0; k < 3; ++k)
+                group = group << 8 | static_cast<unsigned char>(line[i + k]);
+            for (const int shift : {18, 12, 6, 0})
+                text += static_cast<char>(' ' + static_cast<int>(group >> shift & 0x3F));
+        }
+        text += '\n';
+    }
+    return text;
+}
+
 TEST(Attachments, FilesWithinAPart) {
     const AttachmentRules rules{
         {Rule("name", "*.exe"), Rule("type", "", "", "application/x-dosexec")}, {}};
@@ -282,6 +300,10 @@ TEST(Attachments, FilesWithinAPart) {
                      rules),
               "type 1 a part of type application/x-y; name 1 a.exe in a part of type "
               "application/x-y; ");
+    EXPECT_EQ(
+        Filter("Subject: a\n\nbegin 644 m.eml\n" + Uuencode(Mail({{"a.exe", "x"}})) + "`\nend\n",
+               rules),
+        "name 1 a.exe in m.eml in a part of type text/plain; ");
     const auto number = [](std::size_t value) {
         std::string bytes;
         for (int i = 0; i < 4; ++i) bytes += static_cast<char>(value >> (8 * i) & 0xFF);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "daemons/statd/report/query.h"
+#include "daemons/statd/report/table.h"
 #include "daemons/statd/store/keep.h"
 #include "daemons/statd/store/recorder.h"
 #include "daemons/statd/store/writer.h"
@@ -59,6 +60,34 @@ TEST_F(Written, DaysAreCutAtMidnightAndCountsAddUp) {
     EXPECT_EQ(report.codes.back().code, 7) << "an unknown code is shown as it came";
     EXPECT_EQ(Read(kDay, kDay).totals.Total(), 1) << "the last day counts whole, no more";
     EXPECT_EQ(Read(kDay + 2, kDay + 3).totals.Total(), 0);
+}
+
+// Of each verdict one message of 100 bytes, and one event that nobody knows.
+TEST_F(Written, EveryVerdictIsAMessageAndHasAGroupAndAName) {
+    Writer writer(*database_);
+    std::vector<Record> records{MakeRecord(kNoon, 4711)};
+    for (const StatEvent& event : kStatEvents) records.push_back(MakeRecord(kNoon, event.code));
+    ASSERT_TRUE(writer.Write(records));
+    // What a version that knew no such verdict has counted.
+    ASSERT_TRUE(database_->Execute("INSERT INTO hours VALUES(480001, 109, 2, 0)"));
+    const Report report = Read(kDay, kDay);
+    const Counts& totals = report.totals;
+    EXPECT_EQ(totals.Messages(), 20);
+    EXPECT_EQ(totals.Infected(), 4);
+    EXPECT_EQ(totals.Bytes(), 1800);
+    EXPECT_EQ(totals.Total(), 24);
+    EXPECT_EQ(totals.events[kStatOtherGroup], 1);
+    const std::pair<std::int32_t, std::int64_t> groups[] = {
+        {109, 4}, {132, 4}, {108, 2}, {120, 2}, {121, 2}, {122, 2}, {110, 1},
+        {130, 1}, {131, 1}, {133, 1}, {0, 1},   {104, 1}, {80, 1}};
+    for (const auto& [code, count] : groups)
+        EXPECT_EQ(totals.events[StatGroup(code)], count) << code;
+    ASSERT_EQ(report.codes.size(), std::size(kStatEvents) + 1);
+    for (const CodeCount& each : report.codes) {
+        EXPECT_EQ(each.events, each.code == kStatQuarantined ? 3 : 1) << each.code;
+        EXPECT_EQ(each.bytes, each.code >= 100 && each.code < 4711 ? 100 : 0) << each.code;
+        EXPECT_EQ(CodeName(each.code).starts_with("Event "), each.code == 4711) << each.code;
+    }
 }
 
 TEST_F(Written, NamesAreOrderedAndTheRestIsAddedUp) {

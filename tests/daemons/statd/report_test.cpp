@@ -143,19 +143,24 @@ TEST_F(Page, EmptyAndFilled) {
     Writer writer(*database_);
     Record record = MakeRecord(kNoon, kStatInfectedRefused, "u@<img src=x>", "r@rcpt.example");
     record.label = "Sig<b>";
-    ASSERT_TRUE(writer.Write(
-        std::vector<Record>{record, MakeRecord(kNoon - 2 * kHourSeconds, kStatPeerDenied),
-                            MakeRecord(kNoon - 20 * kDaySeconds, kStatClean),
-                            MakeRecord(kNoon - 29 * kDaySeconds, 104)}));
+    ASSERT_TRUE(writer.Write(std::vector<Record>{
+        record, MakeRecord(kNoon - 2 * kHourSeconds, kStatPeerDenied),
+        MakeRecord(kNoon - 20 * kDaySeconds, kStatClean), MakeRecord(kNoon - 29 * kDaySeconds, 104),
+        MakeRecord(kNoon, kStatQuarantined),
+        MakeRecord(kNoon - 29 * kDaySeconds, kStatSpamQuarantined)}));
     page = OverviewPage(*reader, {}, kNoon, "nonce");
     ASSERT_TRUE(page);
-    for (const char* expected :
-         {"<th scope=\"row\">Messages</th><td>1</td><td>1</td><td>3</td>",
-          "<th scope=\"row\">Peer denied</th><td>1</td>", "<title>12, Infected, refused 1</title>",
-          "<title>10, Peer denied 1</title>", "<title>09-05, Not scanned, put off 1</title>",
-          "&lt;img src=x&gt;", "Sig&lt;b&gt;", "rcpt.example"}) {
+    for (const char* expected : {"<th scope=\"row\">Messages</th><td>2</td><td>2</td><td>5</td>",
+                                 "<th scope=\"row\">Quarantined</th><td>1</td><td>1</td><td>2</td>",
+                                 "<th scope=\"row\">Peer denied</th><td>1</td>",
+                                 "<title>12, Infected, refused 1, Quarantined 1</title>",
+                                 "<title>10, Peer denied 1</title>",
+                                 "<title>09-05, Not scanned, put off 1, Quarantined 1</title>",
+                                 "&lt;img src=x&gt;", "Sig&lt;b&gt;", "rcpt.example"}) {
         EXPECT_NE(page->find(expected), std::string::npos) << expected;
     }
+    for (std::size_t group = 0; group < kStatOtherGroup; ++group)
+        EXPECT_NE(page->find(".s" + std::to_string(group) + " { fill"), std::string::npos) << group;
     EXPECT_EQ(page->find("<img"), std::string::npos);
     EXPECT_EQ(page->find("http://"), std::string::npos) << "nothing from elsewhere";
     EXPECT_EQ(page->find("https://"), std::string::npos);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <span>
 
 #include "daemons/statd/store/text.h"
 #include "platform/clock.h"
@@ -39,10 +40,11 @@ std::string GroupSums() {
             sql += std::string(", ifnull(sum(") + column + ") FILTER (WHERE event " + condition +
                    "), 0)";
     };
-    for (const StatEvent& event : kStatEvents) {
-        const std::string code = std::to_string(event.code);
-        add("= " + code);
-        known += (known.empty() ? "" : ", ") + code;
+    for (const StatColumn& column : kStatColumns) {
+        std::string codes = std::to_string(column.code);
+        if (column.also != 0) codes += ", " + std::to_string(column.also);
+        add("IN (" + codes + ")");
+        known += (known.empty() ? "" : ", ") + codes;
     }
     add("NOT IN (" + known + ")");
     return sql;
@@ -68,7 +70,11 @@ void Counts::Add(const Counts& other) {
 std::int64_t Counts::Total() const { return Sum(events, 0, kStatGroups); }
 std::int64_t Counts::Messages() const { return Sum(events, 0, kStatVerdicts); }
 std::int64_t Counts::Infected() const {
-    return Sum(events, StatGroup(kStatInfectedRefused), StatGroup(kStatInfectedRedirected) + 1);
+    std::int64_t infected = 0;
+    for (std::size_t i = 0; i < kStatOtherGroup; ++i) {
+        if (IsStatInfected(kStatColumns[i].code)) infected += events[i];
+    }
+    return infected;
 }
 std::int64_t Counts::Bytes() const { return Sum(bytes, 0, kStatGroups); }
 
@@ -109,12 +115,8 @@ bool ReportReader::ReadDays(Report& report) {
 }
 
 bool ReportReader::ReadCodes(Report& report) {
-    for (const StatEvent& event : kStatEvents) {
-        const std::size_t group = StatGroup(event.code);
-        report.codes.push_back(
-            {event.code, report.totals.events[group], report.totals.bytes[group]});
-    }
-    if (report.totals.events[kStatOtherGroup] == 0) return true;
+    for (const StatEvent& event : std::span(kStatEvents).first<kStatAlways>())
+        report.codes.push_back({event.code, 0, 0});
     Statement codes = database_->Prepare(
         "SELECT event, sum(count), sum(bytes) FROM hours"
         " WHERE hour BETWEEN ? AND ? GROUP BY event ORDER BY event");
@@ -122,8 +124,16 @@ bool ReportReader::ReadCodes(Report& report) {
     codes.Bind(1, report.firstDay * kHoursADay);
     codes.Bind(2, report.lastDay * kHoursADay + kHoursADay - 1);
     while (codes.Row()) {
-        if (StatGroup(codes.Number(0)) == kStatOtherGroup)
-            report.codes.push_back({codes.Number(0), codes.Number(1), codes.Number(2)});
+        const CodeCount count{codes.Number(0), codes.Number(1), codes.Number(2)};
+        const auto end = report.codes.begin() + kStatAlways;
+        const auto place = std::find_if(report.codes.begin(), end, [&](const CodeCount& each) {
+            return each.code == count.code;
+        });
+        if (place == end) {
+            report.codes.push_back(count);
+        } else {
+            *place = count;
+        }
     }
     return !codes.Failed();
 }

@@ -52,7 +52,7 @@ struct Report {
     std::int64_t lastDay = 0;  // inclusive
     std::int64_t made = 0;     // UTC seconds
     Counts totals;
-    std::vector<CodeCount> codes;   // every known code, then the others that came
+    std::vector<CodeCount> codes;   // the first kStatAlways, then the others that came
     std::vector<NamedCounts> days;  // those with events
     std::vector<NameList> lists;
 };

@@ -30,8 +30,10 @@ Table CountTable(const char* title, const char* heading, const std::vector<Named
 }  // namespace
 
 std::string CodeName(std::int64_t code) {
-    const std::size_t group = StatGroup(code);
-    return group == kStatOtherGroup ? "Event " + std::to_string(code) : StatGroupName(group);
+    for (const StatEvent& event : kStatEvents) {
+        if (event.code == code) return event.name;
+    }
+    return "Event " + std::to_string(code);
 }
 
 std::vector<Table> MakeTables(const Report& report) {

@@ -23,10 +23,6 @@ std::string InsertSql() {
     return columns + values + ")";
 }
 
-bool IsInfected(std::int64_t event) {
-    return event >= kStatInfectedRefused && event <= kStatInfectedRedirected;
-}
-
 }  // namespace
 
 Writer::Writer(Database& database, std::size_t namesADay)
@@ -82,7 +78,7 @@ void Writer::Count(const Record& record) {
         for (std::string& domain : DomainsOf(*record.recipients, kDomainsARecord))
             CountName(Kind::kRecipientDomain, day, std::move(domain), event, bytes);
     }
-    if (IsInfected(event) && record.label && !record.label->empty())
+    if (IsStatInfected(event) && record.label && !record.label->empty())
         CountName(Kind::kSignature, day, CleanText(*record.label, kNameLimit), event, bytes);
 }
 

@@ -12,13 +12,15 @@ namespace {
 constexpr char kStyle[] = R"css(
 :root { color-scheme: light dark; --back: #f6f7f9; --card: #fff; --ink: #1b1f26; --dim: #5b6472;
   --line: #d9dde3; --s0: #2a78d6; --s1: #d0353b; --s2: #d97706; --s3: #8250df; --s4: #6b7280;
-  --s5: #84602a; --s6: #0f766e; --s7: #a16207; --s8: #be185d;
-  --s9: #4d7c0f; --s10: #0369a1; }
+  --s5: #84602a; --s6: #0f766e; --s7: #a16207; --s8: #7f1d1d; --s9: #1e3a8a; --s10: #9d174d;
+  --s11: #c026d3; --s12: #15803d; --s13: #65a30d; --s14: #0891b2; --s15: #be185d;
+  --s16: #4d7c0f; --s17: #0369a1; }
 @media (prefers-color-scheme: dark) {
   :root { --back: #14171c; --card: #1d2129; --ink: #e7eaf0; --dim: #a3acba; --line: #363c47;
     --s0: #5b9df0; --s1: #f0686d; --s2: #f2a33c; --s3: #b08cff; --s4: #9aa3b2; --s5: #c9a06a;
-    --s6: #3fbfae; --s7: #d9b64a; --s8: #f07ab0;
-    --s9: #a3c957; --s10: #58b7e8; } }
+    --s6: #3fbfae; --s7: #d9b64a; --s8: #f9a8a8; --s9: #93a8f5; --s10: #e879a6; --s11: #e48af0;
+    --s12: #5fcf83; --s13: #b7dd5a; --s14: #4fd0e4; --s15: #f07ab0;
+    --s16: #a3c957; --s17: #58b7e8; } }
 * { box-sizing: border-box; }
 body { margin: 0; background: var(--back); color: var(--ink);
   font: 16px/1.45 system-ui, -apple-system, "Segoe UI", "DejaVu Sans", sans-serif; }
@@ -46,6 +48,9 @@ svg.plot line.base { stroke: var(--dim); }
 .s0 { fill: var(--s0); } .s1 { fill: var(--s1); } .s2 { fill: var(--s2); } .s3 { fill: var(--s3); }
 .s4 { fill: var(--s4); } .s5 { fill: var(--s5); } .s6 { fill: var(--s6); } .s7 { fill: var(--s7); }
 .s8 { fill: var(--s8); } .s9 { fill: var(--s9); } .s10 { fill: var(--s10); }
+.s11 { fill: var(--s11); } .s12 { fill: var(--s12); } .s13 { fill: var(--s13); }
+.s14 { fill: var(--s14); } .s15 { fill: var(--s15); } .s16 { fill: var(--s16); }
+.s17 { fill: var(--s17); }
 .scroll { overflow-x: auto; }
 .glance .scroll { max-width: 720px; }
 table { border-collapse: collapse; width: 100%; font-size: .9rem; }
@@ -68,11 +73,11 @@ select, button { font: inherit; font-size: .95rem; color: inherit; background: v
   border: 1px solid var(--line); border-radius: 6px; padding: 6px 10px; }
 input { font: inherit; font-size: .95rem; color: inherit; background: var(--back);
   border: 1px solid var(--line); border-radius: 6px; padding: 6px 10px; width: min(70vw, 26rem); }
-a { color: var(--s10); }
+a { color: var(--s17); }
 :focus-visible { outline: 2px solid var(--s0); outline-offset: 2px; }
 summary { cursor: pointer; color: var(--dim); font-size: .875rem; padding: 4px 0; }
 .state { border-left-width: 6px; } .state h2 { margin: 0; } .state p { margin: 2px 0 0; }
-.good { border-left-color: var(--s9); } .bad { border-left-color: var(--s1); }
+.good { border-left-color: var(--s16); } .bad { border-left-color: var(--s1); }
 dl.story { grid-template-columns: repeat(auto-fit, minmax(min(100%, 200px), 1fr)); }
 dl.story dd { font-size: .95rem; overflow-wrap: anywhere; }
 pre { margin: 0; white-space: pre-wrap; overflow-wrap: anywhere; font-size: .875rem; }

@@ -8,7 +8,7 @@ namespace {
 
 constexpr char kFieldMark = '\x1F';
 constexpr char kEndMark = '\x1E';
-constexpr char kKinds[] = {'s', 'm'};  // by LogLineKind
+constexpr char kKinds[] = {'s', 'm', 'k'};  // by LogLineKind
 
 constexpr bool IsReserved(char c) { return c == '\0' || c == kFieldMark || c == kEndMark; }
 
@@ -21,11 +21,13 @@ void AppendNumber(std::string& out, std::int64_t value) {
 }  // namespace
 
 const char* LogLineWord(LogLineKind kind) {
+    if (kind == LogLineKind::kQuarantine) return "quarantine";
     return kind == LogLineKind::kSession ? "session" : "message";
 }
 
 std::span<const LogLineField> LogLineFields(LogLineKind kind) {
     if (kind == LogLineKind::kSession) return kSessionLineFields;
+    if (kind == LogLineKind::kQuarantine) return kQuarantineLineFields;
     return kMessageLineFields;
 }
 

@@ -1,9 +1,10 @@
-// The line of the log for one session or one message, as it goes to vtlogd: the names and the order
-// of its fields, which are those of the log, and its form on the way.
+// The line of the log for one session, one message, or what a person has done with a message in the
+// quarantine, as it goes to vtlogd: the names and the order of its fields, which are those of the
+// log, and its form on the way.
 //
-// Form: 's' or 'm' (session, message), the time in milliseconds since 1970, then each of the kind's
-// fields behind a 0x1F, and 0x1E at the end. An event holds any number of lines. Bytes of a value
-// that would be one of these, or zero, are '?'.
+// Form: 's', 'm' or 'k' (session, message, one that was kept), the time in milliseconds since 1970,
+// then each of the kind's fields behind a 0x1F, and 0x1E at the end. An event holds any number of
+// lines. Bytes of a value that would be one of these, or zero, are '?'.
 #pragma once
 
 #include <cstdint>
@@ -52,9 +53,12 @@ inline constexpr LogLineField kSessionLineFields[] = {
     {"session"}, {"peer"},           {"told_by"}, {"helo"},
     {"tls"},     {"messages", true}, {"ended"},   {"duration_ms", true},
 };
+inline constexpr LogLineField kQuarantineLineFields[] = {
+    {"id"}, {"act"}, {"result"}, {"by"}, {"through"}, {"from"}, {"to"}, {"reply"},
+};
 
-enum class LogLineKind { kSession, kMessage };
-// "session" or "message".
+enum class LogLineKind { kSession, kMessage, kQuarantine };
+// "session", "message" or "quarantine".
 const char* LogLineWord(LogLineKind kind);
 std::span<const LogLineField> LogLineFields(LogLineKind kind);
 

@@ -37,10 +37,10 @@ const Usage kUsage{
     "       vtlog --help | --version\n"
     "`find` prints the lines of the log that have all that is asked for, the oldest first;\n"
     "`follow` those that come from now on. ADDRESS of --from and --to may be @DOMAIN, that of\n"
-    "--peer a network. ID: a message's, or a session's for it and all its messages. WORD:\n"
-    "forward, reject, drop, failed or none. TIME: 2026-01-31, 2026-01-31T23:59:59 (UTC), or how\n"
-    "long ago: 30m, 2h, 3d. Exit code: 0 something was found, 1 nothing, 2 wrong words, 3 the log\n"
-    "can't be read.\n"};
+    "--peer a network. ID: a message's, a session's for it and all its messages, or that of the\n"
+    "quarantine, for what people did with a message there. WORD: forward, reject, drop, failed or\n"
+    "none. TIME: 2026-01-31, 2026-01-31T23:59:59 (UTC), or how long ago: 30m, 2h, 3d. Exit code: 0\n"
+    "something was found, 1 nothing, 2 wrong words, 3 the log can't be read.\n"};
 
 struct Options {
     bool follow = false;
@@ -91,7 +91,7 @@ std::optional<int> TakeOption(int which, const char* word, Options& options) {
             filter.to = WithoutBrackets(optarg);
             break;
         case 'i':
-            filter.id = LowerCase(WithoutBrackets(optarg));
+            filter.id = WithoutBrackets(optarg);
             break;
         case 'v':
             filter.verdict = LowerCase(optarg);

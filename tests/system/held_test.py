@@ -2,9 +2,13 @@
 
 import base64
 import json
+import os
+import pwd
 import re
+import signal
 import subprocess
 import tempfile
+import time
 import unittest
 import urllib.error
 import urllib.parse
@@ -124,6 +128,48 @@ class Held(unittest.TestCase):
         self.assertEqual(self.ask("/quarantine/" + other, {"action": "delete", "token": token})[0], 303)
         self.assertEqual(self.state(other), "gone")
         self.assertEqual(self.ask("/quarantine/" + other, {"action": "delete", "token": token})[0], 404)
+
+    def lines(self, which):
+        """Of a message, in the log: what was done with it, without the time."""
+        done = subprocess.run([BIN + "/vtlog", "find", "--id", which, "--json"], env=self.proxy.env, text=True, capture_output=True)
+        return [{name: value for name, value in json.loads(line).items() if name != "time"} for line in done.stdout.splitlines()]
+
+    def line(self, which, **fields):
+        return {"event": "quarantine", "id": which, "act": "release", "result": "done", "through": "page", "by": "ann",
+                "from": "s@example.org", "to": "r@example.org", "reply": "250 queued", **fields}
+
+    def test_what_is_done_is_in_the_log(self):
+        logger = self.proxy.logger()
+        which, other = self.hold(), self.hold()
+        person = {"through": "vtquarantine", "by": not os.getuid() and os.environ.get("SUDO_USER") or pwd.getpwuid(os.getuid()).pw_name}
+        release = [BIN + "/vtquarantine", "release", which, "--to"]
+        self.server.rules["RCPT"] = b"550 no \"such\" one\r\n"
+        subprocess.run(release + ["a@example.org"], env=self.proxy.env, capture_output=True)
+        self.server.rules.update(RCPT=b"250 ok\r\n", END=b"250 queued\r\n")
+        subprocess.run(release + ["b@example.org"], env=self.proxy.env, capture_output=True, check=True)
+        expected = [self.line(which, **person, result="failed", to="a@example.org", reply='a@example.org: 550 no "such" one'),
+                    self.line(which, **person, to="b@example.org")]
+        self.assertTrue(wait_until(lambda: len(self.lines(which)) == 2), self.proxy.log())
+        self.assertEqual(self.lines(which), expected)
+        self.ask("/quarantine/" + other, {"action": "release", "token": self.token(other)})
+        self.assertTrue(wait_until(lambda: self.state(other) == "released"))
+        self.ask("/quarantine/" + other, {"action": "delete", "token": self.token(other)})
+        expected = [self.line(other), self.line(other, act="delete", reply="")]
+        self.assertTrue(wait_until(lambda: len(self.lines(other)) == 2), self.proxy.log())
+        self.assertEqual(self.lines(other), expected)
+        self.assertIn("event=quarantine id=%s act=delete result=done by=ann through=page " % other, self.proxy.log())
+        subprocess.run([BIN + "/vtquarantine", "delete", which, "nothing"], env=self.proxy.env, capture_output=True)
+        self.assertTrue(wait_until(lambda: len(self.lines(which)) == 3), self.proxy.log())
+        self.assertEqual(self.lines(which)[-1], self.line(which, **person, act="delete", reply=""))
+        self.assertEqual(self.lines("nothing"), [])
+        # Nobody waits for one that hangs, or is not there.
+        for number in (signal.SIGSTOP, signal.SIGKILL):
+            which = self.hold()
+            logger.send_signal(number)
+            begin = time.monotonic()
+            subprocess.run([BIN + "/vtquarantine", "delete", which], env=self.proxy.env, check=True, timeout=30)
+            self.assertLess(time.monotonic() - begin, 5, number)
+            self.assertEqual(self.state(which), "gone")
 
     def test_a_stop_waits_for_no_server(self):
         which = self.hold()

@@ -10,6 +10,8 @@
 #include "daemons/logd/reader/times.h"
 #include "daemons/quarantine/outward/release.h"
 #include "daemons/quarantine/outward/show.h"
+#include "logclient/logclient.h"
+#include "platform/account.h"
 #include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/home.h"
@@ -244,13 +246,13 @@ int Show(quarantine::Quarantine& store, const Options& options) {
     return Finish(Print(EntryAsText(*message) + "\n" + MessageAsText(file), false));
 }
 
-int ReleaseAll(quarantine::Quarantine& store, const Options& options) {
+int ReleaseAll(quarantine::Quarantine& store, const Options& options, const Actor& actor) {
     std::string said;
     const std::optional<Destination> destination = DestinationOf(options.interface, said);
     if (!destination) return Fail(said);
     int code = kExitFine;
     for (const std::string& id : options.ids) {
-        if (Release(store, id, options.to, options.again, *destination, said)) {
+        if (Release(store, id, options.to, options.again, *destination, actor, said)) {
             std::printf("%s: released, the server said: %s\n", CleanText(id).c_str(), said.c_str());
         } else {
             code = Fail(std::string(id).append(": not released: ").append(said));
@@ -260,11 +262,11 @@ int ReleaseAll(quarantine::Quarantine& store, const Options& options) {
     return code;
 }
 
-int DeleteAll(quarantine::Quarantine& store, const Options& options) {
+int DeleteAll(quarantine::Quarantine& store, const Options& options, const Actor& actor) {
     int code = kExitFine;
     for (const std::string& id : options.ids) {
         std::string complaint;
-        if (!store.Delete(id, complaint)) code = Fail(complaint);
+        if (!Delete(store, id, actor, complaint)) code = Fail(complaint);
     }
     return code;
 }
@@ -280,11 +282,22 @@ int Expire(quarantine::Quarantine& store, const Options& options) {
     return *count == 0 ? kExitNothing : kExitFine;
 }
 
-int Run(const Options& options) {
+// What leaves a line in the log. One that nobody takes is given up at once, or after two seconds
+// where vtlogd hangs.
+int RunLogged(quarantine::Quarantine& store, const Options& options, const std::string& person) {
+    const Actor actor{person, kUsage.program};
+    LogClientInit("Vantrel Quarantine", kLocalStore);
+    const int code = options.command == "release" ? ReleaseAll(store, options, actor)
+                                                  : DeleteAll(store, options, actor);
+    LogClientUninit();
+    return code;
+}
+
+int Run(const Options& options, const std::string& person) {
     quarantine::Quarantine store;
     if (options.command == "show") return Show(store, options);
-    if (options.command == "release") return ReleaseAll(store, options);
-    if (options.command == "delete") return DeleteAll(store, options);
+    if (options.command == "release" || options.command == "delete")
+        return RunLogged(store, options, person);
     if (options.command == "expire") return Expire(store, options);
     return List(store, options);
 }
@@ -295,11 +308,12 @@ int main(int argc, char** argv) {
     if (const std::optional<int> code = AnswerHelp(kUsage, argc, argv)) return *code;
     Options options;
     if (const std::optional<int> code = ParseArguments(argc, argv, options)) return *code;
+    const std::string person = platform::PersonName();
     platform::HoldSignals();
     platform::ReleaseSignals();
     if (const std::string why = platform::WhyNoHome(); !why.empty()) return Fail(why);
     if (TrelisInit2() != 0) return Fail("can't open the configuration");
-    const int code = Run(options);
+    const int code = Run(options, person);
     TrelisUninit();
     return code;
 }

@@ -92,8 +92,9 @@ TEST(LogLine, WhatCannotBeReadStays) {
     const std::string good = SessionLine("me");
     for (const std::string& bad :
          {std::string("x"), std::string("\x1e"), std::string("q1\x1f\x1e"),
-          std::string("s\x1f\x1e"), std::string("s12\x1e"), good.substr(0, good.size() - 1),
-          "m" + good.substr(1), "s1\x1f" + good.substr(good.find('\x1f'))}) {
+          std::string("k1\x1f\x1e"), std::string("s\x1f\x1e"), std::string("s12\x1e"),
+          good.substr(0, good.size() - 1), "m" + good.substr(1),
+          "s1\x1f" + good.substr(good.find('\x1f'))}) {
         std::string_view rest = bad;
         LogLineReader reader;
         EXPECT_FALSE(reader.Next(rest));

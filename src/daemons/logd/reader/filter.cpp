@@ -29,7 +29,11 @@ bool LogFilter::Fits(const LogRecord& record) const {
         const std::string* value = record.Find(name);
         return value != nullptr && *value == wanted;
     };
-    if (!id.empty() && !is("id", id) && !is("session", id)) return false;
+    const auto names = [&](std::string_view name) {
+        const std::string* value = record.Find(name);
+        return value != nullptr && EqualIgnoringCase(*value, id);
+    };
+    if (!id.empty() && !names("id") && !names("session")) return false;
     if (!verdict.empty() && !is("verdict", verdict)) return false;
     const std::string* value = nullptr;
     if (!from.empty() && ((value = record.Find("from")) == nullptr || !IsAddress(*value, from)))

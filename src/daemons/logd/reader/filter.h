@@ -12,7 +12,9 @@
 struct LogFilter {
     std::string from;  // without regard to case; @DOMAIN: any of that domain
     std::string to;    // the same, one of the recipients
-    std::string id;    // of a message, or of a session: it and its messages
+    // Without regard to case: of a message, in the quarantine, or of a session: it and its
+    // messages.
+    std::string id;
     std::string verdict;
     std::optional<IpNetwork> peer;
     std::optional<std::int64_t> since;  // as LogRecord::at; included

@@ -31,6 +31,39 @@ std::string HeloOf(const std::string& name) {
     return "[" + (name.empty() ? "127.0.0.1" : name) + "]";
 }
 
+bool SendKept(quarantine::Quarantine& store, const quarantine::KeptMessage& message,
+              const std::string& to, bool again, const Destination& destination,
+              std::string& said) {
+    const std::string& id = message.id;
+    Letter letter;
+    letter.sender = Mailbox(message.sender);
+    letter.recipients =
+        to.empty() ? SplitRecipients(message.recipients) : std::vector<std::string>{to};
+    letter.header = "X-Vantrel-Released: " + id;
+    if (letter.recipients.empty()) {
+        said = "it has no recipients";
+        return false;
+    }
+    const platform::File file = store.Claim(id, again, said);
+    if (!file) return false;
+    letter.message = &file;
+    std::string complaint;
+    switch (SendLetter(destination, letter, said)) {
+        case Sent::kTaken:
+            if (!store.EndRelease(id, true, complaint))
+                said += "; the server has it, but that can't be noted: " + complaint;
+            return true;
+        case Sent::kRefused:
+            if (!store.EndRelease(id, false, complaint))
+                said += "; its state can't be put back: " + complaint;
+            return false;
+        case Sent::kUnknown:
+            said += "; the server may have it: --again sends it once more";
+            return false;
+    }
+    return false;
+}
+
 }  // namespace
 
 std::optional<Destination> DestinationOf(const std::string& interface, std::string& complaint) {
@@ -55,34 +88,19 @@ std::optional<Destination> DestinationOf(const std::string& interface, std::stri
 }
 
 bool Release(quarantine::Quarantine& store, const std::string& id, const std::string& to,
-             bool again, const Destination& destination, std::string& said) {
+             bool again, const Destination& destination, const Actor& actor, std::string& said) {
     const std::optional<quarantine::KeptMessage> message = store.Find(id, said);
     if (!message) return false;
-    Letter letter;
-    letter.sender = Mailbox(message->sender);
-    letter.recipients =
-        to.empty() ? SplitRecipients(message->recipients) : std::vector<std::string>{to};
-    letter.header = "X-Vantrel-Released: " + id;
-    if (letter.recipients.empty()) {
-        said = "it has no recipients";
-        return false;
-    }
-    const platform::File file = store.Claim(id, again, said);
-    if (!file) return false;
-    letter.message = &file;
-    std::string complaint;
-    switch (SendLetter(destination, letter, said)) {
-        case Sent::kTaken:
-            if (!store.EndRelease(id, true, complaint))
-                said += "; the server has it, but that can't be noted: " + complaint;
-            return true;
-        case Sent::kRefused:
-            if (!store.EndRelease(id, false, complaint))
-                said += "; its state can't be put back: " + complaint;
-            return false;
-        case Sent::kUnknown:
-            said += "; the server may have it: --again sends it once more";
-            return false;
-    }
-    return false;
+    const bool taken = SendKept(store, *message, to, again, destination, said);
+    LogAct(*message, "release", actor, to, taken, said);
+    return taken;
+}
+
+bool Delete(quarantine::Quarantine& store, const std::string& id, const Actor& actor,
+            std::string& complaint) {
+    const std::optional<quarantine::KeptMessage> message = store.Find(id, complaint);
+    if (!message) return false;
+    const bool deleted = store.Delete(id, complaint);
+    LogAct(*message, "delete", actor, "", deleted, deleted ? std::string() : complaint);
+    return deleted;
 }

@@ -1,5 +1,6 @@
 #include "daemons/statd/held/held.h"
 
+#include "daemons/quarantine/outward/release.h"
 #include "daemons/quarantine/outward/show.h"
 #include "daemons/statd/store/text.h"
 #include "daemons/statd/web/accounts.h"
@@ -89,7 +90,7 @@ HttpResponse HeldPages::Answer(const HttpRequest& request, const std::string& no
     const std::string id = list ? "" : request.path.substr(sizeof kRoot);
     if (!list && !quarantine::IsId(id)) return Plain(404, "There is nothing here.");
     if (request.method == "POST")
-        return list ? Plain(405, "Not in this way.") : Act(request, id, TokenOf(account));
+        return list ? Plain(405, "Not in this way.") : Act(request, id, account);
     return list ? List(request.search, nonce) : Show(id, TokenOf(account), nonce);
 }
 
@@ -154,18 +155,20 @@ HttpResponse HeldPages::Show(const std::string& id, const std::string& token,
 }
 
 HttpResponse HeldPages::Act(const HttpRequest& request, const std::string& id,
-                            const std::string& token) {
+                            const std::string& account) {
+    const std::string token = TokenOf(account);
     if (token.empty() || !SameText(Field(request.body, "token"), token))
         return Plain(403, "The form is not from this page, or from an earlier run: load it again.");
     const std::string action = Field(request.body, "action");
     std::string complaint;
     if (action == "release") {
         if (!store_.Find(id, complaint)) return Plain(404, complaint);
-        if (!releaser_.Add(id)) return Plain(503, "Too many are being released; try again.");
+        if (!releaser_.Add(id, account))
+            return Plain(503, "Too many are being released; try again.");
         return SeeOther(std::string(kRoot) + "/" + id);
     }
     if (action != "delete") return Plain(400, "The action is release or delete.");
-    if (!store_.Delete(id, complaint)) return Plain(404, complaint);
+    if (!Delete(store_, id, {account, kThrough}, complaint)) return Plain(404, complaint);
     return SeeOther(kRoot);
 }
 

@@ -31,7 +31,7 @@ class HeldPages {
   private:
     HttpResponse List(const std::string& search, const std::string& nonce);
     HttpResponse Show(const std::string& id, const std::string& token, const std::string& nonce);
-    HttpResponse Act(const HttpRequest& request, const std::string& id, const std::string& token);
+    HttpResponse Act(const HttpRequest& request, const std::string& id, const std::string& account);
     std::string TokenOf(const std::string& account);
 
     quarantine::Quarantine store_;

@@ -11,11 +11,13 @@ namespace {
 constexpr std::size_t kMostWaiting = 200;
 constexpr std::size_t kMostOutcomes = 1000;
 
-std::string ReleaseNow(quarantine::Quarantine& store, const std::string& id, ConnectWatch& watch) {
+std::string ReleaseNow(quarantine::Quarantine& store, const std::string& id,
+                       const std::string& account, ConnectWatch& watch) {
     std::string said;
     std::optional<Destination> destination = DestinationOf("", said);
     if (destination) destination->watch = &watch;
-    const bool released = destination && Release(store, id, "", false, *destination, said);
+    const bool released =
+        destination && Release(store, id, "", false, *destination, {account, kThrough}, said);
     return (released ? "Released; the server said: " : "Not released: ") + said;
 }
 
@@ -49,11 +51,13 @@ bool Releaser::Wanted() {
     return !ending_;
 }
 
-bool Releaser::Add(const std::string& id) {
+bool Releaser::Add(const std::string& id, const std::string& account) {
     const std::lock_guard lock(mutex_);
     if (waiting_.size() >= kMostWaiting) return false;
-    if (std::find(waiting_.begin(), waiting_.end(), id) != waiting_.end()) return true;
-    waiting_.push_back(id);
+    if (std::any_of(waiting_.begin(), waiting_.end(),
+                    [&](const Wish& each) { return each.id == id; }))
+        return true;
+    waiting_.push_back({id, account});
     if (outcomes_.size() >= kMostOutcomes) outcomes_.clear();
     outcomes_[id] = "Being released.";
     wake_.notify_all();
@@ -71,12 +75,12 @@ void Releaser::Work() {
     for (;;) {
         wake_.wait(lock, [this] { return ending_ || !waiting_.empty(); });
         if (ending_) return;
-        const std::string id = waiting_.front();
+        const Wish wish = std::move(waiting_.front());
         waiting_.pop_front();
         lock.unlock();
-        std::string outcome = ReleaseNow(store_, id, *this);
+        std::string outcome = ReleaseNow(store_, wish.id, wish.account, *this);
         lock.lock();
-        outcomes_[id] = std::move(outcome);
+        outcomes_[wish.id] = std::move(outcome);
     }
 }
 

@@ -15,6 +15,9 @@
 
 namespace stats {
 
+// As the log says by what a person has done something here.
+inline constexpr char kThrough[] = "page";
+
 class Releaser final : private ConnectWatch {
   public:
     explicit Releaser(quarantine::Quarantine& store);
@@ -23,12 +26,16 @@ class Releaser final : private ConnectWatch {
     // Cuts the one that is under way: its state says so.
     ~Releaser();
 
-    // One after the other. False: there are too many already.
-    bool Add(const std::string& id);
+    // One after the other, for an account. False: there are too many already.
+    bool Add(const std::string& id, const std::string& account);
     // What came of it, or that it is under way; empty: nobody has asked for it lately.
     std::string Outcome(const std::string& id);
 
   private:
+    struct Wish {
+        std::string id;
+        std::string account;
+    };
     void Work();
     bool Trying(SOCKET socket) override;
     void Failed() override;
@@ -39,7 +46,7 @@ class Releaser final : private ConnectWatch {
     std::condition_variable wake_;
     bool ending_ = false;
     CSocket socket_;  // of the one under way
-    std::deque<std::string> waiting_;
+    std::deque<Wish> waiting_;
     std::map<std::string, std::string> outcomes_;
     std::thread thread_;
 };

@@ -8,6 +8,7 @@ import re
 import signal
 import subprocess
 import tempfile
+import threading
 import time
 import unittest
 import urllib.error
@@ -122,12 +123,51 @@ class Held(unittest.TestCase):
         code, _, headers = self.ask("/quarantine/" + which, {"action": "release", "token": token})
         self.assertEqual((code, headers["Location"]), (303, "/quarantine/" + which))
         self.assertTrue(wait_until(lambda: self.state(which) == "released"))
-        self.ask("/quarantine/" + which, {"action": "release", "token": token})
-        self.assertTrue(wait_until(lambda: "Not released" in self.ask("/quarantine/" + which)[1]))
+        self.assertTrue(wait_until(lambda: "Released; the server said: 250 queued" in self.ask("/quarantine/" + which)[1]))
+        self.assertEqual(self.ask("/quarantine/" + which, {"action": "release", "token": token})[0], 303)
+        time.sleep(0.5)  # what the releaser would need
+        page = self.ask("/quarantine/" + which)[1]
+        self.assertIn("Released; the server said: 250 queued", page)
+        self.assertNotIn("Not released", page)
         self.assertEqual(self.server.messages, [b"X-Vantrel-Released: " + which.encode() + b"\r\n" + HOSTILE])
         self.assertEqual(self.ask("/quarantine/" + other, {"action": "delete", "token": token})[0], 303)
         self.assertEqual(self.state(other), "gone")
         self.assertEqual(self.ask("/quarantine/" + other, {"action": "delete", "token": token})[0], 404)
+
+    def test_a_second_click_releases_nothing(self):
+        self.proxy.logger()
+        which = self.hold()
+        form = {"action": "release", "token": self.token(which)}
+        gate = threading.Event()
+        self.addCleanup(gate.set)
+        self.server.rules["DATA"] = lambda line: gate.wait(20) and b"354 go on\r\n"
+        for _ in range(3):
+            self.assertEqual(self.ask("/quarantine/" + which, form)[0], 303)
+        self.assertTrue(wait_until(lambda: self.state(which) == "releasing"))
+        self.assertEqual(self.ask("/quarantine/" + which, form)[0], 303)
+        self.assertIn("Being released.", self.ask("/quarantine/" + which)[1])
+        gate.set()
+        self.assertTrue(wait_until(lambda: self.state(which) == "released"))
+        self.assertEqual(self.ask("/quarantine/" + which, form)[0], 303)
+        self.assertTrue(wait_until(lambda: self.lines(which)))
+        time.sleep(0.5)
+        self.assertEqual(self.lines(which), [self.line(which)])
+        self.assertIn("Released; the server said: 250 queued", self.ask("/quarantine/" + which)[1])
+
+    def test_the_pages_words_know_no_command_line(self):
+        which, cut = self.hold(), self.hold()
+        self.server.rules["END"] = b""
+        process = subprocess.Popen([BIN + "/vtquarantine", "release", cut], env=self.proxy.env)
+        self.assertTrue(wait_until(lambda: self.server.messages))
+        process.kill()
+        process.wait()
+        self.assertIn("may have it", self.ask("/quarantine/" + cut)[1])
+        self.server.rules["END"] = None
+        self.ask("/quarantine/" + which, {"action": "release", "token": self.token(which)})
+        self.assertTrue(wait_until(lambda: "Not released: " in self.ask("/quarantine/" + which)[1]))
+        self.assertIn("the server may have it</p>", self.ask("/quarantine/" + which)[1])
+        done = subprocess.run([BIN + "/vtquarantine", "release", which], env=self.proxy.env, text=True, capture_output=True)
+        self.assertIn("its state is `releasing`; --again sends it all the same", done.stderr)
 
     def lines(self, which):
         """Of a message, in the log: what was done with it, without the time."""

@@ -202,7 +202,9 @@ void Quarantine::NoteState(const std::string& id) {
         unlink(fresh.c_str());
 }
 
-platform::File Quarantine::Claim(const std::string& id, bool again, std::string& complaint) {
+platform::File Quarantine::Claim(const std::string& id, bool again, std::string& complaint,
+                                 bool* spent) {
+    if (spent != nullptr) *spent = false;
     if (!Find(id, complaint)) return {};
     platform::File file = Open(id);
     if (!file) {
@@ -230,8 +232,8 @@ platform::File Quarantine::Claim(const std::string& id, bool again, std::string&
         return {};
     }
     const std::optional<KeptMessage> found = index_.Find(id);
-    complaint = !found ? "there is no message " + id
-                       : "its state is `" + found->state + "`; --again sends it all the same";
+    if (spent != nullptr) *spent = found.has_value();
+    complaint = found ? "its state is `" + found->state + "`" : "there is no message " + id;
     return {};
 }
 

@@ -52,8 +52,10 @@ class Quarantine {
     bool Delete(const std::string& id, std::string& complaint);
 
     // A release, by whoever holds its claim: the file stays locked as long as that is there. The
-    // state is `releasing` then. With `again`, also of one whose release was cut off, or is over.
-    platform::File Claim(const std::string& id, bool again, std::string& complaint);
+    // state is `releasing` then. With `again`, also of one whose release was cut off, or is over;
+    // `spent`: nothing but that stands in its way.
+    platform::File Claim(const std::string& id, bool again, std::string& complaint,
+                         bool* spent = nullptr);
     // How it ended: the server has taken it, or has not.
     bool EndRelease(const std::string& id, bool released, std::string& complaint);
 

@@ -252,7 +252,10 @@ int ReleaseAll(quarantine::Quarantine& store, const Options& options, const Acto
     if (!destination) return Fail(said);
     int code = kExitFine;
     for (const std::string& id : options.ids) {
-        if (Release(store, id, options.to, options.again, *destination, actor, said)) {
+        const Released released =
+            Release(store, id, options.to, options.again, *destination, actor, said);
+        if (released == Released::kOnce) said += "; --again sends it all the same";
+        if (released == Released::kYes) {
             std::printf("%s: released, the server said: %s\n", CleanText(id).c_str(), said.c_str());
         } else {
             code = Fail(std::string(id).append(": not released: ").append(said));

@@ -31,9 +31,9 @@ std::string HeloOf(const std::string& name) {
     return "[" + (name.empty() ? "127.0.0.1" : name) + "]";
 }
 
-bool SendKept(quarantine::Quarantine& store, const quarantine::KeptMessage& message,
-              const std::string& to, bool again, const Destination& destination,
-              std::string& said) {
+Released SendKept(quarantine::Quarantine& store, const quarantine::KeptMessage& message,
+                  const std::string& to, bool again, const Destination& destination,
+                  std::string& said) {
     const std::string& id = message.id;
     Letter letter;
     letter.sender = Mailbox(message.sender);
@@ -42,26 +42,27 @@ bool SendKept(quarantine::Quarantine& store, const quarantine::KeptMessage& mess
     letter.header = "X-Vantrel-Released: " + id;
     if (letter.recipients.empty()) {
         said = "it has no recipients";
-        return false;
+        return Released::kNo;
     }
-    const platform::File file = store.Claim(id, again, said);
-    if (!file) return false;
+    bool spent = false;
+    const platform::File file = store.Claim(id, again, said, &spent);
+    if (!file) return spent ? Released::kOnce : Released::kNo;
     letter.message = &file;
     std::string complaint;
     switch (SendLetter(destination, letter, said)) {
         case Sent::kTaken:
             if (!store.EndRelease(id, true, complaint))
                 said += "; the server has it, but that can't be noted: " + complaint;
-            return true;
+            return Released::kYes;
         case Sent::kRefused:
             if (!store.EndRelease(id, false, complaint))
                 said += "; its state can't be put back: " + complaint;
-            return false;
+            return Released::kNo;
         case Sent::kUnknown:
-            said += "; the server may have it: --again sends it once more";
-            return false;
+            said += "; the server may have it";
+            return Released::kOnce;
     }
-    return false;
+    return Released::kNo;
 }
 
 }  // namespace
@@ -87,13 +88,14 @@ std::optional<Destination> DestinationOf(const std::string& interface, std::stri
     return destination;
 }
 
-bool Release(quarantine::Quarantine& store, const std::string& id, const std::string& to,
-             bool again, const Destination& destination, const Actor& actor, std::string& said) {
+Released Release(quarantine::Quarantine& store, const std::string& id, const std::string& to,
+                 bool again, const Destination& destination, const Actor& actor,
+                 std::string& said) {
     const std::optional<quarantine::KeptMessage> message = store.Find(id, said);
-    if (!message) return false;
-    const bool taken = SendKept(store, *message, to, again, destination, said);
-    LogAct(*message, "release", actor, to, taken, said);
-    return taken;
+    if (!message) return Released::kNo;
+    const Released released = SendKept(store, *message, to, again, destination, said);
+    LogAct(*message, "release", actor, to, released == Released::kYes, said);
+    return released;
 }
 
 bool Delete(quarantine::Quarantine& store, const std::string& id, const Actor& actor,

@@ -63,6 +63,12 @@ std::string Field(const std::string& body, const std::string& name) {
     return {};
 }
 
+// Whether nobody has got it yet, nor may have.
+bool MayGo(const quarantine::KeptMessage& message) {
+    return message.state == quarantine::state::kHeld ||
+           message.state == quarantine::state::kOriginal;
+}
+
 std::string Button(const std::string& action, const std::string& words) {
     return "<button name=\"action\" value=\"" + action + "\">" + words + "</button>\n";
 }
@@ -141,13 +147,13 @@ HttpResponse HeldPages::Show(const std::string& id, const std::string& token,
         body += std::string("<tr><th scope=\"row\">") + name + "</th><td>" +
                 EscapeHtml(CleanText(value)) + "</td></tr>\n";
     body += "</table></section>\n<section>";
-    if (const std::string outcome = releaser_.Outcome(id); !outcome.empty())
-        body += "<p>" + EscapeHtml(CleanText(outcome)) + "</p>";
+    std::string outcome = releaser_.Outcome(id);
+    if (outcome.empty() && message->state == quarantine::state::kReleasing)
+        outcome = "A release is under way, or was cut off: the server may have it.";
+    if (!outcome.empty()) body += "<p>" + EscapeHtml(CleanText(outcome)) + "</p>";
     body += "<form method=\"post\" action=\"/quarantine/" + id +
             "\"><input type=\"hidden\" name=\"token\" value=\"" + token + "\">";
-    const bool fresh = message->state == quarantine::state::kHeld ||
-                       message->state == quarantine::state::kOriginal;
-    if (fresh) body += Button("release", "Release");
+    if (MayGo(*message)) body += Button("release", "Release");
     body += Button("delete", "Delete") + "</form></section>\n<section><pre>" +
             EscapeHtml(file ? MessageAsText(file) : "The message can't be read.") +
             "</pre></section>\n<p><a href=\"/quarantine\">All messages</a></p>\n";
@@ -162,8 +168,10 @@ HttpResponse HeldPages::Act(const HttpRequest& request, const std::string& id,
     const std::string action = Field(request.body, "action");
     std::string complaint;
     if (action == "release") {
-        if (!store_.Find(id, complaint)) return Plain(404, complaint);
-        if (!releaser_.Add(id, account))
+        const auto message = store_.Find(id, complaint);
+        if (!message) return Plain(404, complaint);
+        // A second click: the page says what became of the first one.
+        if (MayGo(*message) && !releaser_.Add(id, account))
             return Plain(503, "Too many are being released; try again.");
         return SeeOther(std::string(kRoot) + "/" + id);
     }

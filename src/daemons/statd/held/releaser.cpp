@@ -16,8 +16,8 @@ std::string ReleaseNow(quarantine::Quarantine& store, const std::string& id,
     std::string said;
     std::optional<Destination> destination = DestinationOf("", said);
     if (destination) destination->watch = &watch;
-    const bool released =
-        destination && Release(store, id, "", false, *destination, {account, kThrough}, said);
+    const bool released = destination && Release(store, id, "", false, *destination,
+                                                 {account, kThrough}, said) == Released::kYes;
     return (released ? "Released; the server said: " : "Not released: ") + said;
 }
 
@@ -54,8 +54,8 @@ bool Releaser::Wanted() {
 bool Releaser::Add(const std::string& id, const std::string& account) {
     const std::lock_guard lock(mutex_);
     if (waiting_.size() >= kMostWaiting) return false;
-    if (std::any_of(waiting_.begin(), waiting_.end(),
-                    [&](const Wish& each) { return each.id == id; }))
+    if (id == underWay_ || std::any_of(waiting_.begin(), waiting_.end(),
+                                       [&](const Wish& each) { return each.id == id; }))
         return true;
     waiting_.push_back({id, account});
     if (outcomes_.size() >= kMostOutcomes) outcomes_.clear();
@@ -77,9 +77,11 @@ void Releaser::Work() {
         if (ending_) return;
         const Wish wish = std::move(waiting_.front());
         waiting_.pop_front();
+        underWay_ = wish.id;
         lock.unlock();
         std::string outcome = ReleaseNow(store_, wish.id, wish.account, *this);
         lock.lock();
+        underWay_.clear();
         outcomes_[wish.id] = std::move(outcome);
     }
 }

@@ -26,7 +26,8 @@ class Releaser final : private ConnectWatch {
     // Cuts the one that is under way: its state says so.
     ~Releaser();
 
-    // One after the other, for an account. False: there are too many already.
+    // One after the other, for an account; one that waits already, or is under way, just once.
+    // False: there are too many already.
     bool Add(const std::string& id, const std::string& account);
     // What came of it, or that it is under way; empty: nobody has asked for it lately.
     std::string Outcome(const std::string& id);
@@ -47,6 +48,7 @@ class Releaser final : private ConnectWatch {
     bool ending_ = false;
     CSocket socket_;  // of the one under way
     std::deque<Wish> waiting_;
+    std::string underWay_;  // its id; empty: none
     std::map<std::string, std::string> outcomes_;
     std::thread thread_;
 };

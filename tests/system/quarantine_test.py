@@ -176,8 +176,10 @@ class Holding(Quarantined):
         for words in (["list", "--until", "1h"], ["show"], ["show", "a", "b"], ["release"], ["expire", "--days", "x"], ["list", "--limit", "0"],
                       ["show", entry["id"], "--raw", "--json"], ["release", entry["id"], "--to", ""], ["find", "--section", "other"], ["delete"], ["list", "x"]):
             self.assertEqual(self.tool(*words).returncode, 2, words)
-        for words in (["show", "nothing"], ["release", "../" + entry["id"]], ["delete", "nothing"], ["expire", "--days", "1"]):
+        for words in (["show", "nothing"], ["release", "../" + entry["id"]], ["delete", "nothing"]):
             self.assertEqual(self.tool(*words).returncode, 1, words)
+        done = self.tool("expire", "--days", "1")
+        self.assertEqual((done.returncode, done.stdout), (0, "0 deleted\n"))
         self.assertEqual(self.tool("delete", entry["id"]).returncode, 0)
         self.assertEqual(self.tool("list").returncode, 1)
         self.assertEqual([name for name in os.listdir(self.folder) if not name.startswith("index.db")], [])

@@ -39,8 +39,8 @@ const Usage kUsage{
     "`follow` those that come from now on. ADDRESS of --from and --to may be @DOMAIN, that of\n"
     "--peer a network. ID: a message's, a session's for it and all its messages, or that of the\n"
     "quarantine, for what people did with a message there. WORD: forward, reject, drop, failed or\n"
-    "none. TIME: 2026-01-31, 2026-01-31T23:59:59 (UTC), or how long ago: 30m, 2h, 3d. Exit code: 0\n"
-    "something was found, 1 nothing, 2 wrong words, 3 the log can't be read.\n"};
+    "none. TIME: 2026-01-31, 2026-01-31T23:59:59 (UTC), or how long ago: 30m, 2h, 3d. Exit code:\n"
+    "0 something was found, 1 nothing, 2 wrong words, 3 the log can't be read.\n"};
 
 struct Options {
     bool follow = false;

@@ -111,13 +111,19 @@ bool ArchiveLooker::Look(Spill& spill, Scratch& file, const std::string& path, i
     if (!going_) return false;
     const Utf8Locale utf8;
     const int descriptor = file.Rewind();
-    const Reader reader = MakeReader(Formats::kAll);
+    const SevenZipClaims claims = ClaimsTo(descriptor, limits_.maxEntries);
+    const Reader reader = MakeReader(claims);
     if (descriptor < 0 || reader == nullptr) {
         Stop("an archive can't be stored to be looked into");
         return false;
     }
     if (depth == 1) packed_ += file.Size();
-    if (archive_read_open_fd(reader.get(), descriptor, kBlock) != ARCHIVE_OK) {
+    if (claims == SevenZipClaims::kTooMany) {
+        Stop("more files in archives than MaxArchiveEntries");
+        return false;
+    }
+    if (claims == SevenZipClaims::kUnreadable ||
+        archive_read_open_fd(reader.get(), descriptor, kBlock) != ARCHIVE_OK) {
         // One that isn't open can't be asked for what is encrypted.
         Fail(nullptr, spill, file, false, path, depth);
         return false;

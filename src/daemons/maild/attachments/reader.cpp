@@ -1,5 +1,7 @@
 #include "daemons/maild/attachments/reader.h"
 
+#include <algorithm>
+
 namespace maild {
 
 namespace {
@@ -18,6 +20,8 @@ constexpr Support kFormats[] = {
     archive_read_support_format_cpio, archive_read_support_format_ar,
     archive_read_support_format_xar};
 
+constexpr int kLittleRoom = 100000;  // files, of some 100 bytes
+
 locale_t Ours() {
     static const locale_t ours = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     return ours;
@@ -34,11 +38,21 @@ Reader MakeReader(Formats formats) {
         return reader;
     }
     for (const Support each : kFilters) each(made);
-    if (formats == Formats::kAll) {
-        for (const Support each : kFormats) each(made);
+    if (formats == Formats::kAll || formats == Formats::kAllBut7z) {
+        for (const Support each : kFormats) {
+            if (formats == Formats::kAll || each != archive_read_support_format_7zip) each(made);
+        }
     }
     archive_read_support_format_raw(made);
     return reader;
+}
+
+SevenZipClaims ClaimsTo(int file, int most) {
+    return ClaimsOfSevenZip(file, std::max(most, kLittleRoom));
+}
+
+Reader MakeReader(SevenZipClaims claims) {
+    return MakeReader(claims == SevenZipClaims::kFit ? Formats::kAll : Formats::kAllBut7z);
 }
 
 bool IsZip(archive* reader) {

@@ -6,6 +6,8 @@
 
 #include <memory>
 
+#include "daemons/maild/forms/sevenzipheader.h"
+
 namespace maild {
 
 struct ReaderFreed {
@@ -15,12 +17,20 @@ using Reader = std::unique_ptr<archive, ReaderFreed>;
 
 enum class Formats {
     kAll,
+    kAllBut7z,
     kPackedAlone,  // what is packed as a whole is one file, archive or not
     kZipAsItStands
 };
 
 // Null: no memory.
 Reader MakeReader(Formats formats);
+
+// What the file claims if it is a 7z, for one who looks at `most` files of it. A few more than
+// these may be claimed: what libarchive makes room for costs little, and the first ones are read.
+SevenZipClaims ClaimsTo(int file, int most);
+// For all formats, 7z only if what is claimed fits: one that is packed as a whole is a file in what
+// packs it, and to be looked at as such.
+Reader MakeReader(SevenZipClaims claims);
 
 // Of a reader that has met a file.
 bool IsZip(archive* reader);

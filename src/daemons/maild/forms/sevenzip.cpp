@@ -5,6 +5,8 @@
 
 #include <memory>
 
+#include "daemons/maild/forms/sevenzipheader.h"
+
 namespace {
 
 constexpr std::size_t kBlock = 65536;
@@ -17,9 +19,10 @@ struct Freed {
 }  // namespace
 
 bool SevenZipEncrypted(int file) {
+    if (ClaimsOfSevenZip(file, kMostFiles) != SevenZipClaims::kFit) return false;
     const std::unique_ptr<archive, Freed> reader(archive_read_new());
     archive* const from = reader.get();
-    if (file < 0 || from == nullptr || archive_read_support_format_7zip(from) != ARCHIVE_OK ||
+    if (from == nullptr || archive_read_support_format_7zip(from) != ARCHIVE_OK ||
         archive_read_open_fd(from, file, kBlock) != ARCHIVE_OK)
         return false;
     bool any = false;

@@ -196,15 +196,22 @@ bool Store::Set(const Pairs& values) {
     return Commit(good);
 }
 
-bool Store::Delete(const std::string& key) {
-    if (!ValidPath(key, false)) return false;
-    const std::lock_guard lock(mutex_);
-    if (!Begin(0)) return false;
+bool Store::DeleteOne(const std::string& key) {
     sqlite::Statement remove =
         Prepare("DELETE FROM keys WHERE path = ?1 OR (path >= ?2 AND path < ?3)");
     if (remove) BindKeyAndBelow(remove, key);
-    bool good = remove && NoteDeleted(key) && remove.Run();
-    if (good && sqlite3_changes(database_.get()) > 0) good = NoteChange(key);
+    if (!remove || !NoteDeleted(key) || !remove.Run()) return false;
+    return sqlite3_changes(database_.get()) == 0 || NoteChange(key);
+}
+
+bool Store::Delete(const std::vector<std::string>& keys) {
+    for (const std::string& key : keys) {
+        if (!ValidPath(key, false)) return false;
+    }
+    const std::lock_guard lock(mutex_);
+    if (!Begin(0)) return false;
+    bool good = true;
+    for (const std::string& key : keys) good = good && DeleteOne(key);
     return Commit(good);
 }
 

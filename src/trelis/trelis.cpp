@@ -58,6 +58,16 @@ int CopyOut(const std::string& text, char* buffer, int size) {
     return 0;
 }
 
+bool Delete(Store& opened, const std::vector<std::string>& keys) {
+    std::vector<std::string> there;
+    for (const std::string& key : keys) {
+        if (opened.Get(key)) there.push_back(key);
+    }
+    if (!opened.Delete(keys)) return false;
+    if (!there.empty()) Watches::Instance().Announce(there);
+    return true;
+}
+
 constexpr trelis::Key kRemotePort{trelis::kStoreKey, "Port"};
 
 int GetRemote(std::uint32_t store, const char* key, char* buffer, int size) {
@@ -109,12 +119,7 @@ int TrelisSetValue(std::uint32_t store, const char* key, const char* value) {
 
 int TrelisDelKey(std::uint32_t store, const char* key) {
     if (key == nullptr) return kFailed;
-    return With(store, kFailed, [&](Store& opened) {
-        const bool existed = opened.Get(key).has_value();
-        if (!opened.Delete(key)) return kFailed;
-        if (existed) Watches::Instance().Announce({key});
-        return 0;
-    });
+    return With(store, kFailed, [&](Store& opened) { return Delete(opened, {key}) ? 0 : kFailed; });
 }
 
 TrelisEnum TrelisEnumOpen(std::uint32_t store, const char* key) {
@@ -168,6 +173,10 @@ bool LoadValues(const Values& values) {
         Watches::Instance().Announce(paths);
         return true;
     });
+}
+
+bool DeleteTrees(const std::vector<std::string>& keys) {
+    return With(kLocalStore, false, [&](Store& opened) { return Delete(opened, keys); });
 }
 
 Applied ApplyChanges(const std::vector<ValueChange>& changes, bool force, std::int64_t undoes,

@@ -27,11 +27,10 @@ class Kept(Person):
 
 
 class History(Kept):
-    def test_each_change_of_a_person_is_kept_and_no_program_s(self):
+    def test_each_change_of_a_person_is_kept(self):
         self.vt("set", "interface.net.port", "25")
         self.vt("set", "interface.net.port", "25")
         self.vt("set", NET + "/Port", "26")
-        self.run_it("vtlogd", "register")
         with open(self.parent + "/file.json", "w", encoding="ascii") as file:
             json.dump({NET + "/Port": "26", NET + "/MaxThreads": "5", "/a": {"hex": "ff"}}, file)
         self.vt("load", file.name)
@@ -49,6 +48,24 @@ class History(Kept):
         self.assertNotIn("$6$", people[1])
         self.assertEqual(self.vt("history", "interfac")[0], 1)
 
+    def test_what_a_program_registers_is_one_act(self):
+        self.vt("set", "interface.net.server", "mx")
+        self.vt("set", "filters.addresses.wanted", "192.0.2.0/24")
+        before = self.stored()
+        for program in ("vtsmtpproxy", "vtmaild", "vtlogd", "vtstatd", "vtregistry"):
+            count = len(self.history())
+            self.assertEqual(self.run_it(program, "register")[0], 0)
+            registered = self.stored()
+            self.assertEqual(self.run_it(program, "register")[0], 0)  # nothing is another one by that
+            self.assertEqual(self.run_it(program, "unregister")[0], 0)
+            acts = list(self.history().values())[count:]
+            self.assertEqual([{how for how, *_ in act} for act in acts],
+                             [{"register " + program}, {"unregister " + program}])
+            self.assertEqual(self.vt("undo")[0], 0)
+            self.assertEqual(self.stored(), registered)
+            self.assertEqual(self.vt("undo")[0], 0)
+            self.assertEqual(self.stored(), before, program)
+
     def test_whose_it_is(self):
         """Root is somebody, though it becomes the instance's owner."""
         if os.geteuid() != 0:
@@ -59,9 +76,10 @@ class History(Kept):
         self.run_it("vtregistry", "set", "maild.threads", "7", SUDO_USER="ann")
         self.run_it("vtregistry", "set", "maild.threads", "8", SUDO_USER="")
         self.run_it("vtsmtpproxy", "setup", "--server", "127.0.0.1:9", "--domain", "example.org", SUDO_USER="joe")
+        self.run_it("vtsmtpproxy", "unregister", SUDO_USER="eve")
         told = [json.loads(line) for line in self.vt("history", "--json")[1].splitlines()]
         self.assertEqual({(each["act"], each["who"], each["how"]) for each in told},
-                         {(1, "ann", "set"), (2, "root", "set"), (3, "joe", "setup")})
+                         {(1, "ann", "set"), (2, "root", "set"), (3, "joe", "setup"), (4, "eve", "unregister vtsmtpproxy")})
 
     def test_what_is_undone_is_as_it_was(self):
         self.vt("set", "maild.threads", "7")

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "metrics/count.h"
+#include "platform/account.h"
 #include "platform/console.h"
 #include "platform/home.h"
 #include "trelis/trelis.h"
@@ -20,9 +21,9 @@ Daemon::Daemon(const char* name, const char* display, const char* descriptionTex
     acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
 }
 
-int Daemon::RegisterDefaults() { return trelis::Register(Keys()); }
+int Daemon::RegisterDefaults() { return trelis::Register(Keys(), platform::PersonName()); }
 
-int Daemon::UnregisterDefaults() { return trelis::Unregister(Keys()); }
+int Daemon::UnregisterDefaults() { return trelis::Unregister(Keys(), platform::PersonName()); }
 
 void Daemon::Stop() {
     ReportStatus(SERVICE_STOP_PENDING, static_cast<DWORD>(StopSeconds() + 5) * 1000, 0);

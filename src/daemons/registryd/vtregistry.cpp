@@ -132,8 +132,8 @@ class StoreService final : public CNTService {
         SetEvent(stopEvent_.Get());
     }
     void Shutdown() override { Stop(); }
-    int RegisterDefaults() override { return trelis::Register(Keys()); }
-    int UnregisterDefaults() override { return trelis::Unregister(Keys()); }
+    int RegisterDefaults() override { return trelis::Register(Keys(), platform::PersonName()); }
+    int UnregisterDefaults() override { return trelis::Unregister(Keys(), platform::PersonName()); }
 
   private:
     trelis::Registration Keys() const {
@@ -227,11 +227,10 @@ int main(int argc, char** argv) {
         const Arguments arguments(words.begin() + 1, words.end());
         if (arguments.size() < command.least || arguments.size() > command.most)
             return Unknown(words[0] + ": too many or too few words behind it");
-        const std::string person = platform::PersonName();
         if (TrelisInit2() != 0)
             return Failed(platform::HomeError().empty() ? "can't open the store"
                                                         : platform::HomeError());
-        trelis::KeepHistory(person, words[0]);
+        trelis::KeepHistory(platform::PersonName(), words[0]);
         const int code = Written(command.run(arguments));
         TrelisUninit();
         return code;

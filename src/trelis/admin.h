@@ -22,8 +22,9 @@ std::optional<Values> DumpTree(const std::string& key);
 std::int64_t CountChanges();
 // Stores all or none.
 bool LoadValues(const Values& values);
-// Deletes keys with all below them, all or none.
-bool DeleteTrees(const std::vector<std::string>& keys);
+// Deletes keys with all below them, all or none. With prune the keys above go too that were only
+// made as parents and have nothing left below them.
+bool DeleteTrees(const std::vector<std::string>& keys, bool prune);
 
 // What becomes of one key's value; nothing: it has none, before or afterwards. Keys below it stay.
 struct ValueChange {

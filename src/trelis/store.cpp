@@ -131,22 +131,27 @@ bool Store::SetOne(const std::string& key, const std::string& value) {
     return NoteChange(key);
 }
 
-// The keys above that were only made for it go too: an interface without keys would listen.
-bool Store::TakeValue(const std::string& key) {
-    if (!history_.Note(database_.get(), {key, Value(key), std::nullopt})) return false;
-    sqlite::Statement take = Prepare("UPDATE keys SET value = NULL WHERE path = ?");
+// The key and those above it, as far as each has neither a value nor a key below: an interface
+// without keys would listen.
+bool Store::Prune(std::string path) {
     sqlite::Statement prune = Prepare(
         "DELETE FROM keys WHERE path = ?1 AND value IS NULL AND NOT EXISTS"
         " (SELECT 1 FROM keys WHERE parent = ?1)");
-    if (!take || !prune) return false;
-    take.Bind(1, key);
-    if (!take.Run()) return false;
-    for (std::string path = key; !path.empty(); path.resize(path.rfind('/'))) {
+    if (!prune) return false;
+    for (; !path.empty(); path.resize(path.rfind('/'))) {
         prune.Bind(1, path);
         if (!prune.Run()) return false;
         if (sqlite3_changes(database_.get()) == 0) break;
     }
-    return NoteChange(key);
+    return true;
+}
+
+bool Store::TakeValue(const std::string& key) {
+    if (!history_.Note(database_.get(), {key, Value(key), std::nullopt})) return false;
+    sqlite::Statement take = Prepare("UPDATE keys SET value = NULL WHERE path = ?");
+    if (!take) return false;
+    take.Bind(1, key);
+    return take.Run() && Prune(key) && NoteChange(key);
 }
 
 bool Store::NoteDeleted(const std::string& key) {
@@ -196,22 +201,23 @@ bool Store::Set(const Pairs& values) {
     return Commit(good);
 }
 
-bool Store::DeleteOne(const std::string& key) {
+bool Store::DeleteOne(const std::string& key, bool prune) {
     sqlite::Statement remove =
         Prepare("DELETE FROM keys WHERE path = ?1 OR (path >= ?2 AND path < ?3)");
     if (remove) BindKeyAndBelow(remove, key);
     if (!remove || !NoteDeleted(key) || !remove.Run()) return false;
-    return sqlite3_changes(database_.get()) == 0 || NoteChange(key);
+    if (sqlite3_changes(database_.get()) == 0) return true;
+    return NoteChange(key) && (!prune || Prune(key.substr(0, key.rfind('/'))));
 }
 
-bool Store::Delete(const std::vector<std::string>& keys) {
+bool Store::Delete(const std::vector<std::string>& keys, bool prune) {
     for (const std::string& key : keys) {
         if (!ValidPath(key, false)) return false;
     }
     const std::lock_guard lock(mutex_);
     if (!Begin(0)) return false;
     bool good = true;
-    for (const std::string& key : keys) good = good && DeleteOne(key);
+    for (const std::string& key : keys) good = good && DeleteOne(key, prune);
     return Commit(good);
 }
 

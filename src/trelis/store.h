@@ -38,8 +38,8 @@ class Store {
     std::optional<std::string> Get(const std::string& key);
     // All or none.
     bool Set(const Pairs& values);
-    // Each with all below it; all or none.
-    bool Delete(const std::vector<std::string>& keys);
+    // Each with all below it; all or none. With prune also those above that were only made for it.
+    bool Delete(const std::vector<std::string>& keys, bool prune);
     // As ApplyChanges.
     Applied Apply(const std::vector<ValueChange>& changes, bool force, std::int64_t undoes,
                   std::string& where);
@@ -62,7 +62,8 @@ class Store {
     std::optional<std::string> Value(const std::string& key);
     bool SetOne(const std::string& key, const std::string& value);
     bool TakeValue(const std::string& key);
-    bool DeleteOne(const std::string& key);
+    bool DeleteOne(const std::string& key, bool prune);
+    bool Prune(std::string path);
     bool NoteDeleted(const std::string& key);
     bool NoteChange(const std::string& key);
     bool Commit(bool good);

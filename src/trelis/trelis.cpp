@@ -58,12 +58,12 @@ int CopyOut(const std::string& text, char* buffer, int size) {
     return 0;
 }
 
-bool Delete(Store& opened, const std::vector<std::string>& keys) {
+bool Delete(Store& opened, const std::vector<std::string>& keys, bool prune) {
     std::vector<std::string> there;
     for (const std::string& key : keys) {
         if (opened.Get(key)) there.push_back(key);
     }
-    if (!opened.Delete(keys)) return false;
+    if (!opened.Delete(keys, prune)) return false;
     if (!there.empty()) Watches::Instance().Announce(there);
     return true;
 }
@@ -119,7 +119,8 @@ int TrelisSetValue(std::uint32_t store, const char* key, const char* value) {
 
 int TrelisDelKey(std::uint32_t store, const char* key) {
     if (key == nullptr) return kFailed;
-    return With(store, kFailed, [&](Store& opened) { return Delete(opened, {key}) ? 0 : kFailed; });
+    return With(store, kFailed,
+                [&](Store& opened) { return Delete(opened, {key}, false) ? 0 : kFailed; });
 }
 
 TrelisEnum TrelisEnumOpen(std::uint32_t store, const char* key) {
@@ -175,8 +176,8 @@ bool LoadValues(const Values& values) {
     });
 }
 
-bool DeleteTrees(const std::vector<std::string>& keys) {
-    return With(kLocalStore, false, [&](Store& opened) { return Delete(opened, keys); });
+bool DeleteTrees(const std::vector<std::string>& keys, bool prune) {
+    return With(kLocalStore, false, [&](Store& opened) { return Delete(opened, keys, prune); });
 }
 
 Applied ApplyChanges(const std::vector<ValueChange>& changes, bool force, std::int64_t undoes,

@@ -108,6 +108,18 @@ class History(Kept):
         self.assertEqual(self.vt("undo")[0], 0)
         self.assertEqual(self.stored(), before)
 
+    def test_no_empty_interface_stays_behind_its_last_key(self):
+        self.vt("set", "interface.one.trust.a", "")
+        self.vt("set", "interface.two.port", "2998")
+        self.vt("set", "interface.two.server", "mx")
+        for key, left in (("interface.two.port", "one\ntwo\n"), ("interface.two.server", "one\n"),
+                          ("interface.one.trust.b", "one\n"), ("interface.one.trust", "")):
+            self.assertEqual(self.vt("del", key), (0, "", ""), key)
+            self.assertEqual(self.vt("list", "interface")[1], left, key)
+        self.assertEqual(self.vt("list", "/")[1], "")
+        self.vt("undo")
+        self.assertEqual(self.vt("list", "interface")[1], "one\n")
+
     def test_what_has_been_changed_since_stays(self):
         self.vt("set", "interface.net.port", "25")
         self.vt("set", "interface.net.port", "26")

@@ -53,7 +53,7 @@ int Get(const Arguments& arguments) {
 int Del(const Arguments& arguments) {
     const auto key = PathOf(arguments[0]);
     if (!key) return kExitFailed;
-    return TrelisDelKey(kLocalStore, key->c_str()) == 0 ? 0 : Failed("can't delete " + *key);
+    return trelis::DeleteTrees({*key}, true) ? 0 : Failed("can't delete " + *key);
 }
 
 int List(const Arguments& arguments) {

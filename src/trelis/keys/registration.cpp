@@ -101,7 +101,7 @@ int Unregister(const Registration& registration, const std::string& person) {
             keys.push_back(each);
     }
     keys.push_back(Versions(registration));
-    DeleteTrees(keys);
+    DeleteTrees(keys, false);
     return 1;
 }
 

@@ -1,10 +1,14 @@
 """What people have changed, and how they take it back; the configuration in an editor."""
 
+import contextlib
 import grp
 import json
 import os
 import pty
 import pwd
+import re
+import signal
+import sqlite3
 import subprocess
 
 from harness import BIN
@@ -193,6 +197,47 @@ class Editor(Kept):
             self.assertIn(said, err)
             self.vt("set", "interface.net.port", "25")
             self.assertEqual(self.stored(), before, script)
+
+    def kept(self, said):
+        """What stands in the file that is told, which goes."""
+        names = re.findall("what you wrote is in (.*)\n", said)
+        self.assertEqual(len(names), 1, said)
+        with open(names[0], encoding="ascii") as file:
+            self.assertEqual(os.stat(names[0]).st_mode & 0o777, 0o600)
+            os.unlink(names[0])
+            return file.read()
+
+    def test_what_was_written_is_not_lost(self):
+        change = "sed -i 's/port = 25/port = 26/' $1"
+        for script in (change + "; exit 1", change + "; kill -9 $$", change + "; echo rubbish >>$1",
+                       change + "; %s/vtregistry set interface.net.port 27" % BIN):
+            code, out, err = self.edit("interface.net", script)
+            self.assertEqual((code, out), (1, ""), script)
+            self.assertIn("interface.net.port = 26\n", self.kept(err), script)
+        with contextlib.closing(sqlite3.connect(self.home + "/store.db")) as store, store:
+            store.execute("CREATE TRIGGER full BEFORE INSERT ON history BEGIN SELECT RAISE(ABORT, 'full'); END")
+        code, _, err = self.edit("interface.net", change.replace("25", "27"))
+        self.assertIn("can't store it", err)
+        self.assertIn("interface.net.port = 26\n", self.kept(err))
+        for script in ("exit 0", "exit 1", ": >$1; exit 1", "echo '# no key' >>$1"):
+            self.assertNotIn("what you wrote", self.edit("interface.net", script)[2], script)
+        self.assertEqual([name for name in os.listdir(self.home + "/tmp") if name.startswith("vtregistry")], [])
+
+    def test_who_interrupts_the_question_is_told_before(self):
+        with open(self.parent + "/editor", "w", encoding="ascii") as file:
+            file.write("#!/bin/sh\necho rubbish >>$1")
+        os.chmod(file.name, 0o700)
+        terminal, inner = pty.openpty()
+        with subprocess.Popen([BIN + "/vtregistry", "edit", "interface.net"], env=dict(self.env, VISUAL=file.name), stdin=inner,
+                              stderr=subprocess.PIPE) as process:
+            said = b""
+            while b"Go on" not in said:
+                said += os.read(process.stderr.fileno(), 4096)
+            process.send_signal(signal.SIGINT)
+            self.assertEqual(process.wait(20), -signal.SIGINT)
+        os.close(terminal)
+        os.close(inner)
+        self.assertIn("rubbish\n", self.kept(said.decode()))
 
     def test_who_made_a_slip_is_asked(self):
         script = "test -e $VANTREL_HOME/2 && sed -i 's/70000/26/' $1 && exit; >$VANTREL_HOME/2; sed -i 's/port = 25/port = 70000/' $1"

@@ -2,8 +2,10 @@
 
 #include <cstring>
 
+#include "platform/home.h"
 #include "trelis/admin.h"
 #include "trelis/keys/settings.h"
+#include "trelis/opening.h"
 #include "trelis/remote.h"
 #include "trelis/store.h"
 #include "trelis/watches.h"
@@ -25,6 +27,7 @@ struct Shared {
     std::mutex mutex;
     int references = 0;            // guarded by mutex
     std::shared_ptr<Store> store;  // guarded by mutex
+    std::string why;               // guarded by mutex: why it could not be opened
 };
 Shared& State() {
     static Shared& state = *new Shared;  // never destroyed: threads may outlive the statics
@@ -82,10 +85,13 @@ int GetRemote(std::uint32_t store, const char* key, char* buffer, int size) {
 
 }  // namespace
 
-int TrelisInit2() {
+namespace {
+
+int Init(sqlite::Connection (*open)(std::string& why)) {
     try {
         const std::lock_guard lock(State().mutex);
-        if (State().store == nullptr) State().store = Store::Open();
+        std::string& why = State().why;
+        if (State().store == nullptr) State().store = Store::Make(open(why), why);
         if (State().store == nullptr) return kFailed;
         ++State().references;
         return 0;
@@ -93,6 +99,10 @@ int TrelisInit2() {
         return kFailed;
     }
 }
+
+}  // namespace
+
+int TrelisInit2() { return Init(trelis::OpenDatabase); }
 
 void TrelisUninit() {
     const std::lock_guard lock(State().mutex);
@@ -160,6 +170,22 @@ void TrelisCancelNotify(std::uint32_t, const char*, int, TrelisNotify watch) {
 }
 
 namespace trelis {
+
+int InitToRead() { return Init(OpenToRead); }
+
+std::string WhyNotOpen() {
+    const std::string path = StorePath();
+    if (path.empty()) return platform::HomeError();
+    const std::lock_guard lock(State().mutex);
+    const std::string& why = State().why;
+    return "can't open the store " + path + (why.empty() ? "" : ": " + why);
+}
+
+std::string WhyNotChanged(const std::string& otherwise) {
+    const std::string why =
+        With(kLocalStore, std::string(), [](Store& opened) { return opened.Failure(); });
+    return why.empty() ? otherwise : StorePath() + ": " + why;
+}
 
 std::optional<Values> DumpTree(const std::string& key) {
     return With(kLocalStore, std::optional<Values>(),

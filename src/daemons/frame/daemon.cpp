@@ -7,7 +7,7 @@
 #include "metrics/count.h"
 #include "platform/account.h"
 #include "platform/console.h"
-#include "platform/home.h"
+#include "trelis/admin.h"
 #include "trelis/trelis.h"
 
 Daemon::Daemon(const char* name, const char* display, const char* descriptionText,
@@ -75,13 +75,11 @@ void Daemon::Drain() {
 void Daemon::Run(int argc, char** argv) {
     ReportStatus(SERVICE_START_PENDING, 3000, 0);
     if (!lock_.Take(serviceName.c_str())) {
-        std::fprintf(stderr, "%s: %s\n", serviceName.c_str(),
-                     platform::HomeError().empty() ? "already running in this directory"
-                                                   : platform::HomeError().c_str());
+        std::fprintf(stderr, "%s: %s\n", serviceName.c_str(), lock_.Error().c_str());
         return;
     }
     if (TrelisInit2() < 0) {
-        std::fprintf(stderr, "%s: can't open the store\n", serviceName.c_str());
+        std::fprintf(stderr, "%s: %s\n", serviceName.c_str(), trelis::WhyNotOpen().c_str());
         return;
     }
     if (!metrics::Open(program_))

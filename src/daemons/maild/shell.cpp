@@ -15,6 +15,7 @@
 #include "scanclient/engines.h"
 #include "text/printable.h"
 #include "text/usage.h"
+#include "trelis/admin.h"
 #include "trelis/trelis.h"
 
 namespace {
@@ -124,7 +125,7 @@ int TestFiles(std::span<char* const> words) {
         return help ? kPasses : kWrongWords;
     }
     if (TrelisInit2() != 0) {
-        std::fputs("vtmaild: can't open the configuration\n", stderr);
+        std::fprintf(stderr, "vtmaild: %s\n", trelis::WhyNotOpen().c_str());
         return kCant;
     }
     int code = kPasses;

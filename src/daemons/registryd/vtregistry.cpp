@@ -22,7 +22,6 @@
 #include "platform/account.h"
 #include "platform/console.h"
 #include "platform/file.h"
-#include "platform/home.h"
 #include "platform/sync.h"
 #include "trelis/admin.h"
 #include "trelis/keys/check.h"
@@ -53,7 +52,9 @@ int Get(const Arguments& arguments) {
 int Del(const Arguments& arguments) {
     const auto key = PathOf(arguments[0]);
     if (!key) return kExitFailed;
-    return trelis::DeleteTrees({*key}, true) ? 0 : Failed("can't delete " + *key);
+    return trelis::DeleteTrees({*key}, true)
+               ? 0
+               : Failed("can't delete " + *key + ": " + trelis::WhyNotChanged("no absolute path"));
 }
 
 int List(const Arguments& arguments) {
@@ -111,12 +112,9 @@ class StoreService final : public CNTService {
     }
     void Run(int, char**) override {
         ReportStatus(SERVICE_START_PENDING, 3000, 0);
-        if (!lock_.Take(serviceName.c_str()) || TrelisInit2() != 0) {
-            std::cerr << "VTREGISTRY: "
-                      << (platform::HomeError().empty()
-                              ? "can't open the store, or already running in this directory"
-                              : platform::HomeError())
-                      << '\n';
+        const bool alone = lock_.Take(serviceName.c_str());
+        if (!alone || TrelisInit2() != 0) {
+            std::cerr << "VTREGISTRY: " << (alone ? trelis::WhyNotOpen() : lock_.Error()) << '\n';
             return;
         }
         if (!metrics::Open(metrics::Program::kStore))
@@ -150,21 +148,22 @@ struct Command {
     std::size_t least;
     std::size_t most;
     int (*run)(const Arguments&);
+    bool reads = false;  // and nothing else
 };
 constexpr Command kCommands[] = {
-    {"get", 1, 1, Get},
+    {"get", 1, 1, Get, true},
     {"set", 2, 3, SetKey},
-    {"show", 0, 2, Show},
+    {"show", 0, 2, Show, true},
     {"del", 1, 1, Del},
-    {"list", 1, 1, List},
-    {"dump", 0, 1, Dump},
+    {"list", 1, 1, List, true},
+    {"dump", 0, 1, Dump, true},
     {"load", 0, 2, Load},
-    {"diff", 1, 2, Diff},
+    {"diff", 1, 2, Diff, true},
     {"edit", 1, 1, Edit},
     {"undo", 0, 2, Undo},
     {"watch", 1, 1, WatchKey},
-    {"keys", 0, 2, Keys},
-    {"history", 0, 2, ShowHistory},
+    {"keys", 0, 2, Keys, true},
+    {"history", 0, 2, ShowHistory, true},
 };
 
 constexpr ServiceWords kWords{
@@ -227,9 +226,8 @@ int main(int argc, char** argv) {
         const Arguments arguments(words.begin() + 1, words.end());
         if (arguments.size() < command.least || arguments.size() > command.most)
             return Unknown(words[0] + ": too many or too few words behind it");
-        if (TrelisInit2() != 0)
-            return Failed(platform::HomeError().empty() ? "can't open the store"
-                                                        : platform::HomeError());
+        if ((command.reads ? trelis::InitToRead() : TrelisInit2()) != 0)
+            return Failed(trelis::WhyNotOpen());
         trelis::KeepHistory(platform::PersonName(), words[0]);
         const int code = Written(command.run(arguments));
         TrelisUninit();

@@ -91,7 +91,7 @@ int Write(const SetupWishes& wishes) {
     const trelis::Values plan = PlanInterface(wishes, platform::HostName(), AllAddresses());
     if (const std::string fault = FindFaultInPlan(plan); !fault.empty()) return NothingDone(fault);
     const OpenedStore store;
-    if (!store) return NothingDone("can't open the store");
+    if (!store) return NothingDone(trelis::WhyNotOpen());
     trelis::Values old = trelis::DumpTree(InterfaceRoot()).value_or(trelis::Values());
     const bool untouched = IsUntouched(old);
     if (!untouched && !wishes.force)
@@ -99,7 +99,8 @@ int Write(const SetupWishes& wishes) {
                            ": nothing was changed; --force writes it anew");
     if (untouched) RegisterIfNew();
     old = trelis::DumpTree(InterfaceRoot()).value_or(trelis::Values());
-    if (!Store(old, plan)) return NothingDone("can't write to the store");
+    if (!Store(old, plan))
+        return NothingDone("can't write: " + trelis::WhyNotChanged("the store takes no changes"));
     for (const auto& [path, value] : plan)
         std::printf("%s = %s\n", CleanText(path).c_str(), CleanText(value).c_str());
     std::fflush(stdout);

@@ -175,7 +175,8 @@ int Apply(const std::vector<trelis::ValueChange>& changes) {
         case trelis::Applied::kOtherwise:
             return Failed(where + " was changed by somebody else meanwhile; nothing was changed");
         case trelis::Applied::kFailed:
-            return Failed("can't store it; nothing was changed: the store has to be writable");
+            return Failed("can't store it; nothing was changed: " +
+                          trelis::WhyNotChanged("the store has to be writable"));
     }
     for (const trelis::ValueChange& change : changes) std::cout << InWords(change) << '\n';
     return 0;

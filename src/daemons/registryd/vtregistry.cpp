@@ -1,5 +1,8 @@
 // The store's tool: reads, changes, lists and follows the configuration. With one of the options of
 // a service, or started by a service manager, it is the service VTREGISTRY.
+#include <poll.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -80,6 +83,18 @@ int Keys(const Arguments& arguments) {
     return 0;
 }
 
+// The code of a command whose output has not come to its end, as a backup that is half a one.
+int Written(int code) {
+    if (std::cout.flush()) return code;
+    std::cout.clear();
+    errno = 0;
+    std::cout << '\n' << std::flush;  // says why once more
+    // Who has closed the other end of a pipe has read what he wanted.
+    return errno == EPIPE ? kExitFailed
+                          : Failed(std::string("can't write the output") +
+                                   (errno == 0 ? "" : std::string(": ") + std::strerror(errno)));
+}
+
 BOOL EndWatch(DWORD) { platform::ExitNow(0); }
 
 int WatchKey(const Arguments& arguments) {
@@ -93,11 +108,15 @@ int WatchKey(const Arguments& arguments) {
         const bool above = path == "/" || below.compare(0, path.size() + 1, path + '/') == 0;
         if (path == key || above || path.compare(0, below.size(), below) == 0)
             std::cout << path << std::endl;
+        // Nobody would see what comes after it.
+        if (!std::cout) platform::ExitNow(Written(0));
     });
     if (!following) return Failed("can't watch " + key);
-    const UniqueHandle never(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    WaitForSingleObject(never.Get(), INFINITE);
-    return 0;
+    // The end of who reads is told of even where nothing changes; all else ends the process.
+    pollfd output{STDOUT_FILENO, 0, 0};
+    while (poll(&output, 1, -1) < 0 && errno == EINTR) {
+    }
+    platform::ExitNow(kExitFailed);
 }
 
 // Local programs open the store themselves and need no service for that; it answers the reads of
@@ -197,18 +216,6 @@ constexpr ServiceWords kWords{
     "Sizes and times may have units: 25M, 10m. Manual: vtregistry(1), vantrel-keys(5)\n"};
 
 int Unknown(const std::string& what) { return WrongUsage(ServiceUsage(kWords), what); }
-
-// The code of a command whose output has not come to its end, as a backup that is half a one.
-int Written(int code) {
-    if (std::cout.flush()) return code;
-    std::cout.clear();
-    errno = 0;
-    std::cout << '\n' << std::flush;  // says why once more
-    // Who has closed the other end of a pipe has read what he wanted.
-    return errno == EPIPE ? kExitFailed
-                          : Failed(std::string("can't write the output") +
-                                   (errno == 0 ? "" : std::string(": ") + std::strerror(errno)));
-}
 
 }  // namespace
 

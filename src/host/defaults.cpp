@@ -3,6 +3,7 @@
 #include <string>
 
 #include "host/smtp.h"
+#include "platform/account.h"
 #include "platform/library.h"
 #include "trelis/keys/registration.h"
 #include "trelis/keys/settings.h"
@@ -20,20 +21,18 @@ std::string ResourceText(UINT number) {
 }
 
 trelis::Registration Proxy() {
-    return {trelis::Program::kProxy, "VTSMTPProxy", ResourceText(kDisplayNameString), {kInterface}};
+    constexpr trelis::Key kName{trelis::kInterfaceKey, "Name"};
+    return {trelis::Program::kProxy,
+            "VTSMTPProxy",
+            ResourceText(kDisplayNameString),
+            {kInterface},
+            {{kName.Path({kInterface}), ResourceText(kInterfaceNameString)}}};
 }
 
 }  // namespace
 
-int CSMTP::RegisterDefaults() {
-    const bool opened = TrelisInit2() == 0;
-    const int done = trelis::Register(Proxy());
-    constexpr trelis::Key kName{trelis::kInterfaceKey, "Name"};
-    if (done == 1)
-        TrelisSetValue(kLocalStore, kName.Path({kInterface}).c_str(),
-                       ResourceText(kInterfaceNameString).c_str());
-    if (opened) TrelisUninit();
-    return done;
-}
+int CSMTP::RegisterDefaults() { return WriteDefaults(platform::PersonName()); }
 
-int CSMTP::UnregisterDefaults() { return trelis::Unregister(Proxy()); }
+int CSMTP::WriteDefaults(const std::string& person) { return trelis::Register(Proxy(), person); }
+
+int CSMTP::UnregisterDefaults() { return trelis::Unregister(Proxy(), platform::PersonName()); }

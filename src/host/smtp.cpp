@@ -11,13 +11,13 @@
 #include "logclient/logclient.h"
 #include "metrics/count.h"
 #include "net/stream.h"
-#include "platform/home.h"
 #include "platform/library.h"
 #include "platform/memory.h"
 #include "platform/socket.h"
 #include "scanclient/scanclient.h"
 #include "session/registry.h"
 #include "session/session.h"
+#include "trelis/admin.h"
 #include "trelis/keys/settings.h"
 
 namespace {
@@ -90,7 +90,11 @@ bool CSMTP::CreateSocketWindow() {
 // In this order; a failure leaves what was started to the end of the process.
 bool CSMTP::StartClients() {
     WSADATA data{};
-    if (WSAStartup(kSocketVersion, &data) != 0 || TrelisInit2() < 0) return false;
+    if (WSAStartup(kSocketVersion, &data) != 0) return false;
+    if (TrelisInit2() < 0) {
+        std::fprintf(stderr, "%s: %s\n", kProxyServiceName, trelis::WhyNotOpen().c_str());
+        return false;
+    }
     OnStatsLost(TellStatsLost);
     if (LogClientInit(displayName.c_str(), kLocalStore) < 0 || MailScanInit() < 0 ||
         InitLibStats() < 0 || CreateASFilters() < 0)
@@ -103,9 +107,7 @@ void CSMTP::Run(int, char**) {
     ReportStatus(SERVICE_START_PENDING, kStartHint, 0);
     // Two proxies in one directory would give their spool files the same names.
     if (!lock_.Take(kProxyServiceName)) {
-        std::fprintf(stderr, "%s: %s\n", kProxyServiceName,
-                     platform::HomeError().empty() ? "already running in this directory"
-                                                   : platform::HomeError().c_str());
+        std::fprintf(stderr, "%s: %s\n", kProxyServiceName, lock_.Error().c_str());
         return;
     }
     const bool counted = metrics::Open(metrics::Program::kProxy);

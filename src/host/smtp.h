@@ -39,6 +39,8 @@ class CSMTP : public CNTService {
     // The installed keys: register writes them anew, unregister deletes them with all below.
     int RegisterDefaults() override;
     int UnregisterDefaults() override;
+    // As RegisterDefaults; a person of no name leaves it out of the history.
+    static int WriteDefaults(const std::string& person);
 
     // Rebuilds the table from the store; listeners that are wanted as before stay open. Always 0.
     // Run's thread.

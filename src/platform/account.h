@@ -35,9 +35,8 @@ namespace platform {
 // The host's name, with its domain where the resolver knows one; which may take the resolver's
 // time.
 std::string HostName();
-// The person behind this process: its user, or who has become root by sudo. To be asked for before
-// the instance's directory, whose owner root becomes there (home.h).
-std::string PersonName();
+// The person behind this process: its user when it was started, or who has become root by sudo.
+const std::string& PersonName();
 // "S-1-22-1-NUMBER", or "-" for null or an invalid one.
 std::string SidText(PSID identifier);
 

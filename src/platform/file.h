@@ -110,9 +110,12 @@ class InstanceLock {
   public:
     // Takes services/NAME.lock. False if another process holds it, or it can't be made.
     bool Take(const char* name);
+    // Why not, for a person.
+    const std::string& Error() const { return error_; }
 
   private:
     File file_;
+    std::string error_;
 };
 
 // Lets the process open as many descriptors as the system allows it.

@@ -13,8 +13,18 @@ namespace trelis {
 
 using Values = std::vector<std::pair<std::string, std::string>>;
 
-// Between TrelisInit2 and TrelisUninit, as all operations.
+// As TrelisInit2, for a process that only reads and soon ends: it succeeds on a full disk and on a
+// file system that can't be written too, if the file is whole there.
+int InitToRead();
+// Why TrelisInit2 or InitToRead has failed, for a person, with the path: HomeError, or "can't open
+// the store ...".
+std::string WhyNotOpen();
 
+// All others between TrelisInit2 and TrelisUninit, as all operations.
+
+// Why the last change has failed, for a person, with the store's path; `otherwise` if it wasn't the
+// store's fault.
+std::string WhyNotChanged(const std::string& otherwise);
 // Keys that were given a value, at and below key ("/": all), sorted. Nothing if the key doesn't
 // exist.
 std::optional<Values> DumpTree(const std::string& key);
@@ -22,6 +32,9 @@ std::optional<Values> DumpTree(const std::string& key);
 std::int64_t CountChanges();
 // Stores all or none.
 bool LoadValues(const Values& values);
+// Deletes keys with all below them, all or none. With prune the keys above go too that were only
+// made as parents and have nothing left below them.
+bool DeleteTrees(const std::vector<std::string>& keys, bool prune);
 
 // What becomes of one key's value; nothing: it has none, before or afterwards. Keys below it stay.
 struct ValueChange {

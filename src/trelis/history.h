@@ -13,7 +13,7 @@
 
 namespace trelis {
 
-// Its table, for OpenDatabase.
+// Its table, for opening.h.
 extern const char kHistorySchema[];
 
 // The acts of one connection. One thread at a time; within the store's transactions.

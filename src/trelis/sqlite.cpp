@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <cstring>
+#include <utility>
+
 namespace sqlite {
 
 Statement::Statement(sqlite3* connection, const char* sql) {
@@ -58,8 +61,38 @@ Connection Open(const std::string& path, int flags, int& error) {
     return connection;
 }
 
+Connection OpenCopy(std::string_view file) {
+    sqlite3* raw = nullptr;
+    const int error =
+        sqlite3_open_v2(":memory:", &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    Connection connection(raw);
+    auto* const image = static_cast<unsigned char*>(sqlite3_malloc64(file.size()));
+    if (error != SQLITE_OK || image == nullptr) {
+        sqlite3_free(image);
+        return nullptr;
+    }
+    std::memcpy(image, file.data(), file.size());
+    const auto size = static_cast<sqlite3_int64>(file.size());
+    // The image is SQLite's from here on, whatever comes of it.
+    const int taken =
+        sqlite3_deserialize(raw, "main", image, size, size,
+                            SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_RESIZEABLE);
+    return taken == SQLITE_OK ? std::move(connection) : nullptr;
+}
+
 bool Execute(sqlite3* connection, const char* sql) {
     return sqlite3_exec(connection, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+std::string ErrorText(sqlite3* connection) {
+    if (connection == nullptr) return "out of memory";
+    const int error = sqlite3_errcode(connection) & 0xFF;
+    if (error == SQLITE_OK || error == SQLITE_ROW || error == SQLITE_DONE) return {};
+    std::string text = sqlite3_errmsg(connection);
+    const int system = sqlite3_system_errno(connection);
+    const bool ofTheSystem = error == SQLITE_CANTOPEN || error == SQLITE_IOERR;
+    if (ofTheSystem && system != 0) text += std::string(": ") + std::strerror(system);
+    return text;
 }
 
 }  // namespace sqlite

@@ -52,6 +52,11 @@ inline constexpr int kBusyMilliseconds = 5000;
 // SQLITE_OPEN_CREATE in flags it is made where it is missing, and like its journal readable for the
 // process's user alone. error is SQLite's; the connection is null only for want of memory.
 Connection Open(const std::string& path, int flags, int& error);
+// A file's content as a database of its own, in memory. Null for want of memory.
+Connection OpenCopy(std::string_view file);
 bool Execute(sqlite3* connection, const char* sql);
+// Why the last call on the connection has failed, for a person, with the system's reason where
+// there is one. Empty if it has not.
+std::string ErrorText(sqlite3* connection);
 
 }  // namespace sqlite

@@ -1,28 +1,12 @@
 #include "trelis/store.h"
 
-#include <chrono>
 #include <random>
-#include <thread>
-
-#include "platform/home.h"
 
 namespace trelis {
 namespace {
 
-constexpr int kTurnMilliseconds = 10;
 // How many changes are kept for the other processes to see.
 constexpr int kChangesKept = 4096;
-
-// A key made only as a parent has no value. The rows of `changes` tell other processes what to look
-// at; origin is the process that wrote them.
-constexpr char kSchema[] =
-    "CREATE TABLE IF NOT EXISTS keys(path TEXT PRIMARY KEY NOT NULL, parent TEXT NOT NULL, name "
-    "TEXT NOT NULL,"
-    " value TEXT) WITHOUT ROWID;"
-    "CREATE INDEX IF NOT EXISTS children ON keys(parent, name);"
-    "CREATE TABLE IF NOT EXISTS changes(id INTEGER PRIMARY KEY AUTOINCREMENT, origin INTEGER NOT "
-    "NULL,"
-    " path TEXT NOT NULL);";
 
 std::int64_t MakeOrigin() {
     std::random_device source;
@@ -53,34 +37,12 @@ bool Concerns(const std::string& changed, const std::string& watched) {
            (longer.size() == shorter.size() || longer[shorter.size()] == '/' || shorter == "/");
 }
 
-// The change to a log of its own and the making of tables begin with a read, whose upgrade to a
-// write SQLite refuses at once, without its own wait, where another process does the same.
-bool ExecuteInTurn(sqlite3* database, const char* sql) {
-    for (int waited = 0;; waited += kTurnMilliseconds) {
-        const int result = sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
-        if ((result & 0xFF) != SQLITE_BUSY || waited >= sqlite::kBusyMilliseconds)
-            return result == SQLITE_OK;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kTurnMilliseconds));
-    }
-}
-
-sqlite::Connection OpenDatabase() {
-    const std::string path = platform::HomePath("store.db");
-    if (path.empty()) return nullptr;
-    int error = SQLITE_OK;
-    sqlite::Connection database = sqlite::Open(path, SQLITE_OPEN_CREATE, error);
-    const bool ready =
-        error == SQLITE_OK &&
-        ExecuteInTurn(database.get(), "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;") &&
-        ExecuteInTurn(database.get(), kSchema) && ExecuteInTurn(database.get(), kHistorySchema);
-    return ready ? std::move(database) : nullptr;
-}
-
-std::unique_ptr<Store> Store::Open() {
-    sqlite::Connection database = OpenDatabase();
+std::unique_ptr<Store> Store::Make(sqlite::Connection database, std::string& why) {
     if (database == nullptr) return nullptr;
     std::unique_ptr<Store> store(new Store(std::move(database)));
-    return store->get_ ? std::move(store) : nullptr;
+    if (store->get_) return store;
+    why = sqlite::ErrorText(store->database_.get());
+    return nullptr;
 }
 
 Store::Store(sqlite::Connection database) : database_(std::move(database)), origin_(MakeOrigin()) {
@@ -98,7 +60,10 @@ std::optional<std::string> Store::Get(const std::string& key) {
 
 bool Store::Begin(std::int64_t undoes) {
     history_.Begin(undoes);
-    return Execute("BEGIN IMMEDIATE");
+    failure_.clear();
+    if (Execute("BEGIN IMMEDIATE")) return true;
+    failure_ = sqlite::ErrorText(database_.get());
+    return false;
 }
 
 // Unlike Get it knows a key without a value from one with an empty one.
@@ -131,22 +96,27 @@ bool Store::SetOne(const std::string& key, const std::string& value) {
     return NoteChange(key);
 }
 
-// The keys above that were only made for it go too: an interface without keys would listen.
-bool Store::TakeValue(const std::string& key) {
-    if (!history_.Note(database_.get(), {key, Value(key), std::nullopt})) return false;
-    sqlite::Statement take = Prepare("UPDATE keys SET value = NULL WHERE path = ?");
+// The key and those above it, as far as each has neither a value nor a key below: an interface
+// without keys would listen.
+bool Store::Prune(std::string path) {
     sqlite::Statement prune = Prepare(
         "DELETE FROM keys WHERE path = ?1 AND value IS NULL AND NOT EXISTS"
         " (SELECT 1 FROM keys WHERE parent = ?1)");
-    if (!take || !prune) return false;
-    take.Bind(1, key);
-    if (!take.Run()) return false;
-    for (std::string path = key; !path.empty(); path.resize(path.rfind('/'))) {
+    if (!prune) return false;
+    for (; !path.empty(); path.resize(path.rfind('/'))) {
         prune.Bind(1, path);
         if (!prune.Run()) return false;
         if (sqlite3_changes(database_.get()) == 0) break;
     }
-    return NoteChange(key);
+    return true;
+}
+
+bool Store::TakeValue(const std::string& key) {
+    if (!history_.Note(database_.get(), {key, Value(key), std::nullopt})) return false;
+    sqlite::Statement take = Prepare("UPDATE keys SET value = NULL WHERE path = ?");
+    if (!take) return false;
+    take.Bind(1, key);
+    return take.Run() && Prune(key) && NoteChange(key);
 }
 
 bool Store::NoteDeleted(const std::string& key) {
@@ -181,6 +151,7 @@ std::int64_t Store::Changes() {
 
 bool Store::Commit(bool good) {
     if (good && Execute("COMMIT")) return true;
+    failure_ = sqlite::ErrorText(database_.get());
     Execute("ROLLBACK");
     return false;
 }
@@ -196,15 +167,23 @@ bool Store::Set(const Pairs& values) {
     return Commit(good);
 }
 
-bool Store::Delete(const std::string& key) {
-    if (!ValidPath(key, false)) return false;
-    const std::lock_guard lock(mutex_);
-    if (!Begin(0)) return false;
+bool Store::DeleteOne(const std::string& key, bool prune) {
     sqlite::Statement remove =
         Prepare("DELETE FROM keys WHERE path = ?1 OR (path >= ?2 AND path < ?3)");
     if (remove) BindKeyAndBelow(remove, key);
-    bool good = remove && NoteDeleted(key) && remove.Run();
-    if (good && sqlite3_changes(database_.get()) > 0) good = NoteChange(key);
+    if (!remove || !NoteDeleted(key) || !remove.Run()) return false;
+    if (sqlite3_changes(database_.get()) == 0) return true;
+    return NoteChange(key) && (!prune || Prune(key.substr(0, key.rfind('/'))));
+}
+
+bool Store::Delete(const std::vector<std::string>& keys, bool prune) {
+    for (const std::string& key : keys) {
+        if (!ValidPath(key, false)) return false;
+    }
+    const std::lock_guard lock(mutex_);
+    if (!Begin(0)) return false;
+    bool good = true;
+    for (const std::string& key : keys) good = good && DeleteOne(key, prune);
     return Commit(good);
 }
 
@@ -219,12 +198,17 @@ Applied Store::Apply(const std::vector<ValueChange>& changes, bool force, std::i
     for (const ValueChange& change : changes) {
         if (!force && Value(change.path) != change.before) {
             where = change.path;
-            Commit(false);
+            Execute("ROLLBACK");
             return Applied::kOtherwise;
         }
         good = good && (change.after ? SetOne(change.path, *change.after) : TakeValue(change.path));
     }
     return Commit(good) ? Applied::kDone : Applied::kFailed;
+}
+
+std::string Store::Failure() {
+    const std::lock_guard lock(mutex_);
+    return failure_;
 }
 
 void Store::KeepHistory(const std::string& who, const std::string& how) {

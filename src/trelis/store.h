@@ -24,24 +24,25 @@ bool ValidPath(const std::string& path, bool allowRoot);
 // above it.
 bool Concerns(const std::string& changed, const std::string& watched);
 
-// Opens the file and makes its tables. Null on failure.
-sqlite::Connection OpenDatabase();
-
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 // Any thread; one at a time inside. False or nothing on failure.
 class Store {
   public:
-    static std::unique_ptr<Store> Open();
+    // With what opening.h gives. Null on failure; why says it.
+    static std::unique_ptr<Store> Make(sqlite::Connection database, std::string& why);
 
     // Nothing: no such key. A key made only as a parent gives an empty text.
     std::optional<std::string> Get(const std::string& key);
     // All or none.
     bool Set(const Pairs& values);
-    bool Delete(const std::string& key);
+    // Each with all below it; all or none. With prune also those above that were only made for it.
+    bool Delete(const std::vector<std::string>& keys, bool prune);
     // As ApplyChanges.
     Applied Apply(const std::vector<ValueChange>& changes, bool force, std::int64_t undoes,
                   std::string& where);
+    // Why the last change has failed, for a person; empty if it has not, or was none that could be.
+    std::string Failure();
     void KeepHistory(const std::string& who, const std::string& how);
     std::optional<std::vector<Act>> ReadHistory();
     std::optional<std::vector<std::string>> Children(const std::string& key);
@@ -61,6 +62,8 @@ class Store {
     std::optional<std::string> Value(const std::string& key);
     bool SetOne(const std::string& key, const std::string& value);
     bool TakeValue(const std::string& key);
+    bool DeleteOne(const std::string& key, bool prune);
+    bool Prune(std::string path);
     bool NoteDeleted(const std::string& key);
     bool NoteChange(const std::string& key);
     bool Commit(bool good);
@@ -69,6 +72,7 @@ class Store {
     sqlite::Connection database_;
     sqlite::Statement get_;
     History history_;
+    std::string failure_;
     const std::int64_t origin_;
 };
 

@@ -2,8 +2,10 @@
 
 #include <cstring>
 
+#include "platform/home.h"
 #include "trelis/admin.h"
 #include "trelis/keys/settings.h"
+#include "trelis/opening.h"
 #include "trelis/remote.h"
 #include "trelis/store.h"
 #include "trelis/watches.h"
@@ -25,6 +27,7 @@ struct Shared {
     std::mutex mutex;
     int references = 0;            // guarded by mutex
     std::shared_ptr<Store> store;  // guarded by mutex
+    std::string why;               // guarded by mutex: why it could not be opened
 };
 Shared& State() {
     static Shared& state = *new Shared;  // never destroyed: threads may outlive the statics
@@ -58,6 +61,16 @@ int CopyOut(const std::string& text, char* buffer, int size) {
     return 0;
 }
 
+bool Delete(Store& opened, const std::vector<std::string>& keys, bool prune) {
+    std::vector<std::string> there;
+    for (const std::string& key : keys) {
+        if (opened.Get(key)) there.push_back(key);
+    }
+    if (!opened.Delete(keys, prune)) return false;
+    if (!there.empty()) Watches::Instance().Announce(there);
+    return true;
+}
+
 constexpr trelis::Key kRemotePort{trelis::kStoreKey, "Port"};
 
 int GetRemote(std::uint32_t store, const char* key, char* buffer, int size) {
@@ -72,10 +85,13 @@ int GetRemote(std::uint32_t store, const char* key, char* buffer, int size) {
 
 }  // namespace
 
-int TrelisInit2() {
+namespace {
+
+int Init(sqlite::Connection (*open)(std::string& why)) {
     try {
         const std::lock_guard lock(State().mutex);
-        if (State().store == nullptr) State().store = Store::Open();
+        std::string& why = State().why;
+        if (State().store == nullptr) State().store = Store::Make(open(why), why);
         if (State().store == nullptr) return kFailed;
         ++State().references;
         return 0;
@@ -83,6 +99,10 @@ int TrelisInit2() {
         return kFailed;
     }
 }
+
+}  // namespace
+
+int TrelisInit2() { return Init(trelis::OpenDatabase); }
 
 void TrelisUninit() {
     const std::lock_guard lock(State().mutex);
@@ -109,12 +129,8 @@ int TrelisSetValue(std::uint32_t store, const char* key, const char* value) {
 
 int TrelisDelKey(std::uint32_t store, const char* key) {
     if (key == nullptr) return kFailed;
-    return With(store, kFailed, [&](Store& opened) {
-        const bool existed = opened.Get(key).has_value();
-        if (!opened.Delete(key)) return kFailed;
-        if (existed) Watches::Instance().Announce({key});
-        return 0;
-    });
+    return With(store, kFailed,
+                [&](Store& opened) { return Delete(opened, {key}, false) ? 0 : kFailed; });
 }
 
 TrelisEnum TrelisEnumOpen(std::uint32_t store, const char* key) {
@@ -155,6 +171,22 @@ void TrelisCancelNotify(std::uint32_t, const char*, int, TrelisNotify watch) {
 
 namespace trelis {
 
+int InitToRead() { return Init(OpenToRead); }
+
+std::string WhyNotOpen() {
+    const std::string path = StorePath();
+    if (path.empty()) return platform::HomeError();
+    const std::lock_guard lock(State().mutex);
+    const std::string& why = State().why;
+    return "can't open the store " + path + (why.empty() ? "" : ": " + why);
+}
+
+std::string WhyNotChanged(const std::string& otherwise) {
+    const std::string why =
+        With(kLocalStore, std::string(), [](Store& opened) { return opened.Failure(); });
+    return why.empty() ? otherwise : StorePath() + ": " + why;
+}
+
 std::optional<Values> DumpTree(const std::string& key) {
     return With(kLocalStore, std::optional<Values>(),
                 [&](Store& opened) { return opened.Dump(key); });
@@ -168,6 +200,10 @@ bool LoadValues(const Values& values) {
         Watches::Instance().Announce(paths);
         return true;
     });
+}
+
+bool DeleteTrees(const std::vector<std::string>& keys, bool prune) {
+    return With(kLocalStore, false, [&](Store& opened) { return Delete(opened, keys, prune); });
 }
 
 Applied ApplyChanges(const std::vector<ValueChange>& changes, bool force, std::int64_t undoes,

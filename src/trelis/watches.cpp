@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "trelis/opening.h"
 #include "trelis/sequence.h"
 
 namespace trelis {
@@ -12,7 +13,9 @@ namespace trelis {
 // Finds the rows that other processes have written since the last look.
 class ChangeReader {
   public:
-    explicit ChangeReader(std::int64_t origin) : origin_(origin), database_(OpenDatabase()) {
+    explicit ChangeReader(std::int64_t origin) : origin_(origin) {
+        std::string why;
+        database_ = OpenDatabase(why);
         if (database_ == nullptr) return;
         newer_ = {database_.get(), "SELECT id, origin, path FROM changes WHERE id > ? ORDER BY id"};
         range_ = {database_.get(), "SELECT min(id), max(id) FROM changes"};

@@ -48,6 +48,7 @@ class Status(Control):
         self.assertTrue(0 <= session["age_ms"] < 20000, session)
         programs = {each["name"]: each for each in seen["programs"]}
         self.assertEqual([name for name, each in programs.items() if each["running"]], ["vtsmtpproxy", "vtlogd"])
+        self.assertEqual(list(programs), ["vtsmtpproxy", "vtmaild", "vtlogd", "vtstatd", "vtregistry"])
         for name, process in (("vtsmtpproxy", self.proxy.process), ("vtlogd", logger)):
             self.assertEqual(programs[name]["pid"], process.pid)
             self.assertLess(abs(time.time() - programs[name]["started"]), 60)

@@ -1,8 +1,12 @@
 """The scan daemon at the end of its means: descriptors, threads, memory. It refuses, says so, and is there again
 afterwards."""
 
+import contextlib
+import json
 import os
+import shutil
 import socket
+import sqlite3
 import struct
 import subprocess
 import tempfile
@@ -83,6 +87,67 @@ class FullDisk(unittest.TestCase):
             process.terminate()
             process.wait(20)
             return None
+
+    def run_it(self, *words, **more):
+        done = subprocess.run([BIN + "/" + words[0], *words[1:]], env=self.env, text=True, capture_output=True, timeout=20, **more)
+        return done.returncode, done.stdout, done.stderr
+
+    def check_reads_and_reasons(self, reason, unserved):
+        self.assertEqual(self.run_it("vtregistry", "get", "/a"), (0, "1\n", ""))
+        self.assertEqual(json.loads(self.run_it("vtregistry", "dump")[1])["/a"], "1")
+        self.assertIn("7  set", self.run_it("vtregistry", "show", "maild.threads")[1])
+        self.assertIn('"1" -> not set', self.run_it("vtregistry", "history", "/c")[1])
+        self.assertEqual(self.run_it("vtregistry", "list", "/c")[0], 1)
+        why = f"can't open the store {self.home}/store.db: {reason}\n"
+        for words in (("vtregistry", "set", "/a", "2"), ("vtregistry", "del", "/a"), ("vtregistry", "undo"),
+                      ("vtregistry", "edit", "maild"), ("vtstatd", "passwd", "joe"),
+                      ("vtsmtpproxy", "setup", "--server", "127.0.0.1:9", "--domain", "a.example")):
+            code, _, said = self.run_it(*words, input="secret\n")
+            self.assertNotEqual(code, 0, words)
+            self.assertTrue(said.endswith(why), said)
+        for program in ("vtregistry", "vtlogd", "vtstatd", "vtmaild", "vtsmtpproxy"):
+            code, _, said = self.run_it(program, "debug")
+            name = program.upper()
+            self.assertEqual((code, said), (1, f"{name}: " + (unserved.format(name) if unserved else why)), program)
+        self.assertEqual(self.run_it("vtregistry", "get", "/a")[1], "1\n")
+
+    def fill_the_store(self):
+        for words in (("set", "/a", "1"), ("set", "maild.threads", "7"), ("set", "/c", "1"), ("del", "/c")):
+            self.assertEqual(self.run_it("vtregistry", *words)[0], 0)
+
+    def test_what_is_stored_is_read_and_who_must_write_says_why_not(self):
+        self.fill_the_store()
+        self.fill()
+        self.check_reads_and_reasons("disk I/O error: No space left on device", "")
+
+    def test_a_file_system_that_can_not_be_written(self):
+        self.fill_the_store()
+        subprocess.run(["mount", "-o", "remount,ro", self.disk], check=True)
+        self.check_reads_and_reasons("Read-only file system", self.home + "/services/{}.lock: Read-only file system\n")
+
+    def test_what_waits_in_the_log_is_not_left_out(self):
+        self.fill_the_store()
+        with contextlib.closing(sqlite3.connect(self.home + "/store.db")) as store:
+            with store:
+                store.execute("UPDATE keys SET value = '2' WHERE path = '/a'")
+            shutil.copy(self.home + "/store.db", self.disk)
+            shutil.copy(self.home + "/store.db-wal", self.disk)
+        for name in ("store.db", "store.db-wal"):
+            os.replace(self.disk + "/" + name, self.home + "/" + name)
+        self.fill()
+        code, out, said = self.run_it("vtregistry", "get", "/a")
+        self.assertEqual((code, out), (1, ""))
+        self.assertIn("No space left", said)
+        os.unlink(self.disk + "/fill")
+        self.assertEqual(self.run_it("vtregistry", "get", "/a"), (0, "2\n", ""))
+
+    def test_a_change_that_has_no_room_says_why(self):
+        self.fill_the_store()
+        with contextlib.closing(sqlite3.connect(self.home + "/store.db")) as store:
+            store.execute("SELECT count(*) FROM keys").fetchall()  # the files beside it are there
+            self.fill()
+            code, _, said = self.run_it("vtregistry", "set", "/a", "x" * 50000)
+            self.assertEqual((code, said), (1, f"vtregistry: can't set /a: {self.home}/store.db: database or disk is full\n"))
 
     def test_no_program_dies_of_the_counter_that_all_map(self):
         subprocess.run([BIN + "/vtregistry", "set", "/a", "1"], env=self.env, check=True)

@@ -1,10 +1,14 @@
 """What people have changed, and how they take it back; the configuration in an editor."""
 
+import contextlib
 import grp
 import json
 import os
 import pty
 import pwd
+import re
+import signal
+import sqlite3
 import subprocess
 
 from harness import BIN
@@ -27,11 +31,10 @@ class Kept(Person):
 
 
 class History(Kept):
-    def test_each_change_of_a_person_is_kept_and_no_program_s(self):
+    def test_each_change_of_a_person_is_kept(self):
         self.vt("set", "interface.net.port", "25")
         self.vt("set", "interface.net.port", "25")
         self.vt("set", NET + "/Port", "26")
-        self.run_it("vtlogd", "register")
         with open(self.parent + "/file.json", "w", encoding="ascii") as file:
             json.dump({NET + "/Port": "26", NET + "/MaxThreads": "5", "/a": {"hex": "ff"}}, file)
         self.vt("load", file.name)
@@ -49,6 +52,24 @@ class History(Kept):
         self.assertNotIn("$6$", people[1])
         self.assertEqual(self.vt("history", "interfac")[0], 1)
 
+    def test_what_a_program_registers_is_one_act(self):
+        self.vt("set", "interface.net.server", "mx")
+        self.vt("set", "filters.addresses.wanted", "192.0.2.0/24")
+        before = self.stored()
+        for program in ("vtsmtpproxy", "vtmaild", "vtlogd", "vtstatd", "vtregistry"):
+            count = len(self.history())
+            self.assertEqual(self.run_it(program, "register")[0], 0)
+            registered = self.stored()
+            self.assertEqual(self.run_it(program, "register")[0], 0)  # nothing is another one by that
+            self.assertEqual(self.run_it(program, "unregister")[0], 0)
+            acts = list(self.history().values())[count:]
+            self.assertEqual([{how for how, *_ in act} for act in acts],
+                             [{"register " + program}, {"unregister " + program}])
+            self.assertEqual(self.vt("undo")[0], 0)
+            self.assertEqual(self.stored(), registered)
+            self.assertEqual(self.vt("undo")[0], 0)
+            self.assertEqual(self.stored(), before, program)
+
     def test_whose_it_is(self):
         """Root is somebody, though it becomes the instance's owner."""
         if os.geteuid() != 0:
@@ -59,9 +80,10 @@ class History(Kept):
         self.run_it("vtregistry", "set", "maild.threads", "7", SUDO_USER="ann")
         self.run_it("vtregistry", "set", "maild.threads", "8", SUDO_USER="")
         self.run_it("vtsmtpproxy", "setup", "--server", "127.0.0.1:9", "--domain", "example.org", SUDO_USER="joe")
+        self.run_it("vtsmtpproxy", "unregister", SUDO_USER="eve")
         told = [json.loads(line) for line in self.vt("history", "--json")[1].splitlines()]
         self.assertEqual({(each["act"], each["who"], each["how"]) for each in told},
-                         {(1, "ann", "set"), (2, "root", "set"), (3, "joe", "setup")})
+                         {(1, "ann", "set"), (2, "root", "set"), (3, "joe", "setup"), (4, "eve", "unregister vtsmtpproxy")})
 
     def test_what_is_undone_is_as_it_was(self):
         self.vt("set", "maild.threads", "7")
@@ -89,6 +111,18 @@ class History(Kept):
         self.vt("del", "interface")
         self.assertEqual(self.vt("undo")[0], 0)
         self.assertEqual(self.stored(), before)
+
+    def test_no_empty_interface_stays_behind_its_last_key(self):
+        self.vt("set", "interface.one.trust.a", "")
+        self.vt("set", "interface.two.port", "2998")
+        self.vt("set", "interface.two.server", "mx")
+        for key, left in (("interface.two.port", "one\ntwo\n"), ("interface.two.server", "one\n"),
+                          ("interface.one.trust.b", "one\n"), ("interface.one.trust", "")):
+            self.assertEqual(self.vt("del", key), (0, "", ""), key)
+            self.assertEqual(self.vt("list", "interface")[1], left, key)
+        self.assertEqual(self.vt("list", "/")[1], "")
+        self.vt("undo")
+        self.assertEqual(self.vt("list", "interface")[1], "one\n")
 
     def test_what_has_been_changed_since_stays(self):
         self.vt("set", "interface.net.port", "25")
@@ -163,6 +197,47 @@ class Editor(Kept):
             self.assertIn(said, err)
             self.vt("set", "interface.net.port", "25")
             self.assertEqual(self.stored(), before, script)
+
+    def kept(self, said):
+        """What stands in the file that is told, which goes."""
+        names = re.findall("what you wrote is in (.*)\n", said)
+        self.assertEqual(len(names), 1, said)
+        with open(names[0], encoding="ascii") as file:
+            self.assertEqual(os.stat(names[0]).st_mode & 0o777, 0o600)
+            os.unlink(names[0])
+            return file.read()
+
+    def test_what_was_written_is_not_lost(self):
+        change = "sed -i 's/port = 25/port = 26/' $1"
+        for script in (change + "; exit 1", change + "; kill -9 $$", change + "; echo rubbish >>$1",
+                       change + "; %s/vtregistry set interface.net.port 27" % BIN):
+            code, out, err = self.edit("interface.net", script)
+            self.assertEqual((code, out), (1, ""), script)
+            self.assertIn("interface.net.port = 26\n", self.kept(err), script)
+        with contextlib.closing(sqlite3.connect(self.home + "/store.db")) as store, store:
+            store.execute("CREATE TRIGGER full BEFORE INSERT ON history BEGIN SELECT RAISE(ABORT, 'full'); END")
+        code, _, err = self.edit("interface.net", change.replace("25", "27"))
+        self.assertIn("can't store it", err)
+        self.assertIn("interface.net.port = 26\n", self.kept(err))
+        for script in ("exit 0", "exit 1", ": >$1; exit 1", "echo '# no key' >>$1"):
+            self.assertNotIn("what you wrote", self.edit("interface.net", script)[2], script)
+        self.assertEqual([name for name in os.listdir(self.home + "/tmp") if name.startswith("vtregistry")], [])
+
+    def test_who_interrupts_the_question_is_told_before(self):
+        with open(self.parent + "/editor", "w", encoding="ascii") as file:
+            file.write("#!/bin/sh\necho rubbish >>$1")
+        os.chmod(file.name, 0o700)
+        terminal, inner = pty.openpty()
+        with subprocess.Popen([BIN + "/vtregistry", "edit", "interface.net"], env=dict(self.env, VISUAL=file.name), stdin=inner,
+                              stderr=subprocess.PIPE) as process:
+            said = b""
+            while b"Go on" not in said:
+                said += os.read(process.stderr.fileno(), 4096)
+            process.send_signal(signal.SIGINT)
+            self.assertEqual(process.wait(20), -signal.SIGINT)
+        os.close(terminal)
+        os.close(inner)
+        self.assertIn("rubbish\n", self.kept(said.decode()))
 
     def test_who_made_a_slip_is_asked(self):
         script = "test -e $VANTREL_HOME/2 && sed -i 's/70000/26/' $1 && exit; >$VANTREL_HOME/2; sed -i 's/port = 25/port = 70000/' $1"

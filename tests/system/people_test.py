@@ -3,12 +3,14 @@
 import json
 import os
 import re
+import select
 import shutil
 import subprocess
 import tempfile
 import unittest
 
 from harness import BIN
+from waiting import wait_until
 
 SERVICES = ("vtsmtpproxy", "vtmaild", "vtlogd", "vtstatd", "vtregistry")
 OTHERS = ("vtlog", "vtquarantine", "vtreport", "vtservice")
@@ -62,6 +64,40 @@ class Words(Person):
         with open("/dev/full", "w", encoding="ascii") as full:
             for word in ("--help", "--version"):
                 self.assertEqual(subprocess.run([BIN + "/vtmaild", word], stdout=full, env=self.env, check=False).returncode, 1)
+
+    def watch(self, output):
+        process = subprocess.Popen([BIN + "/vtregistry", "watch", "/"], stdout=output, stderr=subprocess.PIPE, env=self.env, text=True)
+        for each in (process.stderr.close, process.wait, process.kill):
+            self.addCleanup(each)
+        return process
+
+    def test_a_watch_ends_with_who_reads_it(self):
+        def after_a_change(look):
+            return wait_until(lambda: self.run_it("vtregistry", "set", "/a", "1")[0] == 0 and look())
+        for changes in (True, False):
+            watch = self.watch(subprocess.PIPE)
+            if changes:
+                self.assertTrue(after_a_change(lambda: select.select([watch.stdout], [], [], 0)[0]))
+                self.assertEqual(watch.stdout.readline(), "/a\n")
+            watch.stdout.close()
+            self.assertEqual((watch.wait(10), watch.stderr.read()), (1, ""))
+        with open("/dev/full", "w", encoding="ascii") as full:
+            watch = self.watch(full)
+        self.assertTrue(after_a_change(lambda: watch.poll() is not None))
+        self.assertEqual((watch.returncode, watch.stderr.read()),
+                         (1, "vtregistry: can't write the output: No space left on device\n"))
+
+    def test_a_scan_of_what_is_no_file_says_why(self):
+        with open(self.parent + "/empty", "w", encoding="ascii"):
+            pass
+        for words, said in ((["/nonexist"], "vtmaild: /nonexist: No such file or directory\n"),
+                            (["/"], "vtmaild: /: not a plain file\n"),
+                            ([self.parent + "/empty/a"], f"vtmaild: {self.parent}/empty/a: Not a directory\n"),
+                            (["--chunk", "a"], "vtmaild test: unknown word: --chunk\n"),
+                            ([], "vtmaild test: no file is given\n")):
+            code, out, err = self.run_it("vtmaild", "test", *words)
+            self.assertEqual((code, out, err[:len(said)]), (2, "", said))
+            self.assertEqual("usage: vtmaild test" in err, "vtmaild test: " in said, words)
 
     def test_output_that_cannot_be_written_is_a_failure(self):
         """A backup that is none has to be noticed; whoever closes a pipe has seen what he wanted."""

@@ -76,6 +76,6 @@ class FromTheShell(Scanning):
     def test_what_it_can_not(self):
         self.assertEqual(self.scan()[0], 2)
         self.assertEqual(self.scan("--nothing")[0], 2)
-        self.assertEqual(self.scan(self.proxy.home + "/none")[0], 3)
+        self.assertEqual(self.scan(self.proxy.home + "/none")[0], 2)
         self.settings(ClamdSocket=self.proxy.home + "/none")
         self.assertEqual(self.scan(self.file("clean", body(b"text")))[0], 3)

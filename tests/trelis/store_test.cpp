@@ -83,6 +83,10 @@ TEST_F(Store, ChildrenInByteOrderAndDeletionOfAll) {
     Get("/e/b/x", result);
     EXPECT_LT(result, 0);
     EXPECT_EQ(Get("/e.x", result), "sibling");
+    TrelisSetValue(kLocalStore, "/e/only/one", "1");
+    TrelisDelKey(kLocalStore, "/e/only/one");
+    Get("/e/only", result);
+    EXPECT_EQ(result, 0) << "a parent stays";
 }
 
 TEST_F(Store, AWatchTellsEachChangeOnce) {

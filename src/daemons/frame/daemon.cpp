@@ -5,8 +5,9 @@
 #include <cstdlib>
 
 #include "metrics/count.h"
+#include "platform/account.h"
 #include "platform/console.h"
-#include "platform/home.h"
+#include "trelis/admin.h"
 #include "trelis/trelis.h"
 
 Daemon::Daemon(const char* name, const char* display, const char* descriptionText,
@@ -20,9 +21,9 @@ Daemon::Daemon(const char* name, const char* display, const char* descriptionTex
     acceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
 }
 
-int Daemon::RegisterDefaults() { return trelis::Register(Keys()); }
+int Daemon::RegisterDefaults() { return trelis::Register(Keys(), platform::PersonName()); }
 
-int Daemon::UnregisterDefaults() { return trelis::Unregister(Keys()); }
+int Daemon::UnregisterDefaults() { return trelis::Unregister(Keys(), platform::PersonName()); }
 
 void Daemon::Stop() {
     ReportStatus(SERVICE_STOP_PENDING, static_cast<DWORD>(StopSeconds() + 5) * 1000, 0);
@@ -74,13 +75,11 @@ void Daemon::Drain() {
 void Daemon::Run(int argc, char** argv) {
     ReportStatus(SERVICE_START_PENDING, 3000, 0);
     if (!lock_.Take(serviceName.c_str())) {
-        std::fprintf(stderr, "%s: %s\n", serviceName.c_str(),
-                     platform::HomeError().empty() ? "already running in this directory"
-                                                   : platform::HomeError().c_str());
+        std::fprintf(stderr, "%s: %s\n", serviceName.c_str(), lock_.Error().c_str());
         return;
     }
     if (TrelisInit2() < 0) {
-        std::fprintf(stderr, "%s: can't open the store\n", serviceName.c_str());
+        std::fprintf(stderr, "%s: %s\n", serviceName.c_str(), trelis::WhyNotOpen().c_str());
         return;
     }
     if (!metrics::Open(program_))

@@ -1,6 +1,7 @@
 #include "daemons/maild/shell.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -11,18 +12,22 @@
 
 #include "daemons/maild/antispam/antispam.h"
 #include "daemons/maild/sections.h"
+#include "platform/file.h"
 #include "platform/home.h"
 #include "scanclient/engines.h"
 #include "text/printable.h"
 #include "text/usage.h"
+#include "trelis/admin.h"
 #include "trelis/trelis.h"
 
 namespace {
 
-constexpr char kUsage[] =
+constexpr char kTestHelp[] =
     "usage: vtmaild test [--chunks] FILE...\n"
     "Scans messages by the instance's settings. --chunks: as they are, not as DATA sends them.\n"
-    "Exit 0: all pass; 1: something was found; 3: a file can't be read, or not be scanned.\n";
+    "Exit 0: all pass; 1: something was found; 2: wrong words, or a file can't be read; 3: one "
+    "can't "
+    "be scanned.\n";
 
 constexpr char kStatusHelp[] =
     "usage: vtmaild status [--json]\n"
@@ -47,11 +52,23 @@ void Print(const char* path, const std::vector<maild::Finding>& findings) {
     }
 }
 
+// Why the file can't be read, for a person; empty if it can.
+std::string WhyUnreadable(const char* path) {
+    const platform::File file = platform::File::OpenRead(path);
+    if (!file) return std::strerror(errno);
+    const auto state = file.State();
+    return state && state->plain ? "" : "not a plain file";
+}
+
 Exit TestFile(Engines& engines, const Settings& settings, const char* path, Transfer transfer) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(settings.scanSeconds);
     // A link of whoever asks is his own affair.
     const std::unique_ptr<char, decltype(&std::free)> real(realpath(path, nullptr), std::free);
     const char* const file = real != nullptr ? real.get() : path;
+    if (const std::string why = WhyUnreadable(file); !why.empty()) {
+        std::fprintf(stderr, "vtmaild: %s: %s\n", CleanText(path).c_str(), why.c_str());
+        return kWrongWords;
+    }
     AllFindings verdict = JudgeBySections(engines, settings, file, transfer, {});
     std::vector<maild::Finding>& findings = verdict.findings;
     maild::Antispam().Look(settings.antispam, {file, transfer, {}, "", "", "", end}, findings);
@@ -118,13 +135,12 @@ int TestFiles(std::span<char* const> words) {
         transfer = Transfer::kChunks;
         words = words.subspan(1);
     }
-    const bool help = !words.empty() && std::strcmp(words[0], "--help") == 0;
-    if (help || words.empty() || words[0][0] == '-') {
-        std::fputs(kUsage, help ? stdout : stderr);
-        return help ? kPasses : kWrongWords;
-    }
+    const Usage usage{"vtmaild test", kTestHelp};
+    if (words.empty()) return WrongUsage(usage, "no file is given");
+    if (std::strcmp(words[0], "--help") == 0) return PrintUsage(usage);
+    if (words[0][0] == '-') return WrongUsage(usage, std::string("unknown word: ") + words[0]);
     if (TrelisInit2() != 0) {
-        std::fputs("vtmaild: can't open the configuration\n", stderr);
+        std::fprintf(stderr, "vtmaild: %s\n", trelis::WhyNotOpen().c_str());
         return kCant;
     }
     int code = kPasses;

@@ -111,8 +111,9 @@ int Load(const Arguments& arguments) {
     return trelis::LoadValues(*values)
                ? 0
                : Failed(
-                     "can't load; nothing was changed: keys are absolute paths without empty "
-                     "parts, below 512 bytes, and the store has to be writable");
+                     "can't load; nothing was changed: " +
+                     trelis::WhyNotChanged("keys are absolute paths without empty parts, below 512 "
+                                           "bytes, and the store has to be writable"));
 }
 
 int Diff(const Arguments& arguments) {

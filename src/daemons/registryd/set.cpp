@@ -15,9 +15,10 @@ constexpr char kForce[] = "--force";
 
 int Store(const std::string& path, const std::string& value) {
     if (TrelisSetValue(kLocalStore, path.c_str(), value.c_str()) == 0) return 0;
-    return Failed("can't set " + path +
-                  ": a key is an absolute path without empty parts, below 512 bytes, and the store "
-                  "has to be writable");
+    return Failed("can't set " + path + ": " +
+                  trelis::WhyNotChanged(
+                      "a key is an absolute path without empty parts, below 512 bytes, and the "
+                      "store has to be writable"));
 }
 
 void Warn(const std::string& what) {

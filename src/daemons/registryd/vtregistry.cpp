@@ -1,5 +1,8 @@
 // The store's tool: reads, changes, lists and follows the configuration. With one of the options of
 // a service, or started by a service manager, it is the service VTREGISTRY.
+#include <poll.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -22,7 +25,6 @@
 #include "platform/account.h"
 #include "platform/console.h"
 #include "platform/file.h"
-#include "platform/home.h"
 #include "platform/sync.h"
 #include "trelis/admin.h"
 #include "trelis/keys/check.h"
@@ -53,7 +55,9 @@ int Get(const Arguments& arguments) {
 int Del(const Arguments& arguments) {
     const auto key = PathOf(arguments[0]);
     if (!key) return kExitFailed;
-    return TrelisDelKey(kLocalStore, key->c_str()) == 0 ? 0 : Failed("can't delete " + *key);
+    return trelis::DeleteTrees({*key}, true)
+               ? 0
+               : Failed("can't delete " + *key + ": " + trelis::WhyNotChanged("no absolute path"));
 }
 
 int List(const Arguments& arguments) {
@@ -79,6 +83,18 @@ int Keys(const Arguments& arguments) {
     return 0;
 }
 
+// The code of a command whose output has not come to its end, as a backup that is half a one.
+int Written(int code) {
+    if (std::cout.flush()) return code;
+    std::cout.clear();
+    errno = 0;
+    std::cout << '\n' << std::flush;  // says why once more
+    // Who has closed the other end of a pipe has read what he wanted.
+    return errno == EPIPE ? kExitFailed
+                          : Failed(std::string("can't write the output") +
+                                   (errno == 0 ? "" : std::string(": ") + std::strerror(errno)));
+}
+
 BOOL EndWatch(DWORD) { platform::ExitNow(0); }
 
 int WatchKey(const Arguments& arguments) {
@@ -92,11 +108,15 @@ int WatchKey(const Arguments& arguments) {
         const bool above = path == "/" || below.compare(0, path.size() + 1, path + '/') == 0;
         if (path == key || above || path.compare(0, below.size(), below) == 0)
             std::cout << path << std::endl;
+        // Nobody would see what comes after it.
+        if (!std::cout) platform::ExitNow(Written(0));
     });
     if (!following) return Failed("can't watch " + key);
-    const UniqueHandle never(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    WaitForSingleObject(never.Get(), INFINITE);
-    return 0;
+    // The end of who reads is told of even where nothing changes; all else ends the process.
+    pollfd output{STDOUT_FILENO, 0, 0};
+    while (poll(&output, 1, -1) < 0 && errno == EINTR) {
+    }
+    platform::ExitNow(kExitFailed);
 }
 
 // Local programs open the store themselves and need no service for that; it answers the reads of
@@ -111,12 +131,9 @@ class StoreService final : public CNTService {
     }
     void Run(int, char**) override {
         ReportStatus(SERVICE_START_PENDING, 3000, 0);
-        if (!lock_.Take(serviceName.c_str()) || TrelisInit2() != 0) {
-            std::cerr << "VTREGISTRY: "
-                      << (platform::HomeError().empty()
-                              ? "can't open the store, or already running in this directory"
-                              : platform::HomeError())
-                      << '\n';
+        const bool alone = lock_.Take(serviceName.c_str());
+        if (!alone || TrelisInit2() != 0) {
+            std::cerr << "VTREGISTRY: " << (alone ? trelis::WhyNotOpen() : lock_.Error()) << '\n';
             return;
         }
         if (!metrics::Open(metrics::Program::kStore))
@@ -132,8 +149,8 @@ class StoreService final : public CNTService {
         SetEvent(stopEvent_.Get());
     }
     void Shutdown() override { Stop(); }
-    int RegisterDefaults() override { return trelis::Register(Keys()); }
-    int UnregisterDefaults() override { return trelis::Unregister(Keys()); }
+    int RegisterDefaults() override { return trelis::Register(Keys(), platform::PersonName()); }
+    int UnregisterDefaults() override { return trelis::Unregister(Keys(), platform::PersonName()); }
 
   private:
     trelis::Registration Keys() const {
@@ -150,21 +167,22 @@ struct Command {
     std::size_t least;
     std::size_t most;
     int (*run)(const Arguments&);
+    bool reads = false;  // and nothing else
 };
 constexpr Command kCommands[] = {
-    {"get", 1, 1, Get},
+    {"get", 1, 1, Get, true},
     {"set", 2, 3, SetKey},
-    {"show", 0, 2, Show},
+    {"show", 0, 2, Show, true},
     {"del", 1, 1, Del},
-    {"list", 1, 1, List},
-    {"dump", 0, 1, Dump},
+    {"list", 1, 1, List, true},
+    {"dump", 0, 1, Dump, true},
     {"load", 0, 2, Load},
-    {"diff", 1, 2, Diff},
+    {"diff", 1, 2, Diff, true},
     {"edit", 1, 1, Edit},
     {"undo", 0, 2, Undo},
     {"watch", 1, 1, WatchKey},
-    {"keys", 0, 2, Keys},
-    {"history", 0, 2, ShowHistory},
+    {"keys", 0, 2, Keys, true},
+    {"history", 0, 2, ShowHistory, true},
 };
 
 constexpr ServiceWords kWords{
@@ -199,18 +217,6 @@ constexpr ServiceWords kWords{
 
 int Unknown(const std::string& what) { return WrongUsage(ServiceUsage(kWords), what); }
 
-// The code of a command whose output has not come to its end, as a backup that is half a one.
-int Written(int code) {
-    if (std::cout.flush()) return code;
-    std::cout.clear();
-    errno = 0;
-    std::cout << '\n' << std::flush;  // says why once more
-    // Who has closed the other end of a pipe has read what he wanted.
-    return errno == EPIPE ? kExitFailed
-                          : Failed(std::string("can't write the output") +
-                                   (errno == 0 ? "" : std::string(": ") + std::strerror(errno)));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -227,11 +233,9 @@ int main(int argc, char** argv) {
         const Arguments arguments(words.begin() + 1, words.end());
         if (arguments.size() < command.least || arguments.size() > command.most)
             return Unknown(words[0] + ": too many or too few words behind it");
-        const std::string person = platform::PersonName();
-        if (TrelisInit2() != 0)
-            return Failed(platform::HomeError().empty() ? "can't open the store"
-                                                        : platform::HomeError());
-        trelis::KeepHistory(person, words[0]);
+        if ((command.reads ? trelis::InitToRead() : TrelisInit2()) != 0)
+            return Failed(trelis::WhyNotOpen());
+        trelis::KeepHistory(platform::PersonName(), words[0]);
         const int code = Written(command.run(arguments));
         TrelisUninit();
         return code;

@@ -7,6 +7,7 @@
 #include "platform/file.h"
 #include "platform/home.h"
 #include "text/usage.h"
+#include "trelis/admin.h"
 
 namespace {
 
@@ -24,8 +25,8 @@ bool OpenStore(Findings& findings) {
         findings.Error(path, "there is no configuration", "write one with vtsmtpproxy setup");
         return false;
     }
-    if (TrelisInit2() == 0) return true;
-    findings.Error(path, "the configuration can't be read",
+    if (trelis::InitToRead() == 0) return true;
+    findings.Error(path, "the configuration can't be read: " + trelis::WhyNotOpen(),
                    "see who owns the file, and whether it is whole");
     return false;
 }

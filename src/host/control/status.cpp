@@ -38,8 +38,8 @@ View LookAtAll() {
     View view;
     view.proxy = Ask(kStatus, view.state);
     const bool instance = platform::MissingHome().empty();
-    for (const Program each :
-         {Program::kProxy, Program::kMailDaemon, Program::kLogger, Program::kStatistics}) {
+    for (const Program each : {Program::kProxy, Program::kMailDaemon, Program::kLogger,
+                               Program::kStatistics, Program::kStore}) {
         view.programs.push_back(instance ? Look(each) : ProgramView{});
         view.programs.back().name = metrics::kProgramNames[static_cast<std::size_t>(each)];
     }

@@ -65,7 +65,7 @@ std::string InterfaceRoot() {
 
 // What the interface had besides, a network that may relay above all, must not go on in the new
 // one.
-bool Store(const trelis::Values& old, const trelis::Values& plan, const std::string& person) {
+bool Store(const trelis::Values& old, const trelis::Values& plan) {
     std::vector<trelis::ValueChange> changes;
     for (const auto& [path, value] : old) {
         const bool kept =
@@ -76,7 +76,7 @@ bool Store(const trelis::Values& old, const trelis::Values& plan, const std::str
             changes.push_back({path, value, std::nullopt});
     }
     for (const auto& [path, value] : plan) changes.push_back({path, std::nullopt, value});
-    trelis::KeepHistory(person, "setup");
+    trelis::KeepHistory(platform::PersonName(), "setup");
     std::string where;
     return trelis::ApplyChanges(changes, true, 0, where) == trelis::Applied::kDone;
 }
@@ -84,14 +84,14 @@ bool Store(const trelis::Values& old, const trelis::Values& plan, const std::str
 // The other keys of the proxy get their defaults where nobody has registered it before: later that
 // would write over this interface.
 void RegisterIfNew() {
-    if (!trelis::ReadIfGiven(kVersion, {kVersionName})) CSMTP().RegisterDefaults();
+    if (!trelis::ReadIfGiven(kVersion, {kVersionName})) CSMTP::WriteDefaults("");
 }
 
-int Write(const SetupWishes& wishes, const std::string& person) {
+int Write(const SetupWishes& wishes) {
     const trelis::Values plan = PlanInterface(wishes, platform::HostName(), AllAddresses());
     if (const std::string fault = FindFaultInPlan(plan); !fault.empty()) return NothingDone(fault);
     const OpenedStore store;
-    if (!store) return NothingDone("can't open the store");
+    if (!store) return NothingDone(trelis::WhyNotOpen());
     trelis::Values old = trelis::DumpTree(InterfaceRoot()).value_or(trelis::Values());
     const bool untouched = IsUntouched(old);
     if (!untouched && !wishes.force)
@@ -99,7 +99,8 @@ int Write(const SetupWishes& wishes, const std::string& person) {
                            ": nothing was changed; --force writes it anew");
     if (untouched) RegisterIfNew();
     old = trelis::DumpTree(InterfaceRoot()).value_or(trelis::Values());
-    if (!Store(old, plan, person)) return NothingDone("can't write to the store");
+    if (!Store(old, plan))
+        return NothingDone("can't write: " + trelis::WhyNotChanged("the store takes no changes"));
     for (const auto& [path, value] : plan)
         std::printf("%s = %s\n", CleanText(path).c_str(), CleanText(value).c_str());
     std::fflush(stdout);
@@ -120,7 +121,6 @@ int RunSetup(const std::vector<std::string>& words) {
         if (const std::string wrong = ReadWishes(words, wishes); !wrong.empty())
             return WrongUsage(usage, wrong);
     }
-    const std::string person = platform::PersonName();
     if (platform::Home().empty()) return NothingDone(platform::HomeError());
-    return Write(wishes, person);
+    return Write(wishes);
 }

@@ -23,6 +23,14 @@ struct Identifier {
 constexpr BYTE kAuthorityOfUsers = 22;
 static_assert(sizeof(Identifier) == 16);
 
+std::string LookForPerson() {
+    const uid_t user = getuid();
+    const char* const behind = user == 0 ? std::getenv("SUDO_USER") : nullptr;
+    if (behind != nullptr && *behind != '\0') return behind;
+    const passwd* const entry = getpwuid(user);
+    return entry != nullptr ? entry->pw_name : "user " + std::to_string(user);
+}
+
 }  // namespace
 
 BOOL GetVersionExA(OSVERSIONINFOA* info) {
@@ -84,12 +92,9 @@ std::string platform::SidText(PSID identifier) {
     return text;
 }
 
-std::string platform::PersonName() {
-    const uid_t user = getuid();
-    const char* const behind = user == 0 ? std::getenv("SUDO_USER") : nullptr;
-    if (behind != nullptr && *behind != '\0') return behind;
-    const passwd* const entry = getpwuid(user);
-    return entry != nullptr ? entry->pw_name : "user " + std::to_string(user);
+const std::string& platform::PersonName() {
+    static const std::string& person = *new std::string(LookForPerson());
+    return person;
 }
 
 std::string platform::HostName() {

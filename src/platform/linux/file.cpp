@@ -225,10 +225,13 @@ bool HasSubdirectory(const std::string& directory) {
 }
 
 bool InstanceLock::Take(const char* name) {
+    error_ = HomeError();
     if (Home().empty()) return false;
     const std::string path = HomePath("services/") + name + ".lock";
     file_ = File(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (file_ && flock(file_.Descriptor(), LOCK_EX | LOCK_NB) == 0) return true;
+    error_ = file_ && errno == EWOULDBLOCK ? "already running in this directory"
+                                           : path + ": " + std::strerror(errno);
     file_.Close();
     return false;
 }

@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/account.h"
+
 namespace platform {
 namespace {
 
@@ -46,6 +48,7 @@ std::string ChoosePath() {
 // What root does in another user's instance is done as that user: files of root's in it would lock
 // the instance's own programs out. Of root's powers one is kept, that of serving a low port.
 bool BecomeOwner(uid_t user, gid_t group) {
+    PersonName();  // while it is to be seen; it remembers
     const passwd* entry = getpwuid(user);
     const bool groups = entry != nullptr ? initgroups(entry->pw_name, entry->pw_gid) == 0
                                          : setgroups(0, nullptr) == 0;

@@ -18,6 +18,7 @@
 #include "text/printable.h"
 #include "text/usage.h"
 #include "tools/quarantine/entries.h"
+#include "trelis/admin.h"
 #include "trelis/keys/settings.h"
 #include "trelis/trelis.h"
 
@@ -315,7 +316,7 @@ int main(int argc, char** argv) {
     platform::HoldSignals();
     platform::ReleaseSignals();
     if (const std::string why = platform::WhyNoHome(); !why.empty()) return Fail(why);
-    if (TrelisInit2() != 0) return Fail("can't open the configuration");
+    if (TrelisInit2() != 0) return Fail(trelis::WhyNotOpen());
     const int code = Run(options, person);
     TrelisUninit();
     return code;

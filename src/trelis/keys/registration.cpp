@@ -1,7 +1,9 @@
 #include "trelis/keys/registration.h"
 
 #include "platform/file.h"
+#include "text/ascii.h"
 #include "text/usage.h"
+#include "trelis/admin.h"
 #include "trelis/keys/rows.h"
 #include "trelis/trelis.h"
 
@@ -20,9 +22,23 @@ std::string Versions(const Registration& registration) {
     return std::string(kVersionsKey) + '/' + registration.serviceName;
 }
 
-void Write(const std::string& key, const std::string& value) {
-    TrelisSetValue(kLocalStore, key.c_str(), value.c_str());
-}
+// Ends with the store that it opens.
+class Opened {
+  public:
+    Opened(const Registration& registration, const std::string& person, const std::string& word)
+        : opened_(TrelisInit2() == 0) {
+        if (opened_ && !person.empty())
+            KeepHistory(person, word + ' ' + LowerCase(registration.serviceName));
+    }
+    Opened(const Opened&) = delete;
+    Opened& operator=(const Opened&) = delete;
+    ~Opened() {
+        if (opened_) TrelisUninit();
+    }
+
+  private:
+    const bool opened_;
+};
 
 // The path with each of the names in the place of its '*', or as it is without one.
 std::vector<std::string> Paths(const std::string& path, const std::vector<std::string>& names) {
@@ -33,53 +49,59 @@ std::vector<std::string> Paths(const std::string& path, const std::vector<std::s
     return paths;
 }
 
-void WriteRow(const std::string& root, const KeyRow& row, const Registration& registration) {
+void AddRow(const std::string& root, const KeyRow& row, const Registration& registration,
+            Values& values) {
     std::string path = root + row.name;
     if (row.registersList) path.resize(root.size() + std::string_view(row.name).find("/*"));
     const char* const value = row.registered != nullptr ? row.registered : row.fallback;
     if (*value == '\0' && row.registered == nullptr && !row.registersList) return;
-    for (const std::string& each : Paths(path, registration.names)) Write(each, value);
+    for (const std::string& each : Paths(path, registration.names))
+        values.emplace_back(each, value);
 }
 
 }  // namespace
 
-int Register(const Registration& registration) {
+int Register(const Registration& registration, const std::string& person) {
     char path[512];
     const DWORD length = GetModuleFileNameA(nullptr, path, sizeof path);
     if (length == 0 || length >= sizeof path) return 0;
-    const bool opened = TrelisInit2() == 0;
+    const Opened store(registration, person, "register");
     char version[64];
     const bool known = TrelisGetValue(kLocalStore, (Versions(registration) + "/Version").c_str(),
                                       version, sizeof version) == 0;
+    Values values;
     for (const KeySection& section : kKeySections) {
         if (section.program != registration.program) continue;
         const std::string root = std::string(section.root) + '/';
         for (const KeyRow& row : section.rows) {
-            if (std::string_view(row.name) == "Path") Write(root + row.name, path);
-            WriteRow(root, row, registration);
+            if (std::string_view(row.name) == "Path") values.emplace_back(root + row.name, path);
+            AddRow(root, row, registration, values);
         }
     }
     for (const RegisteredKey& each : kRegisteredKeys) {
-        if (!known && each.program == registration.program) Write(each.path, each.value);
+        if (!known && each.program == registration.program)
+            values.emplace_back(each.path, each.value);
     }
-    Write(Versions(registration) + "/Name", registration.displayName);
-    Write(Versions(registration) + "/Version", RegisteredVersion());
-    if (opened) TrelisUninit();
+    values.emplace_back(Versions(registration) + "/Name", registration.displayName);
+    values.emplace_back(Versions(registration) + "/Version", RegisteredVersion());
+    values.insert(values.end(), registration.others.begin(), registration.others.end());
+    LoadValues(values);
     return 1;
 }
 
-int Unregister(const Registration& registration) {
-    if (TrelisInit2() != 0) return 1;
+int Unregister(const Registration& registration, const std::string& person) {
+    const Opened store(registration, person, "unregister");
+    std::vector<std::string> keys;
     for (const KeySection& section : kKeySections) {
         if (section.program != registration.program) continue;
         // A section that is a list goes as far as its names are the program's.
         const bool list = std::string_view(section.rows.front().name) == "*";
         const std::string root = section.root;
         for (const std::string& each : Paths(list ? root + "/*" : root, registration.names))
-            TrelisDelKey(kLocalStore, each.c_str());
+            keys.push_back(each);
     }
-    TrelisDelKey(kLocalStore, Versions(registration).c_str());
-    TrelisUninit();
+    keys.push_back(Versions(registration));
+    DeleteTrees(keys, false);
     return 1;
 }
 

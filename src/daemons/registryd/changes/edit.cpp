@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -20,7 +22,11 @@
 
 namespace {
 
-// A file for its owner alone, which goes with its owner here.
+bool IsBlank(const std::string& text) {
+    return text.find_first_not_of(" \t\r\n") == std::string::npos;
+}
+
+// A file for its owner alone, which goes with its owner here unless it is left.
 class EditedFile {
   public:
     EditedFile() : path_(platform::HomePath("tmp/vtregistry-XXXXXX.conf")) {
@@ -30,12 +36,13 @@ class EditedFile {
     EditedFile(const EditedFile&) = delete;
     EditedFile& operator=(const EditedFile&) = delete;
     ~EditedFile() {
-        if (descriptor_) unlink(path_.c_str());
+        if (descriptor_ && !left_) unlink(path_.c_str());
     }
 
     const std::string& Path() const { return path_; }
-    bool Write(const std::string& text) const {
+    bool Write(const std::string& text) {
         if (!descriptor_) return false;
+        form_ = text;
         std::ofstream file(path_, std::ios::binary | std::ios::trunc);
         file << text << std::flush;
         return static_cast<bool>(file);
@@ -51,9 +58,45 @@ class EditedFile {
         return file.is_open() ? std::optional(text.str()) : std::nullopt;
     }
 
+    // It stays, and the person is told where, if there is anything of hers in it.
+    void Leave() {
+        const auto text = Read();
+        if (left_ || !text || *text == form_ || IsBlank(*text)) return;
+        left_ = true;
+        std::cerr << "vtregistry: what you wrote is in " << CleanText(path_) << std::endl;
+    }
+    // It is edited again.
+    void TakeBack() { left_ = false; }
+
   private:
     std::string path_;
+    std::string form_;  // as it was before the person had it
+    bool left_ = false;
     platform::UniqueDescriptor descriptor_;
+};
+
+// While it lives Ctrl-C is the editor's alone: what it leaves behind has still to be looked after.
+class SignalsOfTheEditor {
+  public:
+    SignalsOfTheEditor() {
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        for (std::size_t i = 0; i < kSignals.size(); ++i)
+            sigaction(kSignals[i], &ignore, &before_[i]);
+    }
+    SignalsOfTheEditor(const SignalsOfTheEditor&) = delete;
+    SignalsOfTheEditor& operator=(const SignalsOfTheEditor&) = delete;
+    ~SignalsOfTheEditor() { Restore(); }
+
+    // For the editor's process.
+    void Restore() const {
+        for (std::size_t i = 0; i < kSignals.size(); ++i)
+            sigaction(kSignals[i], &before_[i], nullptr);
+    }
+
+  private:
+    static constexpr std::array kSignals{SIGINT, SIGQUIT};
+    std::array<struct sigaction, kSignals.size()> before_{};
 };
 
 const char* Editor() {
@@ -67,8 +110,10 @@ const char* Editor() {
 // Whether it has ended well. The shell takes the variable apart, which may have words behind it.
 bool RunEditor(const std::string& path) {
     const std::string command = std::string(Editor()) + " \"$1\"";
+    const SignalsOfTheEditor signals;
     const pid_t child = fork();
     if (child == 0) {
+        signals.Restore();
         execl("/bin/sh", "sh", "-c", command.c_str(), "editor", path.c_str(),
               static_cast<char*>(nullptr));
         _exit(127);
@@ -130,10 +175,32 @@ int Apply(const std::vector<trelis::ValueChange>& changes) {
         case trelis::Applied::kOtherwise:
             return Failed(where + " was changed by somebody else meanwhile; nothing was changed");
         case trelis::Applied::kFailed:
-            return Failed("can't store it; nothing was changed: the store has to be writable");
+            return Failed("can't store it; nothing was changed: " +
+                          trelis::WhyNotChanged("the store has to be writable"));
     }
     for (const trelis::ValueChange& change : changes) std::cout << InWords(change) << '\n';
     return 0;
+}
+
+int EditUntilGood(EditedFile& file, const ConfigurationValues& before, const std::string& path) {
+    for (;;) {
+        if (!RunEditor(file.Path()))
+            return Failed(std::string("the editor (") + Editor() +
+                          ") has not ended well; nothing was changed. $EDITOR says which one.");
+        const auto text = file.Read();
+        if (!text) return Failed("can't read " + file.Path() + "; nothing was changed");
+        // An editor whose disk is full leaves that, and nobody who takes all away takes the
+        // comments.
+        if (IsBlank(*text)) return Failed("the editor has left an empty file; nothing was changed");
+        const ReadForm read = ParseForm(*text, before, path);
+        if (read.complaints.empty()) return Apply(Changes(before, read.values));
+        for (const std::string& each : read.complaints)
+            std::cerr << "vtregistry: " << CleanText(each) << '\n';
+        // Before the question, which Ctrl-C may answer.
+        file.Leave();
+        if (!WantsToGoOn()) return Failed("nothing was changed");
+        file.TakeBack();
+    }
 }
 
 }  // namespace
@@ -143,23 +210,10 @@ int Edit(const Arguments& arguments) {
     if (!path) return kExitFailed;
     const auto before = ValuesAt(*path);
     if (!before) return Failed("can't read the store");
-    const EditedFile file;
+    EditedFile file;
     if (!file.Write(WriteForm(*before, *path)))
         return Failed("can't write " + (file.Path().empty() ? "a file" : file.Path()));
-    for (;;) {
-        if (!RunEditor(file.Path()))
-            return Failed(std::string("the editor (") + Editor() +
-                          ") has not ended well; nothing was changed. $EDITOR says which one.");
-        const auto text = file.Read();
-        if (!text) return Failed("can't read " + file.Path() + "; nothing was changed");
-        // An editor whose disk is full leaves that, and nobody who takes all away takes the
-        // comments.
-        if (text->find_first_not_of(" \t\r\n") == std::string::npos)
-            return Failed("the editor has left an empty file; nothing was changed");
-        const ReadForm read = ParseForm(*text, *before, *path);
-        if (read.complaints.empty()) return Apply(Changes(*before, read.values));
-        for (const std::string& each : read.complaints)
-            std::cerr << "vtregistry: " << CleanText(each) << '\n';
-        if (!WantsToGoOn()) return Failed("nothing was changed");
-    }
+    const int code = EditUntilGood(file, *before, *path);
+    if (code != 0) file.Leave();
+    return code;
 }

@@ -137,7 +137,8 @@ int Undo(const Arguments& arguments) {
                           ". Nothing was changed; --force gives it the value from before all the "
                           "same.");
         case trelis::Applied::kFailed:
-            return Failed("can't undo; nothing was changed: the store has to be writable");
+            return Failed("can't undo; nothing was changed: " +
+                          trelis::WhyNotChanged("the store has to be writable"));
     }
     for (const trelis::ValueChange& change : back) std::cout << InWords(change) << '\n';
     return 0;

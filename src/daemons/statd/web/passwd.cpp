@@ -10,7 +10,7 @@
 
 #include "daemons/statd/web/accounts.h"
 #include "platform/console.h"
-#include "platform/home.h"
+#include "trelis/admin.h"
 #include "trelis/trelis.h"
 
 namespace stats {
@@ -63,7 +63,9 @@ int Make(const std::string& name) {
     if (password->empty() || password->size() > kPasswordLimit ||
         password->find('\0') != std::string::npos)
         return Failed("a password has 1 to " + std::to_string(kPasswordLimit) + " bytes");
-    return StoreAccount(name, *password) ? 0 : Failed("can't store the account");
+    return StoreAccount(name, *password) ? 0
+                                         : Failed("can't store the account: " +
+                                                  trelis::WhyNotChanged("there is no hash of it"));
 }
 
 }  // namespace
@@ -73,9 +75,7 @@ int PasswdCommand(int argc, char** argv) {
     if (argc != 2 && !remove) return Usage();
     const std::string name = argv[argc - 1];
     if (!ValidAccountName(name)) return Usage();
-    if (TrelisInit2() != 0)
-        return Failed(platform::HomeError().empty() ? "can't open the store"
-                                                    : platform::HomeError());
+    if (TrelisInit2() != 0) return Failed(trelis::WhyNotOpen());
     const int code = remove ? Delete(name) : Make(name);
     TrelisUninit();
     return code;

@@ -157,6 +157,10 @@ class Registry(Person):
                 ("interface.net.tls.mode", "offr", "off, offer, require, wrapped"),
                 ("filters.senders.enabled", "perhaps", "Y or N"),
                 ("interface.net.greeting", "x" * 64, "at most 63 bytes"),
+                ("interface.net.greeting", "mx.example.org\n", "a host's name"),
+                ("filters.senders.denymessage", "Go away", "550 5.7.1 Go away"),
+                ("filters.recipients.denymessage", "550 a\r\n250 ok", "one line of a reply"),
+                ("maild.redirectaddress", "the team", "a mailbox"),
                 ("interface.net.maildomains.*", "a.example", "a name of your choice"),
                 ("maild.path", "/x", "left to the program")):
             code, out, err = self.vt("set", name, value)

@@ -44,7 +44,7 @@ class ServerCheck {
         : interface_(interface), findings_(findings) {
         InterfaceIdentities identities;
         settings_.options = ReadConnectionOptions(interface, identities);
-        settings_.greetingName = trelis::ReadText(InterfaceKey("GreetingDomainName"), {interface});
+        settings_.greetingName = trelis::ReadWord(InterfaceKey("GreetingDomainName"), {interface});
         settings_.connectionTimeout = kSeconds;
     }
 

@@ -4,19 +4,21 @@
 #include <charconv>
 #include <cmath>
 
+#include "net/address.h"
 #include "net/service_address.h"
 #include "text/ascii.h"
+#include "text/mailbox.h"
 #include "text/trim.h"
 
 namespace trelis {
 namespace {
 
-// Whether there is something between the ';'s, and all of it fits.
+// Whether there is something between the separators, and all of it fits.
 template <typename Fits>
-bool AllFit(std::string_view list, Fits fits) {
+bool AllFit(std::string_view list, Fits fits, std::string_view separators = ";") {
     bool any = false;
     for (;;) {
-        const std::size_t end = list.find(';');
+        const std::size_t end = list.find_first_of(separators);
         const std::string_view each = Trimmed(list.substr(0, end));
         if (!each.empty()) {
             if (!fits(each)) return false;
@@ -62,6 +64,41 @@ bool IsTypeList(std::string_view text) {
     return AllFit(text, [](std::string_view type) {
         return type.find_first_of("/*?[") != std::string_view::npos;
     });
+}
+
+bool IsDomainName(std::string_view text) {
+    const auto fits = [](char c) { return IsLetter(c) || IsDigit(c) || c == '-' || c == '_'; };
+    for (;;) {
+        const std::size_t end = text.find('.');
+        const std::string_view label = text.substr(0, end);
+        if (label.empty() || !std::all_of(label.begin(), label.end(), fits)) return false;
+        if (end == std::string_view::npos) return true;
+        text.remove_prefix(end + 1);
+    }
+}
+
+bool IsHostName(std::string_view text) {
+    constexpr std::string_view kSix = "IPv6:";
+    if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
+        text = text.substr(1, text.size() - 2);
+        if (text.starts_with(kSix)) text.remove_prefix(kSix.size());
+        return IpAddress::Parse(text).has_value();
+    }
+    return IsDomainName(text) || IpAddress::Parse(text).has_value();
+}
+
+bool IsRefusal(std::string_view text) {
+    return text.size() > 4 && (text[0] == '4' || text[0] == '5') && IsDigit(text[1]) &&
+           IsDigit(text[2]) && text[3] == ' ' && std::none_of(text.begin(), text.end(), IsControl);
+}
+
+bool IsMailboxList(std::string_view text) {
+    const auto fits = [](std::string_view each) {
+        if (each.size() > 2 && each.front() == '<' && each.back() == '>')
+            each = each.substr(1, each.size() - 2);
+        return !MailboxPath(std::string(each)).empty();
+    };
+    return AllFit(text, fits, ";,");
 }
 
 }  // namespace trelis

@@ -17,7 +17,18 @@ bool IsSpamAddress(std::string_view text);
 bool IsScore(std::string_view text);
 bool IsPlaceList(std::string_view text);
 bool IsTypeList(std::string_view text);
+// A name of a host or domain, without a dot at an end.
+bool IsDomainName(std::string_view text);
+// Such a name, or an address, with or without the brackets of a literal.
+bool IsHostName(std::string_view text);
+// One line of a reply that refuses.
+bool IsRefusal(std::string_view text);
+// Mailboxes as commands can have them, ';' or ',' between two.
+bool IsMailboxList(std::string_view text);
 
+inline constexpr TextForm kHostName{IsHostName, "a host's name such as mx.example.org"};
+inline constexpr TextForm kRefusal{IsRefusal, "one line of a reply, such as 550 5.7.1 Go away"};
+inline constexpr TextForm kMailboxes{IsMailboxList, "a mailbox such as virus@example.org"};
 inline constexpr TextForm kServiceAddress{IsServiceAddress, "unix:PATH, HOST:PORT or [IPv6]:PORT"};
 inline constexpr TextForm kSpamAddress{
     IsSpamAddress, "HOST:PORT or unix:PATH of rspamd, or spamd:HOST:PORT, spamd:unix:PATH"};

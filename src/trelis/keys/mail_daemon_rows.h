@@ -30,6 +30,7 @@ inline constexpr KeyRow kMailDaemonRows[] = {
         .Alias("antivirusaction")
         .Shown("`VirusAction`"),
     Text("RedirectAddress", "", "where `redirect` sends infected mail; without it, it is rejected")
+        .Form(kMailboxes)
         .Registers(""),
     Text(
         "WhenEncrypted", "pass",

@@ -30,6 +30,7 @@ inline constexpr KeyRow kInterfaceRows[] = {
     Text("GreetingDomainName", "127.0.0.1", "the name in the proxy's own replies")
         .Width(64)
         .Alias("greeting")
+        .Form(kHostName)
         .EmptyCounts(),
     Text("IPAddress", "", "address to listen on, IPv4 or IPv6; `::` serves both families")
         .Width(64)
@@ -144,7 +145,8 @@ inline constexpr KeyRow kBlackListRows[] = {
     Text("UsersList/*", "", "the value is an address").RegistersList(),
     Flag("EnabledDropConnection", "a listed sender ends the session").Registers("Y"),
     Flag("EnabledSendDenyMessage", "answer a listed sender with the text below").Registers("Y"),
-    Text("DenyMessage", kDenyText, "that text"),
+    Text("DenyMessage", kDenyText, "that text, one line of a reply: `550 5.7.1 Go away`")
+        .Form(kRefusal),
 };
 
 inline constexpr KeyRow kHarvestingRows[] = {
@@ -152,7 +154,8 @@ inline constexpr KeyRow kHarvestingRows[] = {
     Seconds("ResponseTimeout", "45", 1, kMostInt,
             "seconds until the answer; the session ends behind it"),
     Flag("EnabledSendDenyMessage", "answer with the text below").Registers("Y"),
-    Text("DenyMessage", kDenyText, "that text"),
+    Text("DenyMessage", kDenyText, "that text, one line of a reply: `550 5.7.1 Go away`")
+        .Form(kRefusal),
 };
 
 inline constexpr char kActionWords[] = "reject|quarantine|drop|redirect|remove|tag|put off|pass";

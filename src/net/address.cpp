@@ -9,6 +9,7 @@ namespace {
 constexpr std::array<std::uint8_t, 12> kV4Prefix = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
 constexpr int kBits = 128;
 constexpr int kV4Bits = 32;
+constexpr char kEveryAddress[] = "0.0.0.0";
 
 }  // namespace
 
@@ -75,6 +76,16 @@ std::string IpAddress::Text() const {
         inet_ntop(AF_INET6, bytes_.data(), text, sizeof text);
     }
     return text;
+}
+
+// The system would listen on a broadcast address and on one of "this network", where no client ever
+// comes, and would keep the port from a good entry.
+std::optional<IpAddress> ListenAddress(const std::string& text) {
+    if (text.find(':') != std::string::npos) return IpAddress::Parse(text);
+    const std::uint32_t address = inet_addr(text.empty() ? kEveryAddress : text.c_str());
+    if (address != INADDR_ANY && (address == INADDR_NONE || ntohl(address) >> 24 == 0))
+        return std::nullopt;
+    return IpAddress::OfV4(address);
 }
 
 std::optional<IpNetwork> IpNetwork::Parse(std::string_view text) {

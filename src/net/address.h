@@ -40,6 +40,10 @@ class IpAddress {
     std::array<std::uint8_t, 16> bytes_{};
 };
 
+// The address to listen on that a text means; empty: all of IPv4. Nothing for one where no client
+// can come.
+std::optional<IpAddress> ListenAddress(const std::string& text);
+
 // A network as "192.0.2.0/24" or "2001:db8::/32" names it, or a single address. Bits behind the
 // prefix say nothing.
 class IpNetwork {

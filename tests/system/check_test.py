@@ -159,6 +159,13 @@ class Wrong(Checking):
              "your own clients"),
             ({NET + "/RelayNetworks/a/IPAddress": "192.0.2.1", NET + "/RelayNetworks/a/Mask": "255.255.255.0"}, "error", None,
              "first address"),
+            ({NET + "/RelayNetworks/a/IPAddress": "1.2.3.4/33"}, "error", None, "192.0.2.0/24"),
+            ({NET + "/MailDomains/b": "@example.net"}, "error", None, "example.org"),
+            ({NET + "/MaxMessageSize": "5"}, "error", None, "65536"),
+            ({MAIL + "/MaxFileSize": "25"}, "error", None, "65536"),
+            ({NET + "/ServerToForward": "a b"}, "error", None, "host:port"),
+            ({NET + "/GreetingDomainName": "mx.example.org\n"}, "error", None, "host's name"),
+            ({"/VTWIN/Filters/AS/SenderBlackList/DenyMessage": "Go away"}, "error", None, "550"),
             ({TRUST: "0.0.0.0/0"}, "error", None, "balancers"),
             ({TRUST: "balancer"}, "error", None, "192.0.2.0/24"),
             ({NET + "/ProxyProtocol": "Y"}, "warning", None, "/Trust"),
@@ -257,7 +264,9 @@ class Wrong(Checking):
 
     def test_an_interface_that_takes_no_mail(self):
         self.proxy.tool("del", NET + "/MailDomains")
-        self.one(NET + "/MailDomains", "domains", "warning")
+        self.one(NET + "/MailDomains", "no mail is taken", "warning")
+        self.proxy.load({NET + "/RelayNetworks/a/IPAddress": "192.0.2.0/24"})
+        self.one(NET + "/MailDomains", "strangers", "warning")
 
     def test_no_interface_and_no_configuration(self):
         self.proxy.tool("del", NET)

@@ -3,6 +3,7 @@
 #include "net/address.h"
 #include "session/options.h"
 #include "session/relay_network.h"
+#include "trelis/keys/forms.h"
 
 namespace {
 
@@ -23,28 +24,19 @@ void CheckRelayNetwork(const std::string& interface, const std::string& name, Fi
     constexpr trelis::Key kMask = InterfaceKey("RelayNetworks/*/Mask");
     const std::string address = trelis::ReadText(kAddress, {interface, name});
     const std::string mask = trelis::ReadText(kMask, {interface, name});
-    if (address.empty()) return;
+    // What has no form, has been told with its key.
+    if (!trelis::IsNetwork(address) || !(mask.empty() || trelis::IsMask(mask))) return;
     const std::string path = kAddress.Path({interface, name});
     const std::string maskPath = kMask.Path({interface, name});
     const std::optional<IpAddress> maskBits = IpAddress::Parse(mask);
-    const bool noBits = maskBits && maskBits->IsV4() && maskBits->V4() == 0;
+    const bool noBits = maskBits && maskBits->V4() == 0;
     if (noBits || RelayNetwork(address, mask).IsEverybody()) {
         findings.Error(noBits ? maskPath : path, "everybody may relay: this is an open relay",
                        "name the networks of your own clients only");
-    } else if (address.find_first_of("/:") != std::string::npos) {
-        if (!mask.empty())
-            findings.Error(maskPath, "a mask besides a prefix, so nobody of it may relay",
-                           "delete the mask");
-        else if (!IpNetwork::Parse(address))
-            findings.Error(path, "no network, so nobody of it may relay",
-                           "set a network such as 192.0.2.0/24");
-    } else if (const auto bits = IpAddress::Parse(address); !bits) {
-        findings.Error(path, "no address, so nobody of it may relay",
-                       "set an address such as 192.0.2.0, and its mask");
-    } else if (!mask.empty() && !(maskBits && maskBits->IsV4())) {
-        findings.Error(maskPath, "no mask, so only the one address may relay",
-                       "set a mask such as 255.255.255.0");
-    } else if (!mask.empty() && (bits->V4() & ~maskBits->V4()) != 0) {
+    } else if (maskBits && address.find_first_of("/:") != std::string::npos) {
+        findings.Error(maskPath, "a mask besides a prefix, so nobody of it may relay",
+                       "delete the mask");
+    } else if (maskBits && (IpAddress::Parse(address)->V4() & ~maskBits->V4()) != 0) {
         findings.Error(path, "it has bits behind its mask, so nobody of it may relay",
                        "set the network's first address");
     }
@@ -56,10 +48,7 @@ void CheckTrust(const std::string& interface, Findings& findings) {
               [&](const std::string& path, const std::string& text) {
                   any = true;
                   const std::optional<IpNetwork> network = IpNetwork::Parse(text);
-                  if (!network)
-                      findings.Error(path, "no address or network, so it is nobody's",
-                                     "set an address (192.0.2.1) or a network (192.0.2.0/24)");
-                  else if (network->IsEverybody())
+                  if (network && network->IsEverybody())
                       findings.Error(path, "everybody is trusted to say which address a client has",
                                      "name your own balancers and mail servers only");
               });
@@ -72,15 +61,18 @@ void CheckTrust(const std::string& interface, Findings& findings) {
 }  // namespace
 
 void CheckRelaying(const std::string& interface, Findings& findings) {
+    bool relays = false;
+    bool domains = false;
     trelis::NameWalk networks(InterfaceKey("RelayNetworks/*/IPAddress"), {interface});
-    bool any = false;
-    for (std::string name; networks.Next(name); any = true)
+    for (std::string name; networks.Next(name); relays = true)
         CheckRelayNetwork(interface, name, findings);
     EachEntry(InterfaceKey("MailDomains/*"), interface,
-              [&](const std::string&, const std::string&) { any = true; });
-    if (!any)
+              [&](const std::string&, const std::string&) { domains = true; });
+    if (!domains)
         findings.Warn(InterfaceKey("MailDomains/*").ListPath({interface}),
-                      "no mail is taken: there is neither a domain nor a network that may relay",
+                      relays ? "mail of strangers is refused: there is no domain that it may go to"
+                             : "no mail is taken: there is neither a domain nor a network that may "
+                               "relay",
                       "set the domains that you receive mail for");
     CheckTrust(interface, findings);
 }

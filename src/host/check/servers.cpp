@@ -2,12 +2,13 @@
 // and how they are told of clients; then the greeting and EHLO.
 #include "host/check/parts.h"
 #include "host/interface_options.h"
-#include "host/listeners.h"
+#include "net/address.h"
 #include "net/socket.h"
 #include "session/peers.h"
 #include "session/server/connector.h"
 #include "session/server/prepare.h"
 #include "text/printable.h"
+#include "trelis/keys/forms.h"
 
 namespace {
 
@@ -69,10 +70,7 @@ void ServerCheck::Check(const std::string& key, const std::string& text) {
     key_ = key;
     const ServerAddress server = ServerAddress::Parse(text);
     shown_ = server.Text();
-    if (server.host.empty() || server.port == 0) {
-        findings_.Error(key_, "\"" + text + "\" names no server", "set host:port");
-        return;
-    }
+    if (!trelis::IsMailServer(text)) return;  // has been told with its key
     if (IsOurself(server)) {
         findings_.Error(key_, "the server is this proxy itself, mail would go round",
                         "set the address and port of the mail server behind it");

@@ -29,6 +29,26 @@ bool AllFit(std::string_view list, Fits fits, std::string_view separators = ";")
     }
 }
 
+bool InBrackets(std::string_view text) {
+    return text.size() > 2 && text.front() == '[' && text.back() == ']';
+}
+
+bool IsOfName(char c) { return IsLetter(c) || IsDigit(c) || c == '-' || c == '_'; }
+
+// With or without a zone: fe80::1%eth0.
+bool IsV6(std::string_view host) {
+    const std::size_t zone = std::min(host.find('%'), host.size());
+    return host.find(':') < zone && IpAddress::Parse(host.substr(0, zone)) &&
+           std::all_of(host.begin() + zone, host.end(),
+                       [](char c) { return IsOfName(c) || c == '.' || c == '%'; });
+}
+
+// A resolver takes more names than are domains of mail.
+bool IsServerName(std::string_view host) {
+    return !host.empty() &&
+           std::all_of(host.begin(), host.end(), [](char c) { return IsOfName(c) || c == '.'; });
+}
+
 }  // namespace
 
 std::optional<double> ParseScore(std::string_view text) {
@@ -67,24 +87,41 @@ bool IsTypeList(std::string_view text) {
 }
 
 bool IsDomainName(std::string_view text) {
-    const auto fits = [](char c) { return IsLetter(c) || IsDigit(c) || c == '-' || c == '_'; };
     for (;;) {
         const std::size_t end = text.find('.');
         const std::string_view label = text.substr(0, end);
-        if (label.empty() || !std::all_of(label.begin(), label.end(), fits)) return false;
+        if (label.empty() || !std::all_of(label.begin(), label.end(), IsOfName)) return false;
         if (end == std::string_view::npos) return true;
         text.remove_prefix(end + 1);
     }
 }
 
-bool IsHostName(std::string_view text) {
+bool IsMailDomain(std::string_view text) {
     constexpr std::string_view kSix = "IPv6:";
-    if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
-        text = text.substr(1, text.size() - 2);
-        if (text.starts_with(kSix)) text.remove_prefix(kSix.size());
-        return IpAddress::Parse(text).has_value();
-    }
-    return IsDomainName(text) || IpAddress::Parse(text).has_value();
+    if (!InBrackets(text)) return IsDomainName(text);
+    text = text.substr(1, text.size() - 2);
+    if (text.starts_with(kSix)) text.remove_prefix(kSix.size());
+    return IsAddress(text);
+}
+
+bool IsHostName(std::string_view text) { return IsMailDomain(text) || IsAddress(text); }
+
+bool IsMailServer(std::string_view text) {
+    if (IsV6(text) || (InBrackets(text) && IsV6(text.substr(1, text.size() - 2)))) return true;
+    if (text.find(':') == std::string_view::npos) return IsServerName(text);
+    const std::optional<ServiceAddress> place = ServiceAddress::Parse(text);
+    return place && (IsServerName(place->host) || IsV6(place->host));
+}
+
+bool IsAddress(std::string_view text) { return IpAddress::Parse(text).has_value(); }
+
+bool IsListenAddress(std::string_view text) { return ListenAddress(std::string(text)).has_value(); }
+
+bool IsNetwork(std::string_view text) { return IpNetwork::Parse(text).has_value(); }
+
+bool IsMask(std::string_view text) {
+    const std::optional<IpAddress> bits = IpAddress::Parse(text);
+    return bits && bits->IsV4();
 }
 
 bool IsRefusal(std::string_view text) {
@@ -94,7 +131,7 @@ bool IsRefusal(std::string_view text) {
 
 bool IsMailboxList(std::string_view text) {
     const auto fits = [](std::string_view each) {
-        if (each.size() > 2 && each.front() == '<' && each.back() == '>')
+        if (each.starts_with('<') && each.ends_with('>') && each.size() > 2)
             each = each.substr(1, each.size() - 2);
         return !MailboxPath(std::string(each)).empty();
     };

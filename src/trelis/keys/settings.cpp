@@ -133,8 +133,7 @@ std::string ReadWord(const Key& key, Names names) {
     const auto end =
         std::find_if(text.begin(), text.end(), [](char c) { return c == ' ' || IsControl(c); });
     if (end == text.end()) return text;
-    const std::string word =
-        end == text.begin() ? key.Row().fallback : std::string(text.begin(), end);
+    std::string word = end == text.begin() ? key.Row().fallback : std::string(text.begin(), end);
     Complain(key.Path(names), text, word);
     return word;
 }

@@ -7,7 +7,7 @@
 #include "host/check/finding.h"
 #include "trelis/keys/settings.h"
 
-// Directories, their permissions and their room. Needs no store.
+// Directories, their permissions, those of files, and the room. Needs no store.
 void CheckInstanceDirectories(Findings& findings);
 // Every key of the store against the table.
 void CheckKeys(Findings& findings);

@@ -58,6 +58,11 @@ SocketAddress IpAddress::WithPort(std::uint16_t port) const {
     return SocketAddress(record);
 }
 
+bool IpAddress::IsLoopback() const {
+    if (IsV4()) return ntohl(V4()) >> 24 == IN_LOOPBACKNET;
+    return bytes_ == std::array<std::uint8_t, 16>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+}
+
 bool IpAddress::IsV4() const {
     return std::equal(kV4Prefix.begin(), kV4Prefix.end(), bytes_.begin());
 }
@@ -118,4 +123,4 @@ bool IpNetwork::Contains(const IpAddress& address) const {
     return bits == 0 || (ours[whole] ^ theirs[whole]) >> (8 - bits) == 0;
 }
 
-bool IpNetwork::IsEverybody() const { return prefix_ == (address_.IsV4() ? kBits - kV4Bits : 0); }
+int IpNetwork::Bits() const { return prefix_ - (IsV4() ? kBits - kV4Bits : 0); }

@@ -171,7 +171,7 @@ class Registry(Person):
                 ("interface.net.server", "a b", "host:port"),
                 ("interface.net.fallbackservers.a", "mx:", "host:port"),
                 ("interface.net.address", "0.0.0.7", "address of this host"),
-                ("statd.httpaddress", "300.1.1.1", "address in numbers"),
+                ("statd.httpaddress", "300.1.1.1", "IPv4 address"),
                 ("interface.net.maildomains.*", "a.example", "a name of your choice"),
                 ("maild.path", "/x", "left to the program")):
             code, out, err = self.vt("set", name, value)

@@ -66,6 +66,7 @@ constexpr Case kCases[] = {
     {&kNetwork, "1.2.3.4/33", false},
     {&kMask, "255.255.255.0", true},
     {&kMask, "ffff::", false},
+    {&kV4Address, "::1", false},
     {&kRefusal, "550 5.7.1 Message Rejected", true},
     {&kRefusal, "451 später", true},
     {&kRefusal, "550-a", false},

@@ -1,4 +1,10 @@
 // Settings of one interface that open it to everybody, or contradict each other.
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
 #include "host/check/parts.h"
 #include "net/address.h"
 #include "session/options.h"
@@ -19,13 +25,46 @@ std::string Path(const trelis::Key& key, const std::string& interface) {
     return key.Path({interface});
 }
 
-void CheckRelayNetwork(const std::string& interface, const std::string& name, Findings& findings) {
+// A network whose clients may relay, by its key.
+struct Relays {
+    std::string path;
+    IpNetwork network;
+};
+
+// Wider ones have more people in them than anybody's own clients are.
+bool IsWide(const IpNetwork& network) { return network.Bits() < (network.IsV4() ? 8 : 16); }
+
+// With a mask in the place of a prefix. Nothing for one with gaps, which is no network of a router.
+std::optional<IpNetwork> AsNetwork(const std::string& address, const std::string& mask) {
+    if (mask.empty()) return IpNetwork::Parse(address);
+    const std::uint32_t bits = ntohl(IpAddress::Parse(mask)->V4());
+    if (std::countl_one(bits) != std::popcount(bits)) return std::nullopt;
+    return IpNetwork::Parse(address + '/' + std::to_string(std::popcount(bits)));
+}
+
+// Whether each IPv4 address is in one of them: from the end of one to the next.
+bool CoverEverybody(const std::vector<Relays>& all) {
+    constexpr std::uint64_t kLast = 0xFFFFFFFF;
+    for (std::uint64_t at = 0; at <= kLast;) {
+        const IpAddress address = IpAddress::OfV4(htonl(static_cast<std::uint32_t>(at)));
+        const auto holder = std::find_if(all.begin(), all.end(), [&address](const Relays& each) {
+            return each.network.Contains(address);
+        });
+        if (holder == all.end()) return false;
+        at = (at | (kLast >> holder->network.Bits())) + 1;
+    }
+    return true;
+}
+
+// Adds the network, if it is one that lets clients relay and not everybody.
+void CheckRelayNetwork(const std::string& interface, const std::string& name,
+                       std::vector<Relays>& all, Findings& findings) {
     constexpr trelis::Key kAddress = InterfaceKey("RelayNetworks/*/IPAddress");
     constexpr trelis::Key kMask = InterfaceKey("RelayNetworks/*/Mask");
     const std::string address = trelis::ReadText(kAddress, {interface, name});
     const std::string mask = trelis::ReadText(kMask, {interface, name});
     // What has no form, has been told with its key.
-    if (!trelis::IsNetwork(address) || !(mask.empty() || trelis::IsMask(mask))) return;
+    if (!trelis::IsNetwork(address) || !(mask.empty() || trelis::IsV4Address(mask))) return;
     const std::string path = kAddress.Path({interface, name});
     const std::string maskPath = kMask.Path({interface, name});
     const std::optional<IpAddress> maskBits = IpAddress::Parse(mask);
@@ -39,7 +78,31 @@ void CheckRelayNetwork(const std::string& interface, const std::string& name, Fi
     } else if (maskBits && (IpAddress::Parse(address)->V4() & ~maskBits->V4()) != 0) {
         findings.Error(path, "it has bits behind its mask, so nobody of it may relay",
                        "set the network's first address");
+    } else if (const auto network = AsNetwork(address, mask)) {
+        all.push_back({path, *network});
     }
+}
+
+// False if there are none.
+bool CheckRelayNetworks(const std::string& interface, Findings& findings) {
+    constexpr trelis::Key kList = InterfaceKey("RelayNetworks/*/IPAddress");
+    std::vector<Relays> all;
+    bool any = false;
+    trelis::NameWalk networks(kList, {interface});
+    for (std::string name; networks.Next(name); any = true)
+        CheckRelayNetwork(interface, name, all, findings);
+    if (CoverEverybody(all)) {
+        findings.Error(kList.ListPath({interface}),
+                       "together they let everybody relay: this is an open relay",
+                       "name the networks of your own clients only");
+        return any;
+    }
+    for (const Relays& each : all) {
+        if (IsWide(each.network))
+            findings.Warn(each.path, "a large part of the Internet may relay",
+                          "name the networks of your own clients only");
+    }
+    return any;
 }
 
 void CheckTrust(const std::string& interface, Findings& findings) {
@@ -61,11 +124,8 @@ void CheckTrust(const std::string& interface, Findings& findings) {
 }  // namespace
 
 void CheckRelaying(const std::string& interface, Findings& findings) {
-    bool relays = false;
+    const bool relays = CheckRelayNetworks(interface, findings);
     bool domains = false;
-    trelis::NameWalk networks(InterfaceKey("RelayNetworks/*/IPAddress"), {interface});
-    for (std::string name; networks.Next(name); relays = true)
-        CheckRelayNetwork(interface, name, findings);
     EachEntry(InterfaceKey("MailDomains/*"), interface,
               [&](const std::string&, const std::string&) { domains = true; });
     if (!domains)

@@ -1,5 +1,9 @@
-// Entries of the filters' lists: what isn't whole is passed over there.
+// Entries of the filters' lists: what isn't whole is passed over there, and what is for everybody
+// refuses all mail.
+#include <string_view>
+
 #include "host/check/parts.h"
+#include "net/address.h"
 
 namespace {
 
@@ -27,9 +31,53 @@ void CheckEntry(const std::string& name, Findings& findings) {
                        "set 1 to allow or 2 to deny");
 }
 
+bool DeniesEverybody(const std::string& name) {
+    const std::string mask = trelis::ReadText(ListKey("Addresses/*/Mask"), {name});
+    if (!mask.empty()) return IpAddress::Parse(mask) == IpAddress::OfV4(INADDR_ANY);
+    const auto network = IpNetwork::Parse(trelis::ReadText(ListKey("Addresses/*/IP"), {name}));
+    return network && network->IsEverybody();
+}
+
+// To deny everybody makes sense where somebody is allowed.
+void CheckDenials(Findings& findings) {
+    constexpr int kAllow = 1;
+    constexpr int kDeny = 2;
+    if (!trelis::ReadFlag(ListKey("Enabled"))) return;
+    std::vector<std::string> all;
+    trelis::NameWalk names(ListKey("Addresses/*/IP"));
+    for (std::string name; names.Next(name);) {
+        const int action = trelis::ReadInt(ListKey("Addresses/*/Action"), {name});
+        if (action == kAllow) return;
+        if (action == kDeny && DeniesEverybody(name)) all.push_back(name);
+    }
+    for (const std::string& name : all)
+        findings.Warn(ListKey("Addresses/*/IP").Path({name}),
+                      "every client is denied, and nobody is allowed",
+                      "allow somebody, or delete the entry");
+}
+
+// One that any address fits.
+bool FitsEverybody(std::string_view pattern) {
+    return pattern.starts_with('*') && pattern.ends_with('*') &&
+           pattern.find_first_not_of("*@.") == std::string_view::npos;
+}
+
+void CheckSenders(Findings& findings) {
+    constexpr trelis::Key kPattern{trelis::kBlackListKey, "WildcardsList/*"};
+    if (!trelis::ReadFlag({trelis::kBlackListKey, "Enabled"})) return;
+    trelis::NameWalk names(kPattern);
+    for (std::string name; names.Next(name);) {
+        if (FitsEverybody(trelis::ReadText(kPattern, {name})))
+            findings.Warn(kPattern.Path({name}), "every sender is refused",
+                          "set a pattern such as *@example.org, or delete it");
+    }
+}
+
 }  // namespace
 
 void CheckLists(Findings& findings) {
     trelis::NameWalk names(ListKey("Addresses/*/IP"));
     for (std::string name; names.Next(name);) CheckEntry(name, findings);
+    CheckDenials(findings);
+    CheckSenders(findings);
 }

@@ -87,9 +87,7 @@ bool ServerCheck::IsOurself(const ServerAddress& server) const {
     const std::optional<IpAddress> named = IpAddress::Parse(server.host);
     const bool loopback =
         server.host == "localhost" || server.host == "::1" || server.host.starts_with("127.");
-    const bool everywhere =
-        address && (*address == IpAddress() || *address == IpAddress::OfV4(INADDR_ANY));
-    return address && (everywhere ? loopback : named == address);
+    return address && (address->IsEvery() ? loopback : named == address);
 }
 
 ServerCheck::Attempt ServerCheck::Try(const ServerAddress& server, bool plain) {

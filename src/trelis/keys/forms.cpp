@@ -119,9 +119,8 @@ bool IsListenAddress(std::string_view text) { return ListenAddress(std::string(t
 
 bool IsNetwork(std::string_view text) { return IpNetwork::Parse(text).has_value(); }
 
-bool IsMask(std::string_view text) {
-    const std::optional<IpAddress> bits = IpAddress::Parse(text);
-    return bits && bits->IsV4();
+bool IsV4Address(std::string_view text) {
+    return text.find(':') == std::string_view::npos && IsAddress(text);
 }
 
 bool IsRefusal(std::string_view text) {

@@ -225,7 +225,7 @@ inline constexpr KeyRow kLoggerRows[] = {
 
 inline constexpr KeyRow kStatsRows[] = {
     Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports").Sane(1, 0xFFFF),
-    Text("HTTPAddress", "127.0.0.1", "address to listen on").Form(kAddress),
+    Text("HTTPAddress", "127.0.0.1", "IPv4 address to listen on").Form(kV4Address),
     Choice("MetricsAccess", "loopback", "loopback|account|all",
            "who may read `/metrics`, `/healthz` and `/readyz`: `loopback`, clients on this host, "
            "without an account, and nobody else; `account`, who has one; `all`, everybody (a word "
@@ -243,7 +243,10 @@ inline constexpr KeyRow kStoreRows[] = {
     Flag("RemoteReads",
          "answer reads of other hosts, below `/VTWIN/Daemons` only, without the accounts")
         .Registers("N"),
-    Text("Address", "", "address to listen on").Form(kAddress).Registers("").Shown("all addresses"),
+    Text("Address", "", "IPv4 address to listen on")
+        .Form(kV4Address)
+        .Registers("")
+        .Shown("all addresses"),
     Number("Port", "8485", 1, 0xFFFF, "port to listen on, and to ask others on")
         .OutOfBounds(Beyond::kDefault),
     Written("Path", "the program's file"),

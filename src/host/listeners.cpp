@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr char kEveryAddress[] = "0.0.0.0";
-
 // Told once, until something else is to be told.
 void Complain(const ListenerWish& wish, const std::string& complaint, std::string& told) {
     if (complaint == told) return;
@@ -21,16 +19,6 @@ void Complain(const ListenerWish& wish, const std::string& complaint, std::strin
 }
 
 }  // namespace
-
-// The system would listen on a broadcast address and on one of "this network", where no client ever
-// comes, and would keep the port from a good entry.
-std::optional<IpAddress> ListenAddress(const std::string& text) {
-    if (text.find(':') != std::string::npos) return IpAddress::Parse(text);
-    const std::uint32_t address = inet_addr(text.empty() ? kEveryAddress : text.c_str());
-    if (address != INADDR_ANY && (address == INADDR_NONE || ntohl(address) >> 24 == 0))
-        return std::nullopt;
-    return IpAddress::OfV4(address);
-}
 
 std::optional<Listeners::Place> Listeners::PlaceOf(const ListenerWish& wish) {
     const std::optional<IpAddress> address = ListenAddress(wish.address);

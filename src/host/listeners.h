@@ -14,10 +14,6 @@
 #include "platform/socket.h"
 #include "platform/unique.h"
 
-// The address that the text of IPAddress means; empty: all of IPv4. Nothing for one where no client
-// can come.
-std::optional<IpAddress> ListenAddress(const std::string& text);
-
 struct ListenerWish {
     std::string interface;  // its name below the interfaces' key
     std::string address;    // in the words of its IPAddress

@@ -9,6 +9,7 @@ namespace {
 constexpr std::array<std::uint8_t, 12> kV4Prefix = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
 constexpr int kBits = 128;
 constexpr int kV4Bits = 32;
+constexpr char kEveryAddress[] = "0.0.0.0";
 
 }  // namespace
 
@@ -57,6 +58,11 @@ SocketAddress IpAddress::WithPort(std::uint16_t port) const {
     return SocketAddress(record);
 }
 
+bool IpAddress::IsLoopback() const {
+    if (IsV4()) return ntohl(V4()) >> 24 == IN_LOOPBACKNET;
+    return bytes_ == std::array<std::uint8_t, 16>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+}
+
 bool IpAddress::IsV4() const {
     return std::equal(kV4Prefix.begin(), kV4Prefix.end(), bytes_.begin());
 }
@@ -75,6 +81,16 @@ std::string IpAddress::Text() const {
         inet_ntop(AF_INET6, bytes_.data(), text, sizeof text);
     }
     return text;
+}
+
+// The system would listen on a broadcast address and on one of "this network", where no client ever
+// comes, and would keep the port from a good entry.
+std::optional<IpAddress> ListenAddress(const std::string& text) {
+    if (text.find(':') != std::string::npos) return IpAddress::Parse(text);
+    const std::uint32_t address = inet_addr(text.empty() ? kEveryAddress : text.c_str());
+    if (address != INADDR_ANY && (address == INADDR_NONE || ntohl(address) >> 24 == 0))
+        return std::nullopt;
+    return IpAddress::OfV4(address);
 }
 
 std::optional<IpNetwork> IpNetwork::Parse(std::string_view text) {
@@ -107,4 +123,4 @@ bool IpNetwork::Contains(const IpAddress& address) const {
     return bits == 0 || (ours[whole] ^ theirs[whole]) >> (8 - bits) == 0;
 }
 
-bool IpNetwork::IsEverybody() const { return prefix_ == (address_.IsV4() ? kBits - kV4Bits : 0); }
+int IpNetwork::Bits() const { return prefix_ - (IsV4() ? kBits - kV4Bits : 0); }

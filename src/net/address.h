@@ -28,6 +28,9 @@ class IpAddress {
     SocketAddress WithPort(std::uint16_t port) const;
 
     bool IsV4() const;
+    // Where a host listens on all of its addresses: "::" or "0.0.0.0".
+    bool IsEvery() const { return *this == IpAddress() || *this == OfV4(INADDR_ANY); }
+    bool IsLoopback() const;
     // In network byte order, of an IPv4 address.
     std::uint32_t V4() const;
     // In network byte order; of an IPv4 address its IPv6 form.
@@ -40,6 +43,10 @@ class IpAddress {
     std::array<std::uint8_t, 16> bytes_{};
 };
 
+// The address to listen on that a text means; empty: all of IPv4. Nothing for one where no client
+// can come.
+std::optional<IpAddress> ListenAddress(const std::string& text);
+
 // A network as "192.0.2.0/24" or "2001:db8::/32" names it, or a single address. Bits behind the
 // prefix say nothing.
 class IpNetwork {
@@ -49,7 +56,10 @@ class IpNetwork {
     // An address of the other family is in no network.
     bool Contains(const IpAddress& address) const;
     // Whether all addresses of its family are in it.
-    bool IsEverybody() const;
+    bool IsEverybody() const { return Bits() == 0; }
+    bool IsV4() const { return address_.IsV4(); }
+    // Of its prefix, as an address of its family counts them.
+    int Bits() const;
 
   private:
     IpAddress address_;

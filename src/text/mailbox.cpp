@@ -67,7 +67,7 @@ std::vector<std::string> SplitRecipients(std::string_view list) {
     return all;
 }
 
-std::string PathOf(const std::string& mailbox) {
+std::string MailboxPath(const std::string& mailbox) {
     if (std::any_of(mailbox.begin(), mailbox.end(), [](char c) { return IsControl(c); })) return {};
     const std::size_t at = mailbox.rfind('@');
     const std::string local = mailbox.substr(0, at);

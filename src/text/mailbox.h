@@ -14,4 +14,4 @@ std::vector<std::string> SplitRecipients(std::string_view list);
 
 // As a command has it, in angle brackets, with quotes where it needs them. Empty: no command can
 // have it, for it would be something else there.
-std::string PathOf(const std::string& mailbox);
+std::string MailboxPath(const std::string& mailbox);

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+#include <utility>
+
 namespace {
 
 TEST(Address, TextsOfBothFamilies) {
@@ -35,6 +38,21 @@ TEST(Address, TextsOfBothFamilies) {
     EXPECT_EQ(IpAddress::Parse("192.0.2.1")->V4(), htonl(0xC0000201));
 }
 
+TEST(Address, WhatAListenerIsReachedBy) {
+    for (const auto& [text, every, loopback] : {std::tuple{"0.0.0.0", true, false},
+                                                {"::", true, false},
+                                                {"127.8.9.10", false, true},
+                                                {"::1", false, true},
+                                                {"::ffff:127.0.0.1", false, true},
+                                                {"192.0.2.1", false, false}}) {
+        EXPECT_EQ(IpAddress::Parse(text)->IsEvery(), every) << text;
+        EXPECT_EQ(IpAddress::Parse(text)->IsLoopback(), loopback) << text;
+    }
+    EXPECT_EQ(ListenAddress(""), IpAddress::OfV4(INADDR_ANY));
+    for (const char* none : {"0.0.0.7", "255.255.255.255", "[::1]", "mx.example.org"})
+        EXPECT_FALSE(ListenAddress(none).has_value()) << none;
+}
+
 TEST(Address, NetworksHoldTheirFamilyAlone) {
     const struct {
         const char* network;
@@ -60,6 +78,9 @@ TEST(Address, NetworksHoldTheirFamilyAlone) {
         EXPECT_EQ(network->Contains(*IpAddress::Parse(each.address)), each.inside)
             << each.network << ' ' << each.address;
     }
+    for (const auto& [text, bits] :
+         {std::pair{"192.0.2.0/24", 24}, {"192.0.2.1", 32}, {"0.0.0.0/0", 0}, {"2000::/3", 3}})
+        EXPECT_EQ(IpNetwork::Parse(text)->Bits(), bits) << text;
     for (const char* none : {"", "/", "192.0.2.0/", "192.0.2.0/33", "192.0.2.0/-1", "192.0.2.0/8x",
                              "::/129", "/24", "192.0.2.0/ 8", "all"})
         EXPECT_FALSE(IpNetwork::Parse(none).has_value()) << none;

@@ -6,7 +6,7 @@ import re
 import threading
 import time
 
-from harness import NET
+from harness import NET, verdict
 from system_test import System
 
 EXCHANGE = 2
@@ -31,6 +31,47 @@ class Cut(System):
         self.proxy.change({NET + "/GreetingDomainName": "changed.example"})
         d = self.client()
         self.assertEqual(d.reply(), b"220 changed.example ESMTP Vantrel Proxy\r\n")
+
+
+class Texts(System):
+    """Texts of the configuration that would become lines of a dialogue of their own."""
+
+    AS = "/VTWIN/Filters/AS/SenderBlackList"
+    keys = {NET + "/ServerTLS/Mode": "try", AS + "/Enabled": "Y", AS + "/EnabledSendDenyMessage": "Y",
+            AS + "/UsersList/1": "bad@x.example"}
+
+    def test_a_name_of_several_words_or_lines(self):
+        mx, literal = b"mx.example.org", b"[127.0.0.1]"
+        for name, word, told in (("mx.example.org\n", mx, mx), ("mx.example.org\r\nRSET", mx, mx),
+                                 ("mail server of ACME", b"mail", b"mail"), ("\r\n", b"127.0.0.1", literal),
+                                 ("[127.0.0.1]", literal, literal), ("", b"", literal)):
+            with self.subTest(name):
+                self.proxy.change({NET + "/GreetingDomainName": name})
+                del self.server.lines[:]
+                self.assertEqual(self.greeting(), b"220 %s ESMTP Vantrel Proxy\r\n" % word)
+                self.assertEqual(self.ready().data(b"hello\r\n.\r\n"), b"250 queued\r\n")
+                hello = next(line for line in self.server.lines if line.startswith(b"EHLO"))
+                self.assertEqual(hello, b"EHLO %s\r\n" % told)
+                self.assertNotIn(b"RSET\r\n", self.server.lines)
+
+    def test_a_refusal_that_is_no_reply(self):
+        for text, reply in (("Go away, spammer", b"550 5.7.1 Message Rejected\r\n"),
+                            ("550 a\r\n250 ok", b"550 5.7.1 Message Rejected\r\n"),
+                            ("250 ok", b"550 5.7.1 Message Rejected\r\n"), ("550-a", b"550 5.7.1 Message Rejected\r\n"),
+                            ("451 not now", b"451 not now\r\n")):
+            with self.subTest(text):
+                self.proxy.load({self.AS + "/DenyMessage": text})
+                c = self.opened(b"EHLO me")
+                self.assertEqual(c.ask(b"MAIL FROM:<bad@x.example>"), reply)
+                self.in_step(c)
+
+    def test_an_address_of_several_lines(self):
+        self.scan.answer = lambda request: verdict(2, section_mask=1, recipients="one@x.example\r\nQUIT;two@x.example")
+        c = self.ready()
+        self.assertEqual(c.data(b"hello\r\n.\r\n"), b"250 queued\r\n")
+        self.in_step(c)
+        self.assertEqual([line for line in self.server.lines if b"x.example" in line or b"QUIT" in line],
+                         [b"RCPT TO: two@x.example\r\n"])
 
 
 class Told(list):

@@ -28,7 +28,7 @@ class CheckedEngine(Scanning):
         self.clamd.wait(30)
         self.assertEqual(self.findings(), [("error", KEY + "ClamdSocket")])
         self.settings(PassWhenDown="Y")
-        self.assertEqual(self.findings(), [("error", KEY + "PassWhenDown")])
+        self.assertEqual(self.findings(), [("warning", KEY + "PassWhenDown"), ("error", KEY + "PassWhenDown")])
         self.assertEqual([name for name in os.listdir(self.proxy.home + "/tmp") if name.startswith("check")], [])
 
 

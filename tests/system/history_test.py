@@ -142,7 +142,7 @@ class Editor(Kept):
 
     def setUp(self):
         super().setUp()
-        for key, value in (("server", "mx:25"), ("port", "25"), ("greeting", " hello "), ("maxmessagesize", "25M")):
+        for key, value in (("server", "mx:25"), ("port", "25"), ("greeting", "hello"), ("name", " hello "), ("maxmessagesize", "25M")):
             self.vt("set", "interface.net." + key, value)
         self.vt("set", "maild.threads", "7")
 

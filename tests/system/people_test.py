@@ -187,12 +187,27 @@ class Registry(Person):
                 ("interface.net.maxthreads", "10m", "from 0 to 50"),
                 ("interface.net.connectiontimeout", "2h", "seconds.* from 1 to 3600"),
                 ("statd.keepdays", "25h", "days.* from 0 to 100000"),
-                ("maild.maxfilesize", "3G", "from 1 to 2147483648"),
+                ("maild.maxfilesize", "3G", "from 65536 to 2147483648"),
                 ("maild.maxfilesize", "much", "K, M or G"),
                 ("maild.virusaction", "bounce", "reject, drop, redirect"),
                 ("interface.net.tls.mode", "offr", "off, offer, require, wrapped"),
                 ("filters.senders.enabled", "perhaps", "Y or N"),
                 ("interface.net.greeting", "x" * 64, "at most 63 bytes"),
+                ("interface.net.greeting", "mx.example.org\n", "a host's name"),
+                ("filters.senders.denymessage", "Go away", "550 5.7.1 Go away"),
+                ("filters.recipients.denymessage", "550 a\r\n250 ok", "one line of a reply"),
+                ("maild.redirectaddress", "the team", "a mailbox"),
+                ("maild.maxfilesize", "25", "from 65536"),
+                ("interface.net.maxmessagesize", "5", "of at least 65536, or 0"),
+                *(("interface.net.maildomains.a", domain, "a domain such as") for domain in
+                  ("@example.net", "foo bar", "*", "*.example.com", "example.edu.")),
+                ("interface.net.relaynetworks.a.address", "1.2.3.4/33", "a network"),
+                ("interface.net.relaynetworks.a.mask", "24", "a mask"),
+                ("interface.net.trust.a", "balancer", "a network"),
+                ("interface.net.server", "a b", "host:port"),
+                ("interface.net.fallbackservers.a", "mx:", "host:port"),
+                ("interface.net.address", "0.0.0.7", "address of this host"),
+                ("statd.httpaddress", "300.1.1.1", "IPv4 address"),
                 ("interface.net.maildomains.*", "a.example", "a name of your choice"),
                 ("maild.path", "/x", "left to the program")):
             code, out, err = self.vt("set", name, value)
@@ -286,7 +301,7 @@ class Registry(Person):
                            (NET + "/Trust/lb", "a\x1b[2J\n")):
             self.vt("set", key, value)
         changed = {"maild.scantimeout": ("9999", "wrong"), "interface.net.port": ("26", "set"),
-                   "interface.net.trust.lb": ("a?[2J?", "set")}
+                   "interface.net.trust.lb": ("a?[2J?", "wrong")}
         found = self.shown("--changed")
         self.assertEqual({name: found.get(name) for name in changed}, changed)
         self.assertIn("unknown", self.vt("show", "--changed")[1])

@@ -62,6 +62,7 @@ class Setup(unittest.TestCase):
         authority = Authority()
         self.addCleanup(authority.close)
         authority.issue("mx.pem", days=90)
+        os.chmod(authority.dir + "/mx.pem", 0o600)
         done = subprocess.run([BIN + "/vtsmtpproxy", "setup", *self.words, "--certificate", "mx.pem"], env=self.proxy.env,
                               cwd=authority.dir, capture_output=True, text=True)
         self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)

@@ -29,7 +29,8 @@ TEST(Mailbox, AsACommandHasIt) {
         {"a\n@b.example", ""},
         {"a b", ""},
     };
-    for (const auto& each : cases) EXPECT_EQ(PathOf(Mailbox(each.told)), each.path) << each.told;
+    for (const auto& each : cases)
+        EXPECT_EQ(MailboxPath(Mailbox(each.told)), each.path) << each.told;
 }
 
 TEST(Mailbox, Lists) {

@@ -48,7 +48,7 @@ std::shared_ptr<const Settings> LoadSettings() {
     settings->scanSeconds = trelis::ReadInt(Key("ScanTimeout"));
     settings->maxFileSize = trelis::ReadSize(Key("MaxFileSize")).value_or(kUsualMaxFileSize);
     settings->virusAction = trelis::ReadText(Key("VirusAction"));
-    settings->redirectAddress = trelis::ReadText(Key("RedirectAddress"));
+    settings->redirectAddress = trelis::ReadFormed(Key("RedirectAddress"));
     settings->antivirusAction = trelis::ReadText(Key("Antivirus/Action"));
     settings->quarantineDays = trelis::ReadInt(Key("Quarantine/KeepDays"));
     settings->quarantineSize =

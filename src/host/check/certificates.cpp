@@ -1,4 +1,6 @@
 // The files of TLS: what clients are shown, and by what a server is judged.
+#include <filesystem>
+
 #include "host/check/parts.h"
 #include "session/options.h"
 #include "text/printable.h"
@@ -25,6 +27,20 @@ void TellUnusable(const std::string& interface, const TlsIdentitySettings& setti
         findings.Error(InterfaceKey("TLS/Certificate").Path({interface}), complaint,
                        "name a PEM file that this user can read, with the certificate and its "
                        "chain, and the key if no other file has it");
+}
+
+// Who reads the key can pass for this server.
+void CheckKeyFile(const std::string& interface, const TlsIdentitySettings& settings,
+                  Findings& findings) {
+    namespace fs = std::filesystem;
+    const std::string& file = settings.key.empty() ? settings.certificate : settings.key;
+    std::error_code error;
+    const fs::perms all = fs::status(file, error).permissions();
+    if (error || (all & fs::perms::others_read) == fs::perms::none) return;
+    const trelis::Key key =
+        settings.key.empty() ? InterfaceKey("TLS/Certificate") : InterfaceKey("TLS/Key");
+    findings.Error(key.Path({interface}), file + ": every user may read the private key",
+                   "chmod o= " + file);
 }
 
 void CheckOwn(const std::string& interface, Findings& findings) {
@@ -55,6 +71,7 @@ void CheckOwn(const std::string& interface, Findings& findings) {
                       settings.certificate + ": the certificate expires within " +
                           std::to_string(*found.daysLeft + 1) + " days",
                       "renew it, and see why nothing does it by itself");
+    CheckKeyFile(interface, settings, findings);
 }
 
 }  // namespace

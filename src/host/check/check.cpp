@@ -46,6 +46,7 @@ void CheckConfiguration(Findings& findings) {
         CheckModes(each, findings);
         CheckCertificates(each, findings);
     }
+    CheckPage(interfaces, findings);
     CheckListeners(interfaces, findings);
     for (const std::string& each : interfaces) CheckServers(each, findings);
     CheckScanning(findings);

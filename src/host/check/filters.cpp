@@ -24,6 +24,8 @@ constexpr trelis::Key kScores[] = {Daemon("Antispam/TagScore"), Daemon("Antispam
                                    Daemon("Antispam/RejectScore")};
 constexpr trelis::Key kPatterns[] = {OfAttachments("FileName"), OfAttachments("DeclaredType"),
                                      OfAttachments("RealType")};
+constexpr trelis::Key kPasses[] = {Daemon("PassWhenDown"), Daemon("PassWhenBusy"),
+                                   Daemon("PassWhenTimedOut"), Daemon("PassWhenTooBig")};
 constexpr std::size_t kMostShown = 60;  // of a value
 
 std::string Megabytes(std::uintmax_t bytes) { return std::to_string(bytes >> 20U) + " MB"; }
@@ -49,6 +51,7 @@ class FilterCheck {
     explicit FilterCheck(Findings& findings) : findings_(findings) {}
 
     void Check() {
+        CheckPasses();
         CheckVirusAction();
         EachRule(OfAttachments("FileName"), OfAttachments("Action"),
                  [this](const std::string& name) { CheckAttachmentRule(name); });
@@ -68,6 +71,7 @@ class FilterCheck {
         }
     }
     void TakeAction(const std::string& key, const std::string& action, const char* what);
+    void CheckPasses();
     void CheckVirusAction();
     void CheckAttachmentRule(const std::string& name);
     void CheckContentRule(const std::string& name);
@@ -83,6 +87,18 @@ void FilterCheck::TakeAction(const std::string& key, const std::string& action, 
     if (action == "redirect" && trelis::ReadText(kRedirect).empty())
         findings_.Warn(key, std::string(what) + " is rejected, for there is nowhere to redirect it",
                        "set " + kRedirect.Path() + ", or the action to reject");
+}
+
+void FilterCheck::CheckPasses() {
+    constexpr trelis::Key kTooComplex = Daemon("TooComplex");
+    for (const trelis::Key& each : kPasses) {
+        if (trelis::ReadFlag(each))
+            findings_.Warn(each.Path(), "mail may be delivered unscanned",
+                           "set this to N: mail is put off then, and comes again");
+    }
+    if (trelis::ReadText(kTooComplex) == "pass")
+        findings_.Warn(kTooComplex.Path(), "mail may be delivered unscanned",
+                       "set put off or refuse");
 }
 
 void FilterCheck::CheckVirusAction() {

@@ -1,5 +1,7 @@
-// The instance's directories, by the operations of the C++ library.
+// The instance's directories, and who may see its files, by the operations of the C++ library.
+#include <algorithm>
 #include <filesystem>
+#include <string_view>
 
 #include "host/check/parts.h"
 #include "platform/file.h"
@@ -11,8 +13,11 @@ namespace fs = std::filesystem;
 
 constexpr std::uintmax_t kLittle = 200U << 20U;  // bytes: a few large messages at a time
 constexpr std::uintmax_t kNothing = 20U << 20U;
-constexpr const char* kFolders[] = {"pipes", "tmp",      "services", "registry",
-                                    "log",   "tmp/VTNP", "tmp/spare"};
+constexpr const char* kFolders[] = {"pipes",    "tmp",       "services",   "registry", "log",
+                                    "tmp/VTNP", "tmp/spare", "quarantine", "metrics"};
+// The configuration with hashes of passwords, who has written to whom, and what opens the page.
+// SQLite has files of these names with something behind them.
+constexpr std::string_view kGuarded[] = {"store.db", "stats.db", "report.token"};
 
 void CheckFolder(const std::string& path, Findings& findings) {
     std::error_code error;
@@ -33,6 +38,25 @@ void CheckFolder(const std::string& path, Findings& findings) {
                        "read-only");
 }
 
+void CheckFiles(Findings& findings) {
+    constexpr fs::perms kForeign =
+        fs::perms::group_write | fs::perms::others_read | fs::perms::others_write;
+    std::error_code error;
+    for (fs::directory_iterator each(platform::Home(), error), end; !error && each != end;
+         each.increment(error)) {
+        const std::string name = each->path().filename().string();
+        const bool guarded =
+            std::any_of(std::begin(kGuarded), std::end(kGuarded),
+                        [&name](std::string_view start) { return name.starts_with(start); });
+        std::error_code gone;
+        const fs::file_status status = each->symlink_status(gone);
+        if (!guarded || gone || status.type() != fs::file_type::regular) continue;
+        if ((status.permissions() & kForeign) != fs::perms::none)
+            findings.Error(each->path().string(), "other users may read it or write to it",
+                           "chmod g-w,o= " + each->path().string());
+    }
+}
+
 }  // namespace
 
 void CheckInstanceDirectories(Findings& findings) {
@@ -43,6 +67,7 @@ void CheckInstanceDirectories(Findings& findings) {
     }
     CheckFolder(platform::Home(), findings);
     for (const char* folder : kFolders) CheckFolder(platform::HomePath(folder), findings);
+    CheckFiles(findings);
     std::error_code error;
     const std::string spool = platform::HomePath("tmp");
     const fs::space_info space = fs::space(spool, error);

@@ -1,8 +1,15 @@
 // Settings of one interface that open it to everybody, or contradict each other.
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
 #include "host/check/parts.h"
 #include "net/address.h"
 #include "session/options.h"
 #include "session/relay_network.h"
+#include "trelis/keys/forms.h"
 
 namespace {
 
@@ -18,36 +25,84 @@ std::string Path(const trelis::Key& key, const std::string& interface) {
     return key.Path({interface});
 }
 
-void CheckRelayNetwork(const std::string& interface, const std::string& name, Findings& findings) {
+// A network whose clients may relay, by its key.
+struct Relays {
+    std::string path;
+    IpNetwork network;
+};
+
+// Wider ones have more people in them than anybody's own clients are.
+bool IsWide(const IpNetwork& network) { return network.Bits() < (network.IsV4() ? 8 : 16); }
+
+// With a mask in the place of a prefix. Nothing for one with gaps, which is no network of a router.
+std::optional<IpNetwork> AsNetwork(const std::string& address, const std::string& mask) {
+    if (mask.empty()) return IpNetwork::Parse(address);
+    const std::uint32_t bits = ntohl(IpAddress::Parse(mask)->V4());
+    if (std::countl_one(bits) != std::popcount(bits)) return std::nullopt;
+    return IpNetwork::Parse(address + '/' + std::to_string(std::popcount(bits)));
+}
+
+// Whether each IPv4 address is in one of them: from the end of one to the next.
+bool CoverEverybody(const std::vector<Relays>& all) {
+    constexpr std::uint64_t kLast = 0xFFFFFFFF;
+    for (std::uint64_t at = 0; at <= kLast;) {
+        const IpAddress address = IpAddress::OfV4(htonl(static_cast<std::uint32_t>(at)));
+        const auto holder = std::find_if(all.begin(), all.end(), [&address](const Relays& each) {
+            return each.network.Contains(address);
+        });
+        if (holder == all.end()) return false;
+        at = (at | (kLast >> holder->network.Bits())) + 1;
+    }
+    return true;
+}
+
+// Adds the network, if it is one that lets clients relay and not everybody.
+void CheckRelayNetwork(const std::string& interface, const std::string& name,
+                       std::vector<Relays>& all, Findings& findings) {
     constexpr trelis::Key kAddress = InterfaceKey("RelayNetworks/*/IPAddress");
     constexpr trelis::Key kMask = InterfaceKey("RelayNetworks/*/Mask");
     const std::string address = trelis::ReadText(kAddress, {interface, name});
     const std::string mask = trelis::ReadText(kMask, {interface, name});
-    if (address.empty()) return;
+    // What has no form, has been told with its key.
+    if (!trelis::IsNetwork(address) || !(mask.empty() || trelis::IsV4Address(mask))) return;
     const std::string path = kAddress.Path({interface, name});
     const std::string maskPath = kMask.Path({interface, name});
     const std::optional<IpAddress> maskBits = IpAddress::Parse(mask);
-    const bool noBits = maskBits && maskBits->IsV4() && maskBits->V4() == 0;
+    const bool noBits = maskBits && maskBits->V4() == 0;
     if (noBits || RelayNetwork(address, mask).IsEverybody()) {
         findings.Error(noBits ? maskPath : path, "everybody may relay: this is an open relay",
                        "name the networks of your own clients only");
-    } else if (address.find_first_of("/:") != std::string::npos) {
-        if (!mask.empty())
-            findings.Error(maskPath, "a mask besides a prefix, so nobody of it may relay",
-                           "delete the mask");
-        else if (!IpNetwork::Parse(address))
-            findings.Error(path, "no network, so nobody of it may relay",
-                           "set a network such as 192.0.2.0/24");
-    } else if (const auto bits = IpAddress::Parse(address); !bits) {
-        findings.Error(path, "no address, so nobody of it may relay",
-                       "set an address such as 192.0.2.0, and its mask");
-    } else if (!mask.empty() && !(maskBits && maskBits->IsV4())) {
-        findings.Error(maskPath, "no mask, so only the one address may relay",
-                       "set a mask such as 255.255.255.0");
-    } else if (!mask.empty() && (bits->V4() & ~maskBits->V4()) != 0) {
+    } else if (maskBits && address.find_first_of("/:") != std::string::npos) {
+        findings.Error(maskPath, "a mask besides a prefix, so nobody of it may relay",
+                       "delete the mask");
+    } else if (maskBits && (IpAddress::Parse(address)->V4() & ~maskBits->V4()) != 0) {
         findings.Error(path, "it has bits behind its mask, so nobody of it may relay",
                        "set the network's first address");
+    } else if (const auto network = AsNetwork(address, mask)) {
+        all.push_back({path, *network});
     }
+}
+
+// False if there are none.
+bool CheckRelayNetworks(const std::string& interface, Findings& findings) {
+    constexpr trelis::Key kList = InterfaceKey("RelayNetworks/*/IPAddress");
+    std::vector<Relays> all;
+    bool any = false;
+    trelis::NameWalk networks(kList, {interface});
+    for (std::string name; networks.Next(name); any = true)
+        CheckRelayNetwork(interface, name, all, findings);
+    if (CoverEverybody(all)) {
+        findings.Error(kList.ListPath({interface}),
+                       "together they let everybody relay: this is an open relay",
+                       "name the networks of your own clients only");
+        return any;
+    }
+    for (const Relays& each : all) {
+        if (IsWide(each.network))
+            findings.Warn(each.path, "a large part of the Internet may relay",
+                          "name the networks of your own clients only");
+    }
+    return any;
 }
 
 void CheckTrust(const std::string& interface, Findings& findings) {
@@ -56,10 +111,7 @@ void CheckTrust(const std::string& interface, Findings& findings) {
               [&](const std::string& path, const std::string& text) {
                   any = true;
                   const std::optional<IpNetwork> network = IpNetwork::Parse(text);
-                  if (!network)
-                      findings.Error(path, "no address or network, so it is nobody's",
-                                     "set an address (192.0.2.1) or a network (192.0.2.0/24)");
-                  else if (network->IsEverybody())
+                  if (network && network->IsEverybody())
                       findings.Error(path, "everybody is trusted to say which address a client has",
                                      "name your own balancers and mail servers only");
               });
@@ -72,15 +124,15 @@ void CheckTrust(const std::string& interface, Findings& findings) {
 }  // namespace
 
 void CheckRelaying(const std::string& interface, Findings& findings) {
-    trelis::NameWalk networks(InterfaceKey("RelayNetworks/*/IPAddress"), {interface});
-    bool any = false;
-    for (std::string name; networks.Next(name); any = true)
-        CheckRelayNetwork(interface, name, findings);
+    const bool relays = CheckRelayNetworks(interface, findings);
+    bool domains = false;
     EachEntry(InterfaceKey("MailDomains/*"), interface,
-              [&](const std::string&, const std::string&) { any = true; });
-    if (!any)
+              [&](const std::string&, const std::string&) { domains = true; });
+    if (!domains)
         findings.Warn(InterfaceKey("MailDomains/*").ListPath({interface}),
-                      "no mail is taken: there is neither a domain nor a network that may relay",
+                      relays ? "mail of strangers is refused: there is no domain that it may go to"
+                             : "no mail is taken: there is neither a domain nor a network that may "
+                               "relay",
                       "set the domains that you receive mail for");
     CheckTrust(interface, findings);
 }

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "host/check/parts.h"
-#include "host/listeners.h"
 #include "host/smtp.h"
+#include "net/address.h"
 #include "net/socket.h"
 #include "platform/listener.h"
 
@@ -59,12 +59,7 @@ class ListenerCheck {
         const int port = trelis::ReadInt(InterfaceKey("Port"), {interface});
         if (port < 1 || port > 0xFFFF) return;  // a value that can't be used
         const std::optional<IpAddress> address = ListenAddress(text);
-        if (!address) {
-            findings_.Error(addressKey, "\"" + text + "\" is no address to listen on",
-                            "set an address of this host, :: for all of both families, or nothing "
-                            "for all of IPv4");
-            return;
-        }
+        if (!address) return;  // nor this one
         const SocketAddress where = address->WithPort(static_cast<std::uint16_t>(port));
         const auto [first, fresh] = taken_.emplace(AddressAndPort(where), interface);
         if (!fresh)

@@ -7,17 +7,19 @@
 #include "host/check/finding.h"
 #include "trelis/keys/settings.h"
 
-// Directories, their permissions and their room. Needs no store.
+// Directories, their permissions, those of files, and the room. Needs no store.
 void CheckInstanceDirectories(Findings& findings);
 // Every key of the store against the table.
 void CheckKeys(Findings& findings);
-// Entries of lists that nobody goes by, and addresses of the daemons.
+// Entries of lists that nobody goes by, or that refuse everybody.
 void CheckLists(Findings& findings);
 // Rules on mail, what is done by them, scores, and the room for what is held back.
 void CheckFilters(Findings& findings);
 // Settings of an interface that make it an open relay, or contradict each other.
 void CheckRelaying(const std::string& interface, Findings& findings);
 void CheckModes(const std::string& interface, Findings& findings);
+// The page of statistics, its port and accounts.
+void CheckPage(const std::vector<std::string>& interfaces, Findings& findings);
 // Certificates and their files.
 void CheckCertificates(const std::string& interface, Findings& findings);
 // Whether the interfaces can listen; which of them go beyond the table.

@@ -2,12 +2,13 @@
 // and how they are told of clients; then the greeting and EHLO.
 #include "host/check/parts.h"
 #include "host/interface_options.h"
-#include "host/listeners.h"
+#include "net/address.h"
 #include "net/socket.h"
 #include "session/peers.h"
 #include "session/server/connector.h"
 #include "session/server/prepare.h"
 #include "text/printable.h"
+#include "trelis/keys/forms.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ class ServerCheck {
         : interface_(interface), findings_(findings) {
         InterfaceIdentities identities;
         settings_.options = ReadConnectionOptions(interface, identities);
-        settings_.greetingName = trelis::ReadText(InterfaceKey("GreetingDomainName"), {interface});
+        settings_.greetingName = trelis::ReadWord(InterfaceKey("GreetingDomainName"), {interface});
         settings_.connectionTimeout = kSeconds;
     }
 
@@ -69,10 +70,7 @@ void ServerCheck::Check(const std::string& key, const std::string& text) {
     key_ = key;
     const ServerAddress server = ServerAddress::Parse(text);
     shown_ = server.Text();
-    if (server.host.empty() || server.port == 0) {
-        findings_.Error(key_, "\"" + text + "\" names no server", "set host:port");
-        return;
-    }
+    if (!trelis::IsMailServer(text)) return;  // has been told with its key
     if (IsOurself(server)) {
         findings_.Error(key_, "the server is this proxy itself, mail would go round",
                         "set the address and port of the mail server behind it");
@@ -89,9 +87,7 @@ bool ServerCheck::IsOurself(const ServerAddress& server) const {
     const std::optional<IpAddress> named = IpAddress::Parse(server.host);
     const bool loopback =
         server.host == "localhost" || server.host == "::1" || server.host.starts_with("127.");
-    const bool everywhere =
-        address && (*address == IpAddress() || *address == IpAddress::OfV4(INADDR_ANY));
-    return address && (everywhere ? loopback : named == address);
+    return address && (address->IsEvery() ? loopback : named == address);
 }
 
 ServerCheck::Attempt ServerCheck::Try(const ServerAddress& server, bool plain) {

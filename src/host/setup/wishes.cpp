@@ -1,37 +1,25 @@
 #include "host/setup/wishes.h"
 
 #include <algorithm>
-#include <charconv>
 #include <filesystem>
 
-#include "host/listeners.h"
 #include "net/address.h"
+#include "net/service_address.h"
 #include "platform/console.h"
 #include "session/relay_network.h"
 #include "session/server/server_address.h"
 #include "text/ascii.h"
+#include "trelis/keys/forms.h"
 
 namespace {
 
 constexpr char kBlanks[] = " \t,";
 
-// host:port, the port as a whole number: nothing otherwise.
+// host:port; nothing otherwise.
 std::optional<ServerAddress> ReadPlace(const std::string& text) {
-    const std::size_t colon = text.rfind(':');
-    const std::string_view digits =
-        std::string_view(text).substr(std::min(colon, text.size() - 1) + 1);
-    std::uint16_t port = 0;
-    const auto [rest, error] = std::from_chars(digits.data(), digits.data() + digits.size(), port);
-    if (colon == std::string::npos || error != std::errc() ||
-        rest != digits.data() + digits.size() || port == 0)
-        return std::nullopt;
-    ServerAddress place = ServerAddress::Parse(text);
-    const bool odd = std::any_of(place.host.begin(), place.host.end(), [](char c) {
-        return !IsLetter(c) && !IsDigit(c) &&
-               std::string_view(".-_:%").find(c) == std::string::npos;
-    });
-    if (place.host.empty() || odd || place.port != port) return std::nullopt;
-    return place;
+    const std::optional<ServiceAddress> place = ServiceAddress::Parse(text);
+    if (!place || !trelis::IsMailServer(text)) return std::nullopt;
+    return ServerAddress{place->host, place->port};
 }
 
 std::string ReadServer(SetupWishes& wishes, const std::string& value) {
@@ -42,11 +30,7 @@ std::string ReadServer(SetupWishes& wishes, const std::string& value) {
 }
 
 std::string ReadDomain(SetupWishes& wishes, const std::string& value) {
-    const bool odd = std::any_of(value.begin(), value.end(), [](char c) {
-        return !IsLetter(c) && !IsDigit(c) && c != '-' && c != '.';
-    });
-    if (odd || value.front() == '.' || value.back() == '.' || value.find("..") != std::string::npos)
-        return "no domain: " + value;
+    if (!trelis::IsMailDomain(value)) return "no domain: " + value;
     wishes.domains.push_back(LowerCase(value));
     return {};
 }

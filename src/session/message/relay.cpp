@@ -7,6 +7,7 @@
 
 #include "logclient/logclient.h"
 #include "platform/library.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -159,6 +160,11 @@ bool MessageRelay::OpenFreshEnvelope() {
 
 bool MessageRelay::AddRedirects() {
     for (const std::string& address : redirects_) {
+        // One with a line end would be a command more, and all replies one behind.
+        if (std::any_of(address.begin(), address.end(), IsControl)) {
+            TellRefusedRedirect(address);
+            continue;
+        }
         if (!peers_.server.Ask("RCPT TO: " + address + "\r\n", reply_)) return false;
         if (reply_.Refuses()) TellRefusedRedirect(address);
     }

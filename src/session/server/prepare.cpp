@@ -85,12 +85,10 @@ Preparation Preparing::Run() {
 
 // Learns what the server offers. False: the connection is of no use.
 bool Preparing::Greet() {
-    const std::string& name = peers_.settings.greetingName;
-    // An address stands for a name between brackets.
-    const bool isName = std::any_of(name.begin(), name.end(), IsLetter);
-    const std::string own = isName ? name : "[" + (name.empty() ? "127.0.0.1" : name) + "]";
     ServerReply reply;
-    if (!peers_.server.Ask("EHLO " + own + "\r\n", reply) || reply.Is("421")) return false;
+    if (!peers_.server.Ask("EHLO " + EhloName(peers_.settings.greetingName) + "\r\n", reply) ||
+        reply.Is("421"))
+        return false;
     // A server that knows no EHLO offers nothing.
     offers_ = reply.Is("250") ? ReadOffers(reply.text) : Offers{};
     return true;
@@ -157,4 +155,9 @@ Preparation Preparing::PlanToTell() {
 
 Preparation PrepareServer(Peers& peers, const std::string& host, bool plain) {
     return Preparing(peers, host, plain).Run();
+}
+
+std::string EhloName(const std::string& name) {
+    if (name.starts_with('[') || std::any_of(name.begin(), name.end(), IsLetter)) return name;
+    return "[" + (name.empty() ? "127.0.0.1" : name) + "]";
 }

@@ -23,3 +23,6 @@ struct Preparation {
 // The connection is fresh and attached. host: whose it is. plain: TLS that may fail is not tried.
 // Says nothing to the client.
 Preparation PrepareServer(Peers& peers, const std::string& host, bool plain);
+
+// What EHLO says of a host of this name: an address, and nothing, stand in brackets.
+std::string EhloName(const std::string& name);

@@ -46,11 +46,13 @@ std::string NumberWanted(const KeyRow& row, long long least, long long most) {
     if (row.unit == Unit::kBytes) wanted += " of bytes, or with K, M or G,";
     if (row.unit == Unit::kSeconds) wanted += " of seconds, or with m or h,";
     if (row.unit == Unit::kDays) wanted += " of days, or with w,";
-    if (most < kMostInt || row.kind == KeyKind::kSize)
-        return most == std::numeric_limits<long long>::max()
-                   ? wanted
-                   : wanted + " from " + std::to_string(least) + " to " + std::to_string(most);
-    return least > -kMostInt ? wanted + " of at least " + std::to_string(least) : wanted;
+    const bool open = most == std::numeric_limits<long long>::max() ||
+                      (most >= kMostInt && row.kind == KeyKind::kNumber);
+    if (!open)
+        wanted += " from " + std::to_string(least) + " to " + std::to_string(most);
+    else if (least > -kMostInt && (row.kind == KeyKind::kNumber || least > 1))
+        wanted += " of at least " + std::to_string(least);
+    return row.least == 0 && least > 0 ? wanted + ", or 0" : wanted;
 }
 
 }  // namespace
@@ -106,7 +108,8 @@ std::optional<std::string> WantedInstead(const KeySection& section, const KeyRow
     const long long most = sane ? row.saneMost : row.most;
     const std::optional<long long> number =
         row.kind == KeyKind::kSize ? ParseSize(value) : WholeNumber(value);
-    if (number && *number >= least && *number <= most) return std::nullopt;
+    const bool none = number == 0 && row.least == 0;
+    if (number && (none || (*number >= least && *number <= most))) return std::nullopt;
     return NumberWanted(row, least, most);
 }
 

@@ -19,7 +19,8 @@ inline constexpr KeyRow kMailDaemonRows[] = {
         .Shown("`clamd/clamd.conf` of the instance if there, else `/etc/clamav/clamd.conf`")
         .Registers(""),
     Size("MaxFileSize", "26214400", 1, 2LL << 30,
-         "bytes, or with K, M, G, at most 2 GB; a larger message counts as too big"),
+         "bytes, or with K, M, G, at most 2 GB; a larger message counts as too big")
+        .Sane(kLeastMail, 2LL << 30),
     Seconds("ConnectTimeout", "5", 1, 3600, "seconds to reach clamd"),
     Seconds("ScanTimeout", "120", 1, 3600, "seconds for one message"),
     Number("Threads", "16", 1, 200, "scans at a time").Counts(kAtStart),
@@ -30,6 +31,7 @@ inline constexpr KeyRow kMailDaemonRows[] = {
         .Alias("antivirusaction")
         .Shown("`VirusAction`"),
     Text("RedirectAddress", "", "where `redirect` sends infected mail; without it, it is rejected")
+        .Form(kMailboxes)
         .Registers(""),
     Text(
         "WhenEncrypted", "pass",

@@ -30,27 +30,34 @@ inline constexpr KeyRow kInterfaceRows[] = {
     Text("GreetingDomainName", "127.0.0.1", "the name in the proxy's own replies")
         .Width(64)
         .Alias("greeting")
+        .Form(kHostName)
         .EmptyCounts(),
     Text("IPAddress", "", "address to listen on, IPv4 or IPv6; `::` serves both families")
         .Width(64)
         .Alias("address")
+        .Form(kListenAddress)
         .Shown("all IPv4 addresses"),
     Number("Port", "25", -kMostInt, kMostInt, "port to listen on").Sane(1, 0xFFFF),
     Text("ServerToForward", "127.0.0.1:10025",
          "the real mail server: host, host:port, [IPv6]:port; each address of a name is tried in "
          "turn")
         .Width(64)
-        .Alias("server"),
+        .Alias("server")
+        .Form(kMailServer),
     Text("RelayNetworks/*/IPAddress", "",
          "clients of this network may send to any recipient: an IPv4 address with the mask below, "
          "or a network (192.0.2.0/24, 2001:db8::/32) or IPv6 address without one; what can't be "
          "read lets nobody")
         .Width(64)
         .Alias("relaynetworks.*.address")
+        .Form(kNetwork)
         .RegistersList(),
     Text("RelayNetworks/*/Mask", "", "the mask of an IPv4 address; without one a single address")
-        .Width(64),
-    Text("MailDomains/*", "", "the value is a domain that everybody may send to").RegistersList(),
+        .Width(64)
+        .Form(kMask),
+    Text("MailDomains/*", "", "the value is a domain that everybody may send to")
+        .Form(kMailDomain)
+        .RegistersList(),
     Number("MaxThreads", "0", 0, 50, "sessions at a time, at most 50; 0: no limit")
         .OutOfBounds(Beyond::kMost)
         .Shown("no limit")
@@ -58,6 +65,7 @@ inline constexpr KeyRow kInterfaceRows[] = {
     Size("MaxMessageSize", "", 0, kMostSize,
          "bytes, or with K, M, G; a larger message is refused with 552, and the SIZE offered is no "
          "larger; 0: no limit")
+        .Sane(kLeastMail, kMostSize)
         .Shown("what the scanner takes"),
     Seconds("TimeoutBetweenNOOPs", "180", 1, 3600,
             "seconds between signs of life to the server, 1 to 3600"),
@@ -96,11 +104,13 @@ inline constexpr KeyRow kInternetRows[] = {
          "the value is a server, as `ServerToForward`, that is tried when the ones before it take "
          "no "
          "connection")
-        .Width(64),
+        .Width(64)
+        .Form(kMailServer),
     Text("Trust/*", "",
          "the value is an address or network (192.0.2.0/24, 2001:db8::/32) that may tell the "
          "address of a client")
-        .Width(64),
+        .Width(64)
+        .Form(kNetwork),
     Flag("ProxyProtocol", "those of `Trust` begin with a PROXY header, version 1 or 2"),
     Choice("TellServer", "off", "off|xclient|xforward|proxy1|proxy2",
            "how the server is told the client's address: `off`; `xclient` or `xforward`, where it "
@@ -130,8 +140,10 @@ inline constexpr KeyRow kAddressListRows[] = {
     Text("Addresses/*/IP", "",
          "an address, or a network: an IPv4 address with the mask below, or with its prefix "
          "(192.0.2.0/24, 2001:db8::/32)")
+        .Form(kNetwork)
         .RegistersList(),
-    Text("Addresses/*/Mask", "", "the mask of an IPv4 address; without one a single address"),
+    Text("Addresses/*/Mask", "", "the mask of an IPv4 address; without one a single address")
+        .Form(kMask),
     Number("Addresses/*/Action", "", -kMostInt, kMostInt,
            "1 allow, 2 deny; a matching allow wins over any deny; a deny of all IPv4 addresses is "
            "one of IPv6 too, an allow is not")
@@ -144,7 +156,8 @@ inline constexpr KeyRow kBlackListRows[] = {
     Text("UsersList/*", "", "the value is an address").RegistersList(),
     Flag("EnabledDropConnection", "a listed sender ends the session").Registers("Y"),
     Flag("EnabledSendDenyMessage", "answer a listed sender with the text below").Registers("Y"),
-    Text("DenyMessage", kDenyText, "that text"),
+    Text("DenyMessage", kDenyText, "that text, one line of a reply: `550 5.7.1 Go away`")
+        .Form(kRefusal),
 };
 
 inline constexpr KeyRow kHarvestingRows[] = {
@@ -152,7 +165,8 @@ inline constexpr KeyRow kHarvestingRows[] = {
     Seconds("ResponseTimeout", "45", 1, kMostInt,
             "seconds until the answer; the session ends behind it"),
     Flag("EnabledSendDenyMessage", "answer with the text below").Registers("Y"),
-    Text("DenyMessage", kDenyText, "that text"),
+    Text("DenyMessage", kDenyText, "that text, one line of a reply: `550 5.7.1 Go away`")
+        .Form(kRefusal),
 };
 
 inline constexpr char kActionWords[] = "reject|quarantine|drop|redirect|remove|tag|put off|pass";
@@ -211,7 +225,7 @@ inline constexpr KeyRow kLoggerRows[] = {
 
 inline constexpr KeyRow kStatsRows[] = {
     Number("HTTPPort", "8484", 1, kMostInt, "port of the page and of reports").Sane(1, 0xFFFF),
-    Text("HTTPAddress", "127.0.0.1", "address to listen on"),
+    Text("HTTPAddress", "127.0.0.1", "IPv4 address to listen on").Form(kV4Address),
     Choice("MetricsAccess", "loopback", "loopback|account|all",
            "who may read `/metrics`, `/healthz` and `/readyz`: `loopback`, clients on this host, "
            "without an account, and nobody else; `account`, who has one; `all`, everybody (a word "
@@ -229,7 +243,10 @@ inline constexpr KeyRow kStoreRows[] = {
     Flag("RemoteReads",
          "answer reads of other hosts, below `/VTWIN/Daemons` only, without the accounts")
         .Registers("N"),
-    Text("Address", "", "address to listen on").Registers("").Shown("all addresses"),
+    Text("Address", "", "IPv4 address to listen on")
+        .Form(kV4Address)
+        .Registers("")
+        .Shown("all addresses"),
     Number("Port", "8485", 1, 0xFFFF, "port to listen on, and to ask others on")
         .OutOfBounds(Beyond::kDefault),
     Written("Path", "the program's file"),

@@ -120,6 +120,24 @@ std::string ReadText(const Key& key, Names names) {
     return *std::move(value);
 }
 
+std::string ReadFormed(const Key& key, Names names) {
+    std::string text = ReadText(key, names);
+    const KeyRow& row = key.Row();
+    if (text.empty() || text == row.fallback || row.form->fits(text)) return text;
+    Complain(key.Path(names), text, row.fallback);
+    return row.fallback;
+}
+
+std::string ReadWord(const Key& key, Names names) {
+    std::string text = ReadText(key, names);
+    const auto end =
+        std::find_if(text.begin(), text.end(), [](char c) { return c == ' ' || IsControl(c); });
+    if (end == text.end()) return text;
+    std::string word = end == text.begin() ? key.Row().fallback : std::string(text.begin(), end);
+    Complain(key.Path(names), text, word);
+    return word;
+}
+
 long long ReadNumber(const Key& key, Names names, std::uint32_t store) {
     const std::string given = ReadIfGiven(key, names, store).value_or("");
     const std::string text = given.empty() ? key.Row().fallback : given;

@@ -40,6 +40,8 @@ struct TextForm {
 };
 
 inline constexpr long long kMostInt = std::numeric_limits<int>::max();
+// Bytes. A limit of messages below that takes hardly any mail.
+inline constexpr long long kLeastMail = 65536;
 // A section's or a row's effect.
 inline constexpr char kAtStart[] = "at the start";
 
@@ -63,7 +65,7 @@ struct KeyRow {
     Unit unit = Unit::kNone;        // of a number
     const char* alias = nullptr;    // its short name, where the rule's is ugly (names.h)
     // Bounds of what `vtregistry set` takes, where programs read more than makes sense; both 0: as
-    // least and most.
+    // least and most. A 0 is taken besides where `least` is 0: it has a meaning of its own.
     long long saneLeast = 0;
     long long saneMost = 0;
     const TextForm* form = nullptr;  // of a text that has one

@@ -1,6 +1,6 @@
 #include "daemons/quarantine/outward/release.h"
 
-#include "text/ascii.h"
+#include "session/server/prepare.h"
 #include "text/mailbox.h"
 #include "text/printable.h"
 #include "trelis/keys/settings.h"
@@ -21,14 +21,6 @@ bool Exists(const std::string& interface) {
         if (name == interface) return true;
     }
     return false;
-}
-
-// A name, or an address as EHLO takes it.
-std::string HeloOf(const std::string& name) {
-    for (const char c : name) {
-        if (IsLetter(c)) return name;
-    }
-    return "[" + (name.empty() ? "127.0.0.1" : name) + "]";
 }
 
 Released SendKept(quarantine::Quarantine& store, const quarantine::KeptMessage& message,
@@ -81,7 +73,7 @@ std::optional<Destination> DestinationOf(const std::string& interface, std::stri
         const std::string text = trelis::ReadText(Key("FallbackServers/*"), {name, each});
         if (!text.empty()) destination.servers.push_back(ServerAddress::Parse(text));
     }
-    destination.helo = HeloOf(trelis::ReadText(Key("GreetingDomainName"), {name}));
+    destination.helo = EhloName(trelis::ReadWord(Key("GreetingDomainName"), {name}));
     destination.tls = static_cast<ServerTls>(trelis::ReadChoice(Key("ServerTLS/Mode"), {name}));
     destination.caFile = trelis::ReadText(Key("ServerTLS/CAFile"), {name});
     destination.certName = trelis::ReadText(Key("ServerTLS/Name"), {name});

@@ -149,11 +149,11 @@ class Dialogue {
 
     bool NoAddress(const std::string& text) { return Fail("no command can name " + text); }
     bool Envelope(const Letter& letter) {
-        if (PathOf(letter.sender).empty()) return NoAddress(letter.sender);
+        if (MailboxPath(letter.sender).empty()) return NoAddress(letter.sender);
         for (const std::string& each : letter.recipients) {
-            if (PathOf(each).empty()) return NoAddress(each);
+            if (MailboxPath(each).empty()) return NoAddress(each);
         }
-        std::string mail = "MAIL FROM:" + PathOf(letter.sender);
+        std::string mail = "MAIL FROM:" + MailboxPath(letter.sender);
         bool unicode = HasHighBytes(letter.sender);
         for (const std::string& each : letter.recipients) unicode = unicode || HasHighBytes(each);
         if (offers_.Offers("8BITMIME")) mail += " BODY=8BITMIME";
@@ -161,7 +161,7 @@ class Dialogue {
         Reply reply;
         if (!Ask(mail, reply) || !reply.Is('2')) return false;
         for (const std::string& each : letter.recipients) {
-            if (!Ask("RCPT TO:" + PathOf(each), reply)) return false;
+            if (!Ask("RCPT TO:" + MailboxPath(each), reply)) return false;
             if (reply.Is('2')) continue;
             said_ = CleanText(each) + ": " + said_;
             return false;

@@ -18,7 +18,7 @@ std::shared_ptr<const CDirectoryHarvesting::Set> CDirectoryHarvesting::Set::Read
     if (!trelis::ReadFlag(Key("Enabled"))) return nullptr;
     auto set = std::make_shared<Set>();
     set->sendDenyMessage = trelis::ReadFlag(Key("EnabledSendDenyMessage"));
-    set->denyText = trelis::ReadFormed(Key("DenyMessage"));
+    set->denyText = asfilters::DenyText(trelis::ReadLine(Key("DenyMessage")), trelis::kDenyText);
     set->responseTimeout = trelis::ReadInt(Key("ResponseTimeout"));
     return set;
 }

@@ -27,7 +27,7 @@ std::shared_ptr<const CSenderBlackList::Set> CSenderBlackList::Set::Read() {
     auto set = std::make_shared<Set>();
     set->sendDenyMessage = trelis::ReadFlag(Key("EnabledSendDenyMessage"));
     set->dropConnection = trelis::ReadFlag(Key("EnabledDropConnection"));
-    set->denyText = trelis::ReadFormed(Key("DenyMessage"));
+    set->denyText = asfilters::DenyText(trelis::ReadLine(Key("DenyMessage")), trelis::kDenyText);
     ForEachValue(Key("WildcardsList/*"),
                  [&set](const std::string& value) { set->wildcards.push_back(value); });
     ForEachValue(Key("UsersList/*"), [&set](std::string& value) {

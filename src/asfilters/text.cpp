@@ -25,6 +25,12 @@ std::uint32_t HashText(const char* text, std::size_t length) {
     return hash & kHashMask;
 }
 
+std::string DenyText(const std::string& configured, const char* fallback) {
+    const bool goesOn = configured.size() > 3 && configured[3] == '-' &&
+                        std::all_of(configured.begin(), configured.begin() + 3, IsDigit);
+    return goesOn ? fallback : configured;
+}
+
 void WriteDenyReply(bool wanted, const std::string& text, char* out, unsigned size) {
     if (size == 0) return;
     std::memset(out, 0, size);

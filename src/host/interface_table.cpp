@@ -34,7 +34,7 @@ int CSMTP::LoadInterfaces() {
 void CSMTP::LoadInterface(NetworkInterface& entry, const std::string& name) {
     entry.name = name;
     entry.place = metrics::NamePlace(name);
-    entry.GreetingDomainName = trelis::ReadWord(Key("GreetingDomainName"), {name});
+    entry.GreetingDomainName = trelis::ReadLine(Key("GreetingDomainName"), {name});
     entry.IPAddress = trelis::ReadText(Key("IPAddress"), {name});
     entry.Port = trelis::ReadInt(Key("Port"), {name});
     entry.ServerToForward = trelis::ReadText(Key("ServerToForward"), {name});

@@ -43,7 +43,7 @@ class Texts(System):
     def test_a_name_of_several_words_or_lines(self):
         mx, literal = b"mx.example.org", b"[127.0.0.1]"
         for name, word, told in (("mx.example.org\n", mx, mx), ("mx.example.org\r\nRSET", mx, mx),
-                                 ("mail server of ACME", b"mail", b"mail"), ("\r\n", b"127.0.0.1", literal),
+                                 ("mail server of ACME", b"mail server of ACME", b"mail"), ("\r\n", b"127.0.0.1", literal),
                                  ("[127.0.0.1]", literal, literal), ("", b"", literal)):
             with self.subTest(name):
                 self.proxy.change({NET + "/GreetingDomainName": name})
@@ -55,10 +55,8 @@ class Texts(System):
                 self.assertNotIn(b"RSET\r\n", self.server.lines)
 
     def test_a_refusal_that_is_no_reply(self):
-        for text, reply in (("Go away, spammer", b"550 5.7.1 Message Rejected\r\n"),
-                            ("550 a\r\n250 ok", b"550 5.7.1 Message Rejected\r\n"),
-                            ("250 ok", b"550 5.7.1 Message Rejected\r\n"), ("550-a", b"550 5.7.1 Message Rejected\r\n"),
-                            ("451 not now", b"451 not now\r\n")):
+        for text, reply in (("Go away, spammer", b"Go away, spammer\r\n"), ("550 a\r\n250 ok", b"550 a\r\n"),
+                            ("550-a", b"550 5.7.1 Message Rejected\r\n"), ("451 not now", b"451 not now\r\n")):
             with self.subTest(text):
                 self.proxy.load({self.AS + "/DenyMessage": text})
                 c = self.opened(b"EHLO me")

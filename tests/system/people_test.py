@@ -96,7 +96,8 @@ class Words(Person):
                             (["--chunk", "a"], "vtmaild test: unknown word: --chunk\n"),
                             ([], "vtmaild test: no file is given\n")):
             code, out, err = self.run_it("vtmaild", "test", *words)
-            self.assertEqual((code, out, err[:len(said)]), (2, "", said))
+            self.assertEqual((code, out), (2, ""), words)
+            self.assertIn(said, err)  # besides what the logger would get of the engine
             self.assertEqual("usage: vtmaild test" in err, "vtmaild test: " in said, words)
 
     def test_output_that_cannot_be_written_is_a_failure(self):

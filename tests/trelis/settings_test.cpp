@@ -65,22 +65,14 @@ TEST_F(Settings, TextsAreCutAndFallBack) {
 
 TEST_F(Settings, WhatBecomesALineIsOne) {
     constexpr Key kName = Net("GreetingDomainName");
-    constexpr Key kDeny{trelis::kBlackListKey, "DenyMessage"};
     constexpr Key kRedirect{trelis::kMailDaemonKey, "RedirectAddress"};
-    for (const auto& [text, word] : {std::pair{"mx.example.org\r\nRSET", "mx.example.org"},
-                                     {"a mail server", "a"},
+    for (const auto& [text, line] : {std::pair{"mx.example.org\r\nRSET", "mx.example.org"},
+                                     {"a mail server", "a mail server"},
                                      {"mx\t", "mx"},
                                      {"\n", "127.0.0.1"},
                                      {"", ""}}) {
         Set(kName.Path({"a"}), text);
-        EXPECT_EQ(trelis::ReadWord(kName, {"a"}), word) << text;
-    }
-    for (const auto& [text, line] : {std::pair{"451 not now", "451 not now"},
-                                     {"550 a\r\n250 ok", trelis::kDenyText},
-                                     {"no", trelis::kDenyText},
-                                     {"", trelis::kDenyText}}) {
-        Set(kDeny.Path(), text);
-        EXPECT_EQ(trelis::ReadFormed(kDeny), line) << text;
+        EXPECT_EQ(trelis::ReadLine(kName, {"a"}), line) << text;
     }
     Set(kRedirect.Path(), "a@example.org\r\nRSET");
     EXPECT_EQ(trelis::ReadFormed(kRedirect), "");

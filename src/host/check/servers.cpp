@@ -45,7 +45,7 @@ class ServerCheck {
         : interface_(interface), findings_(findings) {
         InterfaceIdentities identities;
         settings_.options = ReadConnectionOptions(interface, identities);
-        settings_.greetingName = trelis::ReadWord(InterfaceKey("GreetingDomainName"), {interface});
+        settings_.greetingName = trelis::ReadLine(InterfaceKey("GreetingDomainName"), {interface});
         settings_.connectionTimeout = kSeconds;
     }
 

@@ -24,5 +24,6 @@ struct Preparation {
 // Says nothing to the client.
 Preparation PrepareServer(Peers& peers, const std::string& host, bool plain);
 
-// What EHLO says of a host of this name: an address, and nothing, stand in brackets.
-std::string EhloName(const std::string& name);
+// What EHLO says of a host that calls itself so: the first word; an address, and nothing, stand in
+// brackets.
+std::string EhloName(const std::string& text);

@@ -128,14 +128,13 @@ std::string ReadFormed(const Key& key, Names names) {
     return row.fallback;
 }
 
-std::string ReadWord(const Key& key, Names names) {
+std::string ReadLine(const Key& key, Names names) {
     std::string text = ReadText(key, names);
-    const auto end =
-        std::find_if(text.begin(), text.end(), [](char c) { return c == ' ' || IsControl(c); });
+    const auto end = std::find_if(text.begin(), text.end(), IsControl);
     if (end == text.end()) return text;
-    std::string word = end == text.begin() ? key.Row().fallback : std::string(text.begin(), end);
-    Complain(key.Path(names), text, word);
-    return word;
+    std::string line = end == text.begin() ? key.Row().fallback : std::string(text.begin(), end);
+    Complain(key.Path(names), text, line);
+    return line;
 }
 
 long long ReadNumber(const Key& key, Names names, std::uint32_t store) {

@@ -60,9 +60,9 @@ std::optional<std::string> ReadIfGiven(const Key& key, Names names = {},
 std::string ReadText(const Key& key, Names names = {});
 // As ReadText; a text without the row's form counts as missing. For what becomes a line elsewhere.
 std::string ReadFormed(const Key& key, Names names = {});
-// As ReadText, cut in front of the first blank or control character; the default, if that is where
-// it begins. For a name in a line.
-std::string ReadWord(const Key& key, Names names = {});
+// As ReadText, cut in front of the first control character; the default, if that is where it
+// begins. For a text that stands in a line as it is.
+std::string ReadLine(const Key& key, Names names = {});
 long long ReadNumber(const Key& key, Names names = {}, std::uint32_t store = kLocalStore);
 // The number is one of an int by its bounds.
 int ReadInt(const Key& key, Names names = {}, std::uint32_t store = kLocalStore);

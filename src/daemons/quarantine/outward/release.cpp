@@ -73,7 +73,7 @@ std::optional<Destination> DestinationOf(const std::string& interface, std::stri
         const std::string text = trelis::ReadText(Key("FallbackServers/*"), {name, each});
         if (!text.empty()) destination.servers.push_back(ServerAddress::Parse(text));
     }
-    destination.helo = EhloName(trelis::ReadWord(Key("GreetingDomainName"), {name}));
+    destination.helo = EhloName(trelis::ReadLine(Key("GreetingDomainName"), {name}));
     destination.tls = static_cast<ServerTls>(trelis::ReadChoice(Key("ServerTLS/Mode"), {name}));
     destination.caFile = trelis::ReadText(Key("ServerTLS/CAFile"), {name});
     destination.certName = trelis::ReadText(Key("ServerTLS/Name"), {name});

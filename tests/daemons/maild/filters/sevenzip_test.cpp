@@ -153,7 +153,8 @@ TEST(SevenZip, RoomIsNotMadeForWhatIsOnlyClaimed) {
         EXPECT_EQ(Filter("f.7z", each.data).tooComplex, each.why);
         EXPECT_FALSE(SevenZipEncrypted(InMemory(each.data).Descriptor()));
     }
-    EXPECT_LT(PeakKilobytes() - before, 100 << 10);
+    // Gigabytes, if it were; what sanitizers keep back is less.
+    EXPECT_LT(PeakKilobytes() - before, 600 << 10);
 }
 
 // A filter of four streams, two of which are held while files are read.
@@ -189,7 +190,8 @@ TEST(SevenZip, EncryptedHeader) {
     const long before = PeakKilobytes();
     EXPECT_EQ(ClaimsOf(Archive(packed, header), 100), SevenZipClaims::kFit);
     EXPECT_EQ(Filter("f.7z", Archive(packed, header)).tooComplex, "");
-    EXPECT_LT(PeakKilobytes() - before, 100 << 10);
+    // Gigabytes, if it were; what sanitizers keep back is less.
+    EXPECT_LT(PeakKilobytes() - before, 600 << 10);
 }
 
 // A folder and three files packed by 7z, through a filter of four streams, with a plain list.

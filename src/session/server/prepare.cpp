@@ -158,7 +158,7 @@ Preparation PrepareServer(Peers& peers, const std::string& host, bool plain) {
 }
 
 std::string EhloName(const std::string& text) {
-    const std::string name = text.substr(0, text.find_first_of(" \t"));
+    std::string name = text.substr(0, text.find_first_of(" \t"));
     if (name.starts_with('[') || std::any_of(name.begin(), name.end(), IsLetter)) return name;
     return "[" + (name.empty() ? "127.0.0.1" : name) + "]";
 }

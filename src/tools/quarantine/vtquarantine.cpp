@@ -312,7 +312,7 @@ int main(int argc, char** argv) {
     if (const std::optional<int> code = AnswerHelp(kUsage, argc, argv)) return *code;
     Options options;
     if (const std::optional<int> code = ParseArguments(argc, argv, options)) return *code;
-    const std::string person = platform::PersonName();
+    const std::string& person = platform::PersonName();
     platform::HoldSignals();
     platform::ReleaseSignals();
     if (const std::string why = platform::WhyNoHome(); !why.empty()) return Fail(why);

@@ -15,9 +15,20 @@ constexpr long long kMostBehindEnd = 22 + 0xFFFF;
 
 }  // namespace
 
+// Text comes line by line, and holds nothing of a mark but letters.
+bool ZipBehind::HoldsNone(std::string_view bytes) {
+    if (zip_ != nullptr || bytes.size() < kFile.size() || bytes.find(kFile[2]) != bytes.npos ||
+        joined_.find(kFile[0]) != std::string::npos)
+        return false;
+    joined_ = bytes.substr(bytes.size() - (kFile.size() - 1));
+    size_ += static_cast<long long>(bytes.size());
+    return true;
+}
+
 bool ZipBehind::Write(std::string_view bytes) {
     if (size_ == 0) beginsSo_ = bytes.starts_with(kFile);
     if (beginsSo_) return true;
+    if (HoldsNone(bytes)) return true;
     const long long from = size_ - static_cast<long long>(joined_.size());
     joined_ += bytes;
     size_ += static_cast<long long>(bytes.size());

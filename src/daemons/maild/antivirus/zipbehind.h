@@ -19,6 +19,10 @@ class ZipBehind {
     Scratch* Finish();
 
   private:
+    // Whether there can't be the beginning of a zip in the next bytes, nor in those before them;
+    // then that is all there is to do.
+    bool HoldsNone(std::string_view bytes);
+
     std::string joined_;     // the last bytes, in which a mark may have begun
     long long size_ = 0;     // of all that has come
     long long endAt_ = -1;   // of the last mark of a directory's end

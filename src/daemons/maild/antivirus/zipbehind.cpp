@@ -26,7 +26,6 @@ bool ZipBehind::HoldsNone(std::string_view bytes) {
 }
 
 bool ZipBehind::Write(std::string_view bytes) {
-    if (size_ == 0) beginsSo_ = bytes.starts_with(kFile);
     if (beginsSo_) return true;
     if (HoldsNone(bytes)) return true;
     const long long from = size_ - static_cast<long long>(joined_.size());
@@ -36,6 +35,8 @@ bool ZipBehind::Write(std::string_view bytes) {
     if (zip_ != nullptr) {
         kept = zip_->Write(bytes);
     } else if (const std::size_t begin = joined_.find(kFile); begin != std::string::npos) {
+        beginsSo_ = from == 0 && begin == 0;
+        if (beginsSo_) return true;
         zip_ = std::make_unique<Scratch>();
         kept = zip_->Write(std::string_view(joined_).substr(begin));
     }

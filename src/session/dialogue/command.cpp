@@ -12,6 +12,7 @@
 #include "session/address/sender_check.h"
 #include "session/dialogue/dialogue.h"
 #include "text/ascii.h"
+#include "text/trim.h"
 
 namespace {
 
@@ -37,15 +38,11 @@ std::string_view BehindColon(std::string_view text) {
     return colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
 }
 
-constexpr std::string_view kBlanks = " \t\v\f\r\n";
-
 // A message sent with it has a reply for each recipient, and one in front of them.
 bool AsksForMoreReplies(std::string_view text) {
     constexpr std::string_view kKey = "PRDR";
-    while (!text.empty()) {
-        const std::string_view word = text.substr(0, text.find_first_of(kBlanks));
+    for (std::string_view word = TakeWord(text); !word.empty(); word = TakeWord(text)) {
         if (EqualIgnoringCase(word.substr(0, word.find('=')), kKey)) return true;
-        text.remove_prefix(std::min(word.size() + 1, text.size()));
     }
     return false;
 }
@@ -53,10 +50,7 @@ bool AsksForMoreReplies(std::string_view text) {
 // The number of the parameter SIZE=number, or 0.
 unsigned long long DeclaredSize(std::string_view parameters) {
     constexpr std::string_view kKey = "SIZE=";
-    while (!parameters.empty()) {
-        const std::size_t end = std::min(parameters.find_first_of(kBlanks), parameters.size());
-        const std::string_view word = parameters.substr(0, end);
-        parameters.remove_prefix(std::min(end + 1, parameters.size()));
+    for (std::string_view word = TakeWord(parameters); !word.empty(); word = TakeWord(parameters)) {
         if (word.size() <= kKey.size() || !EqualIgnoringCase(word.substr(0, kKey.size()), kKey))
             continue;
         const std::string_view digits = word.substr(kKey.size());
@@ -89,9 +83,9 @@ void Dialogue::TakeTokens() {
     std::string_view rest = copy_;
     tokenCount_ = 0;
     for (auto& token : tokens_) {
-        rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks), rest.size()));
+        rest.remove_prefix(std::min(rest.find_first_not_of(kAllBlanks), rest.size()));
         std::string_view word = rest.substr(0, kLongestToken);
-        word = word.substr(0, word.find_first_of(kBlanks));
+        word = word.substr(0, word.find_first_of(kAllBlanks));
         word.copy(token, word.size());
         token[word.size()] = '\0';
         rest.remove_prefix(word.size());
@@ -178,7 +172,7 @@ Dialogue::Outcome Dialogue::RecipientRule() {
 // of it, but who is listed doesn't pass by that.
 Dialogue::Outcome Dialogue::UnreadSender() {
     std::string_view rest = copy_;
-    rest.remove_prefix(std::min(rest.find_first_of(kBlanks), rest.size()));
+    TakeWord(rest);
     if (filters_ == nullptr || rest.find_first_of("@%!") == std::string_view::npos)
         return Outcome::kForward;
     MailPath path = ReadPath(rest);
@@ -276,14 +270,8 @@ Dialogue::Outcome Dialogue::RefuseLargeMessage() {
 Dialogue::Outcome Dialogue::GreetingRule() {
     // By the same blanks as the verb.
     std::string_view rest = line_;
-    const auto next = [&rest] {
-        rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks), rest.size()));
-        const std::string_view word = rest.substr(0, rest.find_first_of(kBlanks));
-        rest.remove_prefix(word.size());
-        return word;
-    };
-    next();
-    peers_.helo = next();
+    TakeWord(rest);
+    peers_.helo = TakeWord(rest);
     peers_.proto = inFlight_ == CMD_EHLO ? "ESMTP" : "SMTP";
     if (peers_.identity.helo.empty()) peers_.journal.session.helo = peers_.helo;
     return Outcome::kForward;

@@ -13,6 +13,7 @@
 #include "session/registry.h"
 #include "session/secure.h"
 #include "text/ascii.h"
+#include "text/trim.h"
 
 namespace {
 
@@ -44,14 +45,11 @@ constexpr std::string_view kNotOffered[] = {
 
 // By a parameter: an address may hold the same text, and a stranger chooses his.
 bool SaysBinaryBody(std::string_view line) {
-    constexpr std::string_view kBlanks = " \t\v\f\r\n";
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos) return false;
     std::string_view text = ReadPath(line.substr(colon + 1)).parameters;
-    while (!text.empty()) {
-        const std::string_view word = text.substr(0, text.find_first_of(kBlanks));
+    for (std::string_view word = TakeWord(text); !word.empty(); word = TakeWord(text)) {
         if (EqualIgnoringCase(word, "body=binarymime")) return true;
-        text.remove_prefix(std::min(word.size() + 1, text.size()));
     }
     return false;
 }

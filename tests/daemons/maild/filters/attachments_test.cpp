@@ -18,10 +18,7 @@ const std::string kProgram = "MZ\x90\0\3\0\0\0"s + std::string(200, '\0');
 std::string Filter(const std::string& message, const AttachmentRules& rules) {
     maild::AttachmentFilter filter(rules,
                                    std::chrono::steady_clock::now() + std::chrono::seconds(30));
-    platform::File file(memfd_create("test", MFD_CLOEXEC));
-    EXPECT_TRUE(file.Write(message.data(), message.size()));
-    maild::PartSink* const sinks[] = {&filter};
-    maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, {}, sinks);
+    Show(message, filter);
     std::string findings;
     for (const maild::Finding& each : filter.Findings()) {
         findings += each.rule + " " + each.part + " " + each.reason + "; ";
@@ -133,10 +130,7 @@ std::string TooComplex(const std::string& message) {
     const AttachmentRules rules{{Rule("none", "*.none")}, {}};
     maild::AttachmentFilter filter(rules,
                                    std::chrono::steady_clock::now() + std::chrono::seconds(30));
-    platform::File file(memfd_create("test", MFD_CLOEXEC));
-    EXPECT_TRUE(file.Write(message.data(), message.size()));
-    maild::PartSink* const sinks[] = {&filter};
-    maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, {}, sinks);
+    Show(message, filter);
     return filter.TooComplex().substr(0, filter.TooComplex().find(':'));
 }
 

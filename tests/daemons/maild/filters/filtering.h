@@ -37,10 +37,7 @@ struct Result {
 inline Result Filter(const std::string& message, const maild::AttachmentRules& rules) {
     maild::AttachmentFilter filter(rules,
                                    std::chrono::steady_clock::now() + std::chrono::seconds(30));
-    platform::File file(memfd_create("test", MFD_CLOEXEC));
-    EXPECT_TRUE(file.Write(message.data(), message.size()));
-    maild::PartSink* const sinks[] = {&filter};
-    maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, {}, sinks);
+    Show(message, filter);
     Result result{"", filter.Encrypted(), filter.TooComplex()};
     for (const maild::Finding& each : filter.Findings())
         result.findings += each.rule + ": " + each.reason + "; ";

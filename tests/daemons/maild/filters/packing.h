@@ -4,10 +4,13 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <string>
 #include <vector>
 
+#include "daemons/maild/walk/walk.h"
+#include "platform/file.h"
 #include "text/base64.h"
 
 struct Packed {
@@ -64,4 +67,12 @@ inline std::string Mail(const std::vector<Packed>& files,
         for (std::size_t i = 0; i < coded.size(); i += 76) text += coded.substr(i, 76) + "\n";
     }
     return text + "--b--\n";
+}
+
+// Has the sink see the message.
+inline void Show(const std::string& message, maild::PartSink& sink) {
+    platform::File file(memfd_create("test", MFD_CLOEXEC));
+    EXPECT_TRUE(file.Write(message.data(), message.size()));
+    maild::PartSink* const sinks[] = {&sink};
+    maild::WalkMessage(file.Descriptor(), maild::Dots::kPlain, {}, sinks);
 }

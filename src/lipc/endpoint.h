@@ -21,7 +21,7 @@ enum EndpointMode { kServerMode = 0, kClientMode = 1 };
 inline constexpr std::size_t kMaxBusyConnections = 256;
 // Free connections that a client keeps for the next requests: what a burst has opened beyond them
 // is closed as it comes back.
-inline constexpr std::size_t kIdleConnections = 16;
+inline constexpr std::size_t kIdleConnections = 24;
 // The connections that a server takes, of all its clients. Those beyond it wait in the socket's
 // backlog until another goes.
 inline constexpr std::size_t kServerLimit = 512;

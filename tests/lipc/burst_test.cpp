@@ -144,8 +144,8 @@ TEST_F(Burst, LeavesNoMoreThanAFewPipesOpen) {
     EXPECT_TRUE(Eventually([&] { return started == 200 && Descriptors() >= before + 199; }));
     server.held = false;
     for (std::thread& each : askers) each.join();
-    // Both ends of each of 16 pipes are in this process, and what the waits keep for the next ones.
-    EXPECT_TRUE(Eventually([&] { return Descriptors() <= before + 2 * 16 + 20; }))
+    // Both ends of each of 24 pipes are in this process, and what the waits keep for the next ones.
+    EXPECT_TRUE(Eventually([&] { return Descriptors() <= before + 2 * 24 + 20; }))
         << Descriptors() - before;
 }
 

@@ -64,6 +64,10 @@ class File {
     std::optional<FileState> State() const;
     // Writes all, or gives false (disk full, quota, I/O error).
     bool Write(const void* data, std::size_t length);
+    // Puts this in the place of all that it holds. False as above, or if that isn't all that it
+    // holds then. What is no longer than before takes no room anew, and costs a small part of what
+    // it costs to empty a file and to fill it.
+    bool Replace(std::string_view bytes);
     // The count, 0 at the end, -1 on failure.
     long long Read(void* buffer, std::size_t length);
     // The same from a position, which the next Read knows nothing of.
@@ -71,9 +75,9 @@ class File {
     // Whether it begins with these bytes.
     bool BeginsWith(std::string_view bytes) const;
     bool MakeEmpty();
-    // Whether nobody else has it: the name is its only one, and it is open here alone. False also
-    // where that can't be known. From the first call on the process ignores SIGIO.
-    bool OnlyOurs(const char* name) const;
+    // Its state if nobody else has it: the name is its only one, and it is open here alone. Nothing
+    // also where that can't be known. From the first call on the process ignores SIGIO.
+    std::optional<FileState> OnlyOurs(const char* name) const;
     // False if the system reports a late write error.
     bool Close();
     // The same, but it stays open.
@@ -83,7 +87,12 @@ class File {
     explicit File(int descriptor) : descriptor_(descriptor) {}
 
   private:
+    File(int descriptor, bool atEnd) : descriptor_(descriptor), atEnd_(atEnd) {}
+    bool SetAppending(bool appending);
+
     UniqueDescriptor descriptor_;
+    bool atEnd_ = false;      // Write writes at its end, wherever that is by then
+    bool appending_ = false;  // so does the system
 };
 
 // Gives a file a second name, in the same file system. False if that can't be done, or is taken.

@@ -227,6 +227,49 @@ TEST_F(Spool, AGroupThatIsSetLaterMayRead) {
     EXPECT_EQ(mode(spool_.Path()), 0600U);
 }
 
+// Zeros stand in the place of a small message, and none may pass for another one.
+TEST_F(Spool, NothingOfAMessageStaysInItsFile) {
+    for (const std::size_t size : {1000, 30000, 200000, 20}) {
+        ASSERT_NO_FATAL_FAILURE(Have(std::string(size, 'm')));
+        spool_.Remove();
+        int files = 0;
+        for (const auto& spare : fs::directory_iterator(g_instance.Path() + "/tmp/spare")) {
+            const std::string left = Read(spare.path());
+            EXPECT_EQ(left, std::string(left.size(), '\0')) << size;
+            EXPECT_LE(left.size(), 65536U);
+            ++files;
+        }
+        EXPECT_EQ(files, 1) << "the same file goes on";
+    }
+    SpoolFile other;
+    ASSERT_TRUE(other.Name(4714) && other.OpenNext() && other.Write("other") && other.Close());
+    other.Remove();
+    ASSERT_NO_FATAL_FAILURE(Have("ours"));  // in the one that came back last
+    SpoolFile third;
+    ASSERT_TRUE(third.Name(4715) && third.OpenNext() && third.Write("a third") && third.Close());
+    const std::string path = third.Path();
+    for (const auto& spare : fs::directory_iterator(g_instance.Path() + "/tmp/spare")) {
+        if (fs::hard_link_count(spare) == 2 && fs::equivalent(spare, path)) {
+            third.Remove();
+            fs::create_hard_link(spare, path);
+            break;
+        }
+    }
+    fs::rename(path, spool_.Path());
+    EXPECT_EQ(spool_.LookAgain(), SpoolFile::Found::kUnreadable) << "zeros that wait";
+}
+
+// What the file held before is longer, or shorter, or there is nothing to be put in its place.
+TEST_F(Spool, AMessageIsAllThatItsFileHolds) {
+    for (const std::size_t size : {100, 5000, 100, 0, 70000, 0, 64000, 65536, 65537, 1}) {
+        const std::string text(size, 'm');
+        ASSERT_NO_FATAL_FAILURE(Have(text));
+        EXPECT_EQ(Read(spool_.Path()), text) << size;
+        ASSERT_EQ(spool_.LookAgain(), SpoolFile::Found::kWhole);
+        EXPECT_EQ(Whole(), text) << size;
+    }
+}
+
 // The names of files that wait, and of those in hand, are somebody's to move about: what goes on is
 // the message's own, or nothing.
 TEST_F(Spool, AnotherFileUnderASpareNameIsNotTakenForIt) {
@@ -235,7 +278,8 @@ TEST_F(Spool, AnotherFileUnderASpareNameIsNotTakenForIt) {
     for (const auto& spare : fs::directory_iterator(g_instance.Path() + "/tmp/spare")) {
         // As many names as are expected, but none of them the message's.
         for (const char* each : {"/one", "/two"})
-            fs::create_hard_link(spare, g_instance.Path() + each);
+            fs::create_hard_link(spare,
+                                 g_instance.Path() + each + spare.path().filename().string());
         fs::remove(spare);
         std::ofstream(spare.path()) << "somebody else's mail";
     }

@@ -58,16 +58,15 @@ FileState StateOf(const struct stat& info) {
 }  // namespace
 
 File File::CreateExclusive(const char* path, int group) {
-    const int descriptor =
-        open(path, O_RDWR | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const int descriptor = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (descriptor >= 0 && group >= 0 &&
         fchown(descriptor, static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0)
         fchmod(descriptor, 0640);
-    return File(descriptor);
+    return {descriptor, true};
 }
 
 File File::OpenAppend(const char* path) {
-    return File(open(path, O_RDWR | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    return {open(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK), true};
 }
 
 File File::OpenRead(const char* path) {
@@ -89,6 +88,7 @@ std::optional<FileState> File::State() const {
 
 bool File::Write(const void* data, std::size_t length) {
     const char* at = static_cast<const char*>(data);
+    if (atEnd_ && !SetAppending(true)) return false;
     while (length > 0) {
         const ssize_t done = write(Descriptor(), at, length);
         if (done < 0 && errno == EINTR) continue;
@@ -96,6 +96,27 @@ bool File::Write(const void* data, std::size_t length) {
         at += done;
         length -= static_cast<std::size_t>(done);
     }
+    return true;
+}
+
+bool File::Replace(std::string_view bytes) {
+    if (!SetAppending(false)) return false;
+    for (std::size_t at = 0; at < bytes.size();) {
+        const ssize_t done =
+            pwrite(Descriptor(), bytes.data() + at, bytes.size() - at, static_cast<off_t>(at));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        at += static_cast<std::size_t>(done);
+    }
+    const auto size = static_cast<long long>(bytes.size());
+    const long long found = Size();
+    return found == size || (found > size && ftruncate(Descriptor(), size) == 0);
+}
+
+bool File::SetAppending(bool appending) {
+    if (appending_ == appending) return true;
+    if (fcntl(Descriptor(), F_SETFL, appending ? O_APPEND : 0) != 0) return false;
+    appending_ = appending;
     return true;
 }
 
@@ -128,17 +149,19 @@ bool File::BeginsWith(std::string_view bytes) const {
 
 bool File::MakeEmpty() { return ftruncate(Descriptor(), 0) == 0; }
 
-bool File::OnlyOurs(const char* name) const {
+std::optional<FileState> File::OnlyOurs(const char* name) const {
     struct stat info {};
     struct stat named {};
     if (fstat(Descriptor(), &info) != 0 || info.st_nlink != 1 || stat(name, &named) != 0 ||
         named.st_ino != info.st_ino || named.st_dev != info.st_dev)
-        return false;
+        return std::nullopt;
     // The system gives such a lease only where there is no other descriptor of the file. It tells
     // of one that comes while the lease lasts by a signal, which would end the process.
     static const bool deaf = signal(SIGIO, SIG_IGN) != SIG_ERR;
-    return deaf && fcntl(Descriptor(), F_SETLEASE, F_WRLCK) == 0 &&
-           fcntl(Descriptor(), F_SETLEASE, F_UNLCK) == 0;
+    if (!deaf || fcntl(Descriptor(), F_SETLEASE, F_WRLCK) != 0 ||
+        fcntl(Descriptor(), F_SETLEASE, F_UNLCK) != 0)
+        return std::nullopt;
+    return StateOf(info);
 }
 
 bool File::Close() {

@@ -1,6 +1,7 @@
 #include "session/message/spare_files.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace {
@@ -9,10 +10,19 @@ constexpr char kDirectory[] = "spare";
 constexpr std::size_t kMostKept = 256;
 // As many as messages come at a time, as a rule; descriptors are for connections.
 constexpr std::size_t kMostOpen = 16;
+// Emptying costs less than that many zeros.
+constexpr std::size_t kMostBlanked = 65536;
 
 std::string Directory() {
     char path[4096];
     return GetTempPathA(sizeof path, path) == 0 ? std::string() : std::string(path) + kDirectory;
+}
+
+// Leaves nothing of the message in it.
+bool Blank(platform::File& file, std::uint64_t size) {
+    static constexpr std::array<char, kMostBlanked> kZeros{};
+    if (size > kMostBlanked) return file.MakeEmpty();
+    return file.Replace({kZeros.data(), static_cast<std::size_t>(size)});
 }
 
 }  // namespace
@@ -96,13 +106,17 @@ SpareFile SpareFiles::Make(int group) {
 }
 
 void SpareFiles::Give(SpareFile spare) {
-    if (!spare.file.OnlyOurs(spare.path.c_str()) || !spare.file.MakeEmpty()) return Drop(spare);
-    const std::lock_guard lock(mutex_);
-    inHand_.erase(spare.number);
-    if (open_.size() < kMostOpen) return open_.push_back(std::move(spare));
-    if (spare.file.Close() && closed_.size() < kMostKept)
-        return closed_.push_back(std::move(spare));
-    DeleteFileA(spare.path.c_str());
+    const auto state = spare.file.OnlyOurs(spare.path.c_str());
+    if (!state || !Blank(spare.file, state->size)) return Drop(spare);
+    {
+        const std::lock_guard lock(mutex_);
+        const bool open = open_.size() < kMostOpen;
+        if (open || (closed_.size() < kMostKept && spare.file.Close())) {
+            inHand_.erase(spare.number);
+            return (open ? open_ : closed_).push_back(std::move(spare));
+        }
+    }
+    Drop(spare);
 }
 
 void SpareFiles::Drop(const SpareFile& spare) {
@@ -114,7 +128,9 @@ void SpareFiles::Drop(const SpareFile& spare) {
 
 bool SpareFiles::IsAnothers(std::uint64_t number) {
     const std::lock_guard lock(mutex_);
-    return inHand_.count(number) != 0 ||
+    const auto waits = [number](const SpareFile& each) { return each.number == number; };
+    return inHand_.count(number) != 0 || std::any_of(open_.begin(), open_.end(), waits) ||
+           std::any_of(closed_.begin(), closed_.end(), waits) ||
            std::find(dropped_.begin(), dropped_.end(), number) != dropped_.end();
 }
 

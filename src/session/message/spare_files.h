@@ -1,5 +1,6 @@
-// Empty files of messages that are over, for the next ones. To make a file and to remove it costs
-// some file systems more than all the rest of a small message.
+// Files of messages that are over, for the next ones. To make a file and to remove it costs some
+// file systems more than all the rest of a small message, and so does to empty it and to fill it:
+// one that is small keeps its size, with zeros in the place of the message.
 #pragma once
 
 #include <array>
@@ -23,9 +24,9 @@ struct SpareFile {
 class SpareFiles {
   public:
     static SpareFiles& Instance();
-    // An empty file, open for reading and for writing at its end; the caller gives it a second
-    // name, by which the message is known, and sees that this has become its. Without a file: there
-    // is none, and none can be made.
+    // A file, open for reading and for writing at its end, with nothing of a message in it; the
+    // caller gives it a second name, by which the message is known, and sees that this has become
+    // its. Without a file: there is none, and none can be made.
     SpareFile Take(int group);
     // A file whose other name is gone. It is used again only if nobody else has it, neither by a
     // name nor open: whoever still reads the message before must not find another in its place.
@@ -38,7 +39,7 @@ class SpareFiles {
     // stays: somebody has it under a name of his own.
     void Leave(std::uint64_t number, bool stays);
     // Whether the file of this number holds another message than the one that asks, whose file it
-    // isn't: one in hand, or one of the last that somebody has kept.
+    // isn't, or none: one in hand, one that waits here, or one of the last that somebody has kept.
     bool IsAnothers(std::uint64_t number);
 
   private:

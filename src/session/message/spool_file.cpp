@@ -79,8 +79,7 @@ bool SpoolFile::OpenNext() {
     present_ = spare_.file && platform::LinkFile(spare_.path, path_);
     // Somebody may have been at it meanwhile, or have put another file in its place.
     const auto state = present_ ? platform::LookAtFile(path_) : std::nullopt;
-    if (!state || !state->plain || state->size != 0 || state->names != 2 ||
-        state->number != spare_.number) {
+    if (!state || !state->plain || state->names != 2 || state->number != spare_.number) {
         SpareFiles::Instance().Drop(std::exchange(spare_, {}));
         // The instance's lock makes this process the only one here: whatever has the name is a
         // leaving. Or the directory has been cleared away.
@@ -114,8 +113,9 @@ bool SpoolFile::Write(std::string_view bytes) {
 // What is in memory alone.
 bool SpoolFile::Store() {
     const std::string_view left = std::string_view(kept_).substr(stored_);
+    const bool first = stored_ == 0;  // what is in the file is none of the message
     stored_ = kept_.size();
-    return left.empty() || spare_.file.Write(left.data(), left.size());
+    return first ? spare_.file.Replace(left) : spare_.file.Write(left.data(), left.size());
 }
 
 void SpoolFile::Forget() {
@@ -125,7 +125,9 @@ void SpoolFile::Forget() {
 }
 
 bool SpoolFile::Close() {
-    if (!Store() || spare_.file.Size() != size_) return false;
+    const bool first = keeping_ && stored_ == 0;  // then Store sees to its size
+    if (keeping_ && !Store()) return false;
+    if (!first && spare_.file.Size() != size_) return false;
     // A close that fails tells of a write that did: the message is not whole on the disk. Where
     // files are used again there are no such late news.
     return !spare_.path.empty() || spare_.file.Settle();

@@ -31,7 +31,7 @@ constexpr std::chrono::milliseconds kLongestLingering{2000};
 }  // namespace
 
 std::chrono::milliseconds Deadline::Left() const {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now());
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - platform::LastTick());
     return std::max(left, std::chrono::milliseconds(0));
 }
 

@@ -14,20 +14,20 @@
 
 #include "net/socket.h"
 #include "net/transport.h"
+#include "platform/clock.h"
 #include "platform/file.h"
 
-// The end of a time that several waits share.
+// The end of a time that several waits share; it may be some milliseconds late.
 class Deadline {
   public:
-    explicit Deadline(std::chrono::milliseconds limit) : end_(Clock::now() + limit) {}
+    explicit Deadline(std::chrono::milliseconds limit) : end_(platform::TickBehind(limit)) {}
     explicit Deadline(std::uint32_t seconds) : Deadline(std::chrono::seconds(seconds)) {}
     // Not below zero.
     std::chrono::milliseconds Left() const;
     bool Over() const { return Left().count() == 0; }
 
   private:
-    using Clock = std::chrono::steady_clock;
-    Clock::time_point end_;
+    std::chrono::steady_clock::time_point end_;
 };
 
 class Stream {

@@ -30,7 +30,7 @@ void ServerLink::Attach(const CSocket& socket) {
     socket_ = socket;
     stream_.Attach(socket);
     stream_.SetLimit(settings_.connectionTimeout);
-    lastSent_ = Clock::now();
+    lastSent_ = platform::LastTick();
     spoken_ = false;
     takesChunks = takesBatches = false;
     tellOffer.clear();
@@ -39,12 +39,12 @@ void ServerLink::Attach(const CSocket& socket) {
 }
 
 bool ServerLink::Send(std::string_view bytes) {
-    lastSent_ = Clock::now();
+    lastSent_ = platform::LastTick();
     return stream_.Send(bytes);
 }
 
 bool ServerLink::Queue(std::string_view bytes) {
-    lastSent_ = Clock::now();
+    lastSent_ = platform::LastTick();
     return stream_.Queue(bytes);
 }
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "net/stream.h"
+#include "platform/clock.h"
 #include "session/settings.h"
 
 // One reply, its lines as they go to the client.
@@ -48,7 +49,7 @@ class ServerLink {
     bool Queue(std::string_view bytes);
     bool Flush() { return stream_.Flush(); }
     bool SendFile(const platform::File& file, long long offset, long long length) {
-        lastSent_ = Clock::now();
+        lastSent_ = platform::LastTick();
         return stream_.SendFile(file, offset, length);
     }
     bool Ask(std::string_view command, ServerReply& reply) {
@@ -87,7 +88,9 @@ class ServerLink {
     bool KeepAliveAfterAnswer();
     // Whether a line of a reply has come since Attach.
     bool HasSpoken() const { return spoken_; }
-    bool SilentFor(std::chrono::seconds time) const { return Clock::now() - lastSent_ >= time; }
+    bool SilentFor(std::chrono::seconds time) const {
+        return platform::LastTick() - lastSent_ >= time;
+    }
 
     const CSocket& Socket() const { return socket_; }
     // Whether the server has offered CHUNKING and PIPELINING in its last reply to a greeting.

@@ -13,6 +13,22 @@ std::int64_t UtcMilliseconds() {
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
+std::chrono::steady_clock::time_point LastTick() {
+    timespec tick{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
+    return std::chrono::steady_clock::time_point(std::chrono::seconds(tick.tv_sec) +
+                                                 std::chrono::nanoseconds(tick.tv_nsec));
+}
+
+std::chrono::steady_clock::time_point TickBehind(std::chrono::milliseconds time) {
+    static const std::chrono::nanoseconds tick = [] {
+        timespec length{};
+        clock_getres(CLOCK_MONOTONIC_COARSE, &length);
+        return std::chrono::seconds(length.tv_sec) + std::chrono::nanoseconds(length.tv_nsec);
+    }();
+    return time.count() > 0 ? LastTick() + time + tick : LastTick();
+}
+
 std::string UtcTimeText() { return UtcTimeText(UtcSeconds()); }
 
 std::string UtcTimeText(std::int64_t seconds) {

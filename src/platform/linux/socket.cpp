@@ -11,6 +11,7 @@
 #include <chrono>
 #include <span>
 
+#include "platform/clock.h"
 #include "platform/file.h"
 #include "platform/linux/task/task_thread.h"
 #include "platform/linux/wait/object.h"
@@ -127,8 +128,7 @@ bool SocketWaitAny(SocketWatch* watches, std::size_t count, std::chrono::millise
         watches[i].found = {false, false};
         entries[i] = {watches[i].socket, static_cast<short>(wanted(watches[i].want) | POLLPRI), 0};
     }
-    const int result =
-        Poll(std::span(entries.data(), count), std::chrono::steady_clock::now() + limit, blocked);
+    const int result = Poll(std::span(entries.data(), count), platform::TickBehind(limit), blocked);
     if (result < 0) {
         for (std::size_t i = 0; i < count; ++i) watches[i].found.exception = true;
     }

@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/clock.h"
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -44,7 +46,7 @@ class ReadBlock {
 void Reception::Begin() {
     refusal_ = Refusal::kNone;
     drained_ = 0;
-    lastKeepAlive_ = std::chrono::steady_clock::now();
+    lastKeepAlive_ = platform::LastTick();
 }
 
 int Reception::Read(char* block, int size, milliseconds limit) {
@@ -90,8 +92,7 @@ bool Reception::DrainedEnough() const {
 }
 
 bool Reception::IntervalOver() const {
-    return std::chrono::steady_clock::now() - lastKeepAlive_ >=
-           seconds(peers_.settings.noopInterval);
+    return platform::LastTick() - lastKeepAlive_ >= seconds(peers_.settings.noopInterval);
 }
 
 void Reception::NoteReceived() { peers_.journal.Received(spool_.Size() + drained_); }
@@ -167,7 +168,7 @@ Received Reception::ReceiveData() {
             text.erase(0, ready);
             if (IntervalOver()) {
                 if (KeepAlive(&peers_) != 0) return Abandon();
-                lastKeepAlive_ = std::chrono::steady_clock::now();  // a slow answer counts as well
+                lastKeepAlive_ = platform::LastTick();  // a slow answer counts as well
             }
         }
         if (ended) return Finish();
@@ -198,7 +199,7 @@ Received Reception::ReceiveChunk(const Chunk& chunk) {
         // A server has no more patience with a message in one chunk than with any other.
         if (missing > 0 && IntervalOver()) {
             if (KeepAlive(&peers_) != 0) return Abandon();
-            lastKeepAlive_ = std::chrono::steady_clock::now();
+            lastKeepAlive_ = platform::LastTick();
         }
         block.GrowIfFilledBy(count);
     }

@@ -1,5 +1,6 @@
 #include "platform/linux/task/task_thread.h"
 
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/clock.h"
 #include "platform/sync.h"
 
 namespace platform {
@@ -86,6 +88,7 @@ bool TaskThread::Start(TaskProcedure procedure, void* argument) {
 
 DWORD TaskThread::Main(void* self) {
     t_current = static_cast<TaskThread*>(self);
+    pthread_setname_np(pthread_self(), "tasks");  // for those who look at the process
     t_current->Run();
     return 0;
 }
@@ -135,7 +138,8 @@ void TaskThread::RunReady() {
 
 void TaskThread::FireTimers() {
     if (timers_.empty()) return;
-    const Clock::time_point now = Clock::now();
+    // The same clock as below: by a finer one it would look again and again until this one's tick.
+    const Clock::time_point now = LastTick();
     while (!timers_.empty() && timers_.begin()->first <= now) {
         auto node = timers_.extract(timers_.begin());
         Task* const task = node.mapped();
@@ -156,7 +160,7 @@ void TaskThread::WaitForEvents() {
         limit = 0;
     } else if (!timers_.empty()) {
         const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first - Clock::now());
+            std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first - LastTick());
         limit = static_cast<int>(std::clamp<long long>(left.count(), 0, 1 << 30));
     }
     if (limit != 0) {

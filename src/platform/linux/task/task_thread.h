@@ -43,6 +43,8 @@ class TaskThread {
     void Yield();
     // The socket is about to be closed.
     void Forget(int socket);
+    // What has stayed is watched no more; nobody waits for it.
+    void Drop(int descriptor);
 
   private:
     static constexpr int kAlways = POLLERR | POLLHUP;  // told of whether it is wanted or not

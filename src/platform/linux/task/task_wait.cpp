@@ -47,6 +47,12 @@ void TaskThread::Forget(int socket) {
     if (at < watched_.size()) watched_[at].registered = false;
 }
 
+void TaskThread::Drop(int descriptor) {
+    const auto at = static_cast<std::size_t>(descriptor);
+    if (at >= watched_.size() || !std::exchange(watched_[at].registered, false)) return;
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
 // The entries of one wait, in the lists of their descriptors.
 class TaskThread::Waiting {
   public:
@@ -125,9 +131,10 @@ int TaskThread::Wait(std::span<pollfd> entries, std::optional<Clock::time_point>
         waiting.emplace(*this, entries, stay);
     } catch (const std::bad_alloc&) {
     }
-    for (;;) {
+    for (bool paused = false;; paused = true) {
         if (const int told = waiting ? waiting->Tell() : 0; told > 0) return told;
-        if (end && Clock::now() >= *end) return 0;
+        // An end that is over already shows behind the first pause.
+        if (paused && end && Clock::now() >= *end) return 0;
         if (waiting && waiting->Whole()) {
             Pause(end);
             continue;

@@ -3,6 +3,7 @@
 
 #include <poll.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -13,6 +14,7 @@
 #include <utility>
 
 #include "platform/linux/fail.h"
+#include "platform/sync.h"
 #include "platform/types.h"
 
 namespace platform {
@@ -102,6 +104,32 @@ class Waitable : public Object {
 // what it wants is not there; it saves a task a look.
 int PollUntil(std::span<pollfd> entries, std::optional<std::chrono::steady_clock::time_point> end,
               bool blocked = false);
+
+// Waits, one after the other, for the same objects, each with descriptors of its own. What the
+// waits need of the system is kept from one to the next; with `stay` a task's thread keeps watching
+// it too, and the descriptors are sockets, which closesocket closes. The objects outlive it. One
+// thread or task, the same for all.
+class WaitSet {
+  public:
+    WaitSet(std::span<Waitable* const> objects, bool stay);
+    WaitSet(const WaitSet&) = delete;
+    WaitSet& operator=(const WaitSet&) = delete;
+    ~WaitSet();
+
+    // As WaitAny.
+    DWORD Wait(std::span<pollfd> extra, DWORD milliseconds);
+
+  private:
+    std::optional<DWORD> Signalled();
+    bool Sleep(std::span<const pollfd> extra,
+               std::optional<std::chrono::steady_clock::time_point> end);
+    // Of one of the other descriptors.
+    std::size_t Place(std::size_t extra) const { return objects_.size() + extra; }
+
+    const std::span<Waitable* const> objects_;
+    const bool stay_;
+    std::array<pollfd, std::size_t{2} * MAXIMUM_WAIT_OBJECTS> descriptors_;  // as many as there are
+};
 
 // Waits until one of the objects is signalled (its index is given and it is consumed), one of the
 // extra descriptors shows an event (objects.size() is given, revents are filled in), or the time is

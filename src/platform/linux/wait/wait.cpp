@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 
+#include "platform/linux/task/task_thread.h"
 #include "platform/linux/wait/object.h"
 #include "platform/sync.h"
 
@@ -10,78 +11,74 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// One sleep on objects and other descriptors. The object that the process has no descriptor left
-// for is looked at now and then instead: a wait doesn't end because somebody has used them up.
-class Sleeper {
-  public:
-    Sleeper(std::span<Waitable* const> objects, std::span<pollfd> extra)
-        : objects_(objects), extra_(extra) {
-        for (std::size_t i = 0; i < objects.size(); ++i) descriptors_[i] = {-1, POLLIN, 0};
-    }
-    Sleeper(const Sleeper&) = delete;
-    Sleeper& operator=(const Sleeper&) = delete;
-    ~Sleeper() {
-        for (std::size_t i = 0; i < objects_.size(); ++i) {
-            if (descriptors_[i].fd >= 0) objects_[i]->EndWait();
-        }
-    }
-    // Until there is something to look at, or the end. False if that can't be waited for.
-    bool Sleep(std::optional<Clock::time_point> end) {
-        constexpr std::chrono::milliseconds kLook{50};
-        bool whole = true;
-        for (std::size_t i = 0; i < objects_.size(); ++i) {
-            if (descriptors_[i].fd < 0) descriptors_[i].fd = objects_[i]->BeginWait();
-            whole = whole && descriptors_[i].fd >= 0;
-        }
-        const std::size_t count = objects_.size();
-        for (std::size_t i = 0; i < extra_.size(); ++i) descriptors_[count + i] = extra_[i];
-        if (!whole) {
-            const auto look = Clock::now() + kLook;
-            end = end ? std::min(*end, look) : look;
-        }
-        return PollUntil(std::span(descriptors_.data(), count + extra_.size()), end) >= 0;
-    }
-    // Whether one of the other descriptors shows something; what, is written to them.
-    bool Shown() {
-        bool shown = false;
-        for (std::size_t i = 0; i < extra_.size(); ++i) {
-            extra_[i].revents = descriptors_[objects_.size() + i].revents;
-            shown = shown || extra_[i].revents != 0;
-        }
-        return shown;
-    }
-
-  private:
-    const std::span<Waitable* const> objects_;
-    const std::span<pollfd> extra_;
-    std::array<pollfd, std::size_t{2} * MAXIMUM_WAIT_OBJECTS> descriptors_;  // as many as there are
-};
-
 }  // namespace
+
+WaitSet::WaitSet(std::span<Waitable* const> objects, bool stay) : objects_(objects), stay_(stay) {
+    for (std::size_t i = 0; i < objects.size(); ++i) descriptors_[i] = {-1, POLLIN, 0};
+}
+
+WaitSet::~WaitSet() {
+    TaskThread* const thread = stay_ ? TaskThread::Current() : nullptr;
+    for (std::size_t i = 0; i < objects_.size(); ++i) {
+        const int descriptor = descriptors_[i].fd;
+        if (descriptor < 0) continue;
+        if (thread != nullptr) thread->Drop(descriptor);  // the next who has it may be elsewhere
+        objects_[i]->EndWait();
+    }
+}
+
+std::optional<DWORD> WaitSet::Signalled() {
+    for (std::size_t i = 0; i < objects_.size(); ++i) {
+        if (objects_[i]->TryConsume()) return static_cast<DWORD>(i);
+    }
+    return std::nullopt;
+}
+
+// Until there is something to look at, or the end. The object that the process has no descriptor
+// left for is looked at now and then instead: a wait doesn't end because somebody has used them up.
+// False if that can't be waited for.
+bool WaitSet::Sleep(std::span<const pollfd> extra, std::optional<Clock::time_point> end) {
+    constexpr std::chrono::milliseconds kLook{50};
+    bool whole = true;
+    for (std::size_t i = 0; i < objects_.size(); ++i) {
+        if (descriptors_[i].fd < 0) descriptors_[i].fd = objects_[i]->BeginWait();
+        whole = whole && descriptors_[i].fd >= 0;
+    }
+    std::copy(extra.begin(), extra.end(), descriptors_.begin() + Place(0));
+    if (!whole) {
+        const auto look = Clock::now() + kLook;
+        end = end ? std::min(*end, look) : look;
+    }
+    const std::span<pollfd> entries(descriptors_.data(), objects_.size() + extra.size());
+    TaskThread* const thread = stay_ ? TaskThread::Current() : nullptr;
+    return (thread != nullptr ? thread->Poll(entries, end, false, true)
+                              : PollUntil(entries, end)) >= 0;
+}
+
+DWORD WaitSet::Wait(std::span<pollfd> extra, DWORD milliseconds) {
+    if (const auto which = Signalled()) return *which;
+    if (milliseconds == 0 && extra.empty()) return WAIT_TIMEOUT;
+    std::optional<Clock::time_point> end;
+    if (milliseconds != INFINITE) end = Clock::now() + std::chrono::milliseconds(milliseconds);
+    for (;;) {
+        if (!Sleep(extra, end)) return platform::FailWith(WAIT_FAILED, ERROR_INVALID_PARAMETER);
+        // A signal may have been taken by another waiter since: then look at the others and sleep
+        // again.
+        if (const auto which = Signalled()) return *which;
+        bool shown = false;
+        for (std::size_t i = 0; i < extra.size(); ++i) {
+            extra[i].revents = descriptors_[Place(i)].revents;
+            shown = shown || extra[i].revents != 0;
+        }
+        if (shown) return static_cast<DWORD>(objects_.size());
+        if (end && Clock::now() >= *end) return WAIT_TIMEOUT;
+    }
+}
 
 DWORD WaitAny(std::span<Waitable* const> objects, std::span<pollfd> extra, DWORD milliseconds) {
     if (objects.size() > MAXIMUM_WAIT_OBJECTS || extra.size() > MAXIMUM_WAIT_OBJECTS)
         return platform::FailWith(WAIT_FAILED, ERROR_INVALID_PARAMETER);
-    const auto signalled = [objects]() -> std::optional<DWORD> {
-        for (std::size_t i = 0; i < objects.size(); ++i) {
-            if (objects[i]->TryConsume()) return static_cast<DWORD>(i);
-        }
-        return std::nullopt;
-    };
-    if (const auto which = signalled()) return *which;
-    if (milliseconds == 0 && extra.empty()) return WAIT_TIMEOUT;
-
-    std::optional<Clock::time_point> end;
-    if (milliseconds != INFINITE) end = Clock::now() + std::chrono::milliseconds(milliseconds);
-    Sleeper sleeper(objects, extra);
-    for (;;) {
-        if (!sleeper.Sleep(end)) return platform::FailWith(WAIT_FAILED, ERROR_INVALID_PARAMETER);
-        // A signal may have been taken by another waiter since: then look at the others and sleep
-        // again.
-        if (const auto which = signalled()) return *which;
-        if (sleeper.Shown()) return static_cast<DWORD>(objects.size());
-        if (end && Clock::now() >= *end) return WAIT_TIMEOUT;
-    }
+    return WaitSet(objects, false).Wait(extra, milliseconds);
 }
 
 }  // namespace platform

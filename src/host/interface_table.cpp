@@ -4,6 +4,7 @@
 #include "host/interface_options.h"
 #include "host/smtp.h"
 #include "metrics/count.h"
+#include "net/aside.h"
 #include "session/session.h"
 #include "trelis/keys/settings.h"
 
@@ -14,21 +15,27 @@ constexpr trelis::Key kSpoolGroup{trelis::kProxyKey, "SpoolGroup"};
 
 }  // namespace
 
+// Files are read for it, and directory services may be asked.
 int CSMTP::LoadInterfaces() {
-    SetSpoolGroup(platform::GroupNumber(trelis::ReadText(kSpoolGroup).c_str()));
     std::vector<ListenerWish> wishes;
+    const auto read = [this, &wishes] { ReadTable(wishes); };
+    if (!RunAside(read)) read();
+    // While it drains nothing is wanted, whatever the table says.
+    if (draining_.Now()) wishes.clear();
+    listeners_.Follow(wishes);
+    draining_.SetListeners(listeners_.Open().size());
+    return 0;
+}
+
+void CSMTP::ReadTable(std::vector<ListenerWish>& wishes) {
+    SetSpoolGroup(platform::GroupNumber(trelis::ReadText(kSpoolGroup).c_str()));
     trelis::NameWalk names(Key("Port"));
     for (std::string name; wishes.size() < interfaces_.size() && names.Next(name);) {
         NetworkInterface& entry = interfaces_[wishes.size()];
         LoadInterface(entry, name);
         wishes.push_back({name, entry.IPAddress, entry.Port});
     }
-    // While it drains nothing is wanted, whatever the table says.
-    if (draining_.Now()) wishes.clear();
-    listeners_.Follow(wishes);
-    draining_.SetListeners(listeners_.Open().size());
     identities_.ForgetOthers();
-    return 0;
 }
 
 void CSMTP::LoadInterface(NetworkInterface& entry, const std::string& name) {

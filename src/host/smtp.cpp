@@ -5,15 +5,18 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "asfilters/asfilters.h"
 #include "libstats/libstats.h"
 #include "logclient/logclient.h"
 #include "metrics/count.h"
+#include "net/aside.h"
 #include "net/stream.h"
 #include "platform/library.h"
 #include "platform/memory.h"
 #include "platform/socket.h"
+#include "platform/task.h"
 #include "scanclient/scanclient.h"
 #include "session/registry.h"
 #include "session/session.h"
@@ -30,6 +33,9 @@ constexpr std::chrono::milliseconds kPublishInterval{10000};
 constexpr std::chrono::milliseconds kListenAgain{3000};
 constexpr std::chrono::milliseconds kMessageInHand{10000};
 constexpr std::chrono::milliseconds kCutSessions{3000};
+// For the loop, whose thread may be held up, by a disk for example. The sessions have their time
+// then.
+constexpr DWORD kHeldUp = 2000;
 constexpr int kMostTaken = 256;  // times the most at once, from one backlog
 constexpr WORD kSocketVersion = 0x0202;
 
@@ -112,31 +118,22 @@ void CSMTP::Run(int, char**) {
     }
     const bool counted = metrics::Open(metrics::Program::kProxy);
     CleanSpoolDirectory();
-    stopEvent_.Reset(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    for (UniqueHandle* each : {&stopEvent_, &serving_, &ended_})
+        each->Reset(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     StopEvent = stopEvent_.Get();
     if (stopRequested_) SetEvent(stopEvent_.Get());
-    MSG message;
-    PeekMessageA(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
-    if (!CreateSocketWindow() || !StartClients()) return;
+    if (!StartClients()) return;
     if (!counted) Warn("can't make metrics/vtsmtpproxy: nothing of it is shown");
     SessionRegistry::Instance().Reopen();
-    // The watch comes first: a change during the reading is told of, not missed.
-    const trelis::Watch watch(trelis::kInterfacesKey);
-    scanLimit_.Load();
-    LoadInterfaces();
-    const UniqueHandle notification(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch.EventName()));
-    if (!notification) return;
+    if (!platform::StartTask(LoopTask, this)) return;
+    const HANDLE begun[] = {ended_.Get(), serving_.Get()};
     control::Server owner(draining_);
-    if (!owner.Start()) Warn("can't serve this directory's owner: no status, no drain");
-    ReportStatus(SERVICE_RUNNING, kStartHint, 0);
-
-    try {
-        RunLoop(notification.Get());
-    } catch (...) {  // leads to the same teardown as a stop
+    if (WaitForMultipleObjects(2, begun, FALSE, INFINITE) != WAIT_OBJECT_0) {
+        if (!owner.Start()) Warn("can't serve this directory's owner: no status, no drain");
+        ReportStatus(SERVICE_RUNNING, kStartHint, 0);
     }
+    WaitForLoop();
 
-    // Nobody accepts any more: a client is better refused at once than left without a greeting.
-    listeners_.CloseAll();
     draining_.End();
     EndSessions();
     owner.Stop();
@@ -146,11 +143,45 @@ void CSMTP::Run(int, char**) {
     LogClientUninit();
     // A session that waited for one of those has been woken by their end.
     SessionRegistry::Instance().WaitIdle(kCutSessions);
-    sessionsLeft_ = !SessionRegistry::Instance().Empty();
+    // So does a loop that is still held up.
+    sessionsLeft_ = WaitForSingleObject(ended_.Get(), 0) != WAIT_OBJECT_0 ||
+                    !SessionRegistry::Instance().Empty();
     scanLimit_.End();
     TrelisUninit();
     WSACleanup();
     StopEvent = nullptr;
+}
+
+void CSMTP::WaitForLoop() {
+    const HANDLE over[] = {ended_.Get(), StopEvent};
+    WaitForMultipleObjects(2, over, FALSE, INFINITE);
+    WaitForSingleObject(ended_.Get(), kHeldUp);
+}
+
+void CSMTP::LoopTask(void* self) {
+    CSMTP& host = *static_cast<CSMTP*>(self);
+    try {
+        host.Serve();
+    } catch (...) {  // leads to the same teardown as a stop
+    }
+    // Nobody accepts any more: a client is better refused at once than left without a greeting.
+    host.listeners_.CloseAll();
+    DestroyWindow(std::exchange(host.SocketWindow, nullptr));
+    SetEvent(host.ended_.Get());
+}
+
+void CSMTP::Serve() {
+    MSG message;
+    PeekMessageA(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
+    if (!CreateSocketWindow()) return;
+    // The watch comes first: a change during the reading is told of, not missed.
+    const trelis::Watch watch(trelis::kInterfacesKey);
+    scanLimit_.Load();
+    LoadInterfaces();
+    const UniqueHandle notification(OpenEventA(EVENT_ALL_ACCESS, FALSE, watch.EventName()));
+    if (!notification) return;
+    SetEvent(serving_.Get());
+    RunLoop(notification.Get());
 }
 
 void CSMTP::RunLoop(HANDLE notification) {
@@ -182,6 +213,8 @@ void CSMTP::RunLoop(HANDLE notification) {
                     TranslateMessage(&message);
                     DispatchMessageA(&message);
                 }
+                // However many knock, those who are in have their turn.
+                platform::YieldTask();
                 break;
             }
             case WAIT_TIMEOUT:
@@ -217,9 +250,12 @@ void CSMTP::Drain(bool draining) {
 void CSMTP::PublishActiveConnections() {
     int sum = 0;
     for (const std::atomic<std::int32_t>& count : ActiveConnectionCounts) sum += count;
-    TrelisSetValue(kLocalStore, kActiveConnections.Path().c_str(), std::to_string(sum).c_str());
-    // A quiet moment: what a burst of sessions has freed goes back to the system.
-    platform::TrimAllocator();
+    // Without a thread for it the next quiet time tries again.
+    RunAside([sum] {
+        TrelisSetValue(kLocalStore, kActiveConnections.Path().c_str(), std::to_string(sum).c_str());
+        // A quiet moment: what a burst of sessions has freed goes back to the system.
+        platform::TrimAllocator();
+    });
 }
 
 // Sessions that wait for a command end at once; those with a message in hand may finish within what

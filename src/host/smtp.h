@@ -1,9 +1,10 @@
 // host/: the service object CSMTP: its run loop, the table of interfaces with their listeners, the
 // admission of connections, and the program's main.
 //
-// All of the host's work is done by one thread, the one in Run: it alone touches the table, the
-// listeners and the hidden window, so none of them has a lock. Sessions run as tasks on the
-// platform's threads.
+// The loop that accepts and reloads is a task beside the sessions, on one of the platform's
+// threads: no thread is woken for a connection while that one is at work. It alone touches the
+// table, the listeners and the hidden window, so none of them has a lock. The thread in Run begins
+// it and waits for its end, and a stop takes no longer when its thread is held up.
 #pragma once
 
 #include <array>
@@ -43,21 +44,28 @@ class CSMTP : public CNTService {
     static int WriteDefaults(const std::string& person);
 
     // Rebuilds the table from the store; listeners that are wanted as before stay open. Always 0.
-    // Run's thread.
+    // The loop's.
     int LoadInterfaces();
-    // Connections wait on the listener. Whether more may wait than it has taken. Run's thread.
+    // Connections wait on the listener. Whether more may wait than it has taken. The loop's.
     bool OnAcceptNotification(SOCKET socket, LPARAM event);
     // A connection of the interface at this position.
     void Admit(CSocket client, std::size_t position);
 
-    // Sessions were still running when Run returned: the process must end without destroying what
-    // they use.
+    // Sessions, or the loop, were still running when Run returned: the process must end without
+    // destroying what they use.
     bool SessionsLeft() const { return sessionsLeft_; }
 
   private:
     bool CreateSocketWindow();
     bool StartClients();
+    static void LoopTask(void* self);
+    // The loop with its preparations, and the end of the listeners.
+    void Serve();
     void RunLoop(HANDLE notification);
+    // For the thread in Run: until the loop has ended by itself or because somebody wishes it, or
+    // is seen to be held up.
+    void WaitForLoop();
+    void ReadTable(std::vector<ListenerWish>& wishes);
     void PublishActiveConnections();
     void EndSessions();
     void Drain(bool draining);
@@ -66,6 +74,8 @@ class CSMTP : public CNTService {
     // Lives as long as the host: a late signal may still come to it.
     UniqueHandle stopEvent_;
     std::atomic<HANDLE> StopEvent{nullptr};
+    UniqueHandle serving_;  // set when the listeners are open
+    UniqueHandle ended_;    // set when the loop will touch nothing any more
     HWND SocketWindow = nullptr;
     std::array<NetworkInterface, kInterfaceCount> interfaces_;
     InterfaceIdentities identities_;

@@ -1,5 +1,7 @@
 """A stop of the service waits for nobody who only makes ready: handshakes, headers, servers that say nothing."""
 
+import ctypes
+import os
 import socket
 import time
 import unittest
@@ -61,3 +63,41 @@ class StopWhileOpening(unittest.TestCase):
                 client = self.opens(proxy)
                 self.assert_stops(proxy)
                 self.assertEqual(client.recv(100)[:9], b"421 4.3.2")
+
+
+class StopOfHeldUpThreads(unittest.TestCase):
+    """The threads that carry sessions and listeners hang, as on a disk that answers no more: a stop still ends."""
+    SEIZE, INTERRUPT, ALL = 0x4206, 0x4207, 0x40000000
+
+    def setUp(self):
+        self.libc = ctypes.CDLL(None, use_errno=True)
+        self.libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+
+    def hold(self, process):
+        """Its threads of tasks."""
+        folder, held = "/proc/%d/task" % process.pid, []
+        for thread in map(int, os.listdir(folder)):
+            with open("%s/%d/comm" % (folder, thread), encoding="utf-8") as file:
+                if file.read().strip() != "tasks":
+                    continue
+            if self.libc.ptrace(self.SEIZE, thread, None, None) != 0:
+                self.skipTest("can't hold threads here: " + os.strerror(ctypes.get_errno()))
+            self.libc.ptrace(self.INTERRUPT, thread, None, None)
+            self.assertTrue(os.WIFSTOPPED(os.waitpid(thread, self.ALL)[1]))
+            held.append(thread)
+        return held
+
+    def test_it_ends(self):
+        server = MailServer()
+        self.addCleanup(server.close)
+        proxy = Proxy(server.port)
+        self.addCleanup(proxy.process.kill)
+        held = self.hold(proxy.process)
+        self.assertGreaterEqual(len(held), 2)
+        begin = time.monotonic()
+        proxy.process.terminate()
+        for thread in held:
+            while not os.WIFEXITED(os.waitpid(thread, self.ALL)[1]):
+                pass
+        proxy.process.wait(10)
+        self.assertLess(time.monotonic() - begin, 18)  # a session that hangs too has thirteen

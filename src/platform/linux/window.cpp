@@ -10,6 +10,8 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,6 +31,17 @@ struct AsyncSocket {
     bool posted;  // a notification waits in the queue: no further one until it is taken
 };
 
+// The objects of the last combined wait, which as a rule are those of the next.
+struct StandingWait {
+    explicit StandingWait(std::span<platform::Waitable* const> waited)
+        : objects(waited.begin(), waited.end()) {
+        for (platform::Waitable* each : waited) kept.push_back(platform::Share(each));
+    }
+    const std::vector<platform::Waitable*> objects;
+    std::vector<platform::Reference<platform::Waitable>> kept;
+    platform::WaitSet set{objects, true};
+};
+
 // One a thread that uses messages. Other threads reach it through a window only, to post.
 struct MessageQueue {
     std::mutex mutex;
@@ -38,6 +51,7 @@ struct MessageQueue {
     std::vector<AsyncSocket> sockets;  // the owning thread alone
     std::vector<HWND> windows;         // the owning thread alone: its own, deleted at its end
     Clock::time_point heldUntil{};     // the owning thread alone
+    std::optional<StandingWait> wait;  // the owning thread alone
 
     void Post(const MSG& message) {
         const std::lock_guard lock(mutex);
@@ -123,6 +137,7 @@ BOOL DestroyWindow(HWND window) {
         if (queue.messages.empty()) queue.filled.Set(false);
     }
     std::erase(queue.windows, window);
+    if (queue.windows.empty()) queue.wait.reset();
     delete window;
     return TRUE;
 }
@@ -211,6 +226,8 @@ DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll
     }
     MessageQueue& queue = *ThreadQueue();
     objects[count] = &queue.filled;
+    const std::span waited(objects.data(), count + 1);
+    if (!queue.wait || !std::ranges::equal(queue.wait->objects, waited)) queue.wait.emplace(waited);
     const auto end = Clock::now() + std::chrono::milliseconds(milliseconds);
     for (;;) {
         std::array<pollfd, MAXIMUM_WAIT_OBJECTS> extra;
@@ -229,8 +246,7 @@ DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll
             wait = static_cast<DWORD>(std::max<long long>(left, 0));
         }
         if (held) wait = std::min<DWORD>(wait, 100);
-        const DWORD result = platform::WaitAny(std::span(objects.data(), count + 1),
-                                               std::span(extra.data(), watched), wait);
+        const DWORD result = queue.wait->set.Wait(std::span(extra.data(), watched), wait);
         if (result <= count || result == WAIT_FAILED) return result;
         if (result == WAIT_TIMEOUT) {
             if (milliseconds != INFINITE && Clock::now() >= end) return WAIT_TIMEOUT;

@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cerrno>
 #include <memory>
 #include <new>
 
@@ -35,6 +36,8 @@ struct ThreadStart {
 void* ThreadMain(void* argument) {
     const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
     t_threadId = start->id;
+    // Not the one of the thread that has started it.
+    pthread_setname_np(pthread_self(), program_invocation_short_name);
     start->procedure(start->argument);
     start->ended->Set(true);
     return nullptr;

@@ -126,9 +126,9 @@ void CSMTP::Run(int, char**) {
     if (!counted) Warn("can't make metrics/vtsmtpproxy: nothing of it is shown");
     SessionRegistry::Instance().Reopen();
     if (!platform::StartTask(LoopTask, this)) return;
-    const HANDLE begun[] = {ended_.Get(), serving_.Get()};
+    const HANDLE begun[] = {ended_.Get(), StopEvent, serving_.Get()};
     control::Server owner(draining_);
-    if (WaitForMultipleObjects(2, begun, FALSE, INFINITE) != WAIT_OBJECT_0) {
+    if (WaitForMultipleObjects(3, begun, FALSE, INFINITE) == WAIT_OBJECT_0 + 2) {
         if (!owner.Start()) Warn("can't serve this directory's owner: no status, no drain");
         ReportStatus(SERVICE_RUNNING, kStartHint, 0);
     }

@@ -19,9 +19,9 @@ std::string Directory() {
 }
 
 // Leaves nothing of the message in it.
-bool Blank(platform::File& file, std::uint64_t size) {
+bool Blank(platform::File& file, std::uint64_t size, bool sent) {
     static constexpr std::array<char, kMostBlanked> kZeros{};
-    if (size > kMostBlanked) return file.MakeEmpty();
+    if (sent || size > kMostBlanked) return file.MakeEmpty();
     return file.Replace({kZeros.data(), static_cast<std::size_t>(size)});
 }
 
@@ -105,9 +105,9 @@ SpareFile SpareFiles::Make(int group) {
     return {};
 }
 
-void SpareFiles::Give(SpareFile spare) {
+void SpareFiles::Give(SpareFile spare, bool sent) {
     const auto state = spare.file.OnlyOurs(spare.path.c_str());
-    if (!state || !Blank(spare.file, state->size)) return Drop(spare);
+    if (!state || !Blank(spare.file, state->size, sent)) return Drop(spare);
     {
         const std::lock_guard lock(mutex_);
         const bool open = open_.size() < kMostOpen;

@@ -30,7 +30,9 @@ class SpareFiles {
     SpareFile Take(int group);
     // A file whose other name is gone. It is used again only if nobody else has it, neither by a
     // name nor open: whoever still reads the message before must not find another in its place.
-    void Give(SpareFile spare);
+    // `sent`: its bytes may have gone out from it, and the network still has to look at them there:
+    // it is emptied then, not written over.
+    void Give(SpareFile spare, bool sent);
     // Takes the name of a file away that is not to be used again.
     void Drop(const SpareFile& spare);
     // A message has a file of this number that is none of these, open as long as it does; and no

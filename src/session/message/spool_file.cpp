@@ -165,6 +165,7 @@ std::optional<std::string_view> SpoolFile::Kept() const {
 void SpoolFile::Remove() {
     if (counted_ > 0)
         metrics::Subtract<metrics::Metric::kSpoolBytes>(0, std::exchange(counted_, 0));
+    const bool sent = !keeping_;
     Forget();
     changed_.Close();
     const bool failed = std::exchange(scanFailed_, false);
@@ -176,7 +177,7 @@ void SpoolFile::Remove() {
     if (failed) {
         SpareFiles::Instance().Drop(std::exchange(spare_, {}));
     } else {
-        SpareFiles::Instance().Give(std::exchange(spare_, {}));
+        SpareFiles::Instance().Give(std::exchange(spare_, {}), sent);
     }
 }
 

@@ -19,7 +19,8 @@ constexpr trelis::Key kSpoolGroup{trelis::kProxyKey, "SpoolGroup"};
 int CSMTP::LoadInterfaces() {
     std::vector<ListenerWish> wishes;
     const auto read = [this, &wishes] { ReadTable(wishes); };
-    if (!RunAside(read)) read();
+    // Not behind sessions that wait for a name service.
+    if (!RunAside(read, Turn::kAtOnce)) read();
     // While it drains nothing is wanted, whatever the table says.
     if (draining_.Now()) wishes.clear();
     listeners_.Follow(wishes);

@@ -41,10 +41,11 @@ class Threads {
         return threads;
     }
 
-    bool Give(const std::shared_ptr<Errand>& errand) {
+    bool Give(const std::shared_ptr<Errand>& errand, Turn turn) {
+        const bool atOnce = turn == Turn::kAtOnce;
         std::unique_lock lock(mutex_);
-        errands_.push_back(errand);
-        if (idle_ >= static_cast<int>(errands_.size()) || threads_ == kMostThreads) {
+        errands_.insert(atOnce ? errands_.begin() : errands_.end(), errand);
+        if (idle_ >= static_cast<int>(errands_.size()) || (threads_ >= kMostThreads && !atOnce)) {
             wake_.notify_one();
             return true;
         }
@@ -94,7 +95,7 @@ class Threads {
 
 }  // namespace
 
-bool RunAside(const std::function<void()>& work) {
+bool RunAside(const std::function<void()>& work, Turn turn) {
     if (!platform::InTask()) {
         work();
         return true;
@@ -102,7 +103,7 @@ bool RunAside(const std::function<void()>& work) {
     const auto errand = std::make_shared<Errand>();
     errand->work = &work;
     errand->done.Reset(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    if (!errand->done || !Threads::Instance().Give(errand)) return false;
+    if (!errand->done || !Threads::Instance().Give(errand, turn)) return false;
     if (WaitForSingleObject(errand->done.Get(), kLongestLine) == WAIT_TIMEOUT) {
         if (Threads::Instance().Withdraw(errand)) return false;
         WaitForSingleObject(errand->done.Get(), INFINITE);

@@ -42,6 +42,7 @@ constexpr WORD kSocketVersion = 0x0202;
 // Sessions hold pointers into it and may outlive the host: static, with nothing to destroy.
 std::array<std::atomic<std::int32_t>, kInterfaceCount> g_activeConnectionCounts{};
 std::array<std::atomic<std::int32_t>, kInterfaceCount> g_arrivingCounts{};
+std::atomic<bool> g_publishing{false};
 
 std::string ResourceText(UINT number) {
     char text[256];
@@ -51,6 +52,23 @@ std::string ResourceText(UINT number) {
 
 void Warn(const std::string& text) {
     LogClientPost(kEventWarning, nullptr, nullptr, nullptr, nullptr, nullptr, text.c_str());
+}
+
+void StoreActiveConnections() {
+    int sum = 0;
+    for (const std::atomic<std::int32_t>& count : g_activeConnectionCounts) sum += count;
+    TrelisSetValue(kLocalStore, kActiveConnections.Path().c_str(), std::to_string(sum).c_str());
+    // A quiet moment: what a burst of sessions has freed goes back to the system.
+    platform::TrimAllocator();
+}
+
+// The task, which touches nothing of a host: it may outlive that.
+void Publish(void*) {
+    try {
+        RunAside(StoreActiveConnections);
+    } catch (...) {  // memory ran out
+    }
+    g_publishing = false;
 }
 
 // On the statistics client's thread.
@@ -247,15 +265,11 @@ void CSMTP::Drain(bool draining) {
     draining_.Done(listeners_.Open().size());
 }
 
+// By a task of its own: the store may be somebody else's for a while. What can't be done now, the
+// next quiet time does.
 void CSMTP::PublishActiveConnections() {
-    int sum = 0;
-    for (const std::atomic<std::int32_t>& count : ActiveConnectionCounts) sum += count;
-    // Without a thread for it the next quiet time tries again.
-    RunAside([sum] {
-        TrelisSetValue(kLocalStore, kActiveConnections.Path().c_str(), std::to_string(sum).c_str());
-        // A quiet moment: what a burst of sessions has freed goes back to the system.
-        platform::TrimAllocator();
-    });
+    if (!g_publishing.exchange(true) && !platform::StartTask(Publish, nullptr))
+        g_publishing = false;
 }
 
 // Sessions that wait for a command end at once; those with a message in hand may finish within what

@@ -59,10 +59,13 @@ std::shared_ptr<const Levels> ReadLevels() {
     return std::make_shared<const Levels>(levels);
 }
 
+// Where one can't be made nobody waits for the others: the fallback goes without them too.
 void MakeMissingLevels() {
     for (const LogClass& each : kLogClasses) {
-        if (!trelis::ReadIfGiven(kLevel, {each.name}))
-            TrelisSetValue(kLocalStore, kLevel.Path({each.name}).c_str(), kLevel.Row().fallback);
+        if (!trelis::ReadIfGiven(kLevel, {each.name}) &&
+            TrelisSetValue(kLocalStore, kLevel.Path({each.name}).c_str(), kLevel.Row().fallback) !=
+                0)
+            return;
     }
 }
 

@@ -3,6 +3,7 @@ had later."""
 
 import signal
 import socket
+import sqlite3
 import subprocess
 import threading
 import time
@@ -178,6 +179,30 @@ class Missing(Logged):
         self.assertEqual(self.greeting()[:4], b"220 ")
         self.assert_logged("interface net: no address to listen on: rubbish?")
         self.assertNotIn("listens on", self.log(), "of this address nothing bad was told")
+
+
+class HeldStore(Logged):
+    """Somebody writes to the store and doesn't come to an end."""
+
+    def hold(self):
+        store = sqlite3.connect(self.proxy.home + "/store.db", isolation_level=None)
+        self.addCleanup(store.close)
+        store.execute("BEGIN IMMEDIATE")
+
+    def test_nobody_waits_until_the_count_is_published(self):
+        self.hold()
+        time.sleep(11)  # the host tries to, in vain, until five seconds later
+        begin = time.monotonic()
+        self.assertEqual(self.greeting()[:4], b"220 ")
+        self.assertLess(time.monotonic() - begin, 2)
+
+    def test_a_start_waits_once(self):
+        self.proxy.process.terminate()
+        self.proxy.process.wait(20)
+        self.proxy.tool("del", "/VTUX/LoggerDaemon/LogLevel")
+        self.hold()
+        self.proxy.process.stdout.close()
+        self.proxy.start()  # which takes its time, and no more
 
 
 if __name__ == "__main__":

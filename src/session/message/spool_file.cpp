@@ -148,7 +148,7 @@ SpoolFile::Found SpoolFile::LookAgain() {
 SpoolFile::Found SpoolFile::LookAtAnother() {
     Forget();
     changed_ = platform::File::OpenRead(path_.c_str());
-    if (!changed_) return errno == ENOENT ? Found::kGone : Found::kUnreadable;
+    if (!changed_) return errno == ENOENT && NameAloneIsGone() ? Found::kGone : Found::kUnreadable;
     const auto state = changed_.State();
     if (!state || !state->plain || SpareFiles::Instance().IsAnothers(state->number))
         return Found::kUnreadable;
@@ -156,6 +156,14 @@ SpoolFile::Found SpoolFile::LookAtAnother() {
     if (state->size == 0 && size_ > 0) return Found::kUnreadable;
     size_ = static_cast<long long>(state->size);
     return Found::kWhole;
+}
+
+// All that the daemon takes away. Whoever clears the directories takes more.
+bool SpoolFile::NameAloneIsGone() const {
+    if (!platform::LookAtFile(Directory())) return false;
+    if (spare_.path.empty()) return true;
+    const auto own = platform::LookAtFile(spare_.path);
+    return own && own->number == spare_.number;
 }
 
 std::optional<std::string_view> SpoolFile::Kept() const {

@@ -43,7 +43,8 @@ class SpoolFile {
     // that the daemon couldn't read it.
     void KeepName();
 
-    // The file of another message is as unreadable as one that can't be read.
+    // The file of another message is as unreadable as one that can't be read, and so is one that
+    // has gone with the spool's directories: gone is what the daemon has taken away.
     enum class Found { kWhole, kGone, kUnreadable };
     // What there is of the message behind the scan, during which the daemon may have changed it or
     // taken it away: Size, Kept and File are about that from here on.
@@ -59,6 +60,7 @@ class SpoolFile {
 
   private:
     Found LookAtAnother();
+    bool NameAloneIsGone() const;
     void RemoveOwn();
     bool Store();
     // What is in memory.

@@ -105,6 +105,10 @@ class FullDisk(unittest.TestCase):
             code, _, said = self.run_it(*words, input="secret\n")
             self.assertNotEqual(code, 0, words)
             self.assertTrue(said.endswith(why), said)
+        self.assertEqual(self.run_it("vtquarantine", "list", "--json"), (1, "", ""))
+        for words in (("vtsmtpproxy", "register"), ("vtregistry", "unregister")):
+            self.assertEqual(self.run_it(*words), (0, "", f"{words[0]}: {why}"))
+        self.assertEqual(self.run_it("vtmaild", "install")[:2], (255, f"CreateService failed - {self.unwritable}\n"))
         for program in ("vtregistry", "vtlogd", "vtstatd", "vtmaild", "vtsmtpproxy"):
             code, _, said = self.run_it(program, "debug")
             name = program.upper()
@@ -118,11 +122,13 @@ class FullDisk(unittest.TestCase):
     def test_what_is_stored_is_read_and_who_must_write_says_why_not(self):
         self.fill_the_store()
         self.fill()
+        self.unwritable = "There is not enough space on the disk."
         self.check_reads_and_reasons("disk I/O error: No space left on device", "")
 
     def test_a_file_system_that_can_not_be_written(self):
         self.fill_the_store()
         subprocess.run(["mount", "-o", "remount,ro", self.disk], check=True)
+        self.unwritable = "The media is write protected."
         self.check_reads_and_reasons("Read-only file system", self.home + "/services/{}.lock: Read-only file system\n")
 
     def test_what_waits_in_the_log_is_not_left_out(self):

@@ -316,7 +316,8 @@ int main(int argc, char** argv) {
     platform::HoldSignals();
     platform::ReleaseSignals();
     if (const std::string why = platform::WhyNoHome(); !why.empty()) return Fail(why);
-    if (TrelisInit2() != 0) return Fail(trelis::WhyNotOpen());
+    // It changes nothing there, and a full disk is a reason to delete.
+    if (trelis::InitToRead() != 0) return Fail(trelis::WhyNotOpen());
     const int code = Run(options, person);
     TrelisUninit();
     return code;

@@ -1,5 +1,7 @@
 #include "trelis/keys/registration.h"
 
+#include <cstdio>
+
 #include "platform/file.h"
 #include "text/ascii.h"
 #include "text/usage.h"
@@ -25,6 +27,7 @@ std::string Versions(const Registration& registration) {
 // Ends with the store that it opens.
 class Opened {
   public:
+    explicit operator bool() const { return opened_; }
     Opened(const Registration& registration, const std::string& person, const std::string& word)
         : opened_(TrelisInit2() == 0) {
         if (opened_ && !person.empty())
@@ -59,6 +62,11 @@ void AddRow(const std::string& root, const KeyRow& row, const Registration& regi
         values.emplace_back(each, value);
 }
 
+// For the person who has typed the word: its result says nothing of the store.
+void Complain(const Registration& registration, const std::string& why) {
+    std::fprintf(stderr, "%s: %s\n", LowerCase(registration.serviceName).c_str(), why.c_str());
+}
+
 }  // namespace
 
 int Register(const Registration& registration, const std::string& person) {
@@ -66,6 +74,10 @@ int Register(const Registration& registration, const std::string& person) {
     const DWORD length = GetModuleFileNameA(nullptr, path, sizeof path);
     if (length == 0 || length >= sizeof path) return 0;
     const Opened store(registration, person, "register");
+    if (!store) {
+        Complain(registration, WhyNotOpen());
+        return 1;
+    }
     char version[64];
     const bool known = TrelisGetValue(kLocalStore, (Versions(registration) + "/Version").c_str(),
                                       version, sizeof version) == 0;
@@ -85,12 +97,16 @@ int Register(const Registration& registration, const std::string& person) {
     values.emplace_back(Versions(registration) + "/Name", registration.displayName);
     values.emplace_back(Versions(registration) + "/Version", RegisteredVersion());
     values.insert(values.end(), registration.others.begin(), registration.others.end());
-    LoadValues(values);
+    if (!LoadValues(values)) Complain(registration, WhyNotChanged("nothing was changed"));
     return 1;
 }
 
 int Unregister(const Registration& registration, const std::string& person) {
     const Opened store(registration, person, "unregister");
+    if (!store) {
+        Complain(registration, WhyNotOpen());
+        return 1;
+    }
     std::vector<std::string> keys;
     for (const KeySection& section : kKeySections) {
         if (section.program != registration.program) continue;
@@ -101,7 +117,7 @@ int Unregister(const Registration& registration, const std::string& person) {
             keys.push_back(each);
     }
     keys.push_back(Versions(registration));
-    DeleteTrees(keys, false);
+    if (!DeleteTrees(keys, false)) Complain(registration, WhyNotChanged("nothing was changed"));
     return 1;
 }
 

@@ -113,9 +113,19 @@ bool WriteServiceRecord(const ServiceRecord& record, bool onlyNew) {
     for (const std::string& each : record.dependencies) text += "depends-on " + each + '\n';
     if (record.restart) text += "restart-delay " + std::to_string(record.restartDelay) + '\n';
     if (PutFile(ServiceFile(record.name, ".conf"), text, onlyNew)) return true;
-    return platform::Fail(errno == EEXIST   ? ERROR_SERVICE_EXISTS
-                          : errno == EACCES ? ERROR_ACCESS_DENIED
-                                            : ERROR_GEN_FAILURE);
+    switch (errno) {
+        case EEXIST:
+            return platform::Fail(ERROR_SERVICE_EXISTS);
+        case EACCES:
+            return platform::Fail(ERROR_ACCESS_DENIED);
+        case ENOSPC:
+        case EDQUOT:
+            return platform::Fail(ERROR_DISK_FULL);
+        case EROFS:
+            return platform::Fail(ERROR_WRITE_PROTECT);
+        default:
+            return platform::Fail(ERROR_GEN_FAILURE);
+    }
 }
 
 bool SendServiceMessage(int socket, const ServiceMessage& message) {

@@ -52,6 +52,16 @@ TEST(SenderCheck, TheStrictestReadingWins) {
         {"<A@ok.test(Bad@spam.test)>\r\n", 1, "bad@spam.test", "a@ok.test"},
         {"<bad@spam.test(x@drop.test)>\r\n", 2, "x@drop.test", "bad@spam.test"},
         {"<x@drop.test(bad@spam.test)>\r\n", 2, "x@drop.test", "x@drop.test"},
+        // Behind brackets with a blank in them: Postfix takes the address of the group.
+        {"<a b@ok.test>group:bad@spam.test; SIZE=1\r\n", 1, "bad@spam.test", "ab@ok.test"},
+        {"<<b@ok.test> c@ok.test>group:bad@spam.test;\r\n", 1, "bad@spam.test", "b@ok.test"},
+        {"<a<b c> d@ok.test>group:bad@spam.test;\r\n", 1, "bad@spam.test", "a<bc>"},
+        // Exim passes over comments.
+        {"(a b) bad@spam.test SIZE=1\r\n", 1, "bad@spam.test", "\r\n"},
+        {"bad (a b) @spam.test\r\n", 1, "bad@spam.test", "bad"},
+        {"(a b) c@ok.test AUTH=bad@spam.test\r\n", 0, "", "\r\n"},
+        {"<a b@ok.test><bad@spam.test>\r\n", 1, "bad@spam.test", "ab@ok.test"},
+        {"<a b@ok.test> <c@ok.test SIZE=bad@spam.test>\r\n", 0, "", "ab@ok.test"},
     };
     for (const auto& each : cases) {
         MailPath path = ReadPath(each.text);

@@ -8,11 +8,12 @@
 
 #include "session/address/normalize.h"
 #include "text/ascii.h"
+#include "text/trim.h"
 
 namespace {
 
 constexpr std::size_t kNone = std::string_view::npos;
-constexpr std::string_view kBlanks = " \t\v\f\r\n";
+constexpr std::string_view kBlanks = kAllBlanks;
 // Where a mailbox or a domain that stands among other text must end.
 constexpr std::string_view kBounds = "@:,;<>()[]";
 // In place of a byte that quotes or a backslash have robbed of its meaning.
@@ -23,11 +24,7 @@ bool IsIn(char c, std::string_view set) { return set.find(c) != kNone; }
 // A byte that needs no quotes in a local part.
 bool IsPlain(char c) { return !IsControl(c) && !IsIn(c, " \"\\@:,;<>()[]"); }
 
-std::string_view Trim(std::string_view text) {
-    const std::size_t first = text.find_first_not_of(kBlanks);
-    if (first == kNone) return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
+std::string_view Trim(std::string_view text) { return Trimmed(text, kBlanks); }
 
 // Behind the quoted string, the comment, the escaped byte or the plain byte that begins at `at`.
 // One that isn't closed goes to the end.
@@ -96,6 +93,27 @@ Place FindPath(std::string_view text) {
         if (!parameter) return InBrackets(text, open);
     }
     return {text.substr(0, wordEnd), false, text.substr(wordEnd)};
+}
+
+// Where the first word ends for a server that takes brackets, others within them, and all of their
+// blanks for parts of it.
+std::size_t BracketedWordEnd(std::string_view text) {
+    int depth = 0;
+    for (std::size_t at = 0; at < text.size(); at = BehindUnit(text, at)) {
+        if (text[at] == '<') ++depth;
+        if (text[at] == '>' && depth > 0) --depth;
+        if (depth == 0 && IsIn(text[at], kBlanks)) return at;
+    }
+    return text.size();
+}
+
+std::string WithoutComments(std::string_view text) {
+    std::string rest;
+    for (std::size_t at = 0, end = 0; at < text.size(); at = end) {
+        end = BehindUnit(text, at);
+        if (text[at] != '(') rest.append(text.substr(at, end - at));
+    }
+    return rest;
 }
 
 // What is left of a path when comments, blanks and quotes are gone. Both texts have one length;
@@ -249,32 +267,38 @@ void AddPath(std::string_view path, Readings& readings) {
     readings.AddEach(raw);
 }
 
+// The first word with those behind it that are no parameters: an address with blanks in it.
+void AddWords(std::string_view text, Readings& readings) {
+    std::string word(TakeWord(text));
+    for (std::string_view rest = text, next = TakeWord(rest); !next.empty();
+         next = TakeWord(rest)) {
+        const bool open = !word.empty() && IsIn(word.back(), "@%!.");
+        if (IsIn('=', next) || (!open && next.find_first_of("@%!.") == kNone)) break;
+        word.append(next);
+    }
+    AddPath(word, readings);
+}
+
 // The other places in which a server may look.
 void AddOtherPlaces(std::string_view text, const Place& place, Readings& readings) {
     if (const std::size_t open = text.find('<'); open != kNone) {
         const std::size_t close = std::min(text.find('>', open), text.size());
         AddPath(text.substr(open + 1, close - open - 1), readings);
     }
-    const std::size_t wordEnd = std::min(text.find_first_of(kBlanks), text.size());
-    std::string word(text.substr(0, wordEnd));
+    const std::string_view word = text.substr(0, text.find_first_of(kBlanks));
     if (word.find_first_of("@%!") != kNone) AddPath(word, readings);
     // The same for those who know quotes and comments, and take no '<' within a word for a bracket.
     const std::string_view unbroken = text.substr(0, FindOutside(text, kBlanks, 0));
     if (unbroken.find_first_of("@%!") != kNone) AddPath(unbroken, readings);
     if (place.bracketed) {
+        // What is glued to brackets is another address to some, also where a blank is in those.
+        const std::string_view glued = text.substr(0, BracketedWordEnd(text));
+        if (glued.size() > unbroken.size()) AddPath(glued, readings);
         AddPath(InNestedBrackets(text, FindOutside(text, "<", 0)), readings);
         return;
     }
-    // Words that are no parameters: an address with blanks in it.
-    for (std::string_view rest = Trim(text.substr(wordEnd)); !rest.empty();) {
-        const std::size_t end = std::min(rest.find_first_of(kBlanks), rest.size());
-        const std::string_view next = rest.substr(0, end);
-        const bool open = !word.empty() && IsIn(word.back(), "@%!.");
-        if (IsIn('=', next) || (!open && next.find_first_of("@%!.") == kNone)) break;
-        word.append(next);
-        rest = Trim(rest.substr(end));
-    }
-    AddPath(word, readings);
+    AddWords(text, readings);
+    if (text.find('(') != kNone) AddWords(WithoutComments(text), readings);
 }
 
 // Letters, digits and what is as harmless: nobody reads these in two ways.

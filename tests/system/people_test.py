@@ -226,7 +226,8 @@ class Registry(Person):
                 (NET + "/port", "1", NET + "/Port meant"), (NET + "/TLS/Mode", "x", "one of: off"),
                 ("/a/b", "c", ""), ("/VTWIN/a", "c", "no program reads /VTWIN/a"),
                 ("/VTWINN/Daemons/MailDaemon/Threads", "1", MAILD + "/Threads meant"), (NET, "", ""), ("/VTWIN", "x", ""),
-                (FILTERS + "/SenderBlackList/UsersList/a", "b", "")):
+                (FILTERS + "/SenderBlackList/UsersList/a", "b@x.example", ""),
+                (FILTERS + "/SenderBlackList/UsersList/a", "*@x.example", "wildcards' list")):
             code, out, err = self.vt("set", path, value)
             self.assertEqual((code, out, self.vt("get", path)[1]), (0, "", value + "\n"), path)
             self.assertEqual(err != "", told != "", (path, err))

@@ -128,6 +128,19 @@ bool IsRefusal(std::string_view text) {
            IsDigit(text[2]) && text[3] == ' ' && std::none_of(text.begin(), text.end(), IsControl);
 }
 
+bool IsListedSender(std::string_view text) {
+    const std::size_t at = text.rfind('@');
+    return at != std::string_view::npos && at > 0 && at + 1 < text.size() &&
+           Trimmed(text, kAllBlanks).size() == text.size() &&
+           text.find_first_of("*<>") == std::string_view::npos;
+}
+
+bool IsSenderPattern(std::string_view text) {
+    return text.find_first_of("@*?") != std::string_view::npos &&
+           Trimmed(text, kAllBlanks).size() == text.size() &&
+           (text.find_first_of("<>") == std::string_view::npos || text.starts_with("<>"));
+}
+
 bool IsMailboxList(std::string_view text) {
     const auto fits = [](std::string_view each) {
         if (each.starts_with('<') && each.ends_with('>') && each.size() > 2)

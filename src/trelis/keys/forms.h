@@ -25,6 +25,10 @@ bool IsHostName(std::string_view text);
 bool IsRefusal(std::string_view text);
 // Mailboxes as commands can have them, ';' or ',' between two.
 bool IsMailboxList(std::string_view text);
+// A sender as the list of senders is asked about it: an address without anything around it.
+bool IsListedSender(std::string_view text);
+// A pattern that such a sender can fit, or the null sender.
+bool IsSenderPattern(std::string_view text);
 // A domain of recipients: such a name, or an address in brackets.
 bool IsMailDomain(std::string_view text);
 // A mail server: host, host:port, [IPv6]:port or an IPv6 address.
@@ -46,6 +50,9 @@ inline constexpr TextForm kMask{IsV4Address, "a mask such as 255.255.255.0"};
 inline constexpr TextForm kHostName{IsHostName, "a host's name such as mx.example.org"};
 inline constexpr TextForm kRefusal{IsRefusal, "one line of a reply, such as 550 5.7.1 Go away"};
 inline constexpr TextForm kMailboxes{IsMailboxList, "a mailbox such as virus@example.org"};
+inline constexpr TextForm kListedSender{
+    IsListedSender, "an address such as joe@example.org; patterns stand in the wildcards' list"};
+inline constexpr TextForm kSenderPattern{IsSenderPattern, "a pattern such as *@example.org"};
 inline constexpr TextForm kServiceAddress{IsServiceAddress, "unix:PATH, HOST:PORT or [IPv6]:PORT"};
 inline constexpr TextForm kSpamAddress{
     IsSpamAddress, "HOST:PORT or unix:PATH of rspamd, or spamd:HOST:PORT, spamd:unix:PATH"};

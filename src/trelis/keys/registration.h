@@ -22,7 +22,8 @@ struct Registration {
 // Writes the program's path, name and version, and what its rows register, in the place of what is
 // there; keys of entries (kRegisteredKeys) only if the program's version isn't there yet. Where the
 // store fails nothing is written, standard error has the reason, and the result stays. 1, or 0 if
-// the program's path can't be got. All of it is one act of the person in the history; without a person nothing is kept there.
+// the program's path can't be got. All of it is one act of the person in the history; without a
+// person nothing is kept there.
 int Register(const Registration& registration, const std::string& person);
 // Deletes the program's keys, with all below them, as one act too. Always 1.
 int Unregister(const Registration& registration, const std::string& person);

@@ -152,8 +152,10 @@ inline constexpr KeyRow kAddressListRows[] = {
 
 inline constexpr KeyRow kBlackListRows[] = {
     Flag("Enabled", "judge each sender").Registers("Y"),
-    Text("WildcardsList/*", "", "the value is a pattern with `*` and `?`").RegistersList(),
-    Text("UsersList/*", "", "the value is an address").RegistersList(),
+    Text("WildcardsList/*", "", "the value is a pattern with `*` and `?`")
+        .Form(kSenderPattern)
+        .RegistersList(),
+    Text("UsersList/*", "", "the value is an address").Form(kListedSender).RegistersList(),
     Flag("EnabledDropConnection", "a listed sender ends the session").Registers("Y"),
     Flag("EnabledSendDenyMessage", "answer a listed sender with the text below").Registers("Y"),
     Text("DenyMessage", kDenyText, "that text, one line of a reply: `550 5.7.1 Go away`")

@@ -54,7 +54,7 @@ inline constexpr LogLineField kSessionLineFields[] = {
     {"tls"},     {"messages", true}, {"ended"},   {"duration_ms", true},
 };
 inline constexpr LogLineField kQuarantineLineFields[] = {
-    {"id"}, {"act"}, {"result"}, {"by"}, {"through"}, {"from"}, {"to"}, {"reply"},
+    {"id"}, {"log_id"}, {"act"}, {"result"}, {"by"}, {"through"}, {"from"}, {"to"}, {"reply"},
 };
 
 enum class LogLineKind { kSession, kMessage, kQuarantine };

@@ -42,6 +42,7 @@ int BuildRequest(const MailScanRecord& record, std::uint32_t sliceMs, OwnedFlatF
         {TagScanSections, &record.scanSections},
         {TagTransferForm, record.transferForm != 0 ? &record.transferForm : nullptr},
         {TagHelo, record.helo != nullptr && record.helo[0] != '\0' ? record.helo : nullptr},
+        {TagLogId, record.logId != nullptr && record.logId[0] != '\0' ? record.logId : nullptr},
         {TagPollInterval, record.cancelCallback != nullptr ? &slice : nullptr},
         {TagExtraText, record.extraText[0] != '\0' ? record.extraText : nullptr},
     };

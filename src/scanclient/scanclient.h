@@ -72,7 +72,9 @@ struct MailScanRecord {
     // How the message came: 1 by DATA, dot-stuffed; 2 by BDAT, as it is; 0, unknown: nothing is
     // sent and the daemon expects either.
     std::int32_t transferForm;
-    const char* helo;  // caller; what the client called itself. Null or empty: nothing is sent
+    // caller; null or empty: nothing is sent
+    const char* helo;   // what the client called itself
+    const char* logId;  // of the message
 };
 
 // Bit of actionMask: before reading the children, that there are some; in the record's answer,

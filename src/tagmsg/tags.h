@@ -54,3 +54,5 @@ inline constexpr std::uint32_t TagTextA = 0x4600;
 inline constexpr std::uint32_t TagTextB = 0x4700;
 inline constexpr std::uint32_t TagEventCode = 0x4801;
 inline constexpr std::uint32_t TagValue = 0x4901;
+// The id that a message to be scanned has in the log.
+inline constexpr std::uint32_t TagLogId = 0x4A00;

@@ -175,7 +175,7 @@ class Held(unittest.TestCase):
         return [{name: value for name, value in json.loads(line).items() if name != "time"} for line in done.stdout.splitlines()]
 
     def line(self, which, **fields):
-        return {"event": "quarantine", "id": which, "act": "release", "result": "done", "through": "page", "by": "ann",
+        return {"event": "quarantine", "id": which, "log_id": "", "act": "release", "result": "done", "through": "page", "by": "ann",
                 "from": "s@example.org", "to": "r@example.org", "reply": "250 queued", **fields}
 
     def test_what_is_done_is_in_the_log(self):
@@ -197,7 +197,7 @@ class Held(unittest.TestCase):
         expected = [self.line(other), self.line(other, act="delete", reply="")]
         self.assertTrue(wait_until(lambda: len(self.lines(other)) == 2), self.proxy.log())
         self.assertEqual(self.lines(other), expected)
-        self.assertIn("event=quarantine id=%s act=delete result=done by=ann through=page " % other, self.proxy.log())
+        self.assertIn("event=quarantine id=%s log_id=\"\" act=delete result=done by=ann through=page " % other, self.proxy.log())
         subprocess.run([BIN + "/vtquarantine", "delete", which, "nothing"], env=self.proxy.env, capture_output=True)
         self.assertTrue(wait_until(lambda: len(self.lines(which)) == 3), self.proxy.log())
         self.assertEqual(self.lines(which)[-1], self.line(which, **person, act="delete", reply=""))

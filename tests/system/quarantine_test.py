@@ -71,6 +71,21 @@ class Holding(Quarantined):
         self.assertTrue(self.logged("in the quarantine as " + entry["id"]))
         self.assertIn('quarantined', self.log())
 
+    def story(self, log_id):
+        """What the log has of a message: the words of its lines, sorted, and the ids in the quarantine."""
+        done = subprocess.run([BIN + "/vtlog", "find", "--id", log_id, "--json"], env=self.proxy.env, capture_output=True, text=True)
+        lines = [json.loads(line) for line in done.stdout.splitlines()]
+        return sorted(each.get("act", each["event"]) for each in lines), {each["id"] for each in lines if "act" in each}
+
+    def test_what_is_done_is_told_of_the_message_that_came(self):
+        entry = self.hold()
+        self.assertEqual(self.tool("release", entry["id"]).returncode, 0)
+        self.assertTrue(self.logged("event=quarantine id=" + entry["id"]))
+        log_id = re.search("event=quarantine id=%s log_id=(\\S+) " % entry["id"], self.log())[1]
+        self.assertTrue(wait_until(lambda: self.story(log_id) == (["message", "release"], {entry["id"]})), self.log())
+        with open(self.folder + entry["id"] + ".meta", encoding="ascii") as form:
+            self.assertIn("\nlog-id: %s\n" % log_id, form.read(), "also where the index is made anew")
+
     def test_release_that_the_server_refuses(self):
         entry = self.hold()
         for rules, word in (({"RCPT": b"550 5.1.1 nobody\r\n"}, "550 5.1.1 nobody"), ({"END": b"451 later\r\n"}, "451 later"),

@@ -227,7 +227,8 @@ void MailDaemon::AnswerRequest(OwnedMessage& request, void** reply, std::uint32_
                                 Text(request.root, TagSender),
                                 Text(request.root, TagRecipients),
                                 Text(request.root, TagPeerAddress),
-                                Text(request.root, TagHelo)};
+                                Text(request.root, TagHelo),
+                                Text(request.root, TagLogId)};
     AllFindings verdict = JudgeBySections(engines_, *settings, path.c_str(), message.transfer,
                                           {message.sender, message.recipients});
     const Judgement& judgement = verdict.judgement;

@@ -13,10 +13,11 @@ constexpr char kTable[] =
     "CREATE TABLE IF NOT EXISTS messages(id TEXT PRIMARY KEY, at INTEGER NOT NULL, sender TEXT, "
     "recipients TEXT, peer TEXT, helo TEXT, subject TEXT, size INTEGER NOT NULL, verdict TEXT, "
     "section TEXT, rule TEXT, reason TEXT, state TEXT NOT NULL, before TEXT, changed INTEGER, "
-    "source TEXT, room INTEGER);";
-// Of an index that was made before they were known; fails on all others.
-constexpr char kSource[] = "ALTER TABLE messages ADD COLUMN source TEXT";
-constexpr char kRoom[] = "ALTER TABLE messages ADD COLUMN room INTEGER";
+    "source TEXT, room INTEGER, log_id TEXT);";
+// Of an index that was made before they were known; each fails on all others.
+constexpr const char* kLater[] = {"ALTER TABLE messages ADD COLUMN source TEXT",
+                                  "ALTER TABLE messages ADD COLUMN room INTEGER",
+                                  "ALTER TABLE messages ADD COLUMN log_id TEXT"};
 constexpr char kRest[] =
     "CREATE INDEX IF NOT EXISTS messages_at ON messages(at);"
     "CREATE INDEX IF NOT EXISTS messages_state ON messages(state, at);"
@@ -24,7 +25,7 @@ constexpr char kRest[] =
     "CREATE TABLE IF NOT EXISTS counters(name TEXT PRIMARY KEY, count INTEGER NOT NULL);";
 constexpr char kColumns[] =
     "SELECT id, at, sender, recipients, peer, helo, subject, size, verdict, section, rule, reason, "
-    "state, before, changed FROM messages ";
+    "state, before, changed, log_id FROM messages ";
 
 std::string Select(const char* rest) { return std::string(kColumns) + rest; }
 
@@ -59,8 +60,7 @@ bool Index::Open(const std::string& path, bool make) {
     if (error == SQLITE_OK && sqlite::Execute(connection_.get(), "PRAGMA journal_mode=WAL") &&
         sqlite::Execute(connection_.get(), "PRAGMA synchronous=FULL") &&
         sqlite::Execute(connection_.get(), kTable)) {
-        sqlite::Execute(connection_.get(), kSource);
-        sqlite::Execute(connection_.get(), kRoom);
+        for (const char* each : kLater) sqlite::Execute(connection_.get(), each);
         if (sqlite::Execute(connection_.get(), kRest)) return true;
     }
     Fail();
@@ -81,7 +81,7 @@ bool Index::Put(const KeptMessage& message) {
     sqlite::Statement put(connection_.get(),
                           "INSERT OR REPLACE INTO messages(id, at, sender, recipients, peer, helo, "
                           "subject, size, verdict, section, rule, reason, state, before, changed, "
-                          "source, room) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+                          "source, room, log_id) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
     if (!put) return Fail();
     put.Bind(1, message.id);
     put.Bind(2, message.at);
@@ -100,6 +100,7 @@ bool Index::Put(const KeptMessage& message) {
     put.Bind(15, message.changed);
     put.Bind(16, SourceOf(message.peer));
     put.Bind(17, static_cast<std::int64_t>(RoomOf(message)));
+    put.Bind(18, message.logId);
     return put.Run() || Fail();
 }
 
@@ -129,6 +130,7 @@ std::optional<std::vector<KeptMessage>> Index::Read(sqlite::Statement& statement
         each.state = statement.Text(12);
         each.before = statement.Text(13);
         each.changed = statement.Number(14);
+        each.logId = statement.Text(15);
         found.push_back(std::move(each));
     }
     if (!statement || statement.Failed()) {

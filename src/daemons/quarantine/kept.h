@@ -33,6 +33,7 @@ struct KeptMessage {
     std::string recipients;  // joined by ';'
     std::string peer;        // the client's address
     std::string helo;        // empty where nobody has said it
+    std::string logId{};     // of the message in the log; empty where nobody has said it
     std::string subject;     // decoded, in UTF-8
     long long size = 0;      // bytes of the message
     std::string verdict;     // the action that was decided on

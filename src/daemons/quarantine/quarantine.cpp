@@ -110,6 +110,7 @@ std::optional<std::string> Quarantine::Keep(int file, maild::Dots dots, KeptMess
         message.subject = Shorter(copied.subject);
         message.reason = Shorter(message.reason);
         message.helo = Shorter(message.helo);
+        message.logId = Shorter(message.logId);
         std::vector<KeptMessage> gone;
         if (RoomOf(message) > limits.maxSize) {
             complaint = "it is larger than Quarantine/MaxSize";

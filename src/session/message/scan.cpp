@@ -105,6 +105,7 @@ Verdict ScanMessage(Peers& peers, const Envelope& envelope, const SpoolFile& spo
     record.sender = sender.c_str();
     record.peerAddress = peers.address.c_str();
     record.helo = (peers.identity.helo.empty() ? peers.helo : peers.identity.helo).c_str();
+    record.logId = peers.journal.message.id.c_str();
     record.agentId = kAgentId;
     record.timeoutSeconds = peers.settings.noopInterval;
     record.cancelCallback = KeepAlive;

@@ -33,7 +33,7 @@ bool LogFilter::Fits(const LogRecord& record) const {
         const std::string* value = record.Find(name);
         return value != nullptr && EqualIgnoringCase(*value, id);
     };
-    if (!id.empty() && !names("id") && !names("session")) return false;
+    if (!id.empty() && !names("id") && !names("session") && !names("log_id")) return false;
     if (!verdict.empty() && !is("verdict", verdict)) return false;
     const std::string* value = nullptr;
     if (!from.empty() && ((value = record.Find("from")) == nullptr || !IsAddress(*value, from)))

@@ -96,6 +96,7 @@ class Performing {
         kept.recipients = message_.recipients;
         kept.peer = message_.peer;
         kept.helo = message_.helo;
+        kept.logId = message_.logId;
         kept.verdict = Word(decision_.action);
         const Finding* by = decision_.by;
         if (by != nullptr) {

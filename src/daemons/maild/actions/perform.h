@@ -24,6 +24,7 @@ struct Stored {
     std::string recipients;  // joined by ';'
     std::string peer;
     std::string helo{};
+    std::string logId{};
 };
 
 // Before Decide: a part that can't be taken out, because it is the whole message, signed,

@@ -24,6 +24,7 @@ void LogAct(const quarantine::KeptMessage& message, const char* act, const Actor
     std::string text;
     LogLineWriter line(text, LogLineKind::kQuarantine, platform::UtcMilliseconds());
     line.Text(message.id);
+    line.Text(message.logId);
     line.Text(act);
     line.Text(done ? "done" : "failed");
     line.Text(actor.name);

@@ -76,6 +76,7 @@ acl_smtp_rcpt = recipient
 begin acl
 recipient:
   accept hosts = +relay_from_hosts
+    message = {accepted}
 begin routers
 ours:
   driver = accept
@@ -148,15 +149,15 @@ class RealServer:
 
 
 class Exim(RealServer):
-    """settings: further lines of the main configuration."""
+    """settings: further lines of the main configuration; accepted: what a recipient that is taken is answered."""
 
-    def __init__(self, limit=0, settings=""):
+    def __init__(self, limit=0, settings="", accepted="Accepted"):
         super().__init__("exim")
         self.mailbox = self.dir + "/mail"
         self.log = self.dir + "/log-main"
         user = pwd.getpwnam(EXIM_USER)
         with open(self.dir + "/configuration", "w") as f:
-            f.write(EXIM_CONFIGURATION.format(dir=self.dir, port=self.port, limit=limit, settings=settings))
+            f.write(EXIM_CONFIGURATION.format(dir=self.dir, port=self.port, limit=limit, settings=settings, accepted=accepted))
         os.chown(self.dir, user.pw_uid, user.pw_gid)
         # All of it runs as that user, so it needs no other one's rights.
         self.start([EXIM, "-C", self.dir + "/configuration", "-bdf"], user=user.pw_uid, group=user.pw_gid, extra_groups=[])

@@ -142,7 +142,7 @@ void DoubtfulParts::End(const Part& part) {
         } else if (wrapped_ != nullptr) {
             questions_.Put(*wrapped_, part.place);
         }
-        if (Scratch* const zip = zip_ ? zip_->Finish() : nullptr) questions_.Put(*zip, part.place);
+        if (zip_) zip_->Finish(questions_, part.place);
         zip_.reset();
         signed_.reset();
         tnef_.reset();

@@ -174,7 +174,9 @@ class PartsJudge {
                                       inSigned);
         std::vector<maild::PartSink*> all(sinks.begin(), sinks.end());
         all.push_back(&doubtful);
+        for (maild::PartSink* sink : sinks) sink->AskThrough(&questions);
         maild::WalkResult walk = maild::WalkMessage(file, dots, limits, all);
+        for (maild::PartSink* sink : sinks) sink->AskThrough(nullptr);
         if (doubtful.Hidden()) walk.ambiguities.push_back(*doubtful.Hidden());
         Take(questions.Result());
         if (walk.end == maild::WalkEnd::kTimedOut) Take({ScanOutcome::kTimedOut, walk.why});

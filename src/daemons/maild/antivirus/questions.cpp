@@ -46,14 +46,14 @@ bool LeadsOn(ScanOutcome outcome) {
 
 }  // namespace
 
-void Questions::Put(Scratch& file, const std::string& place) {
+void Questions::PutFile(Scratch& file, const std::string& place, long long counts) {
     if (!going_ || file.Size() == 0) return;
     if (++files_ > kMostFiles) return Stop();
     const int descriptor = file.Rewind();
     const std::string sum = descriptor < 0 ? std::string() : ChecksumOf(descriptor);
     if (sum.empty()) return Fail();
     if (!asked_.insert(sum).second) return;
-    bytes_ += file.Size();
+    bytes_ += counts;
     if (++count_ > kMostQuestions || bytes_ > kMostTimes * size_ + kFree) return Stop();
     const ScanResult result = ask_(file.Rewind(), file.Size());
     if (Worse(result.outcome, result_.outcome)) {

@@ -25,7 +25,9 @@ class Questions {
     Questions& operator=(const Questions&) = delete;
 
     // Asks about the file. An empty one is clean.
-    void Put(Scratch& file, const std::string& place);
+    void Put(Scratch& file, const std::string& place) { PutFile(file, place, file.Size()); }
+    // The same of what was unpacked: who did so has bounds for it.
+    void PutUnpacked(Scratch& file, const std::string& place) { PutFile(file, place, 0); }
     // A file that could not be made.
     void Fail();
     // False once more questions lead nowhere: something was found, the engine is away, or there
@@ -42,6 +44,9 @@ class Questions {
     void Stop();
 
   private:
+    // `counts`: so many bytes of what the message may be taken apart to.
+    void PutFile(Scratch& file, const std::string& place, long long counts);
+
     const Ask ask_;
     const long long size_;
     std::set<std::string> asked_;  // checksums

@@ -8,6 +8,7 @@
 #include <array>
 #include <optional>
 
+#include "daemons/maild/attachments/names.h"
 #include "daemons/maild/attachments/reader.h"
 #include "daemons/maild/attachments/zipheaders.h"
 #include "daemons/maild/forms/archivelook.h"
@@ -22,8 +23,6 @@ namespace {
 constexpr long long kMostTimes = 1000;
 constexpr long long kFreeOfRatio = 16LL << 20;
 constexpr std::size_t kBlock = 65536;
-// Of a zip: two, and once more where it is stored in another.
-constexpr long long kHeadersOfAFile = 4;
 constexpr long long kMostEmpty = 512;              // bytes of an archive without files
 constexpr std::size_t kUnknown = ~std::size_t{0};  // of files
 
@@ -44,11 +43,6 @@ const char* KindOf(archive* reader) {
 // The kind of an open archive with something encrypted in it, as far as it was read; else null.
 const char* EncryptedBy(archive* reader) {
     return archive_read_has_encrypted_entries(reader) > 0 ? KindOf(reader) : nullptr;
-}
-
-std::string ShownName(std::string_view path) {
-    const std::size_t slash = path.find_last_of('/');
-    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }
 
 // "a.exe.gz" holds "a.exe", "a.tgz" "a.tar".
@@ -166,6 +160,8 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
     bool macros = false;
     std::set<std::string> names;
     std::size_t files = 0;
+    std::optional<Repacked> unpacked;
+    if (questions_ != nullptr) unpacked.emplace(*questions_, asksFor_);
     for (bool listed = false; going_; listed = true) {
         archive_entry* entry = nullptr;
         const int result = archive_read_next_header(from, &entry);
@@ -183,69 +179,15 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
         }
         if (!Counted(depth)) break;
         ++files;
-        macros = Entry(from, entry, path, depth, names) || macros;
+        const bool asked = unpacked && !IsOfCommonKind(from);
+        macros = Entry(from, entry, path, depth, names, asked ? &*unpacked : nullptr) || macros;
     }
+    if (unpacked) unpacked->Finish();
     if (const char* const kind = EncryptedBy(from)) NoteEncrypted(kind);
     // Whatever it begins as, readers of zips find the one at its end.
     const bool zip = IsZip(from);
     if (going_ && (zip || (!IsCalledOtherwise(path) && EndsAsZip(file.Rewind()))))
         macros = BothSides(file, path, depth, names, zip ? files : kUnknown) || macros;
-    return macros;
-}
-
-// A zip tells all twice: libarchive reads what the directory at its end lists, under the names that
-// stand before the files; readers that repair, or that begin at the front, find others.
-bool ArchiveLooker::BothSides(Scratch& file, const std::string& path, int depth,
-                              std::set<std::string>& listed, std::size_t files) {
-    ZipHeaders headers;
-    const bool read = ForEachZipHeader(file.Rewind(), [&](const ZipHeader& header) {
-        headers.Take(header);
-        bool bounded = ++headers_ <= kHeadersOfAFile * limits_.maxEntries;
-        for (const std::string& name : header.names) {
-            if (!bounded || !listed.insert(name).second) continue;
-            bounded = ++names_ <= limits_.maxEntries;
-            if (bounded)
-                use_({ReadingsOfName(name), std::nullopt, {}, 0}, ShownName(name) + " in " + path);
-        }
-        if (!bounded) Stop("more files in archives than MaxArchiveEntries");
-        return bounded && Clock::now() < end_;
-    });
-    if (!read && going_) Stop("archives were not looked into in time");
-    if (headers.Contradicts() && tooComplex_.empty())
-        tooComplex_ = "a zip that says two things of a file: " + path;
-    return !headers.Plain(files) && Unlisted(file, path, depth, headers.Files(), listed);
-}
-
-// Reads the files of a zip as they stand there, whatever its directory lists.
-bool ArchiveLooker::Unlisted(Scratch& file, const std::string& path, int depth,
-                             const std::vector<long long>& places, std::set<std::string>& listed) {
-    bool macros = false;
-    std::set<long long> left(places.begin(), places.end());
-    while (going_ && !left.empty()) {
-        const long long from = *left.begin();
-        left.erase(left.begin());
-        const int descriptor = file.Rewind();
-        const Reader reader = MakeReader(Formats::kZipAsItStands);
-        if (descriptor < 0 || lseek(descriptor, from, SEEK_SET) != from || reader == nullptr) {
-            Stop("an archive can't be stored to be looked into");
-            break;
-        }
-        if (archive_read_open_fd(reader.get(), descriptor, kBlock) != ARCHIVE_OK) continue;
-        long long archiveAt = -1;
-        for (archive_entry* entry = nullptr; going_;) {
-            const int result = archive_read_next_header(reader.get(), &entry);
-            const long long at = from + archive_read_header_position(reader.get());
-            // What an archive holds in it was looked at when it was.
-            if (archiveAt >= 0 && archiveAt < at)
-                left.erase(left.upper_bound(archiveAt), left.lower_bound(at));
-            if (result == ARCHIVE_EOF || result < ARCHIVE_WARN) break;
-            left.erase(at);
-            if (!Counted(depth)) break;
-            lookedInto_ = false;
-            macros = Entry(reader.get(), entry, path, depth, listed) || macros;
-            archiveAt = lookedInto_ ? at : -1;
-        }
-    }
     return macros;
 }
 
@@ -263,7 +205,7 @@ bool ArchiveLooker::Counted(int depth) {
 
 // True if by its name it is what Office keeps macros in.
 bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
-                          std::set<std::string>& listed) {
+                          std::set<std::string>& listed, Repacked* unpacked) {
     std::string shown;
     Attachment member;
     const auto add = [&](const char* name) {
@@ -284,7 +226,7 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
 
     // A folder may have bytes, too: it is one by what is said in one place.
     const bool message = CalledMessage(member.names);
-    Spill spill(CalledArchive(member.names, ""), message);
+    Spill spill(CalledArchive(member.names, ""), message || unpacked != nullptr);
     const bool encrypted = archive_entry_is_encrypted(entry) > 0;
     if (encrypted) {
         NoteEncrypted(KindOf(from));
@@ -301,7 +243,8 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
     if (!encrypted) {
         member.size = spill.Size();
         if (Scratch* const file = spill.Finish()) {
-            macros = Look(spill, *file, inner, depth + 1);
+            if (unpacked != nullptr) unpacked->Add(file->Rewind(), file->Size());
+            if (message || spill.MayBeArchive()) macros = Look(spill, *file, inner, depth + 1);
             if (message && going_) {
                 // It may hold large archives itself: nobody waits for a place while he has one.
                 place_.GiveBack();

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "daemons/maild/antivirus/repacked.h"
 #include "daemons/maild/attachments/large.h"
 #include "daemons/maild/attachments/rule.h"
 #include "daemons/maild/attachments/spill.h"
@@ -37,6 +38,11 @@ class ArchiveLooker {
     bool Look(Spill& spill, Scratch& file, const std::string& path) {
         return Look(spill, file, path, 1);
     }
+    // Null: the engine is not asked about anything. `place`: of the part that is looked at.
+    void AskThrough(Questions* questions, const std::string& place) {
+        questions_ = questions;
+        asksFor_ = place;
+    }
     // Bounds count from here on: another walk over the message.
     void BeginAnew();
     void NoteEncrypted(const std::string& kind);
@@ -55,13 +61,15 @@ class ArchiveLooker {
   private:
     bool Look(Spill& spill, Scratch& file, const std::string& path, int depth);
     bool Entries(archive* from, Spill& spill, Scratch& file, const std::string& path, int depth);
+    // `unpacked`: to which the file goes, for the engine; may be null.
     bool Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
-               std::set<std::string>& listed);
+               std::set<std::string>& listed, Repacked* unpacked);
     bool Unpacked(Spill& spill, Scratch& file, const std::string& path, int depth);
     bool BothSides(Scratch& file, const std::string& path, int depth, std::set<std::string>& listed,
                    std::size_t files);
     bool Unlisted(Scratch& file, const std::string& path, int depth,
                   const std::vector<long long>& places, std::set<std::string>& listed);
+    void AskAboutZips(Scratch& file);
     bool Counted(int depth);
     bool Read(archive* from, Spill& spill);
     void Fail(const char* encrypted, Spill& spill, Scratch& file, bool listed,
@@ -73,6 +81,8 @@ class ArchiveLooker {
     const MagicUse magic_;
     const Use use_;
     const UseMessage useMessage_;
+    Questions* questions_ = nullptr;
+    std::string asksFor_;
     long long packed_ = 0;  // bytes of the archives themselves, the outermost ones
     long long bytes_ = 0;
     LargePlace place_;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "daemons/maild/antivirus/doubtful.h"
 #include "daemons/maild/attachments/zipheaders.h"
 #include "daemons/maild/forms/blocks.h"
 #include "daemons/maild/verdict/ruled.h"
@@ -25,15 +26,15 @@ bool ShowsOtherThanText(const RealType& type) {
            type.OfficeEncrypted();
 }
 
-std::vector<std::string> NamesOf(const Part& part) {
-    std::vector<std::string> names;
-    for (const std::string& name : part.names) {
+std::vector<std::string> ReadingsOf(const std::vector<std::string>& names) {
+    std::vector<std::string> readings;
+    for (const std::string& name : names) {
         for (std::string& each : ReadingsOfName(name)) {
-            if (std::find(names.begin(), names.end(), each) == names.end())
-                names.push_back(std::move(each));
+            if (std::find(readings.begin(), readings.end(), each) == readings.end())
+                readings.push_back(std::move(each));
         }
     }
-    return names;
+    return readings;
 }
 
 // Whether it is an archive of which the list of its files is missing, that stands at its end:
@@ -74,9 +75,12 @@ AttachmentFilter::AttachmentFilter(const AttachmentRules& rules,
 void AttachmentFilter::Begin(const Part& part) {
     leaf_.reset();
     if (part.kind != PartKind::kLeaf) return;
-    names_ = NamesOf(part);
+    names_ = ReadingsOf(part.names);
     leaf_ = std::make_unique<Spill>(CalledArchive(names_, part.type));
     part_ = &part;
+    archives_.AskThrough(engine_, part.place);
+    messages_.reset();
+    if (engine_ != nullptr) messages_.emplace(*engine_, part.place);
     BeginHidden(part);
 }
 
@@ -120,7 +124,8 @@ void AttachmentFilter::End(const Part& part) {
     const bool named = !part.names.empty() || part.disposition == "attachment";
     if (part.kind == PartKind::kMessage && named) {
         const Range& body = part.source.body;
-        Ask({NamesOf(part), part.type, {"message/rfc822"}, body.end - body.begin}, Shown(part));
+        Ask({ReadingsOf(part.names), part.type, {"message/rfc822"}, body.end - body.begin},
+            Shown(part));
     }
     if (part.kind == PartKind::kLeaf && leaf_ != nullptr) LookAtLeaf(part);
     // Another form of the message is not what lies in the file.
@@ -131,8 +136,7 @@ void AttachmentFilter::End(const Part& part) {
 
 void AttachmentFilter::LookAtLeaf(const Part& part) {
     EndText();
-    if (tnef_ != nullptr) tnef_->Finish();
-    tnef_.reset();
+    EndTnef();
     const bool before = archives_.TooComplex().empty();
     Look(*leaf_, part);
     const bool cut = before && part.cutOff && !archives_.InnerUnreadable() && LacksItsEnd(*leaf_);
@@ -142,6 +146,7 @@ void AttachmentFilter::LookAtLeaf(const Part& part) {
         archives_.TooComplex().empty() && leaf_->Type().BeginsArchive() == RealType::Sure::kYes;
     leaf_.reset();
     if (part.oddCoding) LookAtReadings(part);
+    if (messages_) messages_->Finish();
     if ((readable && part.cutGroups) || cut) archives_.ForgetUnreadable();
 }
 
@@ -150,13 +155,24 @@ void AttachmentFilter::EndText() {
     inText_ = true;
     text_->Finish();
     inText_ = false;
-    // Files that are equal are put once, whatever they are called.
-    for (const std::string& name : text_->Names()) {
+    AskByName(text_->Names());
+    text_.reset();
+}
+
+void AttachmentFilter::EndTnef() {
+    if (tnef_ == nullptr) return;
+    tnef_->Finish();
+    AskByName(tnef_->AllNames());
+    tnef_.reset();
+}
+
+// Files that are equal are put once, whatever they are called.
+void AttachmentFilter::AskByName(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
         if (askedByName_.insert(name).second)
             Ask({ReadingsOfName(name), std::nullopt, {}, 0}, name + " in " + Shown(*part_));
     }
     askedByName_.clear();
-    text_.reset();
 }
 
 void AttachmentFilter::Done(const WalkResult&) {
@@ -209,10 +225,12 @@ void AttachmentFilter::LookAtReadings(const Part& part) {
 
 // A file within the part that is open: in its text, or in the container that it is, or in both.
 void AttachmentFilter::LookAtHidden(int file) {
-    const bool named = inText_ && !text_->Names().empty();
-    const std::string name = named ? text_->Names().back() : "";
-    if (named) askedByName_.insert(name);
-    Attachment attachment{ReadingsOfName(name), std::nullopt, {}, 0};
+    std::vector<std::string> names;
+    if (inText_ && !text_->Names().empty()) names.push_back(text_->Names().back());
+    if (!inText_ && tnef_ != nullptr) names = tnef_->Names();
+    askedByName_.insert(names.begin(), names.end());
+    const std::string name = names.empty() ? "" : names.front();
+    Attachment attachment{ReadingsOf(names), std::nullopt, {}, 0};
     const bool message = CalledMessage(attachment.names);
     Spill spill(CalledArchive(attachment.names, ""), message);
     const bool read = ReadBlocks(file, 0, [&](std::string_view text, off_t) {
@@ -242,7 +260,15 @@ void AttachmentFilter::LookWithin(int file, const std::string& path) {
     AttachmentFilter inner(rules_, end_, nesting_ + 1);
     WalkLimits limits;
     limits.end = end_;
-    PartSink* const sinks[] = {&inner};
+    struct stat info {};
+    std::vector<PartSink*> sinks = {&inner};
+    std::optional<DoubtfulParts> doubtful;
+    if (engine_ != nullptr && fstat(file, &info) == 0) {
+        inner.AskThrough(engine_);
+        if (messages_) messages_->Add(file, info.st_size, kMessageStart);
+        const BodySource whole{file, Dots::kPlain, {0, info.st_size}};
+        sinks.push_back(&doubtful.emplace(*engine_, whole, limits, nesting_ + 1));
+    }
     const WalkResult walk = WalkMessage(file, Dots::kPlain, limits, sinks);
     for (Finding found : inner.Findings()) {
         if (findings_.size() >= kMostFindings && !Counts(found.action)) continue;
@@ -253,6 +279,7 @@ void AttachmentFilter::LookWithin(int file, const std::string& path) {
     if (const std::string& kind = inner.Encrypted(); !kind.empty())
         archives_.NoteEncrypted(kind.substr(kind.find('.') + 1));
     if (tooComplex_.empty()) tooComplex_ = inner.TooComplex();
+    if (tooComplex_.empty() && doubtful) tooComplex_ = doubtful->Unwalked();
     if (tooComplex_.empty() && walk.end != WalkEnd::kWhole) tooComplex_ = walk.why;
 }
 

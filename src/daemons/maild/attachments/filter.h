@@ -29,6 +29,7 @@ class AttachmentFilter final : public PartSink {
     AttachmentFilter(const AttachmentRules& rules, ArchiveLooker::Clock::time_point end,
                      int nesting = 0);
 
+    void AskThrough(Questions* questions) override { engine_ = questions; }
     void Begin(const Part& part) override;
     void Data(std::span<const std::byte> bytes) override;
     void End(const Part& part) override;
@@ -51,6 +52,8 @@ class AttachmentFilter final : public PartSink {
     void BeginHidden(const Part& part);
     void WriteText(std::string_view text);
     void EndText();
+    void EndTnef();
+    void AskByName(const std::vector<std::string>& names);
     void Ask(const Attachment& attachment, const std::string& what);
     bool Counts(Action action) const;
 
@@ -59,7 +62,9 @@ class AttachmentFilter final : public PartSink {
     const int nesting_;
     const MagicUse magic_;
     ArchiveLooker archives_;
-    std::optional<Questions> hidden_;  // files in parts, which are asked about like others
+    Questions* engine_ = nullptr;
+    std::optional<Repacked> messages_;  // in files of the part that is open, for the engine
+    std::optional<Questions> hidden_;   // files in parts, which are asked about like others
     std::unique_ptr<FilesInText> text_;
     bool inText_ = false;                // it puts its files now
     std::set<std::string> askedByName_;  // files in the text that is open

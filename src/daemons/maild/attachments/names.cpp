@@ -193,6 +193,11 @@ std::vector<std::string> ReadingsOfName(std::string_view name) {
     return readings;
 }
 
+std::string ShownName(std::string_view path) {
+    const std::size_t slash = path.find_last_of('/');
+    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
 NamePatterns::NamePatterns(std::string_view text) {
     while (!text.empty()) {
         const std::size_t end = text.find(';');

@@ -39,4 +39,7 @@ class NamePatterns {
 // Case folded, compatibility letters as plain ones, what is no UTF-8 replaced.
 std::string FoldText(std::string_view text);
 
+// What stands behind its folders, for people.
+std::string ShownName(std::string_view path);
+
 }  // namespace maild

@@ -1,6 +1,7 @@
 #include "daemons/maild/attachments/reader.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace maild {
 
@@ -57,6 +58,29 @@ Reader MakeReader(SevenZipClaims claims) {
 
 bool IsZip(archive* reader) {
     return (archive_format(reader) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP;
+}
+
+bool IsOfCommonKind(archive* reader) {
+    for (int i = 0; i < archive_filter_count(reader); ++i) {
+        const int filter = archive_filter_code(reader, i);
+        if (filter != ARCHIVE_FILTER_NONE && filter != ARCHIVE_FILTER_GZIP &&
+            filter != ARCHIVE_FILTER_XZ)
+            return false;
+    }
+    const char* const name = archive_format_name(reader);
+    const std::string_view method = name == nullptr ? "" : name;
+    switch (archive_format(reader) & ARCHIVE_FORMAT_BASE_MASK) {
+        case ARCHIVE_FORMAT_ZIP:
+            return method.ends_with("(deflation)") || method.ends_with("(uncompressed)");
+        case ARCHIVE_FORMAT_RAW:
+        case ARCHIVE_FORMAT_TAR:
+        case ARCHIVE_FORMAT_CPIO:
+        case ARCHIVE_FORMAT_CAB:
+        case ARCHIVE_FORMAT_ISO9660:
+            return true;
+        default:
+            return false;
+    }
 }
 
 Utf8Locale::Utf8Locale() : before_(uselocale(Ours())) {}

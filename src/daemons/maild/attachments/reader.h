@@ -34,6 +34,9 @@ Reader MakeReader(SevenZipClaims claims);
 
 // Of a reader that has met a file.
 bool IsZip(archive* reader);
+// Whether any engine unpacks it: what is packed in other ways many take for bytes, or don't unpack
+// for their licence.
+bool IsOfCommonKind(archive* reader);
 
 // libarchive turns names into the charset of the thread's locale, and loses those that don't fit.
 class Utf8Locale {

@@ -24,10 +24,11 @@ class Spill {
     // Whether it must be readable as an archive.
     bool SurelyArchive() const;
     bool Called() const { return called_; }
+    bool MayBeArchive() const { return called_ || type_.MayBeArchive(); }
     long long Size() const { return size_; }
 
   private:
-    bool Wanted() const { return called_ || kept_ || type_.MayBeArchive(); }
+    bool Wanted() const { return kept_ || MayBeArchive(); }
     void Keep();
 
     const bool called_;

@@ -67,6 +67,7 @@ struct HeaderField {
 };
 
 struct WalkResult;
+class Questions;
 
 // Takes a walk's parts as they come, on the walk's thread. Several sinks see one walk, each call in
 // the order of the list. What is handed over lasts for the call, a Part to its End.
@@ -78,6 +79,8 @@ struct WalkResult;
 class PartSink {
   public:
     virtual ~PartSink() = default;
+    // In front of a walk: by what the engine can be asked about what lies in parts. Null behind it.
+    virtual void AskThrough(Questions*) {}
     // All of them, in order. `place` is the message's, as of Part.
     virtual void Headers(std::span<const HeaderField>, const std::string& /*place*/) {}
     virtual void Begin(const Part&) {}

@@ -21,10 +21,10 @@ KEY = "/VTWIN/Daemons/MailDaemon/"
 QUEUED = b"250 queued\r\n"
 
 
-def archive(*files):
+def archive(*files, method=zipfile.ZIP_DEFLATED):
     """A zip of (name, bytes)."""
     out = io.BytesIO()
-    with zipfile.ZipFile(out, "w", zipfile.ZIP_DEFLATED) as made:
+    with zipfile.ZipFile(out, "w", method) as made:
         for name, data in files:
             made.writestr(name, data)
     return out.getvalue()

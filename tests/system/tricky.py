@@ -2,14 +2,17 @@
 
 import base64
 import binascii
+import bz2
 import functools
 import gzip
 import quopri
 import struct
+import zipfile
 
 from scanning import EICAR, archive
 
 ZIP = archive(("eicar.com", EICAR))
+CLEAN = archive(("a", b"clean"))
 NAME = b"name=f.zip"
 
 
@@ -241,4 +244,11 @@ CASES = [
         b"Content-Type:", b"Content-Type\x0b:", 1))),
     one("zip behind something packed", b64(gzip.compress(b"x") + ZIP)),
     one("zip behind a song's name", b64(b"ID3" + bytes(100) + ZIP)),
+    one("zip behind another one", b64(CLEAN + ZIP)),
+    one("zip in front of another one", b64(ZIP + CLEAN)),
+    one("two zips in a zip", b64(archive(("f.zip", CLEAN + ZIP)))),
+    one("two zips in TNEF", b64(tnef(CLEAN + ZIP))),
+    one("zip of a method that engines don't know", b64(archive(("a", EICAR), method=zipfile.ZIP_LZMA))),
+    one("bzip2, two behind one another", b64(bz2.compress(b"x") + bz2.compress(EICAR))),
+    one("a message of unknown headers in a zip", b64(archive(("a.eml", b"X-A: b\r\n\r\n" + uu(ZIP))))),
 ]

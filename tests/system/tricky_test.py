@@ -4,10 +4,9 @@ import os
 import subprocess
 
 from harness import BIN, wait_until
-from scanning import EICAR, NOT_CHECKED, QUEUED, REJECTED, Scanning, archive, attached, body
-from tricky import CASES, TEXT, b64, message, mixed, part
+from scanning import EICAR, NOT_CHECKED, QUEUED, REJECTED, Scanning, attached, body
+from tricky import CASES, CLEAN, TEXT, b64, message, mixed, part
 
-CLEAN = archive(("a", b"clean"))
 FORGED = message(b"Content-Type: text/plain\r\n" + mixed(TEXT, part(b64(CLEAN))))
 DEEP = message(part(b"", None, kind=b"message/rfc822") * 45 + TEXT)
 

@@ -244,6 +244,8 @@ CASES = [
         b"Content-Type:", b"Content-Type\x0b:", 1))),
     one("zip behind something packed", b64(gzip.compress(b"x") + ZIP)),
     one("zip behind a song's name", b64(b"ID3" + bytes(100) + ZIP)),
+    one("zip in a calendar's entry", b"BEGIN:VCALENDAR\r\nATTACH;ENCODING=BASE64;VALUE=BINARY:\r\n " + lines(base64.b64encode(ZIP), 70).replace(
+        b"\r\n", b"\r\n ") + b"\r\nEND:VCALENDAR\r\n", None, kind=b"text/calendar"),
     one("zip behind another one", b64(CLEAN + ZIP)),
     one("zip in front of another one", b64(ZIP + CLEAN)),
     one("two zips in a zip", b64(archive(("f.zip", CLEAN + ZIP)))),

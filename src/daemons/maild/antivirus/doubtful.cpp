@@ -98,6 +98,8 @@ void DoubtfulParts::Begin(const Part& part) {
     const bool isMessage = part.type.starts_with("message/");
     if (part.isText || isMessage || part.type.starts_with("multipart/"))
         text_ = std::make_unique<FilesInText>(questions_, part.place);
+    if (CalendarFiles::MayBe(part))
+        calendar_ = std::make_unique<CalendarFiles>(questions_, part.place);
     const bool isSigned = SignedData::MayBe(part);
     saved_ = IsSavedMail(part);
     if ((isMessage && root) || isSigned || saved_) {
@@ -116,6 +118,7 @@ void DoubtfulParts::Data(std::span<const std::byte> bytes) {
     first_ = false;
     if (tnef_ != nullptr) tnef_->Write(text);
     if (text_ != nullptr) text_->Write(text);
+    if (calendar_ != nullptr) calendar_->Write(text);
     if (zip_ && !zip_->Write(text)) questions_.Fail();
     if (signed_) {
         if (!signed_->Write(text)) questions_.Fail();
@@ -146,6 +149,8 @@ void DoubtfulParts::End(const Part& part) {
         zip_.reset();
         signed_.reset();
         tnef_.reset();
+        if (calendar_ != nullptr) calendar_->Finish();
+        calendar_.reset();
         text_.reset();
         wrapped_.reset();
         if (part.oddCoding) AskReadings(part);

@@ -6,6 +6,7 @@
 //   a container into which the engine doesn't look     as a message that it takes apart
 //   a message within its S/MIME signature              as a message, walked as well
 //   files in a text by uuencode or yEnc, files in TNEF each by itself
+//   a file in a calendar's entry or a card             by itself
 //   a zip behind other bytes of a file                 by itself
 //   a message whose structure is ambiguous             all that looks coded in it (rescue.h)
 //
@@ -17,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "daemons/maild/antivirus/calendarfiles.h"
 #include "daemons/maild/antivirus/filesintext.h"
 #include "daemons/maild/antivirus/questions.h"
 #include "daemons/maild/antivirus/signeddata.h"
@@ -71,6 +73,7 @@ class DoubtfulParts final : public PartSink {
     std::optional<Ambiguity> hidden_;
     // Of the leaf that is open:
     std::unique_ptr<FilesInText> text_;
+    std::unique_ptr<CalendarFiles> calendar_;
     std::unique_ptr<TnefReader> tnef_;
     std::optional<ZipBehind> zip_;
     std::string place_;

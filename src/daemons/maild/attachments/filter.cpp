@@ -86,6 +86,7 @@ void AttachmentFilter::Begin(const Part& part) {
 
 void AttachmentFilter::BeginHidden(const Part& part) {
     text_.reset();
+    calendar_.reset();
     tnef_.reset();
     if (!hidden_) {
         struct stat info {};
@@ -99,6 +100,8 @@ void AttachmentFilter::BeginHidden(const Part& part) {
     }
     if (part.isText || part.type.starts_with("message/") || part.type.starts_with("multipart/"))
         text_ = std::make_unique<FilesInText>(*hidden_, part.place);
+    if (CalendarFiles::MayBe(part))
+        calendar_ = std::make_unique<CalendarFiles>(*hidden_, part.place);
 }
 
 void AttachmentFilter::Data(std::span<const std::byte> bytes) {
@@ -108,14 +111,20 @@ void AttachmentFilter::Data(std::span<const std::byte> bytes) {
     if (leaf_->Size() == 0 && text.starts_with(TnefReader::kMark))
         tnef_ = std::make_unique<TnefReader>(*hidden_, part_->place);
     leaf_->Write(text);
-    if (text_ != nullptr) WriteText(text);
+    WriteText(text);
     if (tnef_ != nullptr) tnef_->Write(text);
 }
 
 void AttachmentFilter::WriteText(std::string_view text) {
-    inText_ = true;
-    text_->Write(text);
-    inText_ = false;
+    if (text_ != nullptr) {
+        putBy_ = &text_->Names();
+        text_->Write(text);
+    }
+    if (calendar_ != nullptr) {
+        putBy_ = &calendar_->Names();
+        calendar_->Write(text);
+    }
+    putBy_ = nullptr;
 }
 
 void AttachmentFilter::End(const Part& part) {
@@ -151,12 +160,19 @@ void AttachmentFilter::LookAtLeaf(const Part& part) {
 }
 
 void AttachmentFilter::EndText() {
-    if (text_ == nullptr) return;
-    inText_ = true;
-    text_->Finish();
-    inText_ = false;
-    AskByName(text_->Names());
+    if (text_ != nullptr) {
+        putBy_ = &text_->Names();
+        text_->Finish();
+        AskByName(*putBy_);
+    }
+    if (calendar_ != nullptr) {
+        putBy_ = &calendar_->Names();
+        calendar_->Finish();
+        AskByName(*putBy_);
+    }
+    putBy_ = nullptr;
     text_.reset();
+    calendar_.reset();
 }
 
 void AttachmentFilter::EndTnef() {
@@ -211,7 +227,7 @@ void AttachmentFilter::LookAtReadings(const Part& part) {
         const bool whole = DecodeBody(part.source, reading, decoded) && decoded.Rewind() >= 0 &&
                            ReadBlocks(decoded.Rewind(), 0, [&](std::string_view text, off_t) {
                                spill.Write(text);
-                               if (text_ != nullptr) WriteText(text);
+                               WriteText(text);
                                return true;
                            });
         EndText();
@@ -226,8 +242,8 @@ void AttachmentFilter::LookAtReadings(const Part& part) {
 // A file within the part that is open: in its text, or in the container that it is, or in both.
 void AttachmentFilter::LookAtHidden(int file) {
     std::vector<std::string> names;
-    if (inText_ && !text_->Names().empty()) names.push_back(text_->Names().back());
-    if (!inText_ && tnef_ != nullptr) names = tnef_->Names();
+    if (putBy_ != nullptr && !putBy_->empty()) names.push_back(putBy_->back());
+    if (putBy_ == nullptr && tnef_ != nullptr) names = tnef_->Names();
     askedByName_.insert(names.begin(), names.end());
     const std::string name = names.empty() ? "" : names.front();
     Attachment attachment{ReadingsOf(names), std::nullopt, {}, 0};

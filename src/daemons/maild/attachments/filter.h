@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "daemons/maild/antivirus/calendarfiles.h"
 #include "daemons/maild/antivirus/filesintext.h"
 #include "daemons/maild/antivirus/tnef.h"
 #include "daemons/maild/attachments/archive.h"
@@ -66,7 +67,9 @@ class AttachmentFilter final : public PartSink {
     std::optional<Repacked> messages_;  // in files of the part that is open, for the engine
     std::optional<Questions> hidden_;   // files in parts, which are asked about like others
     std::unique_ptr<FilesInText> text_;
-    bool inText_ = false;                // it puts its files now
+    std::unique_ptr<CalendarFiles> calendar_;
+    // Of the one of both that puts its files now.
+    const std::vector<std::string>* putBy_ = nullptr;
     std::set<std::string> askedByName_;  // files in the text that is open
     std::unique_ptr<TnefReader> tnef_;
     std::unique_ptr<Spill> leaf_;     // the one that is open

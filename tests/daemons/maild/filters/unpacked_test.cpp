@@ -115,6 +115,41 @@ TEST(Unpacked, MessagesInArchives) {
     EXPECT_FALSE(AskedOf(Mail({{"f.zip", Zip(many)}})).tooMany);
 }
 
+TEST(Unpacked, FilesInCalendars) {
+    const maild::AttachmentRules rules{{NameRule("js", "*.js"), NameRule("exe", "*.exe")}, {}};
+    const std::string coded = Base64Encode(std::string("#!js\n") + std::string(60000, 'x'));
+    std::string folded;
+    for (std::size_t at = 0; at < coded.size(); at += 70) folded += coded.substr(at, 70) + "\n ";
+    const std::string zip = Base64Encode(Zip({{"b.exe", "x"}}));
+    const struct {
+        const char* name;
+        std::string line;
+        const char* findings;
+        const char* type = "text/calendar";
+    } cases[] = {
+        {"in one line", "ATTACH;VALUE=BINARY;ENCODING=BASE64;X-FILENAME=a.js:" + coded,
+         "js: a.js in a part of type text/calendar; "},
+        {"folded, a name in quotes",
+         "ATTACH;FILENAME=\"x:a.js\";\n encoding=base64;value=binary:" + folded,
+         "js: x:a.js in a part of type text/calendar; "},
+        {"an archive", "ATTACH;VALUE=BINARY;ENCODING=BASE64:" + zip,
+         "exe: b.exe in a file in a part of type text/calendar; "},
+        {"in a card", "ATTACH;ENCODING=b;FILENAME=a.js:" + zip,
+         "exe: b.exe in a.js in a part of type text/vcard; js: a.js in a part of type text/vcard; ",
+         "text/vcard"},
+        {"a link", "ATTACH;FILENAME=a.js:https://example.org/a.js", ""},
+        {"a text", "DESCRIPTION:ATTACH;ENCODING=BASE64;FILENAME=a.js:" + coded, ""},
+        {"an entry of something else", "ATTACH;ENCODING=BASE64;FILENAME=a.js:" + coded, "",
+         "text/plain"},
+    };
+    for (const auto& each : cases) {
+        const Asked asked = AskedOf("Content-Type: " + std::string(each.type) +
+                                        "\n\nBEGIN:VCALENDAR\n" + each.line + "\nEND:VCALENDAR\n",
+                                    rules);
+        EXPECT_EQ(asked.findings, each.findings) << each.name;
+    }
+}
+
 std::string Little(std::size_t number, int bytes = 4) {
     std::string text;
     for (int i = 0; i < bytes; ++i) text += static_cast<char>(number >> (8 * i));

@@ -118,4 +118,13 @@ TEST(ZipBehind, ManyOthers) {
     EXPECT_TRUE(AskedOf(file, 1000).tooMany);
 }
 
+// As a tar is, of documents.
+TEST(ZipBehind, ManyInAFileOfAnotherKind) {
+    std::string file(512, '\0');
+    for (int i = 0; i < 300; ++i) file += ZipOf(static_cast<char>(i)) + std::string(1000, '\0');
+    const Asked asked = AskedOf(file, 1000);
+    EXPECT_FALSE(asked.tooMany);
+    EXPECT_EQ(asked.files, std::set<std::string>({file.substr(512), ZipOf(0), ZipOf(43)}));
+}
+
 }  // namespace

@@ -103,8 +103,9 @@ std::vector<ZipBehind::Zip> ZipBehind::Zips(int file) const {
     return zips;
 }
 
-// Those that lie in no other, that is: what is in a zip is the engine's affair. But readers that
-// look for the end in different ways may take one within what another one says.
+// The first and the last one, and all whose comment goes to the file's end; of a file that begins
+// as a zip each that lies in no other. What is in a zip is the engine's affair, and a file of
+// another kind, as a tar, has many that nobody takes for it.
 std::vector<ZipBehind::Zip> ZipBehind::Readable(std::vector<Zip> zips) const {
     std::vector<Zip> readable;
     for (const Zip& each : zips) {
@@ -115,7 +116,7 @@ std::vector<ZipBehind::Zip> ZipBehind::Readable(std::vector<Zip> zips) const {
     std::sort(zips.begin(), zips.end(), [](const Zip& a, const Zip& b) {
         return std::tuple(a.begin, -a.end) < std::tuple(b.begin, -b.end);
     });
-    long long behind = -1;
+    long long behind = begin_ == 0 ? -1 : size_;
     for (const Zip& each : zips) {
         if (each.end > behind) readable.push_back(each);
         behind = std::max(behind, each.end);

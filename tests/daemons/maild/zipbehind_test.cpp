@@ -115,7 +115,17 @@ TEST(ZipBehind, OtherBytes) {
 TEST(ZipBehind, ManyOthers) {
     std::string file;
     for (int i = 0; i < 300; ++i) file += ZipOf(static_cast<char>(i));
-    EXPECT_TRUE(AskedOf(file, 1000).tooMany);
+    const Asked asked = AskedOf(file + ZipOf('!') + "x", 1000);
+    EXPECT_FALSE(asked.tooMany);
+    EXPECT_LE(asked.files.size(), 20U);
+    EXPECT_TRUE(asked.files.contains(ZipOf(0)));
+    EXPECT_TRUE(asked.files.contains(ZipOf('!')));
+    // More ends than are kept.
+    std::string ends;
+    for (int i = 0; i < 10100; ++i) ends += "PK\5\6" + std::string(18, '\0');
+    const Asked many = AskedOf(ZipOf('a') + ends + ZipOf('b'), 65536);
+    EXPECT_TRUE(many.files.contains(ZipOf('a')));
+    EXPECT_TRUE(many.files.contains(ZipOf('b')));
 }
 
 // As a tar is, of documents.

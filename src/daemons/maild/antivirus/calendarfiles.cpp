@@ -30,12 +30,10 @@ std::string Parameter(std::string_view head, std::string_view name) {
 bool CalendarFiles::MayBe(const Part& part) {
     const auto called = [](const std::string& name) {
         const std::string small = LowerCase(name);
-        return small.ends_with(".ics") || small.ends_with(".vcs") || small.ends_with(".ical") ||
-               small.ends_with(".ifb") || small.ends_with(".vcf");
+        return small.ends_with(".ics") || small.ends_with(".vcs") || small.ends_with(".ical");
     };
     return part.type == "text/calendar" || part.type == "application/ics" ||
-           part.type == "text/x-vcalendar" || part.type == "text/vcard" ||
-           part.type == "text/x-vcard" || part.type == "text/directory" ||
+           part.type == "text/x-vcalendar" ||
            std::any_of(part.names.begin(), part.names.end(), called);
 }
 
@@ -83,8 +81,7 @@ void CalendarFiles::Take(char c) {
 void CalendarFiles::EndHead() {
     state_ = State::kOther;
     const std::string coding = LowerCase(Parameter(head_, "encoding="));
-    if (coding != "base64" && coding != "b" && LowerCase(Parameter(head_, "value=")) != "binary")
-        return;
+    if (coding != "base64" && LowerCase(Parameter(head_, "value=")) != "binary") return;
     if (names_.size() >= kMostNames) return questions_.Stop();
     names_.push_back(Parameter(head_, "filename="));
     file_ = std::make_unique<Scratch>();

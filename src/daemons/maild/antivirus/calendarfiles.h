@@ -1,5 +1,5 @@
-// Inside antivirus/: the files that a calendar's entry or a card has in its lines, in base64, and
-// that mail programs show as attachments of an invitation:
+// Inside antivirus/: the files that a calendar's entry has in its lines, in base64, and that mail
+// programs show as attachments of an invitation:
 //
 //   ATTACH;ENCODING=BASE64;VALUE=BINARY;X-FILENAME=a.zip:UEsDB...
 //

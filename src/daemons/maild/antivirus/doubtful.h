@@ -6,7 +6,7 @@
 //   a container into which the engine doesn't look     as a message that it takes apart
 //   a message within its S/MIME signature              as a message, walked as well
 //   files in a text by uuencode or yEnc, files in TNEF each by itself
-//   a file in a calendar's entry or a card             by itself
+//   a file in a calendar's entry                       by itself
 //   a zip behind other bytes of a file                 by itself
 //   a message whose structure is ambiguous             all that looks coded in it (rescue.h)
 //

@@ -20,8 +20,8 @@ constexpr long long kEndSize = 22;
 // Behind its mark the directory's end has so many bytes, and a comment as long as this.
 constexpr long long kMostBehindEnd = kEndSize + 0xFFFF;
 // Zips that are stored in a zip have their own.
-constexpr std::size_t kMostEnds = 10000;
-constexpr std::size_t kMostZips = 50;  // behind one another
+constexpr std::size_t kMostEnds = 10000;  // as many as a comment can have, and more
+constexpr std::size_t kMostZips = 20;     // behind one another
 
 constexpr std::string_view kLargeEnd = "PK\6\6"sv;  // for numbers beyond the end's own
 constexpr long long kInFrontForLarge = 76;
@@ -67,16 +67,20 @@ bool ZipBehind::Write(std::string_view bytes) {
 void ZipBehind::FindEnds(long long from) {
     for (std::size_t at = joined_.find(kEnd); at != std::string::npos;
          at = joined_.find(kEnd, at + 1)) {
-        tooMany_ = tooMany_ || ends_.size() >= kMostEnds;
-        if (!tooMany_ && from + static_cast<long long>(at) > begin_)
-            ends_.push_back(from + static_cast<long long>(at));
+        const long long end = from + static_cast<long long>(at);
+        if (end <= begin_) continue;
+        if (ends_.empty()) firstEnd_ = end;
+        ends_.push_back(end);
+        if (ends_.size() > kMostEnds) ends_.pop_front();
     }
 }
 
 // In the order of their ends.
 std::vector<ZipBehind::Zip> ZipBehind::Zips(int file) const {
     std::vector<Zip> zips;
-    for (const long long at : ends_) {
+    std::vector<long long> ends(ends_.begin(), ends_.end());
+    if (ends.front() != firstEnd_) ends.insert(ends.begin(), firstEnd_);
+    for (const long long at : ends) {
         char bytes[kInFrontForLarge + kEndSize] = {};
         const long long front = std::min(at - begin_, kInFrontForLarge);
         const auto wanted = static_cast<std::size_t>(front + kEndSize);
@@ -98,27 +102,29 @@ std::vector<ZipBehind::Zip> ZipBehind::Zips(int file) const {
         const bool fits = directory > 0 && directory <= most && offset <= most - directory;
         const long long behind = at + kEndSize + static_cast<long long>(Little(end, 20, 2));
         zips.push_back({fits ? static_cast<long long>(most - directory - offset) : begin_,
-                        std::min(behind, size_)});
+                        std::min(behind, size_), behind == size_});
     }
     return zips;
 }
 
-// The first and the last one, and all whose comment goes to the file's end; of a file that begins
-// as a zip each that lies in no other. What is in a zip is the engine's affair, and a file of
-// another kind, as a tar, has many that nobody takes for it.
+// The first and the last one, and the last one whose comment goes to the file's end; of a file that
+// begins as a zip others that lie in no other, too. What is in a zip is the engine's affair, and a
+// file of another kind, as a tar, has many that nobody takes for it.
 std::vector<ZipBehind::Zip> ZipBehind::Readable(std::vector<Zip> zips) const {
     std::vector<Zip> readable;
-    for (const Zip& each : zips) {
-        const bool atFront = each.begin <= begin_ && readable.empty();
-        if (atFront || each.end == size_) readable.push_back(each);
-    }
+    const auto atFront = std::find_if(zips.begin(), zips.end(),
+                                      [&](const Zip& each) { return each.begin <= begin_; });
+    if (atFront != zips.end()) readable.push_back(*atFront);
+    const auto toEnd =
+        std::find_if(zips.rbegin(), zips.rend(), [](const Zip& each) { return each.toEnd; });
+    if (toEnd != zips.rend()) readable.push_back(*toEnd);
     if (!zips.empty()) readable.push_back(zips.back());
     std::sort(zips.begin(), zips.end(), [](const Zip& a, const Zip& b) {
         return std::tuple(a.begin, -a.end) < std::tuple(b.begin, -b.end);
     });
     long long behind = begin_ == 0 ? -1 : size_;
     for (const Zip& each : zips) {
-        if (each.end > behind) readable.push_back(each);
+        if (each.end > behind && readable.size() < kMostZips) readable.push_back(each);
         behind = std::max(behind, each.end);
     }
     // From the first file on, for who looks for files alone.
@@ -161,9 +167,7 @@ void ZipBehind::Finish(Questions& questions, const std::string& place) {
     if (zip_ == nullptr || ends_.empty()) return;
     const int file = zip_->Rewind();
     if (file < 0) return questions.Fail();
-    const std::vector<Zip> zips = Readable(Zips(file));
-    if (tooMany_ || zips.size() > kMostZips) return questions.Stop();
-    for (const Zip& each : zips) {
+    for (const Zip& each : Readable(Zips(file))) {
         if (!questions.Going()) return;
         const bool whole = begin_ == 0 && each.begin == 0 && each.end == size_;
         if (!whole) Put(file, each, questions, place);

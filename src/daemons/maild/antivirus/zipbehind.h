@@ -3,6 +3,7 @@
 // engine goes by the file's first bytes, and reads one zip of those that are there.
 #pragma once
 
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -25,6 +26,7 @@ class ZipBehind {
     struct Zip {
         long long begin = 0;  // in front of the first file's header there may be anything
         long long end = 0;
+        bool toEnd = false;  // by its comment's length
     };
 
     // Whether there can't be the beginning of a zip in the next bytes, nor in those before them;
@@ -35,11 +37,11 @@ class ZipBehind {
     std::vector<Zip> Readable(std::vector<Zip> zips) const;
     void Put(int file, const Zip& zip, Questions& questions, const std::string& place) const;
 
-    std::string joined_;            // the last bytes, in which a mark may have begun
-    long long size_ = 0;            // of all that has come
-    long long begin_ = 0;           // of what is kept
-    std::vector<long long> ends_;   // of directories: where their marks are
-    bool tooMany_ = false;          // of them
+    std::string joined_;          // the last bytes, in which a mark may have begun
+    long long size_ = 0;          // of all that has come
+    long long begin_ = 0;         // of what is kept
+    std::deque<long long> ends_;  // of directories: where their marks are
+    long long firstEnd_ = -1;
     std::unique_ptr<Scratch> zip_;  // from the first file's header on
 };
 

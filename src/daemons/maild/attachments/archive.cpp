@@ -160,8 +160,6 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
     bool macros = false;
     std::set<std::string> names;
     std::size_t files = 0;
-    std::optional<Repacked> unpacked;
-    if (questions_ != nullptr) unpacked.emplace(*questions_, asksFor_);
     for (bool listed = false; going_; listed = true) {
         archive_entry* entry = nullptr;
         const int result = archive_read_next_header(from, &entry);
@@ -179,10 +177,8 @@ bool ArchiveLooker::Entries(archive* from, Spill& spill, Scratch& file, const st
         }
         if (!Counted(depth)) break;
         ++files;
-        const bool asked = unpacked && !IsOfCommonKind(from);
-        macros = Entry(from, entry, path, depth, names, asked ? &*unpacked : nullptr) || macros;
+        macros = Entry(from, entry, path, depth, names, !IsOfCommonKind(from)) || macros;
     }
-    if (unpacked) unpacked->Finish();
     if (const char* const kind = EncryptedBy(from)) NoteEncrypted(kind);
     // Whatever it begins as, readers of zips find the one at its end.
     const bool zip = IsZip(from);
@@ -205,7 +201,7 @@ bool ArchiveLooker::Counted(int depth) {
 
 // True if by its name it is what Office keeps macros in.
 bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
-                          std::set<std::string>& listed, Repacked* unpacked) {
+                          std::set<std::string>& listed, bool asked) {
     std::string shown;
     Attachment member;
     const auto add = [&](const char* name) {
@@ -226,7 +222,7 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
 
     // A folder may have bytes, too: it is one by what is said in one place.
     const bool message = CalledMessage(member.names);
-    Spill spill(CalledArchive(member.names, ""), message || unpacked != nullptr);
+    Spill spill(CalledArchive(member.names, ""), message || (asked && unpacked_));
     const bool encrypted = archive_entry_is_encrypted(entry) > 0;
     if (encrypted) {
         NoteEncrypted(KindOf(from));
@@ -243,7 +239,7 @@ bool ArchiveLooker::Entry(archive* from, archive_entry* entry, const std::string
     if (!encrypted) {
         member.size = spill.Size();
         if (Scratch* const file = spill.Finish()) {
-            if (unpacked != nullptr) unpacked->Add(file->Rewind(), file->Size());
+            if (asked && unpacked_) unpacked_->Add(file->Rewind(), file->Size());
             if (message || spill.MayBeArchive()) macros = Look(spill, *file, inner, depth + 1);
             if (message && going_) {
                 // It may hold large archives itself: nobody waits for a place while he has one.

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -36,12 +37,16 @@ class ArchiveLooker {
     // `file` is what a Finish gave. `path` is what it is called, for people. True if there is an
     // Office document with macros by what lies in it.
     bool Look(Spill& spill, Scratch& file, const std::string& path) {
-        return Look(spill, file, path, 1);
+        const bool macros = Look(spill, file, path, 1);
+        if (unpacked_) unpacked_->Finish();
+        return macros;
     }
     // Null: the engine is not asked about anything. `place`: of the part that is looked at.
     void AskThrough(Questions* questions, const std::string& place) {
         questions_ = questions;
         asksFor_ = place;
+        unpacked_.reset();
+        if (questions != nullptr) unpacked_.emplace(*questions, place);
     }
     // Bounds count from here on: another walk over the message.
     void BeginAnew();
@@ -61,9 +66,9 @@ class ArchiveLooker {
   private:
     bool Look(Spill& spill, Scratch& file, const std::string& path, int depth);
     bool Entries(archive* from, Spill& spill, Scratch& file, const std::string& path, int depth);
-    // `unpacked`: to which the file goes, for the engine; may be null.
+    // `asked`: the engine is asked about the file.
     bool Entry(archive* from, archive_entry* entry, const std::string& path, int depth,
-               std::set<std::string>& listed, Repacked* unpacked);
+               std::set<std::string>& listed, bool asked);
     bool Unpacked(Spill& spill, Scratch& file, const std::string& path, int depth);
     bool BothSides(Scratch& file, const std::string& path, int depth, std::set<std::string>& listed,
                    std::size_t files);
@@ -83,7 +88,8 @@ class ArchiveLooker {
     const UseMessage useMessage_;
     Questions* questions_ = nullptr;
     std::string asksFor_;
-    long long packed_ = 0;  // bytes of the archives themselves, the outermost ones
+    std::optional<Repacked> unpacked_;  // of all archives in each other
+    long long packed_ = 0;              // bytes of the archives themselves, the outermost ones
     long long bytes_ = 0;
     LargePlace place_;
     int entries_ = 0;

@@ -3,8 +3,6 @@
 #include <archive_entry.h>
 #include <unistd.h>
 
-#include <optional>
-
 #include "daemons/maild/antivirus/zipbehind.h"
 #include "daemons/maild/attachments/archive.h"
 #include "daemons/maild/attachments/names.h"
@@ -61,9 +59,6 @@ bool ArchiveLooker::Unlisted(Scratch& file, const std::string& path, int depth,
                              const std::vector<long long>& places, std::set<std::string>& listed) {
     bool macros = false;
     std::set<long long> left(places.begin(), places.end());
-    // The engine goes by the directory.
-    std::optional<Repacked> unpacked;
-    if (questions_ != nullptr) unpacked.emplace(*questions_, asksFor_);
     while (going_ && !left.empty()) {
         const long long from = *left.begin();
         left.erase(left.begin());
@@ -85,13 +80,11 @@ bool ArchiveLooker::Unlisted(Scratch& file, const std::string& path, int depth,
             left.erase(at);
             if (!Counted(depth)) break;
             lookedInto_ = false;
-            macros =
-                Entry(reader.get(), entry, path, depth, listed, unpacked ? &*unpacked : nullptr) ||
-                macros;
+            // The engine goes by the directory.
+            macros = Entry(reader.get(), entry, path, depth, listed, true) || macros;
             archiveAt = lookedInto_ ? at : -1;
         }
     }
-    if (unpacked) unpacked->Finish();
     return macros;
 }
 

@@ -113,10 +113,14 @@ TEST(Unpacked, MessagesInArchives) {
     for (int i = 0; i < 300; ++i)
         many.push_back({std::to_string(i) + ".eml", "A: b\n\nx" + std::to_string(i)});
     EXPECT_FALSE(AskedOf(Mail({{"f.zip", Zip(many)}})).tooMany);
+    std::vector<std::string> streams;
+    for (int i = 0; i < 16; ++i)
+        streams.push_back(Pack("raw", "bzip2", {{"a", std::to_string(i)}}));
     std::vector<Packed> packed;
-    for (int i = 0; i < 300; ++i)
-        packed.push_back(
-            {std::to_string(i) + ".bz2", Pack("raw", "bzip2", {{"a", std::to_string(i)}})});
+    for (const std::string& each : streams) {
+        for (const std::string& other : streams)
+            packed.push_back({std::to_string(packed.size()) + ".bz2", each + other});
+    }
     EXPECT_EQ(AskedOf(Mail({{"f.zip", Zip(packed)}})).files.size(), 1U);
 }
 

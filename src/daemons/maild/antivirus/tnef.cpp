@@ -143,7 +143,9 @@ void TnefReader::AddName(std::string_view bytes, bool wide) {
         name = DecodeLoosely(bytes);
     }
     name.resize(std::min(name.size(), name.find('\0')));
-    if (!name.empty() && names_.size() < kMostOfOne) names_.push_back(std::move(name));
+    if (name.empty()) return;
+    if (names_.size() >= kMostOfOne) return questions_.Stop();
+    names_.push_back(std::move(name));
 }
 
 // Wherever something looks like one: other names do no harm.
@@ -151,10 +153,9 @@ void TnefReader::FindNames(Scratch& properties) {
     const int file = properties.Rewind();
     std::string held;
     long long heldAt = 0;
-    std::size_t found = 0;
     const auto look = [&](std::string_view text, off_t) {
         held += text;
-        for (std::size_t at = held.find(kOneValue); at != std::string::npos && found < kMostOfOne;
+        for (std::size_t at = held.find(kOneValue); at != std::string::npos && questions_.Going();
              at = held.find(kOneValue, at + 1)) {
             const std::string_view head = std::string_view(held).substr(at < 4 ? 0 : at - 4);
             const bool wide = head.starts_with(kWideText);
@@ -168,12 +169,11 @@ void TnefReader::FindNames(Scratch& properties) {
             AddName(std::string_view(value).substr(
                         0, static_cast<std::size_t>(std::max<ssize_t>(count, 0))),
                     wide);
-            ++found;
         }
         const std::size_t gone = held.size() - std::min(held.size(), kPropertyHead - 1);
         held.erase(0, gone);
         heldAt += static_cast<long long>(gone);
-        return found < kMostOfOne;
+        return questions_.Going();
     };
     if (file < 0) return questions_.Fail();
     ReadBlocks(file, 0, look);

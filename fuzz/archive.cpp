@@ -18,8 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                  std::abort();  // and names without files
                          });
     maild::Questions questions(
-        [](int file, long long size) {
-            if (file < 0 || size <= 0) std::abort();
+        [](int file, long long bytes) {
+            if (file < 0 || bytes <= 0) std::abort();
             return ScanResult{ScanOutcome::kClean, ""};
         },
         static_cast<long long>(size));

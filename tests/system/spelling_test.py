@@ -4,10 +4,9 @@ spellings, the same in each run."""
 import random
 import re
 import socket
-import threading
 import unittest
 
-from harness import NET, Client, Proxy
+from harness import NET, Client, Listening, Proxy
 from real_server import Exim, Postfix, available, exim_available
 
 LIST = "/VTWIN/Filters/AS/SenderBlackList/"
@@ -23,24 +22,16 @@ RECIPIENTS = [b"<bad@evil.example>", b"<r@example.org>", b" r@example.org", b"<@
               b"<r@example.org> NOTIFY=NEVER", b"<r@example.org>group:bad@evil.example;"]
 
 
-class Policy:
+class Policy(Listening):
     """Postfix tells it of each recipient; (sender, recipient) as it has read them are in `seen`."""
 
     def __init__(self):
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.service = "check_policy_service inet:127.0.0.1:%d" % self.listener.getsockname()[1]
         self.seen = []
-        threading.Thread(target=self.accept, daemon=True).start()
+        self.listen()
 
-    def accept(self):
-        while True:
-            try:
-                client, _ = self.listener.accept()
-            except OSError:
-                return
-            threading.Thread(target=self.serve, args=(client,), daemon=True).start()
-
-    def serve(self, client):
+    def _serve(self, client):
         fields = {}
         with client, client.makefile("rb") as stream:
             for line in stream:
@@ -49,10 +40,6 @@ class Policy:
                 if line == b"\n":
                     self.seen.append((fields[b"sender"], fields[b"recipient"]))
                     client.sendall(b"action=DUNNO\n\n")
-
-    def close(self):
-        self.listener.shutdown(socket.SHUT_RDWR)
-        self.listener.close()
 
 
 class Spelling(unittest.TestCase):

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "daemons/maild/antivirus/doubtful.h"
+#include "daemons/maild/asked.h"
 #include "text/base64.h"
 #include "walk/outline.h"
 
@@ -12,7 +13,6 @@ namespace {
 
 using namespace std::string_literals;
 
-// An engine that keeps what it is asked about, and finds what has the word.
 struct Asked {
     std::vector<std::string> files;
     ScanResult result;
@@ -27,16 +27,7 @@ struct Asked {
 Asked AskedOf(const std::string& text) {
     Asked asked;
     const platform::File file = FileOf(text);
-    maild::Questions questions(
-        [&](int part, long long size) {
-            std::string bytes(static_cast<std::size_t>(size), '\0');
-            EXPECT_EQ(pread(part, bytes.data(), bytes.size(), 0), size);
-            asked.files.push_back(bytes);
-            return bytes.find("virus") == std::string::npos
-                       ? ScanResult{ScanOutcome::kClean, ""}
-                       : ScanResult{ScanOutcome::kInfected, "virus"};
-        },
-        file.Size());
+    maild::Questions questions(KeepingIn(asked.files), file.Size());
     const maild::WalkLimits limits;
     maild::DoubtfulParts doubtful(
         questions, {file.Descriptor(), maild::Dots::kPlain, {0, file.Size()}}, limits);

@@ -1,6 +1,5 @@
 // Zips that a reader finds in a file that is no zip, or another one.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <set>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "daemons/maild/antivirus/zipbehind.h"
+#include "daemons/maild/asked.h"
 
 namespace {
 
@@ -20,18 +20,13 @@ struct Asked {
 // What the engine is asked about, of a file that comes in pieces.
 Asked AskedOf(const std::string& file, std::size_t piece) {
     Asked asked;
-    maild::Questions questions(
-        [&](int part, long long size) {
-            std::string bytes(static_cast<std::size_t>(size), '\0');
-            EXPECT_EQ(pread(part, bytes.data(), bytes.size(), 0), size);
-            asked.files.insert(bytes);
-            return ScanResult{ScanOutcome::kClean, ""};
-        },
-        static_cast<long long>(file.size()));
+    std::vector<std::string> files;
+    maild::Questions questions(KeepingIn(files), static_cast<long long>(file.size()));
     maild::ZipBehind zip;
     for (std::size_t at = 0; at < file.size(); at += piece)
         EXPECT_TRUE(zip.Write(std::string_view(file).substr(at, piece)));
     zip.Finish(questions, "1");
+    asked.files.insert(files.begin(), files.end());
     asked.tooMany = questions.TooMany();
     EXPECT_EQ(questions.Result().outcome, ScanOutcome::kClean);
     return asked;

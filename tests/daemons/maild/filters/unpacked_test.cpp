@@ -1,5 +1,5 @@
 // Files in archives and in TNEF, as the engine and the rules see them.
-#include "daemons/maild/antivirus/questions.h"
+#include "daemons/maild/asked.h"
 #include "filtering.h"
 
 namespace {
@@ -23,14 +23,7 @@ struct Asked {
 // What the engine is asked about while the filter sees the message, which has no other questions.
 Asked AskedOf(const std::string& message, const maild::AttachmentRules& rules = {}) {
     Asked asked;
-    maild::Questions questions(
-        [&](int part, long long size) {
-            std::string bytes(static_cast<std::size_t>(size), '\0');
-            EXPECT_EQ(pread(part, bytes.data(), bytes.size(), 0), size);
-            asked.files.push_back(bytes);
-            return ScanResult{ScanOutcome::kClean, ""};
-        },
-        static_cast<long long>(message.size()));
+    maild::Questions questions(KeepingIn(asked.files), static_cast<long long>(message.size()));
     maild::AttachmentFilter filter(rules,
                                    std::chrono::steady_clock::now() + std::chrono::seconds(30));
     filter.AskThrough(&questions);
